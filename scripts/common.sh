@@ -1,0 +1,41 @@
+# shellcheck shell=bash
+# What every script here starts with. Sourced, never run.
+
+set -euo pipefail
+
+# The root of the source tree; every script works from there.
+ROOT="$(cd -- "$(dirname -- "${BASH_SOURCE[0]}")/.." && pwd)"
+cd -- "$ROOT"
+
+# Debian's own tools and nothing else: another Python, compiler or CMake package tree in front of them on PATH (conda,
+# pyenv, /usr/local) would be found by CMake and by "python3" and give a build that nobody else can repeat.
+export PATH=/usr/sbin:/usr/bin:/sbin:/bin
+unset PYTHONPATH PYTHONHOME
+export PYTHONNOUSERSITE=1
+PYTHON=/usr/bin/python3
+export PYTHON
+
+# How many processes to run at once.
+JOBS="${VANTORA_JOBS:-$(nproc)}"
+export JOBS
+
+# die MESSAGE: one line on standard error, then the end.
+die() {
+    printf '%s: %s\n' "${0##*/}" "$1" >&2
+    exit "${2:-1}"
+}
+
+# say MESSAGE: what happens now, marked so that it stands out between the output of tools.
+say() {
+    printf -- '-- %s\n' "$1"
+}
+
+# usage: prints the comment block at the top of the running script, which is its help text.
+usage() {
+    sed -n '2,/^$/{/^#/!d;s/^# \{0,1\}//;p}' "$0"
+}
+
+# list_packages FILE...: the package names in such files, without comments.
+list_packages() {
+    sed -e 's/#.*//' -e 's/[[:space:]]//g' -e '/^$/d' -- "$@"
+}
