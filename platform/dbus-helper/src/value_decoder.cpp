@@ -1,0 +1,180 @@
+#include "value_decoder.hpp"
+
+#include <cerrno>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "dbus-helper/sdbus_utils.hpp"
+
+namespace sdbus_utils::detail {
+
+namespace {
+
+/**
+ * Reads one value of a basic type. sd-bus stores a boolean in an int and a text behind a pointer into the
+ * message: `Wire` is what it stores, `T` what we keep. Returns 1, 0 at the end of the array, a negative
+ * errno.
+ */
+template <typename T, typename Wire>
+int read_basic(sd_bus_message* message, char type, T& value)
+{
+    Wire wire = {};
+    const int r = sd_bus_message_read_basic(message, type, &wire);
+    if (r > 0) {
+        value = static_cast<T>(wire);
+    }
+    return r;
+}
+
+template <typename T, typename Wire>
+int decode_basic(sd_bus_message* message, char type, std::any& value)
+{
+    T single = {};
+    const int r = read_basic<T, Wire>(message, type, single);
+    if (r <= 0) {
+        return r < 0 ? r : -EBADMSG;
+    }
+    value = std::move(single);
+    return 0;
+}
+
+template <typename T, typename Wire>
+int decode_array(sd_bus_message* message, char type, std::any& value)
+{
+    const char contents[] = {type, '\0'};
+    int r = sd_bus_message_enter_container(message, SD_BUS_TYPE_ARRAY, contents);
+    if (r <= 0) {
+        return r < 0 ? r : -EBADMSG;
+    }
+    std::vector<T> values;
+    T element = {};
+    while ((r = read_basic<T, Wire>(message, type, element)) > 0) {
+        values.push_back(element);
+    }
+    if (r < 0) {
+        return r;
+    }
+    value = std::move(values);
+    return sd_bus_message_exit_container(message);
+}
+
+/** Byte arrays in one go. sd-bus refuses that for a message in the other byte order; then one by one. */
+int decode_bytes(sd_bus_message* message, std::any& value)
+{
+    const void* data = nullptr;
+    std::size_t size = 0;
+    const int r = sd_bus_message_read_array(message, SD_BUS_TYPE_BYTE, &data, &size);
+    if (r == -EOPNOTSUPP) {
+        return decode_array<std::uint8_t, std::uint8_t>(message, SD_BUS_TYPE_BYTE, value);
+    }
+    if (r <= 0) {
+        return r < 0 ? r : -EBADMSG;
+    }
+    const auto* first = static_cast<const std::uint8_t*>(data);
+    value = size > 0 ? std::vector<std::uint8_t>(first, first + size) : std::vector<std::uint8_t>();
+    return 0;
+}
+
+template <bool Array, typename T, typename Wire = T>
+int decode_as(sd_bus_message* message, char type, std::any& value)
+{
+    if constexpr (Array) {
+        return decode_array<T, Wire>(message, type, value);
+    } else {
+        return decode_basic<T, Wire>(message, type, value);
+    }
+}
+
+/** One value, or an array of values, of a basic type; a type that is not listed leaves `known` false. */
+template <bool Array>
+int decode_by_type(sd_bus_message* message, char type, std::any& value, bool& known)
+{
+    known = true;
+    switch (type) {
+    case SD_BUS_TYPE_BYTE:
+        return decode_as<Array, std::uint8_t>(message, type, value);
+    case SD_BUS_TYPE_BOOLEAN:
+        return decode_as<Array, bool, int>(message, type, value);
+    case SD_BUS_TYPE_INT16:
+        return decode_as<Array, std::int16_t>(message, type, value);
+    case SD_BUS_TYPE_UINT16:
+        return decode_as<Array, std::uint16_t>(message, type, value);
+    case SD_BUS_TYPE_INT32:
+        return decode_as<Array, std::int32_t>(message, type, value);
+    case SD_BUS_TYPE_UINT32:
+        return decode_as<Array, std::uint32_t>(message, type, value);
+    case SD_BUS_TYPE_INT64:
+        return decode_as<Array, std::int64_t>(message, type, value);
+    case SD_BUS_TYPE_UINT64:
+        return decode_as<Array, std::uint64_t>(message, type, value);
+    case SD_BUS_TYPE_DOUBLE:
+        return decode_as<Array, double>(message, type, value);
+    case SD_BUS_TYPE_STRING:
+    case SD_BUS_TYPE_OBJECT_PATH:
+    case SD_BUS_TYPE_SIGNATURE:
+        return decode_as<Array, std::string, const char*>(message, type, value);
+    default:
+        known = false;
+        return 0;
+    }
+}
+
+/** sd-bus limits how deep containers may stand in each other, and with that how deep this can recurse. */
+int decode_variant(sd_bus_message* message, std::any& value, Decoded& decoded)
+{
+    char type = 0;
+    const char* contents = nullptr;
+    int r = sd_bus_message_peek_type(message, &type, &contents);
+    if (r <= 0 || type != SD_BUS_TYPE_VARIANT) {
+        return r < 0 ? r : -EBADMSG;
+    }
+    r = sd_bus_message_enter_container(message, SD_BUS_TYPE_VARIANT, contents);
+    if (r < 0) {
+        return r;
+    }
+    r = decode_value(message, contents, value, decoded);
+    return r < 0 ? r : sd_bus_message_exit_container(message);
+}
+
+} // namespace
+
+int decode_value(sd_bus_message* message, const char* signature, std::any& value, Decoded& decoded)
+{
+    decoded = Decoded::Value;
+    const std::string_view type(signature);
+    int r = 0;
+    bool known = false;
+    if (type == "ay") {
+        return decode_bytes(message, value);
+    }
+    if (type == "v") {
+        r = decode_variant(message, value, decoded);
+        return r < 0 ? r : 0;
+    }
+    if (type == "a{sv}") {
+        PropertyMap dictionary;
+        r = ParseProperties(message, dictionary);
+        if (r >= 0) {
+            value = std::move(dictionary);
+        }
+        return r;
+    }
+    if (type.size() == 1) {
+        r = decode_by_type<false>(message, type[0], value, known);
+    } else if (type.size() == 2 && type[0] == SD_BUS_TYPE_ARRAY) {
+        r = decode_by_type<true>(message, type[1], value, known);
+    }
+    if (known) {
+        return r < 0 ? r : 0;
+    }
+    decoded = Decoded::Skipped;
+    r = sd_bus_message_skip(message, signature);
+    return r < 0 ? r : 0;
+}
+
+} // namespace sdbus_utils::detail

@@ -1,0 +1,37 @@
+#include "device_conf.hpp"
+
+#include "small_file.hpp"
+
+namespace KorrinInfo::detail {
+
+DeviceConf parse_device_conf(std::string_view text)
+{
+    constexpr std::string_view byte_order_mark = "\xEF\xBB\xBF";
+    if (text.starts_with(byte_order_mark)) {
+        text.remove_prefix(byte_order_mark.size());
+    }
+    DeviceConf conf;
+    while (!text.empty()) {
+        const auto line_end = text.find('\n');
+        const std::string_view line = trim(text.substr(0, line_end));
+        text.remove_prefix(line_end == std::string_view::npos ? text.size() : line_end + 1);
+
+        const auto equals = line.find('=');
+        if (line.empty() || line.front() == '#' || line.front() == ';' || equals == std::string_view::npos) {
+            continue;
+        }
+        const std::string_view key = trim(line.substr(0, equals));
+        if (!key.empty()) {
+            conf.insert_or_assign(std::string(key), std::string(trim(line.substr(equals + 1))));
+        }
+    }
+    return conf;
+}
+
+DeviceConf read_device_conf(const std::string& path)
+{
+    const auto text = read_small_file(path);
+    return text ? parse_device_conf(*text) : DeviceConf{};
+}
+
+} // namespace KorrinInfo::detail

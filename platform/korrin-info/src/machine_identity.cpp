@@ -1,0 +1,93 @@
+#include "machine_identity.hpp"
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <string_view>
+
+#include "small_file.hpp"
+
+namespace KorrinInfo::detail {
+
+namespace {
+
+/** The first line of a file, or its text up to the NUL that ends a device-tree string. */
+std::string read_word(const std::string& path)
+{
+    constexpr std::string_view ends("\0\r\n", 3);
+    const auto contents = read_small_file(path);
+    if (!contents) {
+        return {};
+    }
+    const std::string_view text = trim(*contents);
+    return std::string(trim(text.substr(0, text.find_first_of(ends))));
+}
+
+/** A DMI field, or nothing where the board's maker left the template's text in it. */
+std::string read_dmi_field(const std::string& path)
+{
+    constexpr std::array<std::string_view, 9> fillers = {
+        "to be filled by o.e.m.", "default string", "not specified",
+        "not applicable",         "none",           "system product name",
+        "system serial number",   "unknown",        "0",
+    };
+    const std::string value = read_word(path);
+    std::string lower_case = value;
+    std::transform(lower_case.begin(), lower_case.end(), lower_case.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    const bool filler = std::find(fillers.begin(), fillers.end(), lower_case) != fillers.end();
+    return filler ? std::string() : value;
+}
+
+/**
+ * Twelve hexadecimal digits made from the machine id. The id itself is meant to stay on the machine, while a
+ * serial number is shown to everybody (it becomes part of the network's name), so only a digest leaves here.
+ */
+std::string machine_id_digest(const std::string& path)
+{
+    constexpr std::size_t machine_id_length = 32;
+    const std::string id = read_word(path);
+    const bool valid =
+        id.size() == machine_id_length &&
+        std::all_of(id.begin(), id.end(), [](unsigned char c) { return std::isxdigit(c) != 0; });
+    if (!valid) {
+        return {};
+    }
+    std::uint64_t digest = 0xCBF29CE484222325U; // FNV-1a, 64 bits
+    for (const unsigned char c : id) {
+        digest = (digest ^ c) * 0x100000001B3U;
+    }
+    constexpr std::uint64_t low_48_bits = 0xFFFF'FFFF'FFFFU;
+    std::array<char, 13> text = {};
+    std::snprintf(text.data(), text.size(), "%012llX",
+                  static_cast<unsigned long long>((digest ^ (digest >> 48U)) & low_48_bits));
+    return text.data();
+}
+
+} // namespace
+
+std::string machine_model(const std::string& root)
+{
+    std::string model = read_word(root + "/proc/device-tree/model");
+    if (model.empty()) {
+        model = read_dmi_field(root + "/sys/class/dmi/id/product_name");
+    }
+    return model;
+}
+
+std::string machine_serial(const std::string& root)
+{
+    std::string serial = read_word(root + "/proc/device-tree/serial-number");
+    if (serial.empty()) {
+        serial = read_dmi_field(root + "/sys/class/dmi/id/product_serial");
+    }
+    if (serial.empty()) {
+        serial = machine_id_digest(root + "/etc/machine-id");
+    }
+    return serial;
+}
+
+} // namespace KorrinInfo::detail

@@ -1,0 +1,121 @@
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+#include <system_error>
+
+#include <syslog.h>
+#include <systemd/sd-bus.h>
+#include <systemd/sd-daemon.h>
+#include <systemd/sd-event.h>
+#include <unistd.h>
+
+#include "options.hpp"
+#include "service.hpp"
+#include "store.hpp"
+#include "support/sd_handles.hpp"
+
+namespace {
+
+using namespace settingsd;
+
+/** Ends a step of the start-up: true when it went well, else the failure is logged. */
+bool succeeded(int r, const char* step)
+{
+    if (r < 0) {
+        syslog(LOG_ERR, "Cannot %s: %s", step, std::system_category().message(-r).c_str());
+    }
+    return r >= 0;
+}
+
+/** SIGTERM and SIGINT end the loop with status 0. Returns a negative errno on failure. */
+int end_loop_on_signals(sd_event* event)
+{
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGTERM);
+    sigaddset(&signals, SIGINT);
+    if (sigprocmask(SIG_BLOCK, &signals, nullptr) != 0) {
+        return -errno;
+    }
+    for (const int number : {SIGTERM, SIGINT}) {
+        const int r = sd_event_add_signal(event, nullptr, number, nullptr, nullptr);
+        if (r < 0) {
+            return r;
+        }
+    }
+    return 0;
+}
+
+void load(SettingsStore& store, const std::string& file)
+{
+    std::error_code ignored; // a folder that cannot be made shows when something is to be stored
+    std::filesystem::create_directories(std::filesystem::path(file).parent_path(), ignored);
+    for (const std::string& finding : store.load()) {
+        syslog(LOG_WARNING, "%s: %s", file.c_str(), finding.c_str());
+    }
+}
+
+int serve(const std::string& state_file)
+{
+    sd_event* new_event = nullptr;
+    int r = sd_event_default(&new_event);
+    const vantora::EventPtr event(new_event);
+    if (!succeeded(r, "make an event loop") ||
+        !succeeded(end_loop_on_signals(event.get()), "handle signals")) {
+        return EXIT_FAILURE;
+    }
+
+    SettingsStore store(state_file, device_schema());
+    load(store, state_file);
+
+    sd_bus* new_bus = nullptr;
+    r = sd_bus_open_user(&new_bus);
+    const vantora::BusPtr bus(new_bus);
+    if (!succeeded(r, "open the user bus") ||
+        !succeeded(sd_bus_set_exit_on_disconnect(bus.get(), 1), "watch the user bus") ||
+        !succeeded(sd_bus_attach_event(bus.get(), event.get(), SD_EVENT_PRIORITY_NORMAL),
+                   "attach the user bus")) {
+        return EXIT_FAILURE;
+    }
+    SettingsService service(bus.get(), store);
+    if (!succeeded(service.publish(), "publish the settings") ||
+        !succeeded(sd_bus_request_name(bus.get(), service_name, 0),
+                   "own the name com.vantora.common.Settings1")) {
+        return EXIT_FAILURE;
+    }
+    sd_notify(0, "READY=1");
+    r = sd_event_loop(event.get());
+    sd_notify(0, "STOPPING=1");
+    if (r > 0) {
+        syslog(LOG_ERR, "The user bus is gone");
+    }
+    return succeeded(r, "run the event loop") && r == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
+}
+
+} // namespace
+
+int main(int argc, char* argv[])
+{
+    // Started by hand, the log shows on the terminal too.
+    openlog("vantora-settingsd", ::isatty(STDERR_FILENO) != 0 ? LOG_PERROR : 0, LOG_DAEMON);
+    // A file-size limit is one more way of having no room: an error to report, not a reason to die.
+    std::signal(SIGXFSZ, SIG_IGN);
+
+    const Options options = parse_options(argc, argv);
+    switch (options.action) {
+    case Options::Action::Help:
+        print_help();
+        return EXIT_SUCCESS;
+    case Options::Action::Version:
+        std::puts("vantora-settingsd " VANTORA_VERSION);
+        return EXIT_SUCCESS;
+    case Options::Action::Invalid:
+        return 2;
+    case Options::Action::Serve:
+        break;
+    }
+    return serve(options.state_file);
+}

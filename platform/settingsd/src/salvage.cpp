@@ -1,0 +1,102 @@
+#include "salvage.hpp"
+
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <utility>
+
+namespace settingsd {
+
+namespace {
+
+using nlohmann::json;
+
+/** Follows the parser's events up to the damage, and remembers the values that stand at section level. */
+class Salvager : public nlohmann::json_sax<json>
+{
+public:
+    json take() { return std::move(found_); }
+
+    bool null() override { return true; }
+    bool boolean(bool value) override { return scalar(value); }
+    bool number_integer(number_integer_t value) override { return scalar(value); }
+    bool number_unsigned(number_unsigned_t value) override { return scalar(value); }
+    bool number_float(number_float_t, const string_t&) override { return true; }
+    bool string(string_t& value) override { return scalar(value); }
+    bool binary(binary_t&) override { return true; }
+
+    bool start_object(std::size_t) override { return open(); }
+    bool start_array(std::size_t) override { return open(); }
+    bool end_object() override { return close(); }
+    bool end_array() override { return close(); }
+
+    bool key(string_t& name) override
+    {
+        keep_pending();
+        if (depth_ == section_depth) {
+            section_ = name;
+        } else if (depth_ == setting_depth) {
+            setting_ = name;
+        }
+        return true;
+    }
+
+    bool parse_error(std::size_t, const std::string&, const nlohmann::detail::exception&) override
+    {
+        return false;
+    }
+
+private:
+    static constexpr int section_depth = 1;
+    static constexpr int setting_depth = 2;
+
+    template <typename T>
+    bool scalar(const T& value)
+    {
+        if (depth_ == setting_depth && !section_.empty() && !setting_.empty()) {
+            pending_ = json(value);
+        }
+        return true;
+    }
+
+    bool open()
+    {
+        ++depth_;
+        setting_.clear();
+        return true;
+    }
+
+    bool close()
+    {
+        keep_pending();
+        --depth_;
+        setting_.clear();
+        return true;
+    }
+
+    /** A value is whole once something follows it. */
+    void keep_pending()
+    {
+        if (pending_) {
+            found_[section_][setting_] = std::move(*pending_);
+            pending_.reset();
+        }
+    }
+
+    json found_ = json::object();
+    std::optional<json> pending_;
+    std::string section_;
+    std::string setting_;
+    int depth_ = 0;
+};
+
+} // namespace
+
+json salvage(std::string_view text)
+{
+    Salvager salvager;
+    json::sax_parse(text, &salvager);
+    return salvager.take();
+}
+
+} // namespace settingsd

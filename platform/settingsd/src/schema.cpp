@@ -1,0 +1,55 @@
+#include "schema.hpp"
+
+#include <algorithm>
+#include <array>
+
+#include "korrin-info/korrin_info.hpp"
+
+namespace settingsd {
+
+const char* type_of(const Value& value)
+{
+    constexpr std::array<const char*, std::variant_size_v<Value>> types = {"b", "i", "s"};
+    return types.at(value.index());
+}
+
+Schema device_schema()
+{
+    // To add a setting, add a row; the rows of a section stand together.
+    static const std::array settings = {
+        Setting{"development", "killWifiOnBoot", false},
+        Setting{
+            "device", "deviceName",
+            default_device_name(KorrinInfo::ThisModel::DisplayName(), KorrinInfo::ThisKorrin::SerialNumber()),
+            Belongs::ToOwner},
+        Setting{"display", "brightness", 80},
+        Setting{"locale", "language", "en"},
+        Setting{"locale", "timezone", "UTC"},
+        Setting{"network", "enabled", true},
+        Setting{"network", "mode", "Host"},
+        Setting{"network", "frequency", "2.4"},
+    };
+    return settings;
+}
+
+const Setting* find_setting(Schema schema, std::string_view section, std::string_view key)
+{
+    const auto found = std::find_if(schema.begin(), schema.end(), [&](const Setting& setting) {
+        return section == setting.section && key == setting.key;
+    });
+    return found != schema.end() ? &*found : nullptr;
+}
+
+bool has_section(Schema schema, std::string_view section)
+{
+    return std::any_of(schema.begin(), schema.end(),
+                       [&](const Setting& setting) { return section == setting.section; });
+}
+
+std::string default_device_name(const std::string& model, const std::string& serial)
+{
+    const auto hyphen = serial.find('-');
+    return model + "-" + (hyphen == std::string::npos ? serial : serial.substr(hyphen + 1));
+}
+
+} // namespace settingsd
