@@ -1,0 +1,30 @@
+set(VANTORA_PLATFORM "bundled" CACHE STRING
+  "Where libKorrinInfo and libdbus-helper come from: bundled (platform/) or installed (the device's own)")
+set_property(CACHE VANTORA_PLATFORM PROPERTY STRINGS bundled installed)
+if(NOT VANTORA_PLATFORM MATCHES "^(bundled|installed)$")
+  message(FATAL_ERROR "VANTORA_PLATFORM must be 'bundled' or 'installed', not '${VANTORA_PLATFORM}'")
+endif()
+
+option(VANTORA_BUILD_TESTS "Build the unit tests and the helpers of the contract tests" ON)
+set(VANTORA_SANITIZE "" CACHE STRING "Sanitizers to build with, as -fsanitize= takes them (address,undefined or thread)")
+option(VANTORA_COVERAGE "Instrument for gcov" OFF)
+
+# Every target of the project links this one: warnings and hardening in one place.
+add_library(vantora-build-flags INTERFACE)
+target_compile_options(vantora-build-flags INTERFACE
+  -Wall -Wextra -Wpedantic -Werror -Wshadow -Wnon-virtual-dtor -Wformat=2
+  -fstack-protector-strong -ffunction-sections -fdata-sections)
+target_link_options(vantora-build-flags INTERFACE -Wl,--gc-sections -Wl,-z,relro,-z,now -Wl,--as-needed)
+
+if(VANTORA_SANITIZE)
+  target_compile_options(vantora-build-flags INTERFACE
+    -fsanitize=${VANTORA_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+  target_link_options(vantora-build-flags INTERFACE -fsanitize=${VANTORA_SANITIZE})
+elseif(CMAKE_BUILD_TYPE STREQUAL "Release")
+  target_compile_definitions(vantora-build-flags INTERFACE _FORTIFY_SOURCE=2)
+endif()
+
+if(VANTORA_COVERAGE)
+  target_compile_options(vantora-build-flags INTERFACE --coverage -fprofile-update=atomic)
+  target_link_options(vantora-build-flags INTERFACE --coverage)
+endif()

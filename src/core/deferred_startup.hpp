@@ -1,0 +1,14 @@
+#pragma once
+
+#include <systemd/sd-event.h>
+
+/**
+ * Brings the radio into its stored configuration, or into the safe one when that can not be read; then connects
+ * the reactions to events, and starts to follow the kernel's addresses. Never gives up: whatever fails is logged
+ * and the next step taken. Runs once, on the loop's first iteration; the callback of sd_event_add_defer(3).
+ *
+ * @return always 0
+ *
+ * Announces `WiFiState` and, when the radio is on and its mode could be started, `Mode`.
+ */
+int init_wifi_callback(sd_event_source* source, void* userdata);

@@ -1,0 +1,56 @@
+#include "core/main_loop.hpp"
+
+#include <cerrno>
+#include <utility>
+
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+
+int MainLoopQueue::attach(sd_event* event)
+{
+    loopThread_ = std::this_thread::get_id();
+    wakeUp_.reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (!wakeUp_) {
+        return -errno;
+    }
+    const auto wokenUp = [](sd_event_source*, int fd, uint32_t, void* userdata) {
+        eventfd_t count = 0;
+        eventfd_read(fd, &count);
+        static_cast<MainLoopQueue*>(userdata)->run_posted();
+        return 0;
+    };
+    sd_event_source* source = nullptr;
+    const int result = sd_event_add_io(event, &source, wakeUp_.get(), EPOLLIN, wokenUp, this);
+    source_.reset(source);
+    return result;
+}
+
+void MainLoopQueue::detach()
+{
+    source_.reset();
+    const std::lock_guard lock(mutex_);
+    posted_.clear();
+}
+
+void MainLoopQueue::post(Work work)
+{
+    if (std::this_thread::get_id() == loopThread_) {
+        work();
+        return;
+    }
+    const std::lock_guard lock(mutex_);
+    posted_.push_back(std::move(work));
+    eventfd_write(wakeUp_.get(), 1);
+}
+
+void MainLoopQueue::run_posted()
+{
+    std::vector<Work> work;
+    {
+        const std::lock_guard lock(mutex_);
+        work.swap(posted_);
+    }
+    for (const Work& item : work) {
+        item();
+    }
+}

@@ -1,0 +1,69 @@
+#include "core/stop_signals.hpp"
+
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <utility>
+
+#include <poll.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include "utils/unique_fd.hpp"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto kTimeToEnd = 800ms;
+
+sigset_t stop_signals()
+{
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGTERM);
+    sigaddset(&signals, SIGINT);
+    return signals;
+}
+
+} // namespace
+
+StopSignals::StopSignals()
+{
+    const sigset_t signals = stop_signals();
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+}
+
+StopSignals::~StopSignals()
+{
+    ended_.set();
+    if (thread_.joinable()) {
+        thread_.join();
+    }
+}
+
+void StopSignals::watch(std::function<void()> stop)
+{
+    stop_ = std::move(stop);
+    thread_ = std::thread(&StopSignals::wait_for_signal, this);
+}
+
+void StopSignals::wait_for_signal()
+{
+    const sigset_t signals = stop_signals();
+    const UniqueFd arrived(signalfd(-1, &signals, SFD_CLOEXEC));
+
+    std::array<pollfd, 2> waits = {{{.fd = arrived.get(), .events = POLLIN, .revents = 0},
+                                    {.fd = ended_.fd(), .events = POLLIN, .revents = 0}}};
+    while (poll(waits.data(), waits.size(), -1) < 0 && errno == EINTR) {
+    }
+    if (ended_.is_set()) {
+        return;
+    }
+    stop_();
+    if (!ended_.wait_for(kTimeToEnd)) {
+        _exit(EXIT_SUCCESS);
+    }
+}

@@ -1,0 +1,36 @@
+#pragma once
+
+#include <functional>
+#include <thread>
+
+#include "utils/stop_flag.hpp"
+
+/**
+ * Turns SIGTERM and SIGINT into a call, on a thread of its own, and sees to it that the process then ends in time:
+ * when it is still there 800 milliseconds later, because the main thread or a listener waits for a neighbour that
+ * does not answer, it is ended with status 0 all the same.
+ *
+ * To be created before any other thread, so that all of them inherit the blocked signals.
+ */
+class StopSignals
+{
+public:
+    /** Blocks the signals. */
+    StopSignals();
+
+    /** Ends the thread; the signals stay blocked. */
+    ~StopSignals();
+
+    StopSignals(const StopSignals&) = delete;
+    StopSignals& operator=(const StopSignals&) = delete;
+
+    /** Waits for the signals from now on. @param stop called once, on another thread */
+    void watch(std::function<void()> stop);
+
+private:
+    void wait_for_signal();
+
+    std::function<void()> stop_;
+    StopFlag ended_;
+    std::thread thread_;
+};

@@ -1,0 +1,77 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <sys/socket.h>
+#include <sys/uio.h>
+#include <thread>
+
+#include <linux/netlink.h>
+
+#include "listeners/netlink_address_message.hpp"
+#include "utils/guarded_signal.hpp"
+#include "utils/stop_flag.hpp"
+#include "utils/unique_fd.hpp"
+
+/**
+ * Tells of IPv4 addresses that the kernel adds to or removes from interfaces (rtnetlink(7)), on a thread of its
+ * own. The socket is polled: at most one datagram a second is handled, and an idle listener wakes every two.
+ *
+ * Whoever owns a listener calls Stop before releasing it: destroying one whose thread is joinable ends the
+ * process, and so does a second Start.
+ */
+class KernelNetlinkListener
+{
+public:
+    KernelNetlinkListener() = default;
+    ~KernelNetlinkListener() = default;
+    KernelNetlinkListener(const KernelNetlinkListener&) = delete;
+    KernelNetlinkListener& operator=(const KernelNetlinkListener&) = delete;
+
+    /**
+     * Starts the thread.
+     *
+     * Logs "[NETLINK] Starting kernel netlink listener..." (INFO); the thread logs "[NETLINK] Starting kernel
+     * netlink task..." and each event, "[NETLINK] IP Event: Iface: %s IP Address: %s Status: %s" (INFO), and
+     * "[NETLINK] Failed to create netlink socket: %s\n", "[NETLINK] Failed to bind netlink socket: %s\n",
+     * "[NETLINK] OpenSocket() failed, exiting." and "[NETLINK] Invalid message length: %i" (ERR).
+     */
+    void Start();
+
+    /** Ends the thread's waits, closes the socket and joins the thread. Harmless when it does not run. */
+    void Stop();
+
+    /** Interface label, address, and whether it was added. Emitted on the listener thread. */
+    GuardedSignal<std::string, std::string, bool> AddressEventSignal;
+
+    /**
+     * Handles the message at the start of `buffer`, and counts `remaining` down by its aligned length. Messages
+     * other than address messages are skipped.
+     *
+     * @return 1 for a message whose length lies between that of its header and `remaining`; 0 for any other,
+     *         which is logged and leaves `remaining` as it was
+     */
+    int CheckMessage(const nlmsghdr* message, ssize_t& remaining);
+
+private:
+    void ListenTask();
+
+    /** Returns 1, or 0 when there is no socket; logged. */
+    int OpenSocket();
+
+    /** Returns the number of bytes received, or -1, after a wait of two seconds when there was nothing. */
+    ssize_t Receive();
+
+    void HandleAddressMessage(const nlmsghdr* message);
+
+    std::thread thread_;
+    StopFlag stop_;
+    UniqueFd socket_;
+    sockaddr_nl address_{};
+    iovec vector_{};
+    msghdr header_{};
+    alignas(nlmsghdr) NetlinkBuffer buffer_{};
+};
+
+/** The process's one listener; created before main runs and alive until the process ends. */
+std::shared_ptr<KernelNetlinkListener> kernel_address_listener();

@@ -1,0 +1,74 @@
+#include <cstdlib>
+
+#include <sigc++/sigc++.h>
+#include <syslog.h>
+#include <systemd/sd-daemon.h>
+
+#include "config/settings_client.hpp"
+#include "core/deferred_startup.hpp"
+#include "core/event_reactions.hpp"
+#include "core/heartbeat.hpp"
+#include "core/service.hpp"
+#include "core/stop_signals.hpp"
+#include "listeners/hostapd_socket_listener.hpp"
+#include "listeners/kernel_netlink_listener.hpp"
+#include "radio/wifi_controller.hpp"
+#include "radio/wpa_supplicant.hpp"
+
+namespace {
+
+/** For those who hold a binary in their hands: strings(1) finds it. The program itself takes no arguments. */
+[[gnu::used]] const char versionText[] = "vantora-network " VANTORA_VERSION;
+
+void start_settings()
+{
+    auto& settings = service_create_settings();
+    settings.Listen();
+    for (const char* section : {"network", "device"}) {
+        settings.section_signal(section)->connect(sigc::ptr_fun(settings_changed));
+    }
+}
+
+void kill_wifi_when_asked_to()
+{
+    constexpr const char* kKey = "killWifiOnBoot";
+
+    bool kill = false;
+    if (Settingsd::SettingsDaemonDbusHandler::GetSetting("development", kKey, kill) < 0) {
+        syslog(LOG_WARNING, "Failed to get '%s' setting", kKey);
+        kill = false;
+    }
+    if (kill) {
+        syslog(LOG_INFO, "[Main] %s: Killing Wi-Fi on boot", "main");
+        wifi_set_enabled(false);
+    }
+}
+
+} // namespace
+
+int main()
+{
+    StopSignals stopSignals;
+
+    syslog(LOG_INFO, "[Main] Starting Vantora Network service");
+    const int result = service_set_up();
+    if (result < 0) {
+        syslog(LOG_ERR, "[Main] Failed to connect to dbus: %d, exiting ...", result);
+        return EXIT_FAILURE;
+    }
+    stopSignals.watch([] { post_to_main_loop([] { sd_event_exit(service_event(), EXIT_SUCCESS); }); });
+
+    start_settings();
+    wpa_supplicant_init(service_event());
+    kill_wifi_when_asked_to();
+    sd_event_add_defer(service_event(), nullptr, init_wifi_callback, nullptr);
+    start_heartbeat(service_event());
+    sd_notify(0, "READY=1");
+
+    sd_event_loop(service_event());
+
+    kernel_address_listener()->Stop();
+    hostapd_listener()->Stop();
+    service_tear_down();
+    return EXIT_SUCCESS;
+}

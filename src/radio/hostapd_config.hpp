@@ -1,0 +1,64 @@
+#pragma once
+
+#include <map>
+#include <string>
+
+/** hostapd's configuration: the device's template, with a few keys overridden, becomes the runtime file. */
+
+/** Key to value, ordered byte-wise by key: the order in which the runtime file lists them. */
+using HostapdConfig = std::map<std::string, std::string>;
+
+/** The keys that this program sets. */
+constexpr const char* kHostapdSsid = "ssid";
+constexpr const char* kHostapdHwMode = "hw_mode";
+constexpr const char* kHostapdAcsBlacklist = "acs_blacklist";
+
+/** "a" for the band "5", "g" for any other text. */
+std::string hostapd_hw_mode_of(const std::string& frequency);
+
+/** "5" for "a", "2.4" for any other text. */
+std::string hostapd_frequency_of(const std::string& hwMode);
+
+/**
+ * Reads a configuration file. Nothing is trimmed; empty lines and lines that start with "#" are skipped, a line
+ * without "=" becomes a key with itself as value, and the last of several equal keys counts.
+ *
+ * @param config entries are added to it
+ * @return 1 on success, 0 when the file can not be opened
+ *
+ * Logs "[Hostapd] Failed to open '%s' config file for read" (ERR).
+ */
+int hostapd_read_conf(const std::string& path, HostapdConfig& config);
+
+/**
+ * Writes a configuration file, one "key=value" to a line. A value ends at its first line break, so that none
+ * can add a line of its own. The file is readable and writable by its owner only.
+ *
+ * @return 1 on success, 0 when the file can not be opened
+ *
+ * Logs "[Hostapd] Failed to open '%s' config file for write" (ERR), and, for a value that had to be cut,
+ * "[Hostapd] Value of '%s' holds a line break and is cut there" (WARNING).
+ */
+int hostapd_write_conf(const std::string& path, const HostapdConfig& config);
+
+/** Writes each entry to the log as "%s:%s" (INFO). */
+void hostapd_dump_conf(const HostapdConfig& config);
+
+/**
+ * Fills the overrides from the settings daemon: SSID, band, and the channels that automatic channel selection
+ * leaves out.
+ *
+ * Logs "[WiFi] Failed to get AP ssid, use default" and "[WiFi] Failed to get AP freq, use default (2.4)"
+ * (WARNING) where a setting can not be read.
+ */
+void hostapd_get_overrides(HostapdConfig& overrides);
+
+/**
+ * Merges the overrides into the template "/etc/hostapd.conf" and writes "/run/hostapd.conf". On a radio that
+ * has no 5 GHz, the hardware mode "a" is written as "g".
+ *
+ * @return 1 when the runtime file was written, else 0
+ *
+ * Logs each override and the merged result (INFO), and what failed.
+ */
+int hostapd_set_conf(const HostapdConfig& overrides);
