@@ -77,7 +77,8 @@ class DBusFake:
         self._loop = loop
         self._journal = journal
         self._catch_up = catch_up
-        self._address = ""
+        self.address = ""
+        """The bus to connect to."""
         self._bus: MessageBus | None = None
         self._faults = Faults()
         self._released = asyncio.Event()
@@ -139,7 +140,7 @@ class DBusFake:
 
     def come_back(self) -> None:
         """Connect to the bus again, with all names."""
-        self._loop.run(self.open(self._address))
+        self._loop.run(self.open(self.address))
 
     # Life on the loop
 
@@ -147,7 +148,7 @@ class DBusFake:
         """Connect and take the names."""
         if self.present:
             return
-        self._address = address
+        self.address = address
         bus = await connect(address)
         bus.add_message_handler(self._receive)
         self._bus = bus

@@ -137,6 +137,7 @@ class World:
         self._client = await Client.open(self.user_bus.address)
         await self.settings.open(self.user_bus.address)
         await self.systemd.open(self.system_bus.address)
+        self.wpa.address = self.system_bus.address  # it comes with its unit
 
     def close(self) -> None:
         """End everything at once and remove the work folder. The journal can still be read."""
