@@ -6,7 +6,7 @@
 from dbus_next import Variant
 
 from .dbus_fake import CallRefused, plain
-from .journal import (DEADLINE, Entry, Journal, Pattern, call, changed, command, exited, hostapd, log, notify, signal)
+from .journal import (DEADLINE, Entry, Journal, Pattern, call, changed, command, exited, hostapd_request, log, notify, signal)
 from .sandbox import Completed, Process, SandboxError
 from .units import unit_name, unit_path
 from .world import DEVICE, HOSTAPD_TEMPLATE, World
@@ -14,6 +14,6 @@ from .wpa_supplicant import Bss
 
 __all__ = [
     "Bss", "CallRefused", "Completed", "DEADLINE", "DEVICE", "Entry", "HOSTAPD_TEMPLATE", "Journal", "Pattern", "Process",
-    "SandboxError", "Variant", "World", "call", "changed", "command", "exited", "hostapd", "log", "notify", "plain", "signal",
+    "SandboxError", "Variant", "World", "call", "changed", "command", "exited", "hostapd_request", "log", "notify", "plain", "signal",
     "unit_name", "unit_path",
 ]

@@ -41,7 +41,11 @@ class Call:
 
 async def connect(address: str) -> MessageBus:
     """Open a connection to the bus at this address."""
-    return await MessageBus(bus_address=address).connect()
+    bus = await MessageBus(bus_address=address).connect()
+    # A lost connection is seen where it matters; nobody needs the library's own complaint about it.
+    lost = asyncio.ensure_future(bus.wait_for_disconnect())
+    lost.add_done_callback(lambda future: future.cancelled() or future.exception())
+    return bus
 
 
 async def disconnect(bus: MessageBus) -> None:

@@ -107,7 +107,7 @@ def notify(text: Any = ...) -> Pattern:
     return _pattern("notify", text=text)
 
 
-def hostapd(request: Any = ...) -> Pattern:
+def hostapd_request(request: Any = ...) -> Pattern:
     """A command on hostapd's control socket, for instance "ATTACH" or "STA-FIRST"."""
     return _pattern("hostapd", request=request)
 

@@ -23,7 +23,6 @@ ENVIRONMENT = {
     "LANG": "C.UTF-8",
     "XDG_RUNTIME_DIR": "/run/user/0",
     "DBUS_SESSION_BUS_ADDRESS": "unix:path=/run/user/0/bus",
-    "NOTIFY_SOCKET": "/run/sim/notify",
 }
 """What programs in the sandbox find in their environment."""
 

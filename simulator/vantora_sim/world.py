@@ -59,7 +59,14 @@ KERNEL_COMMAND_LINE = "console=ttymxc0,115200 root=/dev/mmcblk0p2 rootwait rw\n"
 
 _WRITABLE = {"WiFiState": "u", "Mode": "s", "WiFiFrequency": "s", "SSID": "s"}
 _SANITIZER_REPORT = re.compile(r"(ERROR|WARNING): \w+Sanitizer|runtime error:")
+_LONGEST_PARENT = 40
 _NETLINK_GROUPS = "00000011"
+
+
+def _make_work_folder() -> Path:
+    """A new private folder, not too deep for the addresses of the sockets in it."""
+    crowded = len(tempfile.gettempdir()) > _LONGEST_PARENT
+    return Path(tempfile.mkdtemp(prefix="vantora-sim-", dir="/tmp" if crowded else None))
 
 
 class World:
@@ -83,8 +90,9 @@ class World:
         self._order = asyncio.Lock()
         self._watcher: Watcher | None = None
         self._client: Client | None = None
+        self._closed = False
 
-        self.work = Path(tempfile.mkdtemp(prefix="vantora-sim-"))
+        self.work = _make_work_folder()
         run, tmp = self.work / "run", self.work / "tmp"
         self.settings = Settings(self.loop, self.journal, self._catch_up)
         self.systemd = Systemd(self.loop, self.journal, self._catch_up)
@@ -141,6 +149,9 @@ class World:
 
     def close(self) -> None:
         """End everything at once and remove the work folder. The journal can still be read."""
+        if self._closed:
+            return
+        self._closed = True
         if hasattr(self, "sandbox"):
             self.sandbox.close()
         self.loop.run(self._close())
@@ -164,8 +175,9 @@ class World:
 
     def start_daemon(self, program: Path | None = None, environment: dict[str, str | None] | None = None) -> Process:
         """Start the daemon (or another program in its place) without waiting."""
-        self.daemon = self.sandbox.start([program or self.build / "vantora-network"], environment)
         self._started = self.journal.mark()
+        full = {"NOTIFY_SOCKET": "/run/sim/notify", **(environment or {})}
+        self.daemon = self.sandbox.start([program or self.build / "vantora-network"], full)
         return self.daemon
 
     def wait_ready(self, timeout: float = DEADLINE) -> None:
