@@ -35,12 +35,14 @@ constexpr const char* kListen = "int32_t Settingsd::SettingsDaemonDbusHandler::L
 constexpr const char* kPropertiesChanged =
     "static int32_t Settingsd::SettingsDaemonDbusHandler::PropertiesChanged(sd_bus_message*, void*, sd_bus_error*)";
 
-/** The sections of the settings store. This program follows "device" and "network", and reads "development". */
+/** The sections of the settings store. This program follows "device" and "network", and reads "development".
+ */
 constexpr std::array<const char*, kSectionCount> kSections = {
-    "accessibility", "alarms",   "applications", "audio",   "backup",      "bluetooth", "camera", "clock",
-    "cloud",         "connector", "control",     "display", "diagnostics", "energy",    "files",  "interface",
-    "keyboard",      "development", "language",  "device",  "network",     "power",     "printer", "privacy",
-    "region",        "security", "storage",      "time",    "update",
+    "accessibility", "alarms",   "applications", "audio",     "backup",   "bluetooth",
+    "camera",        "clock",    "cloud",        "connector", "control",  "display",
+    "diagnostics",   "energy",   "files",        "interface", "keyboard", "development",
+    "language",      "device",   "network",      "power",     "printer",  "privacy",
+    "region",        "security", "storage",      "time",      "update",
 };
 
 std::string section_path(const std::string& section)
@@ -60,8 +62,8 @@ int32_t call_reset(const char* function, const char* method, const char* types, 
     }
     BusError error;
     sd_bus_message* received = nullptr;
-    result = sd_bus_call_method(bus.get(), kService, kBasePath, kInterface, method, error.get(), &received, types,
-                                arguments...);
+    result = sd_bus_call_method(bus.get(), kService, kBasePath, kInterface, method, error.get(), &received,
+                                types, arguments...);
     const MessagePtr reply(received);
     if (result < 0) {
         syslog(LOG_ERR, "%s:sd_bus_call_method call failed (r = %d)", function, result);
@@ -84,10 +86,11 @@ int32_t SettingsDaemonDbusHandler::GetSetting(const std::string& section, const 
     constexpr const char* kFunction = std::is_same_v<T, bool> ? kGetBool : kGetString;
 
     std::string error;
-    const int32_t result = sdbus_utils::GetProperty(nullptr, kService, section_path(section).c_str(), kInterface,
-                                                    key.c_str(), value, error);
+    const int32_t result = sdbus_utils::GetProperty(nullptr, kService, section_path(section).c_str(),
+                                                    kInterface, key.c_str(), value, error);
     if (result < 0) {
-        syslog(LOG_ERR, "%s: ERROR sdbus_utils::GetProperty %s failed %s", kFunction, key.c_str(), error.c_str());
+        syslog(LOG_ERR, "%s: ERROR sdbus_utils::GetProperty %s failed %s", kFunction, key.c_str(),
+               error.c_str());
     }
     return result;
 }
@@ -98,10 +101,11 @@ int32_t SettingsDaemonDbusHandler::SetSetting(const std::string& section, const 
     constexpr const char* kFunction = std::is_same_v<T, bool> ? kSetBool : kSetString;
 
     std::string error;
-    const int32_t result = sdbus_utils::SetProperty(nullptr, kService, section_path(section).c_str(), kInterface,
-                                                    key.c_str(), value, error);
+    const int32_t result = sdbus_utils::SetProperty(nullptr, kService, section_path(section).c_str(),
+                                                    kInterface, key.c_str(), value, error);
     if (result < 0) {
-        syslog(LOG_ERR, "%s: ERROR sdbus_utils::SetProperty %s failed %s", kFunction, key.c_str(), error.c_str());
+        syslog(LOG_ERR, "%s: ERROR sdbus_utils::SetProperty %s failed %s", kFunction, key.c_str(),
+               error.c_str());
     }
     return result;
 }
@@ -143,8 +147,8 @@ int32_t SettingsDaemonDbusHandler::Listen()
         syslog(LOG_ERR, "%s: Failed to connect to dbus", kListen);
         return connected;
     }
-    const int32_t listening = ListenSignal(kService, "", "org.freedesktop.DBus.Properties", "PropertiesChanged",
-                                           PropertiesChanged, this);
+    const int32_t listening = ListenSignal(kService, "", "org.freedesktop.DBus.Properties",
+                                           "PropertiesChanged", PropertiesChanged, this);
     const int32_t result =
         static_cast<int32_t>(static_cast<uint32_t>(connected) | static_cast<uint32_t>(listening));
     if (result < 0) {

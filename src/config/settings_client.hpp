@@ -28,11 +28,12 @@ using AllSectionsSignal = sigc::signal<void, const std::string&, const PropertyM
 constexpr size_t kSectionCount = 29;
 
 /**
- * Client of the settings daemon "com.vantora.common.Settings1" on the user bus, which publishes one object per
- * section with its settings as properties.
+ * Client of the settings daemon "com.vantora.common.Settings1" on the user bus, which publishes one object
+ * per section with its settings as properties.
  *
- * All operations return 0 or a positive number on success and a negative errno on failure. The static ones open
- * a connection of their own for the one call and may be used without an instance; nothing is cached or retried.
+ * All operations return 0 or a positive number on success and a negative errno on failure. The static ones
+ * open a connection of their own for the one call and may be used without an instance; nothing is cached or
+ * retried.
  */
 class SettingsDaemonDbusHandler : public DbusHelper::DbusListener
 {
@@ -59,8 +60,8 @@ public:
     static int32_t SetSetting(const std::string& section, const std::string& key, T value);
 
     /**
-     * Asks the daemon to reset everything; the flag is the daemon's. The three resets log their own name (INFO),
-     * and "%s:sd_bus_call_method call failed (r = %d)" (ERR).
+     * Asks the daemon to reset everything; the flag is the daemon's. The three resets log their own name
+     * (INFO), and "%s:sd_bus_call_method call failed (r = %d)" (ERR).
      */
     static int32_t ResetToDefaults(bool flag);
 
@@ -105,8 +106,10 @@ private:
 };
 
 extern template int32_t SettingsDaemonDbusHandler::GetSetting(const std::string&, const std::string&, bool&);
-extern template int32_t SettingsDaemonDbusHandler::GetSetting(const std::string&, const std::string&, std::string&);
+extern template int32_t SettingsDaemonDbusHandler::GetSetting(const std::string&, const std::string&,
+                                                              std::string&);
 extern template int32_t SettingsDaemonDbusHandler::SetSetting(const std::string&, const std::string&, bool);
-extern template int32_t SettingsDaemonDbusHandler::SetSetting(const std::string&, const std::string&, std::string);
+extern template int32_t SettingsDaemonDbusHandler::SetSetting(const std::string&, const std::string&,
+                                                              std::string);
 
 } // namespace Settingsd

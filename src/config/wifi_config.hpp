@@ -9,14 +9,15 @@
  * the thread that calls.
  */
 
-/** One snapshot of the stored configuration. Meaningful only after read_wifi_config or set_safe_wifi_config. */
+/** One snapshot of the stored configuration. Meaningful only after read_wifi_config or set_safe_wifi_config.
+ */
 struct WifiConfig
 {
-    bool enabled = false;                ///< radio on
+    bool enabled = false;                 ///< radio on
     WifiMode mode = WifiMode::Host;       ///< access point or station
     WifiBand band = WifiBand::Band2_4GHz; ///< band of the access point
-    std::string hostSsid;                ///< SSID of the access point, setting "deviceName"
-    std::string clientSsid;              ///< SSID of the network joined as a station; for the dump only
+    std::string hostSsid;                 ///< SSID of the access point, setting "deviceName"
+    std::string clientSsid;               ///< SSID of the network joined as a station; for the dump only
 };
 
 /**
@@ -86,8 +87,8 @@ std::string default_frequency();
 bool radio_supports_5ghz();
 
 /**
- * The SSID of a device that was given none: its model, "-", and its serial number without what stands up to the
- * first "-" in it. May be longer than the 32 bytes that 802.11 allows.
+ * The SSID of a device that was given none: its model, "-", and its serial number without what stands up to
+ * the first "-" in it. May be longer than the 32 bytes that 802.11 allows.
  *
  * Logs "model name: %s", "serial number : %s" and "default ssid: %s" (INFO).
  */

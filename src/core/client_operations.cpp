@@ -200,8 +200,8 @@ void access_points_changed(const AccessPoints& accessPoints)
 
     syslog(LOG_INFO, "[Main] Access points changed");
     sd_bus_message* created = nullptr;
-    if (sd_bus_message_new_signal(service_bus(), &created, kNetworkPath, kNetworkInterface, "AccessPointsChanged") <
-        0) {
+    if (sd_bus_message_new_signal(service_bus(), &created, kNetworkPath, kNetworkInterface,
+                                  "AccessPointsChanged") < 0) {
         syslog(LOG_ERR, "[Main] %s: Failed to create new signal message", kFunction);
         return;
     }

@@ -5,11 +5,12 @@
 #include "radio/access_points.hpp"
 
 /**
- * The device as a station: scan, connect, disconnect, and the list of access points. For the main thread; each
- * call of wpa_supplicant blocks it for the time of the call.
+ * The device as a station: scan, connect, disconnect, and the list of access points. For the main thread;
+ * each call of wpa_supplicant blocks it for the time of the call.
  *
- * The methods answer every call: with an empty reply, or with the error "org.freedesktop.DBus.Error.Failed" and
- * the text given here, and then also with one line in the log (ERR). They return what sending that returned.
+ * The methods answer every call: with an empty reply, or with the error "org.freedesktop.DBus.Error.Failed"
+ * and the text given here, and then also with one line in the log (ERR). They return what sending that
+ * returned.
  */
 
 /**
@@ -20,9 +21,9 @@
 int scan_access_points(sd_bus_message* message);
 
 /**
- * Method `Connect` (ssid, passphrase): replaces the network that was last selected by a new one and selects it.
- * An empty passphrase stands for an open network; nothing is checked here. The association goes on by itself
- * and is announced through `WiFiClientState`.
+ * Method `Connect` (ssid, passphrase): replaces the network that was last selected by a new one and selects
+ * it. An empty passphrase stands for an open network; nothing is checked here. The association goes on by
+ * itself and is announced through `WiFiClientState`.
  *
  * Errors: "Wifi is off", "WiFi is in unknown mode", "WiFi is not in client mode", "Failed to parse d-bus
  * message", "Failed to add network", "Failed to connect to AP" (and then `WiFiClientState` is announced).
@@ -42,8 +43,8 @@ int disconnect_from_ap(sd_bus_message* message);
  *
  * @return what closing the array returned, negative on failure
  *
- * Logs "[Main] %s: Wifi is not enabled", "[Main] Failed to read wifi mode" and "[Main]  Something went wrong with
- * getting APs" (ERR).
+ * Logs "[Main] %s: Wifi is not enabled", "[Main] Failed to read wifi mode" and "[Main]  Something went wrong
+ * with getting APs" (ERR).
  */
 int get_wifi_access_points(sd_bus_message* reply);
 

@@ -3,9 +3,10 @@
 #include <systemd/sd-event.h>
 
 /**
- * Brings the radio into its stored configuration, or into the safe one when that can not be read; then connects
- * the reactions to events, and starts to follow the kernel's addresses. Never gives up: whatever fails is logged
- * and the next step taken. Runs once, on the loop's first iteration; the callback of sd_event_add_defer(3).
+ * Brings the radio into its stored configuration, or into the safe one when that can not be read; then
+ * connects the reactions to events, and starts to follow the kernel's addresses. Never gives up: whatever
+ * fails is logged and the next step taken. Runs once, on the loop's first iteration; the callback of
+ * sd_event_add_defer(3).
  *
  * @return always 0
  *

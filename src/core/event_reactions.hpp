@@ -5,8 +5,8 @@
 #include "config/settings_client.hpp"
 
 /**
- * What the service does about events: each reaction is small, logs, and announces or acts. Those of hostapd and
- * of the kernel run on the thread of their listener, all others on the main thread.
+ * What the service does about events: each reaction is small, logs, and announces or acts. Those of hostapd
+ * and of the kernel run on the thread of their listener, all others on the main thread.
  */
 
 /** Connects the reactions to the listeners, for the life of the process. */
@@ -23,8 +23,8 @@ void wifi_host_station_disconnected(const std::string& station);
  * hostapd has ended. Where the stored configuration (or the safe one, when it can not be read) has the device
  * as an access point, its listener is started anew from the main loop; hostapd itself is systemd's business.
  *
- * Logs "%s: hostapd terminated." and "%s: We are supposed to be in host mode. Restart hostapd listener" (ERR),
- * "Failed to read initial wifi configuration, use safe config" (ERR), "%s: Restarting..." (INFO).
+ * Logs "%s: hostapd terminated." and "%s: We are supposed to be in host mode. Restart hostapd listener"
+ * (ERR), "Failed to read initial wifi configuration, use safe config" (ERR), "%s: Restarting..." (INFO).
  */
 void wifi_host_terminated();
 
@@ -35,8 +35,8 @@ void client_state_changed(const std::string& state, const std::string& ssid);
 void address_changed(const std::string& interface, const std::string& address, bool added);
 
 /**
- * Another client has changed stored settings: brings the radio in line with "enabled" (b), "frequency", "mode"
- * and "deviceName" (s), in key order. Other settings, and these with another type, are ignored; a value that is
- * not of the type it says raises std::bad_any_cast.
+ * Another client has changed stored settings: brings the radio in line with "enabled" (b), "frequency",
+ * "mode" and "deviceName" (s), in key order. Other settings, and these with another type, are ignored; a
+ * value that is not of the type it says raises std::bad_any_cast.
  */
 void settings_changed(const Settingsd::PropertyMap& settings);

@@ -23,6 +23,7 @@ int beat(sd_event_source* source, uint64_t, void*)
 void start_heartbeat(sd_event* event)
 {
     sd_event_source* source = nullptr;
-    sd_event_add_time(event, &source, CLOCK_MONOTONIC, utils_event_time_after(event, kPeriodSec), 0, beat, nullptr);
+    sd_event_add_time(event, &source, CLOCK_MONOTONIC, utils_event_time_after(event, kPeriodSec), 0, beat,
+                      nullptr);
     heartbeat.reset(source);
 }

@@ -11,8 +11,8 @@
 #include "utils/unique_fd.hpp"
 
 /**
- * Hands work to the thread that runs the event loop. Neither sd-bus nor sd-event may be touched by two threads,
- * so whatever a listener thread wants of them is posted here.
+ * Hands work to the thread that runs the event loop. Neither sd-bus nor sd-event may be touched by two
+ * threads, so whatever a listener thread wants of them is posted here.
  */
 class MainLoopQueue
 {

@@ -23,7 +23,8 @@ int disconnect_dbus(sd_bus_message* message, void*, sd_bus_error*)
     return disconnect_from_ap(message);
 }
 
-int get_access_points(sd_bus*, const char*, const char*, const char*, sd_bus_message* reply, void*, sd_bus_error*)
+int get_access_points(sd_bus*, const char*, const char*, const char*, sd_bus_message* reply, void*,
+                      sd_bus_error*)
 {
     return get_wifi_access_points(reply);
 }
@@ -65,7 +66,8 @@ const sd_bus_vtable* network_interface_vtable()
     return vtable;
 }
 
-int set_wifi_state_dbus(sd_bus*, const char*, const char*, const char*, sd_bus_message* value, void*, sd_bus_error*)
+int set_wifi_state_dbus(sd_bus*, const char*, const char*, const char*, sd_bus_message* value, void*,
+                        sd_bus_error*)
 {
     uint32_t state = 0;
     if (sd_bus_message_read(value, "u", &state) < 0) {
@@ -99,7 +101,8 @@ int set_wifi_frequency_dbus(sd_bus*, const char*, const char*, const char*, sd_b
     return set_wifi_frequency(frequency, WriteThrough::On);
 }
 
-int set_wifi_ssid_dbus(sd_bus*, const char*, const char*, const char*, sd_bus_message* value, void*, sd_bus_error*)
+int set_wifi_ssid_dbus(sd_bus*, const char*, const char*, const char*, sd_bus_message* value, void*,
+                       sd_bus_error*)
 {
     syslog(LOG_INFO, "Set 'SSID' property");
     const char* ssid = nullptr;

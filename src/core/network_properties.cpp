@@ -35,7 +35,8 @@ RadioState read_logged_radio_state()
 
 } // namespace
 
-int get_ip_address(sd_bus*, const char*, const char*, const char*, sd_bus_message* reply, void*, sd_bus_error*)
+int get_ip_address(sd_bus*, const char*, const char*, const char*, sd_bus_message* reply, void*,
+                   sd_bus_error*)
 {
     std::array<char, kIpAddressBufferSize> address{};
     if (wifi_get_enabled() != 0 && utils_get_ip_address(kWireless, address.data()) == 0) {
@@ -45,7 +46,8 @@ int get_ip_address(sd_bus*, const char*, const char*, const char*, sd_bus_messag
     return append_text(reply, address.data());
 }
 
-int get_mac_address(sd_bus*, const char*, const char*, const char*, sd_bus_message* reply, void*, sd_bus_error*)
+int get_mac_address(sd_bus*, const char*, const char*, const char*, sd_bus_message* reply, void*,
+                    sd_bus_error*)
 {
     std::array<char, kMacAddressBufferSize> address{};
     if (utils_get_mac_address(kWireless, address.data()) == 0) {
@@ -55,15 +57,16 @@ int get_mac_address(sd_bus*, const char*, const char*, const char*, sd_bus_messa
     return append_text(reply, address.data());
 }
 
-int get_wifi_signal(sd_bus*, const char*, const char*, const char*, sd_bus_message* reply, void*, sd_bus_error*)
+int get_wifi_signal(sd_bus*, const char*, const char*, const char*, sd_bus_message* reply, void*,
+                    sd_bus_error*)
 {
     std::array<char, kSignalStrengthBufferSize> power{};
     utils_get_signal_strength(power.data());
     return append_text(reply, power.data());
 }
 
-int get_wifi_available_frequencies(sd_bus*, const char*, const char*, const char*, sd_bus_message* reply, void*,
-                                   sd_bus_error*)
+int get_wifi_available_frequencies(sd_bus*, const char*, const char*, const char*, sd_bus_message* reply,
+                                   void*, sd_bus_error*)
 {
     switch (KorrinInfo::ThisKorrin::RadioType()) {
     case 0:
@@ -96,8 +99,8 @@ int get_wifi_client_state(sd_bus*, const char*, const char*, const char*, sd_bus
     return append_text(reply, client ? wpa_supplicant_get_listener()->GetState() : "off");
 }
 
-int get_wifi_access_point_initialised(sd_bus*, const char*, const char*, const char*, sd_bus_message* reply, void*,
-                                      sd_bus_error*)
+int get_wifi_access_point_initialised(sd_bus*, const char*, const char*, const char*, sd_bus_message* reply,
+                                      void*, sd_bus_error*)
 {
     return sd_bus_message_append(reply, "b", static_cast<int>(hostapd_listener()->IsApEnabled()));
 }
@@ -110,7 +113,8 @@ int get_wifi_client_ssid(sd_bus*, const char*, const char*, const char*, sd_bus_
     return append_text(reply, client ? wpa_supplicant_get_ssid() : "");
 }
 
-int get_wifi_state(sd_bus*, const char*, const char*, const char*, sd_bus_message* reply, void*, sd_bus_error*)
+int get_wifi_state(sd_bus*, const char*, const char*, const char*, sd_bus_message* reply, void*,
+                   sd_bus_error*)
 {
     const uint32_t state = wifi_get_enabled() != 0 ? 1 : 0;
     return sd_bus_message_append(reply, "u", state);
@@ -128,7 +132,8 @@ int get_wifi_mode(sd_bus*, const char*, const char*, const char*, sd_bus_message
     }
 }
 
-int get_wifi_frequency(sd_bus*, const char*, const char*, const char*, sd_bus_message* reply, void*, sd_bus_error*)
+int get_wifi_frequency(sd_bus*, const char*, const char*, const char*, sd_bus_message* reply, void*,
+                       sd_bus_error*)
 {
     std::string frequency;
     if (read_logged_radio_state() == RadioState::Host) {

@@ -9,9 +9,9 @@
 #include "config/settings_client.hpp"
 
 /**
- * What the whole service shares for the life of the process: the connection to the user bus on which the network
- * object is published, the event loop, and the client of the settings daemon. Only the loop's thread may touch
- * the bus and the loop; other threads go through post_to_main_loop or emit_property_changed.
+ * What the whole service shares for the life of the process: the connection to the user bus on which the
+ * network object is published, the event loop, and the client of the settings daemon. Only the loop's thread
+ * may touch the bus and the loop; other threads go through post_to_main_loop or emit_property_changed.
  */
 
 constexpr const char* kNetworkService = "com.vantora.Network1";
@@ -20,8 +20,8 @@ constexpr const char* kNetworkInterface = "com.vantora.Network1.WiFi";
 
 /**
  * Opens the user bus, takes the thread's default loop, attaches the bus to it at priority 0, registers the
- * network object and requests its name. Each step is taken only if all before it succeeded. When the connection
- * is lost later on, the loop ends.
+ * network object and requests its name. Each step is taken only if all before it succeeded. When the
+ * connection is lost later on, the loop ends.
  *
  * @return 0 or a positive number, or the negative errno of the step that failed
  */

@@ -6,9 +6,9 @@
 #include "utils/stop_flag.hpp"
 
 /**
- * Turns SIGTERM and SIGINT into a call, on a thread of its own, and sees to it that the process then ends in time:
- * when it is still there 800 milliseconds later, because the main thread or a listener waits for a neighbour that
- * does not answer, it is ended with status 0 all the same.
+ * Turns SIGTERM and SIGINT into a call, on a thread of its own, and sees to it that the process then ends in
+ * time: when it is still there 800 milliseconds later, because the main thread or a listener waits for a
+ * neighbour that does not answer, it is ended with status 0 all the same.
  *
  * To be created before any other thread, so that all of them inherit the blocked signals.
  */

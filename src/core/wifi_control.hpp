@@ -25,8 +25,8 @@ enum class WriteThrough : bool {
  *
  * Announces `Mode` (when switched on and the mode could be started), then `WiFiState`. Logs "[Main] %s:
  * Unsupported state: %u", "[Main] %s: already in wifi state %d", "[Main] %s: Failed to set wifi state",
- * "[Main] %s: Failed to switch wifi mode", "[WiFi] %s: Failed to stop Host mode" and "[WiFi] %s: Failed to stop
- * Client mode" (ERR).
+ * "[Main] %s: Failed to switch wifi mode", "[WiFi] %s: Failed to stop Host mode" and "[WiFi] %s: Failed to
+ * stop Client mode" (ERR).
  */
 int set_wifi_state(uint32_t state);
 
@@ -42,8 +42,8 @@ int set_wifi_state(uint32_t state);
 int set_wifi_mode(const std::string& mode, WriteThrough writeThrough);
 
 /**
- * Moves the access point to another band. The band is stored also when it can not be applied because the radio
- * is off (success) or the interface a station (failure).
+ * Moves the access point to another band. The band is stored also when it can not be applied because the
+ * radio is off (success) or the interface a station (failure).
  *
  * @param frequency "2.4" or, on a radio of type 1, "5"
  *
@@ -60,6 +60,7 @@ int set_wifi_frequency(const std::string& frequency, WriteThrough writeThrough);
  * @param ssid at most 32 bytes, and may be empty
  *
  * Announces `SSID`. Logs "[Main] %s: Failed to get wifi ssid", "[Main] %s: SSID is too long" and "[Main] %s:
- * Failed to restart hostapd - with new SSID" (ERR), "[Main] %s: Changing SSID, while wifi is disabled" (INFO).
+ * Failed to restart hostapd - with new SSID" (ERR), "[Main] %s: Changing SSID, while wifi is disabled"
+ * (INFO).
  */
 int set_wifi_ssid(const std::string& ssid, WriteThrough writeThrough);

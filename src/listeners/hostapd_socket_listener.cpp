@@ -28,7 +28,9 @@ void HostapdSocketListner::SignalEvent(const char* message)
         return;
     }
     const std::string_view event(message);
-    const auto contains = [event](std::string_view text) { return event.find(text) != std::string_view::npos; };
+    const auto contains = [event](std::string_view text) {
+        return event.find(text) != std::string_view::npos;
+    };
 
     if (contains("AP-STA-CONNECTED")) {
         const std::string station = station_text(event);

@@ -39,7 +39,8 @@ public:
     /**
      * Tells whether a station that hostapd still lists has disconnected already.
      *
-     * @param record the beginning of a reply to STA-FIRST or STA-NEXT, which starts with the address; may be null
+     * @param record the beginning of a reply to STA-FIRST or STA-NEXT, which starts with the address; may be
+     * null
      * @return 0 for an address that has not disconnected; 1 for one that has, and for a text that holds none
      */
     int IsStationDisconnected(const char* record) const;

@@ -14,8 +14,9 @@
 #include "utils/unique_fd.hpp"
 
 /**
- * Tells of IPv4 addresses that the kernel adds to or removes from interfaces (rtnetlink(7)), on a thread of its
- * own. The socket is polled: at most one datagram a second is handled, and an idle listener wakes every two.
+ * Tells of IPv4 addresses that the kernel adds to or removes from interfaces (rtnetlink(7)), on a thread of
+ * its own. The socket is polled: at most one datagram a second is handled, and an idle listener wakes every
+ * two.
  *
  * Whoever owns a listener calls Stop before releasing it: destroying one whose thread is joinable ends the
  * process, and so does a second Start.
@@ -45,8 +46,8 @@ public:
     GuardedSignal<std::string, std::string, bool> AddressEventSignal;
 
     /**
-     * Handles the message at the start of `buffer`, and counts `remaining` down by its aligned length. Messages
-     * other than address messages are skipped.
+     * Handles the message at the start of `buffer`, and counts `remaining` down by its aligned length.
+     * Messages other than address messages are skipped.
      *
      * @return 1 for a message whose length lies between that of its header and `remaining`; 0 for any other,
      *         which is logged and leaves `remaining` as it was

@@ -56,13 +56,13 @@ std::optional<AddressEvent> netlink_read_address_message(const nlmsghdr* message
     const size_t length = message->nlmsg_len;
 
     std::array<const rtattr*, kHighestLabelType + 1> labels{};
-    netlink_fill_attribute_table(labels.data(), kHighestLabelType, attribute_at(message, kLabelAttributesOffset),
-                                 length);
+    netlink_fill_attribute_table(labels.data(), kHighestLabelType,
+                                 attribute_at(message, kLabelAttributesOffset), length);
     const rtattr* label = labels[IFA_LABEL];
 
     std::array<const rtattr*, kHighestAddressType + 1> addresses{};
-    netlink_fill_attribute_table(addresses.data(), kHighestAddressType, attribute_at(message, kAttributesOffset),
-                                 length);
+    netlink_fill_attribute_table(addresses.data(), kHighestAddressType,
+                                 attribute_at(message, kAttributesOffset), length);
     const rtattr* local = addresses[IFA_LOCAL];
 
     if (label == nullptr || local == nullptr) {

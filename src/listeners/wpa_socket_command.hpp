@@ -15,8 +15,8 @@ struct wpa_ctrl;
  * @param reply receives the reply: at most min(size, 4096) bytes, padded with NULs; when the reply fills the
  *        area no NUL ends it. Untouched on failure.
  * @param size size of the reply area in bytes
- * @return 0 on success; -1 without a connection; -2 for a reply that starts with "FAIL"; otherwise the negative
- *         result of the library (-1: it could not be sent, -2: no reply in time)
+ * @return 0 on success; -1 without a connection; -2 for a reply that starts with "FAIL"; otherwise the
+ * negative result of the library (-1: it could not be sent, -2: no reply in time)
  *
  * Logs (ERR) "%s: Not connected to socket - command dropped.", "%s: '%s' command failed." or
  * "%s: '%s' received 'FAIL' status.".
@@ -24,7 +24,8 @@ struct wpa_ctrl;
 int32_t wpa_socket_cmd(wpa_ctrl* connection, const char* command, char* reply, size_t size);
 
 /**
- * Writes bytes to the log (DEBUG) as "%s:%s", each as " 0x" and its value in hexadecimal without leading zeros.
+ * Writes bytes to the log (DEBUG) as "%s:%s", each as " 0x" and its value in hexadecimal without leading
+ * zeros.
  *
  * @param length number of bytes; zero or less writes an empty text
  */

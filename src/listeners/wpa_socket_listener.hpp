@@ -28,8 +28,9 @@ public:
     virtual void SignalEvent(const char* message) = 0;
 
     /**
-     * Connects when there is no connection, ends a running thread and starts a new one. Waits up to two seconds
-     * for the socket to appear; without one the thread logs that and ends, and the next Start tries again.
+     * Connects when there is no connection, ends a running thread and starts a new one. Waits up to two
+     * seconds for the socket to appear; without one the thread logs that and ends, and the next Start tries
+     * again.
      */
     virtual void Start() = 0;
 

@@ -40,7 +40,8 @@ int32_t WpaSupplicantDbusListener::Start()
         syslog(LOG_ERR, "%s: Could not connect to DBus: %d", kFunction, result);
     } else {
         syslog(LOG_INFO, "[WPA Listener] Start listening");
-        result = ListenSignal(kSignalService, "", kInterface, "PropertiesChanged", PropertyChangedCallback, this);
+        result =
+            ListenSignal(kSignalService, "", kInterface, "PropertiesChanged", PropertyChangedCallback, this);
     }
     if (result < 0) {
         syslog(LOG_ERR, "%s: Could not listen to signal: %d", kFunction, result);

@@ -11,9 +11,9 @@
 #include "dbus-helper/dbus_listener.hpp"
 
 /**
- * Follows wpa_supplicant's own PropertiesChanged signals on the system bus: keeps the last state, restarts the
- * DHCP client when an association completes, and recognises a refused passphrase. All of it, the slots of its
- * signals included, runs on the loop's thread.
+ * Follows wpa_supplicant's own PropertiesChanged signals on the system bus: keeps the last state, restarts
+ * the DHCP client when an association completes, and recognises a refused passphrase. All of it, the slots of
+ * its signals included, runs on the loop's thread.
  */
 class WpaSupplicantDbusListener : public DbusHelper::DbusListener
 {
@@ -44,8 +44,8 @@ public:
     std::string GetState() const { return currentState_; }
 
     /**
-     * Handles one notification; a message that can not be parsed is ignored. A "State", "CurrentBSS" or "BSSs"
-     * of another type than wpa_supplicant's raises std::bad_any_cast.
+     * Handles one notification; a message that can not be parsed is ignored. A "State", "CurrentBSS" or
+     * "BSSs" of another type than wpa_supplicant's raises std::bad_any_cast.
      *
      * @param userdata the listener
      * @return always 0

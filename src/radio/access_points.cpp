@@ -52,7 +52,8 @@ void sort_and_deduplicate(AccessPoints& accessPoints)
     std::sort(accessPoints.begin(), accessPoints.end(),
               [](const AccessPoint& a, const AccessPoint& b) { return a.signal > b.signal; });
     std::set<std::string> names;
-    std::erase_if(accessPoints, [&names](const AccessPoint& record) { return !names.insert(record.ssid).second; });
+    std::erase_if(accessPoints,
+                  [&names](const AccessPoint& record) { return !names.insert(record.ssid).second; });
 }
 
 void refresh_access_points(const std::vector<std::string>& paths)
@@ -76,7 +77,8 @@ int wpa_supplicant_get_access_points(AccessPoints& accessPoints)
             return 0;
         }
         std::string error;
-        if (sdbus_utils::GetProperty(bus.get(), kCallService, kInterfacePath, kInterface, "BSSs", paths, error) < 0) {
+        if (sdbus_utils::GetProperty(bus.get(), kCallService, kInterfacePath, kInterface, "BSSs", paths,
+                                     error) < 0) {
             return 0;
         }
     }

@@ -39,13 +39,14 @@ int wpa_supplicant_get_access_points(AccessPoints& accessPoints);
  * Asks for the properties of the given BSSs. One that can not be read, or whose name is empty, is left out.
  *
  * @param paths object paths of the BSSs
- * @param accessPoints receives the records, strongest first; of equal names the strongest. The order of equally
- *        strong ones is not defined.
+ * @param accessPoints receives the records, strongest first; of equal names the strongest. The order of
+ * equally strong ones is not defined.
  * @return 1, or 0 when the bus could not be opened
  *
  * Logs "%s: Failed to open system bus" (ERR).
  */
-int wpa_supplicant_get_access_point_details(const std::vector<std::string>& paths, AccessPoints& accessPoints);
+int wpa_supplicant_get_access_point_details(const std::vector<std::string>& paths,
+                                            AccessPoints& accessPoints);
 
 /** Emitted with the new list whenever wpa_supplicant's list of BSSs has changed. */
 sigc::signal<void, const AccessPoints&>& wpa_supplicant_get_access_points_signal();

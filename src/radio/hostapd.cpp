@@ -46,7 +46,8 @@ int32_t configure_and_start()
     return run_unit_job(kUnit, utils_start_service);
 }
 
-/** What the two setters share: configuration with one key replaced, then a restart job. Returns its result. */
+/** What the two setters share: configuration with one key replaced, then a restart job. Returns its result.
+ */
 int32_t reconfigure(const char* key, const std::string& value)
 {
     HostapdConfig overrides;
@@ -56,7 +57,8 @@ int32_t reconfigure(const char* key, const std::string& value)
     return run_unit_job(kUnit, utils_restart_service);
 }
 
-/** Asks for one station's record. Returns false at the first failure, and when there is no further station. */
+/** Asks for one station's record. Returns false at the first failure, and when there is no further station.
+ */
 bool ask_for_station(wpa_ctrl* connection, const char* command, StationRecord& record)
 {
     record.fill('\0');

@@ -4,9 +4,9 @@
 #include <string>
 
 /**
- * Control of hostapd, which makes wlan0 an access point: its unit "hostapd.service", its runtime configuration,
- * and the SSID and band that it was last started or reconfigured with, which are remembered for the life of the
- * process. For the main thread.
+ * Control of hostapd, which makes wlan0 an access point: its unit "hostapd.service", its runtime
+ * configuration, and the SSID and band that it was last started or reconfigured with, which are remembered
+ * for the life of the process. For the main thread.
  *
  * Results of unit jobs are those of utils/systemd_units.hpp: nonzero, which stands for success, also after a
  * refused job; 0 only when the look-up or the job ended with exactly zero.
@@ -52,8 +52,8 @@ int32_t hostapd_set_ssid(const std::string& ssid);
  * remembers the band and restarts the listener.
  *
  * @param frequency "2.4", "5", or empty for the default band of the radio
- * @return 0 for any other text, which changes nothing, and when the unit can not be loaded; else the result of
- *         the restart job
+ * @return 0 for any other text, which changes nothing, and when the unit can not be loaded; else the result
+ * of the restart job
  */
 int32_t hostapd_set_frequency(const std::string& frequency);
 

@@ -63,7 +63,8 @@ int hostapd_read_conf(const std::string& path, HostapdConfig& config)
         if (line.empty() || line.front() == '#') {
             continue;
         }
-        // Without "=" the position is npos: the whole line is the key, and from npos + 1, which is 0, the value.
+        // Without "=" the position is npos: the whole line is the key, and from npos + 1, which is 0, the
+        // value.
         const size_t equals = line.find('=');
         config[line.substr(0, equals)] = line.substr(equals + 1);
     }
@@ -79,8 +80,8 @@ int hostapd_write_conf(const std::string& path, const HostapdConfig& config)
     }
     // The template's passphrase is in it: for hostapd only, which runs as the same user.
     std::error_code ignored;
-    std::filesystem::permissions(path, std::filesystem::perms::owner_read | std::filesystem::perms::owner_write,
-                                 ignored);
+    std::filesystem::permissions(
+        path, std::filesystem::perms::owner_read | std::filesystem::perms::owner_write, ignored);
     for (const auto& [key, value] : config) {
         file << key << '=' << single_line(key, value) << std::endl;
     }

@@ -20,8 +20,8 @@ std::string hostapd_hw_mode_of(const std::string& frequency);
 std::string hostapd_frequency_of(const std::string& hwMode);
 
 /**
- * Reads a configuration file. Nothing is trimmed; empty lines and lines that start with "#" are skipped, a line
- * without "=" becomes a key with itself as value, and the last of several equal keys counts.
+ * Reads a configuration file. Nothing is trimmed; empty lines and lines that start with "#" are skipped, a
+ * line without "=" becomes a key with itself as value, and the last of several equal keys counts.
  *
  * @param config entries are added to it
  * @return 1 on success, 0 when the file can not be opened

@@ -10,7 +10,8 @@
 /**
  * Reads the power state ("rfkill list wlan", its first 256 bytes).
  *
- * @return 1 when no WLAN is blocked, also when there is none; 0 when one is, or when the command can not be run
+ * @return 1 when no WLAN is blocked, also when there is none; 0 when one is, or when the command can not be
+ * run
  */
 int wifi_get_enabled();
 
@@ -36,8 +37,8 @@ int wifi_set_enabled(bool on);
 int wifi_get_mode(WifiMode& mode);
 
 /**
- * Starts the station side: wpa_supplicant, then no address on wlan0. The DHCP client follows when an association
- * completes.
+ * Starts the station side: wpa_supplicant, then no address on wlan0. The DHCP client follows when an
+ * association completes.
  *
  * @return the result of wpa_supplicant_start
  */
@@ -46,10 +47,12 @@ int wifi_client_start();
 /** Stops the station side: DHCP client, then wpa_supplicant. Returns 1 or 0; 0 at the first failure. */
 int wifi_client_stop();
 
-/** Starts the access point: 192.168.8.1/24 on wlan0, hostapd, DHCP server. Returns 1, or 0 at the first failure. */
+/** Starts the access point: 192.168.8.1/24 on wlan0, hostapd, DHCP server. Returns 1, or 0 at the first
+ * failure. */
 int wifi_host_start();
 
-/** Stops the access point: DHCP server, then hostapd; the address stays. Returns 1, or 0 at the first failure. */
+/** Stops the access point: DHCP server, then hostapd; the address stays. Returns 1, or 0 at the first
+ * failure. */
 int wifi_host_stop();
 
 /**

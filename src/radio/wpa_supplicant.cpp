@@ -24,7 +24,8 @@ std::string currentNetwork;
 
 /**
  * Opens the bus and calls a method of the interface object, whose reply carries nothing. Both failures are
- * logged with the caller's name. Returns the last result code; `opened` tells whether the bus could be opened.
+ * logged with the caller's name. Returns the last result code; `opened` tells whether the bus could be
+ * opened.
  */
 template <typename... Arguments>
 int call_interface(const char* function, bool& opened, const char* method, const char* types,
@@ -39,8 +40,8 @@ int call_interface(const char* function, bool& opened, const char* method, const
     }
     BusError error;
     sd_bus_message* received = nullptr;
-    result = sd_bus_call_method(bus.get(), kCallService, kInterfacePath, kInterface, method, error.get(), &received,
-                                types, arguments...);
+    result = sd_bus_call_method(bus.get(), kCallService, kInterfacePath, kInterface, method, error.get(),
+                                &received, types, arguments...);
     const MessagePtr reply(received);
     if (result < 0) {
         syslog(LOG_ERR, "[WPA] %s: Failed to call dbus method", function);
@@ -54,8 +55,8 @@ int append_network(sd_bus_message* message, const std::string& ssid, const std::
     if (passphrase.empty()) {
         return sd_bus_message_append(message, "a{sv}", 2, "ssid", "s", ssid.c_str(), "key_mgmt", "s", "NONE");
     }
-    return sd_bus_message_append(message, "a{sv}", 3, "ssid", "s", ssid.c_str(), "key_mgmt", "s", "WPA-PSK", "psk",
-                                 "s", passphrase.c_str());
+    return sd_bus_message_append(message, "a{sv}", 3, "ssid", "s", ssid.c_str(), "key_mgmt", "s", "WPA-PSK",
+                                 "psk", "s", passphrase.c_str());
 }
 
 /** Sends AddNetwork and reads the new network's path. Returns the last result code. */
@@ -151,7 +152,8 @@ int wpa_supplicant_scan()
 {
     syslog(LOG_INFO, "[WPA] Scan APs");
     bool opened = false;
-    return call_interface("wpa_supplicant_scan", opened, "Scan", "a{sv}", 1, "Type", "s", "active") != 0 ? 1 : 0;
+    return call_interface("wpa_supplicant_scan", opened, "Scan", "a{sv}", 1, "Type", "s", "active") != 0 ? 1
+                                                                                                         : 0;
 }
 
 int wpa_supplicant_add_network(const std::string& ssid, const std::string& passphrase, std::string& path)

@@ -14,8 +14,8 @@ bool wpa_supplicant_gen_passphrase(const std::string& ssid, const std::string& p
 
     std::array<char, 256> command{};
     std::snprintf(command.data(), command.size(),
-                  "wpa_passphrase '%s' '%s' > /etc/wpa_supplicant/wpa_supplicant-nl80211-wlan0.conf", ssid.c_str(),
-                  passphrase.c_str());
+                  "wpa_passphrase '%s' '%s' > /etc/wpa_supplicant/wpa_supplicant-nl80211-wlan0.conf",
+                  ssid.c_str(), passphrase.c_str());
     const int status = utils_do_system_call(command.data());
     if (status != 0) {
         syslog(LOG_ERR, "%s: Unable to generate ssid from passphrase, error: %d", kFunction, status);

@@ -3,13 +3,13 @@
 #include <string>
 
 /**
- * wpa_supplicant's configuration file for a start-up from file. The daemon configures networks over D-Bus only
- * and calls none of these. All return true on success.
+ * wpa_supplicant's configuration file for a start-up from file. The daemon configures networks over D-Bus
+ * only and calls none of these. All return true on success.
  */
 
 /**
- * Writes the file with wpa_passphrase(8), by a command line that is cut at 255 characters and in which SSID and
- * passphrase stand unescaped between single quotes: for trusted texts only.
+ * Writes the file with wpa_passphrase(8), by a command line that is cut at 255 characters and in which SSID
+ * and passphrase stand unescaped between single quotes: for trusted texts only.
  *
  * Logs "%s: SSID generated from passphrase successfully." (INFO) or
  * "%s: Unable to generate ssid from passphrase, error: %d" (ERR).

@@ -1,8 +1,8 @@
 #pragma once
 
 /**
- * The DHCP units: "udhcpd.service" serves addresses in access-point mode, "udhcpc@wlan0.service" obtains one in
- * station mode. Each function writes its line to the log (INFO), looks the unit up and queues the job.
+ * The DHCP units: "udhcpd.service" serves addresses in access-point mode, "udhcpc@wlan0.service" obtains one
+ * in station mode. Each function writes its line to the log (INFO), looks the unit up and queues the job.
  *
  * All return the result of the unit job (utils/systemd_units.hpp): 1 when its last result code was not zero,
  * also for a refused job; 0 when the look-up or the job ended with exactly zero. Failures are logged there.

@@ -6,12 +6,12 @@
 #include <sigc++/sigc++.h>
 
 /**
- * A signal of libsigc++ slots that one thread may emit while another connects to it, which sigc::signal does not
- * allow.
+ * A signal of libsigc++ slots that one thread may emit while another connects to it, which sigc::signal does
+ * not allow.
  *
- * The emission takes a snapshot of the slots under a lock and runs them outside of it, so a slot that takes its
- * time holds up nobody who connects, and a slot connected during an emission is first called by the next one.
- * Slots must not be bound to sigc::trackable objects.
+ * The emission takes a snapshot of the slots under a lock and runs them outside of it, so a slot that takes
+ * its time holds up nobody who connects, and a slot connected during an emission is first called by the next
+ * one. Slots must not be bound to sigc::trackable objects.
  */
 template <typename... Arguments>
 class GuardedSignal

@@ -16,8 +16,8 @@ constexpr size_t kSignalStrengthBufferSize = 256;
  * @param buffer at least kMacAddressBufferSize characters
  * @return nonzero when a 6-byte address was formatted; 0 otherwise
  *
- * Logs "%s: Failed to get MAC address for interface %s" (ERR) when the interface's address is not 6 bytes long;
- * nothing when there is no such interface or the list can not be had.
+ * Logs "%s: Failed to get MAC address for interface %s" (ERR) when the interface's address is not 6 bytes
+ * long; nothing when there is no such interface or the list can not be had.
  */
 int utils_get_mac_address(const char* interface, char* buffer);
 

@@ -17,12 +17,13 @@
 /**
  * Runs a command line and waits for its end.
  *
- * @return 0 when the command ended with exit status 0; otherwise the raw wait status, for example 256 for exit
- *         status 1 and 32512 (status 127) when there is no shell; -1 when no process could be created
+ * @return 0 when the command ended with exit status 0; otherwise the raw wait status, for example 256 for
+ * exit status 1 and 32512 (status 127) when there is no shell; -1 when no process could be created
  */
 int shell_run(const std::string& command);
 
-/** A command line whose standard output is read through a pipe. The destructor waits for the command's end. */
+/** A command line whose standard output is read through a pipe. The destructor waits for the command's end.
+ */
 class ShellPipe
 {
 public:

@@ -5,7 +5,9 @@
 #include <poll.h>
 #include <sys/eventfd.h>
 
-StopFlag::StopFlag() : event_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+StopFlag::StopFlag() : event_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
+{
+}
 
 void StopFlag::set()
 {

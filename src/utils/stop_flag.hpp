@@ -18,7 +18,8 @@ public:
     void clear();
     bool is_set() const { return stopped_; }
 
-    /** Readable while the flag is set; -1 when the system had no descriptor left, the flag then works without. */
+    /** Readable while the flag is set; -1 when the system had no descriptor left, the flag then works
+     * without. */
     int fd() const { return event_.get(); }
 
     /**

@@ -29,26 +29,33 @@ struct UnitFilesCall
 constexpr UnitFilesCall kEnable = {
     .method = "EnableUnitFiles",
     .flags = 2,
-    .logCloseFailed = [] { syslog(LOG_ERR, "[Utils] %s: sd_bus_close_container failed", "utils_enable_service"); },
-    .logSucceeded = [](const char* unit) { syslog(LOG_INFO, "[Utils] %s should've been successfully enabled", unit); },
+    .logCloseFailed =
+        [] { syslog(LOG_ERR, "[Utils] %s: sd_bus_close_container failed", "utils_enable_service"); },
+    .logSucceeded =
+        [](const char* unit) { syslog(LOG_INFO, "[Utils] %s should've been successfully enabled", unit); },
     .logSummary =
         [](int result) {
-            syslog(LOG_ERR, "[Utils] %s Error building/calling EnableUnitFiles: %d", "utils_enable_service", result);
+            syslog(LOG_ERR, "[Utils] %s Error building/calling EnableUnitFiles: %d", "utils_enable_service",
+                   result);
         },
 };
 
 constexpr UnitFilesCall kDisable = {
     .method = "DisableUnitFiles",
     .flags = 1,
-    .logCloseFailed = [] { syslog(LOG_ERR, "[Main] %s: sd_bus_close_container failed", "utils_disable_service"); },
-    .logSucceeded = [](const char* unit) { syslog(LOG_INFO, "[Utils] %s should've been successfully disabled", unit); },
+    .logCloseFailed =
+        [] { syslog(LOG_ERR, "[Main] %s: sd_bus_close_container failed", "utils_disable_service"); },
+    .logSucceeded =
+        [](const char* unit) { syslog(LOG_INFO, "[Utils] %s should've been successfully disabled", unit); },
     .logSummary =
         [](int result) {
-            syslog(LOG_ERR, "[Utils] %s Error building/calling DisableUnitFiles: %d", "utils_disable_service", result);
+            syslog(LOG_ERR, "[Utils] %s Error building/calling DisableUnitFiles: %d", "utils_disable_service",
+                   result);
         },
 };
 
-/** Appends the one-element array of unit files. A failing step is logged and the next one tried all the same. */
+/** Appends the one-element array of unit files. A failing step is logged and the next one tried all the same.
+ */
 void append_unit_file(sd_bus_message* message, const UnitFilesCall& call, const std::string& unit)
 {
     int result = sd_bus_message_open_container(message, 'a', "s");
@@ -134,9 +141,13 @@ constexpr PathCall kGetUnit = {
     .function = "utils_get_service_unit",
     .logFailed =
         [](const char* subject, const char* text, int result) {
-            syslog(LOG_ERR, "[Utils] Failed to get unit name of '%s' service. %s (r = %d)", subject, text, result);
+            syslog(LOG_ERR, "[Utils] Failed to get unit name of '%s' service. %s (r = %d)", subject, text,
+                   result);
         },
-    .logSucceeded = [](const char* first, const char* second) { syslog(LOG_INFO, "[Utils] Got unit name '%s' for the service '%s'", first, second); },
+    .logSucceeded =
+        [](const char* first, const char* second) {
+            syslog(LOG_INFO, "[Utils] Got unit name '%s' for the service '%s'", first, second);
+        },
 };
 
 constexpr PathCall kLoadUnit = {
@@ -144,9 +155,13 @@ constexpr PathCall kLoadUnit = {
     .function = "utils_load_service_unit",
     .logFailed =
         [](const char* subject, const char* text, int result) {
-            syslog(LOG_ERR, "[Utils] Failed to load unit name of '%s' service. %s (r = %d)", subject, text, result);
+            syslog(LOG_ERR, "[Utils] Failed to load unit name of '%s' service. %s (r = %d)", subject, text,
+                   result);
         },
-    .logSucceeded = [](const char* first, const char* second) { syslog(LOG_INFO, "[Utils] Got unit name '%s' for the service '%s'", first, second); },
+    .logSucceeded =
+        [](const char* first, const char* second) {
+            syslog(LOG_INFO, "[Utils] Got unit name '%s' for the service '%s'", first, second);
+        },
 };
 
 constexpr PathCall kStart = {
@@ -156,7 +171,10 @@ constexpr PathCall kStart = {
         [](const char* subject, const char* text, int result) {
             syslog(LOG_ERR, "[Utils] Failed to start '%s' unit. %s (r = %d)", subject, text, result);
         },
-    .logSucceeded = [](const char* first, const char* second) { syslog(LOG_INFO, "[Utils] Started '%s' unit with job id:%s", first, second); },
+    .logSucceeded =
+        [](const char* first, const char* second) {
+            syslog(LOG_INFO, "[Utils] Started '%s' unit with job id:%s", first, second);
+        },
 };
 
 constexpr PathCall kRestart = {
@@ -166,7 +184,10 @@ constexpr PathCall kRestart = {
         [](const char* subject, const char* text, int result) {
             syslog(LOG_ERR, "[Utils]  Failed to re-start '%s' unit. %s (r = %d)", subject, text, result);
         },
-    .logSucceeded = [](const char* first, const char* second) { syslog(LOG_INFO, "[Utils] Restarted '%s' unit with job id:%s", first, second); },
+    .logSucceeded =
+        [](const char* first, const char* second) {
+            syslog(LOG_INFO, "[Utils] Restarted '%s' unit with job id:%s", first, second);
+        },
 };
 
 constexpr PathCall kStop = {
@@ -176,7 +197,10 @@ constexpr PathCall kStop = {
         [](const char* subject, const char* text, int result) {
             syslog(LOG_ERR, "[Utils] Failed to stop '%s' unit. %s (r = %d)", subject, text, result);
         },
-    .logSucceeded = [](const char* first, const char* second) { syslog(LOG_INFO, "[Utils] Stopped '%s' unit with job id:%s", first, second); },
+    .logSucceeded =
+        [](const char* first, const char* second) {
+            syslog(LOG_INFO, "[Utils] Stopped '%s' unit with job id:%s", first, second);
+        },
 };
 
 /**
@@ -193,8 +217,8 @@ int call_for_path(const PathCall& call, const char* object, const char* interfac
     }
     BusError error;
     sd_bus_message* received = nullptr;
-    result = sd_bus_call_method(bus.get(), kSystemd, object, interface, call.method, error.get(), &received, "s",
-                                argument);
+    result = sd_bus_call_method(bus.get(), kSystemd, object, interface, call.method, error.get(), &received,
+                                "s", argument);
     const MessagePtr reply(received);
     if (result < 0) {
         call.logFailed(subject, error.message(), result);

@@ -4,8 +4,8 @@
 
 /**
  * Control of systemd units over D-Bus (org.freedesktop.systemd1 on the system bus, see
- * org.freedesktop.systemd1(5)). Each function opens a private connection, makes one call, logs the outcome and
- * closes the connection again. May be called from any thread.
+ * org.freedesktop.systemd1(5)). Each function opens a private connection, makes one call, logs the outcome
+ * and closes the connection again. May be called from any thread.
  */
 
 /**
@@ -14,8 +14,8 @@
  * @param unit unit file name or absolute path
  * @return true when the call did not end with a negative error, also when its result was 0
  *
- * Logs "[Utils] Trying to enable %s" (INFO), then "[Utils] %s should've been successfully enabled" (INFO) or the
- * failing step (ERR).
+ * Logs "[Utils] Trying to enable %s" (INFO), then "[Utils] %s should've been successfully enabled" (INFO) or
+ * the failing step (ERR).
  */
 bool utils_enable_service(const std::string& unit);
 
@@ -35,11 +35,12 @@ bool utils_disable_service(const std::string& unit);
  * @param name unit name such as "udhcpd.service"
  * @param path receives the unit's object path; untouched on failure
  * @return 1 when the last result code was not zero, a negative one included; 0 when it was exactly zero. A
- *         refused look-up therefore returns 1 and leaves `path` as it was: callers go on, and the unit job that
- *         follows fails and logs.
+ *         refused look-up therefore returns 1 and leaves `path` as it was: callers go on, and the unit job
+ * that follows fails and logs.
  *
  * Logs "[Utils] Got unit name '%s' for the service '%s'" (INFO) or
- * "[Utils] Failed to get unit name of '%s' service. %s (r = %d)" (ERR); nothing when the bus can not be opened.
+ * "[Utils] Failed to get unit name of '%s' service. %s (r = %d)" (ERR); nothing when the bus can not be
+ * opened.
  */
 int utils_get_service_unit(const std::string& name, std::string& path);
 

@@ -6,8 +6,8 @@
 using UnitJob = int (*)(const std::string& path);
 
 /**
- * Looks a unit up and, when the look-up returned nonzero (which it also does after a refused look-up, the path
- * then being empty), runs the job on its object path.
+ * Looks a unit up and, when the look-up returned nonzero (which it also does after a refused look-up, the
+ * path then being empty), runs the job on its object path.
  *
  * @return the job's result, or the look-up's 0
  */
