@@ -86,13 +86,18 @@ int fetch(sd_bus* bus, const Property& property, const char* type, MessagePtr& r
     char outer = 0;
     const char* contents = nullptr;
     r = sd_bus_message_peek_type(answer, &outer, &contents);
-    if (r > 0 && outer == SD_BUS_TYPE_VARIANT && std::string_view(contents) == type) {
-        r = sd_bus_message_enter_container(answer, SD_BUS_TYPE_VARIANT, type);
-    } else if (r >= 0) {
-        const bool variant = r > 0 && outer == SD_BUS_TYPE_VARIANT;
-        error = std::string("Property ") + property.name + " is of type '" +
-                (variant ? contents : sd_bus_message_get_signature(answer, 1)) + "', not '" + type + "'";
+    if (r >= 0 && outer != SD_BUS_TYPE_VARIANT) {
+        error = std::string("The reply for property ") + property.name + " holds '" +
+                sd_bus_message_get_signature(answer, 1) + "' in place of a variant";
         return -ENXIO;
+    }
+    if (r > 0 && std::string_view(contents) != type) {
+        error =
+            std::string("Property ") + property.name + " is of type '" + contents + "', not '" + type + "'";
+        return -ENXIO;
+    }
+    if (r > 0) {
+        r = sd_bus_message_enter_container(answer, SD_BUS_TYPE_VARIANT, type);
     }
     if (r < 0) {
         error = std::string("Cannot read property ") + property.name + ": " + errno_text(r);

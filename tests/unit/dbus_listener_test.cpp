@@ -1,0 +1,502 @@
+#include "dbus-helper/dbus_listener.hpp"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <systemd/sd-bus.h>
+#include <unistd.h>
+
+#include "support/event_loop.hpp"
+#include "support/private_bus.hpp"
+
+namespace {
+
+using DbusHelper::BusType;
+using DbusHelper::DbusListener;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing_support::BusRole;
+using testing_support::EventLoop;
+using testing_support::PrivateBus;
+using testing_support::settle;
+using vantora::BusPtr;
+
+constexpr const char* sender = "com.example.Sender";
+constexpr const char* interface = "com.example.Sender.Events";
+constexpr const char* member = "Happened";
+
+using Texts = std::vector<std::string>;
+
+/** Notes the text that each signal carries. */
+int note(sd_bus_message* message, void* userdata, sd_bus_error*)
+{
+    const char* text = nullptr;
+    if (sd_bus_message_read_basic(message, 's', &text) > 0) {
+        static_cast<Texts*>(userdata)->emplace_back(text);
+    }
+    return 0;
+}
+
+void emit(sd_bus* bus, const std::string& text, const char* path = "/com/example/object")
+{
+    ASSERT_GE(sd_bus_emit_signal(bus, path, interface, member, "s", text.c_str()), 0);
+    settle(bus);
+}
+
+/** Sends a signal straight to one connection, past the matches of the bus daemon. */
+void emit_to(sd_bus* bus, const std::string& destination, const std::string& text)
+{
+    sd_bus_message* message = nullptr;
+    ASSERT_GE(sd_bus_message_new_signal(bus, &message, "/com/example/object", interface, member), 0);
+    const vantora::MessagePtr owner(message);
+    ASSERT_GE(sd_bus_message_append(message, "s", text.c_str()), 0);
+    ASSERT_GE(sd_bus_send_to(bus, message, destination.c_str(), nullptr), 0);
+    settle(bus);
+}
+
+/** The unique names of all connections but those of the bus daemon and of the one that asks. */
+Texts other_connections(sd_bus* bus)
+{
+    const char* own_name = nullptr;
+    sd_bus_get_unique_name(bus, &own_name);
+    char** names = nullptr;
+    sd_bus_list_names(bus, &names, nullptr);
+    Texts others;
+    for (char** name = names; name != nullptr && *name != nullptr; ++name) {
+        if (**name == ':' && std::string(*name) != own_name) {
+            others.emplace_back(*name);
+        }
+        std::free(*name);
+    }
+    std::free(names);
+    return others;
+}
+
+class DbusListenerTest : public testing::Test
+{
+protected:
+    BusPtr connect_as_sender() const
+    {
+        BusPtr connection = bus.connect();
+        EXPECT_GE(sd_bus_request_name(connection.get(), sender, 0), 0);
+        return connection;
+    }
+
+    void listen(DbusListener& listener, const std::string& path = "")
+    {
+        ASSERT_EQ(listener.Connect(), 0);
+        ASSERT_EQ(listener.ListenSignal(sender, path, interface, member, note, &heard), 0);
+    }
+
+    bool hears(std::size_t count) const
+    {
+        return loop.run_until([&] { return heard.size() >= count; });
+    }
+
+    /** Ends the bus daemon and runs the loop until the listener has noticed. */
+    void lose_bus(DbusListener& listener)
+    {
+        bus.stop();
+        // Neither connected nor refused: remembered for the connection to come.
+        ASSERT_TRUE(loop.run_until(
+            [&] { return listener.ListenSignal(sender, "/never", interface, member, note, &heard) == 0; }));
+    }
+
+    PrivateBus bus;
+    EventLoop loop;
+    Texts heard;
+};
+
+TEST_F(DbusListenerTest, HearsASignalOfTheSender)
+{
+    const BusPtr source = connect_as_sender();
+    DbusListener listener(loop.get());
+    listen(listener);
+    emit(source.get(), "hello");
+    ASSERT_TRUE(hears(1));
+    EXPECT_THAT(heard, ElementsAre("hello"));
+}
+
+TEST_F(DbusListenerTest, PassesMessageUserdataAndErrorAsTheBusDoes)
+{
+    struct Seen
+    {
+        std::string path, interface, member;
+        bool error = false;
+    } seen;
+    const BusPtr source = connect_as_sender();
+    DbusListener listener(loop.get());
+    ASSERT_EQ(listener.Connect(), 0);
+    ASSERT_EQ(listener.ListenSignal(
+                  sender, "", interface, member,
+                  [](sd_bus_message* message, void* userdata, sd_bus_error* error) {
+                      *static_cast<Seen*>(userdata) = {sd_bus_message_get_path(message),
+                                                       sd_bus_message_get_interface(message),
+                                                       sd_bus_message_get_member(message), error != nullptr};
+                      return 0;
+                  },
+                  &seen),
+              0);
+    emit(source.get(), "x");
+    ASSERT_TRUE(loop.run_until([&] { return !seen.path.empty(); }));
+    EXPECT_EQ(seen.path, "/com/example/object");
+    EXPECT_EQ(seen.interface, interface);
+    EXPECT_EQ(seen.member, member);
+    EXPECT_TRUE(seen.error);
+}
+
+TEST_F(DbusListenerTest, HearsEveryObjectWithoutAPathAndOnlyTheOneWithOne)
+{
+    Texts from_one;
+    const BusPtr source = connect_as_sender();
+    DbusListener listener(loop.get());
+    listen(listener);
+    ASSERT_EQ(listener.ListenSignal(sender, "/one", interface, member, note, &from_one), 0);
+    emit(source.get(), "first", "/one");
+    emit(source.get(), "second", "/two");
+    emit(source.get(), "third", "/one");
+    ASSERT_TRUE(hears(3));
+    ASSERT_TRUE(loop.run_until([&] { return from_one.size() >= 2; }));
+    EXPECT_THAT(heard, ElementsAre("first", "second", "third"));
+    EXPECT_THAT(from_one, ElementsAre("first", "third"));
+}
+
+TEST_F(DbusListenerTest, HearsNoOtherMemberOrInterface)
+{
+    const BusPtr source = connect_as_sender();
+    DbusListener listener(loop.get());
+    listen(listener);
+    ASSERT_GE(sd_bus_emit_signal(source.get(), "/o", interface, "Other", "s", "wrong member"), 0);
+    ASSERT_GE(sd_bus_emit_signal(source.get(), "/o", "com.example.Other", member, "s", "wrong interface"), 0);
+    emit(source.get(), "right");
+    ASSERT_TRUE(hears(1));
+    EXPECT_THAT(heard, ElementsAre("right"));
+}
+
+TEST_F(DbusListenerTest, BelievesNobodyElse)
+{
+    const BusPtr source = connect_as_sender();
+    const BusPtr liar = bus.connect();
+    DbusListener listener(loop.get());
+    listen(listener);
+    emit(liar.get(), "broadcast lie");
+    for (const std::string& destination : other_connections(liar.get())) {
+        emit_to(liar.get(), destination, "whispered lie");
+    }
+    emit(source.get(), "truth");
+    ASSERT_TRUE(hears(1));
+    EXPECT_THAT(heard, ElementsAre("truth"));
+}
+
+TEST_F(DbusListenerTest, BelievesNobodyWhileTheNameHasNoOwner)
+{
+    const BusPtr liar = bus.connect();
+    DbusListener listener(loop.get());
+    listen(listener);
+    for (const std::string& destination : other_connections(liar.get())) {
+        emit_to(liar.get(), destination, "whispered lie");
+    }
+    const BusPtr source = connect_as_sender();
+    emit(source.get(), "truth");
+    ASSERT_TRUE(hears(1));
+    EXPECT_THAT(heard, ElementsAre("truth"));
+}
+
+TEST_F(DbusListenerTest, DoesNotMixUpTheSendersOfTwoRulesForTheSameSignal)
+{
+    Texts heard_from_other;
+    const BusPtr source = connect_as_sender();
+    const BusPtr other = bus.connect();
+    ASSERT_GE(sd_bus_request_name(other.get(), "com.example.Other", 0), 0);
+    DbusListener listener(loop.get());
+    listen(listener);
+    ASSERT_EQ(listener.ListenSignal("com.example.Other", "", interface, member, note, &heard_from_other), 0);
+    emit(other.get(), "from the other");
+    emit(source.get(), "from the sender");
+    ASSERT_TRUE(hears(1));
+    EXPECT_THAT(heard, ElementsAre("from the sender"));
+    EXPECT_THAT(heard_from_other, ElementsAre("from the other"));
+}
+
+TEST_F(DbusListenerTest, HearsASenderThatComesLater)
+{
+    DbusListener listener(loop.get());
+    listen(listener);
+    const BusPtr source = connect_as_sender();
+    emit(source.get(), "late");
+    ASSERT_TRUE(hears(1));
+    EXPECT_THAT(heard, ElementsAre("late"));
+}
+
+TEST_F(DbusListenerTest, FollowsASenderThatIsRestarted)
+{
+    BusPtr source = connect_as_sender();
+    DbusListener listener(loop.get());
+    listen(listener);
+    emit(source.get(), "before");
+    source.reset();
+    source = connect_as_sender();
+    emit(source.get(), "after");
+    ASSERT_TRUE(hears(2));
+    EXPECT_THAT(heard, ElementsAre("before", "after"));
+}
+
+TEST_F(DbusListenerTest, NoLongerBelievesOneThatGaveTheNameAway)
+{
+    const BusPtr old_source = connect_as_sender();
+    DbusListener listener(loop.get());
+    listen(listener);
+    emit(old_source.get(), "as owner");
+    ASSERT_GE(sd_bus_release_name(old_source.get(), sender), 0);
+    const BusPtr new_source = connect_as_sender();
+    for (const std::string& destination : other_connections(old_source.get())) {
+        emit_to(old_source.get(), destination, "no longer owner");
+    }
+    emit(new_source.get(), "new owner");
+    ASSERT_TRUE(hears(2));
+    EXPECT_THAT(heard, ElementsAre("as owner", "new owner"));
+}
+
+TEST_F(DbusListenerTest, CallsEveryCallbackWhateverTheyReturn)
+{
+    Texts second;
+    const BusPtr source = connect_as_sender();
+    DbusListener listener(loop.get());
+    ASSERT_EQ(listener.Connect(), 0);
+    constexpr auto note_and_fail = [](sd_bus_message* message, void* userdata, sd_bus_error* error) {
+        note(message, userdata, error);
+        return -1;
+    };
+    ASSERT_EQ(listener.ListenSignal(sender, "", interface, member, note_and_fail, &heard), 0);
+    ASSERT_EQ(listener.ListenSignal(sender, "", interface, member, note_and_fail, &second), 0);
+    emit(source.get(), "one");
+    emit(source.get(), "two");
+    ASSERT_TRUE(loop.run_until([&] { return heard.size() == 2 && second.size() == 2; }));
+}
+
+TEST_F(DbusListenerTest, MayBeDisconnectedByItsOwnCallback)
+{
+    const BusPtr source = connect_as_sender();
+    DbusListener listener(loop.get());
+    ASSERT_EQ(listener.Connect(), 0);
+    struct Context
+    {
+        DbusListener* listener;
+        Texts heard;
+    } context = {&listener, {}};
+    ASSERT_EQ(listener.ListenSignal(
+                  sender, "", interface, member,
+                  [](sd_bus_message* message, void* userdata, sd_bus_error* error) {
+                      auto& self = *static_cast<Context*>(userdata);
+                      self.listener->Disconnect();
+                      return note(message, &self.heard, error);
+                  },
+                  &context),
+              0);
+    emit(source.get(), "one");
+    emit(source.get(), "two");
+    ASSERT_TRUE(loop.run_until([&] { return !context.heard.empty(); }));
+    EXPECT_THAT(context.heard, ElementsAre("one"));
+    EXPECT_EQ(listener.ListenSignal(sender, "", interface, member, note, &heard), -ENOTCONN);
+}
+
+TEST_F(DbusListenerTest, MayBeDestroyedByItsOwnCallback)
+{
+    const BusPtr source = connect_as_sender();
+    auto listener = std::make_unique<DbusListener>(loop.get());
+    ASSERT_EQ(listener->Connect(), 0);
+    ASSERT_EQ(listener->ListenSignal(
+                  sender, "", interface, member,
+                  [](sd_bus_message*, void* userdata, sd_bus_error*) {
+                      static_cast<std::unique_ptr<DbusListener>*>(userdata)->reset();
+                      return 0;
+                  },
+                  &listener),
+              0);
+    emit(source.get(), "one");
+    EXPECT_TRUE(loop.run_until([&] { return listener == nullptr; }));
+}
+
+TEST_F(DbusListenerTest, ForgetsItsRulesWhenItDisconnects)
+{
+    Texts heard_afterwards;
+    const BusPtr source = connect_as_sender();
+    DbusListener listener(loop.get());
+    listen(listener);
+    listener.Disconnect();
+    listener.Disconnect();
+    ASSERT_EQ(listener.Connect(), 0);
+    ASSERT_EQ(listener.ListenSignal(sender, "", interface, member, note, &heard_afterwards), 0);
+    emit(source.get(), "hello");
+    ASSERT_TRUE(loop.run_until([&] { return !heard_afterwards.empty(); }));
+    EXPECT_THAT(heard, IsEmpty());
+}
+
+TEST_F(DbusListenerTest, ConnectsOnceHoweverOftenItIsAsked)
+{
+    const BusPtr observer = bus.connect();
+    DbusListener listener(loop.get());
+    EXPECT_EQ(listener.Connect(), 0);
+    EXPECT_EQ(listener.Connect(), 0);
+    EXPECT_EQ(other_connections(observer.get()).size(), 1U);
+    listener.Disconnect();
+    EXPECT_TRUE(loop.run_until([&] { return other_connections(observer.get()).empty(); }));
+}
+
+TEST_F(DbusListenerTest, RefusesToListenBeforeItIsConnected)
+{
+    DbusListener listener(loop.get());
+    EXPECT_EQ(listener.ListenSignal(sender, "", interface, member, note, &heard), -ENOTCONN);
+}
+
+TEST_F(DbusListenerTest, RefusesNamesThatCouldNotStandInAMatchRule)
+{
+    DbusListener listener(loop.get());
+    ASSERT_EQ(listener.Connect(), 0);
+    EXPECT_EQ(listener.ListenSignal("", "", interface, member, note, &heard), -EINVAL);
+    EXPECT_EQ(listener.ListenSignal("a.b',member='C", "", interface, member, note, &heard), -EINVAL);
+    EXPECT_EQ(listener.ListenSignal(sender, "no/slash/first", interface, member, note, &heard), -EINVAL);
+    EXPECT_EQ(listener.ListenSignal(sender, "", "undotted", member, note, &heard), -EINVAL);
+    EXPECT_EQ(listener.ListenSignal(sender, "", interface, "", note, &heard), -EINVAL);
+    EXPECT_EQ(listener.ListenSignal(sender, "", interface, member, nullptr, &heard), -EINVAL);
+}
+
+TEST_F(DbusListenerTest, ReportsAFirstConnectionThatFailsAndArmsNothing)
+{
+    bus.stop();
+    DbusListener listener(loop.get());
+    EXPECT_LT(listener.Connect(), 0);
+    EXPECT_EQ(listener.ListenSignal(sender, "", interface, member, note, &heard), -ENOTCONN);
+    EXPECT_EQ(sd_event_prepare(loop.get()), 0);
+    EXPECT_EQ(sd_event_wait(loop.get(), std::uint64_t{1500} * 1000), 0) << "a timer fired";
+}
+
+TEST_F(DbusListenerTest, LeavesTheLoopAsleepWhileNothingHappens)
+{
+    const BusPtr source = connect_as_sender();
+    DbusListener listener(loop.get());
+    listen(listener);
+    emit(source.get(), "last");
+    ASSERT_TRUE(hears(1));
+    while (sd_event_run(loop.get(), 0) > 0) {
+    }
+    EXPECT_EQ(sd_event_run(loop.get(), std::uint64_t{1500} * 1000), 0) << "the loop woke up";
+}
+
+TEST_F(DbusListenerTest, ListensAgainAfterTheBusWasRestarted)
+{
+    BusPtr source = connect_as_sender();
+    DbusListener listener(loop.get());
+    listen(listener);
+    emit(source.get(), "before");
+    ASSERT_TRUE(hears(1));
+
+    lose_bus(listener);
+    source.reset();
+    bus.start();
+    source = connect_as_sender();
+    ASSERT_TRUE(loop.run_until([&] {
+        emit(source.get(), "after");
+        return heard.size() >= 2;
+    }));
+    EXPECT_EQ(heard[0], "before");
+    EXPECT_EQ(heard[1], "after");
+}
+
+TEST_F(DbusListenerTest, KeepsTryingUntilTheBusIsBack)
+{
+    DbusListener listener(loop.get());
+    listen(listener);
+    lose_bus(listener);
+    // All that can happen in the loop now is the first attempt, which finds no bus.
+    ASSERT_GT(sd_event_run(loop.get(), std::uint64_t{30} * 1000 * 1000), 0);
+    bus.start();
+    const BusPtr source = connect_as_sender();
+    ASSERT_TRUE(loop.run_until([&] {
+        emit(source.get(), "after");
+        return !heard.empty();
+    }));
+}
+
+TEST_F(DbusListenerTest, AcceptsARuleWhileTheBusIsAwayAndHearsItLater)
+{
+    DbusListener listener(loop.get());
+    ASSERT_EQ(listener.Connect(), 0);
+    bus.stop();
+    ASSERT_TRUE(loop.run_until(
+        [&] { return listener.ListenSignal(sender, "", interface, member, note, &heard) == 0; }));
+    bus.start();
+    const BusPtr source = connect_as_sender();
+    ASSERT_TRUE(loop.run_until([&] {
+        emit(source.get(), "hello");
+        return !heard.empty();
+    }));
+}
+
+TEST_F(DbusListenerTest, ConnectsAtOnceWhenAskedWhileTheBusIsAway)
+{
+    DbusListener listener(loop.get());
+    listen(listener);
+    bus.stop();
+    ASSERT_TRUE(loop.run_until([&] { return listener.Connect() < 0; }));
+    bus.start();
+    const BusPtr source = connect_as_sender();
+    ASSERT_EQ(listener.Connect(), 0);
+    emit(source.get(), "hello");
+    ASSERT_TRUE(hears(1));
+    EXPECT_THAT(heard, ElementsAre("hello"));
+}
+
+TEST_F(DbusListenerTest, StopsTryingWhenItDisconnects)
+{
+    DbusListener listener(loop.get());
+    ASSERT_EQ(listener.Connect(), 0);
+    lose_bus(listener);
+    listener.Disconnect();
+    EXPECT_EQ(listener.ListenSignal(sender, "", interface, member, note, &heard), -ENOTCONN);
+    while (sd_event_run(loop.get(), 0) > 0) {
+    }
+    EXPECT_EQ(sd_event_run(loop.get(), std::uint64_t{1500} * 1000), 0) << "a timer fired";
+}
+
+TEST_F(DbusListenerTest, MayOutliveTheLoopOwner)
+{
+    auto other_loop = std::make_unique<EventLoop>();
+    DbusListener listener(other_loop->get());
+    ASSERT_EQ(listener.Connect(), 0);
+    other_loop.reset();
+    listener.Disconnect();
+}
+
+TEST(DbusListenerBuses, AreToldApart)
+{
+    const PrivateBus user_bus(BusRole::User);
+    const PrivateBus system_bus(BusRole::System);
+    const BusPtr on_user_bus = user_bus.connect();
+    const BusPtr on_system_bus = system_bus.connect();
+    ASSERT_GE(sd_bus_request_name(on_user_bus.get(), sender, 0), 0);
+    ASSERT_GE(sd_bus_request_name(on_system_bus.get(), sender, 0), 0);
+
+    const EventLoop loop;
+    Texts by_default;
+    Texts from_system;
+    DbusListener default_listener(loop.get());
+    DbusListener system_listener(loop.get(), BusType::System);
+    ASSERT_EQ(default_listener.Connect(), 0);
+    ASSERT_EQ(system_listener.Connect(), 0);
+    ASSERT_EQ(default_listener.ListenSignal(sender, "", interface, member, note, &by_default), 0);
+    ASSERT_EQ(system_listener.ListenSignal(sender, "", interface, member, note, &from_system), 0);
+    emit(on_user_bus.get(), "user");
+    emit(on_system_bus.get(), "system");
+    ASSERT_TRUE(loop.run_until([&] { return !by_default.empty() && !from_system.empty(); }));
+    EXPECT_THAT(by_default, ElementsAre("user"));
+    EXPECT_THAT(from_system, ElementsAre("system"));
+}
+
+} // namespace

@@ -1,0 +1,261 @@
+#include "korrin-info/korrin_info.hpp"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <vector>
+
+#include <linux/netlink.h>
+#include <linux/nl80211.h>
+#include <sys/stat.h>
+
+#include "device_conf.hpp"
+#include "identity.hpp"
+#include "radio_bands.hpp"
+#include "support/temp_folder.hpp"
+
+namespace {
+
+using namespace KorrinInfo::detail;
+using testing::Pair;
+using testing::UnorderedElementsAre;
+
+bool with_5ghz()
+{
+    return true;
+}
+
+bool without_5ghz()
+{
+    return false;
+}
+
+/** A machine whose files are those that the test writes. */
+class Machine : public testing::Test
+{
+protected:
+    void configure(const std::string& text) { files.write("etc/korrin/device.conf", text); }
+    std::string root() const { return files.path().string(); }
+
+    testing_support::TempFolder files;
+};
+
+TEST(DeviceConf, ReadsKeysAndValues)
+{
+    EXPECT_THAT(
+        parse_device_conf("model=K1\nserial=12-3456\nradio_type=1\n"),
+        UnorderedElementsAre(Pair("model", "K1"), Pair("serial", "12-3456"), Pair("radio_type", "1")));
+}
+
+TEST(DeviceConf, DropsBlanksAroundKeysAndValuesAndKeepsThoseWithin)
+{
+    EXPECT_THAT(parse_device_conf("  model \t=  Korrin One \n"),
+                UnorderedElementsAre(Pair("model", "Korrin One")));
+}
+
+TEST(DeviceConf, ReadsCrlfLineEndsAndALastLineWithoutEnd)
+{
+    EXPECT_THAT(parse_device_conf("model=K1\r\nserial=5"),
+                UnorderedElementsAre(Pair("model", "K1"), Pair("serial", "5")));
+}
+
+TEST(DeviceConf, PassesOverCommentsEmptyLinesAndLinesWithoutEquals)
+{
+    EXPECT_THAT(parse_device_conf("# model=no\n;serial=no\n\n \t \nnonsense\n=nameless\nmodel=K#1\n"),
+                UnorderedElementsAre(Pair("model", "K#1")));
+}
+
+TEST(DeviceConf, TakesEverythingAfterTheFirstEqualsSign)
+{
+    EXPECT_THAT(parse_device_conf("model=a=b"), UnorderedElementsAre(Pair("model", "a=b")));
+}
+
+TEST(DeviceConf, TakesTheLastOfTwoValues)
+{
+    EXPECT_THAT(parse_device_conf("model=a\nmodel=b\n"), UnorderedElementsAre(Pair("model", "b")));
+}
+
+TEST(DeviceConf, PassesOverAByteOrderMark)
+{
+    EXPECT_THAT(parse_device_conf("\xEF\xBB\xBFmodel=a\n"), UnorderedElementsAre(Pair("model", "a")));
+}
+
+TEST(DeviceConf, IsEmptyForEmptyText)
+{
+    EXPECT_TRUE(parse_device_conf("").empty());
+}
+
+TEST_F(Machine, TellsWhatItsConfigurationSays)
+{
+    configure("model=K1\nserial=12-3456\nradio_type=3\n");
+    files.write("proc/device-tree/model", "other");
+    files.write("proc/device-tree/serial-number", "other");
+    EXPECT_EQ(display_name(root()), "K1");
+    EXPECT_EQ(serial_number(root()), "12-3456");
+    EXPECT_EQ(radio_type(root(), without_5ghz), 3);
+}
+
+TEST_F(Machine, TakesAnEmptyConfiguredTextForWhatItIs)
+{
+    configure("model=\nserial=\n");
+    files.write("proc/device-tree/model", "other");
+    files.write("proc/device-tree/serial-number", "other");
+    EXPECT_EQ(display_name(root()), "");
+    EXPECT_EQ(serial_number(root()), "");
+}
+
+TEST_F(Machine, AsksTheDeviceTreeForWhatIsNotConfigured)
+{
+    configure("radio_type=0\n");
+    files.write("proc/device-tree/model", std::string("Board Rev 2\0", 12));
+    files.write("proc/device-tree/serial-number", std::string("00-11\0", 6));
+    EXPECT_EQ(display_name(root()), "Board Rev 2");
+    EXPECT_EQ(serial_number(root()), "00-11");
+}
+
+TEST_F(Machine, AsksTheFirmwareTablesWithoutADeviceTree)
+{
+    files.write("sys/class/dmi/id/product_name", "Laptop 9\n");
+    files.write("sys/class/dmi/id/product_serial", "SN-77\n");
+    EXPECT_EQ(display_name(root()), "Laptop 9");
+    EXPECT_EQ(serial_number(root()), "SN-77");
+}
+
+TEST_F(Machine, DoesNotTakeTheTemplateTextOfFirmwareTablesForAName)
+{
+    files.write("sys/class/dmi/id/product_name", "To Be Filled By O.E.M.\n");
+    files.write("sys/class/dmi/id/product_serial", "Default string\n");
+    EXPECT_EQ(display_name(root()), "");
+    EXPECT_EQ(serial_number(root()), "");
+}
+
+TEST_F(Machine, MakesASerialNumberFromTheMachineIdWithoutShowingIt)
+{
+    const std::string id = "0123456789abcdef0123456789abcdef";
+    files.write("etc/machine-id", id + "\n");
+    const std::string serial = serial_number(root());
+    EXPECT_THAT(serial, testing::MatchesRegex("[0-9A-F]{12}"));
+    EXPECT_EQ(serial, serial_number(root()));
+
+    files.write("etc/machine-id", "0123456789abcdef0123456789abcdee\n");
+    EXPECT_NE(serial_number(root()), serial);
+}
+
+TEST_F(Machine, DoesNotTakeAnUninitialisedMachineIdForAnId)
+{
+    files.write("etc/machine-id", "uninitialized\n");
+    EXPECT_EQ(serial_number(root()), "");
+}
+
+TEST_F(Machine, KnowsNothingWhenThereIsNothing)
+{
+    EXPECT_EQ(display_name(root()), "");
+    EXPECT_EQ(serial_number(root()), "");
+    EXPECT_EQ(radio_type(root(), without_5ghz), 0);
+}
+
+TEST_F(Machine, TakesTheRadioTypeFromTheRadioWhenItIsNotConfigured)
+{
+    EXPECT_EQ(radio_type(root(), with_5ghz), 1);
+    EXPECT_EQ(radio_type(root(), without_5ghz), 0);
+}
+
+TEST_F(Machine, TakesTheRadioTypeFromTheRadioWhenTheConfiguredOneIsNoWholeNumber)
+{
+    for (const char* text : {"radio_type=", "radio_type=five", "radio_type=1x", "radio_type=99999999999"}) {
+        configure(text);
+        EXPECT_EQ(radio_type(root(), with_5ghz), 1) << text;
+        EXPECT_EQ(radio_type(root(), without_5ghz), 0) << text;
+    }
+}
+
+TEST_F(Machine, DoesNotAskTheRadioWhenTheTypeIsConfigured)
+{
+    configure("radio_type = 0\r\n");
+    EXPECT_EQ(radio_type(root(),
+                         [] {
+                             ADD_FAILURE() << "the radio was asked";
+                             return true;
+                         }),
+              0);
+}
+
+TEST_F(Machine, DoesNotWaitForAFifoInPlaceOfTheConfiguration)
+{
+    files.write("etc/korrin/other", "");
+    ASSERT_EQ(::mkfifo(files.file("etc/korrin/device.conf").c_str(), 0600), 0);
+    files.write("proc/device-tree/model", "Board");
+    EXPECT_EQ(display_name(root()), "Board");
+}
+
+TEST_F(Machine, PassesOverAConfigurationThatIsAFolderOrFarTooLarge)
+{
+    files.write("proc/device-tree/model", "Board");
+    files.write("etc/korrin/device.conf/file", "");
+    EXPECT_EQ(display_name(root()), "Board");
+
+    std::filesystem::remove_all(files.file("etc/korrin/device.conf"));
+    configure("model=K1\n" + std::string(std::size_t{1} << 20U, '#'));
+    EXPECT_EQ(display_name(root()), "Board");
+}
+
+/** Attributes as the kernel lays them out: length and type, payload, padding to four bytes. */
+std::vector<std::byte> attribute(std::uint16_t type, const std::vector<std::byte>& payload)
+{
+    const nlattr header = {static_cast<std::uint16_t>(sizeof(nlattr) + payload.size()), type};
+    std::vector<std::byte> bytes(sizeof header);
+    std::memcpy(bytes.data(), &header, sizeof header);
+    bytes.insert(bytes.end(), payload.begin(), payload.end());
+    bytes.resize(static_cast<std::size_t>(NLA_ALIGN(bytes.size())));
+    return bytes;
+}
+
+std::vector<std::byte> operator+(std::vector<std::byte> left, const std::vector<std::byte>& right)
+{
+    left.insert(left.end(), right.begin(), right.end());
+    return left;
+}
+
+TEST(RadioBands, AreFoundAmongOtherAttributes)
+{
+    const auto name = attribute(NL80211_ATTR_WIPHY_NAME, std::vector<std::byte>(5));
+    const auto band_2ghz = attribute(NL80211_BAND_2GHZ, attribute(NL80211_BAND_ATTR_FREQS, {}));
+    const auto band_5ghz =
+        attribute(NL80211_BAND_5GHZ | NLA_F_NESTED, attribute(NL80211_BAND_ATTR_FREQS, {}));
+    EXPECT_TRUE(attributes_offer_5ghz(
+        name + attribute(NL80211_ATTR_WIPHY_BANDS | NLA_F_NESTED, band_2ghz + band_5ghz)));
+    EXPECT_FALSE(attributes_offer_5ghz(name + attribute(NL80211_ATTR_WIPHY_BANDS | NLA_F_NESTED, band_2ghz)));
+    EXPECT_FALSE(attributes_offer_5ghz(name + attribute(NL80211_ATTR_WIPHY_BANDS, {})));
+    EXPECT_FALSE(attributes_offer_5ghz(name));
+    EXPECT_FALSE(attributes_offer_5ghz({}));
+}
+
+TEST(RadioBands, AreNotReadPastTheEndOfAMessageThatIsCutOff)
+{
+    const auto whole =
+        attribute(NL80211_ATTR_WIPHY_BANDS, attribute(NL80211_BAND_2GHZ, std::vector<std::byte>(8)) +
+                                                attribute(NL80211_BAND_5GHZ, std::vector<std::byte>(8)));
+    ASSERT_TRUE(attributes_offer_5ghz(whole));
+    for (std::size_t size = 0; size < whole.size(); ++size) {
+        const std::vector<std::byte> cut(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(size));
+        EXPECT_FALSE(attributes_offer_5ghz(cut)) << size; // the outer attribute no longer fits
+    }
+}
+
+TEST(RadioBands, DoNotLoopOnAnAttributeWithoutLength)
+{
+    EXPECT_FALSE(attributes_offer_5ghz(std::vector<std::byte>(64)));
+}
+
+TEST(KorrinInfo, AnswersOnAnyMachine)
+{
+    // What it says depends on the machine; that it says the same through the public names does not.
+    EXPECT_EQ(KorrinInfo::ThisModel::DisplayName(), display_name(""));
+    EXPECT_EQ(KorrinInfo::ThisKorrin::SerialNumber(), serial_number(""));
+    EXPECT_EQ(KorrinInfo::ThisKorrin::RadioType(), radio_type("", radio_offers_5ghz));
+}
+
+} // namespace

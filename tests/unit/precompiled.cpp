@@ -1,0 +1,1 @@
+// Nothing but a place to compile the headers that all unit tests share.

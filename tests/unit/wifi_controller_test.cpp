@@ -1,0 +1,463 @@
+#include "radio/wifi_controller.hpp"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include <unistd.h>
+
+#include "radio/hostapd.hpp"
+#include "radio/wpa_supplicant.hpp"
+#include "support/captured_log.hpp"
+#include "utils/dhcp_units.hpp"
+#include "utils/shell_commands.hpp"
+#include "utils/shell_process.hpp"
+
+// The controller decides order and messages; everything it calls is replaced here by functions that note the
+// call in the log, so that calls and messages stand in one order, and return what the test says.
+
+namespace {
+
+using testing::ElementsAreArray;
+using testing_support::CapturedLog;
+using testing_support::LogLine;
+
+/** Priority under which calls stand in the log. */
+constexpr int kCall = -1;
+
+/** What the replaced functions return: 1 (a shell command: 0), unless the test says otherwise. */
+std::map<std::string, int> results;
+
+int called(const std::string& name, int otherwise)
+{
+    const auto found = results.find(name);
+    const int result = found != results.end() ? found->second : otherwise;
+    CapturedLog::add_line(kCall, name);
+    return result;
+}
+
+/** Output of the next pipe; none can be opened when there is no text. */
+struct
+{
+    bool opens = true;
+    std::string output;
+    std::string command;
+    size_t limit = 0;
+} pipeState;
+
+const LogLine kSeparator = {LOG_INFO, "--------------------------------------------"};
+
+/** The three lines that begin a sequence. */
+std::vector<LogLine> heading(const std::string& text)
+{
+    return {kSeparator, {LOG_INFO, text}, kSeparator};
+}
+
+std::vector<LogLine> operator+(std::vector<LogLine> lines, const std::vector<LogLine>& more)
+{
+    lines.insert(lines.end(), more.begin(), more.end());
+    return lines;
+}
+
+LogLine call(const std::string& name)
+{
+    return {kCall, name};
+}
+
+const LogLine kFlushFailed = {LOG_WARNING, "[WiFi] Failed to flush IP, interface might have inavlid IP"};
+
+class WifiController : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        results.clear();
+        pipeState = {};
+        CapturedLog::clear();
+    }
+
+    static void expect_log(const std::vector<LogLine>& lines)
+    {
+        EXPECT_THAT(CapturedLog::lines(), ElementsAreArray(lines));
+    }
+};
+
+} // namespace
+
+int hostapd_start()
+{
+    return called("hostapd_start", 1);
+}
+int hostapd_stop()
+{
+    return called("hostapd_stop", 1);
+}
+int wpa_supplicant_start()
+{
+    return called("wpa_supplicant_start", 1);
+}
+int wpa_supplicant_stop()
+{
+    return called("wpa_supplicant_stop", 1);
+}
+int dhcp_server_start()
+{
+    return called("dhcp_server_start", 1);
+}
+int dhcp_server_stop()
+{
+    return called("dhcp_server_stop", 1);
+}
+int dhcp_client_stop()
+{
+    return called("dhcp_client_stop", 1);
+}
+bool utils_flush_ip()
+{
+    return called("utils_flush_ip", 1) != 0;
+}
+bool utils_add_ip(const std::string& address)
+{
+    return called("utils_add_ip " + address, 1) != 0;
+}
+int utils_do_system_call(const std::string& command)
+{
+    return called(command, 0);
+}
+
+ShellPipe::ShellPipe(const std::string& command)
+{
+    pipeState.command = command;
+    if (pipeState.opens) {
+        output_.reset(dup(STDIN_FILENO));
+    }
+}
+ShellPipe::~ShellPipe() = default;
+std::string ShellPipe::read(size_t limit)
+{
+    pipeState.limit = limit;
+    return pipeState.output.substr(0, limit);
+}
+std::string_view text_of(const std::string& bytes)
+{
+    return std::string_view(bytes.c_str());
+}
+
+namespace {
+
+// Power
+
+TEST_F(WifiController, power_is_on_unless_the_listing_says_yes)
+{
+    const std::vector<std::pair<std::string, int>> listings = {
+        {"\tSoft blocked: no\n\tHard blocked: no\n", 1},
+        {"\tSoft blocked: yes\n\tHard blocked: no\n", 0},
+        {"\tSoft blocked: no\n\tHard blocked: yes\n", 0},
+        {"", 1},
+        {std::string("no\0yes", 6), 1},
+        {std::string(253, '.') + "yes", 0},
+        {std::string(254, '.') + "yes", 1},
+        {std::string(256, '.') + "yes", 1},
+    };
+    for (const auto& [listing, on] : listings) {
+        pipeState.output = listing;
+        EXPECT_EQ(wifi_get_enabled(), on) << listing;
+        EXPECT_EQ(wifi_get_state(), on) << listing;
+        EXPECT_EQ(pipeState.command, "rfkill list wlan | tail -n +2 ");
+        EXPECT_EQ(pipeState.limit, 256U);
+    }
+    expect_log({});
+}
+
+TEST_F(WifiController, power_reads_off_without_a_message_when_no_pipe_can_be_opened)
+{
+    pipeState.opens = false;
+    EXPECT_EQ(wifi_get_enabled(), 0);
+    EXPECT_EQ(wifi_get_state(), 0);
+    expect_log({});
+}
+
+TEST_F(WifiController, switching_on_unblocks)
+{
+    EXPECT_EQ(wifi_set_enabled(true), 1);
+    expect_log({{LOG_INFO, "[WiFi] Enable wifi: True"}, call("rfkill unblock wlan")});
+}
+
+TEST_F(WifiController, switching_off_blocks)
+{
+    EXPECT_EQ(wifi_set_enabled(false), 1);
+    expect_log({{LOG_INFO, "[WiFi] Enable wifi: False"}, call("rfkill block wlan")});
+}
+
+TEST_F(WifiController, switching_on_fails_with_the_status_of_the_command)
+{
+    results["rfkill unblock wlan"] = 32512;
+    EXPECT_EQ(wifi_set_enabled(true), 0);
+    expect_log({{LOG_INFO, "[WiFi] Enable wifi: True"},
+                call("rfkill unblock wlan"),
+                {LOG_ERR, "[WiFi] wifi_set_enabled: Unable to power on wifi, error: 32512"}});
+}
+
+TEST_F(WifiController, switching_off_fails_with_the_status_of_the_command_and_without_the_tag)
+{
+    results["rfkill block wlan"] = -1;
+    EXPECT_EQ(wifi_set_enabled(false), 0);
+    expect_log({{LOG_INFO, "[WiFi] Enable wifi: False"},
+                call("rfkill block wlan"),
+                {LOG_ERR, "wifi_set_enabled: Unable to power off wifi, error: -1"}});
+}
+
+// Mode
+
+TEST_F(WifiController, mode_is_the_interface_type_and_ap_goes_first)
+{
+    const std::vector<std::pair<std::string, WifiMode>> types = {
+        {"\ttype AP\n", WifiMode::Host},
+        {"\ttype managed\n", WifiMode::Client},
+        {"\ttype managed AP\n", WifiMode::Host},
+        {std::string(249, ' ') + "managed", WifiMode::Client},
+        {"managed" + std::string(249, ' ') + "AP", WifiMode::Client},
+    };
+    for (const auto& [type, expected] : types) {
+        pipeState.output = type;
+        WifiMode mode = expected == WifiMode::Host ? WifiMode::Client : WifiMode::Host;
+        EXPECT_EQ(wifi_get_mode(mode), 1) << type;
+        EXPECT_EQ(mode, expected) << type;
+        EXPECT_EQ(pipeState.command, "iw dev wlan0 info | grep type");
+        EXPECT_EQ(pipeState.limit, 256U);
+    }
+    expect_log({});
+}
+
+TEST_F(WifiController, any_other_type_is_unknown_and_leaves_the_mode_as_it_was)
+{
+    for (const char* type : {"", "\ttype monitor\n", "\ttype Managed\n", "\ttype ap\n"}) {
+        for (const WifiMode before : {WifiMode::Host, WifiMode::Client}) {
+            pipeState.output = type;
+            WifiMode mode = before;
+            EXPECT_EQ(wifi_get_mode(mode), 0) << type;
+            EXPECT_EQ(mode, before) << type;
+        }
+    }
+    expect_log({});
+}
+
+TEST_F(WifiController, mode_is_unknown_without_a_message_when_no_pipe_can_be_opened)
+{
+    pipeState.opens = false;
+    pipeState.output = "\ttype AP\n";
+    WifiMode mode = WifiMode::Client;
+    EXPECT_EQ(wifi_get_mode(mode), 0);
+    EXPECT_EQ(mode, WifiMode::Client);
+    expect_log({});
+}
+
+// Client mode
+
+const std::string kClientStart = "[WiFi] Start Client mode";
+const std::string kClientStop = "[WiFi] Stop Client mode";
+
+TEST_F(WifiController, client_start_starts_the_station_and_then_removes_addresses)
+{
+    EXPECT_EQ(wifi_client_start(), 1);
+    expect_log(heading(kClientStart) +
+               std::vector<LogLine>{call("wpa_supplicant_start"), call("utils_flush_ip"), kSeparator});
+}
+
+TEST_F(WifiController, client_start_gives_up_when_the_station_does_not_start)
+{
+    results["wpa_supplicant_start"] = 0;
+    EXPECT_EQ(wifi_client_start(), 0);
+    expect_log(heading(kClientStart) +
+               std::vector<LogLine>{call("wpa_supplicant_start"),
+                                    {LOG_ERR, "[WiFi] wifi_client_start: Failed to start WPA supplicant"}});
+}
+
+TEST_F(WifiController, client_start_goes_on_when_addresses_can_not_be_removed)
+{
+    results["utils_flush_ip"] = 0;
+    EXPECT_EQ(wifi_client_start(), 1);
+    expect_log(heading(kClientStart) + std::vector<LogLine>{call("wpa_supplicant_start"),
+                                                            call("utils_flush_ip"), kFlushFailed,
+                                                            kSeparator});
+}
+
+TEST_F(WifiController, client_stop_stops_the_dhcp_client_and_then_the_station)
+{
+    EXPECT_EQ(wifi_client_stop(), 1);
+    expect_log(heading(kClientStop) +
+               std::vector<LogLine>{call("dhcp_client_stop"), call("wpa_supplicant_stop"), kSeparator});
+}
+
+TEST_F(WifiController, client_stop_leaves_the_station_alone_when_the_dhcp_client_does_not_stop)
+{
+    results["dhcp_client_stop"] = 0;
+    EXPECT_EQ(wifi_client_stop(), 0);
+    expect_log(
+        heading(kClientStop) +
+        std::vector<LogLine>{call("dhcp_client_stop"), {LOG_ERR, "wifi_client_stop: Unable to stop udhcpc"}});
+}
+
+TEST_F(WifiController, client_stop_fails_when_the_station_does_not_stop)
+{
+    results["wpa_supplicant_stop"] = 0;
+    EXPECT_EQ(wifi_client_stop(), 0);
+    expect_log(heading(kClientStop) +
+               std::vector<LogLine>{call("dhcp_client_stop"),
+                                    call("wpa_supplicant_stop"),
+                                    {LOG_ERR, "Failed to stop WPE Supplicant service"}});
+}
+
+// Host mode
+
+const std::string kHostStart = "[WiFi] Start Host mode";
+const std::string kHostStop = "[WiFi] Stop Host mode";
+const std::string kAddAddress = "utils_add_ip 192.168.8.1/24";
+
+TEST_F(WifiController, host_start_sets_the_address_and_starts_access_point_and_dhcp_server)
+{
+    EXPECT_EQ(wifi_host_start(), 1);
+    expect_log(heading(kHostStart) + std::vector<LogLine>{call("utils_flush_ip"), call(kAddAddress),
+                                                          call("hostapd_start"), call("dhcp_server_start"),
+                                                          kSeparator});
+}
+
+TEST_F(WifiController, host_start_goes_on_when_addresses_can_not_be_removed)
+{
+    results["utils_flush_ip"] = 0;
+    EXPECT_EQ(wifi_host_start(), 1);
+    expect_log(heading(kHostStart) + std::vector<LogLine>{call("utils_flush_ip"), kFlushFailed,
+                                                          call(kAddAddress), call("hostapd_start"),
+                                                          call("dhcp_server_start"), kSeparator});
+}
+
+TEST_F(WifiController, host_start_starts_nothing_without_the_address)
+{
+    results[kAddAddress] = 0;
+    EXPECT_EQ(wifi_host_start(), 0);
+    expect_log(heading(kHostStart) +
+               std::vector<LogLine>{call("utils_flush_ip"),
+                                    call(kAddAddress),
+                                    {LOG_ERR, "[WiFi] wifi_host_start: Failed to add IP address"}});
+}
+
+TEST_F(WifiController, host_start_leaves_the_dhcp_server_alone_when_the_access_point_does_not_start)
+{
+    results["hostapd_start"] = 0;
+    EXPECT_EQ(wifi_host_start(), 0);
+    expect_log(heading(kHostStart) +
+               std::vector<LogLine>{call("utils_flush_ip"),
+                                    call(kAddAddress),
+                                    call("hostapd_start"),
+                                    {LOG_WARNING, "[WiFi] Failed to start hostapd service"}});
+}
+
+TEST_F(WifiController, host_start_leaves_the_access_point_up_when_the_dhcp_server_does_not_start)
+{
+    results["dhcp_server_start"] = 0;
+    EXPECT_EQ(wifi_host_start(), 0);
+    expect_log(heading(kHostStart) +
+               std::vector<LogLine>{call("utils_flush_ip"),
+                                    call(kAddAddress),
+                                    call("hostapd_start"),
+                                    call("dhcp_server_start"),
+                                    {LOG_WARNING, "[WiFi] Failed to start udhcpd service"}});
+}
+
+TEST_F(WifiController, host_stop_stops_the_dhcp_server_and_then_the_access_point)
+{
+    EXPECT_EQ(wifi_host_stop(), 1);
+    expect_log(heading(kHostStop) +
+               std::vector<LogLine>{call("dhcp_server_stop"), call("hostapd_stop"), kSeparator});
+}
+
+TEST_F(WifiController, host_stop_leaves_the_access_point_alone_when_the_dhcp_server_does_not_stop)
+{
+    results["dhcp_server_stop"] = 0;
+    EXPECT_EQ(wifi_host_stop(), 0);
+    expect_log(heading(kHostStop) +
+               std::vector<LogLine>{call("dhcp_server_stop"),
+                                    {LOG_WARNING, "[WiFi] Failed to stop udhcpd service"}});
+}
+
+TEST_F(WifiController, host_stop_fails_when_the_access_point_does_not_stop)
+{
+    results["hostapd_stop"] = 0;
+    EXPECT_EQ(wifi_host_stop(), 0);
+    expect_log(heading(kHostStop) +
+               std::vector<LogLine>{call("dhcp_server_stop"),
+                                    call("hostapd_stop"),
+                                    {LOG_WARNING, "[WiFi] Failed to stop hostapd service"}});
+}
+
+// Switching
+
+/** A switch: which call fails, the calls made until then, and the message that ends it. */
+struct SwitchCase
+{
+    WifiMode target;
+    std::string failing;
+    std::vector<std::string> calls;
+    std::string message;
+};
+
+TEST_F(WifiController, switch_stops_the_other_mode_first_and_ends_at_the_first_failure)
+{
+    const std::vector<std::string> toClient = {"dhcp_server_stop", "hostapd_stop", "wpa_supplicant_start",
+                                               "utils_flush_ip"};
+    const std::vector<std::string> toHost = {"dhcp_client_stop", "wpa_supplicant_stop", "utils_flush_ip",
+                                             kAddAddress,        "hostapd_start",       "dhcp_server_start"};
+    const std::vector<SwitchCase> cases = {
+        {WifiMode::Client, "", toClient, ""},
+        {WifiMode::Client,
+         "dhcp_server_stop",
+         {"dhcp_server_stop"},
+         "[WiFi] wifi_mode_switch: Failed to stop Host mode"},
+        {WifiMode::Client,
+         "hostapd_stop",
+         {"dhcp_server_stop", "hostapd_stop"},
+         "[WiFi] wifi_mode_switch: Failed to stop Host mode"},
+        {WifiMode::Client,
+         "wpa_supplicant_start",
+         {"dhcp_server_stop", "hostapd_stop", "wpa_supplicant_start"},
+         "[WiFi] wifi_mode_switch: Failed to start Client mode"},
+        {static_cast<WifiMode>(7), "", toClient, ""},
+        {WifiMode::Host, "", toHost, ""},
+        {WifiMode::Host,
+         "dhcp_client_stop",
+         {"dhcp_client_stop"},
+         "[WiFi] wifi_mode_switch: Failed to stop Client mode"},
+        {WifiMode::Host,
+         "wpa_supplicant_stop",
+         {"dhcp_client_stop", "wpa_supplicant_stop"},
+         "[WiFi] wifi_mode_switch: Failed to stop Client mode"},
+        {WifiMode::Host, "dhcp_server_start", toHost, "[WiFi] wifi_mode_switch: Failed to start Host mode"},
+    };
+    for (const SwitchCase& tried : cases) {
+        SCOPED_TRACE(std::to_string(static_cast<int>(tried.target)) + " " + tried.failing);
+        CapturedLog::clear();
+        results.clear();
+        if (!tried.failing.empty()) {
+            results[tried.failing] = 0;
+        }
+
+        EXPECT_EQ(wifi_mode_switch(tried.target), tried.failing.empty() ? 1 : 0);
+
+        const std::vector<LogLine> lines = CapturedLog::lines();
+        std::vector<std::string> calls;
+        for (const auto& [priority, text] : lines) {
+            if (priority == kCall) {
+                calls.push_back(text);
+            }
+        }
+        EXPECT_EQ(calls, tried.calls);
+        EXPECT_EQ(lines.front(), LogLine(LOG_INFO, "[WiFi] Switch wifi mode to " +
+                                                       std::to_string(static_cast<int>(tried.target))));
+        EXPECT_EQ(lines.back(), tried.failing.empty() ? kSeparator : LogLine(LOG_ERR, tried.message));
+    }
+}
+
+} // namespace
