@@ -69,6 +69,14 @@ def _make_work_folder() -> Path:
     return Path(tempfile.mkdtemp(prefix="vantora-sim-", dir="/tmp" if crowded else None))
 
 
+def _remove_tree(work: Path) -> None:
+    """Remove a world's folder, with the folder that the kernel's layer over /etc has locked for itself."""
+    locked = work / "run/sim/etc/work/work"
+    if locked.exists():
+        locked.chmod(0o700)
+    shutil.rmtree(work, ignore_errors=True)
+
+
 class World:
     """One private world. Enter it to bring it up; leaving it takes everything down and leaves nothing behind."""
 
@@ -157,7 +165,7 @@ class World:
         self.loop.run(self._close())
         self.user_bus.stop()
         self.system_bus.stop()
-        shutil.rmtree(self.work, ignore_errors=True)
+        _remove_tree(self.work)
 
     async def _close(self) -> None:
         await self.tools.close()
