@@ -19,8 +19,8 @@ public:
 
     bool null() override { return true; }
     bool boolean(bool value) override { return scalar(value); }
-    bool number_integer(number_integer_t value) override { return scalar(value); }
-    bool number_unsigned(number_unsigned_t value) override { return scalar(value); }
+    bool number_integer(number_integer_t value) override { return number(value); }
+    bool number_unsigned(number_unsigned_t value) override { return number(value); }
     bool number_float(number_float_t, const string_t&) override { return true; }
     bool string(string_t& value) override { return scalar(value); }
     bool binary(binary_t&) override { return true; }
@@ -32,7 +32,7 @@ public:
 
     bool key(string_t& name) override
     {
-        keep_pending();
+        keep_number();
         if (depth_ == section_depth) {
             section_ = name;
         } else if (depth_ == setting_depth) {
@@ -54,9 +54,27 @@ private:
     bool scalar(const T& value)
     {
         if (depth_ == setting_depth && !section_.empty() && !setting_.empty()) {
-            pending_ = json(value);
+            found_[section_][setting_] = value;
         }
         return true;
+    }
+
+    /** The damage may have cut digits off: a number is whole once something follows it. */
+    template <typename T>
+    bool number(T value)
+    {
+        if (depth_ == setting_depth) {
+            pending_number_ = json(value);
+        }
+        return true;
+    }
+
+    void keep_number()
+    {
+        if (pending_number_) {
+            scalar(*pending_number_);
+            pending_number_.reset();
+        }
     }
 
     bool open()
@@ -68,23 +86,14 @@ private:
 
     bool close()
     {
-        keep_pending();
+        keep_number();
         --depth_;
         setting_.clear();
         return true;
     }
 
-    /** A value is whole once something follows it. */
-    void keep_pending()
-    {
-        if (pending_) {
-            found_[section_][setting_] = std::move(*pending_);
-            pending_.reset();
-        }
-    }
-
     json found_ = json::object();
-    std::optional<json> pending_;
+    std::optional<json> pending_number_;
     std::string section_;
     std::string setting_;
     int depth_ = 0;

@@ -1,0 +1,141 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "document.hpp"
+#include "salvage.hpp"
+
+namespace {
+
+using namespace settingsd;
+using nlohmann::json;
+using testing::Contains;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+const std::array schema = {
+    Setting{"network", "enabled", true},
+    Setting{"network", "mode", "Host"},
+    Setting{"display", "brightness", 80},
+};
+
+TEST(SettingsDocument, TakesAValidFileAsItIs)
+{
+    const Document document = parse_document(R"({"network": {"enabled": false, "mode": "Client"}})", schema);
+    EXPECT_FALSE(document.damaged);
+    EXPECT_THAT(document.findings, IsEmpty());
+    EXPECT_EQ(document.root, json({{"network", {{"enabled", false}, {"mode", "Client"}}}}));
+}
+
+TEST(SettingsDocument, SurvivesBeingWrittenAndRead)
+{
+    const json root = {{"network", {{"mode", "Zürich \"1\" \\ \n"}}}};
+    EXPECT_EQ(parse_document(to_text(root), schema).root, root);
+}
+
+TEST(SettingsDocument, KeepsAndReportsUnknownKeysWithoutCallingThemDamage)
+{
+    const json root = {{"network", {{"enabled", false}, {"channel", 6}}}, {"future", {{"a", {1, 2}}}}};
+    const Document document = parse_document(root.dump(), schema);
+    EXPECT_FALSE(document.damaged);
+    EXPECT_EQ(document.root, root);
+    EXPECT_THAT(document.findings, Contains("unknown setting network.channel is kept"));
+    EXPECT_THAT(document.findings, Contains("unknown section future is kept"));
+}
+
+TEST(SettingsDocument, DropsValuesOfAWrongTypeAndKeepsTheirNeighbours)
+{
+    const Document document = parse_document(R"({"network": {"enabled": "yes", "mode": "Client"}})", schema);
+    EXPECT_TRUE(document.damaged);
+    EXPECT_EQ(document.root, json({{"network", {{"mode", "Client"}}}}));
+    EXPECT_THAT(document.findings, Contains("setting network.enabled is not of type 'b'"));
+}
+
+TEST(SettingsDocument, DropsASectionThatIsNoObject)
+{
+    const Document document = parse_document(R"({"network": [true], "display": {"brightness": 5}})", schema);
+    EXPECT_TRUE(document.damaged);
+    EXPECT_EQ(document.root, json({{"display", {{"brightness", 5}}}}));
+    EXPECT_THAT(document.findings, Contains("section network is not an object"));
+}
+
+TEST(SettingsDocument, CallsEverythingThatIsNoObjectDamaged)
+{
+    for (const char* text : {"[]", "null", "7", "\"text\"", "", "   ", "\x01\x02"}) {
+        const Document document = parse_document(text, schema);
+        EXPECT_TRUE(document.damaged) << text;
+        EXPECT_EQ(document.root, json::object()) << text;
+    }
+}
+
+TEST(SettingsDocument, KeepsWhatStandsBeforeTheDamage)
+{
+    const Document document = parse_document(
+        R"({"display": {"brightness": 5}, "network": {"enabled": false, "mode": "Cli)", schema);
+    EXPECT_TRUE(document.damaged);
+    EXPECT_THAT(document.findings, Contains("not valid JSON"));
+    EXPECT_EQ(document.root, json({{"display", {{"brightness", 5}}}, {"network", {{"enabled", false}}}}));
+}
+
+TEST(SettingsDocument, DoesNotKeepAWrongTypeFromADamagedFile)
+{
+    const Document document = parse_document(R"({"network": {"enabled": 1, "mode": "Client"},)", schema);
+    EXPECT_TRUE(document.damaged);
+    EXPECT_EQ(document.root, json({{"network", {{"mode", "Client"}}}}));
+}
+
+TEST(SettingsDocument, IsReadWhereverItIsCutOff)
+{
+    const json whole = {{"display", {{"brightness", 55}}},
+                        {"network", {{"enabled", false}, {"mode", "Client"}}}};
+    const std::string text = whole.dump();
+    for (std::size_t size = 0; size < text.size(); ++size) {
+        const Document document = parse_document(text.substr(0, size), schema);
+        EXPECT_TRUE(document.damaged) << size;
+        for (const auto& [section, settings] : document.root.items()) {
+            for (const auto& [key, value] : settings.items()) {
+                EXPECT_EQ(value, whole[section][key]) << "cut at " << size;
+            }
+        }
+    }
+}
+
+TEST(SettingsDocument, DoesNotTakeInADepthThatWouldOverflowTheStack)
+{
+    const std::string arrays = std::string(500000, '[') + std::string(500000, ']');
+    const Document document =
+        parse_document("{\"network\": {\"mode\": \"Client\"}, \"future\": " + arrays + "}", schema);
+    EXPECT_TRUE(document.damaged);
+    EXPECT_EQ(document.root, json({{"network", {{"mode", "Client"}}}}));
+    EXPECT_THAT(to_text(document.root), HasSubstr("Client"));
+}
+
+TEST(SettingsDocument, TakesNoTextThatDBusCannotCarry)
+{
+    EXPECT_TRUE(parse_document(R"({"network": {"mode": "a\u0000b"}})", schema).damaged);
+    EXPECT_TRUE(parse_document("{\"network\": {\"mode\": \"\xFF\"}}", schema).damaged);
+}
+
+TEST(SettingsDocument, TakesWholeNumbersWithinTheirRangeOnly)
+{
+    const Value example = std::int32_t{0};
+    EXPECT_EQ(to_value(json::parse("2147483647"), example), Value(INT32_MAX));
+    EXPECT_EQ(to_value(json::parse("-2147483648"), example), Value(INT32_MIN));
+    for (const char* text :
+         {"2147483648", "-2147483649", "18446744073709551615", "1.0", "true", "\"1\"", "null"}) {
+        EXPECT_EQ(to_value(json::parse(text), example), std::nullopt) << text;
+    }
+}
+
+TEST(Salvage, TakesNothingFromOtherPlacesThanSettings)
+{
+    EXPECT_EQ(salvage(R"({"a": 1, "b": {"list": [1, {"x": true}], "deep": {"y": true}, "ok": "z"}, "c)"),
+              json({{"b", {{"ok", "z"}}}}));
+    EXPECT_EQ(salvage(R"([{"network": {"enabled": true}}, )"), json::object());
+}
+
+} // namespace

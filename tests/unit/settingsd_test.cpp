@@ -1,0 +1,409 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <cstdint>
+#include <cstdlib>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+#include <poll.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <systemd/sd-bus.h>
+
+#include "support/event_loop.hpp"
+#include "support/private_bus.hpp"
+
+namespace {
+
+using nlohmann::json;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing_support::ChildProcess;
+using testing_support::PrivateBus;
+using testing_support::TempFolder;
+using vantora::BusError;
+using vantora::BusPtr;
+using vantora::MessagePtr;
+
+constexpr const char* service = "com.vantora.common.Settings1";
+constexpr const char* base_path = "/com/vantora/common/Settings1";
+
+std::string daemon_program()
+{
+    const auto tests = std::filesystem::read_symlink("/proc/self/exe").parent_path();
+    return (tests / "../../vantora-settingsd").lexically_normal().string();
+}
+
+/** The socket to which a daemon tells the service manager that it is ready. */
+class NotifySocket
+{
+public:
+    explicit NotifySocket(const std::string& path) : socket_(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0))
+    {
+        sockaddr_un address = {};
+        address.sun_family = AF_UNIX;
+        path.copy(address.sun_path, sizeof address.sun_path - 1);
+        EXPECT_EQ(::bind(socket_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    }
+
+    /** The next message; empty when none comes in time. */
+    std::string next() const
+    {
+        pollfd waiting = {socket_.get(), POLLIN, 0};
+        const auto timeout = std::chrono::milliseconds(testing_support::patience).count();
+        if (::poll(&waiting, 1, static_cast<int>(timeout)) <= 0) {
+            return {};
+        }
+        char text[256];
+        const ssize_t size = ::recv(socket_.get(), text, sizeof text, 0);
+        return size > 0 ? std::string(text, static_cast<std::size_t>(size)) : std::string();
+    }
+
+private:
+    vantora::UniqueFd socket_;
+};
+
+/** What a client was answered: the error's name and text, both empty when all went well. */
+using Answer = std::pair<std::string, std::string>;
+const Answer success = {};
+
+class SettingsdTest : public testing::Test
+{
+protected:
+    void start(const std::function<void()>& prepare = {})
+    {
+        daemon = std::make_unique<ChildProcess>(
+            std::vector<std::string>{daemon_program(), "--state", folder.file("state/settings.json")}, [&] {
+                ::setenv("NOTIFY_SOCKET", folder.file("notify").c_str(), 1);
+                if (prepare) {
+                    prepare();
+                }
+            });
+        ASSERT_EQ(notify.next(), "READY=1");
+    }
+
+    static std::string path_of(const std::string& section) { return std::string(base_path) + "/" + section; }
+
+    template <typename... Arguments>
+    Answer set(const std::string& section, const char* key, const char* type, Arguments... value)
+    {
+        BusError error;
+        sd_bus_set_property(client.get(), service, path_of(section).c_str(), service, key, error.get(), type,
+                            value...);
+        return answer_of(error);
+    }
+
+    template <typename... Arguments>
+    Answer call(const char* method, const char* types, Arguments... arguments)
+    {
+        BusError error;
+        sd_bus_call_method(client.get(), service, base_path, service, method, error.get(), nullptr, types,
+                           arguments...);
+        return answer_of(error);
+    }
+
+    std::string get_string(const std::string& section, const char* key)
+    {
+        char* text = nullptr;
+        sd_bus_get_property_string(client.get(), service, path_of(section).c_str(), service, key, nullptr,
+                                   &text);
+        const std::string value = text != nullptr ? text : "<failed>";
+        std::free(text);
+        return value;
+    }
+
+    int get_number(const std::string& section, const char* key, char type)
+    {
+        int value = -1;
+        sd_bus_get_property_trivial(client.get(), service, path_of(section).c_str(), service, key, nullptr,
+                                    type, &value);
+        return value;
+    }
+
+    static Answer answer_of(const BusError& error)
+    {
+        return {error.name() != nullptr ? error.name() : "",
+                error.message() != nullptr ? error.message() : ""};
+    }
+
+    /** Notes each change signal as "section key=value ..."; to be called before what causes them. */
+    void listen()
+    {
+        const std::string match = std::string("type='signal',sender='") + service +
+                                  "',interface='org.freedesktop.DBus.Properties',member='PropertiesChanged'";
+        ASSERT_GE(sd_bus_add_match(client.get(), nullptr, match.c_str(), note_change, this), 0);
+    }
+
+    static int note_change(sd_bus_message* message, void* userdata, sd_bus_error*)
+    {
+        const std::filesystem::path path(sd_bus_message_get_path(message));
+        std::string text = path.filename();
+        EXPECT_GE(sd_bus_message_skip(message, "s"), 0);
+        EXPECT_GT(sd_bus_message_enter_container(message, 'a', "{sv}"), 0);
+        while (sd_bus_message_enter_container(message, 'e', "sv") > 0) {
+            const char* key = nullptr;
+            const char* contents = nullptr;
+            EXPECT_GT(sd_bus_message_read(message, "s", &key), 0);
+            EXPECT_GT(sd_bus_message_peek_type(message, nullptr, &contents), 0);
+            text += std::string(" ") + key + "=";
+            if (*contents == 's') {
+                const char* value = nullptr;
+                EXPECT_GT(sd_bus_message_read(message, "v", "s", &value), 0);
+                text += value;
+            } else {
+                int value = 0;
+                EXPECT_GT(sd_bus_message_read(message, "v", contents, &value), 0);
+                text += std::to_string(value);
+            }
+            EXPECT_GT(sd_bus_message_exit_container(message), 0);
+        }
+        static_cast<SettingsdTest*>(userdata)->changes.push_back(text);
+        return 0;
+    }
+
+    /** All changes announced so far: those before the answer of a call have arrived with it. */
+    const std::vector<std::string>& announced()
+    {
+        get_string("network", "mode");
+        while (sd_bus_process(client.get(), nullptr) > 0) {
+        }
+        return changes;
+    }
+
+    json stored() const { return json::parse(folder.read("state/settings.json")); }
+
+    int stop(int signal_number)
+    {
+        daemon->send(signal_number);
+        return daemon->wait();
+    }
+
+    PrivateBus bus;
+    TempFolder folder;
+    NotifySocket notify{folder.file("notify")};
+    BusPtr client = bus.connect();
+    std::unique_ptr<ChildProcess> daemon;
+    std::vector<std::string> changes;
+};
+
+TEST_F(SettingsdTest, ServesTheDefaults)
+{
+    start();
+    EXPECT_EQ(get_number("network", "enabled", 'b'), 1);
+    EXPECT_EQ(get_string("network", "mode"), "Host");
+    EXPECT_EQ(get_string("network", "frequency"), "2.4");
+    EXPECT_EQ(get_number("development", "killWifiOnBoot", 'b'), 0);
+    EXPECT_EQ(get_number("display", "brightness", 'i'), 80);
+    EXPECT_THAT(get_string("device", "deviceName"), HasSubstr("-"));
+}
+
+TEST_F(SettingsdTest, OwnsItsNameBeforeItIsReady)
+{
+    start();
+    EXPECT_GE(sd_bus_get_name_creds(client.get(), service, 0, nullptr), 0);
+}
+
+TEST_F(SettingsdTest, AnswersAWriteOnceItIsOnTheDiskAndKeepsItOverAKill)
+{
+    start();
+    EXPECT_EQ(set("network", "mode", "s", "Client"), success);
+    EXPECT_EQ(stored(), json({{"network", {{"mode", "Client"}}}}));
+    EXPECT_EQ(set("network", "enabled", "b", 0), success);
+    EXPECT_EQ(set("display", "brightness", "i", -7), success);
+    stop(SIGKILL);
+    start();
+    EXPECT_EQ(get_string("network", "mode"), "Client");
+    EXPECT_EQ(get_number("network", "enabled", 'b'), 0);
+    EXPECT_EQ(get_number("display", "brightness", 'i'), -7);
+}
+
+TEST_F(SettingsdTest, AnnouncesRealChangesOnlyWithTheirNewValues)
+{
+    start();
+    listen();
+    EXPECT_EQ(set("network", "mode", "s", "Host"), success);
+    EXPECT_EQ(set("network", "mode", "s", "Client"), success);
+    EXPECT_EQ(set("network", "mode", "s", "Client"), success);
+    EXPECT_EQ(set("network", "enabled", "b", 0), success);
+    EXPECT_EQ(set("device", "deviceName", "s", ""), success);
+    EXPECT_THAT(announced(), ElementsAre("network mode=Client", "network enabled=0", "device deviceName="));
+}
+
+TEST_F(SettingsdTest, ResetsEverythingOrAllButWhatIsTheOwners)
+{
+    start();
+    const std::string factory_name = get_string("device", "deviceName");
+    ASSERT_EQ(set("network", "mode", "s", "Client"), success);
+    ASSERT_EQ(set("network", "enabled", "b", 0), success);
+    ASSERT_EQ(set("device", "deviceName", "s", "Kitchen"), success);
+    listen();
+    EXPECT_EQ(call("ResetToDefaults", "b", 0), success);
+    EXPECT_EQ(get_string("device", "deviceName"), "Kitchen");
+    EXPECT_EQ(stored(), json({{"device", {{"deviceName", "Kitchen"}}}}));
+    EXPECT_EQ(call("ResetToDefaults", "b", 1), success);
+    EXPECT_EQ(get_string("device", "deviceName"), factory_name);
+    EXPECT_EQ(stored(), json::object());
+    EXPECT_EQ(call("ResetToDefaults", "b", 1), success);
+    EXPECT_THAT(announced(), ElementsAre("network enabled=1 mode=Host", "device deviceName=" + factory_name));
+}
+
+TEST_F(SettingsdTest, ResetsASectionAndASetting)
+{
+    start();
+    ASSERT_EQ(set("network", "mode", "s", "Client"), success);
+    ASSERT_EQ(set("network", "frequency", "s", "5"), success);
+    ASSERT_EQ(set("display", "brightness", "i", 1), success);
+    listen();
+    EXPECT_EQ(call("ResetSetting", "ss", "network", "mode"), success);
+    EXPECT_EQ(get_string("network", "frequency"), "5");
+    EXPECT_EQ(call("ResetSection", "s", "network"), success);
+    EXPECT_EQ(get_number("display", "brightness", 'i'), 1);
+    EXPECT_THAT(announced(), ElementsAre("network mode=Host", "network frequency=2.4"));
+}
+
+TEST_F(SettingsdTest, RefusesWhatItDoesNotKnow)
+{
+    start();
+    EXPECT_EQ(set("nosuch", "mode", "s", "x").first, "org.freedesktop.DBus.Error.UnknownObject");
+    EXPECT_EQ(set("network", "nosuch", "s", "x").first, "org.freedesktop.DBus.Error.UnknownProperty");
+    EXPECT_EQ(call("ResetSection", "s", "nosuch"),
+              Answer("org.freedesktop.DBus.Error.InvalidArgs", "No such section: nosuch"));
+    EXPECT_EQ(call("ResetSetting", "ss", "network", "nosuch"),
+              Answer("org.freedesktop.DBus.Error.InvalidArgs", "No such setting: network.nosuch"));
+    EXPECT_EQ(call("ResetSetting", "ss", "nosuch", "mode"),
+              Answer("org.freedesktop.DBus.Error.InvalidArgs", "No such setting: nosuch.mode"));
+    EXPECT_EQ(call("ResetSection", "b", 1).first, "org.freedesktop.DBus.Error.InvalidArgs");
+}
+
+TEST_F(SettingsdTest, RefusesAValueOfAWrongTypeAndKeepsTheOldOne)
+{
+    start();
+    EXPECT_EQ(set("network", "enabled", "s", "yes").first, "org.freedesktop.DBus.Error.InvalidArgs");
+    EXPECT_EQ(set("network", "mode", "b", 1).first, "org.freedesktop.DBus.Error.InvalidArgs");
+    EXPECT_EQ(set("display", "brightness", "u", 1U).first, "org.freedesktop.DBus.Error.InvalidArgs");
+    EXPECT_EQ(get_number("network", "enabled", 'b'), 1);
+    EXPECT_EQ(get_string("network", "mode"), "Host");
+    EXPECT_FALSE(folder.has("state/settings.json"));
+}
+
+TEST_F(SettingsdTest, RefusesAWriteThatCannotBeStoredAndKeepsTheOldValue)
+{
+    start();
+    ASSERT_EQ(set("network", "mode", "s", "Client"), success);
+    listen();
+    std::filesystem::remove_all(folder.file("state"));
+    EXPECT_EQ(
+        set("network", "mode", "s", "Host"),
+        Answer("org.freedesktop.DBus.Error.IOError", "Cannot store network.mode: No such file or directory"));
+    EXPECT_EQ(
+        call("ResetSection", "s", "network"),
+        Answer("org.freedesktop.DBus.Error.IOError", "Cannot store the defaults: No such file or directory"));
+    EXPECT_EQ(get_string("network", "mode"), "Client");
+    EXPECT_THAT(announced(), IsEmpty());
+}
+
+TEST_F(SettingsdTest, OutlivesADiskWithoutRoom)
+{
+    start([] {
+        const rlimit limit = {64, 64};
+        ::setrlimit(RLIMIT_FSIZE, &limit);
+    });
+    EXPECT_EQ(set("device", "deviceName", "s", std::string(100, 'x').c_str()),
+              Answer("org.freedesktop.DBus.Error.IOError", "Cannot store device.deviceName: File too large"));
+    EXPECT_EQ(set("network", "mode", "s", "Client"), success);
+}
+
+TEST_F(SettingsdTest, ServesWhatItCanReadOfADamagedFile)
+{
+    folder.write("state/settings.json", R"({"network": {"mode": "Client", "enab)");
+    start();
+    EXPECT_EQ(get_string("network", "mode"), "Client");
+    EXPECT_EQ(get_number("network", "enabled", 'b'), 1);
+    EXPECT_EQ(folder.read("state/settings.json.damaged-1"), R"({"network": {"mode": "Client", "enab)");
+}
+
+TEST_F(SettingsdTest, ListsItsSectionsThroughTheObjectManager)
+{
+    start();
+    sd_bus_message* answer = nullptr;
+    ASSERT_GE(sd_bus_call_method(client.get(), service, base_path, "org.freedesktop.DBus.ObjectManager",
+                                 "GetManagedObjects", nullptr, &answer, nullptr),
+              0);
+    const MessagePtr reply(answer);
+    std::vector<std::string> objects;
+    ASSERT_GT(sd_bus_message_enter_container(answer, 'a', "{oa{sa{sv}}}"), 0);
+    while (sd_bus_message_enter_container(answer, 'e', "oa{sa{sv}}") > 0) {
+        const char* path = nullptr;
+        ASSERT_GT(sd_bus_message_read(answer, "o", &path), 0);
+        objects.emplace_back(path);
+        ASSERT_GE(sd_bus_message_skip(answer, "a{sa{sv}}"), 0);
+        ASSERT_GE(sd_bus_message_exit_container(answer), 0);
+    }
+    EXPECT_THAT(objects,
+                testing::UnorderedElementsAre(path_of("development"), path_of("device"), path_of("display"),
+                                              path_of("locale"), path_of("network")));
+}
+
+TEST_F(SettingsdTest, EndsCleanlyOnSigtermAndSigint)
+{
+    for (const int number : {SIGTERM, SIGINT}) {
+        start();
+        EXPECT_EQ(stop(number), 0);
+        EXPECT_EQ(notify.next(), "STOPPING=1");
+    }
+}
+
+TEST_F(SettingsdTest, FailsWhenTheBusIsLost)
+{
+    start();
+    bus.stop();
+    EXPECT_EQ(daemon->wait(), 1);
+}
+
+TEST_F(SettingsdTest, FailsWithoutABus)
+{
+    bus.stop();
+    ChildProcess second({daemon_program(), "--state", folder.file("other.json")});
+    EXPECT_EQ(second.wait(), 1);
+}
+
+TEST_F(SettingsdTest, FailsWhenTheNameIsTaken)
+{
+    start();
+    ChildProcess second({daemon_program(), "--state", folder.file("other.json")});
+    EXPECT_EQ(second.wait(), 1);
+}
+
+TEST_F(SettingsdTest, TellsItsVersionAndItsOptions)
+{
+    const auto output_of = [&](const char* option) {
+        const std::string file = folder.file("output");
+        ChildProcess program({daemon_program(), option}, [&] {
+            ::dup2(::open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), STDOUT_FILENO);
+        });
+        EXPECT_EQ(program.wait(), 0);
+        return folder.read("output");
+    };
+    EXPECT_THAT(output_of("--version"),
+                testing::MatchesRegex("vantora-settingsd [0-9]+\\.[0-9]+\\.[0-9]+\n"));
+    EXPECT_THAT(output_of("--help"), HasSubstr("--state FILE"));
+}
+
+TEST_F(SettingsdTest, RefusesACommandLineThatItDoesNotUnderstand)
+{
+    for (const char* word : {"--nosuch", "argument", "--state"}) {
+        ChildProcess program({daemon_program(), word},
+                             [] { ::dup2(::open("/dev/null", O_WRONLY | O_CLOEXEC), STDERR_FILENO); });
+        EXPECT_EQ(program.wait(), 2) << word;
+    }
+}
+
+} // namespace
