@@ -14,6 +14,6 @@ from .wpa_supplicant import Bss
 
 __all__ = [
     "Bss", "CallRefused", "Completed", "DEADLINE", "DEVICE", "Entry", "HOSTAPD_TEMPLATE", "Journal", "Pattern", "Process",
-    "SandboxError", "Variant", "World", "call", "changed", "command", "exited", "hostapd_request", "log", "notify", "plain", "signal",
-    "unit_name", "unit_path",
+    "SandboxError", "Variant", "World", "call", "changed", "command", "exited", "hostapd_request", "log", "notify", "plain",
+    "signal", "unit_name", "unit_path",
 ]

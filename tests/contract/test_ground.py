@@ -582,7 +582,7 @@ def test_readiness_of_a_stand_in_daemon_and_its_early_end(world: World) -> None:
     with pytest.raises(AssertionError, match="ended with status"):
         world.wait_ready()
     script = world.sandbox.path("/run/daemon")
-    script.write_text("#!/bin/sh\nsystemd-notify READY=1\nsleep 1000 & trap 'kill $!; exit 0' TERM\nwait\n")
+    script.write_text("#!/bin/sh\ntrap 'exit 0' TERM\nsystemd-notify READY=1\nwhile :; do sleep 0.01; done\n")
     script.chmod(0o755)
     world.start_daemon(Path("/run/daemon"))
     world.wait_ready()
