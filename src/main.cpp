@@ -51,12 +51,13 @@ int main()
     StopSignals stopSignals;
 
     syslog(LOG_INFO, "[Main] Starting Vantora Network service");
+    stopSignals.watch([] { post_to_main_loop([] { sd_event_exit(service_event(), EXIT_SUCCESS); }); });
+
     const int result = service_set_up();
     if (result < 0) {
         syslog(LOG_ERR, "[Main] Failed to connect to dbus: %d, exiting ...", result);
         return EXIT_FAILURE;
     }
-    stopSignals.watch([] { post_to_main_loop([] { sd_event_exit(service_event(), EXIT_SUCCESS); }); });
 
     start_settings();
     wpa_supplicant_init(service_event());
@@ -67,6 +68,7 @@ int main()
 
     sd_event_loop(service_event());
 
+    stopSignals.end_in_time();
     kernel_address_listener()->Stop();
     hostapd_listener()->Stop();
     service_tear_down();

@@ -1,18 +1,16 @@
 #include "core/main_loop.hpp"
 
-#include <cerrno>
 #include <utility>
 
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 
+MainLoopQueue::MainLoopQueue() : wakeUp_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
+{
+}
+
 int MainLoopQueue::attach(sd_event* event)
 {
-    loopThread_ = std::this_thread::get_id();
-    wakeUp_.reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-    if (!wakeUp_) {
-        return -errno;
-    }
     const auto wokenUp = [](sd_event_source*, int fd, uint32_t, void* userdata) {
         eventfd_t count = 0;
         eventfd_read(fd, &count);

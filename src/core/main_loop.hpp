@@ -19,8 +19,11 @@ class MainLoopQueue
 public:
     using Work = std::function<void()>;
 
+    /** The creating thread is the one whose loop will serve the queue. */
+    MainLoopQueue();
+
     /**
-     * Serves the queue from the given loop; the calling thread is the loop's from now on.
+     * Serves the queue from the given loop, beginning with what has been posted before.
      *
      * @return 0 or a positive number, or a negative errno
      */
@@ -38,7 +41,7 @@ public:
 private:
     void run_posted();
 
-    std::thread::id loopThread_;
+    const std::thread::id loopThread_ = std::this_thread::get_id();
     UniqueFd wakeUp_; // eventfd(2)
     EventSourcePtr source_;
     std::mutex mutex_;

@@ -47,22 +47,30 @@ StopSignals::~StopSignals()
 void StopSignals::watch(std::function<void()> stop)
 {
     stop_ = std::move(stop);
-    thread_ = std::thread(&StopSignals::wait_for_signal, this);
+    thread_ = std::thread(&StopSignals::wait_for_end, this);
 }
 
-void StopSignals::wait_for_signal()
+void StopSignals::end_in_time()
+{
+    ending_.set();
+}
+
+void StopSignals::wait_for_end()
 {
     const sigset_t signals = stop_signals();
     const UniqueFd arrived(signalfd(-1, &signals, SFD_CLOEXEC));
 
-    std::array<pollfd, 2> waits = {{{.fd = arrived.get(), .events = POLLIN, .revents = 0},
+    std::array<pollfd, 3> waits = {{{.fd = arrived.get(), .events = POLLIN, .revents = 0},
+                                    {.fd = ending_.fd(), .events = POLLIN, .revents = 0},
                                     {.fd = ended_.fd(), .events = POLLIN, .revents = 0}}};
     while (poll(waits.data(), waits.size(), -1) < 0 && errno == EINTR) {
     }
     if (ended_.is_set()) {
         return;
     }
-    stop_();
+    if (!ending_.is_set()) {
+        stop_();
+    }
     if (!ended_.wait_for(kTimeToEnd)) {
         _exit(EXIT_SUCCESS);
     }

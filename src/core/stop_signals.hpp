@@ -7,8 +7,8 @@
 
 /**
  * Turns SIGTERM and SIGINT into a call, on a thread of its own, and sees to it that the process then ends in
- * time: when it is still there 800 milliseconds later, because the main thread or a listener waits for a
- * neighbour that does not answer, it is ended with status 0 all the same.
+ * time: when this object is still there 800 milliseconds later, because the main thread or a listener waits
+ * for a neighbour that does not answer, the process is ended with status 0 all the same.
  *
  * To be created before any other thread, so that all of them inherit the blocked signals.
  */
@@ -18,7 +18,7 @@ public:
     /** Blocks the signals. */
     StopSignals();
 
-    /** Ends the thread; the signals stay blocked. */
+    /** Ends the thread, and the limit with it; the signals stay blocked. */
     ~StopSignals();
 
     StopSignals(const StopSignals&) = delete;
@@ -27,10 +27,14 @@ public:
     /** Waits for the signals from now on. @param stop called once, on another thread */
     void watch(std::function<void()> stop);
 
+    /** Sets the same limit to an end that no signal has asked for, from now on. */
+    void end_in_time();
+
 private:
-    void wait_for_signal();
+    void wait_for_end();
 
     std::function<void()> stop_;
+    StopFlag ending_; // asked for without a signal
     StopFlag ended_;
     std::thread thread_;
 };
