@@ -84,8 +84,8 @@ TEST_P(DhcpUnits, WritesItsLineThenLoadsItsUnitThenRunsItsJob)
 {
     EXPECT_EQ(GetParam().function(), 1);
     EXPECT_THAT(captured_log().lines(), ElementsAre(LogLine{LOG_INFO, GetParam().line}));
-    EXPECT_THAT(control.calls,
-                ElementsAre(std::string("load ") + GetParam().unit, std::string(GetParam().job) + " '/unit'"));
+    EXPECT_THAT(control.calls, ElementsAre(std::string("load ") + GetParam().unit,
+                                           std::string(GetParam().job) + " '/unit'"));
 }
 
 TEST_P(DhcpUnits, ReturnsTheResultOfTheJob)
@@ -98,7 +98,8 @@ TEST_P(DhcpUnits, GoesOnWithAnEmptyPathAfterALookUpThatFailedWithNonzero)
 {
     control.loadedPath = "";
     EXPECT_EQ(GetParam().function(), 1);
-    EXPECT_THAT(control.calls, ElementsAre(std::string("load ") + GetParam().unit, std::string(GetParam().job) + " ''"));
+    EXPECT_THAT(control.calls,
+                ElementsAre(std::string("load ") + GetParam().unit, std::string(GetParam().job) + " ''"));
 }
 
 TEST_P(DhcpUnits, RunsNoJobAfterALookUpOfZero)
@@ -113,11 +114,15 @@ INSTANTIATE_TEST_SUITE_P(
     All, DhcpUnits,
     testing::Values(
         Wrapper{"ServerStart", dhcp_server_start, "Starting UDHCP daemon service", "udhcpd.service", "start"},
-        Wrapper{"ServerRestart", dhcp_server_restart, "Re-Starting UDHCP daemon service", "udhcpd.service", "restart"},
+        Wrapper{"ServerRestart", dhcp_server_restart, "Re-Starting UDHCP daemon service", "udhcpd.service",
+                "restart"},
         Wrapper{"ServerStop", dhcp_server_stop, "Stoping UDHCP daemon service", "udhcpd.service", "stop"},
-        Wrapper{"ClientStart", dhcp_client_start, "Starting UDHCP client service", "udhcpc@wlan0.service", "start"},
-        Wrapper{"ClientRestart", dhcp_client_restart, "Re-Starting UDHCP client service", "udhcpc@wlan0.service", "restart"},
-        Wrapper{"ClientStop", dhcp_client_stop, "Stoping UDHCP client service", "udhcpc@wlan0.service", "stop"}),
+        Wrapper{"ClientStart", dhcp_client_start, "Starting UDHCP client service", "udhcpc@wlan0.service",
+                "start"},
+        Wrapper{"ClientRestart", dhcp_client_restart, "Re-Starting UDHCP client service",
+                "udhcpc@wlan0.service", "restart"},
+        Wrapper{"ClientStop", dhcp_client_stop, "Stoping UDHCP client service", "udhcpc@wlan0.service",
+                "stop"}),
     [](const auto& tested) { return tested.param.name; });
 
 } // namespace

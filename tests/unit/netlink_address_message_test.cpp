@@ -15,7 +15,8 @@ using testing_support::AddressMessage;
 using testing_support::attribute;
 using testing_support::kLocalAddress;
 
-/** A message in a buffer on the heap that ends where the daemon's ends: a sanitizer sees every read beyond it. */
+/** A message in a buffer on the heap that ends where the daemon's ends: a sanitizer sees every read beyond
+ * it. */
 class Received
 {
 public:
@@ -45,14 +46,16 @@ TEST(NetlinkAddressMessage, TellsLabelAddressAndThatItWasAdded)
 
 TEST(NetlinkAddressMessage, TellsThatAnAddressWasRemoved)
 {
-    const auto event = Received(AddressMessage(RTM_DELADDR).local("192.168.8.1").label("wlan0").bytes()).read();
+    const auto event =
+        Received(AddressMessage(RTM_DELADDR).local("192.168.8.1").label("wlan0").bytes()).read();
     ASSERT_TRUE(event);
     EXPECT_FALSE(event->added);
 }
 
 TEST(NetlinkAddressMessage, TakesTheLocalAddressNotThatOfThePeer)
 {
-    const auto event = Received(AddressMessage(RTM_NEWADDR, "10.0.0.2").local("10.0.0.1").label("ppp0").bytes()).read();
+    const auto event =
+        Received(AddressMessage(RTM_NEWADDR, "10.0.0.2").local("10.0.0.1").label("ppp0").bytes()).read();
     ASSERT_TRUE(event);
     EXPECT_EQ(event->address, "10.0.0.1");
 }
@@ -86,7 +89,8 @@ TEST(NetlinkAddressMessage, TellsNothingOfAMessageThatIsAllHeader)
 TEST(NetlinkAddressMessage, TakesTheLaterOfTwoLabelsAndAddresses)
 {
     const auto event =
-        Received(AddressMessage().local("10.0.0.1").label("one").local("10.0.0.2").label("two").bytes()).read();
+        Received(AddressMessage().local("10.0.0.1").label("one").local("10.0.0.2").label("two").bytes())
+            .read();
     ASSERT_TRUE(event);
     EXPECT_EQ(event->interface, "two");
     EXPECT_EQ(event->address, "10.0.0.2");
@@ -112,13 +116,15 @@ TEST(NetlinkAddressMessage, EndsItsWalkAtAnAttributeShorterThanItsHeader)
     message += attribute(IFA_CACHEINFO, "data");
     const size_t length = message.size() - 8;
     message[length] = 3;
-    message += attribute(IFA_LOCAL, std::string(kLocalAddress)) + attribute(IFA_LABEL, std::string("wlan0\0", 6));
+    message +=
+        attribute(IFA_LOCAL, std::string(kLocalAddress)) + attribute(IFA_LABEL, std::string("wlan0\0", 6));
     EXPECT_FALSE(Received(AddressMessage::with_length(message)).read());
 }
 
 TEST(NetlinkAddressMessage, SeesWhatLiesBehindTheMessageForAsFarAsItsWalksReach)
 {
-    // The walks count from the message's full length, 32 and 24 bytes too far: the label here lies behind the end.
+    // The walks count from the message's full length, 32 and 24 bytes too far: the label here lies behind the
+    // end.
     const std::string message = AddressMessage().local("10.0.0.1").bytes();
     const auto event = Received(message + attribute(IFA_LABEL, std::string("wlan0\0", 6))).read();
     ASSERT_TRUE(event);
@@ -168,8 +174,9 @@ TEST(NetlinkAddressMessage, ReadsAnEmptyLabelAndAnAddressThatBeginWhereTheDatagr
     ASSERT_TRUE(noAddress);
     EXPECT_EQ(noAddress->address, "0.0.0.0");
 
-    const auto noName =
-        Received(longest_message_with(attribute(IFA_LOCAL, std::string(kLocalAddress)), attribute(IFA_LABEL, ""))).read();
+    const auto noName = Received(longest_message_with(attribute(IFA_LOCAL, std::string(kLocalAddress)),
+                                                      attribute(IFA_LABEL, "")))
+                            .read();
     ASSERT_TRUE(noName);
     EXPECT_EQ(noName->interface, "");
 }

@@ -15,7 +15,8 @@
 
 #include "support/captured_log.hpp"
 
-// libsystemd is replaced by one that does what the test says: most of its failures can not be caused from outside.
+// libsystemd is replaced by one that does what the test says: most of its failures can not be caused from
+// outside.
 
 namespace {
 
@@ -24,7 +25,8 @@ using testing::IsEmpty;
 using testing_support::captured_log;
 using testing_support::LogLine;
 
-constexpr const char* kManagerCall = "org.freedesktop.systemd1 /org/freedesktop/systemd1 org.freedesktop.systemd1.Manager ";
+constexpr const char* kManagerCall =
+    "org.freedesktop.systemd1 /org/freedesktop/systemd1 org.freedesktop.systemd1.Manager ";
 
 /** What the library was asked to do, and what it answers. */
 struct Library
@@ -98,11 +100,12 @@ sd_bus_message* sd_bus_message_unref(sd_bus_message*)
     return nullptr;
 }
 
-int sd_bus_message_new_method_call(sd_bus*, sd_bus_message** message, const char* destination, const char* path,
-                                   const char* interface, const char* member)
+int sd_bus_message_new_method_call(sd_bus*, sd_bus_message** message, const char* destination,
+                                   const char* path, const char* interface, const char* member)
 {
     const int result = library->result_of("new_method_call");
-    library->steps.push_back(std::string("new_method_call ") + destination + " " + path + " " + interface + " " + member);
+    library->steps.push_back(std::string("new_method_call ") + destination + " " + path + " " + interface +
+                             " " + member);
     if (result >= 0) {
         *message = hand_out_message();
     }
@@ -126,7 +129,8 @@ int sd_bus_message_append(sd_bus_message*, const char* types, ...)
     va_list arguments;
     va_start(arguments, types);
     const std::string type = types;
-    const std::string value = type == "s" ? va_arg(arguments, const char*) : std::to_string(va_arg(arguments, int));
+    const std::string value =
+        type == "s" ? va_arg(arguments, const char*) : std::to_string(va_arg(arguments, int));
     va_end(arguments);
     library->steps.push_back("append " + type + " " + value);
     return library->result_of("append " + type);
@@ -144,13 +148,14 @@ int sd_bus_call(sd_bus*, sd_bus_message*, uint64_t usec, sd_bus_error* error, sd
     return result;
 }
 
-int sd_bus_call_method(sd_bus*, const char* destination, const char* path, const char* interface, const char* member,
-                       sd_bus_error* error, sd_bus_message** reply, const char* types, ...)
+int sd_bus_call_method(sd_bus*, const char* destination, const char* path, const char* interface,
+                       const char* member, sd_bus_error* error, sd_bus_message** reply, const char* types,
+                       ...)
 {
     va_list arguments;
     va_start(arguments, types);
-    library->steps.push_back(std::string("call_method ") + destination + " " + path + " " + interface + " " + member + " " +
-                             types + " " + va_arg(arguments, const char*));
+    library->steps.push_back(std::string("call_method ") + destination + " " + path + " " + interface + " " +
+                             member + " " + types + " " + va_arg(arguments, const char*));
     va_end(arguments);
     const int result = library->result_of("call_method");
     if (result < 0) {
@@ -201,10 +206,11 @@ TEST_F(SystemdUnits, EnableSendsOneFilePersistentlyAndWithoutForce)
     EXPECT_TRUE(utils_enable_service("/etc/a.service"));
     EXPECT_THAT(library->steps,
                 ElementsAre("open_system", std::string("new_method_call ") + kManagerCall + "EnableUnitFiles",
-                            "open_container a s", "append s /etc/a.service", "close_container", "append b 0", "append b 0",
-                            "call 5000000", "flush_close_unref"));
-    EXPECT_THAT(log(), ElementsAre(LogLine{LOG_INFO, "[Utils] Trying to enable /etc/a.service"},
-                                   LogLine{LOG_INFO, "[Utils] /etc/a.service should've been successfully enabled"}));
+                            "open_container a s", "append s /etc/a.service", "close_container", "append b 0",
+                            "append b 0", "call 5000000", "flush_close_unref"));
+    EXPECT_THAT(log(),
+                ElementsAre(LogLine{LOG_INFO, "[Utils] Trying to enable /etc/a.service"},
+                            LogLine{LOG_INFO, "[Utils] /etc/a.service should've been successfully enabled"}));
 }
 
 TEST_F(SystemdUnits, EnableGivesUpWithoutABus)
@@ -226,8 +232,11 @@ TEST_F(SystemdUnits, EnableGivesUpWithoutAMessage)
 {
     library->results["new_method_call"] = {-ENOMEM};
     EXPECT_FALSE(utils_enable_service("a.service"));
-    EXPECT_THAT(log(), ElementsAre(LogLine{LOG_INFO, "[Utils] Trying to enable a.service"},
-                                   LogLine{LOG_ERR, "[Utils] utils_enable_service Error building/calling EnableUnitFiles: -12"}));
+    EXPECT_THAT(
+        log(),
+        ElementsAre(
+            LogLine{LOG_INFO, "[Utils] Trying to enable a.service"},
+            LogLine{LOG_ERR, "[Utils] utils_enable_service Error building/calling EnableUnitFiles: -12"}));
 }
 
 TEST_F(SystemdUnits, EnableGoesOnAfterAnyFailureToBuildTheListAndTheFirstFlag)
@@ -238,12 +247,13 @@ TEST_F(SystemdUnits, EnableGoesOnAfterAnyFailureToBuildTheListAndTheFirstFlag)
     library->results["append b"] = {-ESTALE, 1};
     EXPECT_TRUE(utils_enable_service("a.service"));
     EXPECT_EQ(library->steps.size(), 9U);
-    EXPECT_THAT(log(), ElementsAre(LogLine{LOG_INFO, "[Utils] Trying to enable a.service"},
-                                   LogLine{LOG_ERR, "[Utils], failed to open container. ret -6"},
-                                   LogLine{LOG_ERR, "[Utils], failed to append message with a.service"},
-                                   LogLine{LOG_ERR, "[Utils] utils_enable_service: sd_bus_close_container failed"},
-                                   LogLine{LOG_ERR, "[Utils], failed to append message with 0"},
-                                   LogLine{LOG_INFO, "[Utils] a.service should've been successfully enabled"}));
+    EXPECT_THAT(log(),
+                ElementsAre(LogLine{LOG_INFO, "[Utils] Trying to enable a.service"},
+                            LogLine{LOG_ERR, "[Utils], failed to open container. ret -6"},
+                            LogLine{LOG_ERR, "[Utils], failed to append message with a.service"},
+                            LogLine{LOG_ERR, "[Utils] utils_enable_service: sd_bus_close_container failed"},
+                            LogLine{LOG_ERR, "[Utils], failed to append message with 0"},
+                            LogLine{LOG_INFO, "[Utils] a.service should've been successfully enabled"}));
 }
 
 TEST_F(SystemdUnits, EnableGivesUpWhenTheLastFlagCanNotBeAppended)
@@ -251,9 +261,12 @@ TEST_F(SystemdUnits, EnableGivesUpWhenTheLastFlagCanNotBeAppended)
     library->results["append b"] = {1, -ENOMEM};
     EXPECT_FALSE(utils_enable_service("a.service"));
     EXPECT_THAT(library->steps, testing::Not(testing::Contains("call 5000000")));
-    EXPECT_THAT(log(), ElementsAre(LogLine{LOG_INFO, "[Utils] Trying to enable a.service"},
-                                   LogLine{LOG_ERR, "[Utils], failed to append message with 0"},
-                                   LogLine{LOG_ERR, "[Utils] utils_enable_service Error building/calling EnableUnitFiles: -12"}));
+    EXPECT_THAT(
+        log(),
+        ElementsAre(
+            LogLine{LOG_INFO, "[Utils] Trying to enable a.service"},
+            LogLine{LOG_ERR, "[Utils], failed to append message with 0"},
+            LogLine{LOG_ERR, "[Utils] utils_enable_service Error building/calling EnableUnitFiles: -12"}));
 }
 
 TEST_F(SystemdUnits, EnableReportsARefusedCall)
@@ -261,9 +274,12 @@ TEST_F(SystemdUnits, EnableReportsARefusedCall)
     library->results["call"] = {-ENOENT};
     library->errorText = "no such unit";
     EXPECT_FALSE(utils_enable_service("a.service"));
-    EXPECT_THAT(log(), ElementsAre(LogLine{LOG_INFO, "[Utils] Trying to enable a.service"},
-                                   LogLine{LOG_ERR, "[Utils] Failed to send bus enable call"},
-                                   LogLine{LOG_ERR, "[Utils] utils_enable_service Error building/calling EnableUnitFiles: -2"}));
+    EXPECT_THAT(
+        log(),
+        ElementsAre(
+            LogLine{LOG_INFO, "[Utils] Trying to enable a.service"},
+            LogLine{LOG_ERR, "[Utils] Failed to send bus enable call"},
+            LogLine{LOG_ERR, "[Utils] utils_enable_service Error building/calling EnableUnitFiles: -2"}));
 }
 
 TEST_F(SystemdUnits, EnableWithAResultOfZeroIsLoggedAsFailedAndIsTrue)
@@ -279,10 +295,13 @@ TEST_F(SystemdUnits, EnableWithAResultOfZeroIsLoggedAsFailedAndIsTrue)
 TEST_F(SystemdUnits, DisableSendsOneFileAndOneFlag)
 {
     EXPECT_TRUE(utils_disable_service("a.service"));
-    EXPECT_THAT(library->steps, ElementsAre("open_system", std::string("new_method_call ") + kManagerCall + "DisableUnitFiles",
-                                            "open_container a s", "append s a.service", "close_container", "append b 0",
-                                            "call 5000000", "flush_close_unref"));
-    EXPECT_THAT(log(), ElementsAre(LogLine{LOG_INFO, "[Utils] a.service should've been successfully disabled"}));
+    EXPECT_THAT(library->steps,
+                ElementsAre("open_system",
+                            std::string("new_method_call ") + kManagerCall + "DisableUnitFiles",
+                            "open_container a s", "append s a.service", "close_container", "append b 0",
+                            "call 5000000", "flush_close_unref"));
+    EXPECT_THAT(log(),
+                ElementsAre(LogLine{LOG_INFO, "[Utils] a.service should've been successfully disabled"}));
 }
 
 TEST_F(SystemdUnits, DisableGivesUpWithoutABus)
@@ -297,7 +316,8 @@ TEST_F(SystemdUnits, DisableGivesUpWithoutAMessage)
     library->results["new_method_call"] = {-ENOMEM};
     EXPECT_FALSE(utils_disable_service("a.service"));
     EXPECT_THAT(log(),
-                ElementsAre(LogLine{LOG_ERR, "[Utils] utils_disable_service Error building/calling DisableUnitFiles: -12"}));
+                ElementsAre(LogLine{
+                    LOG_ERR, "[Utils] utils_disable_service Error building/calling DisableUnitFiles: -12"}));
 }
 
 TEST_F(SystemdUnits, DisableGoesOnAfterAnyFailureToBuildTheList)
@@ -306,28 +326,33 @@ TEST_F(SystemdUnits, DisableGoesOnAfterAnyFailureToBuildTheList)
     library->results["append s"] = {-ENOMEM};
     library->results["close_container"] = {-EINVAL};
     EXPECT_TRUE(utils_disable_service("a.service"));
-    EXPECT_THAT(log(), ElementsAre(LogLine{LOG_ERR, "[Utils], failed to open container. ret -6"},
-                                   LogLine{LOG_ERR, "[Utils], failed to append message with a.service"},
-                                   LogLine{LOG_ERR, "[Main] utils_disable_service: sd_bus_close_container failed"},
-                                   LogLine{LOG_INFO, "[Utils] a.service should've been successfully disabled"}));
+    EXPECT_THAT(log(),
+                ElementsAre(LogLine{LOG_ERR, "[Utils], failed to open container. ret -6"},
+                            LogLine{LOG_ERR, "[Utils], failed to append message with a.service"},
+                            LogLine{LOG_ERR, "[Main] utils_disable_service: sd_bus_close_container failed"},
+                            LogLine{LOG_INFO, "[Utils] a.service should've been successfully disabled"}));
 }
 
 TEST_F(SystemdUnits, DisableGivesUpWhenItsFlagCanNotBeAppended)
 {
     library->results["append b"] = {-ENOMEM};
     EXPECT_FALSE(utils_disable_service("a.service"));
-    EXPECT_THAT(log(),
-                ElementsAre(LogLine{LOG_ERR, "[Utils], failed to append message with 0"},
-                            LogLine{LOG_ERR, "[Utils] utils_disable_service Error building/calling DisableUnitFiles: -12"}));
+    EXPECT_THAT(
+        log(),
+        ElementsAre(
+            LogLine{LOG_ERR, "[Utils], failed to append message with 0"},
+            LogLine{LOG_ERR, "[Utils] utils_disable_service Error building/calling DisableUnitFiles: -12"}));
 }
 
 TEST_F(SystemdUnits, DisableReportsARefusedCallAsAFailedEnableCall)
 {
     library->results["call"] = {-EACCES};
     EXPECT_FALSE(utils_disable_service("a.service"));
-    EXPECT_THAT(log(),
-                ElementsAre(LogLine{LOG_ERR, "[Utils] Failed to send bus enable call"},
-                            LogLine{LOG_ERR, "[Utils] utils_disable_service Error building/calling DisableUnitFiles: -13"}));
+    EXPECT_THAT(
+        log(),
+        ElementsAre(
+            LogLine{LOG_ERR, "[Utils] Failed to send bus enable call"},
+            LogLine{LOG_ERR, "[Utils] utils_disable_service Error building/calling DisableUnitFiles: -13"}));
 }
 
 TEST_F(SystemdUnits, DisableWithAResultOfZeroIsLoggedAsFailedAndIsTrue)
@@ -369,9 +394,12 @@ TEST_P(UnitLookUp, GivesTheObjectPath)
     std::string path = "before";
     EXPECT_EQ(GetParam().function("a.service", path), 1);
     EXPECT_EQ(path, "/reply/path");
-    EXPECT_THAT(library->steps, ElementsAre("open_system", std::string("call_method ") + kManagerCall + GetParam().method + " s a.service",
-                                            "read o", "flush_close_unref"));
-    EXPECT_THAT(log(), ElementsAre(LogLine{LOG_INFO, "[Utils] Got unit name '/reply/path' for the service 'a.service'"}));
+    EXPECT_THAT(library->steps,
+                ElementsAre("open_system",
+                            std::string("call_method ") + kManagerCall + GetParam().method + " s a.service",
+                            "read o", "flush_close_unref"));
+    EXPECT_THAT(log(), ElementsAre(LogLine{
+                           LOG_INFO, "[Utils] Got unit name '/reply/path' for the service 'a.service'"}));
 }
 
 TEST_P(UnitLookUp, SaysNothingWithoutABusAndIsNonzero)
@@ -390,8 +418,9 @@ TEST_P(UnitLookUp, ReportsARefusalAndIsNonzero)
     std::string path = "before";
     EXPECT_EQ(GetParam().function("a.service", path), 1);
     EXPECT_EQ(path, "before");
-    EXPECT_THAT(log(), ElementsAre(LogLine{LOG_ERR, std::string("[Utils] Failed to ") + GetParam().failed +
-                                                        " unit name of 'a.service' service. not now (r = -13)"}));
+    EXPECT_THAT(log(),
+                ElementsAre(LogLine{LOG_ERR, std::string("[Utils] Failed to ") + GetParam().failed +
+                                                 " unit name of 'a.service' service. not now (r = -13)"}));
 }
 
 TEST_P(UnitLookUp, LogsAnEmptyTextForARefusalWithoutOne)
@@ -409,7 +438,8 @@ TEST_P(UnitLookUp, ReportsAReplyThatItCanNotReadAndIsNonzero)
     std::string path = "before";
     EXPECT_EQ(GetParam().function("a.service", path), 1);
     EXPECT_EQ(path, "before");
-    EXPECT_THAT(log(), ElementsAre(LogLine{LOG_ERR, std::string(GetParam().name) + ": Failed to read response"}));
+    EXPECT_THAT(log(),
+                ElementsAre(LogLine{LOG_ERR, std::string(GetParam().name) + ": Failed to read response"}));
 }
 
 TEST_P(UnitLookUp, IsZeroOnlyWhenTheLastResultIs)
@@ -434,10 +464,13 @@ INSTANTIATE_TEST_SUITE_P(
 TEST_P(UnitJobs, QueuesAJobThatReplaces)
 {
     EXPECT_EQ(GetParam().function("/unit/a"), 1);
-    EXPECT_THAT(library->steps, ElementsAre("open_system",
-                                            std::string("call_method org.freedesktop.systemd1 /unit/a org.freedesktop.systemd1.Unit ") +
-                                                GetParam().method + " s replace",
-                                            "read o", "flush_close_unref"));
+    EXPECT_THAT(
+        library->steps,
+        ElementsAre(
+            "open_system",
+            std::string("call_method org.freedesktop.systemd1 /unit/a org.freedesktop.systemd1.Unit ") +
+                GetParam().method + " s replace",
+            "read o", "flush_close_unref"));
     EXPECT_THAT(log(), ElementsAre(LogLine{LOG_INFO, std::string("[Utils] ") + GetParam().succeeded +
                                                          " '/unit/a' unit with job id:/reply/path"}));
 }
@@ -454,21 +487,24 @@ TEST_P(UnitJobs, ReportsARefusalAndIsNonzero)
     library->results["call_method"] = {-EACCES};
     library->errorText = "not now";
     EXPECT_EQ(GetParam().function("/unit/a"), 1);
-    EXPECT_THAT(log(), ElementsAre(LogLine{LOG_ERR, std::string(GetParam().failed) + " '/unit/a' unit. not now (r = -13)"}));
+    EXPECT_THAT(log(), ElementsAre(LogLine{LOG_ERR, std::string(GetParam().failed) +
+                                                        " '/unit/a' unit. not now (r = -13)"}));
 }
 
 TEST_P(UnitJobs, LogsAnEmptyTextForARefusalWithoutOne)
 {
     library->results["call_method"] = {-EIO};
     EXPECT_EQ(GetParam().function("/unit/a"), 1);
-    EXPECT_THAT(log(), ElementsAre(LogLine{LOG_ERR, std::string(GetParam().failed) + " '/unit/a' unit.  (r = -5)"}));
+    EXPECT_THAT(log(),
+                ElementsAre(LogLine{LOG_ERR, std::string(GetParam().failed) + " '/unit/a' unit.  (r = -5)"}));
 }
 
 TEST_P(UnitJobs, ReportsAReplyThatItCanNotReadAndIsNonzero)
 {
     library->results["read"] = {-ENXIO};
     EXPECT_EQ(GetParam().function("/unit/a"), 1);
-    EXPECT_THAT(log(), ElementsAre(LogLine{LOG_ERR, std::string(GetParam().name) + ": Failed to read response"}));
+    EXPECT_THAT(log(),
+                ElementsAre(LogLine{LOG_ERR, std::string(GetParam().name) + ": Failed to read response"}));
 }
 
 TEST_P(UnitJobs, IsZeroOnlyWhenTheLastResultIs)
@@ -479,11 +515,13 @@ TEST_P(UnitJobs, IsZeroOnlyWhenTheLastResultIs)
     EXPECT_EQ(GetParam().function("/unit/a"), 1);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    All, UnitJobs,
-    testing::Values(Job{utils_start_service, "utils_start_service", "Start", "[Utils] Failed to start", "Started"},
-                    Job{utils_restart_service, "utils_restart_service", "Restart", "[Utils]  Failed to re-start", "Restarted"},
-                    Job{utils_stop_service, "utils_stop_service", "Stop", "[Utils] Failed to stop", "Stopped"}),
-    [](const auto& tested) { return tested.param.method; });
+INSTANTIATE_TEST_SUITE_P(All, UnitJobs,
+                         testing::Values(Job{utils_start_service, "utils_start_service", "Start",
+                                             "[Utils] Failed to start", "Started"},
+                                         Job{utils_restart_service, "utils_restart_service", "Restart",
+                                             "[Utils]  Failed to re-start", "Restarted"},
+                                         Job{utils_stop_service, "utils_stop_service", "Stop",
+                                             "[Utils] Failed to stop", "Stopped"}),
+                         [](const auto& tested) { return tested.param.method; });
 
 } // namespace

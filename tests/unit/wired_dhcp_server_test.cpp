@@ -96,9 +96,10 @@ protected:
 TEST_F(WiredDhcpServer, IsEnabledAndStartedForAnAddressAddedOnTheWire)
 {
     address_added();
-    EXPECT_THAT(machine.calls,
-                ElementsAre("enable /etc/korrin/udhcpd_eth0.service", "load udhcpd_eth0.service", "start /unit"));
-    EXPECT_THAT(log(), ElementsAre(LogLine{LOG_INFO, "Successfully enabled and started udhcpd_eth0.service"}));
+    EXPECT_THAT(machine.calls, ElementsAre("enable /etc/korrin/udhcpd_eth0.service",
+                                           "load udhcpd_eth0.service", "start /unit"));
+    EXPECT_THAT(log(),
+                ElementsAre(LogLine{LOG_INFO, "Successfully enabled and started udhcpd_eth0.service"}));
 }
 
 TEST_F(WiredDhcpServer, IsStoppedAndDisabledForAnAddressRemovedFromTheWire)
@@ -138,7 +139,8 @@ TEST_F(WiredDhcpServer, IsNotStartedWhenTheLookUpIsZero)
 {
     machine.loaded = 0;
     address_added();
-    EXPECT_THAT(machine.calls, ElementsAre("enable /etc/korrin/udhcpd_eth0.service", "load udhcpd_eth0.service"));
+    EXPECT_THAT(machine.calls,
+                ElementsAre("enable /etc/korrin/udhcpd_eth0.service", "load udhcpd_eth0.service"));
     EXPECT_THAT(log(), ElementsAre(LogLine{LOG_ERR, "Failed to load udhcpd_eth0.service"}));
 }
 
