@@ -5,6 +5,7 @@ They stand outside so that they judge every client by its true user id, also whe
 
 from __future__ import annotations
 
+import signal
 import subprocess
 from pathlib import Path
 
@@ -65,6 +66,16 @@ class Bus:
             self._daemon.stdout.close()
             self._daemon = None
         self.socket.unlink(missing_ok=True)
+
+    def freeze(self) -> None:
+        """Make it take connections and messages without ever answering, until `thaw()`."""
+        assert self._daemon
+        self._daemon.send_signal(signal.SIGSTOP)
+
+    def thaw(self) -> None:
+        """Let it go on."""
+        assert self._daemon
+        self._daemon.send_signal(signal.SIGCONT)
 
 
 def user_bus(run: Path, home: Path) -> Bus:

@@ -101,8 +101,8 @@ class DBusFake:
     # Scripting, from any thread
 
     def refuse(self, member: str | None = None, *, on: str | None = None, name: str = "org.freedesktop.DBus.Error.Failed",
-               text: str = "refused", times: int | None = None) -> None:
-        """Answer this member with an error."""
+               text: str | None = "refused", times: int | None = None) -> None:
+        """Answer this member with an error; a text of None leaves it out of the message."""
         self._faults.add(member, on, Refuse(name, text), times)
 
     def reply(self, member: str, signature: str, body: list[Any], *, on: str | None = None, times: int | None = None) -> None:
@@ -210,7 +210,7 @@ class DBusFake:
 
     async def _decide(self, message: Message, call: Call, action: Any) -> Message:
         if isinstance(action, Refuse):
-            return Message.new_error(message, action.name, action.text)
+            return _error(message, action.name, action.text)
         if isinstance(action, Reply):
             return Message.new_method_return(message, action.signature, action.body)
         try:
@@ -218,3 +218,8 @@ class DBusFake:
         except CallRefused as refusal:
             return Message.new_error(message, refusal.name, refusal.text)
         return Message.new_method_return(message, signature, body)
+
+
+def _error(message: Message, name: str, text: str | None) -> Message:
+    return Message(message_type=MessageType.ERROR, reply_serial=message.serial, destination=message.sender, error_name=name,
+                   signature="" if text is None else "s", body=[] if text is None else [text])

@@ -13,10 +13,10 @@ from typing import Any
 
 @dataclass(frozen=True)
 class Refuse:
-    """Answer with an error."""
+    """Answer with an error; without a text, its message carries nothing but the name."""
 
     name: str
-    text: str
+    text: str | None
 
 
 @dataclass(frozen=True)

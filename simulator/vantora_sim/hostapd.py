@@ -39,6 +39,8 @@ class Hostapd:
         self._attached: list[str] = []
         self.stations: list[str] = []
         """Addresses of the associated stations, in hostapd's order."""
+        self.before_event: Callable[[], None] | None = None
+        """Called before each event, on the caller's thread; None to send events as fast as possible."""
 
     # From any thread
 
@@ -75,6 +77,8 @@ class Hostapd:
 
     def datagram(self, data: bytes) -> None:
         """Send exactly these bytes to the attached."""
+        if self.before_event is not None and self._attached:
+            self.before_event()
         self._loop.call(self._send_to_attached, data)
 
     def enable(self) -> None:

@@ -101,6 +101,17 @@ class Process:
                 time.sleep(0.0005)
         return self._pid
 
+    def waits_in(self, calls: Sequence[int]) -> bool:
+        """Whether one of its threads sleeps in one of these system calls (numbers) right now."""
+        for thread in Path(f"/proc/{self.pid}/task").iterdir():
+            try:
+                word = (thread / "syscall").read_text().split()[0]
+            except (OSError, IndexError):
+                continue  # the thread has just ended
+            if word.isdigit() and int(word) in calls:
+                return True
+        return False
+
     def send_signal(self, number: int) -> None:
         """Send it a signal; nothing happens when it has ended."""
         try:
