@@ -4,6 +4,7 @@
 #include <array>
 #include <cerrno>
 #include <filesystem>
+#include <utility>
 
 #include <sys/select.h>
 #include <syslog.h>
@@ -38,12 +39,15 @@ WpaCtrlPtr open_control_socket(const char* directory, const std::string& interfa
 
 void WpaSocketListener::StartListening(const char* directory)
 {
-    if (!connection_) {
-        connection_ = open_control_socket(directory, kInterface);
-    }
+    // Opened first, but stored only when the old thread, which may still look at the connection, has ended.
+    const bool connected = static_cast<bool>(connection_);
+    WpaCtrlPtr opened = connected ? nullptr : open_control_socket(directory, kInterface);
     if (thread_.joinable()) {
         stop_.set();
         thread_.join();
+    }
+    if (!connected) {
+        connection_ = std::move(opened);
     }
     stop_.clear();
     thread_ = std::thread(&WpaSocketListener::ListenTask, this);
