@@ -112,13 +112,8 @@ void hostapd_get_overrides(HostapdConfig& overrides)
     overrides[kHostapdAcsBlacklist] = kRadarChannels;
 }
 
-int hostapd_set_conf(const HostapdConfig& overrides)
+void hostapd_merge_conf(const HostapdConfig& overrides, HostapdConfig& config)
 {
-    HostapdConfig config;
-    if (hostapd_read_conf(kTemplatePath, config) == 0) {
-        syslog(LOG_ERR, "[Hostapd] Failed to parse default hostapd config file");
-        return 0;
-    }
     for (const auto& [key, value] : overrides) {
         syslog(LOG_INFO, "[Hostapd] Setting '%s' to '%s'", key.c_str(), value.c_str());
         config[key] = value;
@@ -130,7 +125,16 @@ int hostapd_set_conf(const HostapdConfig& overrides)
                "hostapd_set_conf");
         hwMode = kHwMode2_4GHz;
     }
+}
 
+int hostapd_set_conf(const HostapdConfig& overrides)
+{
+    HostapdConfig config;
+    if (hostapd_read_conf(kTemplatePath, config) == 0) {
+        syslog(LOG_ERR, "[Hostapd] Failed to parse default hostapd config file");
+        return 0;
+    }
+    hostapd_merge_conf(overrides, config);
     dump_runtime_conf(config);
     if (hostapd_write_conf(kRuntimePath, config) == 0) {
         syslog(LOG_ERR, "[Hostapd] Failed to write runtime hostapd config file");

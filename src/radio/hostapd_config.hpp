@@ -54,11 +54,21 @@ void hostapd_dump_conf(const HostapdConfig& config);
 void hostapd_get_overrides(HostapdConfig& overrides);
 
 /**
- * Merges the overrides into the template "/etc/hostapd.conf" and writes "/run/hostapd.conf". On a radio that
- * has no 5 GHz, the hardware mode "a" is written as "g".
+ * Puts the overrides into a configuration. On a radio that has no 5 GHz, the hardware mode "a" becomes "g"; a
+ * configuration that has no hardware mode gets an empty one.
+ *
+ * Logs "[Hostapd] Setting '%s' to '%s'" (INFO) for each override, and "[Hostapd] %s: This device do not
+ * support 5GHz, ovverride and set to 2.4ghz" (WARNING).
+ */
+void hostapd_merge_conf(const HostapdConfig& overrides, HostapdConfig& config);
+
+/**
+ * Merges the overrides into the template "/etc/hostapd.conf" and writes "/run/hostapd.conf".
  *
  * @return 1 when the runtime file was written, else 0
  *
- * Logs each override and the merged result (INFO), and what failed.
+ * Logs what hostapd_merge_conf logs, then "Runtime Hostapd conf" and the entries between lines of dashes
+ * (INFO); after a failure "[Hostapd] Failed to parse default hostapd config file" or
+ * "[Hostapd] Failed to write runtime hostapd config file" (ERR).
  */
 int hostapd_set_conf(const HostapdConfig& overrides);

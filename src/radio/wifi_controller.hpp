@@ -36,23 +36,49 @@ int wifi_set_enabled(bool on);
  */
 int wifi_get_mode(WifiMode& mode);
 
+/*
+ * The four sequences below end at their first failure and log it: "[WiFi] Start Client mode" and the like
+ * between two lines of 44 hyphens when they begin, one such line when they have succeeded (all INFO).
+ */
+
 /**
  * Starts the station side: wpa_supplicant, then no address on wlan0. The DHCP client follows when an
  * association completes.
  *
  * @return the result of wpa_supplicant_start
+ *
+ * Logs "[WiFi] %s: Failed to start WPA supplicant" (ERR); addresses that could not be removed are no failure:
+ * "[WiFi] Failed to flush IP, interface might have inavlid IP" (WARNING).
  */
 int wifi_client_start();
 
-/** Stops the station side: DHCP client, then wpa_supplicant. Returns 1 or 0; 0 at the first failure. */
+/**
+ * Stops the station side: DHCP client, then wpa_supplicant.
+ *
+ * @return 1 on success, 0 otherwise
+ *
+ * Logs "%s: Unable to stop udhcpc" or "Failed to stop WPE Supplicant service" (ERR).
+ */
 int wifi_client_stop();
 
-/** Starts the access point: 192.168.8.1/24 on wlan0, hostapd, DHCP server. Returns 1, or 0 at the first
- * failure. */
+/**
+ * Starts the access point: 192.168.8.1/24 as the only address of wlan0, hostapd, DHCP server.
+ *
+ * @return 1 on success, 0 otherwise
+ *
+ * Logs "[WiFi] %s: Failed to add IP address" (ERR), "[WiFi] Failed to start hostapd service" or
+ * "[WiFi] Failed to start udhcpd service" (WARNING); other addresses that could not be removed are no
+ * failure: "[WiFi] Failed to flush IP, interface might have inavlid IP" (WARNING).
+ */
 int wifi_host_start();
 
-/** Stops the access point: DHCP server, then hostapd; the address stays. Returns 1, or 0 at the first
- * failure. */
+/**
+ * Stops the access point: DHCP server, then hostapd. The address stays.
+ *
+ * @return 1 on success, 0 otherwise
+ *
+ * Logs "[WiFi] Failed to stop udhcpd service" or "[WiFi] Failed to stop hostapd service" (WARNING).
+ */
 int wifi_host_stop();
 
 /**
@@ -60,6 +86,7 @@ int wifi_host_stop();
  *
  * @return 1 on success; 0 when the stop failed, and then nothing was started, or when the start failed
  *
- * Logs "[WiFi] Switch wifi mode to %d" (INFO) and which of the two failed (ERR).
+ * Logs "[WiFi] Switch wifi mode to %d" (INFO), then "[WiFi] %s: Failed to stop Host mode",
+ * "[WiFi] %s: Failed to start Client mode" or the same of the other mode (ERR).
  */
 int wifi_mode_switch(WifiMode target);
