@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <cstdarg>
@@ -7,6 +8,7 @@
 #include <mutex>
 #include <ostream>
 #include <string>
+#include <utility>
 #include <vector>
 
 /**
@@ -39,7 +41,12 @@ public:
         text.resize(static_cast<size_t>(std::vsnprintf(nullptr, 0, format, measured)));
         va_end(measured);
         std::vsnprintf(text.data(), text.size() + 1, format, arguments);
+        note(priority, std::move(text));
+    }
 
+    /** Adds a line by hand, for instance a call, so that calls and messages stand in one order. */
+    void note(int priority, std::string text)
+    {
         const std::lock_guard lock(mutex_);
         lines_.push_back({priority, std::move(text)});
         grown_.notify_all();
@@ -62,6 +69,14 @@ public:
     {
         std::unique_lock lock(mutex_);
         return grown_.wait_for(lock, std::chrono::seconds(20), [&] { return lines_.size() >= count; });
+    }
+
+    /** Waits until the line is there. Returns false when it has not come after 20 seconds. */
+    bool wait_for(const LogLine& line)
+    {
+        std::unique_lock lock(mutex_);
+        return grown_.wait_for(lock, std::chrono::seconds(20),
+                               [&] { return std::find(lines_.begin(), lines_.end(), line) != lines_.end(); });
     }
 
 private:

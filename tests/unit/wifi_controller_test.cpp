@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include <syslog.h>
 #include <unistd.h>
 
 #include "radio/hostapd.hpp"
@@ -22,7 +23,7 @@
 namespace {
 
 using testing::ElementsAreArray;
-using testing_support::CapturedLog;
+using testing_support::captured_log;
 using testing_support::LogLine;
 
 /** Priority under which calls stand in the log. */
@@ -35,7 +36,7 @@ int called(const std::string& name, int otherwise)
 {
     const auto found = results.find(name);
     const int result = found != results.end() ? found->second : otherwise;
-    CapturedLog::add_line(kCall, name);
+    captured_log().note(kCall, name);
     return result;
 }
 
@@ -62,6 +63,11 @@ std::vector<LogLine> operator+(std::vector<LogLine> lines, const std::vector<Log
     return lines;
 }
 
+LogLine line(int priority, const std::string& text)
+{
+    return {priority, text};
+}
+
 LogLine call(const std::string& name)
 {
     return {kCall, name};
@@ -76,12 +82,12 @@ protected:
     {
         results.clear();
         pipeState = {};
-        CapturedLog::clear();
+        captured_log().clear();
     }
 
     static void expect_log(const std::vector<LogLine>& lines)
     {
-        EXPECT_THAT(CapturedLog::lines(), ElementsAreArray(lines));
+        EXPECT_THAT(captured_log().lines(), ElementsAreArray(lines));
     }
 };
 
@@ -438,7 +444,7 @@ TEST_F(WifiController, switch_stops_the_other_mode_first_and_ends_at_the_first_f
     };
     for (const SwitchCase& tried : cases) {
         SCOPED_TRACE(std::to_string(static_cast<int>(tried.target)) + " " + tried.failing);
-        CapturedLog::clear();
+        captured_log().clear();
         results.clear();
         if (!tried.failing.empty()) {
             results[tried.failing] = 0;
@@ -446,7 +452,7 @@ TEST_F(WifiController, switch_stops_the_other_mode_first_and_ends_at_the_first_f
 
         EXPECT_EQ(wifi_mode_switch(tried.target), tried.failing.empty() ? 1 : 0);
 
-        const std::vector<LogLine> lines = CapturedLog::lines();
+        const std::vector<LogLine> lines = captured_log().lines();
         std::vector<std::string> calls;
         for (const auto& [priority, text] : lines) {
             if (priority == kCall) {
@@ -454,9 +460,9 @@ TEST_F(WifiController, switch_stops_the_other_mode_first_and_ends_at_the_first_f
             }
         }
         EXPECT_EQ(calls, tried.calls);
-        EXPECT_EQ(lines.front(), LogLine(LOG_INFO, "[WiFi] Switch wifi mode to " +
-                                                       std::to_string(static_cast<int>(tried.target))));
-        EXPECT_EQ(lines.back(), tried.failing.empty() ? kSeparator : LogLine(LOG_ERR, tried.message));
+        EXPECT_EQ(lines.front(), line(LOG_INFO, "[WiFi] Switch wifi mode to " +
+                                                    std::to_string(static_cast<int>(tried.target))));
+        EXPECT_EQ(lines.back(), tried.failing.empty() ? kSeparator : line(LOG_ERR, tried.message));
     }
 }
 

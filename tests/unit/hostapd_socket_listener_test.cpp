@@ -1,0 +1,263 @@
+#include "listeners/hostapd_socket_listener.hpp"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <sigc++/sigc++.h>
+
+#include "support/captured_log.hpp"
+#include "support/scripted_wpa_ctrl.hpp"
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing_support::captured_log;
+using testing_support::ScriptedWpaCtrl;
+
+namespace {
+
+const std::string kStation = "11:22:33:44:55:66";
+
+class HostapdListener : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        ScriptedWpaCtrl::reset();
+        captured_log().clear();
+        const auto note = [this](const std::string& text) { emitted.push_back(text); };
+        listener.StationConnectedSignal.connect([note](const std::string& text) { note("+" + text); });
+        listener.StationDisconnectedSignal.connect([note](const std::string& text) { note("-" + text); });
+        listener.ApEnabledSignal.connect([note](bool on) { note(on ? "enabled" : "disabled"); });
+        listener.TerminatingSignal.connect([note] { note("terminating"); });
+    }
+    void TearDown() override { listener.Stop(); }
+
+    HostapdSocketListner listener;
+    std::vector<std::string> emitted;
+};
+
+// Events
+
+TEST_F(HostapdListener, a_station_that_connects_is_announced)
+{
+    listener.SignalEvent("<3>AP-STA-CONNECTED 11:22:33:44:55:66");
+    EXPECT_THAT(emitted, ElementsAre("+11:22:33:44:55:66"));
+}
+
+TEST_F(HostapdListener, a_station_that_disconnects_is_announced_and_remembered)
+{
+    EXPECT_EQ(listener.IsStationDisconnected(kStation.c_str()), 0);
+    listener.SignalEvent("<3>AP-STA-DISCONNECTED 11:22:33:44:55:66");
+    EXPECT_THAT(emitted, ElementsAre("-11:22:33:44:55:66"));
+    EXPECT_EQ(listener.IsStationDisconnected(kStation.c_str()), 1);
+}
+
+TEST_F(HostapdListener, one_connect_forgets_every_disconnect_of_the_station_and_of_no_other)
+{
+    for (const char* station : {"11:22:33:44:55:66", "aa:bb:cc:dd:ee:ff", "11:22:33:44:55:66"}) {
+        listener.SignalEvent((std::string("<3>AP-STA-DISCONNECTED ") + station).c_str());
+    }
+    listener.SignalEvent("<3>AP-STA-CONNECTED 11:22:33:44:55:66");
+    EXPECT_EQ(listener.IsStationDisconnected(kStation.c_str()), 0);
+    EXPECT_EQ(listener.IsStationDisconnected("aa:bb:cc:dd:ee:ff"), 1);
+}
+
+TEST_F(HostapdListener, a_connect_has_forgotten_the_disconnect_before_it_is_announced)
+{
+    int disconnected = -1;
+    listener.StationConnectedSignal.connect(
+        [&](const std::string& station) { disconnected = listener.IsStationDisconnected(station.c_str()); });
+    listener.SignalEvent("<3>AP-STA-DISCONNECTED 11:22:33:44:55:66");
+    listener.SignalEvent("<3>AP-STA-CONNECTED 11:22:33:44:55:66");
+    EXPECT_EQ(disconnected, 0);
+}
+
+TEST_F(HostapdListener, a_disconnect_is_remembered_before_it_is_announced)
+{
+    int disconnected = -1;
+    listener.StationDisconnectedSignal.connect(
+        [&](const std::string& station) { disconnected = listener.IsStationDisconnected(station.c_str()); });
+    listener.SignalEvent("<3>AP-STA-DISCONNECTED 11:22:33:44:55:66");
+    EXPECT_EQ(disconnected, 1);
+}
+
+TEST_F(HostapdListener, the_station_text_is_all_behind_the_first_blank)
+{
+    listener.SignalEvent("<3>AP-STA-CONNECTED 11:22:33:44:55:66 keyid=phone  x ");
+    listener.SignalEvent("<3>AP-STA-CONNECTED ");
+    listener.SignalEvent("<3>AP-STA-CONNECTED  twice");
+    listener.SignalEvent("<3>wlan0: AP-STA-DISCONNECTED 11:22:33:44:55:66");
+    EXPECT_THAT(emitted, ElementsAre("+11:22:33:44:55:66 keyid=phone  x ", "+", "+ twice",
+                                     "-AP-STA-DISCONNECTED 11:22:33:44:55:66"));
+}
+
+TEST_F(HostapdListener, further_fields_keep_a_connect_from_forgetting_the_disconnect)
+{
+    listener.SignalEvent("<3>AP-STA-DISCONNECTED 11:22:33:44:55:66");
+    listener.SignalEvent("<3>AP-STA-CONNECTED 11:22:33:44:55:66 keyid=phone");
+    EXPECT_EQ(listener.IsStationDisconnected(kStation.c_str()), 1);
+}
+
+TEST_F(HostapdListener, the_station_text_of_an_event_without_a_blank_is_the_whole_event)
+{
+    listener.SignalEvent("<3>AP-STA-CONNECTED");
+    listener.SignalEvent("AP-STA-DISCONNECTED\t11:22:33:44:55:66");
+    EXPECT_THAT(emitted, ElementsAre("+<3>AP-STA-CONNECTED", "-AP-STA-DISCONNECTED\t11:22:33:44:55:66"));
+}
+
+TEST_F(HostapdListener, the_access_point_is_enabled_from_enabled_to_disabled)
+{
+    EXPECT_FALSE(listener.IsApEnabled());
+    listener.SignalEvent("AP-ENABLED");
+    EXPECT_TRUE(listener.IsApEnabled());
+    listener.SignalEvent("<3>AP-ENABLED ");
+    EXPECT_TRUE(listener.IsApEnabled());
+    listener.SignalEvent("<3>AP-DISABLED ");
+    EXPECT_FALSE(listener.IsApEnabled());
+    EXPECT_THAT(emitted, ElementsAre("enabled", "enabled", "disabled"));
+}
+
+TEST_F(HostapdListener, the_flag_has_changed_before_it_is_announced)
+{
+    std::vector<bool> seen;
+    listener.ApEnabledSignal.connect([&](bool) { seen.push_back(listener.IsApEnabled()); });
+    listener.SignalEvent("<3>AP-ENABLED ");
+    listener.SignalEvent("<3>AP-DISABLED ");
+    EXPECT_THAT(seen, ElementsAre(true, false));
+}
+
+TEST_F(HostapdListener, any_event_with_the_beginning_of_terminating_announces_the_end)
+{
+    listener.SignalEvent("<3>CTRL-EVENT-TERMINATING ");
+    listener.SignalEvent("CTRL-EVENT-T");
+    listener.SignalEvent("<3>CTRL-EVENT-TEMP-DISABLED");
+    EXPECT_THAT(emitted, ElementsAre("terminating", "terminating", "terminating"));
+}
+
+TEST_F(HostapdListener, the_first_text_in_the_table_wins_wherever_it_stands)
+{
+    listener.SignalEvent("CTRL-EVENT-T AP-DISABLED AP-ENABLED AP-STA-DISCONNECTED AP-STA-CONNECTED");
+    listener.SignalEvent("CTRL-EVENT-T AP-DISABLED AP-ENABLED AP-STA-DISCONNECTED");
+    listener.SignalEvent("CTRL-EVENT-T AP-DISABLED AP-ENABLED");
+    listener.SignalEvent("CTRL-EVENT-T AP-DISABLED");
+    EXPECT_THAT(emitted, ElementsAre("+AP-DISABLED AP-ENABLED AP-STA-DISCONNECTED AP-STA-CONNECTED",
+                                     "-AP-DISABLED AP-ENABLED AP-STA-DISCONNECTED", "enabled", "disabled"));
+}
+
+TEST_F(HostapdListener, other_events_are_ignored)
+{
+    listener.SignalEvent(nullptr);
+    for (const char* event : {"", "<3>", "<3>AP-STA-POSSIBLE-PSK-MISMATCH 11:22:33:44:55:66", "<3>ap-enabled",
+                              "<3>CTRL-EVENT-EAP-STARTED", "\xff\xfe"}) {
+        listener.SignalEvent(event);
+    }
+    EXPECT_THAT(emitted, IsEmpty());
+    EXPECT_FALSE(listener.IsApEnabled());
+}
+
+TEST(HostapdListenerAlone, signals_that_nobody_is_connected_to_are_skipped)
+{
+    HostapdSocketListner listener;
+    for (const char* event : {"AP-STA-CONNECTED a", "AP-STA-DISCONNECTED a", "AP-ENABLED", "CTRL-EVENT-T"}) {
+        listener.SignalEvent(event);
+    }
+    EXPECT_TRUE(listener.IsApEnabled());
+}
+
+// Records
+
+TEST_F(HostapdListener, a_record_without_an_address_counts_as_disconnected)
+{
+    EXPECT_EQ(listener.IsStationDisconnected(nullptr), 1);
+    for (const char* record : {"", "FAIL\n", "UNKNOWN COMMAND\n", "112233445566", ":", ":1",
+                               "11:22:33:44:55:", "11:22:33:44:55:6"}) {
+        EXPECT_EQ(listener.IsStationDisconnected(record), 1) << record;
+    }
+}
+
+TEST_F(HostapdListener, an_address_ends_two_characters_behind_the_last_colon)
+{
+    listener.SignalEvent("<3>AP-STA-DISCONNECTED 11:22:33:44:55:66");
+    EXPECT_EQ(listener.IsStationDisconnected("11:22:33:44:55:66\nflags=[AUTH][A"), 1);
+    EXPECT_EQ(listener.IsStationDisconnected("11:22:33:44:55:67\nflags=[AUTH][A"), 0);
+    EXPECT_EQ(listener.IsStationDisconnected("11:22:33:44:55:66\nflags=a:bcd"), 0);
+    EXPECT_EQ(listener.IsStationDisconnected(":66"), 0);
+    EXPECT_EQ(listener.IsStationDisconnected("1:22:33:44:55:66"), 0);
+}
+
+TEST_F(HostapdListener, addresses_are_compared_byte_for_byte)
+{
+    listener.SignalEvent("<3>AP-STA-DISCONNECTED aa:bb:cc:dd:ee:ff");
+    EXPECT_EQ(listener.IsStationDisconnected("AA:BB:CC:DD:EE:FF"), 0);
+}
+
+TEST_F(HostapdListener, removing_erases_every_equal_entry_only)
+{
+    for (const char* station : {"a:01", "b:02", "a:01", "c:03"}) {
+        listener.SignalEvent((std::string("AP-STA-DISCONNECTED ") + station).c_str());
+    }
+    listener.RemoveDisconnectedStation("a:01");
+    listener.RemoveDisconnectedStation("b:0");
+    EXPECT_EQ(listener.IsStationDisconnected("a:01"), 0);
+    EXPECT_EQ(listener.IsStationDisconnected("b:02"), 1);
+    EXPECT_EQ(listener.IsStationDisconnected("c:03"), 1);
+}
+
+// Life
+
+TEST_F(HostapdListener, start_opens_the_socket_of_hostapd)
+{
+    listener.Start();
+    listener.Stop();
+    EXPECT_EQ(ScriptedWpaCtrl::noted().front(), "open /var/run/hostapd/wlan0");
+}
+
+TEST_F(HostapdListener, a_connection_of_its_own_is_opened_for_the_interface_asked_for)
+{
+    ScriptedWpaCtrl::opens = false;
+    EXPECT_EQ(HostapdSocketListner::ConnectSocket("wlan3"), nullptr);
+    EXPECT_THAT(ScriptedWpaCtrl::noted(), ElementsAre("open /var/run/hostapd/wlan3"));
+}
+
+TEST_F(HostapdListener, restart_keeps_and_reset_forgets_the_disconnected_stations_and_both_keep_the_flag)
+{
+    listener.Start();
+    listener.SignalEvent("<3>AP-ENABLED ");
+    listener.SignalEvent("<3>AP-STA-DISCONNECTED 11:22:33:44:55:66");
+    listener.Restart();
+    EXPECT_EQ(listener.IsStationDisconnected(kStation.c_str()), 1);
+    EXPECT_TRUE(listener.IsApEnabled());
+    listener.Reset();
+    EXPECT_EQ(listener.IsStationDisconnected(kStation.c_str()), 0);
+    EXPECT_TRUE(listener.IsApEnabled());
+    EXPECT_EQ(ScriptedWpaCtrl::noted().back(), "close");
+}
+
+TEST_F(HostapdListener, stations_may_be_asked_for_while_events_come_in)
+{
+    std::thread events([this] {
+        for (int round = 0; round < 2000; ++round) {
+            listener.SignalEvent("<3>AP-STA-DISCONNECTED 11:22:33:44:55:66");
+            listener.SignalEvent("<3>AP-STA-CONNECTED 11:22:33:44:55:66");
+        }
+    });
+    for (int round = 0; round < 2000; ++round) {
+        EXPECT_LE(listener.IsStationDisconnected(kStation.c_str()), 1);
+    }
+    events.join();
+    EXPECT_EQ(listener.IsStationDisconnected(kStation.c_str()), 0);
+    EXPECT_EQ(emitted.size(), 4000U);
+}
+
+TEST(HostapdListenerOfTheProcess, is_one_and_there_before_it_is_asked_for)
+{
+    ASSERT_NE(hostapd_listener(), nullptr);
+    EXPECT_EQ(hostapd_listener(), hostapd_listener());
+    EXPECT_FALSE(hostapd_listener()->IsApEnabled());
+}
+
+} // namespace

@@ -1,0 +1,88 @@
+#include "utils/stop_flag.hpp"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <thread>
+
+#include <poll.h>
+#include <sys/resource.h>
+
+using namespace std::chrono_literals;
+
+namespace {
+
+bool readable(const StopFlag& flag)
+{
+    pollfd wait = {.fd = flag.fd(), .events = POLLIN, .revents = 0};
+    return poll(&wait, 1, 0) == 1;
+}
+
+TEST(StopFlag, is_clear_at_first_and_its_descriptor_not_readable)
+{
+    const StopFlag flag;
+    EXPECT_FALSE(flag.is_set());
+    EXPECT_FALSE(readable(flag));
+}
+
+TEST(StopFlag, is_set_and_readable_until_it_is_cleared)
+{
+    StopFlag flag;
+    for (int round = 0; round < 2; ++round) {
+        flag.set();
+        flag.set();
+        EXPECT_TRUE(flag.is_set());
+        EXPECT_TRUE(readable(flag));
+        EXPECT_TRUE(readable(flag));
+        flag.clear();
+        EXPECT_FALSE(flag.is_set());
+        EXPECT_FALSE(readable(flag));
+    }
+    flag.clear();
+    EXPECT_FALSE(flag.is_set());
+}
+
+TEST(StopFlag, a_wait_for_a_set_flag_is_over_at_once)
+{
+    StopFlag flag;
+    flag.set();
+    EXPECT_TRUE(flag.wait_for(1h));
+}
+
+TEST(StopFlag, a_wait_ends_when_another_thread_sets_the_flag)
+{
+    StopFlag flag;
+    std::thread setting([&] { flag.set(); });
+    EXPECT_TRUE(flag.wait_for(1h));
+    setting.join();
+}
+
+TEST(StopFlag, a_wait_for_a_clear_flag_lasts_as_long_as_was_asked)
+{
+    const StopFlag flag;
+    const auto before = std::chrono::steady_clock::now();
+    EXPECT_FALSE(flag.wait_for(20ms));
+    EXPECT_GE(std::chrono::steady_clock::now() - before, 20ms);
+    EXPECT_FALSE(flag.wait_for(0ms));
+    EXPECT_FALSE(flag.wait_for(-1ms));
+}
+
+TEST(StopFlag, works_as_a_plain_flag_when_there_is_no_descriptor_left)
+{
+    rlimit limit{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+    const rlimit none = {.rlim_cur = 0, .rlim_max = limit.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    StopFlag flag;
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+
+    EXPECT_EQ(flag.fd(), -1);
+    flag.set();
+    EXPECT_TRUE(flag.is_set());
+    EXPECT_TRUE(flag.wait_for(1h));
+    flag.clear();
+    EXPECT_FALSE(flag.is_set());
+    EXPECT_FALSE(flag.wait_for(1ms));
+}
+
+} // namespace

@@ -1,0 +1,179 @@
+#include "listeners/wpa_socket_command.hpp"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include <syslog.h>
+#include <wpa_ctrl.h>
+
+#include "support/captured_log.hpp"
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing_support::captured_log;
+using testing_support::LogLine;
+
+namespace {
+
+LogLine line(int priority, const std::string& text)
+{
+    return {priority, text};
+}
+
+/** What the replaced library answers, and what it was asked. */
+struct
+{
+    int result = 0;
+    std::string reply;
+    std::vector<std::string> requests;
+    size_t room = 0;
+    bool zeroed = false;
+} library;
+
+/** Stands for a connection; never looked into. */
+wpa_ctrl* const connection = reinterpret_cast<wpa_ctrl*>(&library);
+
+class WpaSocketCommand : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        library = {};
+        captured_log().clear();
+    }
+
+    /** An area that shows what was written to it and what was not. */
+    std::string area = std::string(40, '#');
+};
+
+} // namespace
+
+int wpa_ctrl_request(wpa_ctrl*, const char* command, size_t length, char* reply, size_t* replyLength,
+                     void (*)(char*, size_t))
+{
+    library.requests.emplace_back(command, length);
+    library.room = *replyLength;
+    library.zeroed = std::all_of(reply, reply + *replyLength + 1, [](char byte) { return byte == '\0'; });
+    *replyLength = std::min(*replyLength, library.reply.size());
+    std::memcpy(reply, library.reply.data(), *replyLength);
+    return library.result;
+}
+
+namespace {
+
+TEST_F(WpaSocketCommand, without_a_connection_is_dropped_and_the_library_not_called)
+{
+    EXPECT_EQ(wpa_socket_cmd(nullptr, "STA-FIRST", area.data(), 32), -1);
+    EXPECT_THAT(library.requests, IsEmpty());
+    EXPECT_EQ(area, std::string(40, '#'));
+    EXPECT_THAT(captured_log().lines(),
+                ElementsAre(line(LOG_ERR, "wpa_socket_cmd: Not connected to socket - command dropped.")));
+}
+
+TEST_F(WpaSocketCommand, sends_the_command_and_pads_the_reply_with_nuls)
+{
+    library.reply = "PONG\n";
+    EXPECT_EQ(wpa_socket_cmd(connection, "PING", area.data(), 32), 0);
+    EXPECT_THAT(library.requests, ElementsAre("PING"));
+    EXPECT_EQ(library.room, 4095U);
+    EXPECT_TRUE(library.zeroed);
+    EXPECT_EQ(area, "PONG\n" + std::string(27, '\0') + std::string(8, '#'));
+    EXPECT_THAT(captured_log().lines(), IsEmpty());
+}
+
+TEST_F(WpaSocketCommand, a_reply_that_fills_the_area_has_no_nul)
+{
+    library.reply = std::string(32, 'a');
+    EXPECT_EQ(wpa_socket_cmd(connection, "STA-FIRST", area.data(), 32), 0);
+    EXPECT_EQ(area, std::string(32, 'a') + std::string(8, '#'));
+}
+
+TEST_F(WpaSocketCommand, a_longer_reply_is_cut_to_the_area)
+{
+    library.reply = std::string(5000, 'b');
+    EXPECT_EQ(wpa_socket_cmd(connection, "STA-FIRST", area.data(), 32), 0);
+    EXPECT_EQ(area, std::string(32, 'b') + std::string(8, '#'));
+}
+
+TEST_F(WpaSocketCommand, no_more_than_the_buffer_is_copied_to_a_larger_area)
+{
+    library.reply = std::string(5000, 'c');
+    std::string large(5000, '#');
+    EXPECT_EQ(wpa_socket_cmd(connection, "STATUS", large.data(), large.size()), 0);
+    EXPECT_EQ(large, std::string(4095, 'c') + std::string(1, '\0') + std::string(904, '#'));
+}
+
+TEST_F(WpaSocketCommand, a_reply_ends_at_its_first_nul)
+{
+    library.reply = std::string("ab\0cd", 5);
+    EXPECT_EQ(wpa_socket_cmd(connection, "STATUS", area.data(), 8), 0);
+    EXPECT_EQ(area, "ab" + std::string(6, '\0') + std::string(32, '#'));
+}
+
+TEST_F(WpaSocketCommand, an_area_of_no_size_is_left_alone)
+{
+    library.reply = "PONG\n";
+    EXPECT_EQ(wpa_socket_cmd(connection, "PING", area.data(), 0), 0);
+    EXPECT_EQ(area, std::string(40, '#'));
+}
+
+TEST_F(WpaSocketCommand, a_failure_of_the_library_is_passed_on)
+{
+    for (const int result : {-1, -2}) {
+        captured_log().clear();
+        library.result = result;
+        EXPECT_EQ(wpa_socket_cmd(connection, "STA-NEXT 02:00", area.data(), 32), result);
+        EXPECT_EQ(area, std::string(40, '#'));
+        EXPECT_THAT(captured_log().lines(),
+                    ElementsAre(line(LOG_ERR, "wpa_socket_cmd: 'STA-NEXT 02:00' command failed.")));
+    }
+}
+
+TEST_F(WpaSocketCommand, a_reply_that_starts_with_fail_is_a_refusal)
+{
+    for (const char* reply : {"FAIL", "FAIL\n", "FAIL-BUSY\n", "FAILURE"}) {
+        captured_log().clear();
+        library.reply = reply;
+        EXPECT_EQ(wpa_socket_cmd(connection, "PING", area.data(), 32), -2) << reply;
+        EXPECT_EQ(area, std::string(40, '#'));
+        EXPECT_THAT(captured_log().lines(),
+                    ElementsAre(line(LOG_ERR, "wpa_socket_cmd: 'PING' received 'FAIL' status.")));
+    }
+}
+
+TEST_F(WpaSocketCommand, a_reply_that_only_resembles_a_refusal_is_none)
+{
+    for (const char* reply : {"", "FAI", "fail\n", " FAIL", "UNKNOWN COMMAND\n"}) {
+        library.reply = reply;
+        EXPECT_EQ(wpa_socket_cmd(connection, "PING", area.data(), 32), 0) << reply;
+        EXPECT_STREQ(area.c_str(), reply);
+    }
+    EXPECT_THAT(captured_log().lines(), IsEmpty());
+}
+
+TEST(WpaSocketBufferDump, writes_each_byte_in_lower_case_without_leading_zeros)
+{
+    captured_log().clear();
+    const unsigned char bytes[] = {0x00, 0x0a, 0x7f, 0x80, 0xff, 0x11};
+    wpa_socket_buffer_dump(bytes, 5);
+    EXPECT_THAT(captured_log().lines(),
+                ElementsAre(line(LOG_DEBUG, "wpa_socket_buffer_dump: 0x0 0xa 0x7f 0x80 0xff")));
+}
+
+TEST(WpaSocketBufferDump, of_nothing_writes_an_empty_text)
+{
+    captured_log().clear();
+    const unsigned char byte = 1;
+    wpa_socket_buffer_dump(&byte, 0);
+    wpa_socket_buffer_dump(&byte, -3);
+    wpa_socket_buffer_dump(nullptr, 0);
+    const LogLine empty(LOG_DEBUG, "wpa_socket_buffer_dump:");
+    EXPECT_THAT(captured_log().lines(), ElementsAre(empty, empty, empty));
+}
+
+} // namespace
