@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import asyncio
+from collections.abc import Callable
 
 from .activity import Activity
 from .hostapd_conf import read_hostapd_conf
@@ -33,6 +34,8 @@ class AccessPoint:
         self._known: dict[str, bytes] = {}
         """Stations that want to be here: the name of the network that they joined."""
         self.on_air = False
+        self.on_take_over: list[Callable[[], None]] = []
+        """Called when hostapd makes the interface its own."""
 
     def job(self, verb: str) -> None:
         """systemd has a job for the unit."""
@@ -68,6 +71,8 @@ class AccessPoint:
             world.radio.interface_type = "managed"
             self._fail()
             return
+        for hook in self.on_take_over:
+            hook()
         world.radio.interface_type = "AP"
         world.radio.ap_ssid = ssid
         world.radio.frequency = 5180 if configuration.get(b"hw_mode") == b"a" else 2437
@@ -76,6 +81,7 @@ class AccessPoint:
         world.systemd.states.pop(HOSTAPD, None)
         await self._survey()
         self.on_air = True
+        world.journal.poke()
         world.hostapd.enable()
         self._traffic.begin(self._arrivals(ssid))
 

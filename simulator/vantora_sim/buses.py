@@ -49,7 +49,7 @@ class Bus:
         self.socket.unlink(missing_ok=True)
         with open(self._complaints, "ab") as complaints:
             self._daemon = subprocess.Popen(self._command, env=self._environment, stdin=subprocess.DEVNULL,
-                                            stdout=subprocess.PIPE, stderr=complaints)
+                                            stdout=subprocess.PIPE, stderr=complaints, process_group=0)
 
     def wait_ready(self) -> None:
         """Wait until clients can connect."""

@@ -211,6 +211,13 @@ class Journal:
                         return found
                     raise AssertionError(f"waited {timeout:g} s in vain for {what}\n{self.dump(since)}")
 
+    def follow(self, mark: int, timeout: float) -> list[Entry]:
+        """The entries from the mark on as soon as there are any; none when the time is over."""
+        with self._condition:
+            if len(self._entries) <= mark:
+                self._condition.wait(timeout)
+            return self._entries[mark:]
+
     def expect_in_order(self, patterns: Iterable[Pattern], since: int = 0, timeout: float = DEADLINE) -> list[Entry]:
         """Wait until all patterns have matched one after the other; other entries may stand between them."""
         found: list[Entry] = []

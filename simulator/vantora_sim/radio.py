@@ -2,7 +2,8 @@
 
 from __future__ import annotations
 
-from dataclasses import dataclass
+from collections.abc import Callable
+from dataclasses import dataclass, field
 
 
 @dataclass
@@ -21,8 +22,28 @@ class Radio:
     """Name of the access point that hostapd runs."""
     station_running: bool = False
     """Whether wpa_supplicant answers wpa_cli."""
+    frequency: int = 2437
+    """MHz of the channel in use."""
     station_ssid: bytes | None = None
     """Network that the station is associated with."""
+    station_bssid: str = "02:00:00:00:20:01"
+    """Address of its access point."""
     station_state: str = "DISCONNECTED"
     """wpa_state of wpa_cli."""
     mac: str = "02:00:00:00:10:01"
+    on_block: list[Callable[[bool], None]] = field(default_factory=list)
+    """Called after `block()` has changed whether the radio is blocked, with what it is now."""
+
+    @property
+    def blocked(self) -> bool:
+        """Whether it is switched off, by software or by a switch."""
+        return self.soft_blocked or self.hard_blocked
+
+    def block(self, *, soft: bool | None = None, hard: bool | None = None) -> None:
+        """Block or unblock it, and let those know who use it."""
+        before = self.blocked
+        self.soft_blocked = self.soft_blocked if soft is None else soft
+        self.hard_blocked = self.hard_blocked if hard is None else hard
+        if self.blocked != before:
+            for hook in self.on_block:
+                hook(self.blocked)

@@ -52,7 +52,9 @@ class Process:
         self._stderr = output.with_suffix(".err")
         self._pid: int | None = None
         with open(self._stdout, "wb") as out, open(self._stderr, "wb") as err:
-            self._enter = subprocess.Popen(command, env=dict(environment), stdin=subprocess.DEVNULL, stdout=out, stderr=err)
+            # A process group of its own: what a terminal sends at Ctrl-C is meant for the program in front.
+            self._enter = subprocess.Popen(command, env=dict(environment), stdin=subprocess.DEVNULL, stdout=out, stderr=err,
+                                           process_group=0)
         self._ended = ended
         self._waiter = threading.Thread(target=self._wait, name=f"wait for {name}", daemon=True)
         self._waiter.start()
@@ -145,7 +147,7 @@ class Sandbox:
         self._outputs = work / "output"
         self._outputs.mkdir()
         self._keeper = subprocess.Popen([tools / "vantora-sim-sandbox", work, *exposed], stdin=subprocess.PIPE,
-                                        stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+                                        stdout=subprocess.PIPE, stderr=subprocess.PIPE, process_group=0)
         self._init: int | None = None
 
     @property

@@ -27,6 +27,7 @@ _HANDSHAKE_GIVEN_UP = 1.5
 _BEFORE_NEXT_TRY = 5.0
 _LAST_BEACON = 1.0
 """Seconds without a beacon after which a network counts as lost."""
+_UNLINKED = ("disconnected", "inactive", "interface_disabled")
 _IDLE = 0.5
 """Seconds until a station without any network to look for calls itself inactive."""
 
@@ -108,9 +109,10 @@ class StationSide:
                     self._scan.begin(self._scan_all())
             case "SelectNetwork":
                 self._selected = args[0]
-                if self._world.wpa.state not in ("disconnected", "inactive", "scanning"):
+                if self._world.wpa.state not in (*_UNLINKED, "scanning"):
                     self._lose()
-                self._link.begin(self._connect())
+                if not self._world.radio.blocked:
+                    self._link.begin(self._connect())
             case "RemoveNetwork" if args[0] == self._selected:
                 self._give_up()
             case "Disconnect":
@@ -118,7 +120,7 @@ class StationSide:
 
     def _give_up(self) -> None:
         self._selected = ""
-        if self._world.wpa.state not in ("disconnected", "inactive"):
+        if self._world.wpa.state not in _UNLINKED:
             self._lose()
         self._link.begin(self._rest())
 

@@ -25,6 +25,8 @@ class Systemd(DBusFake):
         self.active: dict[str, bool] = {name: False for name in (
             units.HOSTAPD, units.STATION, units.DHCP_SERVER, units.DHCP_CLIENT, units.WIRED_DHCP_SERVER)}
         """Known units and whether each runs. Remove one to make it a unit that does not exist."""
+        self.states: dict[str, str] = {}
+        """What ActiveState says instead of active or inactive: "activating", "failed", ..."""
         self.unit_files: set[str] = {*self.active, units.WIRED_DHCP_SERVER_FILE}
         """Unit files that can be enabled, by name or path."""
         self.enabled: set[str] = set()
@@ -97,7 +99,7 @@ class Systemd(DBusFake):
         return "o", [f"/org/freedesktop/systemd1/job/{job}"]
 
     def _property(self, call: Call, unit: str) -> tuple[str, list[Any]]:
-        state = "active" if self.active.get(unit) else "inactive"
+        state = self.states.get(unit) or ("active" if self.active.get(unit) else "inactive")
         known = {"Id": Variant("s", unit), "ActiveState": Variant("s", state),
                  "LoadState": Variant("s", "loaded" if unit in self.active else "not-found")}
         if call.member == "Get" and call.args[1] in known:

@@ -188,10 +188,10 @@ class Tools:
                 return Output((f"0: phy0: Wireless LAN\n\tSoft blocked: {blocked[self._radio.soft_blocked]}\n"
                                f"\tHard blocked: {blocked[self._radio.hard_blocked]}\n").encode())
             case ["block", "wlan" | "wifi" | "all"]:
-                self._radio.soft_blocked = True
+                self._radio.block(soft=True)
                 return Output()
             case ["unblock", "wlan" | "wifi" | "all"]:
-                self._radio.soft_blocked = False
+                self._radio.block(soft=False)
                 return Output()
         return Output(b"", 1, b"rfkill: invalid arguments\n")
 
@@ -207,7 +207,8 @@ class Tools:
             lines.append(b"\tssid " + printable(ssid))
         lines += [f"\ttype {radio.interface_type}".encode(), b"\twiphy 0"]
         if ssid:
-            lines.append(b"\tchannel 6 (2437 MHz), width: 20 MHz (no HT), center1: 2437 MHz")
+            lines.append(f"\tchannel {channel(radio.frequency)} ({radio.frequency} MHz), width: 20 MHz (no HT), "
+                         f"center1: {radio.frequency} MHz".encode())
         if radio.tx_power is not None:
             lines.append(f"\ttxpower {radio.tx_power} dBm".encode())
         return Output(b"\n".join(lines) + b"\n")
@@ -222,8 +223,9 @@ class Tools:
             return Output(b"Selected interface 'wlan0'\nUNKNOWN COMMAND\n")
         lines = [b"Selected interface 'wlan0'"]
         if self._radio.station_ssid is not None:
-            lines += [b"bssid=02:00:00:00:20:01", b"freq=2437", b"ssid=" + printable(self._radio.station_ssid), b"id=0",
-                      b"mode=station", b"pairwise_cipher=CCMP", b"group_cipher=CCMP", b"key_mgmt=WPA2-PSK"]
+            lines += [f"bssid={self._radio.station_bssid}".encode(), f"freq={self._radio.frequency}".encode(),
+                      b"ssid=" + printable(self._radio.station_ssid), b"id=0", b"mode=station", b"pairwise_cipher=CCMP",
+                      b"group_cipher=CCMP", b"key_mgmt=WPA2-PSK"]
         lines += [f"wpa_state={self._radio.station_state}".encode(), f"address={self._radio.mac}".encode(),
                   b"uuid=5c1e6d0e-7e4d-5b43-9a8f-3f0c2d6a1b77"]
         return Output(b"\n".join(lines) + b"\n")
@@ -236,6 +238,13 @@ class Tools:
             return Output(b"Passphrase must be 8..63 characters\n", 1)
         key = hashlib.pbkdf2_hmac("sha1", passphrase, ssid, 4096, 32).hex().encode()
         return Output(b'network={\n\tssid="' + ssid + b'"\n\t#psk="' + passphrase + b'"\n\tpsk=' + key + b"\n}\n")
+
+
+def channel(frequency: int) -> int:
+    """The channel at this frequency in MHz."""
+    if frequency == 2484:
+        return 14
+    return (frequency - 2407) // 5 if frequency < 5000 else (frequency - 5000) // 5
 
 
 def printable(name: bytes) -> bytes:

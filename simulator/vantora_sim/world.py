@@ -28,6 +28,7 @@ from .buses import system_bus, user_bus
 from .client import INTERFACE, PATH, SERVICE, Client, Watcher
 from .dbus_fake import plain
 from .hostapd import Hostapd
+from .hostapd_conf import read_hostapd_conf
 from .journal import DEADLINE, Journal, exited, log, notify
 from .loop import LoopThread
 from .radio import Radio
@@ -260,7 +261,13 @@ class World:
                    interface: str = INTERFACE) -> "concurrent.futures.Future[list[Any]]":
         """The same without waiting: `.done()`, `.result(timeout)`. Interface "org.freedesktop.DBus.Properties" works, too."""
         assert self._client
-        return self.loop.submit(self._client.call(SERVICE, PATH, interface, member, signature, args))
+        return self.call_service_async(SERVICE, PATH, interface, member, signature, args)
+
+    def call_service_async(self, service: str, path: str, interface: str, member: str, signature: str = "",
+                           args: list[Any] | None = None) -> "concurrent.futures.Future[list[Any]]":
+        """Call a method of any service on the user bus without waiting."""
+        assert self._client
+        return self.loop.submit(self._client.call(service, path, interface, member, signature, args))
 
     def settle(self) -> None:
         """Return when the daemon's main loop has handled everything that had reached it, and the journal shows it.
@@ -319,6 +326,10 @@ class World:
         """Remove an address from an interface, in the kernel."""
         self._ip("addr", "del", address, "dev", interface)
 
+    def try_ip(self, *arguments: str) -> bool:
+        """Run the real `ip` in the sandbox; false when it fails."""
+        return self.sandbox.run(["/usr/sbin/ip", *arguments]).status == 0
+
     def _ip(self, *arguments: str) -> None:
         completed = self.sandbox.run(["/usr/sbin/ip", *arguments])
         assert completed.status == 0, completed.stderr
@@ -357,13 +368,7 @@ class World:
         if self.hostapd.running:
             self.hostapd.terminate()
         self.radio.interface_type = "AP"
-        self.radio.ap_ssid = b""
-        try:
-            for line in self.hostapd_conf.read_bytes().splitlines():
-                if line.startswith(b"ssid="):
-                    self.radio.ap_ssid = line[5:]
-        except OSError:
-            pass  # no configuration was written: an access point without a name, for what it is worth
+        self.radio.ap_ssid = read_hostapd_conf(self.hostapd_conf).get(b"ssid", b"")
         self.hostapd.start()
 
     def _stop_access_point(self) -> None:

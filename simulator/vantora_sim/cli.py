@@ -1,0 +1,124 @@
+"""The command `vantora-sim`: one simulated device, for as long as somebody wants it."""
+
+from __future__ import annotations
+
+import argparse
+import os
+import signal
+import subprocess
+import sys
+from pathlib import Path
+from types import FrameType
+from typing import TextIO
+
+from . import places, tour, view
+from .device import SimulatedDevice
+from .sandbox import SandboxError
+from .world_file import WorldFileError, read_world
+
+_FAILED = 1
+_USAGE = 2
+_NOT_FOUND = 127
+_NOT_EXECUTABLE = 126
+
+_EPILOG = """\
+Without COMMAND it stays until Ctrl-C and ends with status 0. With COMMAND it runs that program, with the addresses of both
+buses in its environment (DBUS_SESSION_BUS_ADDRESS, DBUS_SYSTEM_BUS_ADDRESS), and ends with its status.
+"""
+
+
+def _parser() -> argparse.ArgumentParser:
+    parser = argparse.ArgumentParser(prog="vantora-sim", description="A whole simulated device around the unmodified network daemon.",
+                                     epilog=_EPILOG, formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("--world", default="home", metavar="FILE",
+                        help="world file, or the name of one that is shipped: " + ", ".join(sorted(
+                            path.stem for path in places.worlds().glob("*.json"))) + " (default: home)")
+    parser.add_argument("--state", type=Path, metavar="DIR", help="folder in which the settings persist (default: none)")
+    parser.add_argument("--build-dir", type=Path, default=places.default_build(), metavar="DIR",
+                        help="folder with the programs (default: %(default)s)")
+    parser.add_argument("--demo", action="store_true", help="a tour through everything, which is also a test; then end")
+    parser.add_argument("-v", "--verbose", action="store_true",
+                        help="show also the daemon's log and what it asks of its surroundings")
+    parser.add_argument("command", nargs="*", metavar="COMMAND", help="program to run in reach of the device, after --")
+    return parser
+
+
+def main(argv: list[str]) -> int:
+    """Run the command line; returns the exit status."""
+    options = _parser().parse_args(argv)
+    if options.demo and options.command:
+        return _complain("--demo takes no COMMAND", _USAGE)
+    absent = places.missing(options.build_dir)
+    if absent:
+        return _complain(f"{options.build_dir} holds no {', '.join(absent)}: build first, or give --build-dir")
+    for number in (signal.SIGTERM, signal.SIGHUP):
+        signal.signal(number, _interrupt)
+    try:
+        plan = read_world(options.world)
+        if options.demo:
+            return tour.run(plan, options.build_dir, sys.stdout, verbose=options.verbose)
+        if options.state is not None:
+            options.state.mkdir(parents=True, exist_ok=True)
+        with SimulatedDevice(plan, options.build_dir, state=options.state) as device:
+            try:
+                if options.command:
+                    return _run_command(device, options.command)
+                return _stay(device, sys.stdout, options.verbose)
+            finally:
+                for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
+                    signal.signal(number, signal.SIG_IGN)  # the end is under way
+    except KeyboardInterrupt:
+        return 0
+    except (SandboxError, WorldFileError, OSError) as error:
+        return _complain(str(error))
+
+
+def _interrupt(number: int, frame: FrameType | None) -> None:
+    raise KeyboardInterrupt
+
+
+def _complain(text: str, status: int = _FAILED) -> int:
+    print(f"vantora-sim: {text}", file=sys.stderr)
+    return status
+
+
+def _introduce(device: SimulatedDevice, out: TextIO) -> None:
+    print(f"\nThe device is up: world \"{device.plan.name}\", {len(device.plan.networks)} networks around.\n\n"
+          f"{view.addresses(device)}\n\n{view.table(device)}\n\n"
+          f"Talk to it from another terminal:\n\n{view.instructions(device)}\n", file=out, flush=True)
+
+
+def _stay(device: SimulatedDevice, out: TextIO, verbose: bool) -> int:
+    """Show what happens until Ctrl-C."""
+    print("The device starts.\n", file=out, flush=True)
+    live = view.LiveView(device, out, verbose=verbose)
+    while not device.is_up:
+        live.advance(0.1)
+    device.world.settle()
+    live.advance(0)
+    _introduce(device, out)
+    print("What happens from now on (Ctrl-C ends the device):\n", file=out, flush=True)
+    try:
+        while True:
+            live.advance(1.0)
+    except KeyboardInterrupt:
+        print("\nThe device is switched off.", file=out, flush=True)
+        return 0
+
+
+def _run_command(device: SimulatedDevice, command: list[str]) -> int:
+    """Run a program in reach of the device; Ctrl-C is its business then."""
+    device.wait_up()
+    _introduce(device, sys.stderr)
+    environment = {**os.environ, **device.environment}
+    try:
+        process = subprocess.Popen(command, env=environment)
+    except FileNotFoundError:
+        return _complain(f"{command[0]}: not found", _NOT_FOUND)
+    except OSError as error:
+        return _complain(f"{command[0]}: {error.strerror}", _NOT_EXECUTABLE)
+    signal.signal(signal.SIGINT, lambda *ignored: None)
+    for number in (signal.SIGTERM, signal.SIGHUP):
+        signal.signal(number, lambda received, frame: process.send_signal(received))
+    status = process.wait()
+    return status if status >= 0 else 128 - status

@@ -1,0 +1,173 @@
+"""The simulated device: a world whose neighbours live, with the unmodified daemon and the real settings daemon in it.
+
+    with SimulatedDevice(plan, build) as device:
+        device.wait_up()
+        device.world.set("Mode", "Client")
+"""
+
+from __future__ import annotations
+
+import asyncio
+import threading
+import time
+from pathlib import Path
+from types import TracebackType
+from typing import Any
+
+from dbus_next import Variant
+
+from . import settings, units
+from .access_point import AccessPoint
+from .activity import Activity
+from .air import Air
+from .dbus_fake import PROPERTIES
+from .dhcp import DhcpClient
+from .journal import DEADLINE, log
+from .plan import BAND_OF_RADIO_TYPE, Plan
+from .sandbox import Process
+from .settings import as_variant
+from .station import StationSide
+from .world import DEVICE, World
+
+_DRIFT = 3.0
+_RESTART = 2.0
+"""Seconds after which the service manager starts a daemon again that has ended."""
+
+
+class SimulatedDevice:
+    """Everything around the daemon, and the daemon. Entering brings it up as far as the daemon's start."""
+
+    def __init__(self, plan: Plan, build: Path, *, state: Path | None = None) -> None:
+        """`state` is a folder in which the settings persist; without it every device is new."""
+        self.plan = plan
+        self._state = state.resolve() if state is not None else None
+        self.world = World(build, device=plan.device, exposed=[self._state] if self._state else [])
+        self.world.follow_units = False
+        radio_type = int({**DEVICE, **plan.device}["radio_type"])
+        self.air = Air(plan.networks, BAND_OF_RADIO_TYPE.get(radio_type, ("2.4",)))
+        self.access_point = AccessPoint(self.world, plan.visitors)
+        self.station = StationSide(self.world, self.air)
+        self.dhcp = DhcpClient(self.world, self.station)
+        self.settings_daemon: Process | None = None
+        self._weather = Activity()
+        self._ending = threading.Event()
+        self.access_point.on_take_over.append(self.station.block)
+        self.world.systemd.on_job.append(self._job)
+        self.world.radio.on_block.append(self._radio_blocked)
+
+    def __enter__(self) -> "SimulatedDevice":
+        self.world.__enter__()
+        try:
+            self.world.try_ip("link", "set", "cable0", "down")
+            self.world.settings.go()
+            self.start_settings_daemon()
+            self._store_initial_settings()
+            self.world.loop.call(lambda: self._weather.begin(self._drift()))
+            self.world.start_daemon()
+            threading.Thread(target=self._supervise, name="service manager", daemon=True).start()
+        except BaseException:
+            self.close()
+            raise
+        return self
+
+    def __exit__(self, kind: type[BaseException] | None, error: BaseException | None, trace: TracebackType | None) -> None:
+        self.close()
+
+    def close(self) -> None:
+        """End everything and leave nothing behind but the state folder."""
+        self._ending.set()
+        if hasattr(self.world, "sandbox"):
+            for process in (self.world.daemon, self.settings_daemon):
+                if process is not None and process.running:
+                    process.send_signal(15)
+            for process in (self.world.daemon, self.settings_daemon):
+                if process is not None and process.running:
+                    try:
+                        process.wait(5)
+                    except AssertionError:
+                        pass  # it is told to end with the sandbox in a moment
+        self.world.loop.call(self._end)
+        self.world.close()
+
+    def _end(self) -> None:
+        self._weather.cancel()
+        for part in (self.access_point, self.station, self.dhcp):
+            part.end()
+
+    # The daemons
+
+    def start_settings_daemon(self) -> None:
+        """Start the settings daemon and wait until it serves."""
+        folder = self._state or Path("/run/sim/state")
+        self.settings_daemon = self.world.sandbox.start(
+            [self.world.build / "vantora-settingsd", "--state", folder / "settings.json"])
+        deadline = time.monotonic() + DEADLINE
+        while not self.world.name_owned(settings.SERVICE):
+            if not self.settings_daemon.running or time.monotonic() > deadline:
+                raise RuntimeError(f"the settings daemon does not come up: {self.settings_daemon.stderr.strip()}")
+            time.sleep(0.01)
+
+    def _store_initial_settings(self) -> None:
+        if self._state is not None and (self._state / "settings.json").exists():
+            return
+        for section, values in self.plan.settings.items():
+            for key, value in values.items():
+                self.change_setting(section, key, value)
+
+    def change_setting(self, section: str, key: str, value: Any) -> None:
+        """Change a setting as another program of the device does; a refusal raises CallRefused."""
+        number = isinstance(value, int) and not isinstance(value, bool)
+        variant = Variant("i", value) if number else as_variant(value)
+        self.world.call_service_async(settings.SERVICE, f"{settings.BASE_PATH}/{section}", PROPERTIES, "Set", "ssv",
+                                      [settings.SERVICE, key, variant]).result(60)
+
+    def _supervise(self) -> None:
+        """The service manager's part: a daemon that has ended is started again."""
+        while not self._ending.is_set():
+            daemon = self.world.daemon
+            if daemon is not None and not daemon.running and not self._ending.wait(_RESTART):
+                self.world.start_daemon()
+            self._ending.wait(0.1)
+
+    def wait_up(self) -> None:
+        """Wait until the daemon has brought the device up as its settings say; an access point is then on the air."""
+        self.world.wait_up()
+        self.world.journal.wait_until(lambda: not self.coming_up, "the access point to be on the air")
+        self.world.settle()
+
+    @property
+    def is_up(self) -> bool:
+        """The same as a question; a daemon that ends before raises RuntimeError."""
+        daemon = self.world.daemon
+        if daemon is not None and not daemon.running:
+            raise RuntimeError(f"the daemon has ended with status {daemon.status}: {daemon.stderr.strip()}")
+        return self.world.journal.count(log("info", "[NETLINK] Starting kernel netlink task...")) > 0 and not self.coming_up
+
+    @property
+    def environment(self) -> dict[str, str]:
+        """What a program outside needs in its environment to reach the device."""
+        return {"DBUS_SESSION_BUS_ADDRESS": self.world.user_bus.address, "DBUS_SYSTEM_BUS_ADDRESS": self.world.system_bus.address}
+
+    @property
+    def coming_up(self) -> bool:
+        """Whether hostapd is on its way to the air."""
+        return self.world.systemd.active[units.HOSTAPD] and not self.access_point.on_air
+
+    # What happens by itself
+
+    async def _drift(self) -> None:
+        while True:
+            await asyncio.sleep(_DRIFT)
+            self.air.drift()
+
+    async def _job(self, verb: str, unit: str) -> None:
+        if unit == units.HOSTAPD:
+            self.access_point.job(verb)
+        elif unit == units.STATION:
+            await self.station.job(verb)
+        elif unit == units.DHCP_CLIENT:
+            self.dhcp.job(verb)
+
+    def _radio_blocked(self, blocked: bool) -> None:
+        for side in (self.access_point, self.station):
+            side.block() if blocked else side.unblock()

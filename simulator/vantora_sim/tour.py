@@ -1,0 +1,157 @@
+"""The tour: everything the device can do in under half a minute, shown as it happens and checked step by step."""
+
+from __future__ import annotations
+
+import dataclasses
+import time
+from collections.abc import Callable
+from pathlib import Path
+from typing import Any, TextIO
+
+from dbus_next import Variant
+
+from .dbus_fake import CallRefused
+from .device import SimulatedDevice
+from .journal import DEADLINE, Entry, Pattern, changed, signal
+from .plan import Network, Plan
+from .view import LiveView, show
+
+_WRONG_KEY = "not the right one"
+
+
+class TourError(Exception):
+    """A step did not do what it should; the text says what was missing."""
+
+
+class Guide:
+    """Says what is done, shows what the daemon says to it, and insists that it is what should be said."""
+
+    def __init__(self, device: SimulatedDevice, out: TextIO, *, verbose: bool) -> None:
+        self.device = device
+        self.world = device.world
+        self._out = out
+        self._view = LiveView(device, out, verbose=verbose)
+        self._seen: list[Entry] = []
+        self._steps = 0
+
+    def step(self, title: str) -> None:
+        """Begin a step: what was announced before does not count for it."""
+        self._view.advance(0)
+        self._seen.clear()
+        self._steps += 1
+        self._say(f"\n{self._steps}. {title}")
+
+    def expect(self, *patterns: Pattern) -> None:
+        """Wait until these have been announced in this order, and show everything that is."""
+        deadline = time.monotonic() + DEADLINE
+        position = 0
+        for pattern in patterns:
+            while True:
+                found = next((index for index in range(position, len(self._seen)) if pattern.matches(self._seen[index])), None)
+                if found is not None:
+                    position = found + 1
+                    break
+                if time.monotonic() > deadline:
+                    raise TourError(f"waited {DEADLINE:g} s in vain for {pattern}")
+                self._seen += self._view.advance(0.2)
+
+    def check(self, name: str, expected: Any) -> Any:
+        """Read a property; it must have this value, or satisfy this function."""
+        value = self.world.get(name)
+        if not (expected(value) if callable(expected) else value == expected):
+            raise TourError(f"{name} is {show(value)}" + ("" if callable(expected) else f" instead of {show(expected)}"))
+        self._seen += self._view.advance(0)
+        self._say(f"      ok     {name} is {show(value)}")
+        return value
+
+    def until(self, what: str, condition: Callable[[], bool]) -> None:
+        """Wait for something that is not announced."""
+        deadline = time.monotonic() + DEADLINE
+        while not condition():
+            if time.monotonic() > deadline:
+                raise TourError(f"waited {DEADLINE:g} s in vain for {what}")
+            self._seen += self._view.advance(0.1)
+
+    def _say(self, text: str) -> None:
+        print(text, file=self._out, flush=True)
+
+
+def _steps(guide: Guide, home: Network) -> None:
+    world, device = guide.world, guide.device
+
+    guide.step("Boot: the stored settings say access point")
+    guide.expect(changed("WiFiState", 1), changed("Mode", "Host"), changed("WiFiAccessPointInitialised", True))
+    guide.check("IPAddress", "192.168.8.1")
+
+    guide.step("Two stations join")
+    for number, visitor in enumerate(device.plan.visitors[:2], start=1):
+        _insist(world.loop.call(device.access_point.join, visitor.mac), f"{visitor.name} cannot join")
+        guide.expect(changed("WiFiConnectedClients", number))
+    guide.check("WiFiConnectedClients", 2)
+
+    guide.step("Band: 5 GHz")
+    world.set("WiFiFrequency", "5")
+    guide.expect(changed("WiFiFrequency", "5"), changed("WiFiAccessPointInitialised", True))
+
+    guide.step("Another SSID, as another program of the device stores it")
+    device.change_setting("device", "deviceName", "Living Room")
+    guide.expect(changed("SSID", "Living Room"), changed("WiFiAccessPointInitialised", True))
+    guide.check("SSID", "Living Room")
+
+    guide.step("Switch to station")
+    world.set("Mode", "Client")
+    guide.expect(changed("Mode", "Client"))
+    guide.until("wpa_supplicant to come up", lambda: world.wpa.present)
+
+    guide.step("Scan")
+    world.call("Scan")
+    guide.expect(signal("AccessPointsChanged"))
+    guide.check("AccessPoints", lambda found: home.label in [name for name, *_ in found])
+
+    guide.step(f"Connect to \"{home.label}\" with a wrong passphrase")
+    world.call("Connect", "ss", [home.label, _WRONG_KEY])
+    guide.expect(changed("WiFiClientState", "failed"))
+
+    guide.step("Connect with the right one")
+    world.call("Connect", "ss", [home.label, home.passphrase])
+    guide.expect(changed("WiFiClientState", "completed"))
+    guide.expect(changed("IPAddress", (home.address or "").partition("/")[0]))
+    guide.expect(changed("SSID"))
+    guide.check("ClientSSID", home.label)
+
+    guide.step("Disconnect")
+    world.call("Disconnect")
+    guide.expect(changed("WiFiClientState", "disconnected"))
+    guide.check("ClientSSID", "")
+    guide.check("IPAddress", "")
+
+    guide.step("Radio off")
+    world.set("WiFiState", Variant("u", 0))
+    guide.expect(changed("WiFiState", 0))
+    guide.check("Mode", "unknown")
+    _insist(world.radio.soft_blocked, "the radio is not blocked")
+
+
+def _insist(condition: bool, complaint: str) -> None:
+    if not condition:
+        raise TourError(complaint)
+
+
+def run(plan: Plan, build: Path, out: TextIO, *, verbose: bool = False) -> int:
+    """The whole tour in this world; returns the exit status."""
+    home = next((network for network in plan.networks if network.takes_passphrase and network.passphrase and network.address
+                 and not network.hidden and len(network.passphrase) >= 8), None)
+    if home is None or len(plan.visitors) < 2:
+        print("the tour needs a world with a network that has a passphrase and with two stations", file=out)
+        return 1
+    begun = time.monotonic()
+    quiet = dataclasses.replace(plan, visitors=[dataclasses.replace(visitor, joins_after=None) for visitor in plan.visitors])
+    with SimulatedDevice(quiet, build) as device:
+        guide = Guide(device, out, verbose=verbose)
+        try:
+            _steps(guide, home)
+        except (TourError, CallRefused) as failure:
+            print(f"\nFAILED: {failure}\n\n{device.world.journal.dump()}", file=out, flush=True)
+            return 1
+    print(f"\nAll steps done and checked in {time.monotonic() - begun:.1f} s.", file=out, flush=True)
+    return 0
