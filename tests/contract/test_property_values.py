@@ -61,7 +61,7 @@ def host_world(world: World) -> None:
     world.wpa.come_back()
     world.wpa.add_bss(b"net")
     world.wpa.report_state("scanning")
-    world.journal.wait_for(changed("WiFiClientState"), mark)
+    world.journal.wait_for(log("info", "[WPA Supplicant] State change: '' -> 'scanning'"), mark)
     world.radio.station_running, world.radio.station_ssid = True, b"net"
     world.settle()
 
@@ -107,7 +107,7 @@ def test_values_in_client_mode(world: World) -> None:
     world.wpa.add_bss(b"net", signal=-40)
     mark = world.journal.mark()
     world.wpa.report_state("associating")
-    world.journal.wait_for(changed("WiFiClientState", "associating"), mark)
+    world.journal.wait_for(log("info", "[WPA Supplicant] State change: '' -> 'associating'"), mark)
     world.radio.station_ssid = b"net"
     world.settle()
     found = [["net", 1, -40, True], ["cafe", 0, -70, False]]

@@ -1,0 +1,73 @@
+"""What the commands that the daemon runs inherit from it: the standard descriptors, and no signal blocked or ignored."""
+
+from __future__ import annotations
+
+import os
+import re
+import time
+from pathlib import Path
+
+import pytest
+from vantora_sim import DEADLINE, Variant, World, command
+
+C_LIBRARYS_OWN = (1 << (32 - 1)) | (1 << (33 - 1))
+"""Signals with which the C library manages threads: it sees to them itself in every program."""
+
+
+def descendants(pid: int) -> list[int]:
+    """All processes below a process, its threads' children included."""
+    found: list[int] = []
+    for children in Path(f"/proc/{pid}/task").glob("*/children"):
+        for child in map(int, children.read_text().split()):
+            found += [child, *descendants(child)]
+    return found
+
+
+def wait_for_descendants(pid: int, names: set[str]) -> dict[int, str]:
+    """Wait until the processes below a process are the ones of these names; returns them by process id."""
+    deadline = time.monotonic() + DEADLINE
+    while True:
+        try:
+            found = {child: Path(f"/proc/{child}/comm").read_text().strip() for child in descendants(pid)}
+        except OSError:  # one has just ended
+            found = {}
+        if sorted(found.values()) == sorted(names):
+            return found
+        assert time.monotonic() < deadline, found
+        time.sleep(0.005)
+
+
+def signal_mask(pid: int, name: str) -> int:
+    """One of the signal masks in /proc/PID/status, for instance "SigBlk"."""
+    status = Path(f"/proc/{pid}/status").read_text()
+    return int(re.search(rf"^{name}:\s*([0-9a-f]+)$", status, re.MULTILINE)[1], 16)  # type: ignore[index]
+
+
+def descriptors(pid: int) -> dict[int, str]:
+    folder = Path(f"/proc/{pid}/fd")
+    return {int(name): os.readlink(folder / name) for name in os.listdir(folder)}
+
+
+@pytest.mark.parametrize(("tool", "line", "processes"), [
+    ("rfkill", "rfkill list wlan", {"sh", "rfkill", "tail"}),  # its output is read through a pipe
+    ("rfkill", "rfkill block wlan", {"sh", "rfkill"}),         # it is only waited for
+])
+def test_commands_start_with_default_signals_and_standard_descriptors_only(world: World, tool: str, line: str,
+                                                                           processes: set[str]) -> None:
+    daemon = world.up()
+    world.hostapd.wait_attached()  # its socket is one that the library does not close in children
+    assert signal_mask(daemon.pid, "SigBlk") != 0, "the daemon itself takes its signals from a descriptor"
+    world.tools[tool].hang(on=line.split(maxsplit=1)[1])
+    mark = world.journal.mark()
+    writing = world.call_async("Set", "ssv", ["com.vantora.Network1.WiFi", "WiFiState", Variant("u", 0)],
+                               interface="org.freedesktop.DBus.Properties")
+    world.journal.wait_for(command(line), mark)
+    children = wait_for_descendants(daemon.pid, processes)
+    for pid, name in children.items():
+        assert signal_mask(pid, "SigBlk") == 0
+        assert signal_mask(pid, "SigIgn") & ~C_LIBRARYS_OWN == 0
+        opened = descriptors(pid)
+        own = {3: opened.get(3)} if name == tool else {}  # the stand-in's connection to the world
+        assert set(opened) == {0, 1, 2, *own}, opened
+    world.clear_faults()
+    writing.result(20)
