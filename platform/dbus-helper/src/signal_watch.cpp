@@ -38,8 +38,8 @@ bool SignalRule::valid() const
            sd_bus_member_name_is_valid(member.c_str()) > 0;
 }
 
-SignalWatch::SignalWatch(const SignalRule& rule, std::function<void()> on_failure)
-    : rule_(rule), on_failure_(std::move(on_failure))
+SignalWatch::SignalWatch(SignalRule rule, std::function<void()> on_failure)
+    : rule_(std::move(rule)), on_failure_(std::move(on_failure))
 {
 }
 

@@ -40,7 +40,7 @@ class SignalWatch
 {
 public:
     /** `on_failure` is called by the loop when the bus daemon will not tell who owns the sender's name. */
-    SignalWatch(const SignalRule& rule, std::function<void()> on_failure);
+    SignalWatch(SignalRule rule, std::function<void()> on_failure);
     SignalWatch(const SignalWatch&) = delete;
     SignalWatch& operator=(const SignalWatch&) = delete;
     ~SignalWatch() = default;

@@ -46,8 +46,8 @@ int decode_basic(sd_bus_message* message, char type, std::any& value)
 template <typename T, typename Wire>
 int decode_array(sd_bus_message* message, char type, std::any& value)
 {
-    const char contents[] = {type, '\0'};
-    int r = sd_bus_message_enter_container(message, SD_BUS_TYPE_ARRAY, contents);
+    const std::string contents(1, type);
+    int r = sd_bus_message_enter_container(message, SD_BUS_TYPE_ARRAY, contents.c_str());
     if (r <= 0) {
         return r < 0 ? r : -EBADMSG;
     }

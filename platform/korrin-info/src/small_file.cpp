@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <cstddef>
 
@@ -13,7 +14,7 @@ namespace KorrinInfo::detail {
 
 namespace {
 
-constexpr std::size_t max_size = 64 * 1024;
+constexpr std::size_t max_size = std::size_t{64} * 1024;
 
 } // namespace
 
@@ -26,9 +27,9 @@ std::optional<std::string> read_small_file(const std::string& path)
     }
     // The size that the kernel reports for its own files says nothing, so read until the end.
     std::string contents;
-    char buffer[4096];
+    std::array<char, 4096> buffer = {};
     for (;;) {
-        const ssize_t count = ::read(file.get(), buffer, sizeof buffer);
+        const ssize_t count = ::read(file.get(), buffer.data(), buffer.size());
         if (count == 0) {
             return contents;
         }
@@ -38,7 +39,7 @@ std::optional<std::string> read_small_file(const std::string& path)
             }
             return std::nullopt;
         }
-        contents.append(buffer, static_cast<std::size_t>(count));
+        contents.append(buffer.data(), static_cast<std::size_t>(count));
         if (contents.size() > max_size) {
             return std::nullopt;
         }

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
@@ -105,9 +106,9 @@ int read_file(const std::string& path, std::size_t limit, std::string& contents)
         return S_ISDIR(status.st_mode) ? -EISDIR : -EINVAL;
     }
     std::string read_so_far;
-    char buffer[16 * 1024];
+    std::array<char, std::size_t{16}* 1024> buffer = {};
     for (;;) {
-        const ssize_t count = ::read(file.get(), buffer, sizeof buffer);
+        const ssize_t count = ::read(file.get(), buffer.data(), buffer.size());
         if (count == 0) {
             contents = std::move(read_so_far);
             return 0;
@@ -121,7 +122,7 @@ int read_file(const std::string& path, std::size_t limit, std::string& contents)
         if (static_cast<std::size_t>(count) > limit - read_so_far.size()) {
             return -EFBIG;
         }
-        read_so_far.append(buffer, static_cast<std::size_t>(count));
+        read_so_far.append(buffer.data(), static_cast<std::size_t>(count));
     }
 }
 

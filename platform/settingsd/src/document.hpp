@@ -29,7 +29,7 @@ Document parse_document(std::string_view text, Schema schema);
 std::string to_text(const nlohmann::json& root);
 
 /** The JSON value as a value of the same type as `example`; nothing when it is of another one. */
-std::optional<Value> to_value(const nlohmann::json& json, const Value& example);
+std::optional<Value> to_value(const nlohmann::json& value, const Value& example);
 
 nlohmann::json to_json(const Value& value);
 

@@ -97,7 +97,7 @@ int serve(const std::string& state_file)
 
 } // namespace
 
-int main(int argc, char* argv[])
+int main(int argc, char** argv)
 {
     // Started by hand, the log shows on the terminal too.
     openlog("vantora-settingsd", ::isatty(STDERR_FILENO) != 0 ? LOG_PERROR : 0, LOG_DAEMON);

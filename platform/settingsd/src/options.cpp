@@ -2,20 +2,21 @@
 
 #include <getopt.h>
 
+#include <array>
 #include <cstdio>
 
 namespace settingsd {
 
-Options parse_options(int argc, char* argv[])
+Options parse_options(int argc, char** argv)
 {
-    static const option long_options[] = {
+    static const auto long_options = std::to_array<option>({
         {"state", required_argument, nullptr, 's'},
         {"help", no_argument, nullptr, 'h'},
         {"version", no_argument, nullptr, 'V'},
         {nullptr, 0, nullptr, 0},
-    };
+    });
     Options options;
-    for (int c = 0; (c = ::getopt_long(argc, argv, "h", long_options, nullptr)) != -1;) {
+    for (int c = 0; (c = ::getopt_long(argc, argv, "h", long_options.data(), nullptr)) != -1;) {
         switch (c) {
         case 's':
             options.state_file = optarg;

@@ -14,7 +14,7 @@ struct Options
 };
 
 /** Reads the command line; says what is wrong with an invalid one on standard error. */
-Options parse_options(int argc, char* argv[]);
+Options parse_options(int argc, char** argv);
 
 /** Prints what --help prints. */
 void print_help();

@@ -2,7 +2,9 @@
 
 #include <syslog.h>
 
+#include <array>
 #include <cerrno>
+#include <string_view>
 #include <system_error>
 
 #include "wire.hpp"
@@ -45,7 +47,7 @@ int SettingsService::publish()
 
 int SettingsService::publish_base()
 {
-    static const sd_bus_vtable vtable[] = {
+    static const auto vtable = std::to_array<sd_bus_vtable>({
         SD_BUS_VTABLE_START(0),
         SD_BUS_METHOD_WITH_ARGS("ResetToDefaults", SD_BUS_ARGS("b", all), SD_BUS_NO_RESULT,
                                 on_reset_to_defaults, 0),
@@ -54,9 +56,9 @@ int SettingsService::publish_base()
         SD_BUS_METHOD_WITH_ARGS("ResetSetting", SD_BUS_ARGS("s", section, "s", setting), SD_BUS_NO_RESULT,
                                 on_reset_setting, 0),
         SD_BUS_VTABLE_END,
-    };
+    });
     sd_bus_slot* slot = nullptr;
-    int r = sd_bus_add_object_vtable(bus_, &slot, base_path, service_name, vtable, this);
+    int r = sd_bus_add_object_vtable(bus_, &slot, base_path, service_name, vtable.data(), this);
     base_.reset(slot);
     if (r < 0) {
         return r;

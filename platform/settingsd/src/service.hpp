@@ -60,7 +60,7 @@ private:
     static int on_get(sd_bus* bus, const char* path, const char* interface, const char* property,
                       sd_bus_message* reply, void* userdata, sd_bus_error* error);
     static int on_set(sd_bus* bus, const char* path, const char* interface, const char* property,
-                      sd_bus_message* value, void* userdata, sd_bus_error* error);
+                      sd_bus_message* message, void* userdata, sd_bus_error* error);
     static int on_reset_to_defaults(sd_bus_message* call, void* userdata, sd_bus_error* error);
     static int on_reset_section(sd_bus_message* call, void* userdata, sd_bus_error* error);
     static int on_reset_setting(sd_bus_message* call, void* userdata, sd_bus_error* error);
