@@ -11,26 +11,26 @@ from vantora_sim import Variant, World, call, log
 from unit_control import DHCP_CLIENT, DHCP_SERVER, associate, empty_path_log, job_call, job_failed_log, load_failed_log
 from unit_control import loaded_log, manager_call, queued_log
 
-Fault = Callable[[World, str], None]
+Fault = Callable[[World, str, str], None]
 
 ACCESS_DENIED = "org.freedesktop.DBus.Error.AccessDenied"
 
 REFUSALS: list[tuple[Fault, str]] = [
-    (lambda world, member: world.systemd.refuse(member, name=ACCESS_DENIED, text="not yours"), "not yours (r = -13)"),
-    (lambda world, member: world.systemd.refuse(member, name=ACCESS_DENIED, text=None), " (r = -13)"),
-    (lambda world, member: world.systemd.refuse(member, name="org.example.Error.Odd", text="100 %s"), "100 %s (r = -5)"),
-    (lambda world, member: world.systemd.refuse(member, name="org.freedesktop.systemd1.NoSuchUnit", text="gone"),
-     "gone (r = -2)"),
-    (lambda world, member: world.systemd.vanish(member),
+    (lambda world, member, unit: world.systemd.refuse(member, on=unit, name=ACCESS_DENIED, text="not yours"), "not yours (r = -13)"),
+    (lambda world, member, unit: world.systemd.refuse(member, on=unit, name=ACCESS_DENIED, text=None), " (r = -13)"),
+    (lambda world, member, unit: world.systemd.refuse(member, on=unit, name="org.example.Error.Odd", text="100 %s"), "100 %s (r = -5)"),
+    (lambda world, member, unit: world.systemd.refuse(member, on=unit, name="org.freedesktop.systemd1.NoSuchUnit",
+                                                        text="gone"), "gone (r = -2)"),
+    (lambda world, member, unit: world.systemd.vanish(member, on=unit),
      "Message recipient disconnected from message bus without replying (r = -110)"),
 ]
 """Ways to fail a call, and the end of the line that tells of it."""
 
 UNREADABLE: list[Fault] = [
-    lambda world, member: world.systemd.reply(member, "", []),
-    lambda world, member: world.systemd.reply(member, "s", ["/not/an/object/path"]),
-    lambda world, member: world.systemd.reply(member, "u", [1]),
-    lambda world, member: world.systemd.reply(member, "v", [Variant("o", "/a")]),
+    lambda world, member, unit: world.systemd.reply(member, on=unit, signature="", body=[]),
+    lambda world, member, unit: world.systemd.reply(member, on=unit, signature="s", body=["/not/an/object/path"]),
+    lambda world, member, unit: world.systemd.reply(member, on=unit, signature="u", body=[1]),
+    lambda world, member, unit: world.systemd.reply(member, on=unit, signature="v", body=[Variant("o", "/a")]),
 ]
 """Replies that hold no object path."""
 
@@ -70,7 +70,7 @@ def test_nothing_but_these_calls_is_made_of_systemd(station_world: World) -> Non
 def test_failed_look_up_is_logged_and_the_job_is_tried_with_an_empty_path(station_world: World) -> None:
     world = station_world
     for fail, reason in REFUSALS:
-        fail(world, "LoadUnit")
+        fail(world, "LoadUnit", DHCP_CLIENT)
         mark = associate(world)
         world.journal.expect_logs_in_order([
             ("info", "Re-Starting UDHCP client service"),
@@ -96,7 +96,7 @@ def test_look_up_fails_while_systemd_is_absent(station_world: World) -> None:
 def test_unreadable_look_up_is_logged_and_the_job_is_tried_with_an_empty_path(station_world: World) -> None:
     world = station_world
     for fail in UNREADABLE:
-        fail(world, "LoadUnit")
+        fail(world, "LoadUnit", DHCP_CLIENT)
         mark = associate(world)
         world.journal.expect_logs_in_order([
             ("info", "Re-Starting UDHCP client service"),
@@ -109,7 +109,7 @@ def test_unreadable_look_up_is_logged_and_the_job_is_tried_with_an_empty_path(st
 def test_refused_restart_is_logged_and_taken_for_success(station_world: World) -> None:
     world = station_world
     for fail, reason in REFUSALS:
-        fail(world, "Restart")
+        fail(world, "Restart", DHCP_CLIENT)
         mark = associate(world)
         world.journal.expect_logs_in_order([
             ("info", "Re-Starting UDHCP client service"),
@@ -123,7 +123,7 @@ def test_refused_restart_is_logged_and_taken_for_success(station_world: World) -
 def test_unreadable_reply_to_a_restart_is_logged(station_world: World) -> None:
     world = station_world
     for fail in UNREADABLE:
-        fail(world, "Restart")
+        fail(world, "Restart", DHCP_CLIENT)
         mark = associate(world)
         world.journal.expect_logs_in_order([
             loaded_log(DHCP_CLIENT),
@@ -143,26 +143,27 @@ def test_restart_of_an_unknown_unit_is_refused_after_a_look_up_that_succeeds(sta
 
 
 def test_refused_and_unreadable_stops_are_logged_and_the_mode_is_switched_all_the_same(world: World) -> None:
+    world.tools.ip.output("")  # no kernel address comes or goes, so nothing else is logged meanwhile
     world.up()
     outcomes = [(fail, job_failed_log("Stop", DHCP_SERVER, reason)) for fail, reason in REFUSALS[:-1]]
     outcomes += [(fail, ("err", "utils_stop_service: Failed to read response")) for fail in UNREADABLE]
     for fail, line in outcomes:
         world.set("Mode", "Host")
         mark = world.journal.mark()
-        fail(world, "Stop")
+        fail(world, "Stop", DHCP_SERVER)
         world.set("Mode", "Client")
         world.journal.expect_logs_in_order([
             ("info", "Stoping UDHCP daemon service"),
             loaded_log(DHCP_SERVER),
             line,
-            ("info", "Stoping Hostapd daemon service"),
+            ("info", "Stopping Hostapd daemon service"),
         ], mark)
         mend(world)
-        world.radio.interface_type = "managed"  # its stop was refused, too
         assert world.get("Mode") == "Client"
 
 
 def test_refused_and_unreadable_starts_are_logged_and_the_mode_is_switched_all_the_same(world: World) -> None:
+    world.tools.ip.output("")  # no kernel address comes or goes, so nothing else is logged meanwhile
     world.settings.set("network", "mode", "Client")
     world.up()
     outcomes = [(fail, job_failed_log("Start", DHCP_SERVER, reason)) for fail, reason in REFUSALS[:-1]]
@@ -170,7 +171,7 @@ def test_refused_and_unreadable_starts_are_logged_and_the_mode_is_switched_all_t
     for fail, line in outcomes:
         world.set("Mode", "Client")
         mark = world.journal.mark()
-        fail(world, "Start")
+        fail(world, "Start", DHCP_SERVER)
         world.set("Mode", "Host")
         world.journal.expect_logs_in_order([
             ("info", "Starting UDHCP daemon service"),
@@ -179,7 +180,6 @@ def test_refused_and_unreadable_starts_are_logged_and_the_mode_is_switched_all_t
             ("info", "--------------------------------------------"),
         ], mark)
         mend(world)
-        world.radio.interface_type = "AP"  # the start of hostapd was refused, too
         assert world.get("Mode") == "Host"
 
 
@@ -201,12 +201,13 @@ def test_look_up_and_job_wait_as_long_as_the_bus_library_does_by_default(world: 
 
 
 def test_without_a_system_bus_look_ups_and_jobs_say_nothing_and_are_taken_for_success(world: World) -> None:
+    world.tools.ip.output("")
     world.up()
     world.system_bus.stop()
     mark = world.journal.mark()
     world.set("Mode", "Client")
     world.journal.expect_logs_in_order([
         ("info", "Stoping UDHCP daemon service"),
-        ("info", "Stoping Hostapd daemon service"),
+        ("info", "Stopping Hostapd daemon service"),
     ], mark)
     assert world.journal.count(log(text=re.compile(r"Failed to (load|start|stop|re-start)|Failed to read response")), mark) == 0
