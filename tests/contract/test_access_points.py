@@ -125,7 +125,7 @@ def test_properties_of_any_type_beside_do_no_harm(world: World) -> None:
 HOSTILE = [
     (b"\xff" * 32, "\ufffd" * 32), (b"caf\xc3\xa9", "caf\u00e9"), (b"half\xc3", "half\ufffd"), (b"nul\0inside", "nul\ufffdinside"),
     (b"\0", "\ufffd"), (b"\"quotes\"'\\`", "\"quotes\"'\\`"), (b"new\nline\ttab\x1b", "new\nline\ttab\x1b"),
-    ("\uffff".encode(), "\uffff"), (b"\xed\xa0\x80", "\ufffd"), ("\U0001f4f6".encode(), "\U0001f4f6"), (b"%s%n", "%s%n")]
+    ("\uffff".encode(), "\ufffd" * 3), (b"\xed\xa0\x80", "\ufffd" * 3), ("\U0001f4f6".encode(), "\U0001f4f6"), (b"%s%n", "%s%n")]
 
 
 def test_names_of_any_bytes_leave_the_list_readable(world: World) -> None:
@@ -133,11 +133,7 @@ def test_names_of_any_bytes_leave_the_list_readable(world: World) -> None:
     for number, (name, _) in enumerate(HOSTILE):
         world.wpa.add_bss(name, signal=-10 - number)
     listed = world.get("AccessPoints")
-    assert [entry[2] for entry in listed] == [-10 - number for number in range(len(HOSTILE))]
-    for (raw, text), entry in zip(HOSTILE, listed):
-        assert entry[0].replace("\ufffd", "") == text.replace("\ufffd", ""), raw
-        assert ("\ufffd" in entry[0]) == ("\ufffd" in text), raw
-    assert listed[0][0] == "\ufffd" * 32
+    assert listed == [[text, 1, -10 - number, True] for number, (_, text) in enumerate(HOSTILE)]
     assert pushed(world) == listed
 
 
