@@ -104,7 +104,10 @@ def test_without_a_system_bus_only_the_own_line_of_a_dhcp_unit_is_logged(world: 
     world.system_bus.stop()
     world.start_daemon()
     world.wait_up()
-    world.journal.expect_logs_in_order([("info", "Stoping UDHCP client service"), ("info", "Stoping WPA Supplicant daemon service")])
+    world.journal.expect_logs_in_order([
+        ("info", "Stoping UDHCP client service"),
+        ("info", "Stoping WPA Supplicant daemon service"),
+    ])
     # The listener of hostapd, which could not be started either, writes between these on its own thread.
     world.journal.expect_in_order([log("info", "Starting UDHCP daemon service"), log(*SEPARATOR)])
     failures = re.compile(r"Failed to (load|start|stop|re-start) |Failed to read response|Unable to stop udhcpc")

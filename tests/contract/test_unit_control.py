@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import re
 from collections.abc import Callable
+from functools import partial
 
 import pytest
 from vantora_sim import Variant, World, call, log
@@ -11,35 +12,27 @@ from vantora_sim import Variant, World, call, log
 from unit_control import DHCP_CLIENT, DHCP_SERVER, associate, empty_path_log, job_call, job_failed_log, load_failed_log
 from unit_control import loaded_log, manager_call, queued_log
 
-Fault = Callable[[World, str, str], None]
-
 ACCESS_DENIED = "org.freedesktop.DBus.Error.AccessDenied"
+NO_SUCH_UNIT = "org.freedesktop.systemd1.NoSuchUnit"
 
-REFUSALS: list[tuple[Fault, str]] = [
-    (lambda world, member, unit: world.systemd.refuse(member, on=unit, name=ACCESS_DENIED, text="not yours"), "not yours (r = -13)"),
-    (lambda world, member, unit: world.systemd.refuse(member, on=unit, name=ACCESS_DENIED, text=None), " (r = -13)"),
-    (lambda world, member, unit: world.systemd.refuse(member, on=unit, name="org.example.Error.Odd", text="100 %s"), "100 %s (r = -5)"),
-    (lambda world, member, unit: world.systemd.refuse(member, on=unit, name="org.freedesktop.systemd1.NoSuchUnit",
-                                                        text="gone"), "gone (r = -2)"),
-    (lambda world, member, unit: world.systemd.vanish(member, on=unit),
-     "Message recipient disconnected from message bus without replying (r = -110)"),
+REFUSALS: list[tuple[str, str | None, str]] = [
+    (ACCESS_DENIED, "not yours", "not yours (r = -13)"),
+    (ACCESS_DENIED, None, " (r = -13)"),
+    (NO_SUCH_UNIT, "gone", "gone (r = -2)"),
+    ("org.example.Error.Odd", "100 %s", "100 %s (r = -5)"),
 ]
-"""Ways to fail a call, and the end of the line that tells of it."""
+"""Name and text of an error, and the end of the line that tells of it."""
 
-UNREADABLE: list[Fault] = [
-    lambda world, member, unit: world.systemd.reply(member, on=unit, signature="", body=[]),
-    lambda world, member, unit: world.systemd.reply(member, on=unit, signature="s", body=["/not/an/object/path"]),
-    lambda world, member, unit: world.systemd.reply(member, on=unit, signature="u", body=[1]),
-    lambda world, member, unit: world.systemd.reply(member, on=unit, signature="v", body=[Variant("o", "/a")]),
+UNREADABLE: list[tuple[str, list[object]]] = [
+    ("", []),
+    ("s", ["/not/an/object/path"]),
+    ("u", [1]),
+    ("v", [Variant("o", "/a")]),
 ]
-"""Replies that hold no object path."""
+"""Signatures and bodies of replies that hold no object path."""
 
-
-def mend(world: World) -> None:
-    """Undo a fault."""
-    world.systemd.clear()
-    if not world.systemd.present:
-        world.systemd.come_back()
+VANISHED = "Message recipient disconnected from message bus without replying (r = -110)"
+ABSENT = "The name org.freedesktop.systemd1 was not provided by any .service files (r = -113)"
 
 
 @pytest.fixture
@@ -69,8 +62,8 @@ def test_nothing_but_these_calls_is_made_of_systemd(station_world: World) -> Non
 
 def test_failed_look_up_is_logged_and_the_job_is_tried_with_an_empty_path(station_world: World) -> None:
     world = station_world
-    for fail, reason in REFUSALS:
-        fail(world, "LoadUnit", DHCP_CLIENT)
+    for name, text, reason in REFUSALS:
+        world.systemd.refuse("LoadUnit", name=name, text=text)
         mark = associate(world)
         world.journal.expect_logs_in_order([
             ("info", "Re-Starting UDHCP client service"),
@@ -79,37 +72,38 @@ def test_failed_look_up_is_logged_and_the_job_is_tried_with_an_empty_path(statio
         ], mark)
         assert world.journal.count(call("Restart"), mark) == 0
         assert world.journal.count(log(text=re.compile("Failed to restart UDHCPC")), mark) == 0
-        mend(world)
+        world.systemd.clear()
 
 
-def test_look_up_fails_while_systemd_is_absent(station_world: World) -> None:
+def test_look_up_fails_when_systemd_vanishes_and_while_it_is_absent(station_world: World) -> None:
     world = station_world
-    world.systemd.go()
-    mark = associate(world)
-    world.journal.expect_logs_in_order([
-        ("info", "Re-Starting UDHCP client service"),
-        load_failed_log(DHCP_CLIENT, "The name org.freedesktop.systemd1 was not provided by any .service files (r = -113)"),
-        empty_path_log("Restart"),
-    ], mark)
+    world.systemd.vanish("LoadUnit")
+    for reason in (VANISHED, ABSENT):
+        mark = associate(world)
+        world.journal.expect_logs_in_order([
+            ("info", "Re-Starting UDHCP client service"),
+            load_failed_log(DHCP_CLIENT, reason),
+            empty_path_log("Restart"),
+        ], mark)
 
 
 def test_unreadable_look_up_is_logged_and_the_job_is_tried_with_an_empty_path(station_world: World) -> None:
     world = station_world
-    for fail in UNREADABLE:
-        fail(world, "LoadUnit", DHCP_CLIENT)
+    for signature, body in UNREADABLE:
+        world.systemd.reply("LoadUnit", signature, body)
         mark = associate(world)
         world.journal.expect_logs_in_order([
             ("info", "Re-Starting UDHCP client service"),
             ("err", "utils_load_service_unit: Failed to read response"),
             empty_path_log("Restart"),
         ], mark)
-        mend(world)
+        world.systemd.clear()
 
 
 def test_refused_restart_is_logged_and_taken_for_success(station_world: World) -> None:
     world = station_world
-    for fail, reason in REFUSALS:
-        fail(world, "Restart", DHCP_CLIENT)
+    for name, text, reason in REFUSALS:
+        world.systemd.refuse("Restart", name=name, text=text)
         mark = associate(world)
         world.journal.expect_logs_in_order([
             ("info", "Re-Starting UDHCP client service"),
@@ -117,19 +111,26 @@ def test_refused_restart_is_logged_and_taken_for_success(station_world: World) -
             job_failed_log("Restart", DHCP_CLIENT, reason),
         ], mark)
         assert world.journal.count(log(text=re.compile("Failed to restart UDHCPC")), mark) == 0
-        mend(world)
+        world.systemd.clear()
+
+
+def test_restart_during_which_systemd_vanishes_is_logged(station_world: World) -> None:
+    world = station_world
+    world.systemd.vanish("Restart")
+    mark = associate(world)
+    world.journal.expect_logs_in_order([loaded_log(DHCP_CLIENT), job_failed_log("Restart", DHCP_CLIENT, VANISHED)], mark)
 
 
 def test_unreadable_reply_to_a_restart_is_logged(station_world: World) -> None:
     world = station_world
-    for fail in UNREADABLE:
-        fail(world, "Restart", DHCP_CLIENT)
+    for signature, body in UNREADABLE:
+        world.systemd.reply("Restart", signature, body)
         mark = associate(world)
         world.journal.expect_logs_in_order([
             loaded_log(DHCP_CLIENT),
             ("err", "utils_restart_service: Failed to read response"),
         ], mark)
-        mend(world)
+        world.systemd.clear()
 
 
 def test_restart_of_an_unknown_unit_is_refused_after_a_look_up_that_succeeds(station_world: World) -> None:
@@ -142,15 +143,22 @@ def test_restart_of_an_unknown_unit_is_refused_after_a_look_up_that_succeeds(sta
     ], mark)
 
 
+def misbehaviours(world: World, verb: str, function: str) -> list[tuple[Callable[[], None], tuple[str, str]]]:
+    """Ways to fail a job of the DHCP server, and the line that tells of each."""
+    refuse, reply = world.systemd.refuse, world.systemd.reply
+    return [(partial(refuse, verb, on=DHCP_SERVER, name=name, text=text), job_failed_log(verb, DHCP_SERVER, reason))
+            for name, text, reason in REFUSALS] + [
+            (partial(reply, verb, signature, body, on=DHCP_SERVER), ("err", f"{function}: Failed to read response"))
+            for signature, body in UNREADABLE]
+
+
 def test_refused_and_unreadable_stops_are_logged_and_the_mode_is_switched_all_the_same(world: World) -> None:
     world.tools.ip.output("")  # no kernel address comes or goes, so nothing else is logged meanwhile
     world.up()
-    outcomes = [(fail, job_failed_log("Stop", DHCP_SERVER, reason)) for fail, reason in REFUSALS[:-1]]
-    outcomes += [(fail, ("err", "utils_stop_service: Failed to read response")) for fail in UNREADABLE]
-    for fail, line in outcomes:
+    for misbehave, line in misbehaviours(world, "Stop", "utils_stop_service"):
         world.set("Mode", "Host")
         mark = world.journal.mark()
-        fail(world, "Stop", DHCP_SERVER)
+        misbehave()
         world.set("Mode", "Client")
         world.journal.expect_logs_in_order([
             ("info", "Stoping UDHCP daemon service"),
@@ -158,7 +166,7 @@ def test_refused_and_unreadable_stops_are_logged_and_the_mode_is_switched_all_th
             line,
             ("info", "Stopping Hostapd daemon service"),
         ], mark)
-        mend(world)
+        world.systemd.clear()
         assert world.get("Mode") == "Client"
 
 
@@ -166,12 +174,10 @@ def test_refused_and_unreadable_starts_are_logged_and_the_mode_is_switched_all_t
     world.tools.ip.output("")  # no kernel address comes or goes, so nothing else is logged meanwhile
     world.settings.set("network", "mode", "Client")
     world.up()
-    outcomes = [(fail, job_failed_log("Start", DHCP_SERVER, reason)) for fail, reason in REFUSALS[:-1]]
-    outcomes += [(fail, ("err", "utils_start_service: Failed to read response")) for fail in UNREADABLE]
-    for fail, line in outcomes:
+    for misbehave, line in misbehaviours(world, "Start", "utils_start_service"):
         world.set("Mode", "Client")
         mark = world.journal.mark()
-        fail(world, "Start", DHCP_SERVER)
+        misbehave()
         world.set("Mode", "Host")
         world.journal.expect_logs_in_order([
             ("info", "Starting UDHCP daemon service"),
@@ -179,7 +185,7 @@ def test_refused_and_unreadable_starts_are_logged_and_the_mode_is_switched_all_t
             line,
             ("info", "--------------------------------------------"),
         ], mark)
-        mend(world)
+        world.systemd.clear()
         assert world.get("Mode") == "Host"
 
 

@@ -13,6 +13,7 @@ from unit_control import loaded_log, manager_call, queued_log
 
 TRYING = ("info", f"[Utils] Trying to enable {WIRED_DHCP_SERVER_FILE}")
 ENABLED = ("info", f"[Utils] {WIRED_DHCP_SERVER_FILE} should've been successfully enabled")
+LOADED = loaded_log(WIRED_DHCP_SERVER)
 DISABLED = ("info", f"[Utils] {WIRED_DHCP_SERVER} should've been successfully disabled")
 STARTED = ("info", "Successfully enabled and started udhcpd_eth0.service")
 STOPPED = ("info", "Successfully stopped and disabled udhcpd_eth0.service")
@@ -32,12 +33,14 @@ def event(interface: str, address: str, status: str) -> tuple[str, str]:
 
 def enable_failed(result: int) -> list[tuple[str, str]]:
     """The lines of a failed enable call, to the end of the reaction."""
-    return [TRYING, NOT_SENT, ("err", f"[Utils] utils_enable_service Error building/calling EnableUnitFiles: {result}"), NOT_ENABLED]
+    summary = f"[Utils] utils_enable_service Error building/calling EnableUnitFiles: {result}"
+    return [TRYING, NOT_SENT, ("err", summary), NOT_ENABLED]
 
 
 def disable_failed(result: int) -> list[tuple[str, str]]:
     """The lines of a failed disable call, to the end of the reaction."""
-    return [NOT_SENT, ("err", f"[Utils] utils_disable_service Error building/calling DisableUnitFiles: {result}"), NOT_DISABLED]
+    summary = f"[Utils] utils_disable_service Error building/calling DisableUnitFiles: {result}"
+    return [NOT_SENT, ("err", summary), NOT_DISABLED]
 
 
 @pytest.fixture
@@ -56,7 +59,7 @@ def test_address_added_on_the_wire_enables_and_starts_the_server(still_world: Wo
         event("eth0", "10.0.0.1", "Added"),
         TRYING,
         ENABLED,
-        loaded_log(WIRED_DHCP_SERVER),
+        LOADED,
         queued_log("Start", WIRED_DHCP_SERVER, 5),
         STARTED,
     ], mark)
@@ -82,7 +85,7 @@ def expect_stopped_and_disabled(world: World, first: tuple[str, str], mark: int)
     """The whole reaction to every event but an address added on the wire."""
     world.journal.expect_logs_in_order([
         first,
-        loaded_log(WIRED_DHCP_SERVER),
+        LOADED,
         queued_log("Stop", WIRED_DHCP_SERVER, 5),
         DISABLED,
         STOPPED,
@@ -179,10 +182,10 @@ def test_server_that_can_not_be_disabled_has_been_stopped(still_world: World) ->
     world.journal.wait_for(log(*event("eth0", "10.0.3.1", "Added")))
     world.journal.wait_for(log(*queued_log("Start", WIRED_DHCP_SERVER, 7)))
     world.systemd.refuse("DisableUnitFiles", name="org.freedesktop.DBus.Error.AccessDenied", text="no", times=1)
-    expect_reaction(world, 1, False, [loaded_log(WIRED_DHCP_SERVER), queued_log("Stop", WIRED_DHCP_SERVER, 8), *disable_failed(-13)])
+    expect_reaction(world, 1, False, [LOADED, queued_log("Stop", WIRED_DHCP_SERVER, 8), *disable_failed(-13)])
     assert not world.systemd.active[WIRED_DHCP_SERVER]
     world.systemd.vanish("DisableUnitFiles")
-    expect_reaction(world, 2, False, [loaded_log(WIRED_DHCP_SERVER), queued_log("Stop", WIRED_DHCP_SERVER, 9), *disable_failed(-110)])
+    expect_reaction(world, 2, False, [LOADED, queued_log("Stop", WIRED_DHCP_SERVER, 9), *disable_failed(-110)])
     world.system_bus.stop()
     expect_reaction(world, 3, False, [("err", "[Utils] Failed to open system bus. ret -2"), NOT_DISABLED])
 
@@ -191,22 +194,22 @@ def test_replies_to_enable_and_disable_are_not_read(still_world: World) -> None:
     world = still_world
     world.systemd.reply("EnableUnitFiles", "", [])
     world.systemd.reply("DisableUnitFiles", "s", ["odd"])
-    expect_reaction(world, 1, True, [TRYING, ENABLED, loaded_log(WIRED_DHCP_SERVER)])
+    expect_reaction(world, 1, True, [TRYING, ENABLED, LOADED])
     world.journal.wait_for(log(*STARTED))
-    expect_reaction(world, 1, False, [loaded_log(WIRED_DHCP_SERVER), queued_log("Stop", WIRED_DHCP_SERVER, 6), DISABLED, STOPPED])
+    expect_reaction(world, 1, False, [LOADED, queued_log("Stop", WIRED_DHCP_SERVER, 6), DISABLED, STOPPED])
 
 
 def test_refused_look_ups_and_jobs_are_taken_for_success(still_world: World) -> None:
     world = still_world
     world.systemd.refuse("LoadUnit", text="no", times=2)
-    expect_reaction(world, 1, True, [TRYING, ENABLED, load_failed_log(WIRED_DHCP_SERVER, "no (r = -13)"), empty_path_log("Start"),
-                                     STARTED])
-    expect_reaction(world, 1, False, [load_failed_log(WIRED_DHCP_SERVER, "no (r = -13)"), empty_path_log("Stop"), DISABLED, STOPPED])
+    not_loaded = load_failed_log(WIRED_DHCP_SERVER, "no (r = -13)")
+    expect_reaction(world, 1, True, [TRYING, ENABLED, not_loaded, empty_path_log("Start"), STARTED])
+    expect_reaction(world, 1, False, [not_loaded, empty_path_log("Stop"), DISABLED, STOPPED])
     world.systemd.refuse("Start", text="no")
     world.systemd.refuse("Stop", text="no")
-    expect_reaction(world, 2, True, [TRYING, ENABLED, loaded_log(WIRED_DHCP_SERVER),
+    expect_reaction(world, 2, True, [TRYING, ENABLED, LOADED,
                                      job_failed_log("Start", WIRED_DHCP_SERVER, "no (r = -13)"), STARTED])
-    expect_reaction(world, 2, False, [loaded_log(WIRED_DHCP_SERVER), job_failed_log("Stop", WIRED_DHCP_SERVER, "no (r = -13)"),
+    expect_reaction(world, 2, False, [LOADED, job_failed_log("Stop", WIRED_DHCP_SERVER, "no (r = -13)"),
                                       DISABLED, STOPPED])
 
 
