@@ -46,8 +46,8 @@ public:
     GuardedSignal<std::string, std::string, bool> AddressEventSignal;
 
     /**
-     * Handles the message at the start of `buffer`, and counts `remaining` down by its aligned length.
-     * Messages other than address messages are skipped.
+     * Handles a message that stands at the start of a NetlinkBuffer, and counts `remaining` down by its
+     * aligned length. Messages other than address messages are skipped.
      *
      * @return 1 for a message whose length lies between that of its header and `remaining`; 0 for any other,
      *         which is logged and leaves `remaining` as it was

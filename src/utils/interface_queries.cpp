@@ -1,5 +1,6 @@
 #include "utils/interface_queries.hpp"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
