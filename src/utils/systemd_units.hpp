@@ -50,9 +50,8 @@ bool utils_disable_service(const std::string& unit);
 int utils_get_service_unit(const std::string& name, std::string& path);
 
 /**
- * As utils_get_service_unit, with Manager.LoadUnit, which also serves units that are not loaded yet; it fails
- * with
- * "[Utils] Failed to load unit name of '%s' service. %s (r = %d)".
+ * As utils_get_service_unit, with Manager.LoadUnit, which also serves units that are not loaded yet. Logs a
+ * failure as "[Utils] Failed to load unit name of '%s' service. %s (r = %d)".
  */
 int utils_load_service_unit(const std::string& name, std::string& path);
 
