@@ -7,7 +7,7 @@ import time
 from pathlib import Path
 
 import pytest
-from vantora_sim import DEADLINE, Process, World, changed, log
+from vantora_sim import DEADLINE, Process, Variant, World, changed, log
 
 SERVICE = "com.vantora.common.Settings1"
 BASE = "/com/vantora/common/Settings1"
@@ -71,6 +71,18 @@ def test_writes_are_stored_and_each_is_announced_once_though_the_writer_is_notif
     assert (stored(world, "network", "frequency"), stored(world, "network", "mode")) == ('s "5"', 's "Client"')
     kept = json.loads(world.sandbox.path(STATE).read_text())
     assert "Küche" in json.dumps(kept, ensure_ascii=False)
+
+
+@pytest.mark.usefixtures("settingsd")
+def test_two_writes_right_after_each_other_are_not_undone_by_the_notification_of_the_first(world: World) -> None:
+    world.up()
+    mark = world.journal.mark()
+    writes = [world.call_async("Set", "ssv", ["com.vantora.Network1.WiFi", "Mode", Variant("s", mode)],
+                               interface="org.freedesktop.DBus.Properties") for mode in ("Client", "Host")]
+    for write in writes:
+        write.result(DEADLINE)
+    world.journal.wait_for(log("err", "[Main] set_wifi_mode: already in wifi mode Host"), mark)
+    assert announced(world, mark) == [("Mode", "Client"), ("Mode", "Host")]
 
 
 @pytest.mark.usefixtures("settingsd")

@@ -11,6 +11,13 @@ namespace {
 constexpr std::chrono::seconds first_retry_delay(1);
 constexpr std::chrono::seconds longest_retry_delay(30);
 
+/**
+ * Signals of the user bus are heard before the next request that the same loop serves. Otherwise a service
+ * that has stored one value after the other is told of the first only after it has taken the second, and goes
+ * back to the first.
+ */
+constexpr int user_bus_priority = SD_EVENT_PRIORITY_NORMAL - 1;
+
 } // namespace
 
 DbusConnector::State::State(sd_event* event, BusType type)
@@ -99,7 +106,8 @@ int DbusConnector::State::open_bus(Install mode)
             return r;
         }
     }
-    return sd_bus_attach_event(opened, event_.get(), SD_EVENT_PRIORITY_NORMAL);
+    const int priority = type_ == BusType::User ? user_bus_priority : SD_EVENT_PRIORITY_NORMAL;
+    return sd_bus_attach_event(opened, event_.get(), priority);
 }
 
 int DbusConnector::State::watch_connection(Install mode)
