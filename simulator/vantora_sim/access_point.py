@@ -31,6 +31,7 @@ class AccessPoint:
         self.visitors = visitors
         self._start = Activity()
         self._traffic = Activity()
+        self._hangs = False
         self._known: dict[str, bytes] = {}
         """Stations that want to be here: the name of the network that they joined."""
         self.on_air = False
@@ -60,6 +61,22 @@ class AccessPoint:
         self._leave_air()
         self._world.hostapd.kill()
         self._fail()
+
+    def start_again(self) -> None:
+        """Somebody has the unit restarted."""
+        self._world.systemd.active[HOSTAPD] = True
+        self.job("Restart")
+
+    def hang(self) -> None:
+        """hostapd stops in its tracks: no answer, no event."""
+        self._hangs = True
+        self._traffic.cancel()
+        self._world.hostapd.hang()
+
+    def release(self) -> None:
+        """It goes on."""
+        self._hangs = False
+        self._world.hostapd.clear()
 
     async def _come_up(self) -> None:
         world = self._world
@@ -109,6 +126,8 @@ class AccessPoint:
             self._world.hostapd.join(mac)
 
     def _leave_air(self) -> None:
+        """Whatever process there was ends, hanging or not."""
+        self.release()
         self.on_air = False
         self._traffic.cancel()
 
@@ -120,7 +139,7 @@ class AccessPoint:
 
     def join(self, mac: str) -> bool:
         """A station comes; false when there is no access point to join."""
-        if not self.on_air or self._world.radio.blocked:
+        if not self.on_air or self._hangs or self._world.radio.blocked:
             return False
         self._associate(mac)
         return True
@@ -128,7 +147,7 @@ class AccessPoint:
     def leave(self, mac: str) -> bool:
         """A station goes away and does not come back by itself; false when it is not here."""
         self._known.pop(mac, None)
-        if mac not in self._world.hostapd.stations:
+        if mac not in self._world.hostapd.stations or self._hangs:
             return False
         self._world.hostapd.leave(mac, linger=False)
         return True

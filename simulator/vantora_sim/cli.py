@@ -12,6 +12,7 @@ from types import FrameType
 from typing import TextIO
 
 from . import places, tour, view
+from .dbus_fake import CallRefused
 from .device import SimulatedDevice
 from .sandbox import SandboxError
 from .world_file import WorldFileError, read_world
@@ -69,7 +70,7 @@ def main(argv: list[str]) -> int:
                     signal.signal(number, signal.SIG_IGN)  # the end is under way
     except KeyboardInterrupt:
         return 0
-    except (SandboxError, WorldFileError, OSError) as error:
+    except (SandboxError, WorldFileError, CallRefused, RuntimeError, OSError) as error:
         return _complain(str(error))
 
 

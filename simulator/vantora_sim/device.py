@@ -8,6 +8,7 @@
 from __future__ import annotations
 
 import asyncio
+import signal
 import threading
 import time
 from pathlib import Path
@@ -20,7 +21,8 @@ from . import settings, units
 from .access_point import AccessPoint
 from .activity import Activity
 from .air import Air
-from .dbus_fake import PROPERTIES
+from .control import CONTROL_SOCKET, CONTROL_VARIABLE, Control
+from .dbus_fake import PROPERTIES, plain
 from .dhcp import DhcpClient
 from .journal import DEADLINE, log
 from .plan import BAND_OF_RADIO_TYPE, Plan
@@ -41,16 +43,20 @@ class SimulatedDevice:
         """`state` is a folder in which the settings persist; without it every device is new."""
         self.plan = plan
         self._state = state.resolve() if state is not None else None
-        self.world = World(build, device=plan.device, exposed=[self._state] if self._state else [])
+        self.world = World(build, device=plan.device, exposed=[self._state] if self._state else [],
+                           lasting=True)
         self.world.follow_units = False
+        self.world.hostapd.before_event = None
         radio_type = int({**DEVICE, **plan.device}["radio_type"])
         self.air = Air(plan.networks, BAND_OF_RADIO_TYPE.get(radio_type, ("2.4",)))
         self.access_point = AccessPoint(self.world, plan.visitors)
         self.station = StationSide(self.world, self.air)
         self.dhcp = DhcpClient(self.world, self.station)
         self.settings_daemon: Process | None = None
+        self.control = Control(self)
         self._weather = Activity()
         self._ending = threading.Event()
+        self._supervisor = threading.Thread(target=self._supervise, name="service manager", daemon=True)
         self.access_point.on_take_over.append(self.station.block)
         self.world.systemd.on_job.append(self._job)
         self.world.radio.on_block.append(self._radio_blocked)
@@ -63,8 +69,9 @@ class SimulatedDevice:
             self.start_settings_daemon()
             self._store_initial_settings()
             self.world.loop.call(lambda: self._weather.begin(self._drift()))
+            self.control.open(self.world.work / CONTROL_SOCKET)
             self.world.start_daemon()
-            threading.Thread(target=self._supervise, name="service manager", daemon=True).start()
+            self._supervisor.start()
         except BaseException:
             self.close()
             raise
@@ -75,19 +82,27 @@ class SimulatedDevice:
 
     def close(self) -> None:
         """End everything and leave nothing behind but the state folder."""
-        self._ending.set()
-        if hasattr(self.world, "sandbox"):
-            for process in (self.world.daemon, self.settings_daemon):
-                if process is not None and process.running:
-                    process.send_signal(15)
-            for process in (self.world.daemon, self.settings_daemon):
-                if process is not None and process.running:
-                    try:
-                        process.wait(5)
-                    except AssertionError:
-                        pass  # it is told to end with the sandbox in a moment
+        try:
+            self.shut_down(timeout=5)
+        except AssertionError:
+            pass  # what does not end by itself is ended with the sandbox in a moment
         self.world.loop.call(self._end)
         self.world.close()
+
+    def shut_down(self, timeout: float = DEADLINE) -> int | None:
+        """Ask both daemons to end; returns the exit status of the network daemon, None when it was never started."""
+        self._ending.set()
+        if self._supervisor.is_alive():
+            self._supervisor.join()
+        self.control.close()
+        daemons = [process for process in (self.world.daemon, self.settings_daemon) if process is not None]
+        for process in daemons:
+            if process.running:
+                process.send_signal(signal.SIGTERM)
+                process.send_signal(signal.SIGCONT)  # it may have been made to hang
+        for process in daemons:
+            process.wait(timeout)
+        return self.world.daemon.status if self.world.daemon is not None else None
 
     def _end(self) -> None:
         self._weather.cancel()
@@ -117,9 +132,15 @@ class SimulatedDevice:
     def change_setting(self, section: str, key: str, value: Any) -> None:
         """Change a setting as another program of the device does; a refusal raises CallRefused."""
         number = isinstance(value, int) and not isinstance(value, bool)
-        variant = Variant("i", value) if number else as_variant(value)
-        self.world.call_service_async(settings.SERVICE, f"{settings.BASE_PATH}/{section}", PROPERTIES, "Set", "ssv",
-                                      [settings.SERVICE, key, variant]).result(60)
+        self._ask_settings(section, "Set", "ssv", key, Variant("i", value) if number else as_variant(value))
+
+    def read_setting(self, section: str, key: str) -> Any:
+        """A stored setting; a refusal raises CallRefused."""
+        return plain(self._ask_settings(section, "Get", "ss", key)[0])
+
+    def _ask_settings(self, section: str, member: str, signature: str, *args: Any) -> list[Any]:
+        return self.world.call_service_async(settings.SERVICE, f"{settings.BASE_PATH}/{section}", PROPERTIES, member, signature,
+                                             [settings.SERVICE, *args]).result(60)
 
     def _supervise(self) -> None:
         """The service manager's part: a daemon that has ended is started again."""
@@ -146,7 +167,8 @@ class SimulatedDevice:
     @property
     def environment(self) -> dict[str, str]:
         """What a program outside needs in its environment to reach the device."""
-        return {"DBUS_SESSION_BUS_ADDRESS": self.world.user_bus.address, "DBUS_SYSTEM_BUS_ADDRESS": self.world.system_bus.address}
+        return {"DBUS_SESSION_BUS_ADDRESS": self.world.user_bus.address, "DBUS_SYSTEM_BUS_ADDRESS": self.world.system_bus.address,
+                CONTROL_VARIABLE: str(self.world.work / CONTROL_SOCKET)}
 
     @property
     def coming_up(self) -> bool:

@@ -134,15 +134,21 @@ def _describe(kind: str, fields: dict[str, Any]) -> str:
 class Journal:
     """The ordered list of entries; safe to read from any thread while the world writes it."""
 
-    def __init__(self) -> None:
+    def __init__(self, keep: int | None = None) -> None:
+        """With `keep`, only about so many of the last entries are kept: for a world that lives for days."""
+        self._keep = keep
         self._entries: list[Entry] = []
+        self._forgotten = 0
         self._condition = threading.Condition()
 
     def add(self, kind: str, **fields: Any) -> Entry:
         """Append an entry (called by the world)."""
         with self._condition:
-            entry = Entry(len(self._entries), kind, fields)
+            entry = Entry(self._end(), kind, fields)
             self._entries.append(entry)
+            if self._keep is not None and len(self._entries) > 2 * self._keep:
+                self._forgotten += len(self._entries) - self._keep
+                del self._entries[:-self._keep]
             self._condition.notify_all()
             return entry
 
@@ -154,12 +160,15 @@ class Journal:
     def mark(self) -> int:
         """Now, to be given to the other functions as `since`."""
         with self._condition:
-            return len(self._entries)
+            return self._end()
 
     def since(self, mark: int = 0) -> list[Entry]:
         """All entries from the mark on."""
         with self._condition:
-            return self._entries[mark:]
+            return self._entries[max(mark - self._forgotten, 0):]
+
+    def _end(self) -> int:
+        return self._forgotten + len(self._entries)
 
     def find(self, pattern: Pattern, since: int = 0) -> list[Entry]:
         """All entries from the mark on that match."""
@@ -187,9 +196,8 @@ class Journal:
 
         def look() -> Entry | None:
             nonlocal position
-            while position < len(self._entries):
-                entry = self._entries[position]
-                position += 1
+            for entry in self.since(position):
+                position = entry.index + 1
                 if pattern.matches(entry):
                     return entry
             return None
@@ -214,9 +222,9 @@ class Journal:
     def follow(self, mark: int, timeout: float) -> list[Entry]:
         """The entries from the mark on as soon as there are any; none when the time is over."""
         with self._condition:
-            if len(self._entries) <= mark:
+            if self._end() <= mark:
                 self._condition.wait(timeout)
-            return self._entries[mark:]
+            return self.since(mark)
 
     def expect_in_order(self, patterns: Iterable[Pattern], since: int = 0, timeout: float = DEADLINE) -> list[Entry]:
         """Wait until all patterns have matched one after the other; other entries may stand between them."""
@@ -238,7 +246,7 @@ class Journal:
         expected = list(lines)
 
         def look() -> list[Entry] | None:
-            entries = [entry for entry in self._entries[since:] if entry.kind == "log"]
+            entries = [entry for entry in self.since(since) if entry.kind == "log"]
             texts = [(entry.priority, entry.text) for entry in entries]
             for start in range(len(texts) - len(expected) + 1):
                 if texts[start:start + len(expected)] == expected:

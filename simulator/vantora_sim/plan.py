@@ -19,6 +19,12 @@ SECURITIES: dict[str, tuple[bool, tuple[str, ...]]] = {
 """What a network of this security announces: privacy, and the key management of its RSN element."""
 
 
+def printable(ssid: bytes) -> str:
+    """A network's name as text on one line, whatever is in it."""
+    text = ssid.decode(errors="backslashreplace")
+    return "".join(letter if letter.isprintable() else letter.encode("unicode_escape").decode() for letter in text)
+
+
 @dataclass
 class Network:
     """One access point in the neighbourhood."""
@@ -49,8 +55,8 @@ class Network:
 
     @property
     def label(self) -> str:
-        """Its name for people."""
-        return self.ssid.decode(errors="backslashreplace")
+        """Its name for people and their terminals."""
+        return printable(self.ssid)
 
 
 @dataclass
@@ -74,3 +80,9 @@ class Plan:
     visitors: list[Visitor] = field(default_factory=list)
     settings: dict[str, dict[str, Any]] = field(default_factory=dict)
     """Initial settings by section; they hold where nothing is stored yet."""
+
+    @property
+    def joinable(self) -> Network | None:
+        """A network that the device can join with a passphrase and that gives it an address."""
+        return next((network for network in self.networks if network.takes_passphrase and network.passphrase and network.address
+                     and not network.hidden and network.ssid.isascii() and network.label.isprintable()), None)

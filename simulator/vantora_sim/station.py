@@ -75,7 +75,25 @@ class StationSide:
         self._world.systemd.states[STATION] = "failed"
         await self._world.wpa.close()
 
+    async def start_again(self) -> None:
+        """Somebody has the unit restarted."""
+        self._world.systemd.active[STATION] = True
+        await self.job("Restart")
+
+    def hang(self) -> None:
+        """It stops in its tracks: no answer, no notification."""
+        for activity in (self._launch, self._scan, self._link):
+            activity.cancel()
+        self._world.wpa.hang()
+
+    def release(self) -> None:
+        """It goes on."""
+        self._world.wpa.clear()
+        if self._world.wpa.present and self.joined is None and self._selected and not self._world.radio.blocked:
+            self._link.begin(self._connect())
+
     def _forget(self) -> None:
+        self._world.wpa.clear()
         for activity in (self._launch, self._scan, self._link):
             activity.cancel()
         self._leave()

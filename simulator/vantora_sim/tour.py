@@ -8,8 +8,6 @@ from collections.abc import Callable
 from pathlib import Path
 from typing import Any, TextIO
 
-from dbus_next import Variant
-
 from .dbus_fake import CallRefused
 from .device import SimulatedDevice
 from .journal import DEADLINE, Entry, Pattern, changed, signal
@@ -40,6 +38,10 @@ class Guide:
         self._seen.clear()
         self._steps += 1
         self._say(f"\n{self._steps}. {title}")
+
+    def do(self, what: str) -> None:
+        """Say what is done now."""
+        self._say(f"      do     {what}")
 
     def expect(self, *patterns: Pattern) -> None:
         """Wait until these have been announced in this order, and show everything that is."""
@@ -78,6 +80,7 @@ class Guide:
 
 def _steps(guide: Guide, home: Network) -> None:
     world, device = guide.world, guide.device
+    ssid = home.ssid.decode()
 
     guide.step("Boot: the stored settings say access point")
     guide.expect(changed("WiFiState", 1), changed("Mode", "Host"), changed("WiFiAccessPointInitialised", True))
@@ -85,48 +88,57 @@ def _steps(guide: Guide, home: Network) -> None:
 
     guide.step("Two stations join")
     for number, visitor in enumerate(device.plan.visitors[:2], start=1):
+        guide.do(f"{visitor.name} joins")
         _insist(world.loop.call(device.access_point.join, visitor.mac), f"{visitor.name} cannot join")
         guide.expect(changed("WiFiConnectedClients", number))
     guide.check("WiFiConnectedClients", 2)
 
     guide.step("Band: 5 GHz")
+    guide.do("write WiFiFrequency 5")
     world.set("WiFiFrequency", "5")
     guide.expect(changed("WiFiFrequency", "5"), changed("WiFiAccessPointInitialised", True))
 
     guide.step("Another SSID, as another program of the device stores it")
+    guide.do("store device.deviceName \"Living Room\"")
     device.change_setting("device", "deviceName", "Living Room")
     guide.expect(changed("SSID", "Living Room"), changed("WiFiAccessPointInitialised", True))
     guide.check("SSID", "Living Room")
 
     guide.step("Switch to station")
+    guide.do("write Mode Client")
     world.set("Mode", "Client")
     guide.expect(changed("Mode", "Client"))
     guide.until("wpa_supplicant to come up", lambda: world.wpa.present)
 
     guide.step("Scan")
+    guide.do("call Scan")
     world.call("Scan")
     guide.expect(signal("AccessPointsChanged"))
-    guide.check("AccessPoints", lambda found: home.label in [name for name, *_ in found])
+    guide.check("AccessPoints", lambda found: ssid in [name for name, *_ in found])
 
-    guide.step(f"Connect to \"{home.label}\" with a wrong passphrase")
-    world.call("Connect", "ss", [home.label, _WRONG_KEY])
+    guide.step(f"Connect to \"{ssid}\" with a wrong passphrase")
+    guide.do(f"call Connect \"{ssid}\" \"{_WRONG_KEY}\"")
+    world.call("Connect", "ss", [ssid, _WRONG_KEY])
     guide.expect(changed("WiFiClientState", "failed"))
 
     guide.step("Connect with the right one")
-    world.call("Connect", "ss", [home.label, home.passphrase])
+    guide.do(f"call Connect \"{ssid}\" \"{home.passphrase}\"")
+    world.call("Connect", "ss", [ssid, home.passphrase])
     guide.expect(changed("WiFiClientState", "completed"))
     guide.expect(changed("IPAddress", (home.address or "").partition("/")[0]))
     guide.expect(changed("SSID"))
-    guide.check("ClientSSID", home.label)
+    guide.check("ClientSSID", ssid)
 
     guide.step("Disconnect")
+    guide.do("call Disconnect")
     world.call("Disconnect")
     guide.expect(changed("WiFiClientState", "disconnected"))
     guide.check("ClientSSID", "")
     guide.check("IPAddress", "")
 
     guide.step("Radio off")
-    world.set("WiFiState", Variant("u", 0))
+    guide.do("write WiFiState 0")
+    world.set("WiFiState", 0)
     guide.expect(changed("WiFiState", 0))
     guide.check("Mode", "unknown")
     _insist(world.radio.soft_blocked, "the radio is not blocked")
@@ -139,8 +151,7 @@ def _insist(condition: bool, complaint: str) -> None:
 
 def run(plan: Plan, build: Path, out: TextIO, *, verbose: bool = False) -> int:
     """The whole tour in this world; returns the exit status."""
-    home = next((network for network in plan.networks if network.takes_passphrase and network.passphrase and network.address
-                 and not network.hidden and len(network.passphrase) >= 8), None)
+    home = plan.joinable
     if home is None or len(plan.visitors) < 2:
         print("the tour needs a world with a network that has a passphrase and with two stations", file=out)
         return 1

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import json
+import shlex
 import time
 from typing import Any, TextIO
 
@@ -46,15 +47,15 @@ def addresses(device: SimulatedDevice) -> str:
 def instructions(device: SimulatedDevice) -> str:
     """Commands for another terminal of the same user."""
     target = f"{SERVICE} {PATH} {INTERFACE}"
-    known = next((network for network in device.plan.networks if network.passphrase and network.takes_passphrase), None)
-    ssid, key = (known.label, known.passphrase) if known else ("NAME", "PASSPHRASE")
+    known = device.plan.joinable
+    names = [known.ssid.decode(), known.passphrase] if known else ["NAME", "PASSPHRASE"]
     return "\n".join((
         f"  export DBUS_SESSION_BUS_ADDRESS={device.world.user_bus.address}",
         f"  busctl --user get-property {target} Mode SSID WiFiConnectedClients",
         f"  busctl --user set-property {target} Mode s Client",
         f"  busctl --user call {target} Scan",
         f"  busctl --user get-property {target} AccessPoints",
-        f'  busctl --user call {target} Connect ss "{ssid}" "{key}"',
+        f"  busctl --user call {target} Connect ss {shlex.join(names)}",
         f"  busctl --user monitor {SERVICE}",
     ))
 
@@ -78,7 +79,7 @@ class LiveView:
             text = self._describe(entry)
             if text is not None:
                 print(f"{self._indent}{time.monotonic() - self._begun:7.2f} s  {text}", file=self._out, flush=True)
-        self.position += len(entries)
+            self.position = entry.index + 1
         return entries
 
     def _describe(self, entry: Entry) -> str | None:
@@ -89,6 +90,8 @@ class LiveView:
                 return f"signal {entry.member}: {', '.join(show(value) for value in entry.body)}"
             case "exit" if entry.program in ("vantora-network", "vantora-settingsd"):
                 return f"{entry.program} has ended with status {entry.status}"
+            case "world":
+                return f"outside: {entry.text}"
             case "notify":
                 return "the daemon is ready" if entry.text == "READY=1" else None
         if not self._verbose:

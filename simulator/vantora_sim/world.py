@@ -57,6 +57,9 @@ wpa_passphrase=korrin-secret
 DEVICE = {"model": "Korrin One", "serial": "12-3456", "radio_type": "1"}
 """Identity of the device; the default SSID that follows from it is "Korrin One-3456"."""
 
+WORK_PREFIX = "vantora-sim-"
+"""How the names of work folders begin."""
+
 KERNEL_COMMAND_LINE = "console=ttymxc0,115200 root=/dev/mmcblk0p2 rootwait rw\n"
 
 _WRITABLE = {"WiFiState": "u", "Mode": "s", "WiFiFrequency": "s", "SSID": "s"}
@@ -69,7 +72,7 @@ _NETLINK_GROUPS = "00000011"
 def _make_work_folder() -> Path:
     """A new private folder, not too deep for the addresses of the sockets in it."""
     crowded = len(tempfile.gettempdir()) > _LONGEST_PARENT
-    return Path(tempfile.mkdtemp(prefix="vantora-sim-", dir="/tmp" if crowded else None))
+    return Path(tempfile.mkdtemp(prefix=WORK_PREFIX, dir="/tmp" if crowded else None))
 
 
 def _remove_tree(work: Path) -> None:
@@ -84,12 +87,13 @@ class World:
     """One private world. Enter it to bring it up; leaving it takes everything down and leaves nothing behind."""
 
     def __init__(self, build: Path, *, device: dict[str, str] | None = None, hostapd_template: str | None = HOSTAPD_TEMPLATE,
-                 kernel_command_line: str = KERNEL_COMMAND_LINE, exposed: Sequence[Path] = ()) -> None:
+                 kernel_command_line: str = KERNEL_COMMAND_LINE, exposed: Sequence[Path] = (), lasting: bool = False) -> None:
         """`build` is the folder with the executables. `device` adds to or replaces DEVICE; a template of None means that
-        /etc/hostapd.conf is missing."""
+        /etc/hostapd.conf is missing. A lasting world is for days and for people: its journal forgets, and its neighbours
+        answer at once instead of bringing the journal into order first."""
         self.build = build.resolve()
         self.device = {**DEVICE, **(device or {})}
-        self.journal = Journal()
+        self.journal = Journal(keep=10_000 if lasting else None)
         self.loop = LoopThread.shared()
         self.radio = Radio()
         self.follow_units = True
@@ -105,11 +109,12 @@ class World:
 
         self.work = _make_work_folder()
         run, tmp = self.work / "run", self.work / "tmp"
-        self.settings = Settings(self.loop, self.journal, self._catch_up)
-        self.systemd = Systemd(self.loop, self.journal, self._catch_up)
-        self.wpa = WpaSupplicant(self.loop, self.journal, self._catch_up)
-        self.hostapd = Hostapd(self.loop, self.journal, self._catch_up, run, tmp)
-        self.tools = Tools(self.loop, self.journal, self._catch_up, self.radio)
+        before_answer = self._drain if lasting else self._catch_up
+        self.settings = Settings(self.loop, self.journal, before_answer)
+        self.systemd = Systemd(self.loop, self.journal, before_answer)
+        self.wpa = WpaSupplicant(self.loop, self.journal, before_answer)
+        self.hostapd = Hostapd(self.loop, self.journal, before_answer, run, tmp)
+        self.tools = Tools(self.loop, self.journal, before_answer, self.radio)
         self.user_bus = user_bus(run, self.work)
         self.system_bus = system_bus(run, self.work)
         self.systemd.on_job.append(self._follow_unit)
@@ -335,6 +340,9 @@ class World:
         assert completed.status == 0, completed.stderr
 
     # On the loop
+
+    async def _drain(self) -> None:
+        self._recorder.drain()
 
     async def _catch_up(self) -> None:
         """Put everything into the journal that happened before the request being served now."""

@@ -1,15 +1,110 @@
+"""Reads a world file. Its schema is docs/world.schema.json; here is what a schema cannot say, and the way to a plan."""
+
 from __future__ import annotations
+
+import ipaddress
 import json
+from collections.abc import Iterator
 from pathlib import Path
+from typing import Any
+
 from . import places
+from .json_lines import DuplicateName, Located, loads, plain
 from .plan import Network, Plan, Visitor
+from .schema import Finding, check
+
+CHANNELS = {"2.4": set(range(1, 15)), "5": {*range(36, 65, 4), *range(100, 145, 4), *range(149, 178, 4)}}
+WITH_PASSPHRASE = ("wpa2", "wpa2-wpa3", "wpa3")
+LONGEST_SSID = 32
+_MOST_FINDINGS = 10
+
 
 class WorldFileError(Exception):
-    pass
+    """The file cannot be used; the text says why, a line for each finding: "FILE:LINE: FIELD: what is wrong"."""
+
 
 def read_world(name: str) -> Plan:
+    """The plan in a file, or in the shipped world of this name. Raises WorldFileError."""
     path = Path(name) if "/" in name or name.endswith(".json") else places.worlds() / f"{name}.json"
-    data = json.loads(path.read_text())
-    return Plan(data["name"], {k: str(v) for k, v in data["device"].items()},
-                [Network(**{**n, "ssid": n["ssid"].encode()}) for n in data["networks"]],
-                [Visitor(**v) for v in data["stations"]], data.get("settings", {}))
+    try:
+        text = path.read_text(encoding="utf-8")
+    except OSError as error:
+        raise WorldFileError(f"{path}: {error.strerror}") from None
+    except UnicodeDecodeError:
+        raise WorldFileError(f"{path}: not UTF-8") from None
+    try:
+        document = loads(text)
+    except json.JSONDecodeError as error:
+        raise WorldFileError(f"{path}:{error.lineno}: not JSON: {error.msg}") from None
+    except DuplicateName as error:
+        raise WorldFileError(f"{path}:{error.line}: {error.name}: stands here twice") from None
+    except ValueError as error:
+        raise WorldFileError(f"{path}: {error}") from None
+
+    findings = check(document, json.loads(places.schema().read_text(encoding="utf-8")))
+    if not findings:
+        findings = list(_inconsistencies(document))
+    if findings:
+        lines = [f"{path}:{finding.line}: {finding}" for finding in findings[:_MOST_FINDINGS]]
+        if len(findings) > _MOST_FINDINGS:
+            lines.append(f"{path}: and {len(findings) - _MOST_FINDINGS} more")
+        raise WorldFileError("\n".join(lines))
+    return _plan(plain(document))
+
+
+def check_network(network: dict[str, Any]) -> Iterator[tuple[str, str]]:
+    """What is wrong with a network that the schema is content with: (field, what is wrong)."""
+    if ("ssid" in network) == ("ssid_hex" in network):
+        yield "", "needs \"ssid\" or \"ssid_hex\", and not both"
+    if len(network.get("ssid", "").encode()) > LONGEST_SSID:
+        yield "ssid", f"is longer than {LONGEST_SSID} bytes"
+    band = network.get("band", "2.4")
+    if "channel" in network and network["channel"] not in CHANNELS[band]:
+        yield "channel", f"there is no channel {network['channel']} in the {band} GHz band"
+    security = network.get("security")
+    if security in WITH_PASSPHRASE and "passphrase" not in network:
+        yield "security", f"\"{security}\" needs a \"passphrase\""
+    if security in ("open", "enterprise") and "passphrase" in network:
+        yield "passphrase", f"a network with security \"{security}\" has none"
+    if network.get("address") is not None:
+        try:
+            ipaddress.IPv4Interface(network["address"])
+        except ValueError:
+            yield "address", "is no IPv4 address with a prefix length"
+
+
+def make_network(network: dict[str, Any], number: int) -> Network:
+    """A network of checked values; the number makes up the address where none is given."""
+    band = network.get("band", "2.4")
+    values = {key: value for key, value in network.items() if key not in ("ssid", "ssid_hex")}
+    values.setdefault("bssid", f"02:00:00:01:{number >> 8 & 255:02x}:{number & 255:02x}")
+    values.setdefault("channel", 36 if band == "5" else 6)
+    values.setdefault("security", "wpa2" if "passphrase" in network else "open")
+    ssid = bytes.fromhex(network["ssid_hex"]) if "ssid_hex" in network else network["ssid"].encode()
+    return Network(**{**values, "ssid": ssid, "bssid": values["bssid"].lower()})
+
+
+def _inconsistencies(document: Located) -> Iterator[Finding]:
+    seen: dict[tuple[str, str], str] = {}
+    for kind, unique in (("networks", ("bssid",)), ("stations", ("name", "mac"))):
+        items = document.value.get(kind)
+        for index, item in enumerate(items.value if items else []):
+            where = f"{kind}[{index}]"
+            if kind == "networks":
+                for field, text in check_network(plain(item)):
+                    place = item.value.get(field, item)
+                    yield Finding(place.line, f"{where}.{field}" if field else where, text)
+            for field in unique:
+                if field in item.value:
+                    key = ("address" if field != "name" else field, item.value[field].value.lower())
+                    if key in seen:
+                        yield Finding(item.value[field].line, f"{where}.{field}", f"is that of {seen[key]}, too")
+                    seen.setdefault(key, where)
+
+
+def _plan(document: dict[str, Any]) -> Plan:
+    networks = [make_network(network, number) for number, network in enumerate(document.get("networks", []))]
+    visitors = [Visitor(station["name"], station.get("mac", f"02:00:00:00:40:{number:02x}").lower(), station.get("joins_after"))
+                for number, station in enumerate(document.get("stations", []), start=1)]
+    return Plan(name=document["name"], device={key: str(value) for key, value in document.get("device", {}).items()},
+                networks=networks, visitors=visitors, settings=document.get("settings", {}))

@@ -1,0 +1,71 @@
+"""The control socket of a running simulated device: one request and one answer, each a line of JSON.
+
+A request is an object with the name of a command and its arguments, an answer has "text" (what there is to say) or "error".
+"""
+
+from __future__ import annotations
+
+import asyncio
+import json
+from pathlib import Path
+from typing import TYPE_CHECKING, Any
+
+from .commands import CommandError, run
+from .dbus_fake import CallRefused
+
+if TYPE_CHECKING:
+    from .device import SimulatedDevice
+
+CONTROL_SOCKET = "control"
+"""Name of the socket in the work folder of a device."""
+CONTROL_VARIABLE = "VANTORA_SIM_CONTROL"
+"""Environment variable that says where the socket is."""
+
+
+class Control:
+    """The server's side."""
+
+    def __init__(self, device: SimulatedDevice) -> None:
+        self._device = device
+        self._server: asyncio.AbstractServer | None = None
+
+    def open(self, path: Path) -> None:
+        """Begin to serve. The folder of the socket decides who may connect: nobody but its owner."""
+        self._server = self._device.world.loop.run(asyncio.start_unix_server(self._serve, path))
+
+    def close(self) -> None:
+        """Serve no longer."""
+        if self._server is not None:
+            self._device.world.loop.call(self._server.close)
+            self._server = None
+
+    async def _serve(self, reader: asyncio.StreamReader, writer: asyncio.StreamWriter) -> None:
+        try:
+            line = await reader.readline()
+            if line:
+                # Not on the loop: commands wait for the world, and the world lives on the loop.
+                answer = await asyncio.to_thread(self._answer, line)
+                writer.write(json.dumps(answer).encode() + b"\n")
+                await writer.drain()
+        except (ConnectionError, asyncio.CancelledError):
+            pass  # nobody waits for the answer any more
+        finally:
+            writer.close()
+
+    def _answer(self, line: bytes) -> dict[str, Any]:
+        try:
+            request = json.loads(line)
+            command = request.pop("command")
+        except (ValueError, AttributeError, KeyError):
+            return {"error": "a request is an object with \"command\""}
+        try:
+            text = run(self._device, command, request)
+        except CommandError as error:
+            return {"error": str(error)}
+        except CallRefused as refusal:
+            return {"error": f"the settings daemon says: {refusal.text} ({refusal.name})"}
+        except (KeyError, TypeError, ValueError) as error:
+            return {"error": f"arguments of {command}: {error!r}"}
+        if command != "show":
+            self._device.world.journal.add("world", command=command, text=text)
+        return {"text": text}

@@ -1,0 +1,63 @@
+"""The device's other daemons as somebody at its console treats them: killed, made to hang, let go, started."""
+
+from __future__ import annotations
+
+import signal
+from collections.abc import Callable
+from dataclasses import dataclass
+from typing import TYPE_CHECKING
+
+from .sandbox import Process
+
+if TYPE_CHECKING:
+    from .device import SimulatedDevice
+
+
+@dataclass(frozen=True)
+class Neighbour:
+    """What can be done to one of them; each acts at once."""
+
+    running: Callable[[], bool]
+    kill: Callable[[], None]
+    hang: Callable[[], None]
+    release: Callable[[], None]
+    start: Callable[[], None]
+
+
+def neighbours(device: SimulatedDevice) -> dict[str, Neighbour]:
+    """All of them by name."""
+    world, loop = device.world, device.world.loop
+
+    def signals(process: Callable[[], Process | None], start: Callable[[], object]) -> Neighbour:
+        def send(number: int) -> None:
+            found = process()
+            if found is not None and found.running:
+                found.send_signal(number)
+                if number == signal.SIGKILL:
+                    found.wait()
+
+        def start_again() -> None:
+            send(signal.SIGKILL)
+            start()
+
+        def running() -> bool:
+            found = process()
+            return found is not None and found.running
+
+        return Neighbour(running, lambda: send(signal.SIGKILL), lambda: send(signal.SIGSTOP), lambda: send(signal.SIGCONT), start_again)
+
+    return {
+        "hostapd": Neighbour(lambda: world.hostapd.running, lambda: loop.call(device.access_point.kill),
+                             lambda: loop.call(device.access_point.hang), lambda: loop.call(device.access_point.release),
+                             lambda: loop.call(device.access_point.start_again)),
+        "wpa_supplicant": Neighbour(lambda: world.wpa.present, lambda: loop.run(device.station.kill()),
+                                    lambda: loop.call(device.station.hang), lambda: loop.call(device.station.release),
+                                    lambda: loop.run(device.station.start_again())),
+        "systemd": Neighbour(lambda: world.systemd.present, world.systemd.go, world.systemd.hang, world.systemd.clear, world.systemd.come_back),
+        "vantora-settingsd": signals(lambda: device.settings_daemon, device.start_settings_daemon),
+        # Its unit starts it again by itself.
+        "vantora-network": signals(lambda: world.daemon, lambda: None),
+    }
+
+
+NAMES = ("hostapd", "wpa_supplicant", "systemd", "vantora-settingsd", "vantora-network")

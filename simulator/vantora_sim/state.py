@@ -1,0 +1,71 @@
+"""The state of a simulated device and its surroundings, as it really is: not what the daemon says about it."""
+
+from __future__ import annotations
+
+import json
+from typing import TYPE_CHECKING, Any
+
+from .neighbours import neighbours
+from .plan import printable
+
+if TYPE_CHECKING:
+    from .device import SimulatedDevice
+
+
+def snapshot(device: SimulatedDevice) -> dict[str, Any]:
+    """Everything, as plain values. Not for the loop's thread."""
+    world = device.world
+    return {**world.loop.call(_on_loop, device), "addresses": {name: _addresses(device, name) for name in ("wlan0", "eth0")},
+            "cable": "LOWER_UP" in world.sandbox.run(["/usr/sbin/ip", "-o", "link", "show", "eth0"]).stdout}
+
+
+def _on_loop(device: SimulatedDevice) -> dict[str, Any]:
+    world = device.world
+    radio, systemd = world.radio, world.systemd
+    return {
+        "world": device.plan.name,
+        "running": {name: neighbour.running() for name, neighbour in neighbours(device).items()},
+        "radio": {"soft_blocked": radio.soft_blocked, "hard_blocked": radio.hard_blocked, "interface_type": radio.interface_type,
+                  "mhz": radio.frequency},
+        "access_point": {"on_air": device.access_point.on_air, "ssid": printable(radio.ap_ssid)},
+        "client": {"state": world.wpa.state if world.wpa.present else None,
+                   "network": device.station.joined.label if device.station.joined else None},
+        "stations": [{"name": visitor.name, "mac": visitor.mac, "here": visitor.mac in world.hostapd.stations}
+                     for visitor in device.plan.visitors],
+        "networks": [{"ssid": network.label, "bssid": network.bssid, "band": network.band, "channel": network.channel,
+                      "signal": device.air.signal(network), "security": network.security, "passphrase": network.passphrase,
+                      "hidden": network.hidden} for network in device.air.networks],
+        "units": {unit: systemd.states.get(unit) or ("active" if active else "inactive") for unit, active in systemd.active.items()},
+        "enabled": sorted(systemd.enabled),
+    }
+
+
+def _addresses(device: SimulatedDevice, interface: str) -> list[str]:
+    shown = device.world.sandbox.run(["/usr/sbin/ip", "-j", "-4", "addr", "show", "dev", interface])
+    return [f"{address['local']}/{address['prefixlen']}" for link in json.loads(shown.stdout or "[]") for address in link.get("addr_info", [])]
+
+
+def as_text(found: dict[str, Any]) -> str:
+    """The same for people."""
+    yes = {True: "yes", False: "no"}
+    radio, access_point, client = found["radio"], found["access_point"], found["client"]
+    blocked = [kind for kind in ("soft", "hard") if radio[f"{kind}_blocked"]]
+    lines = [
+        f"world         {found['world']}",
+        f"running       {', '.join(name for name, running in found['running'].items() if running)}",
+        f"radio         {' and '.join(blocked) + ' blocked' if blocked else 'on'}, wlan0 is {radio['interface_type']}, {radio['mhz']} MHz",
+        f"access point  " + (f"on the air as \"{access_point['ssid']}\"" if access_point["on_air"] else "not on the air"),
+        f"client        " + (f"{client['state']}" + (f", joined \"{client['network']}\"" if client["network"] else "")
+                             if client["state"] else "wpa_supplicant is not running"),
+        *(f"{name:<14}{', '.join(addresses) or 'no address'}" for name, addresses in found["addresses"].items()),
+        f"cable         {'plugged' if found['cable'] else 'unplugged'}",
+        "", "units",
+        *(f"  {unit:<42}{state}{' (enabled)' if unit in found['enabled'] else ''}" for unit, state in found["units"].items()),
+        "", "stations" if found["stations"] else "no stations in this world",
+        *(f"  {station['name']:<16}{station['mac']}  here: {yes[station['here']]}" for station in found["stations"]),
+        "", "networks" if found["networks"] else "no networks around",
+        *(f"  {network['signal']:4d} dBm  {network['band']:>3} GHz  {network['bssid']}  {network['security']:<11}"
+          f"{network['ssid']}{' (hidden)' if network['hidden'] else ''}"
+          for network in sorted(found["networks"], key=lambda network: -network["signal"])),
+    ]
+    return "\n".join(lines)
