@@ -180,6 +180,7 @@ def test_an_interface_that_is_gone_reads_as_empty_texts(world: World) -> None:
     world.up()
     assert world.sandbox.run(["/usr/sbin/ip", "link", "del", "wlan0"]).status == 0
     world.journal.wait_for(changed("IPAddress", ""))
+    world.journal.wait_for(log("info", "Successfully stopped and disabled udhcpd_eth0.service"))  # the last of that event
     assert read(world, "MacAddress") == Reading("s", "", [("warning", "[Main] Interface does not have MAC address")])
 
 
