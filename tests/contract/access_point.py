@@ -32,8 +32,8 @@ def as_file(entries: dict[str, str]) -> bytes:
 
 def override_logs(ssid: str = "Korrin One", hw_mode: str = "g") -> list[tuple[str, str]]:
     """The lines about what is set over the template."""
-    return [("info", f"[Hostapd] Setting 'acs_blacklist' to '{CHANNELS}'"), ("info", f"[Hostapd] Setting 'hw_mode' to '{hw_mode}'"),
-            ("info", f"[Hostapd] Setting 'ssid' to '{ssid}'")]
+    values = {"acs_blacklist": CHANNELS, "hw_mode": hw_mode, "ssid": ssid}
+    return [("info", f"[Hostapd] Setting '{key}' to '{value}'") for key, value in values.items()]
 
 
 def dump_logs(entries: dict[str, str]) -> list[tuple[str, str]]:

@@ -39,7 +39,8 @@ def test_odd_lines_of_the_template_are_kept_as_they_are(make_world: Callable[...
                              "crlf": "yes\r", "\r": "\r", " blank ": " kept ", "": "no key", "no value": "", "last": "last"})
     assert world.hostapd_conf.read_bytes() == as_file(entries)
     text = world.hostapd_conf.read_bytes()
-    for kept in (b"\n  # note=  # note\n", b"foo=foo\n", b"wpa_passphrase=a=b==\n", b"\ncrlf=yes\r\n", b"\r=\r\n", b" blank = kept \n"):
+    for kept in (b"\n  # note=  # note\n", b"foo=foo\n", b"wpa_passphrase=a=b==\n", b"\ncrlf=yes\r\n", b"\r=\r\n",
+                 b" blank = kept \n"):
         assert kept in text
     assert text.index(b"Zeta=") < text.index(b"acs_blacklist=") < text.index(b"hw_mode=") < text.index(b"ssid=")
     assert text.count(b"wpa=") == 1
