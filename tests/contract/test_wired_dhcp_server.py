@@ -117,7 +117,8 @@ def test_address_of_wlan0_stops_the_server_until_the_next_address_on_the_wire(st
 
 
 @pytest.mark.parametrize("line", ["console=tty0 root=/dev/nfs rw\n", "root=/dev/nfs", "x" * 486 + "root=/dev/nfs",
-                                  "noroot=/dev/nfsroot=1\nsecond line\n"])
+                                  "noroot=/dev/nfsroot=1\nsecond line\n"],
+                         ids=["among others", "alone", "last of 499 characters", "within a word"])
 def test_on_a_network_root_an_address_added_on_the_wire_stops_and_disables_the_server(world: World, line: str) -> None:
     world.set_kernel_command_line(line)
     world.tools.ip.output("")
@@ -128,7 +129,8 @@ def test_on_a_network_root_an_address_added_on_the_wire_stops_and_disables_the_s
     assert world.journal.count(call("EnableUnitFiles")) == 0
 
 
-@pytest.mark.parametrize("line", ["", "\nroot=/dev/nfs\n", "x" * 487 + "root=/dev/nfs", "root=/dev/nf s", "ROOT=/dev/nfs\n"])
+@pytest.mark.parametrize("line", ["", "\nroot=/dev/nfs\n", "x" * 487 + "root=/dev/nfs", "root=/dev/nf s", "ROOT=/dev/nfs\n"],
+                         ids=["empty", "in the second line", "beyond 499 characters", "with a blank", "in capitals"])
 def test_on_any_other_root_an_address_added_on_the_wire_starts_the_server(world: World, line: str) -> None:
     world.set_kernel_command_line(line)
     world.tools.ip.output("")
