@@ -3,9 +3,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <initializer_list>
+#include <iterator>
 #include <vector>
 
 #include <linux/netlink.h>
@@ -198,56 +201,64 @@ TEST_F(Machine, PassesOverAConfigurationThatIsAFolderOrFarTooLarge)
     EXPECT_EQ(display_name(root()), "Board");
 
     std::filesystem::remove_all(files.file("etc/korrin/device.conf"));
-    configure("model=K1\n" + std::string(std::size_t{1} << 20U, '#'));
+    std::string large = "model=K1\n";
+    large.resize(std::size_t{1} << 20U, '#');
+    configure(large);
     EXPECT_EQ(display_name(root()), "Board");
 }
 
-/** Attributes as the kernel lays them out: length and type, payload, padding to four bytes. */
-std::vector<std::byte> attribute(std::uint16_t type, const std::vector<std::byte>& payload)
+using Bytes = std::vector<std::byte>;
+
+/** The parts one after the other. */
+Bytes join(std::initializer_list<Bytes> parts)
 {
-    const nlattr header = {static_cast<std::uint16_t>(sizeof(nlattr) + payload.size()), type};
-    std::vector<std::byte> bytes(sizeof header);
-    std::memcpy(bytes.data(), &header, sizeof header);
-    bytes.insert(bytes.end(), payload.begin(), payload.end());
-    bytes.resize(static_cast<std::size_t>(NLA_ALIGN(bytes.size())));
-    return bytes;
+    Bytes whole;
+    for (const Bytes& part : parts) {
+        std::copy(part.begin(), part.end(), std::back_inserter(whole));
+    }
+    return whole;
 }
 
-std::vector<std::byte> operator+(std::vector<std::byte> left, const std::vector<std::byte>& right)
+/** An attribute as the kernel lays it out: length and type, payload, padding to four bytes. */
+Bytes attribute(std::uint16_t type, const Bytes& payload)
 {
-    left.insert(left.end(), right.begin(), right.end());
-    return left;
+    const nlattr header = {static_cast<std::uint16_t>(sizeof(nlattr) + payload.size()), type};
+    Bytes head(sizeof header);
+    std::memcpy(head.data(), &header, sizeof header);
+    return join({head, payload, Bytes(NLA_ALIGN(payload.size()) - payload.size())});
 }
 
 TEST(RadioBands, AreFoundAmongOtherAttributes)
 {
-    const auto name = attribute(NL80211_ATTR_WIPHY_NAME, std::vector<std::byte>(5));
-    const auto band_2ghz = attribute(NL80211_BAND_2GHZ, attribute(NL80211_BAND_ATTR_FREQS, {}));
-    const auto band_5ghz =
+    const Bytes name = attribute(NL80211_ATTR_WIPHY_NAME, Bytes(5));
+    const Bytes band_2ghz = attribute(NL80211_BAND_2GHZ, attribute(NL80211_BAND_ATTR_FREQS, {}));
+    const Bytes band_5ghz =
         attribute(NL80211_BAND_5GHZ | NLA_F_NESTED, attribute(NL80211_BAND_ATTR_FREQS, {}));
-    EXPECT_TRUE(attributes_offer_5ghz(
-        name + attribute(NL80211_ATTR_WIPHY_BANDS | NLA_F_NESTED, band_2ghz + band_5ghz)));
-    EXPECT_FALSE(attributes_offer_5ghz(name + attribute(NL80211_ATTR_WIPHY_BANDS | NLA_F_NESTED, band_2ghz)));
-    EXPECT_FALSE(attributes_offer_5ghz(name + attribute(NL80211_ATTR_WIPHY_BANDS, {})));
+    const auto bands = [](const Bytes& nested) {
+        return attribute(NL80211_ATTR_WIPHY_BANDS | NLA_F_NESTED, nested);
+    };
+    EXPECT_TRUE(attributes_offer_5ghz(join({name, bands(join({band_2ghz, band_5ghz}))})));
+    EXPECT_FALSE(attributes_offer_5ghz(join({name, bands(band_2ghz)})));
+    EXPECT_FALSE(attributes_offer_5ghz(join({name, bands({})})));
     EXPECT_FALSE(attributes_offer_5ghz(name));
     EXPECT_FALSE(attributes_offer_5ghz({}));
 }
 
 TEST(RadioBands, AreNotReadPastTheEndOfAMessageThatIsCutOff)
 {
-    const auto whole =
-        attribute(NL80211_ATTR_WIPHY_BANDS, attribute(NL80211_BAND_2GHZ, std::vector<std::byte>(8)) +
-                                                attribute(NL80211_BAND_5GHZ, std::vector<std::byte>(8)));
+    const Bytes whole =
+        attribute(NL80211_ATTR_WIPHY_BANDS,
+                  join({attribute(NL80211_BAND_2GHZ, Bytes(8)), attribute(NL80211_BAND_5GHZ, Bytes(8))}));
     ASSERT_TRUE(attributes_offer_5ghz(whole));
     for (std::size_t size = 0; size < whole.size(); ++size) {
-        const std::vector<std::byte> cut(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(size));
+        const Bytes cut(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(size));
         EXPECT_FALSE(attributes_offer_5ghz(cut)) << size; // the outer attribute no longer fits
     }
 }
 
 TEST(RadioBands, DoNotLoopOnAnAttributeWithoutLength)
 {
-    EXPECT_FALSE(attributes_offer_5ghz(std::vector<std::byte>(64)));
+    EXPECT_FALSE(attributes_offer_5ghz(Bytes(64)));
 }
 
 TEST(KorrinInfo, AnswersOnAnyMachine)
