@@ -1,0 +1,93 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "deadline.hpp"
+#include "failure.hpp"
+#include "support/sd_handles.hpp"
+#include "values.hpp"
+
+namespace client {
+
+/**
+ * The daemon's object on the user bus, and the connection to it.
+ *
+ * Nothing here starts the daemon: whether it runs is the device's business, and a question must not change
+ * the answer. What arrives while a synchronous call waits is kept, and handed on by step() in the order in
+ * which it was sent.
+ */
+class Daemon
+{
+public:
+    /** What follow() hands on; all of them are called from step(). */
+    struct Events
+    {
+        /** A property changed: the daemon's name of it, and the new value. */
+        std::function<void(const std::string& property, const Json& value)> changed;
+        /** A new list of networks in range: an array of objects. */
+        std::function<void(const Json& networks)> networks;
+        /** The daemon came to the bus (true) or left it. */
+        std::function<void(bool running)> presence;
+    };
+
+    /** The outcome of a call that was made without waiting: nothing, or why it failed. */
+    using Done = std::function<void(std::optional<Failure>)>;
+    using Got = std::function<void(Result<Json>)>;
+
+    /** Connects to the user bus. Without any word of where that is, the user's own place for it is tried. */
+    static Result<std::unique_ptr<Daemon>> connect(Deadline deadline);
+
+    Daemon(const Daemon&) = delete;
+    Daemon& operator=(const Daemon&) = delete;
+    ~Daemon();
+
+    /** Reads one property. */
+    Result<Json> get(const std::string& property, Deadline deadline);
+
+    /** Writes a property of type 's' or 'u'; the failure, or nothing. */
+    std::optional<Failure> set(const std::string& property, char type, const Json& value, Deadline deadline);
+
+    /** Calls a method with text arguments; the failure, or nothing. */
+    std::optional<Failure> call(const char* method, const std::vector<std::string>& arguments,
+                                Deadline deadline);
+
+    /** The same without waiting: `done` is called from step(). The arguments are treated as secret. */
+    void call_later(const char* method, const std::vector<std::string>& arguments, Done done,
+                    Deadline deadline);
+
+    /** Reads a property without waiting: `got` is called from step(). */
+    void get_later(const std::string& property, Got got, Deadline deadline);
+
+    /** From now on hands on what the daemon announces. To be called once. The failure, or nothing. */
+    std::optional<Failure> follow(Events events, Deadline deadline);
+
+    /** Handles one thing that has arrived, or waits for one until the deadline. Fails only when the bus is
+     * lost. */
+    std::optional<Failure> step(Deadline deadline);
+
+private:
+    struct Pending;
+
+    explicit Daemon(vantora::BusPtr bus);
+
+    std::optional<Failure> wait_for_bus(Deadline deadline);
+    Result<vantora::MessagePtr> make_call(const char* interface, const char* member) const;
+    Result<vantora::MessagePtr> send(vantora::MessagePtr request, Deadline deadline) const;
+    void send_later(Result<vantora::MessagePtr> request,
+                    std::function<void(Result<sd_bus_message*>)> answered, Deadline deadline);
+
+    static int on_reply(sd_bus_message* reply, void* userdata, sd_bus_error* error);
+    static int on_changed(sd_bus_message* signal, void* userdata, sd_bus_error* error);
+    static int on_networks(sd_bus_message* signal, void* userdata, sd_bus_error* error);
+    static int on_owner(sd_bus_message* signal, void* userdata, sd_bus_error* error);
+
+    std::vector<std::unique_ptr<Pending>> pending_; // outlives the bus, which may still point to them
+    Events events_;
+    vantora::BusPtr bus_;
+};
+
+} // namespace client

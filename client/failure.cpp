@@ -1,0 +1,71 @@
+#include "failure.hpp"
+
+#include <array>
+#include <cerrno>
+#include <string_view>
+#include <system_error>
+
+namespace client {
+
+namespace {
+
+constexpr std::string_view kPrefix = "org.freedesktop.DBus.Error.";
+
+bool is_one_of(std::string_view name, const auto& candidates)
+{
+    for (const std::string_view candidate : candidates) {
+        if (name == candidate) {
+            return true;
+        }
+    }
+    return false;
+}
+
+} // namespace
+
+Failure failure_of_call(const char* error_name, const char* message, int result)
+{
+    constexpr auto kAbsent = std::to_array<std::string_view>({"ServiceUnknown", "NameHasNoOwner"});
+    constexpr auto kGone = std::to_array<std::string_view>({"NoReply", "Disconnected"});
+
+    if (result == -ETIMEDOUT) {
+        return failure_of_time();
+    }
+    const std::string name = error_name == nullptr ? "" : error_name;
+    if (name.empty() || result == -ECONNRESET || result == -ENOTCONN) {
+        return failure_of_bus(result);
+    }
+    std::string_view short_name = name;
+    if (short_name.starts_with(kPrefix)) {
+        short_name.remove_prefix(kPrefix.size());
+    }
+    if (is_one_of(short_name, kAbsent)) {
+        return {ExitStatus::Unreachable, "the daemon is not running (nobody owns com.vantora.Network1)", name,
+                ""};
+    }
+    if (is_one_of(short_name, kGone)) {
+        Failure gone = failure_of_daemon_gone();
+        gone.error_name = name;
+        return gone;
+    }
+    const std::string text = message == nullptr ? "" : message;
+    return {ExitStatus::Refused, "the daemon refused", name, text.empty() ? name : text};
+}
+
+Failure failure_of_bus(int result)
+{
+    return {ExitStatus::Unreachable,
+            "the user bus cannot be reached: " + std::generic_category().message(-result), "", ""};
+}
+
+Failure failure_of_time()
+{
+    return {ExitStatus::TimedOut, "the daemon did not answer in time", "", ""};
+}
+
+Failure failure_of_daemon_gone()
+{
+    return {ExitStatus::Unreachable, "the daemon has left the bus in the middle of this", "", ""};
+}
+
+} // namespace client

@@ -1,0 +1,64 @@
+#include <clocale>
+#include <cstdio>
+
+#include "arguments.hpp"
+#include "commands.hpp"
+#include "daemon.hpp"
+#include "output.hpp"
+
+namespace {
+
+using namespace client;
+
+CommandFunction* function_of(Command command)
+{
+    switch (command) {
+    case Command::Status:
+        return run_status;
+    case Command::Scan:
+        return run_scan;
+    case Command::Connect:
+        return run_connect;
+    case Command::Disconnect:
+        return run_disconnect;
+    case Command::Monitor:
+        return run_monitor;
+    default:
+        return run_setting;
+    }
+}
+
+std::optional<Failure> run(const Arguments& arguments, Output& output)
+{
+    auto daemon = Daemon::connect(Clock::now() + arguments.timeout);
+    if (!daemon) {
+        return daemon.failure();
+    }
+    return function_of(arguments.command)(*daemon.value(), arguments, output);
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    std::setlocale(LC_CTYPE, "");
+
+    const auto parsed = parse_arguments(argc, argv);
+    if (const auto* const end = std::get_if<EarlyEnd>(&parsed); end != nullptr) {
+        std::fputs(end->text.c_str(), end->status == 0 ? stdout : stderr);
+        return end->status;
+    }
+
+    const auto& arguments = std::get<Arguments>(parsed);
+    Output output(arguments.json);
+    ExitStatus status = ExitStatus::Done;
+    if (const auto failure = run(arguments, output)) {
+        output.failure(*failure);
+        status = failure->status;
+    }
+    if (!output.complete()) {
+        std::fputs("vantora-wifi: standard output cannot be written\n", stderr);
+        status = status == ExitStatus::Done ? ExitStatus::Refused : status;
+    }
+    return static_cast<int>(status);
+}

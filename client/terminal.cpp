@@ -1,0 +1,64 @@
+#include "terminal.hpp"
+
+#include <cstdlib>
+#include <string_view>
+
+#include <langinfo.h>
+#include <unistd.h>
+
+namespace client {
+
+namespace {
+
+bool is_set(const char* name)
+{
+    const char* const value = std::getenv(name);
+    return value != nullptr && *value != '\0';
+}
+
+bool knows_colours(int descriptor)
+{
+    if (::isatty(descriptor) == 0 || is_set("NO_COLOR")) {
+        return false;
+    }
+    return is_set("TERM") && std::getenv("TERM") != std::string_view("dumb");
+}
+
+} // namespace
+
+Terminal Terminal::of(int descriptor)
+{
+    return {knows_colours(descriptor), ::nl_langinfo(CODESET) == std::string_view("UTF-8")};
+}
+
+std::string Terminal::before(Style style) const
+{
+    if (!coloured_) {
+        return {};
+    }
+    switch (style) {
+    case Style::Heading:
+        return "\033[1m";
+    case Style::Good:
+        return "\033[32m";
+    case Style::Bad:
+        return "\033[31m";
+    case Style::Faint:
+        return "\033[2m";
+    case Style::Plain:
+        break;
+    }
+    return {};
+}
+
+std::string Terminal::after(Style style) const
+{
+    return coloured_ && style != Style::Plain ? "\033[0m" : "";
+}
+
+std::string Terminal::styled(Style style, const std::string& text) const
+{
+    return before(style) + text + after(style);
+}
+
+} // namespace client

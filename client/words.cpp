@@ -1,0 +1,91 @@
+#include "words.hpp"
+
+#include <array>
+#include <string_view>
+
+#include "text.hpp"
+
+namespace client {
+
+namespace {
+
+struct Phrase
+{
+    std::string_view key;
+    std::string_view meaning;
+};
+
+std::string_view look_up(const auto& phrases, std::string_view key)
+{
+    for (const Phrase& phrase : phrases) {
+        if (phrase.key == key) {
+            return phrase.meaning;
+        }
+    }
+    return {};
+}
+
+} // namespace
+
+std::string state_meaning(const std::string& state)
+{
+    constexpr auto kMeanings = std::to_array<Phrase>({
+        {"off", "not a station, or the radio is off"},
+        {"", "nothing heard yet"},
+        {"interface_disabled", "the radio is blocked"},
+        {"inactive", "no network to look for"},
+        {"disconnected", "not connected"},
+        {"scanning", "looking for the network"},
+        {"authenticating", "introducing itself to the access point"},
+        {"associating", "asking the access point to be let in"},
+        {"associated", "let in by the access point"},
+        {"4way_handshake", "proving that it knows the passphrase"},
+        {"group_handshake", "getting the network's keys"},
+        {"completed", "connected"},
+        {"failed", "the passphrase was refused"},
+    });
+    return std::string(look_up(kMeanings, state));
+}
+
+Failure with_advice(Failure failure)
+{
+    constexpr auto kAdvice = std::to_array<Phrase>({
+        {"Wifi is off", "the radio is off; switch it on with 'vantora-wifi on'"},
+        {"WiFi is not in client mode",
+         "the device is an access point; make it a station with 'vantora-wifi mode client'"},
+        {"WiFi is in unknown mode",
+         "the device is neither access point nor station at the moment; try again, or set the mode"},
+        {"Failed to start AP scan", "the scan could not be started; the station may still be starting up"},
+        {"Failed to add network", "the network could not be set up; try again"},
+    });
+    if (const std::string_view advice = look_up(kAdvice, failure.daemon_text);
+        failure.status == ExitStatus::Refused && !advice.empty()) {
+        failure.text = advice;
+    }
+    return failure;
+}
+
+std::string waiting_reason(const std::string& last_state, const std::string& ssid)
+{
+    if (last_state == "completed") {
+        return "connected to \"" + ssid + "\", but the network gave no address in time";
+    }
+    if (last_state == "authenticating" || last_state == "associating" || last_state == "associated") {
+        return "an access point of \"" + ssid + "\" was found, but did not let the device in in time";
+    }
+    if (last_state == "4way_handshake" || last_state == "group_handshake") {
+        return "the exchange of keys with \"" + ssid + "\" did not end in time";
+    }
+    return "no access point of \"" + ssid + "\" that can be joined was found in time";
+}
+
+std::string told(const Failure& failure)
+{
+    std::string line = escaped(failure.text);
+    if (!failure.daemon_text.empty()) {
+        line += " (the daemon: \"" + escaped(failure.daemon_text) + "\")";
+    }
+    return line;
+}
+
+} // namespace client

@@ -1,0 +1,21 @@
+#pragma once
+
+#include <string>
+
+#include "failure.hpp"
+
+namespace client {
+
+/** What a state word of the station means to people; empty for a word that nobody knows. */
+std::string state_meaning(const std::string& state);
+
+/** Puts into words the daemon's own text means and what to do about it. */
+Failure with_advice(Failure failure);
+
+/** Why joining did not come to an end in time, told by the last state word. */
+std::string waiting_reason(const std::string& last_state, const std::string& ssid);
+
+/** The failure as one line for people, harmless to the terminal, with what the daemon said. */
+std::string told(const Failure& failure);
+
+} // namespace client
