@@ -143,12 +143,12 @@ def test_flood_of_events_while_properties_are_read(world: World) -> None:
     attached_up(world)
     spaced, world.hostapd.before_event = world.hostapd.before_event, None
     mark = world.journal.mark()
-    values = []
+    ready = []
     for number in range(5000):
         world.hostapd.event("AP-ENABLED ")
         if number % 500 == 0:
-            values.append(world.get("WiFiAccessPointInitialised"))
-    assert len(values) == 10
+            ready.append(world.get("WiFiAccessPointInitialised"))
+    assert len(ready) == 10
     # hostapd drops what does not fit into the socket; what was received was also announced.
     # What an announcement carries is read when it is sent: all have to be out before the value changes.
     assert spaced is not None
@@ -160,8 +160,8 @@ def test_flood_of_events_while_properties_are_read(world: World) -> None:
     world.settle()
     reactions = world.journal.count(log("info", "wifi_host_ap_initialised: AP State: READY"), mark)
     assert reactions >= 10
-    values = [value for _, value in world.journal.changes(mark)]
-    assert values == [True] * reactions + [False]
+    announced = [value for _, value in world.journal.changes(mark)]
+    assert announced == [True] * reactions + [False]
     assert world.get("WiFiAccessPointInitialised") is False
 
 
