@@ -7,6 +7,12 @@ namespace {
 
 constexpr const char* kSocketDirectory = "/var/run/hostapd";
 
+/**
+ * How many stations that have left are remembered: as many as hostapd can list at a time. Phones show a new
+ * address at each visit, so without a limit the list would grow for as long as the access point is up.
+ */
+constexpr size_t kMaxDisconnectedStations = 2007;
+
 const auto listener = std::make_shared<HostapdSocketListner>();
 
 /** What follows the first blank of an event; the whole event when it has none. */
@@ -41,6 +47,9 @@ void HostapdSocketListner::SignalEvent(const char* message)
         {
             const std::lock_guard lock(stationsMutex_);
             disconnectedStations_.push_back(station);
+            if (disconnectedStations_.size() > kMaxDisconnectedStations) {
+                disconnectedStations_.erase(disconnectedStations_.begin());
+            }
         }
         StationDisconnectedSignal.emit(station);
     } else if (contains("AP-ENABLED")) {

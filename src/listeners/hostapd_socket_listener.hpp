@@ -16,7 +16,8 @@ public:
     /**
      * Acts on the first of these texts that the message contains: "AP-STA-CONNECTED", "AP-STA-DISCONNECTED",
      * "AP-ENABLED", "AP-DISABLED", "CTRL-EVENT-T". The station text is all that follows the message's first
-     * blank, or the whole message when it has none. A null message is ignored.
+     * blank, or the whole message when it has none. A null message is ignored. Of stations that have left,
+     * the latest 2,007 are remembered.
      */
     void SignalEvent(const char* message) override;
 

@@ -85,6 +85,19 @@ TEST_F(HostapdListener, a_disconnect_is_remembered_before_it_is_announced)
     EXPECT_EQ(disconnected, 1);
 }
 
+TEST_F(HostapdListener, the_latest_2007_stations_that_left_are_remembered_and_no_more)
+{
+    constexpr int kLimit = 2007;
+    listener.SignalEvent("<3>AP-STA-DISCONNECTED 11:22:33:44:55:66");
+    EXPECT_EQ(listener.IsStationDisconnected(kStation.c_str()), 1);
+    for (int i = 0; i < kLimit - 1; ++i) {
+        listener.SignalEvent("<3>AP-STA-DISCONNECTED 00:00:00:00:00:01");
+    }
+    EXPECT_EQ(listener.IsStationDisconnected(kStation.c_str()), 1);
+    listener.SignalEvent("<3>AP-STA-DISCONNECTED 00:00:00:00:00:01");
+    EXPECT_EQ(listener.IsStationDisconnected(kStation.c_str()), 0);
+}
+
 TEST_F(HostapdListener, the_station_text_is_all_behind_the_first_blank)
 {
     listener.SignalEvent("<3>AP-STA-CONNECTED 11:22:33:44:55:66 keyid=phone  x ");
