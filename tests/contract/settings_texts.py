@@ -9,7 +9,6 @@ _WITH = f"int32_t = int; std::__cxx11::string = {_STRING}]"
 GET_BOOL = f"static int32_t {_CLASS}::GetSetting(const string&, const string&, T&) [with T = bool; {_WITH}"
 GET_STRING = f"static int32_t {_CLASS}::GetSetting(const string&, const string&, T&) [with T = {_STRING}; {_WITH}"
 SET_STRING = f"static int32_t {_CLASS}::SetSetting(const string&, const string&, T) [with T = {_STRING}; {_WITH}"
-LISTEN = f"int32_t {_CLASS}::Listen()"
 PROPERTIES_CHANGED = f"static int32_t {_CLASS}::PropertiesChanged(sd_bus_message*, void*, sd_bus_error*)"
 
 ABSENT = "The name com.vantora.common.Settings1 was not provided by any .service files"
