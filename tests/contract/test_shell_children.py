@@ -43,6 +43,14 @@ def signal_mask(pid: int, name: str) -> int:
     return int(re.search(rf"^{name}:\s*([0-9a-f]+)$", status, re.MULTILINE)[1], 16)  # type: ignore[index]
 
 
+def wait_for_open_mask(pid: int) -> None:
+    """Wait until a process blocks no signal: the shell does for a moment while it starts a command."""
+    deadline = time.monotonic() + 5
+    while signal_mask(pid, "SigBlk") != 0:
+        assert time.monotonic() < deadline, f"blocked: {signal_mask(pid, 'SigBlk'):x}"
+        time.sleep(0.005)
+
+
 def descriptors(pid: int) -> dict[int, str]:
     folder = Path(f"/proc/{pid}/fd")
     return {int(name): os.readlink(folder / name) for name in os.listdir(folder)}
@@ -64,7 +72,7 @@ def test_commands_start_with_default_signals_and_standard_descriptors_only(world
     world.journal.wait_for(command(line), mark)
     children = wait_for_descendants(daemon.pid, processes)
     for pid, name in children.items():
-        assert signal_mask(pid, "SigBlk") == 0
+        wait_for_open_mask(pid)
         assert signal_mask(pid, "SigIgn") & ~C_LIBRARYS_OWN == 0
         opened = descriptors(pid)
         own = {3: opened.get(3)} if name == tool else {}  # the stand-in's connection to the world

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <array>
+#include <memory>
 #include <stdexcept>
 #include <string>
 
@@ -69,6 +70,13 @@ public:
     }
 
 private:
+    /** Closed without a flush, which would wait for the other end, served by the same thread. */
+    struct Close
+    {
+        void operator()(sd_bus* bus) const { sd_bus_close_unref(bus); }
+    };
+    using ConnectionPtr = std::unique_ptr<sd_bus, Close>;
+
     static int take_answer(sd_bus_message* message, void* answer, sd_bus_error*)
     {
         *static_cast<sd_bus_message**>(answer) = sd_bus_message_ref(message);
@@ -83,11 +91,11 @@ private:
         return result;
     }
 
-    static vantora::BusPtr open(int fd, bool service)
+    static ConnectionPtr open(int fd, bool service)
     {
         sd_bus* bus = nullptr;
         check(sd_bus_new(&bus));
-        vantora::BusPtr opened(bus);
+        ConnectionPtr opened(bus);
         check(sd_bus_set_fd(bus, fd, fd));
         check(sd_bus_set_trusted(bus, 1)); // as on a user bus
         if (service) {
@@ -98,8 +106,8 @@ private:
         return opened;
     }
 
-    vantora::BusPtr service_;
-    vantora::BusPtr client_;
+    ConnectionPtr service_;
+    ConnectionPtr client_;
 };
 
 } // namespace testing_support
