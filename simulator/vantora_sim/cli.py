@@ -70,7 +70,9 @@ def main(argv: list[str]) -> int:
                     signal.signal(number, signal.SIG_IGN)  # the end is under way
     except KeyboardInterrupt:
         return 0
-    except (SandboxError, WorldFileError, CallRefused, RuntimeError, OSError) as error:
+    except SandboxError as error:
+        return _complain(f"no sandbox can be made here: {error}")
+    except (WorldFileError, CallRefused, RuntimeError, OSError) as error:
         return _complain(str(error))
 
 

@@ -56,7 +56,7 @@ class Control:
         try:
             request = json.loads(line)
             command = request.pop("command")
-        except (ValueError, AttributeError, KeyError):
+        except (ValueError, TypeError, AttributeError, KeyError):
             return {"error": "a request is an object with \"command\""}
         try:
             text = run(self._device, command, request)

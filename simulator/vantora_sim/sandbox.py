@@ -120,6 +120,12 @@ class Process:
             os.kill(self.pid, number)
         except ProcessLookupError:
             pass
+        if number != signal.SIGSTOP:
+            self.wake_keeper()
+
+    def wake_keeper(self) -> None:
+        """nsenter, which waits for the program, stops itself when the program is stopped, and would then not see its end."""
+        self._enter.send_signal(signal.SIGCONT)
 
     def wait(self, timeout: float = DEADLINE) -> int:
         """Wait for its end and return the status."""
@@ -200,6 +206,7 @@ class Sandbox:
         self._keeper.stdout.close()
         self._keeper.stderr.close()
         for process in self._processes:
+            process.wake_keeper()
             process.wait()
 
     def _enter_command(self) -> list[str]:

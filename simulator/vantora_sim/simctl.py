@@ -104,14 +104,18 @@ def find_device() -> Path:
     """The control socket of the only device of this user."""
     if CONTROL_VARIABLE in os.environ:
         return Path(os.environ[CONTROL_VARIABLE])
-    folders = {Path(tempfile.gettempdir()), Path("/tmp")}
-    found = sorted({path for folder in folders for path in folder.glob(f"{WORK_PREFIX}*/{CONTROL_SOCKET}")
+    found = sorted({path for folder in _folders() for path in folder.glob(f"{WORK_PREFIX}*/{CONTROL_SOCKET}")
                     if path.parent.stat().st_uid == os.geteuid() and _answers(path)})
     if not found:
         raise NotRunning("no vantora-sim of this user is running")
     if len(found) > 1:
         raise NotRunning("several are running, choose one with --control: " + " ".join(map(str, found)))
     return found[0]
+
+
+def _folders() -> set[Path]:
+    """Where devices have their work folders."""
+    return {Path(tempfile.gettempdir()), Path("/tmp")}
 
 
 def _answers(path: Path) -> bool:

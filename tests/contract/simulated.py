@@ -1,0 +1,141 @@
+"""What the tests of the simulated device share: a small world, devices in it, and vantora-simctl."""
+
+from __future__ import annotations
+
+import json
+import time
+from collections.abc import Callable, Iterator
+from pathlib import Path
+from typing import Any
+
+import pytest
+from conftest import ROOT
+from vantora_sim import plain
+from vantora_sim.device import SimulatedDevice
+from vantora_sim.plan import Network, Plan, Visitor
+from vantora_sim.simctl import main as simctl_main
+
+SIMULATOR = ROOT / "simulator"
+PYTHON = "/usr/bin/python3"
+
+KEY = "right and proper"
+OTHER_ADDRESS = "02:00:00:00:50:02"
+
+
+def small_plan(mode: str = "Host", **changes: Any) -> Plan:
+    """One network of each kind that matters, and two stations that wait to be told."""
+    networks = [
+        Network(b"secured", "02:00:00:00:50:01", channel=1, signal=-50, passphrase=KEY, address="10.7.0.2/24"),
+        Network(b"open", OTHER_ADDRESS, channel=11, signal=-55, security="open", address="10.8.0.2/24"),
+        Network(b"no dhcp", "02:00:00:00:50:03", signal=-60, passphrase=KEY, address=None),
+        Network(b"concealed", "02:00:00:00:50:04", signal=-45, passphrase=KEY, hidden=True),
+        Network(b"fast", "02:00:00:00:50:05", band="5", channel=36, signal=-58, passphrase=KEY),
+    ]
+    visitors = [Visitor("phone", "02:00:00:00:60:01"), Visitor("tablet", "02:00:00:00:60:02")]
+    plan = Plan("small", {}, networks, visitors, {"network": {"mode": mode}})
+    for name, value in changes.items():
+        setattr(plan, name, value)
+    return plan
+
+
+@pytest.fixture
+def make_device(build_dir: Path, request: pytest.FixtureRequest) -> Iterator[Callable[..., SimulatedDevice]]:
+    """Makes devices that are up: `make_device(small_plan("Client"))`. After the test each must end as it should."""
+    devices: list[SimulatedDevice] = []
+    request.node.worlds = []
+
+    def make(plan: Plan | None = None, **arguments: Any) -> SimulatedDevice:
+        device = SimulatedDevice(plan or small_plan(), build_dir, **arguments)
+        request.node.worlds.append(device.world)
+        devices.append(device)
+        device.__enter__()
+        device.wait_up()
+        return device
+
+    try:
+        yield make
+        for device in devices:
+            assert device.shut_down() == 0
+            assert device.world.sanitizer_reports() == ""
+    finally:
+        for device in devices:
+            device.close()
+
+
+@pytest.fixture
+def device(make_device: Callable[..., SimulatedDevice]) -> SimulatedDevice:
+    """An access point in the small world."""
+    return make_device()
+
+
+@pytest.fixture
+def client(make_device: Callable[..., SimulatedDevice]) -> SimulatedDevice:
+    """A station in the small world, not connected, with wpa_supplicant there."""
+    device = make_device(small_plan("Client"))
+    device.world.journal.wait_until(lambda: device.world.wpa.present, "wpa_supplicant")
+    return device
+
+
+@pytest.fixture
+def simctl(monkeypatch: pytest.MonkeyPatch, capsys: pytest.CaptureFixture[str],
+           request: pytest.FixtureRequest) -> Callable[..., tuple[int, str]]:
+    """Runs vantora-simctl against the test's device: `simctl("join", "phone")` gives exit status and what was printed."""
+    def run(*arguments: str) -> tuple[int, str]:
+        world = request.node.worlds[0]
+        monkeypatch.setenv("VANTORA_SIM_CONTROL", str(world.work / "control"))
+        capsys.readouterr()
+        status = simctl_main(list(arguments))
+        printed = capsys.readouterr()
+        return status, (printed.out + printed.err).strip()
+    return run
+
+
+def shown(simctl: Callable[..., tuple[int, str]]) -> Any:
+    """What `vantora-simctl show --json` says."""
+    status, text = simctl("show", "--json")
+    assert status == 0, text
+    return json.loads(text)
+
+
+def state_words(device: SimulatedDevice, since: int = 0) -> list[str]:
+    """The state words of wpa_supplicant in the order in which the daemon heard them."""
+    begin = "[WPA Supplicant] State change: "
+    return [text.split("'")[3] for _, text in device.world.journal.logs(since) if text.startswith(begin)]
+
+
+def wait_for_state(device: SimulatedDevice, word: str, since: int = 0) -> None:
+    """Wait until the daemon has heard this state word."""
+    device.world.journal.wait_until(lambda: word in state_words(device, since), f"state {word}", since=since)
+
+
+def kernel_addresses(device: SimulatedDevice, interface: str = "wlan0") -> list[str]:
+    """IPv4 addresses of an interface in the kernel."""
+    found = json.loads(device.world.sandbox.sh(f"/usr/sbin/ip -j -4 addr show dev {interface}").stdout or "[]")
+    return [f"{address['local']}/{address['prefixlen']}" for link in found for address in link.get("addr_info", [])]
+
+
+def connect(device: SimulatedDevice, ssid: str = "secured", key: str = KEY) -> None:
+    """Join a network and wait until the association is complete and the address, if it gives one, is there."""
+    mark = device.world.journal.mark()
+    device.world.call("Connect", "ss", [ssid, key])
+    wait_for_state(device, "completed", mark)
+    if device.station.joined is not None and device.station.joined.address is not None:
+        address = device.station.joined.address
+        wait_until(device, lambda: kernel_addresses(device) == [address], f"the address {address}")
+
+
+def wait_until(device: SimulatedDevice, condition: Callable[[], bool], what: str, timeout: float = 20) -> None:
+    """Wait for what is in no journal."""
+    deadline = time.monotonic() + timeout
+    while not condition():
+        assert time.monotonic() < deadline, f"waited in vain for {what}\n{device.world.journal.dump()}"
+        time.sleep(0.02)
+
+
+def names(value: Any) -> list[str]:
+    """The names in a list of access points."""
+    return [name for name, *_ in plain(value)]
+
+
+__all__ = ["KEY", "OTHER_ADDRESS", "PYTHON", "SIMULATOR", "client", "connect", "device", "kernel_addresses", "make_device",
+           "names", "shown", "simctl", "small_plan", "state_words", "wait_for_state", "wait_until"]

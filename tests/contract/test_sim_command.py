@@ -1,0 +1,228 @@
+"""The commands vantora-sim and vantora-simctl as programs: exit status, environment, signals, persistence, users, the tour."""
+
+from __future__ import annotations
+
+import json
+import os
+import pwd
+import shutil
+import signal
+import subprocess
+import tempfile
+import time
+from collections.abc import Callable, Iterator
+from pathlib import Path
+
+import pytest
+from conftest import ROOT
+from simulated import PYTHON, SIMULATOR
+from vantora_sim import places, simctl
+
+TARGET = "com.vantora.Network1 /com/vantora/Network1 com.vantora.Network1.WiFi"
+SETTING = "com.vantora.common.Settings1 /com/vantora/common/Settings1/device com.vantora.common.Settings1 deviceName"
+SETPRIV = "/usr/bin/setpriv"
+
+
+def vantora_sim(build_dir: Path, *arguments: str | Path, before: tuple[str | Path, ...] = (),
+                program: Path = SIMULATOR / "vantora-sim") -> subprocess.CompletedProcess[str]:
+    """Run it to its end."""
+    return subprocess.run([*before, PYTHON, program, "--build-dir", build_dir, *arguments], capture_output=True, text=True,
+                          stdin=subprocess.DEVNULL, timeout=100)
+
+
+def in_shell(build_dir: Path, script: str, *options: str | Path) -> subprocess.CompletedProcess[str]:
+    """Run a shell script in reach of a device."""
+    return vantora_sim(build_dir, *options, "--", "/bin/sh", "-c", script)
+
+
+def test_command_reaches_both_buses_and_its_status_is_passed_on(build_dir: Path) -> None:
+    ran = in_shell(build_dir, f"busctl --user get-property {TARGET} Mode IPAddress; "
+                   "busctl --system status org.freedesktop.systemd1 >/dev/null && echo system; "
+                   f"{PYTHON} {SIMULATOR}/vantora-simctl join tablet; exit 7")
+    assert ran.returncode == 7, ran.stderr
+    assert ran.stdout == 's "Host"\ns "192.168.8.1"\nsystem\ntablet has joined\n'
+    for line in ("  user bus    unix:path=", "  Mode                        \"Host\"", f"  busctl --user call {TARGET} Scan"):
+        assert line in ran.stderr
+
+
+@pytest.mark.parametrize(("command", "status", "complaint"), [
+    (("/bin/sh", "-c", "kill -9 $$"), 137, ""),
+    (("/no/such/program",), 127, "vantora-sim: /no/such/program: not found\n"),
+    (("/etc/passwd",), 126, "vantora-sim: /etc/passwd: Permission denied\n"),
+])
+def test_command_that_is_killed_or_cannot_run(build_dir: Path, command: tuple[str, ...], status: int, complaint: str) -> None:
+    ran = vantora_sim(build_dir, "--", *command)
+    assert ran.returncode == status
+    assert ran.stderr.endswith(complaint)
+
+
+def test_settings_persist_in_the_state_folder(build_dir: Path, tmp_path: Path) -> None:
+    world = tmp_path / "world.json"
+    world.write_text('{ "name": "mine", "settings": { "device": { "deviceName": "Given" } } }')
+    state = tmp_path / "new/state"
+    first = in_shell(build_dir, f"busctl --user get-property {TARGET} SSID; busctl --user set-property {TARGET} SSID s Written",
+                     "--world", world, "--state", state)
+    assert (first.returncode, first.stdout) == (0, 's "Given"\n'), first.stderr
+    assert "Written" in (state / "settings.json").read_text()
+    second = in_shell(build_dir, f"busctl --user get-property {TARGET} SSID; busctl --user get-property {SETTING}",
+                      "--world", world, "--state", state)
+    assert (second.returncode, second.stdout) == (0, 's "Written"\ns "Written"\n'), second.stderr
+    without = in_shell(build_dir, f"busctl --user get-property {TARGET} SSID", "--world", world)
+    assert without.stdout == 's "Given"\n'
+
+
+@pytest.fixture
+def short_folder() -> Iterator[Path]:
+    """A folder for temporary files whose name leaves room for the addresses of sockets."""
+    with tempfile.TemporaryDirectory(prefix="v", dir="/tmp") as folder:
+        yield Path(folder)
+
+
+@pytest.fixture
+def staying(build_dir: Path, short_folder: Path) -> Iterator[Callable[..., "subprocess.Popen[str]"]]:
+    """Starts a device that stays, in a process group of its own; returns when it says that it is up."""
+    started: list[subprocess.Popen[str]] = []
+
+    def start(*options: str) -> "subprocess.Popen[str]":
+        environment = {name: value for name, value in os.environ.items() if name != "VANTORA_SIM_CONTROL"}
+        process = subprocess.Popen([PYTHON, SIMULATOR / "vantora-sim", "--build-dir", build_dir, *options], text=True,
+                                   env={**environment, "TMPDIR": str(short_folder)}, process_group=0,
+                                   stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+        started.append(process)
+        assert process.stdout is not None
+        seen: list[str] = []
+        while not (seen and seen[-1].startswith("What happens from now on")):
+            seen.append(process.stdout.readline())
+            assert seen[-1], "".join(seen)
+        process.seen = "".join(seen)  # type: ignore[attr-defined]
+        return process
+
+    yield start
+    for process in started:
+        if process.poll() is None:
+            process.kill()
+        process.wait()
+        assert process.stdout is not None
+        process.stdout.close()
+
+
+@pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM, signal.SIGHUP])
+def test_device_that_stays_ends_cleanly(staying: Callable[..., "subprocess.Popen[str]"], number: signal.Signals) -> None:
+    process = staying()
+    text = process.seen  # type: ignore[attr-defined]
+    bus = next(line.split("unix:path=")[1] for line in text.splitlines() if line.startswith("  user bus"))
+    assert Path(bus).exists()
+    for line in ("The device starts.", '  SSID                        "Korrin One-3456"', "  WiFiAccessPointInitialised  true",
+                 f"  export DBUS_SESSION_BUS_ADDRESS=unix:path={bus}"):
+        assert line in text.splitlines()
+    os.killpg(process.pid, number)  # as a terminal does
+    assert process.wait(60) == 0
+    assert not Path(bus).parents[3].exists()
+
+
+def test_device_that_stays_shows_changes_and_obeys_simctl(staying: Callable[..., "subprocess.Popen[str]"], short_folder: Path) -> None:
+    process = staying("-v")
+    (control,) = short_folder.glob("vantora-sim-*/control")
+    found = subprocess.run([PYTHON, SIMULATOR / "vantora-simctl", "--control", control, "join", "laptop"],
+                           capture_output=True, text=True, timeout=60)
+    assert (found.returncode, found.stdout) == (0, "laptop has joined\n"), found.stderr
+    assert process.stdout is not None
+    wanted = ["outside: laptop has joined", "log info: ListenTask: Recv <3>AP-STA-CONNECTED 02:00:00:00:40:03",
+              "WiFiConnectedClients = 1", "hostapd STA-FIRST", "command rfkill list wlan"]
+    deadline = time.monotonic() + 30
+    while wanted:
+        line = process.stdout.readline()
+        wanted = [text for text in wanted if not line.strip().endswith(f"s  {text}")]
+        assert line and time.monotonic() < deadline, wanted
+
+
+def test_simctl_finds_the_only_device_of_its_user(staying: Callable[..., "subprocess.Popen[str]"], short_folder: Path,
+                                                  monkeypatch: pytest.MonkeyPatch) -> None:
+    monkeypatch.delenv("VANTORA_SIM_CONTROL", raising=False)
+    monkeypatch.setattr(simctl, "_folders", lambda: {short_folder})
+    with pytest.raises(simctl.NotRunning, match="no vantora-sim of this user is running"):
+        simctl.find_device()
+    staying()
+    assert json.loads(simctl.ask(simctl.find_device(), {"command": "show"})["text"])["world"] == "home"
+    staying()
+    with pytest.raises(simctl.NotRunning, match="several are running"):
+        simctl.find_device()
+
+
+def test_tour_does_and_checks_every_step(build_dir: Path) -> None:
+    ran = vantora_sim(build_dir, "--demo")
+    assert ran.returncode == 0, ran.stdout + ran.stderr
+    steps = [line for line in ran.stdout.splitlines() if line[:1].isdigit()]
+    assert [step.split(". ")[0] for step in steps] == [str(number) for number in range(1, 11)]
+    shown = [line.split(" s  ")[1] for line in ran.stdout.splitlines() if " s  " in line]
+    for change in ('Mode = "Host"', "WiFiConnectedClients = 2", 'WiFiFrequency = "5"', 'SSID = "Living Room"', 'Mode = "Client"',
+                   'WiFiClientState = "failed"', 'WiFiClientState = "completed"', 'IPAddress = "192.168.1.50"', "WiFiState = 0"):
+        assert change in shown
+    assert ran.stdout.splitlines()[-1].startswith("All steps done and checked in ")
+
+
+def test_tour_fails_when_a_step_does(build_dir: Path, tmp_path: Path) -> None:
+    """A network with the right name and passphrase that nobody can hold: scanned, but never joined."""
+    world = tmp_path / "world.json"
+    world.write_text('{ "name": "far", "networks": [ {"ssid": "far away", "signal": -95, "passphrase": "12345678"} ],'
+                     ' "stations": [ {"name": "a"}, {"name": "b"} ] }')
+    ran = vantora_sim(build_dir, "--demo", "--world", world)
+    assert ran.returncode == 1
+    assert "FAILED: AccessPoints is []" in ran.stdout and "All steps done" not in ran.stdout
+
+
+@pytest.fixture
+def ordinary_user(build_dir: Path) -> Iterator[tuple[tuple[str, ...], Path, Path]]:
+    """How to run something as an ordinary user, and copies of the simulator and the programs that such a user can read."""
+    folder = Path("/tmp") / f"vantora-ordinary-{os.getpid()}"
+    (folder / "docs").mkdir(parents=True)
+    try:
+        shutil.copytree(SIMULATOR, folder / "simulator", ignore=shutil.ignore_patterns("__pycache__"))
+        shutil.copy(places.schema(), folder / "docs")
+        (folder / "build").mkdir()
+        for name in places.PROGRAMS:
+            shutil.copy(build_dir / name, folder / "build")
+        subprocess.run(["/usr/bin/chmod", "-R", "a+rX", folder], check=True)
+        become: tuple[str, ...] = ()
+        if os.geteuid() == 0:
+            nobody = pwd.getpwnam("nobody")
+            become = (SETPRIV, f"--reuid={nobody.pw_uid}", f"--regid={nobody.pw_gid}", "--clear-groups", "--inh-caps=-all")
+        yield become, folder / "simulator/vantora-sim", folder / "build"
+    finally:
+        shutil.rmtree(folder, ignore_errors=True)
+
+
+def test_ordinary_user_has_the_whole_device(ordinary_user: tuple[tuple[str, ...], Path, Path]) -> None:
+    become, program, build = ordinary_user
+    ran = vantora_sim(build, "--", "/bin/sh", "-c", f"id -u; busctl --user get-property {TARGET} Mode IPAddress; exit 3", before=become,
+                      program=program)
+    assert ran.returncode == 3, ran.stderr
+    user, mode, address = ran.stdout.splitlines()
+    assert user != "0" and (mode, address) == ('s "Host"', 's "192.168.8.1"')
+
+
+def test_where_no_sandbox_is_possible_one_line_says_why(ordinary_user: tuple[tuple[str, ...], Path, Path]) -> None:
+    become, program, build = ordinary_user
+    # A user namespace that lets nobody in it make another, entered without any right over it.
+    forbid = ("/usr/bin/unshare", "--user", "--map-root-user", "/bin/sh", "-c",
+              'echo 0 >/proc/sys/user/max_user_namespaces && exec /usr/bin/setpriv --bounding-set=-all --inh-caps=-all "$@"', "sh")
+    ran = vantora_sim(build, before=(*become, *forbid), program=program)
+    assert (ran.returncode, ran.stdout) == (1, "")
+    assert ran.stderr.startswith("vantora-sim: no sandbox can be made here: ") and ran.stderr.count("\n") == 1
+
+
+def test_wrong_command_lines_are_refused(build_dir: Path, tmp_path: Path) -> None:
+    assert vantora_sim(build_dir, "--no-such-option").returncode == 2
+    both = vantora_sim(build_dir, "--demo", "--", "true")
+    assert (both.returncode, both.stderr) == (2, "vantora-sim: --demo takes no COMMAND\n")
+    unbuilt = vantora_sim(tmp_path)
+    assert (unbuilt.returncode, unbuilt.stderr) == (
+        1, f"vantora-sim: {tmp_path} holds no {', '.join(places.PROGRAMS)}: build first, or give --build-dir\n")
+    (tmp_path / "w.json").write_text("{}")
+    wrong = vantora_sim(build_dir, "--world", tmp_path / "w.json")
+    assert (wrong.returncode, wrong.stderr) == (1, f'vantora-sim: {tmp_path}/w.json:1: "name" is missing\n')
+
+
+def test_run_script_is_a_thin_call() -> None:
+    helped = subprocess.run([ROOT / "scripts/run", "--help"], capture_output=True, text=True, timeout=60)
+    assert helped.returncode == 0 and helped.stdout.startswith("Usage: scripts/run [OPTION]... [-- COMMAND...]")
