@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import argparse
 import os
+import shutil
 import signal
 import subprocess
 import sys
@@ -88,7 +89,16 @@ def _complain(text: str, status: int = _FAILED) -> int:
 def _introduce(device: SimulatedDevice, out: TextIO) -> None:
     print(f"\nThe device is up: world \"{device.plan.name}\", {len(device.plan.networks)} networks around.\n\n"
           f"{view.addresses(device)}\n\n{view.table(device)}\n\n"
-          f"Talk to it from another terminal:\n\n{view.instructions(device)}\n", file=out, flush=True)
+          f"Talk to it from another terminal:\n\n{view.instructions(device)}\n\n"
+          f"Change what is around it: {_simctl()} --help\n", file=out, flush=True)
+
+
+def _simctl() -> str:
+    """How vantora-simctl is called from here: it stands beside this program."""
+    path = Path(sys.argv[0]).resolve().with_name("vantora-simctl")
+    if shutil.which(path.name) == str(path):
+        return path.name
+    return str(path.relative_to(Path.cwd())) if path.is_relative_to(Path.cwd()) else str(path)
 
 
 def _stay(device: SimulatedDevice, out: TextIO, verbose: bool) -> int:

@@ -17,7 +17,7 @@ from typing import Any
 
 from dbus_next import Variant
 
-from . import settings, units
+from . import places, settings, units
 from .access_point import AccessPoint
 from .activity import Activity
 from .air import Air
@@ -43,8 +43,8 @@ class SimulatedDevice:
         """`state` is a folder in which the settings persist; without it every device is new."""
         self.plan = plan
         self._state = state.resolve() if state is not None else None
-        self.world = World(build, device=plan.device, exposed=[self._state] if self._state else [],
-                           lasting=True)
+        self.world = World(build, device=plan.device, lasting=True,
+                           exposed=[*([self._state] if self._state else []), *places.hidden_programs(build)])
         self.world.follow_units = False
         self.world.hostapd.before_event = None
         radio_type = int({**DEVICE, **plan.device}["radio_type"])

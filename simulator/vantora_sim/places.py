@@ -9,6 +9,7 @@ _ROOT = _PACKAGE.parents[1]
 _IN_SOURCE_TREE = (_ROOT / "simulator/sandbox").is_dir()
 _SHARE = _PACKAGE.parent
 
+_COVERED = ("dev", "etc", "run", "tmp")
 PROGRAMS = ("vantora-network", "vantora-settingsd", "vantora-sim-sandbox", "vantora-sim-tool")
 
 
@@ -25,6 +26,12 @@ def worlds() -> Path:
 def schema() -> Path:
     """The description of world files."""
     return _ROOT / "docs/world.schema.json" if _IN_SOURCE_TREE else _SHARE / "world.schema.json"
+
+
+def hidden_programs(build: Path) -> list[Path]:
+    """Folders outside of this one in which its programs really are, and which a sandbox covers with its own."""
+    folders = {(build / name).resolve().parent for name in PROGRAMS} - {build.resolve()}
+    return sorted(folder for folder in folders if folder.parts[1] in _COVERED)
 
 
 def missing(build: Path) -> list[str]:

@@ -226,3 +226,18 @@ def test_wrong_command_lines_are_refused(build_dir: Path, tmp_path: Path) -> Non
 def test_run_script_is_a_thin_call() -> None:
     helped = subprocess.run([ROOT / "scripts/run", "--help"], capture_output=True, text=True, timeout=60)
     assert helped.returncode == 0 and helped.stdout.startswith("Usage: scripts/run [OPTION]... [-- COMMAND...]")
+
+
+def test_installed_below_any_prefix_it_finds_its_parts(build_dir: Path) -> None:
+    with tempfile.TemporaryDirectory(prefix="vantora-installed-", dir="/tmp") as folder:
+        prefix = Path(folder)
+        subprocess.run(["/usr/bin/cmake", "--install", build_dir, "--prefix", prefix, "--component", "simulator"], check=True,
+                       capture_output=True, timeout=60)
+        (prefix / "sbin").mkdir()
+        for name in ("vantora-network", "vantora-settingsd"):
+            shutil.copy(build_dir / name, prefix / "sbin")
+        ran = subprocess.run([prefix / "bin/vantora-sim", "--world", "single-band", "--", "/bin/sh", "-c",
+                              f"busctl --user get-property {TARGET} Mode; {prefix}/bin/vantora-simctl join scanner"],
+                             capture_output=True, text=True, timeout=100)
+        assert (ran.returncode, ran.stdout) == (1, 's "Client"\n'), ran.stderr
+        assert ran.stderr.endswith("vantora-simctl: there is no access point to join\n")
