@@ -13,7 +13,6 @@ namespace client {
 namespace {
 
 using vantora::BusError;
-using vantora::BusPtr;
 using vantora::MessagePtr;
 
 constexpr const char* kName = "com.vantora.Network1";
@@ -25,25 +24,6 @@ constexpr const char* kProperties = "org.freedesktop.DBus.Properties";
 int set_usual_address(sd_bus* bus)
 {
     return sd_bus_set_address(bus, ("unix:path=/run/user/" + std::to_string(::getuid()) + "/bus").c_str());
-}
-
-int open_user_bus(BusPtr& opened)
-{
-    sd_bus* bus = nullptr;
-    if (std::getenv("DBUS_SESSION_BUS_ADDRESS") != nullptr || std::getenv("XDG_RUNTIME_DIR") != nullptr) {
-        const int result = sd_bus_open_user(&bus);
-        opened.reset(bus);
-        return result;
-    }
-    int result = sd_bus_new(&bus);
-    opened.reset(bus);
-    if (result >= 0) {
-        result = set_usual_address(bus);
-    }
-    if (result >= 0) {
-        result = sd_bus_set_bus_client(bus, 1);
-    }
-    return result < 0 ? result : sd_bus_start(bus);
 }
 
 /** What a reply means: itself, or why there is none. */
@@ -83,6 +63,26 @@ Daemon::Daemon(BusPtr bus) : bus_(std::move(bus))
 }
 
 Daemon::~Daemon() = default;
+
+/** Returns 0 or more, or a negative errno. */
+int Daemon::open_user_bus(BusPtr& opened)
+{
+    sd_bus* bus = nullptr;
+    if (std::getenv("DBUS_SESSION_BUS_ADDRESS") != nullptr || std::getenv("XDG_RUNTIME_DIR") != nullptr) {
+        const int result = sd_bus_open_user(&bus);
+        opened.reset(bus);
+        return result;
+    }
+    int result = sd_bus_new(&bus);
+    opened.reset(bus);
+    if (result >= 0) {
+        result = set_usual_address(bus);
+    }
+    if (result >= 0) {
+        result = sd_bus_set_bus_client(bus, 1);
+    }
+    return result < 0 ? result : sd_bus_start(bus);
+}
 
 Result<std::unique_ptr<Daemon>> Daemon::connect(Deadline deadline)
 {

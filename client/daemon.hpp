@@ -72,7 +72,12 @@ public:
 private:
     struct Pending;
 
-    explicit Daemon(vantora::BusPtr bus);
+    /** Closed without flushing: every call is waited for, and a bus that hangs must not keep the program from
+     * ending. */
+    using BusPtr = std::unique_ptr<sd_bus, vantora::Releaser<sd_bus_close_unref>>;
+
+    explicit Daemon(BusPtr bus);
+    static int open_user_bus(BusPtr& opened);
 
     std::optional<Failure> wait_for_bus(Deadline deadline);
     Result<vantora::MessagePtr> make_call(const char* interface, const char* member) const;
@@ -87,7 +92,7 @@ private:
 
     std::vector<std::unique_ptr<Pending>> pending_; // outlives the bus, which may still point to them
     Events events_;
-    vantora::BusPtr bus_;
+    BusPtr bus_;
 };
 
 } // namespace client

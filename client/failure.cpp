@@ -28,13 +28,7 @@ Failure failure_of_call(const char* error_name, const char* message, int result)
     constexpr auto kAbsent = std::to_array<std::string_view>({"ServiceUnknown", "NameHasNoOwner"});
     constexpr auto kGone = std::to_array<std::string_view>({"NoReply", "Disconnected"});
 
-    if (result == -ETIMEDOUT) {
-        return failure_of_time();
-    }
     const std::string name = error_name == nullptr ? "" : error_name;
-    if (name.empty() || result == -ECONNRESET || result == -ENOTCONN) {
-        return failure_of_bus(result);
-    }
     std::string_view short_name = name;
     if (short_name.starts_with(kPrefix)) {
         short_name.remove_prefix(kPrefix.size());
@@ -47,6 +41,13 @@ Failure failure_of_call(const char* error_name, const char* message, int result)
         Failure gone = failure_of_daemon_gone();
         gone.error_name = name;
         return gone;
+    }
+    // Only now: to the bus library an answer that nobody will send any more is a time-out, too.
+    if (short_name == "Timeout" || result == -ETIMEDOUT) {
+        return failure_of_time();
+    }
+    if (name.empty() || result == -ECONNRESET || result == -ENOTCONN) {
+        return failure_of_bus(result);
     }
     const std::string text = message == nullptr ? "" : message;
     return {ExitStatus::Refused, "the daemon refused", name, text.empty() ? name : text};

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include <fcntl.h>
+#include <poll.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -33,33 +34,50 @@ void note_signal(int number)
     caughtSignal = number;
 }
 
-/** While this lives, signals that would end or stop the program only interrupt it, so that the echo comes
- * back first. */
-class SignalsNoted
+/**
+ * While this lives, signals that would end or stop the program are held back, and only interrupt
+ * wait_for_input(), so that the echo comes back first.
+ */
+class SignalsHeld
 {
 public:
-    SignalsNoted()
+    SignalsHeld()
     {
         caughtSignal = 0;
         struct sigaction action = {};
         action.sa_handler = note_signal;
         sigemptyset(&action.sa_mask);
+        sigset_t held;
+        sigemptyset(&held);
+        for (const int number : kSignals) {
+            sigaddset(&held, number);
+        }
+        ::sigprocmask(SIG_BLOCK, &held, &mask_before_);
         for (std::size_t index = 0; index < kSignals.size(); ++index) {
             ::sigaction(kSignals[index], &action, &before_[index]);
         }
     }
-    SignalsNoted(const SignalsNoted&) = delete;
-    SignalsNoted& operator=(const SignalsNoted&) = delete;
-    ~SignalsNoted()
+    SignalsHeld(const SignalsHeld&) = delete;
+    SignalsHeld& operator=(const SignalsHeld&) = delete;
+    ~SignalsHeld()
     {
         for (std::size_t index = 0; index < kSignals.size(); ++index) {
             ::sigaction(kSignals[index], &before_[index], nullptr);
         }
+        ::sigprocmask(SIG_SETMASK, &mask_before_, nullptr);
+    }
+
+    /** Returns true when there is something to read, false when a signal came first. */
+    bool wait_for_input() const
+    {
+        pollfd input{STDIN_FILENO, POLLIN, 0};
+        return ::ppoll(&input, 1, nullptr, &mask_before_) > 0;
     }
 
 private:
     static constexpr auto kSignals = std::to_array<int>({SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGTSTP});
     std::array<struct sigaction, kSignals.size()> before_{};
+    sigset_t mask_before_{};
 };
 
 /** While this lives, the terminal shows nothing of what is typed but the end of the line. */
@@ -112,12 +130,15 @@ Result<std::string> read_line(int descriptor, const std::string& origin)
 
 Result<std::string> ask_once(const std::string& ssid)
 {
-    const SignalsNoted noted;
+    const SignalsHeld signals;
     const EchoOff echo;
     if (!echo.usable()) {
         return wrong("the terminal cannot be kept from showing the passphrase; use --passphrase-file");
     }
     std::fprintf(stderr, "Passphrase for \"%s\": ", escaped(ssid).c_str());
+    if (!signals.wait_for_input()) {
+        return std::string();
+    }
     return read_line(STDIN_FILENO, "the terminal");
 }
 

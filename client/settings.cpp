@@ -3,6 +3,7 @@
 
 #include "commands.hpp"
 #include "text.hpp"
+#include "words.hpp"
 
 namespace client {
 
@@ -49,23 +50,11 @@ bool lacks_band(Daemon& daemon, const std::string& band, Deadline deadline)
 /** The daemon has one word for every refusal; what it meant follows from the state it is in. */
 std::string refusal(Daemon& daemon, const Arguments& arguments, Deadline deadline)
 {
-    switch (arguments.command) {
-    case Command::On:
-    case Command::Off:
-        return "the radio could not be switched; the daemon's log says why";
-    case Command::Band:
-        if (lacks_band(daemon, arguments.value, deadline)) {
-            return "this device's radio has no " + arguments.value + " GHz band";
-        }
-        if (reads(daemon, "Mode", "Client", deadline)) {
-            return "the device is not an access point at the moment; the band is stored and used when it next is";
-        }
-        return "the access point could not be restarted with this band, which is stored all the same";
-    case Command::Ssid:
-        return "the access point could not be restarted with this name, which is stored all the same";
-    default:
-        return "the mode could not be changed; it is stored all the same, and tried again at the next start";
+    if (arguments.command == Command::Band && lacks_band(daemon, arguments.value, deadline)) {
+        return "this device's radio has no " + arguments.value + " GHz band";
     }
+    const bool station = arguments.command == Command::Band && reads(daemon, "Mode", "Client", deadline);
+    return refused_write_meaning(arguments.command, station);
 }
 
 /** With the radio off these are only stored. */

@@ -65,6 +65,23 @@ Failure with_advice(Failure failure)
     return failure;
 }
 
+std::string refused_write_meaning(Command command, bool station)
+{
+    switch (command) {
+    case Command::On:
+    case Command::Off:
+        return "the radio could not be switched; the daemon's log says why";
+    case Command::Band:
+        return station
+                   ? "the device is not an access point at the moment; the band is stored and used when it next is"
+                   : "the access point could not be restarted with this band, which is stored all the same";
+    case Command::Ssid:
+        return "the access point could not be restarted with this name, which is stored all the same";
+    default:
+        return "the mode could not be changed; it is stored all the same, and tried again at the next start";
+    }
+}
+
 std::string waiting_reason(const std::string& last_state, const std::string& ssid)
 {
     if (last_state == "completed") {

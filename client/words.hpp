@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "arguments.hpp"
 #include "failure.hpp"
 
 namespace client {
@@ -11,6 +12,10 @@ std::string state_meaning(const std::string& state);
 
 /** Puts into words the daemon's own text means and what to do about it. */
 Failure with_advice(Failure failure);
+
+/** What it means that the daemon refused to write the property of this sub-command on a device that is a
+ * station or not. */
+std::string refused_write_meaning(Command command, bool station);
 
 /** Why joining did not come to an end in time, told by the last state word. */
 std::string waiting_reason(const std::string& last_state, const std::string& ssid);

@@ -1,0 +1,110 @@
+"""What the documentation shows works: the example programs, and the code on the page about the D-Bus interface."""
+
+from __future__ import annotations
+
+import re
+import shlex
+from pathlib import Path
+
+import pytest
+from conftest import ROOT
+from station import bring_up_station
+from vantora_sim import Process, World, call
+from wifi_client import Running, environment
+
+PYTHON = "/usr/bin/python3"
+
+
+def blocks(page: Path, language: str) -> list[str]:
+    """The code blocks of a page in this language."""
+    return re.findall(rf"^```{language}\n(.*?)^```$", page.read_text(), re.MULTILINE | re.DOTALL)
+
+
+@pytest.fixture(params=["C++", "Python"])
+def follower(request: pytest.FixtureRequest, build_dir: Path) -> list[str]:
+    """The command that runs an example."""
+    if request.param == "C++":
+        return [str(build_dir / "examples/follow_state")]
+    return [PYTHON, str(ROOT / "examples/follow_state.py")]
+
+
+def test_the_examples_follow_the_state(world: World, follower: list[str]) -> None:
+    bring_up_station(world)
+    with Running(follower, environment(world)) as example:
+        example.wait_for("WiFiClientState = ")
+        assert example.text.startswith("Mode = Client\nWiFiClientState = ")
+        world.wpa.report_state("completed", world.wpa.add_bss("cafe"))
+        example.wait_for("(?m)^WiFiClientState = completed$")
+        world.set("Mode", "Host")
+        example.wait_for("(?m)^Mode = Host$")
+
+
+def test_the_examples_end_when_the_bus_is_lost(world: World, follower: list[str]) -> None:
+    world.up()
+    assert world.daemon
+    with Running(follower, environment(world)) as example:
+        example.wait_for("WiFiClientState = ")
+        world.user_bus.stop()
+        example.end()
+    world.daemon.wait()
+
+
+# docs/dbus-api.md
+
+
+def the_shell_block() -> list[str]:
+    """The lines of the only shell example."""
+    found = blocks(ROOT / "docs/dbus-api.md", "sh")
+    assert len(found) == 1
+    return found[0].splitlines()
+
+
+def run_line(world: World, alias: str, line: str) -> str:
+    """Run a line of the shell example as it stands; returns what it prints."""
+    completed = world.sandbox.sh(f"{alias}\n{line}\n")
+    assert (completed.status, completed.stderr) == (0, ""), line
+    return completed.stdout
+
+
+def test_the_busctl_examples_of_the_page_work(world: World) -> None:
+    world.up()
+    alias, *lines = the_shell_block()
+    assert alias == "alias net='busctl --user'"
+    verbs = [shlex.split(line)[1] for line in lines]
+    assert verbs == ["introspect", "get-property", "set-property", "call", "monitor"], "each is checked below"
+    introspect, get, put, connect, monitor = lines
+
+    assert "com.vantora.Network1.WiFi" in run_line(world, alias, introspect)
+    assert run_line(world, alias, get).splitlines() == ["u 1", 's "Host"', 's "Korrin One"']
+    run_line(world, alias, put)
+    assert world.get("Mode") == "Client"
+    mark = world.journal.mark()
+    run_line(world, alias, connect)
+    added = world.journal.wait_for(call("AddNetwork"), mark)
+    assert {name: value.value for name, value in added.args[0].items()} == {
+        "ssid": "my network", "key_mgmt": "WPA-PSK", "psk": "my passphrase"}
+
+    command = monitor.replace("net", "busctl --user", 1).split()
+    with Running(command, environment(world)) as watching:
+        watching.wait_for("Monitoring bus message stream")
+        world.set("SSID", "Kitchen")
+        watching.wait_for("Kitchen")
+
+
+def start_python_example(world: World, *arguments: str) -> Process:
+    """Start the page's Python example in the sandbox."""
+    found = blocks(ROOT / "docs/dbus-api.md", "python")
+    assert len(found) == 1
+    return world.sandbox.start([PYTHON, "-c", found[0], *arguments])
+
+
+@pytest.mark.parametrize(("states", "outcome"), [
+    (["4way_handshake", "completed"], "completed"), (["4way_handshake", "disconnected"], "failed")], ids=lambda value: str(value))
+def test_the_python_example_of_the_page_tells_the_outcome(world: World, states: list[str], outcome: str) -> None:
+    bring_up_station(world)
+    example = start_python_example(world, "cafe", "secret12")
+    world.journal.wait_for(call("SelectNetwork"))
+    world.settle()
+    for state in states:
+        world.wpa.report_state(state)
+    assert (example.wait(), example.stdout) == (0, outcome + "\n"), example.stderr

@@ -1,0 +1,157 @@
+#include "client/arguments.hpp"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <string>
+#include <variant>
+#include <vector>
+
+namespace {
+
+using namespace std::chrono_literals;
+using client::Arguments;
+using client::Command;
+using client::EarlyEnd;
+using client::parse_arguments;
+using client::PassphraseSource;
+
+std::variant<Arguments, EarlyEnd> parse(std::vector<const char*> words)
+{
+    words.insert(words.begin(), "vantora-wifi");
+    return parse_arguments(static_cast<int>(words.size()), words.data());
+}
+
+Arguments parsed(const std::vector<const char*>& words)
+{
+    const auto result = parse(words);
+    EXPECT_TRUE(std::holds_alternative<Arguments>(result)) << std::get<EarlyEnd>(result).text;
+    return std::holds_alternative<Arguments>(result) ? std::get<Arguments>(result) : Arguments{};
+}
+
+EarlyEnd ended(const std::vector<const char*>& words)
+{
+    const auto result = parse(words);
+    EXPECT_TRUE(std::holds_alternative<EarlyEnd>(result));
+    return std::holds_alternative<EarlyEnd>(result) ? std::get<EarlyEnd>(result) : EarlyEnd{};
+}
+
+TEST(ClientArguments, EverySubCommandIsKnown)
+{
+    EXPECT_EQ(parsed({"status"}).command, Command::Status);
+    EXPECT_EQ(parsed({"on"}).command, Command::On);
+    EXPECT_EQ(parsed({"off"}).command, Command::Off);
+    EXPECT_EQ(parsed({"mode", "host"}).command, Command::Mode);
+    EXPECT_EQ(parsed({"band", "5"}).command, Command::Band);
+    EXPECT_EQ(parsed({"ssid", "x"}).command, Command::Ssid);
+    EXPECT_EQ(parsed({"scan"}).command, Command::Scan);
+    EXPECT_EQ(parsed({"connect", "x"}).command, Command::Connect);
+    EXPECT_EQ(parsed({"disconnect"}).command, Command::Disconnect);
+    EXPECT_EQ(parsed({"monitor"}).command, Command::Monitor);
+}
+
+TEST(ClientArguments, DefaultsArePeopleAMinuteAndAPrompt)
+{
+    const Arguments arguments = parsed({"connect", "x"});
+    EXPECT_FALSE(arguments.json);
+    EXPECT_EQ(arguments.timeout, 60s);
+    EXPECT_EQ(arguments.passphrase, PassphraseSource::Prompt);
+}
+
+TEST(ClientArguments, CommonOptionsStandBeforeOrBehindTheCommand)
+{
+    for (const auto& words : {std::vector<const char*>{"--json", "--timeout", "1.5", "scan"},
+                              {"scan", "--timeout=1.5", "--json"}}) {
+        const Arguments arguments = parsed(words);
+        EXPECT_TRUE(arguments.json);
+        EXPECT_EQ(arguments.timeout, 1500ms);
+    }
+}
+
+TEST(ClientArguments, ModesAreSpelledAsTheDaemonDoes)
+{
+    EXPECT_EQ(parsed({"mode", "host"}).value, "Host");
+    EXPECT_EQ(parsed({"mode", "CLIENT"}).value, "Client");
+    EXPECT_EQ(parsed({"mode", "Host"}).value, "Host");
+}
+
+TEST(ClientArguments, NamesAreTakenAsTheyAre)
+{
+    for (const char* name : {"status", "\"quoted\"", "[a,b]", "a b", " ", "%x", "é"}) {
+        EXPECT_EQ(parsed({"connect", name}).value, name);
+        EXPECT_EQ(parsed({"ssid", name}).value, name);
+    }
+    EXPECT_EQ(parsed({"connect", "--open", "--", "-x"}).value, "-x");
+    EXPECT_EQ(parsed({"ssid", "--", "--json"}).value, "--json");
+}
+
+TEST(ClientArguments, PassphraseSourcesAreTold)
+{
+    EXPECT_EQ(parsed({"connect", "x", "--open"}).passphrase, PassphraseSource::None);
+    EXPECT_EQ(parsed({"connect", "x", "--passphrase-stdin"}).passphrase, PassphraseSource::StandardInput);
+    const Arguments file = parsed({"connect", "--passphrase-file", "/a b", "x"});
+    EXPECT_EQ(file.passphrase, PassphraseSource::File);
+    EXPECT_EQ(file.passphrase_file, "/a b");
+    EXPECT_EQ(file.value, "x");
+}
+
+TEST(ClientArguments, WrongOnesEndWithStatusTwo)
+{
+    const std::string long_name(33, 'x');
+    for (const auto& words : std::vector<std::vector<const char*>>{
+             {},
+             {"nonsense"},
+             {"status", "x"},
+             {"mode"},
+             {"mode", "both"},
+             {"band", "2"},
+             {"ssid", ""},
+             {"ssid", long_name.c_str()},
+             {"ssid", "\xff"},
+             {"connect"},
+             {"connect", "a", "b"},
+             {"scan", "--open"},
+             {"--timeout", "0", "scan"},
+             {"--timeout", "-1", "scan"},
+             {"--timeout", "inf", "scan"},
+             {"--timeout", "nan", "scan"},
+             {"--timeout", "1x", "scan"},
+             {"--timeout", "", "scan"},
+             {"--timeout", "86401", "scan"},
+             {"connect", "a", "--open", "--passphrase-stdin"},
+             {"connect", "a", "--passphrase-stdin", "--passphrase-file", "f"},
+             {"connect", "a", "--passphrase-file"}}) {
+        const EarlyEnd end = ended(words);
+        EXPECT_EQ(end.status, 2) << testing::PrintToString(words);
+        EXPECT_TRUE(end.text.starts_with("vantora-wifi: ")) << end.text;
+        EXPECT_TRUE(end.text.ends_with("\nTry 'vantora-wifi --help'.\n")) << end.text;
+    }
+}
+
+TEST(ClientArguments, TheLongestNameIsTaken)
+{
+    const std::string name(32, 'x');
+    EXPECT_EQ(parsed({"ssid", name.c_str()}).value, name);
+}
+
+TEST(ClientArguments, APossiblePassphraseIsNotRepeated)
+{
+    for (const auto& words : {std::vector<const char*>{"connect", "cafe", "secret12"},
+                              {"connect", "cafe", "--passphrase", "secret12"},
+                              {"connect", "cafe", "--passphrase=secret12"}}) {
+        const EarlyEnd end = ended(words);
+        EXPECT_EQ(end.status, 2);
+        EXPECT_EQ(end.text.find("secret12"), std::string::npos) << end.text;
+    }
+}
+
+TEST(ClientArguments, HelpAndVersionEndWithStatusZero)
+{
+    EXPECT_EQ(ended({"--help"}).status, 0);
+    EXPECT_NE(ended({"--help"}).text.find("disconnect"), std::string::npos);
+    EXPECT_NE(ended({"connect", "--help"}).text.find("--passphrase-file"), std::string::npos);
+    EXPECT_EQ(ended({"--version"}).status, 0);
+    EXPECT_TRUE(ended({"--version"}).text.starts_with("vantora-wifi "));
+}
+
+} // namespace
