@@ -132,6 +132,18 @@ def test_hanging_wpa_supplicant_holds_up_until_released(client: SimulatedDevice,
     client.world.journal.wait_for(signal("AccessPointsChanged"), mark)
 
 
+def test_hanging_wpa_supplicant_notices_a_lost_network_only_when_released(client: SimulatedDevice, simctl: Simctl) -> None:
+    connect(client)
+    mark = client.world.journal.mark()
+    assert simctl("hang", "wpa_supplicant")[0] == 0
+    assert simctl("remove", "secured")[0] == 0
+    assert shown(simctl)["client"] == {"state": "completed", "network": "secured"}
+    client.world.settle()
+    assert state_words(client, mark) == []
+    assert simctl("release", "wpa_supplicant")[0] == 0
+    client.world.journal.wait_for(changed("WiFiClientState", "disconnected"), mark)
+
+
 def test_hanging_systemd_holds_up_a_switch_until_released(device: SimulatedDevice, simctl: Simctl) -> None:
     mark = device.world.journal.mark()
     assert simctl("hang", "systemd")[0] == 0
