@@ -55,7 +55,7 @@ Result<Json> value_of(sd_bus_message* reply)
 struct Daemon::Pending
 {
     Daemon* daemon;
-    std::function<void(Result<sd_bus_message*>)> answered;
+    std::function<void(const Result<sd_bus_message*>&)> answered;
 };
 
 Daemon::Daemon(BusPtr bus) : bus_(std::move(bus))
@@ -205,7 +205,7 @@ void Daemon::call_later(const char* method, const std::vector<std::string>& argu
     }
     send_later(
         std::move(request),
-        [done = std::move(done)](Result<sd_bus_message*> reply) {
+        [done = std::move(done)](const Result<sd_bus_message*>& reply) {
             done(reply ? std::nullopt : std::optional(reply.failure()));
         },
         deadline);
@@ -219,14 +219,14 @@ void Daemon::get_later(const std::string& property, Got got, Deadline deadline)
     }
     send_later(
         std::move(request),
-        [got = std::move(got)](Result<sd_bus_message*> reply) {
+        [got = std::move(got)](const Result<sd_bus_message*>& reply) {
             got(reply ? value_of(reply.value()) : Result<Json>(reply.failure()));
         },
         deadline);
 }
 
-void Daemon::send_later(Result<MessagePtr> request, std::function<void(Result<sd_bus_message*>)> answered,
-                        Deadline deadline)
+void Daemon::send_later(Result<MessagePtr> request,
+                        std::function<void(const Result<sd_bus_message*>&)> answered, Deadline deadline)
 {
     if (!request) {
         answered(request.failure());

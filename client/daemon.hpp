@@ -83,7 +83,7 @@ private:
     Result<vantora::MessagePtr> make_call(const char* interface, const char* member) const;
     Result<vantora::MessagePtr> send(vantora::MessagePtr request, Deadline deadline) const;
     void send_later(Result<vantora::MessagePtr> request,
-                    std::function<void(Result<sd_bus_message*>)> answered, Deadline deadline);
+                    std::function<void(const Result<sd_bus_message*>&)> answered, Deadline deadline);
 
     static int on_reply(sd_bus_message* reply, void* userdata, sd_bus_error* error);
     static int on_changed(sd_bus_message* signal, void* userdata, sd_bus_error* error);

@@ -1,5 +1,6 @@
 #include "failure.hpp"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <string_view>
@@ -13,12 +14,7 @@ constexpr std::string_view kPrefix = "org.freedesktop.DBus.Error.";
 
 bool is_one_of(std::string_view name, const auto& candidates)
 {
-    for (const std::string_view candidate : candidates) {
-        if (name == candidate) {
-            return true;
-        }
-    }
-    return false;
+    return std::ranges::find(candidates, name) != candidates.end();
 }
 
 } // namespace

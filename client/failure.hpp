@@ -38,6 +38,7 @@ public:
 
     explicit operator bool() const { return held_.index() == 0; }
     T& value() { return std::get<0>(held_); }
+    const T& value() const { return std::get<0>(held_); }
     const Failure& failure() const { return std::get<1>(held_); }
 
 private:

@@ -1,5 +1,8 @@
 #include <clocale>
 #include <cstdio>
+#include <exception>
+#include <optional>
+#include <variant>
 
 #include "arguments.hpp"
 #include "commands.hpp"
@@ -37,9 +40,7 @@ std::optional<Failure> run(const Arguments& arguments, Output& output)
     return function_of(arguments.command)(*daemon.value(), arguments, output);
 }
 
-} // namespace
-
-int main(int argc, char** argv)
+int run_program(int argc, const char* const* argv)
 {
     std::setlocale(LC_CTYPE, "");
 
@@ -61,4 +62,17 @@ int main(int argc, char** argv)
         status = status == ExitStatus::Done ? ExitStatus::Refused : status;
     }
     return static_cast<int>(status);
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    try {
+        return run_program(argc, argv);
+    } catch (const std::exception& error) {
+        // Only lack of memory gets here.
+        std::fprintf(stderr, "vantora-wifi: %s\n", error.what());
+        return static_cast<int>(ExitStatus::Refused);
+    }
 }

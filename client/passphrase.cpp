@@ -54,7 +54,11 @@ public:
         }
         ::sigprocmask(SIG_BLOCK, &held, &mask_before_);
         for (std::size_t index = 0; index < kSignals.size(); ++index) {
-            ::sigaction(kSignals[index], &action, &before_[index]);
+            ::sigaction(kSignals[index], nullptr, &before_[index]);
+            // What is ignored, as under nohup(1), stays ignored.
+            if (before_[index].sa_handler != SIG_IGN) {
+                ::sigaction(kSignals[index], &action, nullptr);
+            }
         }
     }
     SignalsHeld(const SignalsHeld&) = delete;

@@ -10,18 +10,19 @@ namespace client {
 
 namespace {
 
-bool is_set(const char* name)
+/** The variable's text; empty when it is not set. */
+std::string_view variable(const char* name)
 {
     const char* const value = std::getenv(name);
-    return value != nullptr && *value != '\0';
+    return value == nullptr ? "" : value;
 }
 
 bool knows_colours(int descriptor)
 {
-    if (::isatty(descriptor) == 0 || is_set("NO_COLOR")) {
+    if (::isatty(descriptor) == 0 || !variable("NO_COLOR").empty()) {
         return false;
     }
-    return is_set("TERM") && std::getenv("TERM") != std::string_view("dumb");
+    return !variable("TERM").empty() && variable("TERM") != "dumb";
 }
 
 } // namespace

@@ -1,5 +1,6 @@
 #include "text.hpp"
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <cstdio>
@@ -82,12 +83,9 @@ bool deceives(char32_t character)
         {0xfff9, 0xfffb},   // interlinear annotation
         {0xe0000, 0xe0fff}, // tags, selectors
     });
-    for (const Range& range : kRanges) {
-        if (character >= range.first && character <= range.last) {
-            return true;
-        }
-    }
-    return false;
+    return std::ranges::any_of(kRanges, [character](const Range& range) {
+        return character >= range.first && character <= range.last;
+    });
 }
 
 std::string formatted(const char* format, unsigned int number)

@@ -58,6 +58,18 @@ def run(world: World, *arguments: str | bytes, stdin: str = "", **changes: str |
     return Ended(completed.returncode, completed.stdout.decode("utf-8"), completed.stderr.decode("utf-8"))
 
 
+def _forget_ignored_signals() -> None:
+    """Whoever started the tests in the background may ignore what a terminal sends; the client is not to inherit that."""
+    for number in (signal.SIGINT, signal.SIGQUIT, signal.SIGHUP, signal.SIGTSTP):
+        signal.signal(number, signal.SIG_DFL)
+
+
+def _begin_on_terminal() -> None:
+    """The new session's terminal is standard input."""
+    _forget_ignored_signals()
+    fcntl.ioctl(0, termios.TIOCSCTTY, 0)
+
+
 class Running:
     """A client in the background. `wait_for` reads what it writes as it comes."""
 
@@ -67,12 +79,12 @@ class Running:
         if terminal:
             self._output, inner = pty.openpty()
             self._process = subprocess.Popen(command, env=dict(full_environment), stdin=inner, stdout=inner, stderr=inner,
-                                             start_new_session=True,
-                                             preexec_fn=lambda: fcntl.ioctl(0, termios.TIOCSCTTY, 0))
+                                             start_new_session=True, preexec_fn=_begin_on_terminal)
             os.close(inner)
         else:
             self._process = subprocess.Popen(command, env=dict(full_environment), stdin=subprocess.DEVNULL,
-                                             stdout=subprocess.PIPE, stderr=subprocess.STDOUT, process_group=0)
+                                             stdout=subprocess.PIPE, stderr=subprocess.STDOUT, process_group=0,
+                                             preexec_fn=_forget_ignored_signals)
             assert self._process.stdout
             self._output = os.dup(self._process.stdout.fileno())
         self._reader = threading.Thread(target=self._read, daemon=True)
