@@ -98,8 +98,9 @@ class SimulatedDevice:
         daemons = [process for process in (self.world.daemon, self.settings_daemon) if process is not None]
         for process in daemons:
             if process.running:
+                # It may have been made to hang. Not the other way round: a leak check at the end stops and continues threads.
+                process.send_signal(signal.SIGCONT)
                 process.send_signal(signal.SIGTERM)
-                process.send_signal(signal.SIGCONT)  # it may have been made to hang
         for process in daemons:
             process.wait(timeout)
         return self.world.daemon.status if self.world.daemon is not None else None
