@@ -30,7 +30,8 @@ buses in its environment (DBUS_SESSION_BUS_ADDRESS, DBUS_SYSTEM_BUS_ADDRESS), an
 
 
 def _parser() -> argparse.ArgumentParser:
-    parser = argparse.ArgumentParser(prog="vantora-sim", description="A whole simulated device around the unmodified network daemon.",
+    parser = argparse.ArgumentParser(prog="vantora-sim",
+                                     description="A whole simulated device around the unmodified network daemon.",
                                      epilog=_EPILOG, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--world", default="home", metavar="FILE",
                         help="world file, or the name of one that is shipped: " + ", ".join(sorted(

@@ -41,7 +41,8 @@ def _show(device: SimulatedDevice) -> str:
 
 def _add(device: SimulatedDevice, network: dict[str, Any]) -> str:
     schema = json.loads(places.schema().read_text(encoding="utf-8"))
-    findings = [str(finding) for finding in check(loads(json.dumps(network)), {**schema["$defs"]["network"], "$defs": schema["$defs"]})]
+    wanted = {**schema["$defs"]["network"], "$defs": schema["$defs"]}
+    findings = [str(finding) for finding in check(loads(json.dumps(network)), wanted)]
     findings = findings or [f"{field}: {text}" if field else text for field, text in check_network(network)]
     if findings:
         raise CommandError("; ".join(findings))
@@ -98,7 +99,8 @@ def _networks(device: SimulatedDevice, name: str) -> list[Network]:
 
 
 def _about(networks: list[Network], what: str) -> str:
-    return ", ".join(f"\"{network.label}\" ({network.bssid})" for network in networks) + f" {'is' if len(networks) == 1 else 'are'} {what}"
+    shown = ", ".join(f"\"{network.label}\" ({network.bssid})" for network in networks)
+    return f"{shown} {'is' if len(networks) == 1 else 'are'} {what}"
 
 
 # The access point's stations

@@ -44,7 +44,8 @@ def neighbours(device: SimulatedDevice) -> dict[str, Neighbour]:
             found = process()
             return found is not None and found.running
 
-        return Neighbour(running, lambda: send(signal.SIGKILL), lambda: send(signal.SIGSTOP), lambda: send(signal.SIGCONT), start_again)
+        return Neighbour(running, lambda: send(signal.SIGKILL), lambda: send(signal.SIGSTOP), lambda: send(signal.SIGCONT),
+                         start_again)
 
     return {
         "hostapd": Neighbour(lambda: world.hostapd.running, lambda: loop.call(device.access_point.kill),
@@ -53,7 +54,8 @@ def neighbours(device: SimulatedDevice) -> dict[str, Neighbour]:
         "wpa_supplicant": Neighbour(lambda: world.wpa.present, lambda: loop.run(device.station.kill()),
                                     lambda: loop.call(device.station.hang), lambda: loop.call(device.station.release),
                                     lambda: loop.run(device.station.start_again())),
-        "systemd": Neighbour(lambda: world.systemd.present, world.systemd.go, world.systemd.hang, world.systemd.clear, world.systemd.come_back),
+        "systemd": Neighbour(lambda: world.systemd.present, world.systemd.go, world.systemd.hang, world.systemd.clear,
+                             world.systemd.come_back),
         "vantora-settingsd": signals(lambda: device.settings_daemon, device.start_settings_daemon),
         # Its unit starts it again by itself.
         "vantora-network": signals(lambda: world.daemon, lambda: None),

@@ -29,7 +29,8 @@ class NotRunning(Exception):
 def _parser() -> argparse.ArgumentParser:
     parser = argparse.ArgumentParser(prog="vantora-simctl", description="Changes the world of a running vantora-sim.")
     parser.add_argument("--control", type=Path, metavar="SOCKET",
-                        help=f"control socket of the device (default: ${CONTROL_VARIABLE}, else that of the only device of this user)")
+                        help=f"control socket of the device (default: ${CONTROL_VARIABLE}, else that of the only device of "
+                             "this user)")
     commands = parser.add_subparsers(dest="command", required=True, metavar="COMMAND")
 
     show = commands.add_parser("show", help="show how things really are")

@@ -35,14 +35,16 @@ def _on_loop(device: SimulatedDevice) -> dict[str, Any]:
         "networks": [{"ssid": network.label, "bssid": network.bssid, "band": network.band, "channel": network.channel,
                       "signal": device.air.signal(network), "security": network.security, "passphrase": network.passphrase,
                       "hidden": network.hidden} for network in device.air.networks],
-        "units": {unit: systemd.states.get(unit) or ("active" if active else "inactive") for unit, active in systemd.active.items()},
+        "units": {unit: systemd.states.get(unit) or ("active" if active else "inactive")
+                  for unit, active in systemd.active.items()},
         "enabled": sorted(systemd.enabled),
     }
 
 
 def _addresses(device: SimulatedDevice, interface: str) -> list[str]:
     shown = device.world.sandbox.run(["/usr/sbin/ip", "-j", "-4", "addr", "show", "dev", interface])
-    return [f"{address['local']}/{address['prefixlen']}" for link in json.loads(shown.stdout or "[]") for address in link.get("addr_info", [])]
+    return [f"{address['local']}/{address['prefixlen']}" for link in json.loads(shown.stdout or "[]")
+            for address in link.get("addr_info", [])]
 
 
 def as_text(found: dict[str, Any]) -> str:
@@ -53,7 +55,8 @@ def as_text(found: dict[str, Any]) -> str:
     lines = [
         f"world         {found['world']}",
         f"running       {', '.join(name for name, running in found['running'].items() if running)}",
-        f"radio         {' and '.join(blocked) + ' blocked' if blocked else 'on'}, wlan0 is {radio['interface_type']}, {radio['mhz']} MHz",
+        f"radio         {' and '.join(blocked) + ' blocked' if blocked else 'on'}, wlan0 is {radio['interface_type']}, "
+        f"{radio['mhz']} MHz",
         f"access point  " + (f"on the air as \"{access_point['ssid']}\"" if access_point["on_air"] else "not on the air"),
         f"client        " + (f"{client['state']}" + (f", joined \"{client['network']}\"" if client["network"] else "")
                              if client["state"] else "wpa_supplicant is not running"),

@@ -9,12 +9,14 @@ from pathlib import Path
 
 import pytest
 from simulated import (KEY, OTHER_ADDRESS, client, connect, device, kernel_addresses, make_device, names, shown,  # noqa: F401
-                       simctl, state_words, wait_for_state, wait_until)
+                       simctl, state_words, wait_until)
 from vantora_sim import Variant, call, changed, hostapd_request, notify, signal, unit_path
 from vantora_sim.device import SimulatedDevice
 from vantora_sim.simctl import main as simctl_main
 from vantora_sim.units import WIRED_DHCP_SERVER
 
+INTERFACE = "com.vantora.Network1.WiFi"
+PROPERTIES = "org.freedesktop.DBus.Properties"
 Simctl = Callable[..., tuple[int, str]]
 
 
@@ -31,7 +33,8 @@ def scan(device: SimulatedDevice) -> list[str]:
 def test_added_network_is_found_and_can_be_joined(client: SimulatedDevice, simctl: Simctl) -> None:
     assert simctl("add", "new one", "--band", "5", "--channel", "44", "--signal", "-52", "--passphrase", "brand new key",
                   "--address", "10.9.0.2/24") == (0, '"new one" (02:00:00:01:80:00) is on the air')
-    assert simctl("add", "6f6464", "--hex", "--no-dhcp", "--bssid", "02:00:00:00:70:01") == (0, '"odd" (02:00:00:00:70:01) is on the air')
+    assert simctl("add", "6f6464", "--hex", "--no-dhcp", "--bssid", "02:00:00:00:70:01") == (
+        0, '"odd" (02:00:00:00:70:01) is on the air')
     assert {"new one", "odd"} <= set(scan(client))
     connect(client, "new one", "brand new key")
     assert kernel_addresses(client) == ["10.9.0.2/24"]
@@ -104,7 +107,7 @@ def test_hanging_hostapd_answers_when_released(device: SimulatedDevice, simctl: 
     device.world.journal.wait_for(changed("WiFiConnectedClients", 1))
     mark = device.world.journal.mark()
     assert simctl("hang", "hostapd")[0] == 0
-    read = device.world.call_async("Get", "ss", ["com.vantora.Network1.WiFi", "WiFiConnectedClients"], "org.freedesktop.DBus.Properties")
+    read = device.world.call_async("Get", "ss", [INTERFACE, "WiFiConnectedClients"], PROPERTIES)
     device.world.journal.wait_for(hostapd_request("STA-FIRST"), mark)
     assert simctl("join", "tablet") == (1, "vantora-simctl: there is no access point to join")
     assert not read.done()
@@ -147,7 +150,7 @@ def test_hanging_wpa_supplicant_notices_a_lost_network_only_when_released(client
 def test_hanging_systemd_holds_up_a_switch_until_released(device: SimulatedDevice, simctl: Simctl) -> None:
     mark = device.world.journal.mark()
     assert simctl("hang", "systemd")[0] == 0
-    switch = device.world.call_async("Set", "ssv", ["com.vantora.Network1.WiFi", "Mode", _text("Client")], "org.freedesktop.DBus.Properties")
+    switch = device.world.call_async("Set", "ssv", [INTERFACE, "Mode", Variant("s", "Client")], PROPERTIES)
     device.world.journal.wait_for(call("LoadUnit"), mark)
     assert not switch.done()
     assert simctl("release", "systemd")[0] == 0
@@ -157,7 +160,7 @@ def test_hanging_systemd_holds_up_a_switch_until_released(device: SimulatedDevic
 
 def test_settings_daemon_can_hang_and_be_killed_and_started(device: SimulatedDevice, simctl: Simctl) -> None:
     assert simctl("hang", "vantora-settingsd")[0] == 0
-    switch = device.world.call_async("Set", "ssv", ["com.vantora.Network1.WiFi", "Mode", _text("Client")], "org.freedesktop.DBus.Properties")
+    switch = device.world.call_async("Set", "ssv", [INTERFACE, "Mode", Variant("s", "Client")], PROPERTIES)
     with pytest.raises(TimeoutError):
         switch.result(0.5)
     assert simctl("release", "vantora-settingsd")[0] == 0
@@ -280,7 +283,3 @@ def test_request_that_is_none_is_refused(device: SimulatedDevice) -> None:
             connection.connect(str(device.world.work / "control"))
             connection.sendall(line)
             assert set(json.loads(connection.makefile().readline())) == {"error"}
-
-
-def _text(value: str) -> Variant:
-    return Variant("s", value)
