@@ -17,6 +17,9 @@ using std::chrono::milliseconds;
 
 /** A scan takes two to four seconds. One that found nothing new is not announced at all. */
 constexpr milliseconds kLongestScan{8000};
+/** A station that is still starting up does not scan, and the daemon does not say so: then it is asked once
+ * more. */
+constexpr milliseconds kAskAgain{3000};
 /** The list may be announced in pieces, one soon after the other. */
 constexpr milliseconds kQuiet{300};
 
@@ -50,10 +53,12 @@ Result<Json> scan(Daemon& daemon, Deadline deadline)
 {
     bool announced = false;
     bool gone = false;
-    Deadline enough = Deadline::max();
+    Deadline enough = kNever;
+    Deadline ask_again = kNever;
     Daemon::Events events;
-    events.networks = [&announced, &enough](const Json&) {
+    events.networks = [&announced, &enough, &ask_again](const Json&) {
         announced = true;
+        ask_again = kNever;
         enough = Clock::now() + kQuiet;
     };
     events.presence = [&gone](bool running) { gone = gone || !running; };
@@ -64,9 +69,15 @@ Result<Json> scan(Daemon& daemon, Deadline deadline)
         return with_advice(*failure);
     }
 
+    ask_again = Clock::now() + kAskAgain;
     enough = std::min(enough, Clock::now() + kLongestScan);
     while (!gone && Clock::now() < std::min(enough, deadline)) {
-        if (auto failure = daemon.step(std::min(enough, deadline))) {
+        if (Clock::now() >= ask_again) {
+            ask_again = kNever;
+            daemon.call_later(
+                "Scan", {}, [](const std::optional<Failure>&) {}, deadline);
+        }
+        if (auto failure = daemon.step(std::min({enough, deadline, ask_again}))) {
             return *failure;
         }
     }

@@ -154,6 +154,17 @@ def test_a_scan_that_the_station_refuses_shows_what_is_known(world: World) -> No
     assert "home" in shown.stdout
 
 
+def test_a_station_that_was_still_starting_up_is_asked_again(world: World) -> None:
+    bring_up_station(world)
+    world.wpa.add_bss("home", signal=-48)
+    announce_after_scan(world)
+    world.wpa.refuse("Scan", times=1)
+    mark = world.journal.mark()
+    shown = run(world, "scan")
+    assert "home" in shown.stdout
+    assert world.journal.count(call("Scan"), mark) == 2
+
+
 def test_the_daemon_dying_during_a_scan_ends_with_3(world: World) -> None:
     bring_up_station(world)
     daemon = world.daemon
