@@ -78,6 +78,11 @@ def short_folder() -> Iterator[Path]:
         yield Path(folder)
 
 
+def interruptible() -> None:
+    """A shell that runs the tests in the background has its children ignore SIGINT; a person's terminal does not."""
+    signal.signal(signal.SIGINT, signal.SIG_DFL)
+
+
 @pytest.fixture
 def staying(build_dir: Path, short_folder: Path) -> Iterator[Callable[..., "subprocess.Popen[str]"]]:
     """Starts a device that stays, in a process group of its own; returns when it says that it is up."""
@@ -87,7 +92,8 @@ def staying(build_dir: Path, short_folder: Path) -> Iterator[Callable[..., "subp
         environment = {name: value for name, value in os.environ.items() if name != "VANTORA_SIM_CONTROL"}
         process = subprocess.Popen([PYTHON, SIMULATOR / "vantora-sim", "--build-dir", build_dir, *options], text=True,
                                    env={**environment, "TMPDIR": str(short_folder)}, process_group=0,
-                                   stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+                                   stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+                                   preexec_fn=interruptible)
         started.append(process)
         assert process.stdout is not None
         seen: list[str] = []
