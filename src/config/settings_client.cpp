@@ -149,7 +149,7 @@ int32_t SettingsDaemonDbusHandler::Listen()
     }
     const int32_t listening = ListenSignal(kService, "", "org.freedesktop.DBus.Properties",
                                            "PropertiesChanged", PropertiesChanged, this);
-    const int32_t result =
+    const auto result =
         static_cast<int32_t>(static_cast<uint32_t>(connected) | static_cast<uint32_t>(listening));
     if (result < 0) {
         syslog(LOG_ERR, "%s: Failed to register %s signal", kListen, "PropertiesChanged");

@@ -177,7 +177,7 @@ std::string get_default_ssid()
     syslog(LOG_INFO, "serial number : %s", serial.c_str());
 
     // Without a hyphen npos + 1 is 0: the whole serial number.
-    const std::string ssid = model + "-" + serial.substr(serial.find('-') + 1);
+    std::string ssid = model + "-" + serial.substr(serial.find('-') + 1);
     syslog(LOG_INFO, "default ssid: %s", ssid.c_str());
     return ssid;
 }

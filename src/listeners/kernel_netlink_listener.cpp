@@ -117,7 +117,7 @@ int KernelNetlinkListener::CheckMessage(const nlmsghdr* message, ssize_t& remain
     return 1;
 }
 
-void KernelNetlinkListener::HandleAddressMessage(const nlmsghdr* message)
+void KernelNetlinkListener::HandleAddressMessage(const nlmsghdr* message) const
 {
     const auto event = netlink_read_address_message(message);
     if (!event) {

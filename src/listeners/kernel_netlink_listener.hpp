@@ -63,7 +63,7 @@ private:
     /** Returns the number of bytes received, or -1, after a wait of two seconds when there was nothing. */
     ssize_t Receive();
 
-    void HandleAddressMessage(const nlmsghdr* message);
+    void HandleAddressMessage(const nlmsghdr* message) const;
 
     std::thread thread_;
     StopFlag stop_;

@@ -172,12 +172,10 @@ bool wpa_supplicant_select_network(const std::string& path)
 
 bool wpa_supplicant_remove_network(const std::string& path)
 {
-    // Kept for the call, since the caller may pass the current network itself.
-    const std::string network = path;
-    syslog(LOG_INFO, "[WPA] Remove network: %s", network.c_str());
+    syslog(LOG_INFO, "[WPA] Remove network: %s", path.c_str());
     bool opened = false;
     const int result =
-        call_interface("wpa_supplicant_remove_network", opened, "RemoveNetwork", "o", network.c_str());
+        call_interface("wpa_supplicant_remove_network", opened, "RemoveNetwork", "o", path.c_str());
     if (opened) {
         currentNetwork.clear();
     }

@@ -1,6 +1,7 @@
 #include "utils/interface_queries.hpp"
 
 #include <algorithm>
+#include <array>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -60,10 +61,10 @@ int utils_get_mac_address(const char* interface, char* buffer)
     const std::span<const unsigned char> bytes(address.sll_addr, sizeof(address.sll_addr));
     std::string text;
     for (size_t i = 0; i < address.sll_halen && text.size() <= kMacAddressLength; ++i) {
-        char piece[4] = "";
-        std::snprintf(piece, sizeof(piece), i + 1 < address.sll_halen ? "%02x:" : "%02x",
+        std::array<char, sizeof("ff:")> piece{};
+        std::snprintf(piece.data(), piece.size(), i + 1 < address.sll_halen ? "%02x:" : "%02x",
                       i < bytes.size() ? bytes[i] : 0U);
-        text += piece;
+        text += piece.data();
     }
     if (text.size() != kMacAddressLength) {
         syslog(LOG_ERR, "%s: Failed to get MAC address for interface %s", "utils_get_mac_address", interface);
@@ -112,7 +113,7 @@ bool utils_get_signal_strength(char* buffer)
     if (power == nullptr) {
         return true;
     }
-    std::memcpy(buffer, power, std::strlen(power));
+    std::copy_n(power, std::strlen(power), buffer);
     if (char* unit = std::strstr(buffer, " dBm")) {
         unit[std::strlen(" dB")] = '\0';
     }

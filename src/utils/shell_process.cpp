@@ -140,5 +140,5 @@ bool ShellPipe::read_line(std::string& line, size_t limit)
 
 std::string_view text_of(const std::string& bytes)
 {
-    return std::string_view(bytes.c_str());
+    return {bytes.c_str()};
 }
