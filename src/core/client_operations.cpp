@@ -47,7 +47,10 @@ void flush_addresses()
     }
 }
 
-/** wpa_supplicant keeps every network that it was given; without this they would pile up for years. */
+/**
+ * wpa_supplicant keeps every network that it was given; without this each connect would leave one behind.
+ * After a disconnect there is no current network any more: that one stays until wpa_supplicant's next start.
+ */
 void remove_current_network()
 {
     std::string path;

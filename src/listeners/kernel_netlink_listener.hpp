@@ -39,7 +39,10 @@ public:
      */
     void Start();
 
-    /** Ends the thread's waits, closes the socket and joins the thread. Harmless when it does not run. */
+    /**
+     * Ends the thread's waits, closes the socket and joins the thread; a slot that is running is waited for.
+     * Harmless when it does not run.
+     */
     void Stop();
 
     /** Interface label, address, and whether it was added. Emitted on the listener thread. */

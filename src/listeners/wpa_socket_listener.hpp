@@ -34,7 +34,11 @@ public:
      */
     virtual void Start() = 0;
 
-    /** Ends the thread, at once, and closes the connection. Harmless when there is none of either. */
+    /**
+     * Ends the thread and closes the connection. The thread's waits end at once; a slot that is running, or
+     * an attachment that hostapd has not answered (ten seconds), is waited for. Harmless when there is none
+     * of either.
+     */
     void Stop();
 
     /** Stop, then Start. */

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <any>
+#include <cerrno>
 #include <map>
 #include <set>
 
@@ -14,6 +15,9 @@
 namespace {
 
 using namespace wpa_supplicant_names;
+
+/** So many calls in a row without an answer, and wpa_supplicant hangs: the other BSSs are not asked for. */
+constexpr int kTimeoutsOfAHang = 2;
 
 bool offers_wpa_psk(const std::any& rsn)
 {
@@ -92,9 +96,16 @@ int wpa_supplicant_get_access_point_details(const std::vector<std::string>& path
         syslog(LOG_ERR, "%s: Failed to open system bus", "wpa_supplicant_get_access_point_details");
         return 0;
     }
+    int timeouts = 0;
     for (const std::string& path : paths) {
         sdbus_utils::TypedPropertyMap properties;
-        if (sdbus_utils::GetAllProperties(bus.get(), kCallService, path, kBssInterface, properties) < 0) {
+        const int result =
+            sdbus_utils::GetAllProperties(bus.get(), kCallService, path, kBssInterface, properties);
+        timeouts = result == -ETIMEDOUT ? timeouts + 1 : 0;
+        if (timeouts == kTimeoutsOfAHang) {
+            break;
+        }
+        if (result < 0) {
             continue;
         }
         AccessPoint record = record_of(path, properties);

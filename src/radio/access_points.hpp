@@ -36,7 +36,9 @@ using AccessPoints = std::vector<AccessPoint>;
 int wpa_supplicant_get_access_points(AccessPoints& accessPoints);
 
 /**
- * Asks for the properties of the given BSSs. One that can not be read, or whose name is empty, is left out.
+ * Asks for the properties of the given BSSs. One that can not be read, or whose name is empty, is left out;
+ * after two time-outs in a row the rest is, so that a hanging wpa_supplicant holds the caller for less than a
+ * minute and not for one time-out for each BSS.
  *
  * @param paths object paths of the BSSs
  * @param accessPoints receives the records, strongest first; of equal names the strongest. The order of

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <any>
 #include <cerrno>
 #include <map>
@@ -32,6 +33,8 @@ struct
     std::vector<std::string> paths;
     std::map<std::string, TypedPropertyMap> properties;
     int opensLeft = 100;
+    std::vector<std::string> hanging; // paths whose properties are asked for in vain
+    int asked = 0;
 } air;
 
 std::any bytes(const std::string& text)
@@ -99,6 +102,10 @@ int SetProperty(sd_bus*, const char*, const char*, const char*, const char*, con
 int GetAllProperties(sd_bus*, const std::string&, const std::string& path, const std::string&,
                      TypedPropertyMap& properties)
 {
+    ++air.asked;
+    if (std::find(air.hanging.begin(), air.hanging.end(), path) != air.hanging.end()) {
+        return -ETIMEDOUT;
+    }
     const auto found = air.properties.find(path);
     if (found == air.properties.end()) {
         return -ENOENT;
@@ -143,6 +150,31 @@ TEST_F(AccessPointList, names_that_differ_after_a_nul_are_two)
     AccessPoints list;
     ASSERT_EQ(wpa_supplicant_get_access_points(list), 1);
     EXPECT_EQ(list.size(), 2U);
+}
+
+TEST_F(AccessPointList, goes_on_behind_a_bss_that_is_asked_for_in_vain)
+{
+    for (const char* name : {"a", "b", "c", "d"}) {
+        add_bss(name, -40, true, {});
+    }
+    air.hanging = {"/bss/0", "/bss/2"};
+    AccessPoints list;
+    ASSERT_EQ(wpa_supplicant_get_access_points(list), 1);
+    EXPECT_EQ(list.size(), 2U);
+    EXPECT_EQ(air.asked, 4);
+}
+
+TEST_F(AccessPointList, ends_where_wpa_supplicant_hangs)
+{
+    for (const char* name : {"a", "b", "c", "d", "e"}) {
+        add_bss(name, -40, true, {});
+    }
+    air.hanging = {"/bss/1", "/bss/2", "/bss/3", "/bss/4"};
+    AccessPoints list;
+    ASSERT_EQ(wpa_supplicant_get_access_points(list), 1);
+    ASSERT_EQ(list.size(), 1U);
+    EXPECT_EQ(list[0].ssid, "a");
+    EXPECT_EQ(air.asked, 3);
 }
 
 TEST_F(AccessPointList, is_a_failure_without_a_bus_for_the_list_or_for_the_details)
