@@ -37,7 +37,7 @@ def in_shell(build_dir: Path, script: str, *options: str | Path) -> subprocess.C
 
 def test_command_reaches_both_buses_and_its_status_is_passed_on(build_dir: Path) -> None:
     ran = in_shell(build_dir, f"busctl --user get-property {TARGET} Mode IPAddress; "
-                   "busctl --system status org.freedesktop.systemd1 >/dev/null && echo system; "
+                   "busctl --system call org.freedesktop.DBus / org.freedesktop.DBus NameHasOwner s org.freedesktop.systemd1; "
                    f"{PYTHON} {SIMULATOR}/vantora-simctl join tablet; exit 7")
     assert ran.returncode == 7, ran.stderr
     assert ran.stdout == 's "Host"\ns "192.168.8.1"\nb true\ntablet has joined\n'
