@@ -177,6 +177,18 @@ TEST_F(AccessPointList, ends_where_wpa_supplicant_hangs)
     EXPECT_EQ(air.asked, 3);
 }
 
+TEST_F(AccessPointList, of_a_hundred_thousand_names_is_made_in_a_moment)
+{
+    // Compared with one another they would take minutes, and the test would run into its time limit.
+    constexpr int kNames = 100'000;
+    for (int i = 0; i < kNames; ++i) {
+        add_bss("network number " + std::to_string(i), -50, true, {});
+    }
+    AccessPoints list;
+    ASSERT_EQ(wpa_supplicant_get_access_points(list), 1);
+    EXPECT_EQ(list.size(), static_cast<size_t>(kNames));
+}
+
 TEST_F(AccessPointList, is_a_failure_without_a_bus_for_the_list_or_for_the_details)
 {
     add_bss("cafe", -40, true, {});

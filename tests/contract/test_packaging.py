@@ -1,0 +1,60 @@
+"""What is installed, and what the units and activation files promise."""
+
+import configparser
+import re
+import subprocess
+from pathlib import Path
+
+import pytest
+
+BUS_NAMES = {"com.vantora.Network1": "vantora-network.service", "com.vantora.common.Settings1": "vantora-settingsd.service"}
+
+
+@pytest.fixture(scope="module")
+def installed(build_dir: Path, tmp_path_factory: pytest.TempPathFactory) -> Path:
+    """The root of an installation of the whole build."""
+    root = tmp_path_factory.mktemp("installed")
+    subprocess.run(["cmake", "--install", build_dir], env={"DESTDIR": str(root), "PATH": "/usr/bin:/bin"},
+                   check=True, capture_output=True, text=True, timeout=60)
+    return root
+
+
+def the_only(root: Path, name: str) -> Path:
+    (found,) = root.rglob(name)
+    return found
+
+
+def unit(path: Path) -> configparser.ConfigParser:
+    parser = configparser.ConfigParser(strict=False, interpolation=None)
+    parser.optionxform = str  # type: ignore[assignment, method-assign]
+    parser.read(path)
+    return parser
+
+
+def test_programs_and_files_for_integrators_are_installed(installed: Path) -> None:
+    for program in ("sbin/vantora-network", "sbin/vantora-settingsd", "bin/vantora-wifi", "bin/vantora-sim", "bin/vantora-simctl"):
+        assert the_only(installed, program).stat().st_mode & 0o111, program
+    for name in ("vantora-network.service", "vantora-settingsd.service", "com.vantora.Network1.service",
+                 "com.vantora.common.Settings1.service", "com.vantora.Network1.WiFi.xml"):
+        the_only(installed, name)
+
+
+def test_the_daemons_unit_waits_for_ready_and_starts_it_anew_whatever_ended_it(installed: Path) -> None:
+    service = unit(the_only(installed, "vantora-network.service"))["Service"]
+    assert service["Type"] == "notify"
+    assert service["NotifyAccess"] == "main"
+    assert installed / service["ExecStart"].removeprefix("/") == the_only(installed, "sbin/vantora-network")
+    assert service["Restart"] == "always"
+    assert service["Environment"] == "XDG_RUNTIME_DIR=/run/user/0"
+
+
+def test_the_daemons_unit_leaves_it_the_real_tmp_where_hostapd_answers(installed: Path) -> None:
+    assert unit(the_only(installed, "vantora-network.service"))["Service"].get("PrivateTmp", "no") == "no"
+
+
+@pytest.mark.parametrize("name", BUS_NAMES)
+def test_the_user_bus_activates_the_unit_of_a_name(installed: Path, name: str) -> None:
+    service = unit(the_only(installed, f"{name}.service"))["D-BUS Service"]
+    assert service["Name"] == name
+    assert re.search(rf"systemctl .*start {re.escape(BUS_NAMES[name])}$", service["Exec"])
+    the_only(installed, BUS_NAMES[name])
