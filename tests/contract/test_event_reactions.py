@@ -53,7 +53,7 @@ def test_a_newer_completed_takes_the_place_of_a_pending_announcement(world: Worl
     assert world.journal.count(changed("SSID"), mark) == 2
 
 
-def test_a_flood_of_states_ends_in_one_announcement(world: World) -> None:
+def test_a_flood_of_states_is_announced_state_by_state_and_the_ssid_follows(world: World) -> None:
     bring_up_station(world)
     mark = world.journal.mark()
     for _ in range(25):

@@ -47,6 +47,20 @@ def test_names_of_any_bytes_leave_the_list_and_its_signal_readable(make_world: A
     assert world.journal.wait_for(signal("AccessPointsChanged"), mark).body == [expected]
 
 
+def test_a_thousand_hostile_names_leave_the_list_and_its_signal_readable(make_world: Any) -> None:
+    world = client_world(make_world)
+    patterns = [b"\xff" * 32, b"a\x00b\x00", b"'\"$(reboot)\n", b"\xc3\x28\xed\xa0\x80"]
+    names = [patterns[number % 4][:26] + b"\xfe%04d" % number for number in range(1000)]
+    for number, name in enumerate(names):
+        world.wpa.add_bss(name, signal=-20 - number % 70)
+    found = world.get("AccessPoints")
+    assert sorted(row[0][-5:] for row in found) == [f"{LOST}{number:04d}" for number in range(1000)]
+    assert [row[2] for row in found] == sorted((row[2] for row in found), reverse=True)
+    mark = world.journal.mark()
+    world.wpa.report_bsss()
+    assert len(world.journal.wait_for(signal("AccessPointsChanged"), mark).body[0]) == 1000
+
+
 def test_names_that_are_published_alike_stay_different_networks(make_world: Any) -> None:
     world = client_world(make_world)
     world.wpa.add_bss(b"\xfe", signal=-30)

@@ -31,6 +31,11 @@ STATION_LISTENER = [
 SETUP = ("info", "Setup initial WiFi mode")
 
 
+def test_log_lines_come_under_the_programs_own_name_without_a_process_id(world: World) -> None:
+    world.up()
+    assert {(entry.ident, entry.pid) for entry in world.journal.since() if entry.kind == "log"} == {("vantora-network", None)}
+
+
 def test_start_up_takes_its_steps_in_order_and_logs_nothing_else(world: World) -> None:
     world.up()
     assert logs_until_setup(world) == [STARTING, *STATION_LISTENER, SETUP]
