@@ -438,3 +438,18 @@ TEST_F(NetworkInterface, BandsOfARadioOfAnotherTypeAreAnError)
     }
     EXPECT_THAT(captured_log().lines(), IsEmpty());
 }
+
+TEST_F(NetworkInterface, EveryMemberHasTheFlagsOfItsKindAndNoOther)
+{
+    int members = 0;
+    for (const sd_bus_vtable* entry = network_interface_vtable() + 1; entry->type != _SD_BUS_VTABLE_END;
+         ++entry) {
+        const uint64_t expected = entry->type == _SD_BUS_VTABLE_METHOD ? SD_BUS_VTABLE_METHOD_NO_REPLY
+                                  : entry->type == _SD_BUS_VTABLE_SIGNAL
+                                      ? 0
+                                      : SD_BUS_VTABLE_PROPERTY_EMITS_CHANGE;
+        EXPECT_EQ(static_cast<uint64_t>(entry->flags), expected) << "member " << members;
+        ++members;
+    }
+    EXPECT_EQ(members, 17);
+}
