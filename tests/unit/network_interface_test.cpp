@@ -444,10 +444,12 @@ TEST_F(NetworkInterface, EveryMemberHasTheFlagsOfItsKindAndNoOther)
     int members = 0;
     for (const sd_bus_vtable* entry = network_interface_vtable() + 1; entry->type != _SD_BUS_VTABLE_END;
          ++entry) {
-        const uint64_t expected = entry->type == _SD_BUS_VTABLE_METHOD ? SD_BUS_VTABLE_METHOD_NO_REPLY
-                                  : entry->type == _SD_BUS_VTABLE_SIGNAL
-                                      ? 0
-                                      : SD_BUS_VTABLE_PROPERTY_EMITS_CHANGE;
+        uint64_t expected = SD_BUS_VTABLE_PROPERTY_EMITS_CHANGE;
+        if (entry->type == _SD_BUS_VTABLE_METHOD) {
+            expected = SD_BUS_VTABLE_METHOD_NO_REPLY;
+        } else if (entry->type == _SD_BUS_VTABLE_SIGNAL) {
+            expected = 0;
+        }
         EXPECT_EQ(static_cast<uint64_t>(entry->flags), expected) << "member " << members;
         ++members;
     }
