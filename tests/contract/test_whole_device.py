@@ -58,6 +58,8 @@ def test_the_access_point_is_restarted_and_stopped_with_its_listener(world: Worl
     world.set("WiFiFrequency", "5")
     world.journal.wait_for(call(lambda verb: verb in ("Restart", "Start"), path=HOSTAPD), mark)
     assert world.get("WiFiFrequency") == "5"
+    for _ in range(3):  # the farewell of the old hostapd, when it was heard, restarts the listener once more, two turns later
+        world.settle()
     world.hostapd.wait_attached()
     world.hostapd.join(MAC)
     world.journal.wait_for(changed("WiFiConnectedClients", 1), mark)
