@@ -91,15 +91,24 @@ def _introduce(device: SimulatedDevice, out: TextIO) -> None:
     print(f"\nThe device is up: world \"{device.plan.name}\", {len(device.plan.networks)} networks around.\n\n"
           f"{view.addresses(device)}\n\n{view.table(device)}\n\n"
           f"Talk to it from another terminal:\n\n{view.instructions(device)}\n\n"
-          f"Change what is around it: {_simctl()} --help\n", file=out, flush=True)
+          f"{_hints(device.world.build)}\n", file=out, flush=True)
 
 
-def _simctl() -> str:
-    """How vantora-simctl is called from here: it stands beside this program."""
-    path = Path(sys.argv[0]).resolve().with_name("vantora-simctl")
-    if shutil.which(path.name) == str(path):
-        return path.name
-    return str(path.relative_to(Path.cwd())) if path.is_relative_to(Path.cwd()) else str(path)
+def _hints(build: Path) -> str:
+    """Where the programs stand that are made for people."""
+    beside = Path(sys.argv[0]).resolve().parent
+    hints = [f"Change what is around it: {_called(beside / 'vantora-simctl')} --help"]
+    client = next((folder / "vantora-wifi" for folder in (build, beside) if (folder / "vantora-wifi").exists()), None)
+    if client is not None:
+        hints.insert(0, f"The same in words and tables: {_called(client)} --help")
+    return "\n".join(hints)
+
+
+def _called(program: Path) -> str:
+    """How a program is called from here."""
+    if shutil.which(program.name) == str(program):
+        return program.name
+    return str(program.relative_to(Path.cwd())) if program.is_relative_to(Path.cwd()) else str(program)
 
 
 def _stay(device: SimulatedDevice, out: TextIO, verbose: bool) -> int:
