@@ -6,6 +6,7 @@ if(NOT VANTORA_PLATFORM MATCHES "^(bundled|installed)$")
 endif()
 
 option(VANTORA_BUILD_TESTS "Build the unit tests and the helpers of the contract tests" ON)
+option(VANTORA_BUILD_BENCH "Build the programs that scripts/bench measures with" OFF)
 set(VANTORA_SANITIZE "" CACHE STRING "Sanitizers to build with, as -fsanitize= takes them (address,undefined or thread)")
 option(VANTORA_COVERAGE "Instrument for gcov" OFF)
 

@@ -212,12 +212,16 @@ class World:
         """Wait until the daemon's deferred start-up is over: all reactions are connected, kernel addresses are followed."""
         self.wait_ready(timeout)
         self.journal.wait_for(log("info", "[NETLINK] Starting kernel netlink task..."), self._started, timeout)
+        self.wait_follows_addresses(timeout)
+        self.settle()
+
+    def wait_follows_addresses(self, timeout: float = DEADLINE) -> None:
+        """Wait until the daemon hears of kernel addresses: the last step of its deferred start-up."""
         sockets = Path(f"/proc/{self.sandbox.init}/net/netlink")
         deadline = time.monotonic() + timeout
         while not any(line.split()[3] == _NETLINK_GROUPS for line in sockets.read_text().splitlines()[1:]):
             assert time.monotonic() < deadline, "the daemon does not listen to kernel addresses"
             time.sleep(0.001)
-        self.settle()
 
     def up(self, environment: dict[str, str | None] | None = None) -> Process:
         """Start the daemon and wait until it is up."""

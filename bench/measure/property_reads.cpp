@@ -1,0 +1,51 @@
+#include "measure/subject.hpp"
+
+#include "names.hpp"
+#include "utils/sd_bus_owners.hpp"
+
+namespace {
+
+class PropertyCall : public Subject
+{
+public:
+    /** @param property null for all of them */
+    PropertyCall(std::string service, std::string property)
+        : service_(std::move(service)), property_(std::move(property))
+    {
+        check(open_user_bus(bus_), "open the user bus");
+    }
+
+    Clock::duration run() override
+    {
+        const Clock::time_point begin = Clock::now();
+        BusError error;
+        sd_bus_message* received = nullptr;
+        const int result =
+            property_.empty()
+                ? sd_bus_call_method(bus_.get(), service_.c_str(), kObjectPath, kPropertiesInterface,
+                                     "GetAll", error.get(), &received, "s", kInterface)
+                : sd_bus_call_method(bus_.get(), service_.c_str(), kObjectPath, kPropertiesInterface, "Get",
+                                     error.get(), &received, "ss", kInterface, property_.c_str());
+        const Clock::time_point end = Clock::now();
+        const MessagePtr reply(received);
+        check(result, error.message());
+        return end - begin;
+    }
+
+private:
+    std::string service_;
+    std::string property_;
+    BusPtr bus_;
+};
+
+} // namespace
+
+std::unique_ptr<Subject> make_property_read(const std::string& service, const std::string& property)
+{
+    return std::make_unique<PropertyCall>(service, property);
+}
+
+std::unique_ptr<Subject> make_read_of_all(const std::string& service)
+{
+    return std::make_unique<PropertyCall>(service, "");
+}

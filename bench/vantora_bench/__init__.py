@@ -1,0 +1,1 @@
+"""The figures of the daemon, each beside its floor. Run by scripts/bench."""

@@ -1,0 +1,36 @@
+"""The list of access points, which is one call for each of them."""
+
+from __future__ import annotations
+
+from pathlib import Path
+
+from .device import Device
+from .measure import Times, measure, ratio_of_medians
+from .reads import DAEMON, row
+from .report import Row, Section, seconds
+
+_COUNTS = (10, 100, 1000)
+_GOAL_GROWTH = 0.10
+
+
+def access_points(build: Path, quick: bool) -> Section:
+    """Reading the list beside the same commands and calls made bare, for short and long lists."""
+    counts = (10, 50, 100) if quick else _COUNTS
+    rows: list[Row] = []
+    times: list[Times] = []
+    with Device.booted(build, "Client") as device:
+        device.start_daemon()
+        for count in counts:
+            stand_in = device.start_stand_in("access-points", str(count))
+            blocks = 4 if quick else max(12, min(100, 12_000 // count))
+            value, floor = measure(device.world, blocks, 1, f"get:{DAEMON}:AccessPoints", "access-points")
+            stand_in.stop()
+            rows.append(row(f"AccessPoints, {count:,} BSSs", ratio_of_medians(value, floor), 1.10))
+            times.append(value)
+    few, some, many = (time.median for time in times)
+    first = (some - few) / (counts[1] - counts[0])
+    second = (many - some) / (counts[2] - counts[1])
+    growth = second / first - 1
+    rows.append(Row(f"cost of a BSS, {counts[1]:,} to {counts[2]:,} beside {counts[0]:,} to {counts[1]:,}", seconds(second),
+                    seconds(first), f"{growth:+.1%}", f"{_GOAL_GROWTH:+.0%}", growth <= _GOAL_GROWTH))
+    return Section("4. AccessPoints", rows)

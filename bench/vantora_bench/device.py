@@ -1,0 +1,91 @@
+"""A world to measure in: the real buses and the real settings daemon, and neighbours that answer at once.
+
+The neighbours of the tests are scripts: they take longer to answer than the daemon to ask, and would hide its cost.
+"""
+
+from __future__ import annotations
+
+import time
+from collections.abc import Iterator
+from contextlib import contextmanager
+from pathlib import Path
+
+from vantora_sim import DEADLINE, Process, Variant, World, settings
+from vantora_sim.dbus_fake import PROPERTIES
+
+BARE_SERVICE = "com.vantora.bench.BareService"
+
+_RFKILL = "0: phy0: Wireless LAN\n\tSoft blocked: no\n\tHard blocked: no\n"
+_IW = ("Interface wlan0\n\tifindex 3\n\twdev 0x1\n\taddr 02:00:00:00:10:01\n\tssid Korrin One-3456\n\ttype {kind}\n\twiphy 0\n"
+       "\tchannel 6 (2437 MHz), width: 20 MHz (no HT), center1: 2437 MHz\n\ttxpower 20.00 dBm\n")
+_IW_TYPES = {"Host": "AP", "Client": "managed"}
+
+
+class Device:
+    """A device in one mode ("Host" or "Client"), with no daemon started yet."""
+
+    def __init__(self, world: World, mode: str) -> None:
+        self.world = world
+        self.mode = mode
+        self._build = world.build
+
+    @classmethod
+    @contextmanager
+    def booted(cls, build: Path, mode: str) -> Iterator["Device"]:
+        """A device with its neighbours; taken down at the end."""
+        with World(build, lasting=True) as world:
+            device = cls(world, mode)
+            device._furnish()
+            yield device
+
+    def _furnish(self) -> None:
+        world = self.world
+        world.follow_units = False
+        tools = world.work / "run/sim/bin"
+        for name, output in (("rfkill", _RFKILL), ("iw", _IW.format(kind=_IW_TYPES[self.mode]))):
+            (tools / f"{name}.out").write_text(output)
+            (tools / name).unlink()
+            (tools / name).write_bytes((self._build / "vantora-bench-tool").read_bytes())
+            (tools / name).chmod(0o755)
+        self.start_stand_in("log", "/run/sim/log")
+        if self.mode == "Host":
+            self.start_stand_in("hostapd")
+        world.settings.go()
+        world.sandbox.start([self._build / "vantora-settingsd", "--state", "/run/sim/settings.json"])
+        self._wait_for_name(settings.SERVICE)
+        self.change_setting("network", "mode", "s", self.mode)
+
+    def start_stand_in(self, name: str, *arguments: str) -> Process:
+        """Start a neighbour and wait until it serves."""
+        process = self.world.sandbox.start([self._build / f"vantora-bench-{name}", *arguments])
+        deadline = time.monotonic() + DEADLINE
+        while "ready" not in process.stdout:
+            assert process.running and time.monotonic() < deadline, f"the stand-in for {name} does not come up"
+            time.sleep(0.01)
+        return process
+
+    def start_daemon(self) -> Process:
+        """Start the daemon and wait until its deferred start-up is over."""
+        daemon = self.world.start_daemon()
+        self.world.wait_ready()
+        self.world.wait_follows_addresses()
+        self.world.settle()
+        assert self.world.get("Mode") == self.mode
+        return daemon
+
+    def start_bare_service(self) -> Process:
+        """Start the service that is the floor."""
+        service = self.world.sandbox.start([self._build / "vantora-bench-service"])
+        self._wait_for_name(BARE_SERVICE)
+        return service
+
+    def change_setting(self, section: str, key: str, signature: str, value: object) -> None:
+        """Change a setting as another program of the device does."""
+        self.world.call_service_async(settings.SERVICE, f"{settings.BASE_PATH}/{section}", PROPERTIES, "Set", "ssv",
+                                      [settings.SERVICE, key, Variant(signature, value)]).result(DEADLINE)
+
+    def _wait_for_name(self, name: str) -> None:
+        deadline = time.monotonic() + DEADLINE
+        while not self.world.name_owned(name):
+            assert time.monotonic() < deadline, f"{name} does not come up"
+            time.sleep(0.01)
