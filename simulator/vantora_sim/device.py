@@ -53,6 +53,8 @@ class SimulatedDevice:
         self.station = StationSide(self.world, self.air)
         self.dhcp = DhcpClient(self.world, self.station)
         self.settings_daemon: Process | None = None
+        self.restarts = True
+        """Whether the service manager starts a network daemon again that has ended."""
         self.control = Control(self)
         self._weather = Activity()
         self._ending = threading.Event()
@@ -147,7 +149,7 @@ class SimulatedDevice:
         """The service manager's part: a daemon that has ended is started again."""
         while not self._ending.is_set():
             daemon = self.world.daemon
-            if daemon is not None and not daemon.running and not self._ending.wait(_RESTART):
+            if self.restarts and daemon is not None and not daemon.running and not self._ending.wait(_RESTART):
                 self.world.start_daemon()
             self._ending.wait(0.1)
 

@@ -14,6 +14,7 @@ ROOT = Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(ROOT / "simulator"))
 
 from vantora_sim import World  # noqa: E402  (found through the line above)
+from wifi_client import PIPE, TERMINAL, Way  # noqa: E402
 
 TIME_OUT = 120
 """Seconds after which a single test is given up: only a fault gets there, every wait has its own, shorter deadline."""
@@ -87,3 +88,10 @@ def _check_end(world: World) -> None:
 def world(make_world: Callable[..., World]) -> World:
     """A world with the usual device; no daemon started yet."""
     return make_world()
+
+
+@pytest.fixture(params=[PIPE, TERMINAL], ids=str)
+def way(request: pytest.FixtureRequest) -> Way:
+    """Runs a test of the command-line client twice: on pipes and on a terminal."""
+    chosen: Way = request.param
+    return chosen

@@ -10,8 +10,9 @@ from typing import Any
 
 import pytest
 from conftest import ROOT
-from vantora_sim import plain
+from vantora_sim import CallRefused, plain
 from vantora_sim.device import SimulatedDevice
+from vantora_sim.neighbours import neighbours
 from vantora_sim.plan import Network, Plan, Visitor
 from vantora_sim.simctl import main as simctl_main
 
@@ -76,6 +77,62 @@ def client(make_device: Callable[..., SimulatedDevice]) -> SimulatedDevice:
     return device
 
 
+class SharedDevice:
+    """One device for all tests of a module: bringing one up takes seconds. Each test says first how it wants to find it."""
+
+    def __init__(self, device: SimulatedDevice) -> None:
+        self.device = device
+        self._known_up = device.world.daemon
+
+    def be(self, mode: str) -> SimulatedDevice:
+        """Bring it into a mode, whatever was done to it: everybody there and answering, radio on, nothing joined."""
+        device, world = self.device, self.device.world
+        device.restarts = True
+        for name, neighbour in neighbours(device).items():
+            neighbour.release()
+            if name in ("systemd", "vantora-settingsd") and not neighbour.running():
+                neighbour.start()
+        world.clear_faults()
+        self.wait_daemon()
+        world.loop.call(lambda: world.radio.block(soft=False, hard=False))
+        world.set("WiFiState", 1)
+        world.set("Mode", mode)
+        if mode == "Client":
+            wait_until(device, lambda: bool(world.wpa.present), "wpa_supplicant")
+            try:
+                world.call("Disconnect")
+            except CallRefused:
+                pass  # there was nothing to leave
+            wait_until(device, lambda: world.get("WiFiClientState") in ("", "inactive", "disconnected", "failed"), "a free station")
+        else:
+            wait_until(device, lambda: not device.coming_up, "the access point to be on the air")
+        return device
+
+    def wait_daemon(self) -> None:
+        """Wait until the daemon runs that the service manager has started in place of one that ended, and is up."""
+        wait_until(self.device, lambda: self.device.world.daemon is not None and self.device.world.daemon.running, "the daemon")
+        if self.device.world.daemon is not self._known_up:
+            self.device.wait_up()
+            self._known_up = self.device.world.daemon
+
+
+@pytest.fixture(scope="module")
+def module_device(build_dir: Path) -> Iterator[SharedDevice]:
+    """The small world for a whole module; it must end as it should."""
+    with SimulatedDevice(small_plan(), build_dir) as device:
+        device.wait_up()
+        yield SharedDevice(device)
+        assert device.shut_down() == 0
+        assert device.world.sanitizer_reports() == ""
+
+
+@pytest.fixture
+def shared(module_device: SharedDevice, request: pytest.FixtureRequest) -> SharedDevice:
+    """The module's device, whose journal is shown when this test fails."""
+    request.node.worlds = [module_device.device.world]
+    return module_device
+
+
 @pytest.fixture
 def simctl(monkeypatch: pytest.MonkeyPatch, capsys: pytest.CaptureFixture[str],
            request: pytest.FixtureRequest) -> Callable[..., tuple[int, str]]:
@@ -137,5 +194,6 @@ def names(value: Any) -> list[str]:
     return [name for name, *_ in plain(value)]
 
 
-__all__ = ["KEY", "OTHER_ADDRESS", "PYTHON", "SIMULATOR", "client", "connect", "device", "kernel_addresses", "make_device",
-           "names", "shown", "simctl", "small_plan", "state_words", "wait_for_state", "wait_until"]
+__all__ = ["KEY", "OTHER_ADDRESS", "PYTHON", "SIMULATOR", "SharedDevice", "client", "connect", "device", "kernel_addresses",
+           "make_device", "module_device", "names", "shared", "shown", "simctl", "small_plan", "state_words", "wait_for_state",
+           "wait_until"]

@@ -7,7 +7,7 @@ import signal
 
 from station import bring_up_station
 from vantora_sim import World, call
-from wifi_client import DONE, REFUSED, TIMED_OUT, UNREACHABLE, on_terminal, run, start
+from wifi_client import DONE, REFUSED, TIMED_OUT, UNREACHABLE, Way, on_terminal, run
 
 NETWORK_FIELDS = {"type", "ssid", "signal", "bars", "encrypted", "wpa_psk", "joinable"}
 
@@ -49,9 +49,9 @@ def test_bars_are_ascii_where_the_locale_has_nothing_else(world: World) -> None:
     assert lines[2] == "###.    -64  WPA-PSK   Caf\\u{e9} \\u{d6}l \\u{55ab}\\u{8336}\\u{5e97}"
 
 
-def test_scan_for_programs_is_one_object_a_network(world: World) -> None:
+def test_scan_for_programs_is_one_object_a_network(world: World, way: Way) -> None:
     bring_up_street(world)
-    shown = run(world, "scan", "--json")
+    shown = way.run(world, "scan", "--json")
     assert (shown.status, shown.stderr) == (DONE, "")
     assert all(set(network) == NETWORK_FIELDS for network in shown.objects)
     assert shown.objects[0] == {"type": "network", "ssid": "home", "signal": -48, "bars": 4, "encrypted": True,
@@ -105,11 +105,10 @@ def test_a_scan_that_finds_nothing_new_shows_what_is_known(world: World) -> None
     assert shown.stdout.splitlines()[1:] == ["▂▄▆█    -48  WPA-PSK   home"]
 
 
-def test_a_scan_that_finds_nothing_new_in_time_ends_with_4(world: World) -> None:
+def test_a_scan_that_finds_nothing_new_in_time_ends_with_4(world: World, way: Way) -> None:
     bring_up_station(world)
-    shown = run(world, "scan", "--timeout", "2")
-    assert (shown.status, shown.stdout) == (TIMED_OUT, "")
-    assert shown.stderr == "vantora-wifi: the scan found nothing new in time\n"
+    assert way.run(world, "scan", "--timeout", "7.5") == way.ended(
+        TIMED_OUT, stderr="vantora-wifi: the scan found nothing new in time\n")
 
 
 def test_nothing_in_range_is_said_to_people_only(world: World) -> None:
@@ -127,21 +126,20 @@ def test_two_hundred_networks_fit(world: World) -> None:
     assert len(run(world, "scan", "--json").objects) == 200
 
 
-def test_an_access_point_does_not_scan(world: World) -> None:
+def test_an_access_point_does_not_scan(world: World, way: Way) -> None:
     world.up()
     mark = world.journal.mark()
-    shown = run(world, "scan")
-    assert (shown.status, shown.stdout) == (REFUSED, "")
-    assert shown.stderr == ("vantora-wifi: the device is an access point, which cannot look for networks; make it a station "
-                            "with 'vantora-wifi mode client'\n")
+    assert way.run(world, "scan") == way.ended(
+        REFUSED, stderr="vantora-wifi: the device is an access point, which cannot look for networks; make it a station "
+        "with 'vantora-wifi mode client'\n")
     assert world.journal.count(call("Scan"), mark) == 0
 
 
-def test_a_radio_that_is_off_does_not_scan(world: World) -> None:
+def test_a_radio_that_is_off_does_not_scan(world: World, way: Way) -> None:
     world.settings.set("network", "enabled", False)
     world.up()
-    shown = run(world, "scan")
-    assert (shown.status, shown.stderr) == (REFUSED, "vantora-wifi: the radio is off; switch it on with 'vantora-wifi on'\n")
+    assert way.run(world, "scan") == way.ended(
+        REFUSED, stderr="vantora-wifi: the radio is off; switch it on with 'vantora-wifi on'\n")
 
 
 def test_a_scan_that_the_station_refuses_shows_what_is_known(world: World) -> None:
@@ -165,14 +163,14 @@ def test_a_station_that_was_still_starting_up_is_asked_again(world: World) -> No
     assert world.journal.count(call("Scan"), mark) == 2
 
 
-def test_the_daemon_dying_during_a_scan_ends_with_3(world: World) -> None:
+def test_the_daemon_dying_during_a_scan_ends_with_3(world: World, way: Way) -> None:
     bring_up_station(world)
     daemon = world.daemon
     assert daemon
     mark = world.journal.mark()
-    with start(world, "scan") as client:
+    with way.start(world, "scan") as client:
         world.journal.wait_for(call("Scan"), mark)
         daemon.send_signal(signal.SIGKILL)
         daemon.wait()
         assert client.end() == UNREACHABLE
-        assert client.text == "vantora-wifi: the daemon has left the bus in the middle of this\n"
+        assert client.plain == "vantora-wifi: the daemon has left the bus in the middle of this\n"

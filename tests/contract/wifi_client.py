@@ -1,4 +1,4 @@
-"""Running `vantora-wifi` against a world: on pipes, and on a terminal of its own."""
+"""Running `vantora-wifi` against a world: on pipes, on a terminal of its own, or each test on both (fixture `way`)."""
 
 from __future__ import annotations
 
@@ -73,7 +73,9 @@ def _begin_on_terminal() -> None:
 class Running:
     """A client in the background. `wait_for` reads what it writes as it comes."""
 
-    def __init__(self, command: Sequence[str], full_environment: Mapping[str, str], *, terminal: bool = False) -> None:
+    def __init__(self, command: Sequence[str | bytes], full_environment: Mapping[str, str], *, terminal: bool = False,
+                 stdin: str | None = None) -> None:
+        """`stdin` is what a client on a pipe finds on standard input."""
         self._text = b""
         self._more = threading.Condition()
         if terminal:
@@ -82,9 +84,14 @@ class Running:
                                              start_new_session=True, preexec_fn=_begin_on_terminal)
             os.close(inner)
         else:
-            self._process = subprocess.Popen(command, env=dict(full_environment), stdin=subprocess.DEVNULL,
+            self._process = subprocess.Popen(command, env=dict(full_environment),
+                                             stdin=subprocess.DEVNULL if stdin is None else subprocess.PIPE,
                                              stdout=subprocess.PIPE, stderr=subprocess.STDOUT, process_group=0,
                                              preexec_fn=_forget_ignored_signals)
+            if stdin is not None:
+                assert self._process.stdin
+                self._process.stdin.write(stdin.encode())
+                self._process.stdin.close()
             assert self._process.stdout
             self._output = os.dup(self._process.stdout.fileno())
         self._reader = threading.Thread(target=self._read, daemon=True)
@@ -110,6 +117,11 @@ class Running:
         """Everything written so far."""
         with self._more:
             return self._text.decode("utf-8", "replace")
+
+    @property
+    def plain(self) -> str:
+        """The same without what a terminal adds: the line ends of its own, and the client's colours."""
+        return _plain(self.text)
 
     def wait_until(self, condition: Callable[[str], Any], what: str, timeout: float = DEADLINE) -> Any:
         """Wait until a condition on the text holds, and return what it yields."""
@@ -183,3 +195,49 @@ def on_terminal(world: World, *arguments: str, **changes: str | None) -> Running
 def objects_in(text: str) -> list[dict[str, Any]]:
     """The JSON objects on the complete lines of a text."""
     return [json.loads(line) for line in text.splitlines(keepends=True) if line.endswith("\n")]
+
+
+def _plain(text: str) -> str:
+    """A text as it would be on a pipe: no colours (other escape sequences stay), and a terminal's line ends undone."""
+    return re.sub(r"\x1b\[[0-9;]*m", "", text).replace("\r\n", "\n")
+
+
+@dataclass(frozen=True)
+class Way:
+    """What a client's standard streams are: three pipes, or one terminal."""
+
+    terminal: bool
+
+    def start(self, world: World, *arguments: str | bytes, stdin: str | None = None, **changes: str | None) -> Running:
+        """Start the client; what it finds on standard input is for pipes only."""
+        return Running([program(world), *arguments], environment(world, **changes), terminal=self.terminal, stdin=stdin)
+
+    def run(self, world: World, *arguments: str | bytes, **changes: str | None) -> Ended:
+        """Run the client to its end. A terminal is one stream: everything is in `stdout` then, without the colours."""
+        if not self.terminal:
+            return run(world, *arguments, **changes)
+        with self.start(world, *arguments, **changes) as client:
+            return Ended(client.end(90), client.plain, "")
+
+    def ended(self, status: int, stdout: str = "", stderr: str = "") -> Ended:
+        """What `run` returns for a client that ended like this."""
+        return Ended(status, stdout + stderr, "") if self.terminal else Ended(status, stdout, stderr)
+
+    def connect(self, world: World, ssid: str, passphrase: str, *options: str) -> Running:
+        """Start `connect` and give it the passphrase as one does here: at the prompt, or through standard input."""
+        if not self.terminal:
+            return self.start(world, "connect", ssid, "--passphrase-stdin", *options, stdin=passphrase + "\n")
+        client = self.start(world, "connect", ssid, *options)
+        client.wait_for(re.escape(self.prompt(ssid).rstrip("\n")) + "$")
+        client.type(passphrase + "\n")
+        return client
+
+    def prompt(self, ssid: str) -> str:
+        """What stands above everything else that such a `connect` shows."""
+        return f'Passphrase for "{ssid}": \n' if self.terminal else ""
+
+    def __str__(self) -> str:
+        return "terminal" if self.terminal else "pipe"
+
+
+PIPE, TERMINAL = Way(False), Way(True)
