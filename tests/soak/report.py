@@ -10,7 +10,7 @@ from pathlib import Path
 
 from .run import MEMORY_BOUND, WARM_UP, Outcome, Sample
 
-ROWS = 12
+ROWS = 16
 
 
 def table(head: list[str], rows: Iterable[Iterable[object]]) -> str:

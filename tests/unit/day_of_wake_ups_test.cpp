@@ -1,0 +1,167 @@
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <iostream>
+#include <iterator>
+#include <thread>
+#include <vector>
+
+#include <malloc.h>
+
+#include "core/delayed_emission.hpp"
+#include "core/heartbeat.hpp"
+#include "core/main_loop.hpp"
+#include "core/service.hpp"
+#include "support/driven_clock.hpp"
+#include "support/sd_handles.hpp"
+
+// A day on the main loop, with libsystemd's own loop and the kernel's own descriptors, in a second: only the
+// clock is driven. The threads of the listeners sleep in the C++ library and in select(2), in real time; they
+// are not part of this day.
+
+namespace {
+
+using testing_support::DrivenClock;
+
+constexpr uint64_t kSecond = 1'000'000;
+constexpr uint64_t kHour = 3600 * kSecond;
+constexpr uint64_t kDay = 24 * kHour;
+
+/** sd-event may wake up so much later than it was told to, to do several things at once. */
+constexpr uint64_t kAccuracy = kSecond / 4;
+
+constexpr int32_t kDelaySec = 2;
+constexpr uint64_t kDelay = kDelaySec * kSecond;
+
+sd_event* loop = nullptr;
+DrivenClock* theClock = nullptr;
+std::vector<uint64_t> emittedAt;
+
+vantora::EventPtr new_loop()
+{
+    sd_event* event = nullptr;
+    EXPECT_GE(sd_event_new(&event), 0);
+    loop = event;
+    return vantora::EventPtr(event);
+}
+
+auto open_descriptors()
+{
+    const std::filesystem::directory_iterator all("/proc/self/fd");
+    return std::distance(begin(all), end(all));
+}
+
+} // namespace
+
+sd_event* service_event()
+{
+    return loop;
+}
+
+void emit_property_changed(const char*)
+{
+    emittedAt.push_back(theClock->now_usec());
+}
+
+namespace {
+
+TEST(DayOfWakeUps, idle_loop_wakes_up_once_a_second_and_for_nothing_else)
+{
+    DrivenClock clock;
+    const vantora::EventPtr event = new_loop();
+    start_heartbeat(event.get());
+
+    const uint64_t begin = clock.now_usec();
+    uint64_t last = begin;
+    uint64_t shortest = kDay;
+    uint64_t longest = 0;
+    while (clock.now_usec() < begin + kDay) {
+        ASSERT_GT(sd_event_run(event.get(), UINT64_MAX), 0);
+        shortest = std::min(shortest, clock.now_usec() - last);
+        longest = std::max(longest, clock.now_usec() - last);
+        last = clock.now_usec();
+    }
+    std::cout << clock.wake_ups() << " wake-ups in a day, " << shortest << " to " << longest << " us apart\n";
+    EXPECT_GE(shortest, kSecond);
+    EXPECT_LE(longest, kSecond + kAccuracy);
+    EXPECT_LE(clock.wake_ups(), kDay / kSecond);
+    EXPECT_GE(clock.wake_ups(), kDay / (kSecond + kAccuracy));
+}
+
+/** A day in which a station connects every 37 seconds, and another thread hands in work every minute. */
+class BusyDay : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        theClock = &clock_;
+        emittedAt.clear();
+        emittedAt.reserve(kDay / kConnect + 1);
+        requestedAt_.reserve(emittedAt.capacity());
+        queue_.attach(event_.get());
+        start_heartbeat(event_.get());
+    }
+
+    void TearDown() override { theClock = nullptr; }
+
+    /** Lets time go on until then. */
+    void live_until(uint64_t end)
+    {
+        while (clock_.now_usec() < end) {
+            ASSERT_GT(sd_event_run(event_.get(), UINT64_MAX), 0);
+            if (clock_.now_usec() >= nextConnect_) {
+                nextConnect_ += kConnect;
+                // Of two requests in a row the second counts.
+                emit_properties_later({"Mode"}, kDelaySec);
+                emit_properties_later({"SSID"}, kDelaySec);
+                requestedAt_.push_back(clock_.now_usec());
+            }
+            if (clock_.now_usec() >= nextWork_) {
+                nextWork_ += kWork;
+                ++handedIn_;
+                std::thread([this] { queue_.post([this] { ++worked_; }); }).join();
+            }
+        }
+    }
+
+    static constexpr uint64_t kConnect = 37 * kSecond;
+    static constexpr uint64_t kWork = 60 * kSecond;
+
+    DrivenClock clock_;
+    vantora::EventPtr event_ = new_loop();
+    MainLoopQueue queue_;
+    const uint64_t begin_ = clock_.now_usec();
+    uint64_t nextConnect_ = begin_ + kConnect;
+    uint64_t nextWork_ = begin_ + kWork;
+    uint64_t handedIn_ = 0;
+    uint64_t worked_ = 0;
+    std::vector<uint64_t> requestedAt_;
+};
+
+TEST_F(BusyDay, announces_each_delayed_property_once_in_time_and_keeps_nothing)
+{
+    live_until(begin_ + kHour);
+    const auto descriptors = open_descriptors();
+    const size_t memory = mallinfo2().uordblks;
+
+    // Until the same point of the cycle, so that as much is pending as was then.
+    live_until(begin_ + kDay - 5 * kSecond);
+    const uint64_t lastRequest = requestedAt_.back();
+    live_until(lastRequest + kDelay + 2 * kSecond);
+
+    ASSERT_EQ(emittedAt.size(), requestedAt_.size());
+    for (size_t i = 0; i < emittedAt.size(); ++i) {
+        ASSERT_GE(emittedAt[i] - requestedAt_[i], kDelay);
+        ASSERT_LE(emittedAt[i] - requestedAt_[i], kDelay + kAccuracy);
+    }
+    EXPECT_EQ(worked_, handedIn_);
+    std::cout << clock_.wake_ups() << " wake-ups, " << emittedAt.size() << " delayed announcements, "
+              << worked_ << " works handed in\n";
+    EXPECT_LE(clock_.wake_ups(), kDay / kSecond + emittedAt.size());
+
+    EXPECT_EQ(open_descriptors(), descriptors);
+    // A pending announcement and the allocator's own bookkeeping, and nothing for each of thousands.
+    EXPECT_LE(mallinfo2().uordblks, memory + 4096);
+}
+
+} // namespace
