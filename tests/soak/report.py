@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import os
 import platform
+import textwrap
 import time
 from collections.abc import Iterable
 from pathlib import Path
@@ -11,6 +12,7 @@ from pathlib import Path
 from .run import MEMORY_BOUND, WARM_UP, Outcome, Sample
 
 ROWS = 16
+WIDTH = 120
 
 
 def table(head: list[str], rows: Iterable[Iterable[object]]) -> str:
@@ -79,4 +81,8 @@ def page(outcome: Outcome, command: str) -> str:
         table(["", "Is", "Should be"], [[name, f"`{is_}`", f"`{should}`"] for name, (is_, should) in outcome.state.items()]
               + [["exit status on SIGTERM", f"`{outcome.exit_status}`", "`0`"]]),
     ]
-    return "\n\n".join(parts) + "\n"
+    return "\n\n".join(part if part.startswith(("|", "#")) else _wrapped(part) for part in parts) + "\n"
+
+
+def _wrapped(paragraph: str) -> str:
+    return textwrap.fill(paragraph, WIDTH, break_long_words=False, break_on_hyphens=False)
