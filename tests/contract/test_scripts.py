@@ -1,0 +1,133 @@
+"""What the scripts at the top of the tree promise: `run` is a thin call, `count-results` never takes a broken run for a good one."""
+
+from __future__ import annotations
+
+import shutil
+import subprocess
+from pathlib import Path
+
+import pytest
+from conftest import ROOT
+
+# run
+
+
+@pytest.fixture
+def tree(tmp_path: Path) -> Path:
+    """A source tree with the script, and in the place of what it calls something that tells how it was called."""
+    root = tmp_path / "tree"
+    for folder in ("scripts", "simulator"):
+        (root / folder).mkdir(parents=True)
+    for name in ("run", "common.sh"):
+        shutil.copy(ROOT / "scripts" / name, root / "scripts")
+    for name, script in {"scripts/build": 'echo "build $*"; exit "${BUILD_STATUS:-0}"',
+                         "simulator/vantora-sim": 'printf "<%s>" "$@"; echo; pwd; echo "$PATH"; exit 7'}.items():
+        (root / name).write_text(f"#!/bin/sh\n{script}\n")
+        (root / name).chmod(0o755)
+    return root
+
+
+def run(tree: Path, folder: Path, *arguments: str, **environment: str) -> subprocess.CompletedProcess[str]:
+    return subprocess.run([tree / "scripts/run", *arguments], cwd=folder, env={"PATH": f"{folder}:/usr/bin:/bin", **environment},
+                          capture_output=True, text=True, timeout=60)
+
+
+def test_run_hands_everything_on_and_ends_with_the_status_of_the_command(tree: Path, tmp_path: Path) -> None:
+    ran = run(tree, tmp_path, "--world", "office", "-v", "--", "my program", "--demo", "")
+    assert ran.returncode == 7
+    arguments, folder, path = ran.stdout.splitlines()
+    assert arguments == f"<--build-dir><{tree}/build/release><--world><office><-v><--><my program><--demo><>"
+    assert Path(folder) == tmp_path, "the command runs where the caller is"
+    assert path == f"{tmp_path}:/usr/bin:/bin", "and finds the caller's programs"
+
+
+def test_run_builds_what_the_device_needs_and_keeps_that_off_standard_output(tree: Path, tmp_path: Path) -> None:
+    ran = run(tree, tmp_path)
+    assert ran.stderr == ("build release vantora-network vantora-settingsd vantora-wifi vantora-sim-tool vantora-sim-sandbox\n")
+    assert "build release" not in ran.stdout
+
+
+def test_run_starts_nothing_that_could_not_be_built(tree: Path, tmp_path: Path) -> None:
+    ran = run(tree, tmp_path, BUILD_STATUS="3")
+    assert (ran.returncode, ran.stdout) == (3, "")
+
+
+# count-results
+
+PASSED = '<testcase classname="c" name="{}"/>'
+FAILED = '<testcase classname="c" name="{}"><failure message="no"/></testcase>'
+BROKEN = '<testcase classname="c" name="{}"><error message="set-up"/></testcase>'
+SKIPPED = '<testcase classname="c" name="{}"><skipped message="not here"/></testcase>'
+NOT_RUN = '<testcase classname="c" name="{}" status="notrun"><skipped message="Unable to find executable"/></testcase>'
+DISABLED = '<testcase classname="c" name="{}" status="disabled"/>'
+
+
+def write_run(folder: Path, layer: str, status: int | str, cases: list[str] | None) -> None:
+    """What one layer's runner leaves behind; None for no results at all."""
+    (folder / f"{layer}.status").write_text(f"{status}\n")
+    if cases is not None:
+        text = "".join(case.format(number) for number, case in enumerate(cases))
+        # The totals of a runner are not believed.
+        (folder / f"{layer}.xml").write_text(f'<testsuites><testsuite tests="99" failures="0">{text}</testsuite></testsuites>')
+
+
+def count(folder: Path) -> tuple[int, list[str]]:
+    """Exit status and lines of the script."""
+    ran = subprocess.run([ROOT / "scripts/count-results", folder], capture_output=True, text=True, timeout=60)
+    assert ran.stderr == ""
+    return ran.returncode, ran.stdout.splitlines()
+
+
+@pytest.mark.parametrize(("status", "cases", "exit_status", "total"), [
+    (0, [PASSED, PASSED], 0, "2 passed, 0 failed"),
+    (0, [PASSED, SKIPPED, DISABLED], 0, "1 passed, 0 failed, 2 skipped"),
+    (1, [PASSED, FAILED], 1, "1 passed, 1 failed"),
+    (0, [PASSED, FAILED], 1, "1 passed, 1 failed"),
+    (1, [PASSED, BROKEN], 1, "1 passed, 1 failed"),
+    (8, [PASSED, NOT_RUN], 1, "1 passed, 1 failed"),
+    (0, [SKIPPED], 1, "0 passed, 0 failed, 1 skipped"),
+], ids=["all passed", "some skipped", "one failed", "failed unnoticed", "broken fixture", "program missing", "all skipped"])
+def test_outcomes_are_counted_one_by_one(tmp_path: Path, status: int, cases: list[str], exit_status: int, total: str) -> None:
+    write_run(tmp_path, "unit-1", status, cases)
+    found, lines = count(tmp_path)
+    assert (found, lines[-1]) == (exit_status, total)
+    assert len(lines) == (2 if "1 failed" in total else 1), "a failed test is named"
+
+
+@pytest.mark.parametrize(("status", "cases", "words"), [
+    (139, None, "no readable results (runner status 139)"),
+    (0, None, "no readable results (runner status 0)"),
+    (134, [PASSED], "the runner ended with status 134 without naming a failed test"),
+    (0, [], "no test ran"),
+], ids=["crash before results", "results lost", "crash at the end", "empty"])
+def test_a_runner_that_crashes_or_runs_nothing_counts_as_a_failure(tmp_path: Path, status: int, cases: list[str] | None,
+                                                                   words: str) -> None:
+    write_run(tmp_path, "unit-1", 0, [PASSED])
+    write_run(tmp_path, "contract-1", status, cases)
+    found, lines = count(tmp_path)
+    assert found == 1 and words in lines[0]
+    assert lines[-1].split(", ")[1] == "1 failed"
+
+
+def test_results_cut_off_in_the_middle_count_as_a_failure(tmp_path: Path) -> None:
+    write_run(tmp_path, "contract-1", 0, [PASSED])
+    whole = (tmp_path / "contract-1.xml").read_text()
+    (tmp_path / "contract-1.xml").write_text(whole[:-20])
+    assert count(tmp_path)[1][-1] == "0 passed, 1 failed"
+
+
+def test_no_run_at_all_is_a_failure(tmp_path: Path) -> None:
+    assert count(tmp_path) == (1, ["0 passed, 0 failed"])
+
+
+def test_a_test_whose_clean_up_fails_counts_once_as_failed(tmp_path: Path) -> None:
+    write_run(tmp_path, "contract-1", 1, [PASSED])
+    twice = (PASSED + BROKEN).replace("{}", "same")
+    (tmp_path / "contract-1.xml").write_text(f"<testsuite>{twice}</testsuite>")
+    assert count(tmp_path) == (1, ["FAILED contract-1 c::same", "0 passed, 1 failed"])
+
+
+def test_layers_and_rounds_are_added_up(tmp_path: Path) -> None:
+    for layer in ("unit-1", "unit-2", "contract-1", "contract-2"):
+        write_run(tmp_path, layer, 0, [PASSED, PASSED])
+    assert count(tmp_path) == (0, ["8 passed, 0 failed"])
