@@ -2,13 +2,13 @@
 
 from __future__ import annotations
 
-import statistics
 import time
 from dataclasses import dataclass
 from pathlib import Path
 
 LOOKS = 10
 PAUSE = 0.02
+DEADLINE = 20.0
 
 
 @dataclass(frozen=True)
@@ -27,17 +27,32 @@ def count(pid: int, folder: str) -> int:
     return sum(1 for _ in Path(f"/proc/{pid}/{folder}").iterdir())
 
 
+def runs_a_command(pid: int) -> bool:
+    """Whether a process has children."""
+    return any((thread / "children").read_text() for thread in Path(f"/proc/{pid}/task").iterdir())
+
+
 def resting_counts(pid: int) -> tuple[int, int]:
     """Descriptors and threads of a process with nothing to do.
 
-    What an event started may still be going on (a thread that ends, a connection about to be closed), so the process is looked
-    at ten times in a fifth of a second, and the counts seen most often are taken.
+    What an event started may still be going on: a thread that ends, a connection about to be closed, a command. So the process is
+    looked at until it has had the same counts and no children ten times in a row. What it has lost stays lost, and is counted.
     """
     seen: list[tuple[int, int]] = []
-    for _ in range(LOOKS):
-        seen.append((count(pid, "fd"), count(pid, "task")))
+    deadline = time.monotonic() + DEADLINE
+    while len(seen) < LOOKS:
+        assert time.monotonic() < deadline, "the process does not come to rest"
         time.sleep(PAUSE)
-    return statistics.mode(seen)
+        counts = (count(pid, "fd"), count(pid, "task"))
+        try:
+            busy = runs_a_command(pid)
+        except FileNotFoundError:
+            busy = True  # a thread has just ended
+        if busy or (seen and counts != seen[-1]):
+            seen.clear()
+        if not busy:
+            seen.append(counts)
+    return seen[-1]
 
 
 def look(pid: int) -> Footprint:
