@@ -1,6 +1,7 @@
 #include <cstdlib>
 
 #include <sigc++/sigc++.h>
+#include <sys/stat.h>
 #include <syslog.h>
 #include <systemd/sd-daemon.h>
 
@@ -48,6 +49,10 @@ void kill_wifi_when_asked_to()
 
 int main()
 {
+    // hostapd's configuration holds a passphrase from its first moment on, and whoever may write to a control
+    // connection's reply socket can send events: nobody else may, whatever this program was started with.
+    umask(S_IRWXG | S_IRWXO);
+
     StopSignals stopSignals;
 
     syslog(LOG_INFO, "[Main] Starting Vantora Network service");
