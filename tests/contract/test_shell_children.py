@@ -45,7 +45,7 @@ def signal_mask(pid: int, name: str) -> int:
 
 def wait_for_open_mask(pid: int) -> None:
     """Wait until a process blocks no signal: the shell does for a moment while it starts a command."""
-    deadline = time.monotonic() + 5
+    deadline = time.monotonic() + DEADLINE
     while signal_mask(pid, "SigBlk") != 0:
         assert time.monotonic() < deadline, f"blocked: {signal_mask(pid, 'SigBlk'):x}"
         time.sleep(0.005)

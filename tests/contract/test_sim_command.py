@@ -1,11 +1,10 @@
-"""The commands vantora-sim and vantora-simctl as programs: exit status, environment, signals, persistence, users, the tour."""
+"""The commands vantora-sim and vantora-simctl as programs: exit status, environment, signals, persistence, the tour."""
 
 from __future__ import annotations
 
 import json
 import os
 import re
-import pwd
 import shutil
 import signal
 import subprocess
@@ -21,14 +20,12 @@ from vantora_sim import places, simctl
 
 TARGET = "com.vantora.Network1 /com/vantora/Network1 com.vantora.Network1.WiFi"
 SETTING = "com.vantora.common.Settings1 /com/vantora/common/Settings1/device com.vantora.common.Settings1 deviceName"
-SETPRIV = "/usr/bin/setpriv"
 
 
-def vantora_sim(build_dir: Path, *arguments: str | Path, before: tuple[str | Path, ...] = (),
-                program: Path = SIMULATOR / "vantora-sim") -> subprocess.CompletedProcess[str]:
+def vantora_sim(build_dir: Path, *arguments: str | Path) -> subprocess.CompletedProcess[str]:
     """Run it to its end."""
-    return subprocess.run([*before, PYTHON, program, "--build-dir", build_dir, *arguments], capture_output=True, text=True,
-                          stdin=subprocess.DEVNULL, timeout=100)
+    return subprocess.run([PYTHON, SIMULATOR / "vantora-sim", "--build-dir", build_dir, *arguments], capture_output=True,
+                          text=True, stdin=subprocess.DEVNULL, timeout=100)
 
 
 def in_shell(build_dir: Path, script: str, *options: str | Path) -> subprocess.CompletedProcess[str]:
@@ -178,46 +175,6 @@ def test_tour_fails_when_a_step_does(build_dir: Path, tmp_path: Path) -> None:
     ran = vantora_sim(build_dir, "--demo", "--world", world)
     assert ran.returncode == 1
     assert "FAILED: AccessPoints is []" in ran.stdout and "All steps done" not in ran.stdout
-
-
-@pytest.fixture
-def ordinary_user(build_dir: Path) -> Iterator[tuple[tuple[str, ...], Path, Path]]:
-    """How to run something as an ordinary user, and copies of the simulator and the programs that such a user can read."""
-    folder = Path("/tmp") / f"vantora-ordinary-{os.getpid()}"
-    (folder / "docs").mkdir(parents=True)
-    try:
-        shutil.copytree(SIMULATOR, folder / "simulator", ignore=shutil.ignore_patterns("__pycache__"))
-        shutil.copy(places.schema(), folder / "docs")
-        (folder / "build").mkdir()
-        for name in places.PROGRAMS:
-            shutil.copy(build_dir / name, folder / "build")
-        subprocess.run(["/usr/bin/chmod", "-R", "a+rX", folder], check=True)
-        become: tuple[str, ...] = ()
-        if os.geteuid() == 0:
-            nobody = pwd.getpwnam("nobody")
-            become = (SETPRIV, f"--reuid={nobody.pw_uid}", f"--regid={nobody.pw_gid}", "--clear-groups", "--inh-caps=-all")
-        yield become, folder / "simulator/vantora-sim", folder / "build"
-    finally:
-        shutil.rmtree(folder, ignore_errors=True)
-
-
-def test_ordinary_user_has_the_whole_device(ordinary_user: tuple[tuple[str, ...], Path, Path]) -> None:
-    become, program, build = ordinary_user
-    ran = vantora_sim(build, "--", "/bin/sh", "-c", f"id -u; busctl --user get-property {TARGET} Mode IPAddress; exit 3", before=become,
-                      program=program)
-    assert ran.returncode == 3, ran.stderr
-    user, mode, address = ran.stdout.splitlines()
-    assert user != "0" and (mode, address) == ('s "Host"', 's "192.168.8.1"')
-
-
-def test_where_no_sandbox_is_possible_one_line_says_why(ordinary_user: tuple[tuple[str, ...], Path, Path]) -> None:
-    become, program, build = ordinary_user
-    # A user namespace that lets nobody in it make another, entered without any right over it.
-    forbid = ("/usr/bin/unshare", "--user", "--map-root-user", "/bin/sh", "-c",
-              'echo 0 >/proc/sys/user/max_user_namespaces && exec /usr/bin/setpriv --bounding-set=-all --inh-caps=-all "$@"', "sh")
-    ran = vantora_sim(build, before=(*become, *forbid), program=program)
-    assert (ran.returncode, ran.stdout) == (1, "")
-    assert ran.stderr.startswith("vantora-sim: no sandbox can be made here: ") and ran.stderr.count("\n") == 1
 
 
 def test_wrong_command_lines_are_refused(build_dir: Path, tmp_path: Path) -> None:
