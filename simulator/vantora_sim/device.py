@@ -32,6 +32,7 @@ from .station import StationSide
 from .world import DEVICE, World
 
 _DRIFT = 3.0
+_BETWEEN_EVENTS = 0.3
 _RESTART = 2.0
 """Seconds after which the service manager starts a daemon again that has ended."""
 
@@ -47,6 +48,7 @@ class SimulatedDevice:
                            exposed=[*([self._state] if self._state else []), *places.hidden_programs(build)])
         self.world.follow_units = False
         self.world.hostapd.before_event = None
+        self.world.hostapd.spacing = _BETWEEN_EVENTS
         radio_type = int({**DEVICE, **plan.device}["radio_type"])
         self.air = Air(plan.networks, BAND_OF_RADIO_TYPE.get(radio_type, ("2.4",)))
         self.access_point = AccessPoint(self.world, plan.visitors)

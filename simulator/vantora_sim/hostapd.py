@@ -3,9 +3,12 @@
 from __future__ import annotations
 
 import asyncio
+import fcntl
 import os
 import shutil
 import socket
+import struct
+import termios
 from collections.abc import Awaitable, Callable
 from pathlib import Path
 from typing import Any
@@ -15,6 +18,9 @@ from .journal import DEADLINE, Journal
 from .loop import LoopThread
 
 _LARGEST_REQUEST = 8192
+_LONGEST_READ = 2.0
+"""Seconds for which an event that nobody reads holds up the next, where events are spaced."""
+_LOOK_AGAIN = 0.02
 _STATION = ("flags=[AUTH][ASSOC][AUTHORIZED][WMM][HT]\naid={aid}\ncapability=0x431\nlisten_interval=10\n"
             "supported_rates=02 04 0b 16 0c 12 18 24 30 48 60 6c\ntimeout_next=NULLFUNC POLL\n"
             "dot11RSNAStatsSTAAddress={mac}\ndot11RSNAStatsVersion=1\ndot11RSNAStatsSelectedPairwiseCipher=00-0f-ac-4\n"
@@ -37,10 +43,14 @@ class Hostapd:
         self._released = asyncio.Event()
         self._tasks: set[asyncio.Task[None]] = set()
         self._attached: list[str] = []
+        self._events: list[bytes] = []
+        self._sender: asyncio.Task[None] | None = None
         self.stations: list[str] = []
         """Addresses of the associated stations, in hostapd's order."""
         self.before_event: Callable[[], None] | None = None
         """Called before each event, on the caller's thread; None to send events as fast as possible."""
+        self.spacing = 0.0
+        """Seconds between the reading of an event and the next one: on the air nothing happens at the same instant."""
 
     # From any thread
 
@@ -79,7 +89,7 @@ class Hostapd:
         """Send exactly these bytes to the attached."""
         if self.before_event is not None and self._attached:
             self.before_event()
-        self._loop.call(self._send_to_attached, data)
+        self._loop.call(self._event, data)
 
     def enable(self) -> None:
         """Report the access point ready."""
@@ -148,6 +158,10 @@ class Hostapd:
         self._loop.asyncio.add_reader(self._socket.fileno(), self._receive)
 
     def _close(self) -> None:
+        if self._sender is not None:
+            self._sender.cancel()
+            self._sender = None
+        self._events.clear()
         self.stations.clear()
         self._attached.clear()
         if self._socket is not None:
@@ -184,6 +198,29 @@ class Hostapd:
 
     def _send_to_attached(self, data: bytes) -> None:
         self._attached = [client for client in self._attached if self._send(client, data)]
+
+    def _event(self, data: bytes) -> None:
+        if not self.spacing:
+            self._send_to_attached(data)
+            return
+        self._events.append(data)
+        if self._sender is None:
+            self._sender = self._loop.asyncio.create_task(self._send_spaced())
+
+    async def _send_spaced(self) -> None:
+        while self._events:
+            self._send_to_attached(self._events.pop(0))
+            until = asyncio.get_running_loop().time() + _LONGEST_READ
+            while self._unread() and asyncio.get_running_loop().time() < until:
+                await asyncio.sleep(_LOOK_AGAIN)
+            await asyncio.sleep(self.spacing)
+        self._sender = None
+
+    def _unread(self) -> int:
+        """Bytes sent that have not been read yet: of a unix socket the kernel counts them for the sender."""
+        if self._socket is None:
+            return 0
+        return struct.unpack("i", fcntl.ioctl(self._socket, termios.TIOCOUTQ, bytes(4)))[0]
 
     def _receive(self) -> None:
         while self._socket is not None:
