@@ -49,8 +49,8 @@ void kill_wifi_when_asked_to()
 
 int main()
 {
-    // hostapd's configuration holds a passphrase from its first moment on, and whoever may write to a control
-    // connection's reply socket can send events: nobody else may, whatever this program was started with.
+    // hostapd's configuration holds a passphrase: from its first moment on nobody else may open it, whatever
+    // umask this program was started with.
     umask(S_IRWXG | S_IRWXO);
 
     StopSignals stopSignals;
