@@ -121,7 +121,9 @@ def module_device(build_dir: Path) -> Iterator[SharedDevice]:
     """The small world for a whole module; it must end as it should."""
     with SimulatedDevice(small_plan(), build_dir) as device:
         device.wait_up()
-        yield SharedDevice(device)
+        shared_device = SharedDevice(device)
+        yield shared_device
+        shared_device.be("Host")  # the last test may have killed the daemon
         assert device.shut_down() == 0
         assert device.world.sanitizer_reports() == ""
 
