@@ -1,0 +1,113 @@
+"""Fixtures of the tests on a booted device: a machine of its own for each, continued from a saved one or booted cold."""
+
+from __future__ import annotations
+
+import inspect
+import os
+import shutil
+import tempfile
+from collections.abc import Callable, Generator, Iterator
+from pathlib import Path
+from typing import Any
+
+import pytest
+
+from bench import Device, Evidence, Machine, Snapshot, World
+from bench.evidence import Result
+from bench.snapshots import saved_host_machine
+
+TIME_OUT = 900
+"""Seconds after which a single test is given up: only a fault gets there, every wait has its own, shorter deadline."""
+
+
+def pytest_addoption(parser: pytest.Parser) -> None:
+    parser.addoption("--image", default=os.environ.get("VANTORA_DEVICE_IMAGE"),
+                     help="folder that tests/device/image/make-device printed (default: $VANTORA_DEVICE_IMAGE)")
+    parser.addoption("--evidence", default=os.environ.get("VANTORA_DEVICE_EVIDENCE"),
+                     help="folder for what the results page is made from")
+
+
+def pytest_collection_modifyitems(items: list[pytest.Item]) -> None:
+    for item in items:
+        if item.get_closest_marker("timeout") is None:
+            item.add_marker(pytest.mark.timeout(TIME_OUT))
+
+
+@pytest.hookimpl(hookwrapper=True)
+def pytest_runtest_makereport(item: pytest.Item, call: pytest.CallInfo[None]) -> Generator[None, Any, None]:
+    """Keeps the evidence of each test, and shows journal and signals beside a failure."""
+    outcome = yield
+    report = outcome.get_result()
+    if report.failed:
+        for number, device in enumerate(getattr(item, "devices", [])):
+            for stream in (device.journal, device.signals):
+                text = "\n".join(str(event) for event in stream.since()[-250:])
+                report.sections.append((f"{stream.name} of device {number}", text))
+            console = device.machine.work / "console.log"
+            if console.exists():
+                report.sections.append((f"console of device {number}", console.read_text(errors="replace")[-4000:]))
+    folder = item.config.getoption("--evidence")
+    if folder and (report.when == "call" or report.failed):
+        evidence = getattr(item, "evidence", Evidence())
+        Result(Path(item.path).stem, item.name, report.outcome, report.duration,
+               inspect.getdoc(getattr(item, "obj", None)) or "", evidence.entries).write(Path(folder))
+
+
+@pytest.fixture(scope="session")
+def image(request: pytest.FixtureRequest) -> Path:
+    """The folder with the device's disk, kernel and initrd."""
+    folder = request.config.getoption("--image")
+    if not folder:
+        pytest.exit("no image: run scripts/test-device, or give --image", 2)
+    return Path(folder).resolve()
+
+
+@pytest.fixture(scope="session")
+def saved(image: Path) -> Snapshot:
+    """A device that came up as an access point and was saved when all was quiet."""
+    return saved_host_machine(image)
+
+
+@pytest.fixture
+def evidence(request: pytest.FixtureRequest) -> Evidence:
+    """What this test saw."""
+    found = Evidence()
+    request.node.evidence = found
+    return found
+
+
+@pytest.fixture
+def work() -> Iterator[Path]:
+    """A folder for this test's machines."""
+    folder = Path(tempfile.mkdtemp(prefix="vantora-device-"))
+    yield folder
+    shutil.rmtree(folder, ignore_errors=True)
+
+
+@pytest.fixture
+def boot(image: Path, work: Path, evidence: Evidence, request: pytest.FixtureRequest) -> Iterator[Callable[..., Device]]:
+    """Boots a device from its disk, or from the disk that another one had: `boot(disk=..., words="root=/dev/nfs")`."""
+    devices: list[Device] = []
+    request.node.devices = devices
+
+    def start(*, disk: Path | None = None, words: str = "", saved: Snapshot | None = None) -> Device:
+        machine = Machine(image, work / str(len(devices)), disk=disk, words=words, saved=saved)
+        devices.append(Device(machine, evidence))
+        return devices[-1]
+
+    yield start
+    for device in devices:
+        if device.machine.running:
+            device.machine.cut_power()
+
+
+@pytest.fixture
+def device(saved: Snapshot, boot: Callable[..., Device]) -> Device:
+    """A device that has been an access point for a while."""
+    return boot(saved=saved)
+
+
+@pytest.fixture
+def world(device: Device) -> World:
+    """The world around that device."""
+    return World(device)

@@ -1,0 +1,116 @@
+"""Switching to and fro, restarts in the middle of work, and what the daemon costs."""
+
+from __future__ import annotations
+
+from dataclasses import dataclass
+
+from bench import Device, Event, World
+
+SSID = "Korrin One-3456"
+HARBOUR, HARBOUR_KEY, HARBOUR_ADDRESS = "Harbour", "harbour-passphrase", "192.168.20.1"
+SWITCHES = 20
+
+
+@dataclass(frozen=True)
+class Cost:
+    """What the daemon's process holds."""
+
+    descriptors: int
+    threads: int
+    resident_kib: int
+    proportional_kib: int
+
+
+def cost(device: Device) -> Cost:
+    """Reads it from the kernel."""
+    process = device.process()
+    output = device.see(f"ls /proc/{process}/fd | wc -l; ls /proc/{process}/task | wc -l; "
+                        f"awk '/^(Rss|Pss):/ {{ print $2 }}' /proc/{process}/smaps_rollup")
+    return Cost(*(int(word) for word in output.split()))
+
+
+def switch(device: Device, mode: str) -> float:
+    """One mode switch that must be announced; how long the daemon took, by the machine's clock."""
+    mark = device.mark()
+    device.set("Mode", "s", mode)
+    device.wait_for_change("Mode", mode, since=mark)
+    first = device.wait_for_log("[Main] 'ChangeMode' d-bus method called", since=mark)
+    last = separators(device.journal.since(mark[0]))[-1]
+    return last.seconds - first.seconds
+
+
+def separators(events: list[Event]) -> list[Event]:
+    """The lines of hyphens that begin and end the daemon's accounts of its work."""
+    return [event for event in events if event.message == "-" * 44]
+
+
+def test_twenty_mode_switches_leak_nothing_and_stick_nowhere(device: Device, world: World) -> None:
+    """Twenty switches: each announced and real, and the process holds no more afterwards than before."""
+    for mode in ("Client", "Host"):
+        switch(device, mode)
+    device.wait_for_access_point()
+    before = cost(device)
+    to_host, to_client = [], []
+    for number in range(SWITCHES):
+        mode = ("Client", "Host")[number % 2]
+        (to_client, to_host)[number % 2].append(switch(device, mode))
+    device.wait_for_access_point()
+    world.wait_on_air(SSID)
+    after = cost(device)
+    assert device.get("Mode") == "Host"
+    assert after.descriptors <= before.descriptors
+    assert after.threads <= before.threads
+    assert after.resident_kib <= before.resident_kib + 128, f"{before} {after}"
+    device.evidence.figure("switch to Client mode", f"{min(to_client):.2f} to {max(to_client):.2f} s")
+    device.evidence.figure("switch to Host mode", f"{min(to_host):.2f} to {max(to_host):.2f} s")
+    device.evidence.figure("memory before and after 20 mode switches",
+                           f"{before.resident_kib} and {after.resident_kib} KiB resident")
+
+
+def test_a_daemon_restarted_as_a_station_reads_its_state_back(device: Device, world: World) -> None:
+    """systemd restarts it while connected: mode, network and address are there again, and Disconnect works."""
+    world.access_point(HARBOUR, radio=1, passphrase=HARBOUR_KEY, address=HARBOUR_ADDRESS)
+    device.to_client_mode()
+    device.call("Connect", HARBOUR, HARBOUR_KEY)
+    device.see_once("ip -4 -oneline address show dev wlan0 | grep 192.168.20.")
+    before = device.process()
+
+    mark = device.mark()
+    device.guest.run("systemctl restart vantora-network.service")
+    device.wait_for_change("Mode", "Client", since=mark)
+    assert device.process() != before
+    assert (device.get("Mode"), device.get("ClientSSID")) == ("Client", HARBOUR)
+    assert "wpa_state=COMPLETED" in device.see("wpa_cli -i wlan0 status")
+    device.see_once("ip -4 -oneline address show dev wlan0 | grep 192.168.20.")
+    assert device.get("IPAddress").startswith("192.168.20.")
+    device.see_once(f"ping -c 1 -W 2 {HARBOUR_ADDRESS}")
+
+    mark = device.mark()
+    device.call("Disconnect")
+    device.wait_for_change("WiFiClientState", "disconnected", since=mark)
+    assert device.get("IPAddress") == ""
+
+
+def test_the_daemon_costs_little(device: Device) -> None:
+    """Time to READY, memory, size and wake-ups, measured where nothing else happens."""
+    started, ready = (int(line) / 1e6 for line in device.see(
+        "systemctl show --value --property=ExecMainStartTimestampMonotonic --property=ActiveEnterTimestampMonotonic "
+        "vantora-network").split())
+    device.evidence.figure("start of the process to READY", f"{ready - started:.2f} s")
+    device.evidence.figure("start of the kernel to READY", f"{ready:.1f} s")
+
+    size = int(device.see("stat -c %s /usr/sbin/vantora-network"))
+    device.evidence.figure("executable, stripped as the package brings it", f"{size / 1024:.0f} KiB")
+
+    now = cost(device)
+    device.evidence.figure("resident memory", f"{now.resident_kib} KiB")
+    device.evidence.figure("proportional memory", f"{now.proportional_kib} KiB")
+    device.evidence.figure("threads, descriptors", f"{now.threads}, {now.descriptors}")
+
+    wake_ups = "cat /proc/{0}/task/*/status | awk '/^voluntary_ctxt/ {{ n += $2 }} END {{ print n }}'".format(device.process())
+    counts = device.see(f"{wake_ups}; cut -d' ' -f1 /proc/uptime; sleep 20; {wake_ups}; cut -d' ' -f1 /proc/uptime").split()
+    a_second = (int(counts[2]) - int(counts[0])) / (float(counts[3]) - float(counts[1]))
+    device.evidence.figure("wake-ups a second, all threads", f"{a_second:.1f}")
+    assert a_second < 5
+    assert now.resident_kib < 16 * 1024
+    assert ready - started < 5

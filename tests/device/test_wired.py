@@ -1,0 +1,45 @@
+"""The DHCP server of the wired interface, which comes and goes with addresses."""
+
+from __future__ import annotations
+
+from collections.abc import Callable
+
+from bench import Device, World
+
+UNIT = "udhcpd_eth0.service"
+STARTED = f"Successfully enabled and started {UNIT}"
+STOPPED = f"Successfully stopped and disabled {UNIT}"
+GIVE_ADDRESS = "ip link set eth0 up && ip address add 192.168.7.1/24 dev eth0"
+
+
+def test_an_address_on_the_cable_starts_its_dhcp_server_and_one_lost_on_the_air_stops_it(
+        device: Device, world: World) -> None:
+    """eth0 gets an address: enabled, started, and a computer gets a lease; wlan0 loses one: stopped and disabled."""
+    mark = device.mark()
+    device.guest.run(GIVE_ADDRESS)
+    device.wait_for_log("[NETLINK] IP Event: Iface: eth0 IP Address: 192.168.7.1 Status: Added", since=mark)
+    device.wait_for_log(STARTED, since=mark, priority="info")
+    device.wait_for_unit(UNIT, "active")
+    assert device.see(f"systemctl is-enabled {UNIT}") == "enabled"
+    world.run("ip link set wire up")
+    assert world.lease(interface="wire").startswith("192.168.7.")
+
+    mark = device.mark()
+    device.guest.run("ip address add 10.1.1.1/24 dev wlan0 && ip address delete 10.1.1.1/24 dev wlan0")
+    device.wait_for_log("[NETLINK] IP Event: Iface: wlan0 IP Address: 10.1.1.1 Status: Removed", since=mark)
+    device.wait_for_log(STOPPED, since=mark, priority="info")
+    device.wait_for_unit(UNIT, "inactive")
+    assert device.guest.try_run(f"systemctl is-enabled {UNIT}")[1].strip() != "enabled"
+
+
+def test_on_an_nfs_root_the_wired_dhcp_server_never_runs(boot: Callable[..., Device]) -> None:
+    """Cold boot with root=/dev/nfs on the kernel's command line: an address on eth0 stops and disables it instead."""
+    device = boot(words="root=/dev/nfs")
+    device.wait_for_log("[NETLINK] Starting kernel netlink task...", since=(0, 0))
+    assert "root=/dev/nfs" in device.see("cat /proc/cmdline")
+    mark = device.mark()
+    device.guest.run(GIVE_ADDRESS)
+    device.wait_for_log("[NETLINK] IP Event: Iface: eth0 IP Address: 192.168.7.1 Status: Added", since=mark)
+    device.wait_for_log(STOPPED, since=mark, priority="info")
+    assert device.unit_state(UNIT) == "inactive"
+    assert not any(event.message == STARTED for event in device.journal.since())
