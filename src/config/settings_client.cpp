@@ -6,7 +6,7 @@
 
 #include <syslog.h>
 
-#include "utils/sd_bus_owners.hpp"
+#include "utils/bus_connection.hpp"
 
 namespace Settingsd {
 

@@ -6,8 +6,8 @@
 
 #include "dbus-helper/sdbus_utils.hpp"
 #include "listeners/wpa_supplicant_names.hpp"
+#include "utils/bus_connection.hpp"
 #include "utils/dhcp_units.hpp"
-#include "utils/sd_bus_owners.hpp"
 
 namespace {
 

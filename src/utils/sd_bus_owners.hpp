@@ -17,8 +17,21 @@ struct ReleaseWith
     }
 };
 
+/** Flushes and closes a connection. One that the bus has not let in has nothing to flush, and would wait for
+ * the bus. */
+struct CloseBus
+{
+    void operator()(sd_bus* bus) const
+    {
+        if (sd_bus_is_ready(bus) <= 0) {
+            sd_bus_close(bus);
+        }
+        sd_bus_flush_close_unref(bus);
+    }
+};
+
 /** A connection that is flushed and closed: for the private connections of a single call. */
-using BusPtr = std::unique_ptr<sd_bus, ReleaseWith<sd_bus_flush_close_unref>>;
+using BusPtr = std::unique_ptr<sd_bus, CloseBus>;
 using MessagePtr = std::unique_ptr<sd_bus_message, ReleaseWith<sd_bus_message_unref>>;
 using SlotPtr = std::unique_ptr<sd_bus_slot, ReleaseWith<sd_bus_slot_unref>>;
 using EventPtr = std::unique_ptr<sd_event, ReleaseWith<sd_event_unref>>;
@@ -43,21 +56,3 @@ public:
 private:
     sd_bus_error error_ = SD_BUS_ERROR_NULL;
 };
-
-/** Opens a private connection to the system bus into `bus`. Returns what sd_bus_open_system(3) returns. */
-inline int open_system_bus(BusPtr& bus)
-{
-    sd_bus* opened = nullptr;
-    const int result = sd_bus_open_system(&opened);
-    bus.reset(opened);
-    return result;
-}
-
-/** Opens a private connection to the user bus into `bus`. Returns what sd_bus_open_user(3) returns. */
-inline int open_user_bus(BusPtr& bus)
-{
-    sd_bus* opened = nullptr;
-    const int result = sd_bus_open_user(&opened);
-    bus.reset(opened);
-    return result;
-}

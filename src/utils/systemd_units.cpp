@@ -4,7 +4,7 @@
 
 #include <syslog.h>
 
-#include "utils/sd_bus_owners.hpp"
+#include "utils/bus_connection.hpp"
 
 namespace {
 
@@ -211,7 +211,9 @@ int call_for_path(const PathCall& call, const char* object, const char* interfac
                   const char* subject, std::string& path)
 {
     BusPtr bus;
-    int result = open_system_bus(bus);
+    // A job of no unit, after a failed look-up, is refused by the library: no reason to wait for a bus that
+    // hangs.
+    int result = open_system_bus(bus, *object != '\0' ? LetIn::Awaited : LetIn::Unneeded);
     if (result < 0) {
         return result;
     }
