@@ -312,6 +312,22 @@ class World:
         assert self._client
         return bool(self.loop.run(self._client.ask_bus("NameHasOwner", "s", [name]))[0])
 
+    def bring_user_bus_back(self) -> None:
+        """Start the user bus again after `user_bus.stop()`; the settings daemon, the watcher and the client are on it again."""
+        self.loop.call(self.user_bus.start)
+        self.user_bus.wait_ready()
+
+        async def reconnect() -> None:
+            for connection in (self._client, self._watcher):
+                if connection is not None:
+                    await connection.close()
+            self._watcher = await Watcher.start(self.user_bus.address, self.journal)
+            self._client = await Client.open(self.user_bus.address)
+            await self.settings.close()
+            await self.settings.open(self.user_bus.address)
+
+        self.loop.run(reconnect())
+
     # The device around it
 
     @property

@@ -52,10 +52,13 @@ TO_CLIENT, TO_HOST = ("info", "[WiFi] Switch wifi mode to 1"), ("info", "[WiFi] 
 
 
 def set_mode(mode: str, interface_type: str) -> Request:
-    """A write of `Mode` in an interface that has another type before, and after it too."""
+    """A write of `Mode` to an interface of another type, which stays as it was."""
     def ask(world: World) -> None:
-        world.radio.interface_type = interface_type
-        world.set("Mode", mode)
+        before, world.radio.interface_type = world.radio.interface_type, interface_type
+        try:
+            world.set("Mode", mode)
+        finally:
+            world.radio.interface_type = before
     logs = {"Client": [CHANGE_MODE, TO_CLIENT, *STOP_HOST, *START_CLIENT], "Host": [CHANGE_MODE, TO_HOST, *STOP_CLIENT, *START_HOST]}
     return Request(f'`Mode` = "{mode}"', ask, logs=logs[mode])
 
@@ -70,6 +73,22 @@ START_HOST = [*heading("[WiFi] Start Host mode"), *FLUSH_LOGS, *ADD_LOGS, *START
 
 TO_CLIENT_MODE = set_mode("Client", "AP")
 TO_HOST_MODE = set_mode("Host", "managed")
+
+
+# Power
+
+READ_SETTINGS = ("info", "Read settings from Settings Daemon")
+BLOCK = [("info", "[WiFi] Enable wifi: False"), ("info", 'utils_do_system_call: trying "rfkill block wlan"...')]
+
+
+def power_off(world: World) -> None:
+    """Switch the radio off, which stops the stored mode, or that of the safe configuration."""
+    world.radio.soft_blocked = False
+    world.settings.set("network", "mode", "Client")
+    world.set("WiFiState", 0)
+
+
+POWER_OFF = Request("`WiFiState` = 0", power_off, logs=[READ_SETTINGS, *BLOCK, *STOP_CLIENT])
 
 
 # The station
@@ -115,6 +134,15 @@ CLIENTS = Request("read `WiFiConnectedClients`", lambda world: world.get("WiFiCo
 # Reads that ask a tool
 
 CLIENT_SSID = Request("read `ClientSSID`", lambda world: world.get("ClientSSID"), '"cafe"', [("info", "Get 'WiFiClientSSID' property")])
-READ_POWER = Request("read `WiFiState`", lambda world: world.get("WiFiState"), "1")
+
+
+def read_power(world: World) -> int:
+    """Read the power of a radio that is on."""
+    world.radio.soft_blocked = False
+    power: int = world.get("WiFiState")
+    return power
+
+
+READ_POWER = Request("read `WiFiState`", read_power, "1")
 READ_MODE = Request("read `Mode`", lambda world: world.get("Mode"), '"Client"')
 READ_SIGNAL = Request("read `WiFiSignal`", lambda world: world.get("WiFiSignal"), '"txpower 20.00 dB"')

@@ -64,6 +64,8 @@ class Asked:
     """Seconds that the daemon waits for the neighbour in it."""
     cause: Callable[[World], Any] = lambda world: None
     """What is done to the neighbour right before this request, beside what began the fault."""
+    ask: Callable[[World], Any] | None = None
+    """How it is asked during the fault, where something must happen in the middle."""
 
 
 @dataclass(frozen=True)
@@ -97,9 +99,9 @@ class Row:
 
 @dataclass(frozen=True)
 class Impossible:
-    """A fault that the neighbour cannot have, and why."""
+    """Faults that the neighbour cannot have, and why."""
 
-    kind: str
+    kinds: tuple[str, ...]
     reason: str
 
 
@@ -143,7 +145,7 @@ def check(world: World, asked: Asked, when: str) -> None:
     world.settle()
     mark = world.journal.mark()
     begin = time.monotonic()
-    seen = seen_by_caller(lambda: asked.request.ask(world))
+    seen = seen_by_caller(lambda: (asked.ask or asked.request.ask)(world))
     took = time.monotonic() - begin
     world.settle()
     expected = asked.request.seen if asked.seen is None else asked.seen

@@ -5,7 +5,7 @@ from __future__ import annotations
 from collections.abc import Sequence
 
 import pytest
-from fault_requests import CHANGE_MODE, STOP_CLIENT, STOP_HOST, still_station
+from fault_requests import BLOCK, CHANGE_MODE, POWER_OFF, READ_SETTINGS, STOP_HOST, still_station
 from faults import (ABSENT, DIES, FLOODS, GARBAGE, HANGS, REAL_TIMEOUT, REFUSES, RESTARTS, SHORT, SHORT_TIMEOUT, WRONG_TYPE, Asked,
                     Line, Neighbour, Request, Row, Said, check, try_row)
 from settings_texts import ABSENT as NOT_THERE
@@ -18,8 +18,6 @@ STORED, NOT_STORED = "success, stored", "success, not stored"
 
 DISABLED = ("err", "[Main] set_wifi_mode: Cannot change mode, wifi is disabled")
 SAFE_NAME = [("info", "model name: Korrin One"), ("info", "serial number : 12-3456"), ("info", "default ssid: Korrin One-3456")]
-BLOCK = [("info", "[WiFi] Enable wifi: False"), ("info", 'utils_do_system_call: trying "rfkill block wlan"...')]
-READ = ("info", "Read settings from Settings Daemon")
 
 
 def write_mode(world: World) -> Said:
@@ -30,20 +28,12 @@ def write_mode(world: World) -> Said:
     return Said(STORED if world.settings.get("network", "mode") == "Host" else NOT_STORED)
 
 
-def power_off(world: World) -> None:
-    """Switch the radio off, which stops the stored mode, or that of the safe configuration."""
-    world.radio.soft_blocked = False
-    world.settings.set("network", "mode", "Client")
-    world.set("WiFiState", 0)
-
-
 WRITE = Request("`Mode` = \"Host\", radio off", write_mode, STORED, [CHANGE_MODE, DISABLED])
-POWER_OFF = Request("`WiFiState` = 0", power_off, logs=[READ, *BLOCK, *STOP_CLIENT])
 
 
 def unreadable(lines: Sequence[Line]) -> list[Line]:
     """Switching off with settings that cannot be read: the safe configuration's mode is stopped."""
-    return [READ, *lines, *SAFE_NAME, *BLOCK, *STOP_HOST]
+    return [READ_SETTINGS, *lines, *SAFE_NAME, *BLOCK, *STOP_HOST]
 
 
 def asked(text: str, waits: float = 0.0) -> list[Asked]:

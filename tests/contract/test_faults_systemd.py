@@ -108,7 +108,7 @@ NEIGHBOUR = Neighbour("systemd", "Each look-up and each job opens a connection o
         dies_in("Stop", first(lambda verb, unit: [loaded_log(unit), job_failed_log(verb, unit, VANISHED)]))],
         end=lambda world: world.systemd.come_back()),
     Row(RESTARTS, "`systemctl daemon-reexec`", [Asked(TO_CLIENT_MODE)], start_again),
-    Impossible(FLOODS, "nothing that systemd sends by itself is subscribed to, so the bus does not pass it on"),
+    Impossible((FLOODS,), "nothing that systemd sends by itself is subscribed to, so the bus does not pass it on"),
 ])
 
 

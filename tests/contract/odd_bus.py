@@ -1,0 +1,151 @@
+"""A bus that misbehaves: it stands between the daemon and a real bus, passes everything on, and breaks the rules when told to.
+
+    with OddBus(world, world.user_bus) as bus:
+        bus.retype("RequestName")
+        world.start_daemon(environment=bus.environment)
+"""
+
+from __future__ import annotations
+
+import asyncio
+import struct
+import weakref
+from types import TracebackType
+
+from dbus_next import Message, MessageType
+from vantora_sim import World
+from vantora_sim.buses import Bus
+
+GARBAGE = bytes(range(256)) * 16
+_GARBLED = GARBAGE + b"\r\n"
+_REJECTION = [b"DATA\r\n", b"REJECTED EXTERNAL\r\n", b"ERROR \"no\"\r\n"]
+"""What a bus says to the lines with which a client asks to be let in."""
+_HEADER = 16
+_buses: "weakref.WeakKeyDictionary[World, OddBus]" = weakref.WeakKeyDictionary()
+_VARIABLES = {"user": "DBUS_SESSION_BUS_ADDRESS", "system": "DBUS_SYSTEM_BUS_ADDRESS"}
+
+
+def odd_bus(world: World) -> "OddBus":
+    """The odd bus of this world."""
+    return _buses[world]
+
+
+class OddBus:
+    """The bus as the daemon sees it, at an address of its own."""
+
+    def __init__(self, world: World, bus: Bus) -> None:
+        self._world = world
+        self._bus = bus
+        self._path = world.work / "run" / f"odd-{bus.name}-bus"
+        self.environment: dict[str, str] = {_VARIABLES[bus.name]: f"unix:path=/run/{self._path.name}"}
+        """What makes the daemon take it for its bus."""
+        self._rejects = self._garbles = False
+        self._retyped: bytes | None = None
+        self._connections: set[asyncio.Task[None]] = set()
+        self._to_daemon: set[asyncio.StreamWriter] = set()
+        self._server: asyncio.AbstractServer | None = None
+
+        _buses[world] = self
+
+    def __enter__(self) -> "OddBus":
+        self._world.loop.run(self._open())
+        return self
+
+    def __exit__(self, kind: type[BaseException] | None, error: BaseException | None, trace: TracebackType | None) -> None:
+        self._world.loop.run(self._close())
+
+    # Misbehaviour, from any thread
+
+    def reject(self) -> None:
+        """Let nobody in any more."""
+        self._rejects = True
+
+    def garble(self) -> None:
+        """Greet everybody who comes with bytes that mean nothing."""
+        self._garbles = True
+
+    def retype(self, member: str) -> None:
+        """Answer this call of the bus itself with a value of another type."""
+        self._retyped = member.encode()
+
+    def behave(self) -> None:
+        """Break no rule any more."""
+        self._rejects = self._garbles = False
+        self._retyped = None
+
+    def inject_garbage(self) -> None:
+        """Send bytes that mean nothing to everybody who is connected."""
+        def send() -> None:
+            for writer in self._to_daemon:
+                writer.write(GARBAGE)
+        self._world.loop.call(send)
+
+    # On the loop
+
+    async def _open(self) -> None:
+        self._server = await asyncio.start_unix_server(self._accept, self._path, backlog=100)
+        self._path.chmod(0o666)
+
+    async def _close(self) -> None:
+        assert self._server
+        self._server.close()
+        for task in list(self._connections):
+            task.cancel()
+        await asyncio.gather(*self._connections, return_exceptions=True)
+        self._path.unlink()
+
+    async def _accept(self, reader: asyncio.StreamReader, writer: asyncio.StreamWriter) -> None:
+        task = asyncio.current_task()
+        assert task is not None
+        self._connections.add(task)
+        try:
+            await self._serve(reader, writer)
+        except (OSError, asyncio.IncompleteReadError, asyncio.CancelledError):
+            pass  # one of the two has gone, or the world ends
+        finally:
+            self._to_daemon.discard(writer)
+            self._connections.discard(task)
+            writer.close()
+
+    async def _serve(self, reader: asyncio.StreamReader, writer: asyncio.StreamWriter) -> None:
+        if self._rejects or self._garbles:
+            await reader.read(1)
+            writer.write(b"".join([_GARBLED] * len(_REJECTION) if self._garbles else _REJECTION))
+            await writer.drain()
+            await reader.read(-1)
+            return
+        bus_reader, bus_writer = await asyncio.open_unix_connection(self._bus.socket)
+        self._to_daemon.add(writer)
+        back = asyncio.ensure_future(_pass_on(bus_reader, writer))
+        try:
+            bus_writer.write(await reader.readuntil(b"BEGIN\r\n"))
+            while True:
+                message = await _read_message(reader)
+                if self._retyped is not None and self._retyped in message:
+                    writer.write(_odd_reply(message))
+                else:
+                    bus_writer.write(message)
+        finally:
+            back.cancel()
+            bus_writer.close()
+
+
+async def _pass_on(reader: asyncio.StreamReader, writer: asyncio.StreamWriter) -> None:
+    while data := await reader.read(65536):
+        writer.write(data)
+    writer.close()
+
+
+async def _read_message(reader: asyncio.StreamReader) -> bytes:
+    """One whole message, as bytes (the daemon's machine and this one have the same byte order: little)."""
+    head = await reader.readexactly(_HEADER)
+    body, _, fields = struct.unpack_from("<III", head, 4)
+    return head + await reader.readexactly(-(-fields // 8) * 8 + body)
+
+
+def _odd_reply(call: bytes) -> bytes:
+    """An answer to a call of the bus, well made and of no use."""
+    serial, = struct.unpack_from("<I", call, 8)
+    reply = Message(message_type=MessageType.METHOD_RETURN, sender="org.freedesktop.DBus", reply_serial=serial, signature="d",
+                    body=[0.5], serial=1_000_000)
+    return bytes(reply._marshall())
