@@ -112,8 +112,8 @@ def test_the_table_explains_every_variable_part() -> None:
 def test_processes_are_made_in_one_place_only() -> None:
     makers = {(name, match[0].rstrip("(").strip()) for name, text in sources() for match in PROCESS_MAKERS.finditer(text)}
     assert makers == {("utils/shell_process.cpp", "posix_spawn")}
-    platform = [path for path in (ROOT / "platform").rglob("*.[ch]pp") if PROCESS_MAKERS.search(COMMENT.sub("", path.read_text()))]
-    assert platform == []
+    libraries = (ROOT / "platform").rglob("*.[ch]pp")
+    assert [path for path in libraries if PROCESS_MAKERS.search(COMMENT.sub("", path.read_text()))] == []
 
 
 def test_the_address_that_is_added_is_the_constant_of_the_table() -> None:

@@ -13,10 +13,11 @@ from vantora_sim.hostapd_conf import read_hostapd_conf
 from vantora_sim.world import HOSTAPD_TEMPLATE
 
 LISTED = runnable_lines()
+Guarded = Callable[..., tuple[World, RecordedShell]]
 
 
 @pytest.fixture
-def guarded(make_world: Callable[..., World]) -> Iterator[Callable[..., tuple[World, RecordedShell]]]:
+def guarded(make_world: Callable[..., World]) -> Iterator[Guarded]:
     """Makes worlds with a recorded shell; in the end it must have run listed commands only, and no hostile text."""
     made: list[tuple[World, RecordedShell]] = []
 
@@ -43,7 +44,7 @@ def test_the_recorded_shell_sees_what_is_run_and_the_canary_tells(make_world: Ca
     assert set(shell.command_lines) - LISTED
 
 
-def test_values_written_by_callers(guarded: Callable[..., tuple[World, RecordedShell]]) -> None:
+def test_values_written_by_callers(guarded: Guarded) -> None:
     world, _ = guarded()
     world.up()
     for text in HOSTILE:
@@ -55,7 +56,7 @@ def test_values_written_by_callers(guarded: Callable[..., tuple[World, RecordedS
             assert refusal(lambda name=name, text=text: world.set(name, text))[0] == "org.freedesktop.DBus.Error.AccessDenied"
 
 
-def test_stored_settings_and_their_changes(guarded: Callable[..., tuple[World, RecordedShell]]) -> None:
+def test_stored_settings_and_their_changes(guarded: Guarded) -> None:
     world, _ = guarded()
     world.settings.set("device", "deviceName", HOSTILE[0])
     world.settings.set("network", "mode", HOSTILE[1])
@@ -68,9 +69,10 @@ def test_stored_settings_and_their_changes(guarded: Callable[..., tuple[World, R
         world.journal.wait_for(changed("SSID", text), mark)
 
 
-def test_identity_of_the_device_template_and_kernel_command_line(guarded: Callable[..., tuple[World, RecordedShell]]) -> None:
+def test_identity_of_the_device_template_and_kernel_command_line(guarded: Guarded) -> None:
     lines = "".join(f"{text}={text}\n{text}\n" for text in HOSTILE) + "nul=a\0b$(touch /tmp/c)\n"
-    world, _ = guarded(device={"model": "$(touch /tmp/c)`touch /tmp/c`';touch /tmp/c;'", "serial": '1-";touch /tmp/c;"|touch /tmp/c'},
+    identity = {"model": "$(touch /tmp/c)`touch /tmp/c`';touch /tmp/c;'", "serial": '1-";touch /tmp/c;"|touch /tmp/c'}
+    world, _ = guarded(device=identity,
                        hostapd_template=HOSTAPD_TEMPLATE + lines,
                        kernel_command_line="root=/dev/nfs;touch /tmp/c;$(touch /tmp/c)\n`touch /tmp/c`\n")
     world.settings.remove("device", "deviceName")
@@ -80,7 +82,7 @@ def test_identity_of_the_device_template_and_kernel_command_line(guarded: Callab
     world.journal.wait_for(log("info", "Successfully stopped and disabled udhcpd_eth0.service"))
 
 
-def test_networks_in_the_air_and_states_of_wpa_supplicant(guarded: Callable[..., tuple[World, RecordedShell]]) -> None:
+def test_networks_in_the_air_and_states_of_wpa_supplicant(guarded: Guarded) -> None:
     world, _ = guarded()
     bring_up_station(world)
     names = [text.encode() for text in HOSTILE] + [b"a\0$(touch /tmp/c)", b"\0" * 32, b"\xff'`touch /tmp/c`", b"'\n\";touch /tmp/c\n"]
@@ -99,7 +101,7 @@ def test_networks_in_the_air_and_states_of_wpa_supplicant(guarded: Callable[...,
         world.settle()
 
 
-def test_names_and_passphrases_of_networks_to_connect_to(guarded: Callable[..., tuple[World, RecordedShell]]) -> None:
+def test_names_and_passphrases_of_networks_to_connect_to(guarded: Guarded) -> None:
     world, _ = guarded()
     bring_up_station(world)
     for text in HOSTILE:
@@ -111,7 +113,7 @@ def test_names_and_passphrases_of_networks_to_connect_to(guarded: Callable[..., 
     # A D-Bus text cannot hold a NUL, so none has to be tried.
 
 
-def test_stations_events_and_records_of_hostapd(guarded: Callable[..., tuple[World, RecordedShell]]) -> None:
+def test_stations_events_and_records_of_hostapd(guarded: Guarded) -> None:
     world, _ = guarded()
     world.up()
     world.hostapd.wait_attached()
@@ -125,7 +127,7 @@ def test_stations_events_and_records_of_hostapd(guarded: Callable[..., tuple[Wor
         assert world.get("WiFiConnectedClients") in (0, 1)
 
 
-def test_output_of_the_commands_themselves(guarded: Callable[..., tuple[World, RecordedShell]]) -> None:
+def test_output_of_the_commands_themselves(guarded: Guarded) -> None:
     world, _ = guarded()
     world.up()
     for text in HOSTILE:

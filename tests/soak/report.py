@@ -37,6 +37,12 @@ def _some(samples: list[Sample]) -> list[Sample]:
     return [samples[number] for number in sorted({round(last * row / (ROWS - 1)) for row in range(ROWS)})]
 
 
+def _row(sample: Sample) -> list[object]:
+    seen = sample.footprint
+    return [f"{sample.answered:,}", f"{sample.seconds:.0f}", sample.mode, seen.descriptors, seen.threads, seen.rss, seen.pss,
+            seen.private_dirty]
+
+
 def _range(values: list[int]) -> str:
     return str(values[0]) if len(set(values)) == 1 else f"{min(values)} to {max(values)}"
 
@@ -61,16 +67,16 @@ def page(outcome: Outcome, command: str) -> str:
     parts = [
         "# Results of the last soak",
         f"`{command}` on {time.strftime('%Y-%m-%d', time.gmtime())}: {machine()}.",
-        f"{outcome.answered:,} of {plan.requests:,} requests from {plan.clients} clients at once were answered, none of them otherwise "
-        f"than documented ({outcome.wrong_answers} exceptions), while {plan.events:,} events happened; {outcome.seconds:.0f} s in all. "
+        f"{outcome.answered:,} of {plan.requests:,} requests from {plan.clients} clients at once were answered, "
+        f"{outcome.wrong_answers} of them otherwise than documented, while {plan.events:,} events happened; "
+        f"{outcome.seconds:.0f} s in all. "
         + ("Everything held." if not faults else "**It did not hold:** " + "; ".join(faults) + "."),
         "What is run and how: [README.md](README.md).",
         "## Flat",
         table(["", "Seen", "Required"], _flatness(outcome)),
         f"Some of the {len(outcome.samples)} samples, the first and the last among them (memory in KiB):",
         table(["Requests answered", "Second", "Mode", "Descriptors", "Threads", "RSS", "PSS", "Private dirty"],
-              [[f"{sample.answered:,}", f"{sample.seconds:.0f}", sample.mode, sample.footprint.descriptors, sample.footprint.threads,
-                sample.footprint.rss, sample.footprint.pss, sample.footprint.private_dirty] for sample in _some(outcome.samples)]),
+              [_row(sample) for sample in _some(outcome.samples)]),
         "## What was asked and answered",
         table(["Request", "Answer", "Times"], [[kind, answer, f"{count:,}"] for kind, answer, count in outcome.answers]),
         "## What happened meanwhile",
