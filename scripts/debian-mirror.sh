@@ -6,6 +6,7 @@
 # every mirror, and what it brings comes to bookworm with the next point release.
 debian_sources() {
     local targets
+    # shellcheck disable=SC2016  # apt's names
     targets="$(apt-get indextargets --no-release-info --format '$(RELEASE) $(REPO_URI)' \
         'Created-By: Packages' 'Component: main' | sort -u)"
     local release uri

@@ -1,0 +1,159 @@
+"""What the packages hold, read without installing them."""
+
+from __future__ import annotations
+
+import re
+import subprocess
+from pathlib import Path
+
+import pytest
+from conftest import ROOT, Package
+
+NAMES = ("vantora-network", "vantora-network-sim", "vantora-network-tools", "vantora-settingsd")
+
+DOCUMENTED = {f"/usr/share/doc/{name}/{file}" for name in NAMES for file in ("changelog.gz", "copyright")}
+
+FILES = {
+    "vantora-network": {
+        "/lib/systemd/system/vantora-network.service",
+        "/usr/sbin/vantora-network",
+        "/usr/share/dbus-1/interfaces/com.vantora.Network1.WiFi.xml",
+        "/usr/share/dbus-1/services/com.vantora.Network1.service",
+        "/usr/share/man/man8/vantora-network.8.gz",
+    },
+    "vantora-network-tools": {
+        "/usr/bin/vantora-wifi",
+        "/usr/share/bash-completion/completions/vantora-wifi",
+        "/usr/share/man/man1/vantora-wifi.1.gz",
+        "/usr/share/zsh/vendor-completions/_vantora-wifi",
+    },
+    "vantora-network-sim": {
+        "/usr/bin/vantora-sim",
+        "/usr/bin/vantora-simctl",
+        "/usr/libexec/vantora-sim/vantora-network",
+        "/usr/libexec/vantora-sim/vantora-settingsd",
+        "/usr/libexec/vantora-sim/vantora-sim-sandbox",
+        "/usr/libexec/vantora-sim/vantora-sim-tool",
+        "/usr/share/man/man1/vantora-sim.1.gz",
+        "/usr/share/man/man1/vantora-simctl.1.gz",
+        "/usr/share/python3/runtime.d/vantora-network-sim.rtupdate",
+        "/usr/share/vantora-sim/world.schema.json",
+        *(f"/usr/share/vantora-sim/worlds/{path.name}" for path in (ROOT / "simulator/worlds").glob("*.json")),
+        *(f"/usr/share/vantora-sim/vantora_sim/{path.name}" for path in (ROOT / "simulator/vantora_sim").glob("*.py")),
+    },
+    "vantora-settingsd": {
+        "/lib/systemd/system/vantora-settingsd.service",
+        "/usr/sbin/vantora-settingsd",
+        "/usr/share/dbus-1/services/com.vantora.common.Settings1.service",
+        "/usr/share/man/man8/vantora-settingsd.8.gz",
+    },
+}
+
+RUN_BY_PEOPLE_AND_UNITS = re.compile(r"/usr/(bin|sbin|libexec/vantora-sim)/|/usr/share/python3/runtime\.d/")
+
+LIBRARIES = {
+    "libc.so.6": "libc6",
+    "libgcc_s.so.1": "libgcc-s1",
+    "libm.so.6": "libc6",
+    "libsigc-2.0.so.0": "libsigc++-2.0-0v5",
+    "libstdc++.so.6": "libstdc++6",
+    "libsystemd.so.0": "libsystemd0",
+}
+
+DAEMON_LIMIT = 250 * 1024
+"""Bytes that the daemon may take of a device's storage."""
+
+
+def programs(unpacked: dict[str, Path], name: str) -> list[Path]:
+    """The native programs of a package."""
+    return [path for path in sorted(unpacked[name].rglob("*"))
+            if path.is_file() and not path.is_symlink() and path.read_bytes()[:4] == b"\x7fELF"]
+
+
+def readelf(option: str, path: Path) -> str:
+    return subprocess.run(["readelf", "--wide", option, path], check=True, capture_output=True, text=True, timeout=60,
+                          env={"PATH": "/usr/bin:/bin", "LC_ALL": "C"}).stdout
+
+
+def test_there_is_one_package_for_each_purpose(packages: dict[str, Package], architecture: str) -> None:
+    assert tuple(sorted(packages)) == NAMES
+    assert {package.field("Architecture") for package in packages.values()} == {architecture}
+
+
+def test_their_version_is_the_projects(packages: dict[str, Package]) -> None:
+    version = re.search(r"^ *VERSION (\S+)$", (ROOT / "CMakeLists.txt").read_text(), re.MULTILINE)
+    assert version is not None
+    assert {package.field("Version") for package in packages.values()} == {version[1]}
+
+
+@pytest.mark.parametrize("name", NAMES)
+def test_a_package_holds_its_files_and_no_others(packages: dict[str, Package], name: str) -> None:
+    files = {path for path, member in packages[name].members().items() if not member.mode.startswith("d")}
+    assert files - DOCUMENTED == FILES[name]
+    assert files & DOCUMENTED == {path for path in DOCUMENTED if path.startswith(f"/usr/share/doc/{name}/")}
+
+
+@pytest.mark.parametrize("name", NAMES)
+def test_everything_is_roots_and_nobody_else_may_write_it(packages: dict[str, Package], name: str) -> None:
+    for path, member in packages[name].members().items():
+        assert member.owner == "root/root", path
+        if member.mode.startswith("l"):
+            continue
+        executable = member.mode.startswith("d") or RUN_BY_PEOPLE_AND_UNITS.match(path)
+        assert member.mode[1:] == ("rwxr-xr-x" if executable else "rw-r--r--"), path
+
+
+@pytest.mark.parametrize("name", NAMES)
+def test_programs_are_stripped_and_hardened(unpacked: dict[str, Path], name: str, architecture: str) -> None:
+    machine = {"amd64": "Advanced Micro Devices X86-64", "armhf": "ARM"}[architecture]
+    found = programs(unpacked, name)
+    assert found
+    for path in found:
+        header, dynamic, sections = readelf("--file-header", path), readelf("--dynamic", path), readelf("--sections", path)
+        assert re.search(rf"Machine: +{machine}\n", header), path
+        assert "DYN (Position-Independent Executable file)" in header, path
+        assert "BIND_NOW" in dynamic, path
+        assert ".symtab" not in sections and ".debug_info" not in sections, path
+
+
+@pytest.mark.parametrize("name", NAMES)
+def test_a_package_depends_on_the_libraries_of_its_programs(packages: dict[str, Package], unpacked: dict[str, Path],
+                                                           name: str) -> None:
+    depends = {re.split(r"[ (|:]", dependency.strip())[0] for dependency in packages[name].field("Depends").split(",")}
+    for path in programs(unpacked, name):
+        needed = re.findall(r"\(NEEDED\) +Shared library: \[(\S+)\]", readelf("--dynamic", path))
+        needed = [library for library in needed if not library.startswith("ld-linux")]
+        assert {LIBRARIES[library] for library in needed} <= depends, path
+
+
+def test_the_daemon_depends_on_the_systemd_that_it_was_made_for(packages: dict[str, Package]) -> None:
+    assert re.search(r"libsystemd0 \(>= 252\)", packages["vantora-network"].field("Depends"))
+
+
+def test_the_daemon_is_small_enough_for_a_device(unpacked: dict[str, Path]) -> None:
+    assert (unpacked["vantora-network"] / "usr/sbin/vantora-network").stat().st_size <= DAEMON_LIMIT
+
+
+def test_the_simulated_device_needs_no_daemon_on_the_machine(packages: dict[str, Package]) -> None:
+    for field in ("Depends", "Recommends"):
+        assert not re.search(r"vantora-(network|settingsd)\b(?!-)", packages["vantora-network-sim"].field(field))
+
+
+@pytest.mark.parametrize("name", NAMES)
+def test_maintainer_scripts_are_shell_scripts_that_stop_at_the_first_failure(unpacked: dict[str, Path], name: str) -> None:
+    for script in ("preinst", "postinst", "prerm", "postrm"):
+        path = unpacked[name] / "DEBIAN" / script
+        if path.exists():
+            assert path.stat().st_mode & 0o777 == 0o755
+            assert path.read_text().splitlines()[:2] == ["#!/bin/sh", "set -e"]
+            subprocess.run(["/bin/sh", "-n", path], check=True, timeout=60)
+
+
+@pytest.mark.parametrize("name", ["vantora-network", "vantora-settingsd"])
+def test_an_upgrade_starts_the_daemon_anew_and_only_a_removal_stops_it(unpacked: dict[str, Path], name: str) -> None:
+    scripts = unpacked[name] / "DEBIAN"
+    installed, removed = ((scripts / script).read_text() for script in ("postinst", "prerm"))
+    assert f"deb-systemd-helper enable '{name}.service'" in installed
+    assert re.search(r'if \[ -n "\$2" \]; then\s+_dh_action=restart\s+else\s+_dh_action=start\s', installed)
+    assert f"deb-systemd-invoke $_dh_action '{name}.service'" in installed
+    assert re.search(rf'"\$1" = remove \].*\n\s+deb-systemd-invoke stop \'{name}.service\'', removed)

@@ -1,0 +1,97 @@
+"""The packages in a fresh Debian: installed by dpkg, used, installed again, removed, purged.
+
+One system is made for all of this, and everything is done in it that the tests then look at. It has no systemd running, as
+when a device's image is built.
+"""
+
+from __future__ import annotations
+
+import shutil
+import subprocess
+from pathlib import Path
+
+import pytest
+from conftest import ROOT, Package
+
+STEPS = Path(__file__).with_name("in-a-fresh-system")
+
+
+def outside_packages(packages: dict[str, Package]) -> str:
+    """What apt would install along: the dependencies that are not ours, the first of each choice."""
+    wanted = set()
+    for package in packages.values():
+        for dependency in package.field("Depends").split(","):
+            wanted.add(dependency.split("|")[0].split("(")[0].split(":")[0].strip())
+    return ",".join(sorted(name for name in wanted if name not in packages))
+
+
+@pytest.fixture(scope="module")
+def results(packages: dict[str, Package], tmp_path_factory: pytest.TempPathFactory) -> Path:
+    """The folder with what each step has left: NAME.status, NAME.out, and lists of files."""
+    work = tmp_path_factory.mktemp("fresh")
+    (work / "packages").mkdir()
+    for package in packages.values():
+        shutil.copy(package.path, work / "packages")
+    shutil.copy(STEPS, work / "packages/steps")
+    mirror = subprocess.run(["bash", "-c", "source scripts/common.sh; source scripts/debian-mirror.sh; "
+                             "debian_sources; echo; debian_apt_options >$0", str(work / "apt.conf")],
+                            cwd=ROOT, check=True, capture_output=True, text=True, timeout=60).stdout
+    (work / "sources.list").write_text(mirror)
+    made = subprocess.run(
+        ["mmdebstrap", "--variant=minbase", "--format=null", f"--include={outside_packages(packages)}",
+         f"--aptopt={work}/apt.conf", "--dpkgopt=force-unsafe-io",
+         f"--customize-hook=copy-in {work}/packages /", '--customize-hook=chroot "$1" sh /packages/steps',
+         f"--customize-hook=sync-out /results {work}", "bookworm", "-", work / "sources.list"],
+        capture_output=True, text=True, timeout=500)
+    assert made.returncode == 0, made.stderr
+    return work
+
+
+def output(results: Path, step: str) -> str:
+    """What a step printed; it must have gone well."""
+    text = (results / f"{step}.out").read_text()
+    assert (results / f"{step}.status").read_text() == "0\n", text
+    return text
+
+
+def files(results: Path, when: str) -> set[str]:
+    return set((results / f"{when}.files").read_text().splitlines())
+
+
+def test_dpkg_installs_them_where_no_systemd_runs(results: Path) -> None:
+    output(results, "install")
+
+
+@pytest.mark.parametrize("unit", ["vantora-network", "vantora-settingsd"])
+def test_units_are_enabled_by_the_installation(results: Path, unit: str) -> None:
+    assert output(results, f"enabled-{unit}") == "enabled\n"
+
+
+@pytest.mark.parametrize(("program", "first"), [
+    ("vantora-settingsd", "vantora-settingsd 1"),
+    ("vantora-wifi", "vantora-wifi 1"),
+    ("vantora-sim", "usage: vantora-sim"),
+    ("vantora-simctl", "usage: vantora-simctl"),
+])
+def test_programs_run(results: Path, program: str, first: str) -> None:
+    assert output(results, program).startswith(first)
+
+
+def test_the_daemon_starts_and_finds_no_bus(results: Path) -> None:
+    assert (results / "vantora-network.status").read_text() == "1\n"
+    assert (results / "vantora-network.out").read_text() == ""
+
+
+def test_they_can_be_installed_over_themselves(results: Path) -> None:
+    output(results, "upgrade")
+
+
+def test_settings_outlive_a_removal(results: Path) -> None:
+    output(results, "remove")
+    assert "/var/lib/vantora-settingsd/settings.json" in files(results, "removed")
+
+
+def test_a_purge_leaves_nothing(results: Path) -> None:
+    output(results, "purge")
+    assert files(results, "purged") - files(results, "before") == set()
+    assert files(results, "before") - files(results, "purged") == set()
