@@ -7,6 +7,7 @@ from __future__ import annotations
 
 import difflib
 import json
+import math
 import re
 from collections.abc import Iterator
 from dataclasses import dataclass
@@ -85,10 +86,16 @@ def _is_allowed(value: Any, schema: dict[str, Any]) -> bool:
     if "enum" in schema and value not in schema["enum"]:
         return False
     if isinstance(value, str):
-        return len(value) >= schema.get("minLength", 0) and re.search(schema.get("pattern", ""), value) is not None
+        return len(value) >= schema.get("minLength", 0) and _matches(schema.get("pattern", ""), value)
     if isinstance(value, (int, float)):
-        return bool(schema.get("minimum", value) <= value <= schema.get("maximum", value))
+        # 1e999 is JSON, and infinite.
+        return math.isfinite(value) and bool(schema.get("minimum", value) <= value <= schema.get("maximum", value))
     return True
+
+
+def _matches(pattern: str, text: str) -> bool:
+    """As a JSON schema means it: its "$" is the end, where Python's would let a line break stand behind it."""
+    return re.search(re.sub(r"\$$", r"\\Z", pattern), text) is not None
 
 
 def _expected(schema: dict[str, Any]) -> str:

@@ -102,9 +102,22 @@ def _inconsistencies(document: Located) -> Iterator[Finding]:
                     seen.setdefault(key, where)
 
 
+def _made_up(taken: set[str], prefix: str, number: int) -> str:
+    """An address of this number, or of a higher one where somebody has that."""
+    while (address := f"{prefix}:{number >> 8 & 255:02x}:{number & 255:02x}") in taken:
+        number += 0x100
+    taken.add(address)
+    return address
+
+
 def _plan(document: dict[str, Any]) -> Plan:
-    networks = [make_network(network, number) for number, network in enumerate(document.get("networks", []))]
-    visitors = [Visitor(station["name"], station.get("mac", f"02:00:00:00:40:{number:02x}").lower(), station.get("joins_after"))
-                for number, station in enumerate(document.get("stations", []), start=1)]
+    networks, stations = document.get("networks", []), document.get("stations", [])
+    taken = {item[field].lower() for items, field in ((networks, "bssid"), (stations, "mac")) for item in items if field in item}
+    for number, network in enumerate(networks):
+        network.setdefault("bssid", _made_up(taken, "02:00:00:01", number))
+    for number, station in enumerate(stations, start=0x4001):
+        station.setdefault("mac", _made_up(taken, "02:00:00:00", number))
+    visitors = [Visitor(station["name"], station["mac"].lower(), station.get("joins_after")) for station in stations]
     return Plan(name=document["name"], device={key: str(value) for key, value in document.get("device", {}).items()},
-                networks=networks, visitors=visitors, settings=document.get("settings", {}))
+                networks=[make_network(network, number) for number, network in enumerate(networks)],
+                visitors=visitors, settings=document.get("settings", {}))

@@ -70,6 +70,14 @@ def test_wrong_network_is_named_with_field_and_line(tmp_path: Path, fields: str,
     ('{ "name": "x",\n\n "name": "y" }', "3: name: stands here twice"),
     ('{ "name": "x",\n "networks": [ }', "2: not JSON: Expecting value"),
     ('{ "name": "x" }\n\n trailing', "3: not JSON: Extra data"),
+    ('{ "name": "x", "stations": [ { "name": "s", "joins_after": 1e999 } ] }',
+     "1: stations[0].joins_after: must be a number of at least 0, not Infinity"),
+    ('{ "name": "x", "stations": [ { "name": "s\\n" } ] }', "1: stations[0].name: must be a string (letters, digits, '.', '_' and '-'), "
+     'not "s\\n"'),
+    ('{ "name": "\\ud800" }', " half of a character: a surrogate without its other half"),
+    ('{ "name": "x", "\\udfff": 1 }', " half of a character: a surrogate without its other half"),
+    ('"\\ud800"', " half of a character: a surrogate without its other half"),
+    ("[" * 3000, " nested too deep"),
 ])
 def test_wrong_document_is_named_with_field_and_line(tmp_path: Path, text: str, expected: str) -> None:
     assert complaint(tmp_path, text) == expected
@@ -100,6 +108,16 @@ def test_what_is_not_said_has_a_default(tmp_path: Path) -> None:
     assert [network.frequency for network in plan.networks] == [2437, 5180]
     assert (plan.visitors[0].mac, plan.visitors[0].joins_after) == ("02:00:00:00:40:01", None)
     assert (plan.device, plan.settings) == ({}, {})
+
+
+def test_addresses_that_are_made_up_are_nobody_elses(tmp_path: Path) -> None:
+    stations = ", ".join(f'{{"name": "s{number}"}}' for number in range(300))
+    (tmp_path / "w.json").write_text('{ "name": "x", "networks": [ {"ssid": "a", "bssid": "02:00:00:01:00:01"}, {"ssid": "b"} ], '
+                                     f'"stations": [ {stations} ] }}')
+    plan = read_world(str(tmp_path / "w.json"))
+    assert [network.bssid for network in plan.networks] == ["02:00:00:01:00:01", "02:00:00:01:01:01"]
+    assert len({visitor.mac for visitor in plan.visitors}) == 300
+    assert all(len(visitor.mac) == 17 for visitor in plan.visitors) and plan.visitors[299].mac == "02:00:00:00:41:2c"
 
 
 def test_every_value_knows_its_line() -> None:

@@ -1,0 +1,156 @@
+#!/usr/bin/python3
+"""Calls the running daemon at random, 100,000 times, and looks whether it is still the daemon that it was.
+
+The unmodified program runs in the sandbox of the contract tests, between neighbours that answer at once. While the calls come
+in, and afterwards, it has to be alive, to answer all of them, and to have the state that its settings say.
+"""
+
+from __future__ import annotations
+
+import argparse
+import asyncio
+import secrets
+import sys
+import time
+from collections import Counter
+from pathlib import Path
+from typing import Any
+
+ROOT = Path(__file__).resolve().parents[2]
+sys.path[:0] = [path for path in (str(ROOT / "simulator"), str(ROOT / "tests/fuzz")) if path not in sys.path]
+
+from dbus_next import Message, MessageFlag, MessageType  # noqa: E402  (found through the line above)
+from random_calls import RandomCalls  # noqa: E402
+from vantora_sim import World  # noqa: E402
+from vantora_sim.dbus_fake import PROPERTIES, connect, disconnect  # noqa: E402
+
+CONNECTIONS = 4
+AT_ONCE = 3
+"""Calls that each connection has on their way at a time."""
+ROUND = 2_500
+"""Calls between two looks at the daemon's state."""
+LONGEST_ANSWER = 60.0
+PROPERTY_COUNT = 13
+STARTING_STATE = {"WiFiState": 1, "Mode": "Host", "WiFiFrequency": "2.4", "SSID": "Korrin One"}
+
+
+class LiveBusFuzzer:
+    """Makes the calls, and judges the daemon by its state."""
+
+    def __init__(self, world: World, seed: int) -> None:
+        self._world = world
+        self._calls = RandomCalls(seed)
+        self.answers: Counter[str] = Counter()
+        """How often there was which answer: "reply", the name of an error, or "none wanted"."""
+
+    def run(self, count: int) -> None:
+        """Make so many calls; raises AssertionError when something is not as it must be."""
+        self.check_state()
+        self._bring_to_start()
+        before = self._resources()
+        left = count
+        while left:
+            now = min(left, ROUND)
+            self._world.loop.run(self._round(now), timeout=3600)
+            left -= now
+            self.check_state()
+        self._bring_to_start()
+        after = self._resources()
+        assert after == before, f"descriptors and threads: {before} before, {after} after"
+        assert sum(self.answers.values()) == count
+
+    async def _round(self, count: int) -> None:
+        buses = [await connect(self._world.user_bus.address) for _ in range(CONNECTIONS)]
+        calls = [self._calls.next() for _ in range(count)]
+        calls.reverse()
+
+        async def work(bus: Any) -> None:
+            while calls:
+                await self._make(bus, calls.pop())
+
+        try:
+            await asyncio.gather(*(work(bus) for bus in buses for _ in range(AT_ONCE)))
+        finally:
+            for bus in buses:
+                await disconnect(bus)
+
+    async def _make(self, bus: Any, call: Message) -> None:
+        what = f"{call.path} {call.interface}.{call.member}({call.signature}) {str(call.body)[:300]!r}"
+        if call.flags & MessageFlag.NO_REPLY_EXPECTED:
+            await bus.send(call)
+            self.answers["none wanted"] += 1
+            return
+        try:
+            reply = await asyncio.wait_for(bus.call(call), LONGEST_ANSWER)
+        except asyncio.TimeoutError:
+            raise AssertionError(f"no answer after {LONGEST_ANSWER:.0f} s: {what}") from None
+        error = reply.error_name if reply.message_type is MessageType.ERROR else None
+        assert error not in ("org.freedesktop.DBus.Error.NoReply", "org.freedesktop.DBus.Error.ServiceUnknown"), \
+            f"the daemon went away at {what}\n{self._world.journal.dump(last=60)}"
+        self.answers[error or "reply"] += 1
+
+    def check_state(self) -> None:
+        """The daemon is there, tells all its properties, and they are what the settings say."""
+        world = self._world
+        world.settle()
+        assert world.daemon is not None and world.daemon.running, "the daemon has ended"
+        assert world.sanitizer_reports() == ""
+        values = {name: variant.value for name, variant in self._get_all().items()}
+        assert len(values) == PROPERTY_COUNT, f"properties: {sorted(values)}"
+        if values["WiFiState"] == 0:
+            assert values["Mode"] == "unknown", values
+            return
+        assert values["Mode"] == world.settings.get("network", "mode"), values
+        if values["Mode"] == "Host":
+            told = (values["SSID"], values["WiFiFrequency"])
+            stored = (world.settings.get("device", "deviceName"), world.settings.get("network", "frequency"))
+            assert told == stored, f"the access point is {told}, the settings say {stored}"
+
+    def _get_all(self) -> dict[str, Any]:
+        return self._world.call_async("GetAll", "s", ["com.vantora.Network1.WiFi"], PROPERTIES).result(LONGEST_ANSWER)[0]
+
+    def _bring_to_start(self) -> None:
+        """Radio on, an access point of a known name, whatever it was before."""
+        for name, value in STARTING_STATE.items():
+            self._world.set(name, value)
+        self._world.hostapd.wait_attached()
+        self.check_state()
+        values = self._get_all()
+        assert {name: values[name].value for name in STARTING_STATE} == STARTING_STATE
+
+    def _resources(self) -> tuple[int, int]:
+        """Open descriptors and threads of the daemon."""
+        assert self._world.daemon is not None
+        process = Path(f"/proc/{self._world.daemon.pid}")
+        return len(list((process / "fd").iterdir())), len(list((process / "task").iterdir()))
+
+
+def main() -> int:
+    """The command-line program."""
+    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser.add_argument("--calls", type=int, default=100_000, help="how many (default: %(default)s)")
+    parser.add_argument("--seed", type=int, default=None, help="where the random numbers begin (default: somewhere, told at the start)")
+    parser.add_argument("--build-dir", type=Path, default=ROOT / "build/release", help="folder with the programs")
+    options = parser.parse_args()
+    seed = secrets.randbits(32) if options.seed is None else options.seed
+    print(f"seed {seed}", flush=True)
+    started = time.monotonic()
+    with World(options.build_dir, lasting=True) as world:
+        world.up()
+        fuzzer = LiveBusFuzzer(world, seed)
+        try:
+            fuzzer.run(options.calls)
+            status = world.stop_daemon()
+            assert status == 0, f"the daemon ended with status {status} when asked to"
+            assert world.sanitizer_reports() == ""
+        except AssertionError as failure:
+            print(f"seed {seed}: {failure}", file=sys.stderr)
+            return 1
+    for answer, times in fuzzer.answers.most_common():
+        print(f"{times:8d}  {answer}")
+    print(f"{options.calls} calls in {time.monotonic() - started:.0f} s; the daemon is as it was")
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
