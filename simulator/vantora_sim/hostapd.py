@@ -46,7 +46,9 @@ class Hostapd:
         self._events: list[bytes] = []
         self._sender: asyncio.Task[None] | None = None
         self.stations: list[str] = []
-        """Addresses of the associated stations, in hostapd's order."""
+        """Addresses of the associated stations, in hostapd's order: the latest first."""
+        self._lingering: set[str] = set()
+        """Those of them that have left."""
         self.before_event: Callable[[], None] | None = None
         """Called before each event, on the caller's thread; None to send events as fast as possible."""
         self.spacing = 0.0
@@ -69,7 +71,8 @@ class Hostapd:
         self._loop.call(self._start)
 
     def terminate(self) -> None:
-        """End like after SIGTERM: AP-DISABLED and CTRL-EVENT-TERMINATING to the attached, then the folder is removed."""
+        """End like after SIGTERM: the attached hear that each station leaves, AP-DISABLED and CTRL-EVENT-TERMINATING; then the
+        folder is removed."""
         self._loop.call(self._terminate)
 
     def kill(self) -> None:
@@ -96,17 +99,23 @@ class Hostapd:
         self.event("AP-ENABLED ")
 
     def disable(self) -> None:
-        """Report the access point not ready."""
+        """Report the access point not ready, and that each station has left it."""
         self.event("AP-DISABLED ")
+        joined = self._joined()
+        self.stations.clear()
+        for mac in joined:
+            self.event(f"AP-STA-DISCONNECTED {mac}")
 
     def join(self, mac: str) -> None:
         """A station associates."""
         if mac not in self.stations:
-            self.stations.append(mac)
+            self.stations.insert(0, mac)
+        self._lingering.discard(mac)
         self.event(f"AP-STA-CONNECTED {mac}")
 
     def leave(self, mac: str, *, linger: bool = True) -> None:
         """A station leaves. It lingers in the list, as it does for a while on the real one, unless told otherwise."""
+        self._lingering.add(mac)
         if not linger and mac in self.stations:
             self.stations.remove(mac)
         self.event(f"AP-STA-DISCONNECTED {mac}")
@@ -163,6 +172,7 @@ class Hostapd:
             self._sender = None
         self._events.clear()
         self.stations.clear()
+        self._lingering.clear()
         self._attached.clear()
         if self._socket is not None:
             self._loop.asyncio.remove_reader(self._socket.fileno())
@@ -172,10 +182,15 @@ class Hostapd:
 
     def _terminate(self) -> None:
         if self._socket is not None:
+            for mac in self._joined():
+                self._send_to_attached(f"<3>AP-STA-DISCONNECTED {mac}".encode())
             self._send_to_attached(b"<3>AP-DISABLED ")
             self._send_to_attached(b"<3>CTRL-EVENT-TERMINATING ")
         self._close()
         shutil.rmtree(self._folder, ignore_errors=True)
+
+    def _joined(self) -> list[str]:
+        return [mac for mac in self.stations if mac not in self._lingering]
 
     def _outside(self, client: str) -> str | None:
         """Where the socket of a client in the sandbox is found from here."""
@@ -246,6 +261,9 @@ class Hostapd:
             return  # died meanwhile
         if isinstance(action, bytes):
             self._send(client, action)
+            return
+        if word == "DETACH" and client not in self._attached:
+            self._send(client, b"FAIL\n")
             return
         self._send(client, self._truth(word, request[len(word) + 1:]))
         if word == "ATTACH" and client not in self._attached:

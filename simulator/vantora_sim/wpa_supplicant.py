@@ -16,6 +16,7 @@ BSS = "fi.w1.wpa_supplicant1.BSS"
 NO_BSS = "/"
 
 _INVALID_ARGS = "fi.w1.wpa_supplicant1.InvalidArgs"
+_NETWORKS = f"{INTERFACE_PATH}/Networks/"
 
 
 @dataclass
@@ -69,7 +70,6 @@ class WpaSupplicant(DBusFake):
         """Called on the loop after Scan, AddNetwork, SelectNetwork, RemoveNetwork and Disconnect were answered truthfully,
         with the member and its arguments: the place to let a simulated radio act."""
         self._next_bss = 0
-        self._next_network = 0
 
     # From any thread
 
@@ -99,9 +99,9 @@ class WpaSupplicant(DBusFake):
         self.changed(**values)
 
     def changed(self, **values: Variant) -> None:
-        """Notify of property values, twice as the real one does: by its own signal and by the standard one."""
-        self.emit(INTERFACE_PATH, INTERFACE, "PropertiesChanged", "a{sv}", [values])
+        """Notify of property values, twice as the real one does: by the standard signal and by its own."""
         self.emit(INTERFACE_PATH, PROPERTIES, "PropertiesChanged", "sa{sv}as", [INTERFACE, values, []])
+        self.emit(INTERFACE_PATH, INTERFACE, "PropertiesChanged", "a{sv}", [values])
 
     def notify_raw(self, signature: str, body: list[Any], path: str = INTERFACE_PATH) -> None:
         """Send its own PropertiesChanged with any body."""
@@ -123,9 +123,9 @@ class WpaSupplicant(DBusFake):
         if call.interface == PROPERTIES:
             return self._property(call)
         if call.path != INTERFACE_PATH:
-            raise CallRefused("org.freedesktop.DBus.Error.UnknownObject", f"Unknown object {call.path}")
+            raise _unknown_object(call)
         if call.interface != INTERFACE:
-            raise CallRefused("org.freedesktop.DBus.Error.UnknownMethod", f"Unknown interface {call.interface}")
+            raise CallRefused("org.freedesktop.DBus.Error.UnknownMethod")
         answer = self._method(call)
         for hook in self.on_call:
             hook(call.member, call.args)
@@ -150,7 +150,9 @@ class WpaSupplicant(DBusFake):
                 if self.state in ("disconnected", "inactive"):
                     raise CallRefused("fi.w1.wpa_supplicant1.NotConnected", "This interface is not connected")
                 return "", []
-        raise CallRefused("org.freedesktop.DBus.Error.UnknownMethod", f"Unknown method {call.member}")
+            case ("Scan" | "AddNetwork" | "SelectNetwork" | "RemoveNetwork" | "Disconnect", _):
+                raise CallRefused("org.freedesktop.DBus.Error.InvalidArgs")
+        raise CallRefused("org.freedesktop.DBus.Error.UnknownMethod")
 
     def _add_network(self, settings: dict[str, Variant]) -> tuple[str, list[Any]]:
         ssid = settings.get("ssid", Variant("s", "")).value
@@ -158,12 +160,17 @@ class WpaSupplicant(DBusFake):
         unknown = set(settings) - {"ssid", "psk", "key_mgmt"}
         if unknown or len(ssid.encode()) > 32 or not 8 <= len(passphrase.encode()) <= 63:
             raise CallRefused("org.freedesktop.DBus.Error.InvalidArgs", "invalid message format")
-        path = f"{INTERFACE_PATH}/Networks/{self._next_network}"
-        self._next_network += 1
+        path = f"{_NETWORKS}{self._next_network()}"
         self.networks[path] = settings
         return "o", [path]
 
+    def _next_network(self) -> int:
+        """One more than the greatest number in use: that of the latest network is given again once it is removed."""
+        return max((int(path.removeprefix(_NETWORKS)) for path in self.networks), default=-1) + 1
+
     def _check_network(self, path: str) -> None:
+        if not path.startswith(_NETWORKS):
+            raise CallRefused(_INVALID_ARGS, "Did not receive correct message arguments.")
         if path not in self.networks:
             raise CallRefused("fi.w1.wpa_supplicant1.NetworkUnknown", "There is no such a network in this interface.")
 
@@ -176,11 +183,17 @@ class WpaSupplicant(DBusFake):
                 "BSSs": Variant("ao", list(self.bss)), "Networks": Variant("ao", list(self.networks)),
                 "Ifname": Variant("s", "wlan0"), "Scanning": Variant("b", False)}
         else:
-            raise CallRefused("org.freedesktop.DBus.Error.UnknownObject", f"Unknown object {call.path}")
-        if not call.args or call.args[0] != interface:
-            raise CallRefused("org.freedesktop.DBus.Error.InvalidArgs", "No such interface")
+            raise _unknown_object(call)
         if call.member == "GetAll":
-            return "a{sv}", [values]
+            return "a{sv}", [values if call.args == [interface] else {}]
+        if not call.args or call.args[0] != interface:
+            raise CallRefused("org.freedesktop.DBus.Error.InvalidArgs", "No such property")
         if call.member == "Get" and call.args[1] in values:
             return "v", [values[call.args[1]]]
         raise CallRefused("org.freedesktop.DBus.Error.InvalidArgs", "No such property")
+
+
+def _unknown_object(call: Call) -> CallRefused:
+    """What its D-Bus library says about objects that it does not know."""
+    return CallRefused("org.freedesktop.DBus.Error.UnknownMethod", f'Method "{call.member}" with signature "{call.signature}" '
+                       f'on interface "{call.interface}" doesn\'t exist\n')

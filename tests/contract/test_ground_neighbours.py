@@ -151,8 +151,8 @@ def test_hostapd_lists_its_stations(world: World) -> None:
     client = control(world, "STA-FIRST")
     client.wait()
     assert client.stdout == "b''\n"
-    world.hostapd.join(first)
     world.hostapd.join(second)
+    world.hostapd.join(first)
     world.hostapd.leave(second)
     client = control(world, "STA-FIRST", f"STA-NEXT {first}\nflags=[A", f"STA-NEXT {second}", "STA-NEXT", "STA-NEXT 1", "HELLO")
     client.wait()
@@ -164,14 +164,15 @@ def test_hostapd_lists_its_stations(world: World) -> None:
 
 def test_hostapd_sends_events_to_the_attached(world: World) -> None:
     world.hostapd.start()
-    client = control(world, "ATTACH", "-", "-", "-", "DETACH")
+    client = control(world, "ATTACH", "-", "-", "-", "-", "DETACH", "DETACH")
     world.hostapd.wait_attached()
     world.hostapd.join("02:00:00:00:30:01")
     world.hostapd.disable()
     world.hostapd.datagram(b"odd \xff")
     client.wait()
     assert client.stdout.splitlines() == [
-        "b'OK\\n'", "b'<3>AP-STA-CONNECTED 02:00:00:00:30:01'", "b'<3>AP-DISABLED '", "b'odd \\xff'", "b'OK\\n'"]
+        "b'OK\\n'", "b'<3>AP-STA-CONNECTED 02:00:00:00:30:01'", "b'<3>AP-DISABLED '",
+        "b'<3>AP-STA-DISCONNECTED 02:00:00:00:30:01'", "b'odd \\xff'", "b'OK\\n'", "b'FAIL\\n'"]
     assert world.hostapd.attached == 0
 
 
@@ -257,7 +258,7 @@ def test_state_changes_are_notified_twice(world: World) -> None:
     path = world.wpa.add_bss("net")
     monitor = start_monitor(world, "--system", "member='PropertiesChanged'")
     world.wpa.report_state("completed", bss=path)
-    wait_for_text(lambda: monitor.stdout, "org.freedesktop.DBus.Properties")
+    wait_for_text(lambda: monitor.stdout, '"interface":"fi.w1.wpa_supplicant1.Interface"')
     values = {"State": {"type": "s", "data": "completed"}, "CurrentBSS": {"type": "o", "data": path}}
     interface = "fi.w1.wpa_supplicant1.Interface"
-    assert [body for _, _, body in seen_signals(monitor)] == [[values], [interface, values, []]]
+    assert [body for _, _, body in seen_signals(monitor)] == [[interface, values, []], [values]]

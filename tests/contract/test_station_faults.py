@@ -71,7 +71,7 @@ def test_a_network_that_a_restart_has_taken_is_removed_in_vain_and_forgotten(wor
         ("info", f"[WPA] Remove network: {network(0)}"),
         ("err", "[WPA] wpa_supplicant_remove_network: Failed to call dbus method"),
         ("info", "[Main] Add new network")], mark)
-    assert list(world.wpa.networks) == [network(1)]
+    assert list(world.wpa.networks) == [network(0)]
 
 
 @pytest.mark.parametrize("member", ["Scan", "AddNetwork", "SelectNetwork", "Disconnect"])
