@@ -3,8 +3,8 @@
 
 #include <cstdlib>
 
+#include "bare_bus.hpp"
 #include "names.hpp"
-#include "utils/sd_bus_owners.hpp"
 
 namespace {
 
@@ -26,9 +26,9 @@ const sd_bus_vtable vtable[] = {
 
 int main()
 {
-    BusPtr bus;
+    const BareBusPtr bus = open_bare_bus(sd_bus_open_user);
     sd_event* taken = nullptr;
-    if (open_user_bus(bus) < 0 || sd_event_default(&taken) < 0) {
+    if (!bus || sd_event_default(&taken) < 0) {
         return EXIT_FAILURE;
     }
     const EventPtr event(taken);

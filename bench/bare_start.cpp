@@ -6,8 +6,8 @@
 
 #include <systemd/sd-daemon.h>
 
+#include "bare_bus.hpp"
 #include "names.hpp"
-#include "utils/sd_bus_owners.hpp"
 
 namespace {
 
@@ -40,11 +40,7 @@ int follow(sd_bus* bus, const char* service, const char* interface)
 
 int read_setting(const char* section, const char* key)
 {
-    BusPtr bus;
-    int result = open_user_bus(bus);
-    if (result < 0) {
-        return result;
-    }
+    const BareBusPtr bus = open_bare_bus(sd_bus_open_user);
     const std::string path = std::string("/com/vantora/common/Settings1/") + section;
     BusError error;
     int value = 0;
@@ -56,12 +52,16 @@ int read_setting(const char* section, const char* key)
 
 int main()
 {
-    BusPtr published;
-    BusPtr settings;
-    BusPtr station;
-    if (open_user_bus(published) < 0 || sd_bus_request_name(published.get(), kBareService, 0) < 0 ||
-        open_user_bus(settings) < 0 || follow(settings.get(), kSettings, kPropertiesInterface) < 0 ||
-        open_system_bus(station) < 0 || follow(station.get(), kStationName, kStationInterface) < 0 ||
+    const BareBusPtr published = open_bare_bus(sd_bus_open_user);
+    if (!published || sd_bus_request_name(published.get(), kBareService, 0) < 0) {
+        return EXIT_FAILURE;
+    }
+    const BareBusPtr settings = open_bare_bus(sd_bus_open_user);
+    if (!settings || follow(settings.get(), kSettings, kPropertiesInterface) < 0) {
+        return EXIT_FAILURE;
+    }
+    const BareBusPtr station = open_bare_bus(sd_bus_open_system);
+    if (!station || follow(station.get(), kStationName, kStationInterface) < 0 ||
         read_setting("development", "killWifiOnBoot") < 0) {
         return EXIT_FAILURE;
     }

@@ -8,7 +8,8 @@
 // A block is SIZE runs of one subject. Every second round of blocks has the subjects in the opposite order.
 // What comes first is dropped: one block of each, in which caches and heaps settle.
 //
-// Subjects: get:SERVICE:PROPERTY, getall:SERVICE, commands:LETTERS, access-points, start:PROGRAM, event
+// Subjects: get:SERVICE:PROPERTY, getall:SERVICE, commands:LETTERS, access-points,
+// access-points:read, start:PROGRAM, event
 
 #include <chrono>
 #include <cstdio>
@@ -40,7 +41,7 @@ std::unique_ptr<Subject> make_subject(const std::string& text)
     } else if (kind == "commands") {
         return make_bare_commands(rest);
     } else if (kind == "access-points") {
-        return make_bare_access_points();
+        return make_bare_access_points(rest == "read");
     } else if (kind == "start") {
         return make_start(rest);
     } else if (kind == "event") {

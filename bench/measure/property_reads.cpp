@@ -1,7 +1,6 @@
 #include "measure/subject.hpp"
 
 #include "names.hpp"
-#include "utils/sd_bus_owners.hpp"
 
 namespace {
 
@@ -12,7 +11,6 @@ public:
     PropertyCall(std::string service, std::string property)
         : service_(std::move(service)), property_(std::move(property))
     {
-        check(open_user_bus(bus_), "open the user bus");
     }
 
     Clock::duration run() override
@@ -35,7 +33,7 @@ public:
 private:
     std::string service_;
     std::string property_;
-    BusPtr bus_;
+    BareBusPtr bus_ = check(open_bare_bus(sd_bus_open_user));
 };
 
 } // namespace

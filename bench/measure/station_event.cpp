@@ -7,7 +7,6 @@
 
 #include "measure/subject.hpp"
 #include "names.hpp"
-#include "utils/sd_bus_owners.hpp"
 #include "utils/unique_fd.hpp"
 
 namespace {
@@ -20,7 +19,6 @@ class StationEvent : public Subject
 public:
     StationEvent() : socket_(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0))
     {
-        check(open_user_bus(bus_), "open the user bus");
         check(sd_bus_match_signal(bus_.get(), nullptr, kDaemon, kObjectPath, kPropertiesInterface,
                                   "PropertiesChanged", on_change, this),
               "watch the daemon");
@@ -65,7 +63,7 @@ private:
     }
 
     UniqueFd socket_;
-    BusPtr bus_;
+    BareBusPtr bus_ = check(open_bare_bus(sd_bus_open_user));
     bool announced_ = false;
     int turns_ = 0;
 };

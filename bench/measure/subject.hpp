@@ -5,6 +5,8 @@
 #include <stdexcept>
 #include <string>
 
+#include "bare_bus.hpp"
+
 /** Something that is done again and again, and timed each time. */
 class Subject
 {
@@ -40,6 +42,15 @@ inline int check(int result, const char* what)
     return result;
 }
 
+/** Throws when a connection could not be opened. */
+inline BareBusPtr check(BareBusPtr bus)
+{
+    if (!bus) {
+        throw MeasuringFailed("a bus can not be opened");
+    }
+    return bus;
+}
+
 /** Reads one property of the network object of a service, over one connection to the user bus. */
 std::unique_ptr<Subject> make_property_read(const std::string& service, const std::string& property);
 
@@ -52,9 +63,13 @@ std::unique_ptr<Subject> make_read_of_all(const std::string& service);
  */
 std::unique_ptr<Subject> make_bare_commands(const std::string& letters);
 
-/** The commands and calls behind the list of access points: power, mode, the list of BSSs, GetAll of each in
- * turn. */
-std::unique_ptr<Subject> make_bare_access_points();
+/**
+ * The commands and calls behind the list of access points: power, mode, the list of BSSs, GetAll of each in
+ * turn.
+ *
+ * @param reading whether every value of the answers is read, though not kept
+ */
+std::unique_ptr<Subject> make_bare_access_points(bool reading);
 
 /** Starts a program and waits until it says that it is ready. Its end is not timed. */
 std::unique_ptr<Subject> make_start(const std::string& program);

@@ -8,8 +8,8 @@
 #include <string>
 #include <string_view>
 
+#include "bare_bus.hpp"
 #include "names.hpp"
-#include "utils/sd_bus_owners.hpp"
 
 namespace {
 
@@ -101,8 +101,8 @@ int answer(sd_bus_message* call, void*, sd_bus_error*)
 
 int main(int argc, char** argv)
 {
-    BusPtr bus;
-    if (argc != 2 || open_system_bus(bus) < 0) {
+    const BareBusPtr bus = open_bare_bus(sd_bus_open_system);
+    if (argc != 2 || !bus) {
         return EXIT_FAILURE;
     }
     count = std::atoi(argv[1]);

@@ -24,7 +24,7 @@ def row(name: str, comparison: Comparison, goal: float) -> Row:
 
 def plain_read(build: Path, quick: bool) -> Section:
     """A property that needs no command, beside the same read of a service that has nothing else."""
-    blocks, size, rounds = (4, 20, 2) if quick else (200, 200, 10)
+    blocks, size, rounds = (4, 20, 2) if quick else (2000, 100, 20)
     with Device.booted(build, "Host") as device:
         device.start_bare_service()
         device.start_daemon()

@@ -79,8 +79,8 @@ def _read(path: Path) -> tuple[str, dict[str, str]]:
 
 
 def _text(section: Section, arguments: Sequence[str]) -> str:
-    lines = ["", f"{_machine()}, {datetime.datetime.now():%Y-%m-%d %H:%M}, commit {_commit()}: "
-             f"`./scripts/bench {' '.join(arguments)}`".replace(" `", " `").rstrip(), "",
+    command = " ".join(["./scripts/bench", *arguments])
+    lines = ["", f"{_machine()}, {datetime.datetime.now():%Y-%m-%d %H:%M}, commit {_commit()}, `{command}`", "",
              "| figure | daemon | floor | relation | goal | reached |", "|---|---|---|---|---|---|"]
     lines += [f"| {row.name} | {row.value} | {row.floor} | {row.relation} | {row.goal} | {verdict(row)} |" for row in section.rows]
     lines += ["", *[f"- {note}" for note in section.notes]] if section.notes else []
@@ -90,8 +90,9 @@ def _text(section: Section, arguments: Sequence[str]) -> str:
 def _machine() -> str:
     model = re.search(r"^model name\s*:\s*(.*)$", Path("/proc/cpuinfo").read_text(), re.MULTILINE)
     load = os.getloadavg()[0]
+    priority = "real-time" if os.sched_getscheduler(0) == os.SCHED_RR else "ordinary"
     return (f"{os.cpu_count()} cores ({model[1] if model else platform.machine()}), Linux {platform.release()}, "
-            f"load {load:.1f}")
+            f"load {load:.1f}, {priority} priority")
 
 
 def _commit() -> str:

@@ -329,12 +329,13 @@ private:
     std::string bytes_;
 };
 
-/** A whole signal with the body {"Level": <n -45>, "SSID": <ay "lab">}. */
+/** A whole signal with the body {"Level": <n -45>, "SSID": <ay "lab">, "Rates": <au 6000000, 1>}. */
 std::string big_endian_signal()
 {
     BigEndian entries;
     entries.text("Level").signature("n").number(static_cast<std::uint16_t>(-45), 2);
     entries.align(8).text("SSID").signature("ay").number(3, 4).byte('l').byte('a').byte('b');
+    entries.align(8).text("Rates").signature("au").number(8, 4).number(6'000'000, 4).number(1, 4);
     BigEndian fields;
     fields.byte(1).signature("o").text(path);
     fields.align(8).byte(2).signature("s").text(interface);
@@ -377,9 +378,10 @@ TEST(ForeignByteOrder, IsReadLikeTheOwn)
     for (int step = 0; step < 100 && properties.empty(); ++step) {
         ASSERT_GE(sd_bus_process(bus, nullptr), 0);
     }
-    ASSERT_EQ(properties.size(), 2U);
+    ASSERT_EQ(properties.size(), 3U);
     EXPECT_EQ(held<std::int16_t>(properties["Level"].second), -45);
     EXPECT_THAT(held<std::vector<std::uint8_t>>(properties["SSID"].second), ElementsAre('l', 'a', 'b'));
+    EXPECT_THAT(held<std::vector<std::uint32_t>>(properties["Rates"].second), ElementsAre(6'000'000, 1));
 }
 
 /** A service that answers Get, GetAll and Set as the test says, on a thread and a connection of its own. */

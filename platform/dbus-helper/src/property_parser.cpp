@@ -18,7 +18,7 @@ int parse_value(sd_bus_message* message, Keep keep)
     if (r <= 0 || type != SD_BUS_TYPE_VARIANT) {
         return r < 0 ? r : -EBADMSG;
     }
-    const std::string signature(contents);
+    std::string signature(contents);
     r = sd_bus_message_enter_container(message, SD_BUS_TYPE_VARIANT, signature.c_str());
     if (r < 0) {
         return r;
@@ -30,7 +30,7 @@ int parse_value(sd_bus_message* message, Keep keep)
         return r;
     }
     if (decoded == detail::Decoded::Value) {
-        keep(signature, std::move(value));
+        keep(std::move(signature), std::move(value));
     }
     return sd_bus_message_exit_container(message);
 }
@@ -49,8 +49,8 @@ int parse_dictionary(sd_bus_message* message, Keep keep)
         if (r <= 0) {
             return r < 0 ? r : -EBADMSG;
         }
-        r = parse_value(message, [&](const std::string& signature, std::any value) {
-            keep(key, signature, std::move(value));
+        r = parse_value(message, [&](std::string&& signature, std::any&& value) {
+            keep(key, std::move(signature), std::move(value));
         });
         if (r < 0) {
             return r;
@@ -69,7 +69,7 @@ int ParseProperties(sd_bus_message* message, PropertyMap& properties)
 {
     properties.clear();
     PropertyMap parsed;
-    const int r = parse_dictionary(message, [&parsed](const char* key, const std::string&, std::any value) {
+    const int r = parse_dictionary(message, [&parsed](const char* key, std::string&&, std::any&& value) {
         parsed.insert_or_assign(key, std::move(value));
     });
     if (r < 0) {
@@ -84,8 +84,8 @@ int ParsePropertiesWithType(sd_bus_message* message, TypedPropertyMap& propertie
     properties.clear();
     TypedPropertyMap parsed;
     const int r =
-        parse_dictionary(message, [&parsed](const char* key, const std::string& signature, std::any value) {
-            parsed.insert_or_assign(key, std::pair(signature, std::move(value)));
+        parse_dictionary(message, [&parsed](const char* key, std::string&& signature, std::any&& value) {
+            parsed.insert_or_assign(key, std::pair(std::move(signature), std::move(value)));
         });
     if (r < 0) {
         return r;

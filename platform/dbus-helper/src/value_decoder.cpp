@@ -7,6 +7,7 @@
 #include <map>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <vector>
 
 #include "dbus-helper/sdbus_utils.hpp"
@@ -63,27 +64,36 @@ int decode_array(sd_bus_message* message, char type, std::any& value)
     return sd_bus_message_exit_container(message);
 }
 
-/** Byte arrays in one go. sd-bus refuses that for a message in the other byte order; then one by one. */
-int decode_bytes(sd_bus_message* message, std::any& value)
+/**
+ * An array of numbers in one go, which is several times faster. sd-bus refuses that for a message in the
+ * other byte order; then one by one.
+ */
+template <typename T>
+int decode_numbers(sd_bus_message* message, char type, std::any& value)
 {
     const void* data = nullptr;
     std::size_t size = 0;
-    const int r = sd_bus_message_read_array(message, SD_BUS_TYPE_BYTE, &data, &size);
+    const int r = sd_bus_message_read_array(message, type, &data, &size);
     if (r == -EOPNOTSUPP) {
-        return decode_array<std::uint8_t, std::uint8_t>(message, SD_BUS_TYPE_BYTE, value);
+        return decode_array<T, T>(message, type, value);
     }
     if (r <= 0) {
         return r < 0 ? r : -EBADMSG;
     }
-    const auto* first = static_cast<const std::uint8_t*>(data);
-    value = size > 0 ? std::vector<std::uint8_t>(first, first + size) : std::vector<std::uint8_t>();
+    std::vector<T> values(size / sizeof(T));
+    if (!values.empty()) {
+        std::memcpy(values.data(), data, size);
+    }
+    value = std::move(values);
     return 0;
 }
 
 template <bool Array, typename T, typename Wire = T>
 int decode_as(sd_bus_message* message, char type, std::any& value)
 {
-    if constexpr (Array) {
+    if constexpr (Array && std::is_arithmetic_v<Wire> && std::is_same_v<T, Wire>) {
+        return decode_numbers<T>(message, type, value);
+    } else if constexpr (Array) {
         return decode_array<T, Wire>(message, type, value);
     } else {
         return decode_basic<T, Wire>(message, type, value);
@@ -149,9 +159,6 @@ int decode_value(sd_bus_message* message, const char* signature, std::any& value
     const std::string_view type(signature);
     int r = 0;
     bool known = false;
-    if (type == "ay") {
-        return decode_bytes(message, value);
-    }
     if (type == "v") {
         r = decode_variant(message, value, decoded);
         return r < 0 ? r : 0;
