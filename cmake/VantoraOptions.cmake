@@ -9,6 +9,7 @@ option(VANTORA_BUILD_TESTS "Build the unit tests and the helpers of the contract
 option(VANTORA_BUILD_BENCH "Build the programs that scripts/bench measures with" OFF)
 set(VANTORA_SANITIZE "" CACHE STRING "Sanitizers to build with, as -fsanitize= takes them (address,undefined or thread)")
 option(VANTORA_COVERAGE "Instrument for gcov" OFF)
+option(VANTORA_FUZZ "Instrument for libFuzzer; needs clang" OFF)
 
 # Every target of the project links this one: warnings and hardening in one place.
 add_library(vantora-build-flags INTERFACE)
@@ -28,4 +29,12 @@ endif()
 if(VANTORA_COVERAGE)
   target_compile_options(vantora-build-flags INTERFACE --coverage -fprofile-update=atomic)
   target_link_options(vantora-build-flags INTERFACE --coverage)
+endif()
+
+if(VANTORA_FUZZ)
+  # libsigc++ calls its slots through a pointer to another type of function, as do callbacks of C libraries.
+  # -Wno-c99-extensions: libsystemd's macros are made for C and for g++.
+  target_compile_options(vantora-build-flags INTERFACE
+    -fsanitize=fuzzer-no-link -fno-sanitize=function -Wno-c99-extensions)
+  target_link_options(vantora-build-flags INTERFACE -fno-sanitize=function)
 endif()

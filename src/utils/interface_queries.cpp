@@ -127,8 +127,13 @@ bool utils_is_nfs_root()
         syslog(LOG_ERR, "Failed to open /proc/cmdline");
         return false;
     }
+    return utils_names_nfs_root(file);
+}
+
+bool utils_names_nfs_root(std::istream& commandLine)
+{
     std::string line;
-    std::getline(file, line);
+    std::getline(commandLine, line);
     line.resize(std::min(line.size(), kCommandLineLimit));
     return line.find("root=/dev/nfs") != std::string::npos;
 }

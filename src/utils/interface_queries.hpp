@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <iosfwd>
 
 /** Facts about network interfaces and the machine, read anew on every call. */
 
@@ -45,10 +46,13 @@ int utils_get_ip_address(const char* interface, char* buffer);
 bool utils_get_signal_strength(char* buffer);
 
 /**
- * Tells whether the root file system is mounted over NFS: "root=/dev/nfs" anywhere in /proc/cmdline.
+ * Tells whether the root file system is mounted over NFS, by what /proc/cmdline says.
  *
  * @return true when it is; false also when the file can not be read
  *
  * Logs "Failed to open /proc/cmdline" (ERR).
  */
 bool utils_is_nfs_root();
+
+/** True when "root=/dev/nfs" stands in the first 499 bytes of a kernel command line's first line. */
+bool utils_names_nfs_root(std::istream& commandLine);

@@ -33,7 +33,7 @@ inline std::ostream& operator<<(std::ostream& stream, const LogLine& line)
 class CapturedLog
 {
 public:
-    void add(int priority, const char* format, va_list arguments)
+    __attribute__((format(printf, 3, 0))) void add(int priority, const char* format, va_list arguments)
     {
         std::string text;
         va_list measured;
@@ -96,8 +96,10 @@ inline CapturedLog& captured_log()
 // Named through the assembler, so that the C library's own declarations and inline versions do not matter.
 extern "C" {
 
-void testing_support_syslog(int priority, const char* format, ...) __asm__("syslog");
-void testing_support_syslog_chk(int priority, int flag, const char* format, ...) __asm__("__syslog_chk");
+void testing_support_syslog(int priority, const char* format, ...) __asm__("syslog")
+    __attribute__((format(printf, 2, 3)));
+void testing_support_syslog_chk(int priority, int flag, const char* format, ...) __asm__("__syslog_chk")
+    __attribute__((format(printf, 3, 4)));
 
 void testing_support_syslog(int priority, const char* format, ...)
 {
