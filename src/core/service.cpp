@@ -4,7 +4,7 @@
 
 #include "core/main_loop.hpp"
 #include "core/network_interface.hpp"
-#include "utils/sd_bus_owners.hpp"
+#include "utils/bus_connection.hpp"
 
 namespace {
 
@@ -38,9 +38,9 @@ int register_object()
 
 int service_set_up()
 {
-    sd_bus* opened = nullptr;
-    int result = sd_bus_open_user(&opened);
-    bus.reset(opened);
+    BusPtr opened;
+    int result = open_user_bus(opened);
+    bus.reset(opened.release());
     if (result >= 0) {
         result = take_default_event();
     }

@@ -84,7 +84,8 @@ class Row:
     environment: dict[str, str] = field(default_factory=dict)
     name: str = ""
     """The test's id, where a neighbour has several rows of a kind."""
-    marks: Sequence[Any] = ()
+    slow: bool = False
+    """Whether it takes so long that all such rows are tried at once, in test_faults_in_real_time.py."""
     text: str = ""
     """For a test that is written out: what the caller sees and what is logged, in words and lines."""
     lines: Sequence[Line] = ()
@@ -112,10 +113,16 @@ class Neighbour:
     title: str
     about: str
     rows: Sequence[Row | Impossible]
+    prepare: Callable[[World], Any] = lambda world: None
+    """Makes a world fit for the rows."""
 
     def parameters(self) -> list[Any]:
-        """Those rows that the common test tries, as parameters of it."""
-        return [pytest.param(row, id=row.id, marks=list(row.marks)) for row in self.rows if isinstance(row, Row) and not row.test]
+        """Those rows that test_fault of the neighbour's file tries, as parameters of it."""
+        return [pytest.param(row, id=row.id) for row in self.rows if isinstance(row, Row) and not row.test and not row.slow]
+
+    def slow_rows(self) -> list[Row]:
+        """Those rows that are tried with all other slow ones."""
+        return [row for row in self.rows if isinstance(row, Row) and row.slow]
 
 
 def shown(lines: Sequence[Line]) -> list[Line]:

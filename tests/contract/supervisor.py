@@ -2,10 +2,12 @@
 
 from __future__ import annotations
 
+import contextlib
 import threading
+from collections.abc import Iterator
 from types import TracebackType
 
-from vantora_sim import World
+from vantora_sim import World, notify
 
 PAUSE = 0.1
 """Seconds from an end to the next start; on a device it is RestartSec=, 2 s."""
@@ -19,6 +21,7 @@ class Supervisor:
         self._world = world
         self._environment = environment
         self._leaving = threading.Event()
+        self._starting = threading.Lock()
         self._thread = threading.Thread(target=self._watch, name="supervisor", daemon=True)
         self.ends: list[int] = []
         """The status of each end so far; minus the number of a signal."""
@@ -37,7 +40,22 @@ class Supervisor:
         """Wait until the daemon has ended so many times in all, and has been started again since."""
         self._world.journal.wait_until(lambda: len(self.ends) >= ends and self.starts > ends, f"start number {ends + 1}")
 
+    @contextlib.contextmanager
+    def holding_back(self) -> Iterator[None]:
+        """Start nothing meanwhile: so that all that the daemon wants is there when it is started."""
+        with self._starting:
+            yield
+
+    def wait_up_again(self, since: int) -> None:
+        """Wait until a daemon that was started after the mark is up."""
+        self._world.journal.wait_for(notify("READY=1"), since)
+        self._world.wait_up()
+
     def _start(self) -> None:
+        with self._starting:
+            self._start_now()
+
+    def _start_now(self) -> None:
         self._world.start_daemon(environment=self._environment)
         self.starts += 1
         self._world.journal.poke()
@@ -49,6 +67,7 @@ class Supervisor:
             if daemon.running:
                 continue
             self.ends.append(daemon.wait())
+            self._world.journal.poke()
             if self._leaving.wait(PAUSE):
                 return
             self._start()

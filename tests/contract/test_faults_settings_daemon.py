@@ -30,6 +30,11 @@ def write_mode(world: World) -> Said:
 
 WRITE = Request("`Mode` = \"Host\", radio off", write_mode, STORED, [CHANGE_MODE, DISABLED])
 
+SAFE_LINES = [*get_failed("killWifiOnBoot", NOT_THERE), *get_failed("enabled", NOT_THERE),
+              ("err", "[Main] Failed to read initial wifi configuration, use safe config"),
+              *get_failed("deviceName", NOT_THERE), ("warning", "[WiFi] Failed to get AP ssid, use default"),
+              *get_failed("frequency", NOT_THERE), ("warning", "[WiFi] Failed to get AP freq, use default (2.4)")]
+
 
 def unreadable(lines: Sequence[Line]) -> list[Line]:
     """Switching off with settings that cannot be read: the safe configuration's mode is stopped."""
@@ -69,16 +74,14 @@ NEIGHBOUR = Neighbour("Settings daemon", "Each read and write opens a connection
                                          "replaced by the safe configuration; what cannot be stored is applied.", [
     Row(ABSENT, "not on the bus, and the bus cannot start it", asked(NOT_THERE), before=lambda world: world.settings.go(),
         end=lambda world: world.settings.come_back(), after="its changes are heard as soon as it is there"),
-    Row(ABSENT, "the same, at the daemon's start", name="absent while the device comes up",
-        text="an access point with the default SSID", lines=[*get_failed("killWifiOnBoot", NOT_THERE), *get_failed("enabled", NOT_THERE),
-        ("err", "[Main] Failed to read initial wifi configuration, use safe config")], takes="at once",
-        test="test_wifi_config.py::test_without_a_settings_daemon_the_device_comes_up_as_the_safe_access_point",
-        after="the stored mode is in effect with the next start"),
+    Row(ABSENT, "the same, while the device comes up", name="absent while the device comes up", lines=SAFE_LINES, takes="at once",
+        text="an access point with the default SSID", test="test_a_device_without_settings_is_a_safe_access_point_until_the_next_start",
+        after="its changes are heard; the stored mode is in effect with the next start"),
     Row(REFUSES, "answers every call with an error", asked("refused"), lambda world: world.settings.refuse()),
     Row(HANGS, "answers no call", asked(TIMED_OUT, SHORT_TIMEOUT), lambda world: world.settings.hang(), environment=SHORT),
     Row(HANGS, "answers no write, at the real time-out", [Asked(WRITE, NOT_STORED, [CHANGE_MODE, *set_failed("mode", TIMED_OUT), DISABLED],
                                                                 REAL_TIMEOUT)],
-        lambda world: world.settings.hang("Set"), name="hangs for 25 s"),
+        lambda world: world.settings.hang("Set"), slow=True, name="hangs for 25 s"),
     Row(WRONG_TYPE, "a value of another type than the setting's", [
         Asked(POWER_OFF, logs=unreadable(get_failed("enabled", "Property enabled is of type 'u', not 'b'")))],
         lambda world: world.settings.reply("Get", "v", [Variant("u", 1)], on="network.enabled")),
@@ -94,12 +97,12 @@ NEIGHBOUR = Neighbour("Settings daemon", "Each read and write opens a connection
     Row(RESTARTS, "gone and back", [Asked(WRITE), Asked(POWER_OFF)], start_again, after="its changes are heard from the new one"),
     Row(FLOODS, "3,000 notifications at once", test="test_a_flood_of_notifications_delays_requests_and_loses_none",
         text="both requests: success, after the notifications before them", takes="under 10 s in all"),
-])
+], prepare)
 
 
 @pytest.mark.parametrize("row", NEIGHBOUR.parameters())
 def test_fault(world: World, row: Row) -> None:
-    try_row(world, row, prepare)
+    try_row(world, row, NEIGHBOUR.prepare)
     hears_changes(world)
 
 
@@ -109,6 +112,23 @@ def hears_changes(world: World) -> None:
     world.radio.soft_blocked = True
     world.settings.change("network", enabled=True)
     world.journal.wait_for(changed("WiFiState", 1), mark)
+
+
+def test_a_device_without_settings_is_a_safe_access_point_until_the_next_start(world: World) -> None:
+    prepare(world)
+    world.settings.go()
+    world.radio.interface_type = "AP"
+    world.up()
+    assert [line for line in world.journal.logs() if line[0] != "info"] == SAFE_LINES
+    assert (world.get("WiFiState"), world.get("Mode"), world.get("SSID")) == (1, "Host", "Korrin One-3456")
+    world.settings.come_back()
+    hears_changes(world)
+    assert world.stop_daemon() == 0
+    world.radio.interface_type = "managed"
+    mark = world.journal.mark()
+    world.up()
+    assert world.get("Mode") == "Client"
+    assert [line for line in world.journal.logs(mark) if line[0] != "info"] == []
 
 
 def test_a_flood_of_notifications_delays_requests_and_loses_none(world: World) -> None:

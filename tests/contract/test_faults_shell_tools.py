@@ -26,22 +26,24 @@ FLOOD = "." * 1_000_000
 def prepare(world: World) -> None:
     still_station(world)
     world.hostapd.start()  # for a switch to Host mode
-    box = world.work / TOOLBOX
-    box.mkdir()
-    for name in HELPERS:
-        (box / name).symlink_to(f"/usr/bin/{name}")
-    for name in TOOLS:
-        (box / name).symlink_to(f"/run/sim/bin/{name}")
+    (world.work / TOOLBOX).mkdir()
+    install(world, HELPERS, "/usr/bin")
+    install(world, TOOLS, "/run/sim/bin")
+
+
+def install(world: World, names: Sequence[str], folder: str) -> None:
+    """Put those programs that are not there into the folder in which the daemon looks for programs, where a row says so."""
+    for name in names:
+        path = world.work / TOOLBOX / name
+        if not path.is_symlink():
+            path.symlink_to(f"{folder}/{name}")
 
 
 def behave(world: World) -> None:
     """All tools are there and do what they should; `ip` still leaves the kernel's addresses alone."""
     world.clear_faults()
     world.tools.ip.output("")
-    for name in TOOLS:
-        path = world.work / TOOLBOX / name
-        if not path.is_symlink():
-            path.symlink_to(f"/run/sim/bin/{name}")
+    install(world, TOOLS, "/run/sim/bin")
 
 
 def tries(line: str, status: int) -> list[Line]:
@@ -78,7 +80,8 @@ def no_address(status: int) -> list[Line]:
 
 NO_POWER = [("err", "[Utils] utils_get_signal_strength: could not read AP Tx Power, retrying..."),
             ("err", "[Utils] utils_get_signal_strength: could not read AP Tx Power, timed out.")]
-UNKNOWN = [Asked(READ_MODE, '"unknown"', [("err", "[Main] Failed to read wifi mode")]), Asked(READ_SIGNAL, '""', NO_POWER, 0.5)]
+NO_MODE = ("err", "[Main] Failed to read wifi mode")
+UNKNOWN = [Asked(READ_MODE, '"unknown"', [NO_MODE]), Asked(READ_SIGNAL, '""', NO_POWER, 0.5)]
 
 FAILURES: dict[str, Callable[[int], list[Asked]]] = {
     "rfkill": lambda status: [Asked(READ_POWER), Asked(POWER_OFF, REFUSED, not_blocked(status))],
@@ -138,18 +141,28 @@ def with_shell(world: World) -> None:
     behave(world)
 
 
+def without_helpers(world: World) -> None:
+    for name in HELPERS:
+        (world.work / TOOLBOX / name).unlink()
+
+
+def with_helpers(world: World) -> None:
+    install(world, HELPERS, "/usr/bin")
+
+
 SHELL_ROWS: list[Row | Impossible] = [
     Row(ABSENT, "cannot be started, which reads as a radio that is off", [
-        Asked(READ_POWER, "0"), Asked(POWER_OFF, logs=[("err", "[Main] set_wifi_state: already in wifi state 0")]),
+        Asked(READ_POWER, "0"),
         Asked(READ_MODE, '"unknown"'), Asked(READ_SIGNAL, '""', NO_POWER, 0.5), Asked(CLIENT_SSID, '""'),
         Asked(DISCONNECT, 'org.freedesktop.DBus.Error.Failed "Wifi is off"', [
             DISCONNECT_CALLED, ("err", "[Main] disconnect_from_ap: Wifi is off")]),
         Asked(TO_HOST_MODE, logs=[CHANGE_MODE, ("err", "[Main] set_wifi_mode: Failed to read wifi mode"),
-                                  ("err", "[Main] set_wifi_mode: Cannot change mode, wifi is disabled")])],
+                                  ("err", "[Main] set_wifi_mode: Cannot change mode, wifi is disabled")]),
+        Asked(POWER_OFF, logs=[("err", "[Main] set_wifi_state: already in wifi state 0")])],
         without_shell, end=with_shell, name=f"sh {ABSENT}"),
-    Row(REFUSES, "finds none of the programs, `tail` and `grep` neither", name="sh finds nothing", takes="at once",
-        text="read `WiFiState`: 1; read `Mode`: \"unknown\"",
-        test="test_power_and_mode.py::test_commands_that_are_missing_read_as_on_and_of_unknown_mode"),
+    Row(REFUSES, "finds none of `tail`, `grep`, `egrep`, `cut` and `tr`", [
+        Asked(READ_POWER), *UNKNOWN, Asked(CLIENT_SSID, '""', [*CLIENT_SSID.logs, NO_MODE]), Asked(POWER_OFF)],
+        before=without_helpers, end=with_helpers, environment={"PATH": f"/{TOOLBOX}"}, name="sh without its helpers"),
     Impossible(tuple(kind for kind in KINDS if kind not in (ABSENT, REFUSES)), "it does what the command in it does"),
 ]
 

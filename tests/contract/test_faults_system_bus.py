@@ -90,7 +90,7 @@ NEIGHBOUR = Neighbour("System bus", "Each call opens a connection of its own; on
     Row(HANGS, "takes connections and messages, and never answers", all_fail(NOT_LET_IN, SHORT_TIMEOUT),
         lambda world: world.system_bus.freeze(), end=lambda world: world.system_bus.thaw(), environment=SHORT),
     Row(HANGS, "the same, at the real time-out", [Asked(SCAN, logs=SCAN_FAILED, waits=REAL_TIMEOUT)],
-        lambda world: world.system_bus.freeze(), end=lambda world: world.system_bus.thaw(), name="hangs for 25 s"),
+        lambda world: world.system_bus.freeze(), end=lambda world: world.system_bus.thaw(), slow=True, name="hangs for 25 s"),
     Row(WRONG_TYPE, "greets with a value of another type", all_fail(NOT_LET_IN),
         lambda world: odd_bus(world).retype("Hello"), end=lambda world: odd_bus(world).behave(), environment=ODD),
     Row(GARBAGE, "greets with bytes that mean nothing", all_fail(NOT_LET_IN),
@@ -102,13 +102,13 @@ NEIGHBOUR = Neighbour("System bus", "Each call opens a connection of its own; on
     Row(RESTARTS, "its connections break", EVERYTHING, restart_bus, after="signals are heard again after 1 s"),
     Row(FLOODS, "3,000 signals of somebody else, sent straight to the daemon", name="floods",
         test="test_a_flood_of_signals_of_somebody_else_is_passed_over", text="`Scan`: success", takes="under 10 s in all"),
-])
+], prepare)
 
 
 @pytest.mark.parametrize("row", NEIGHBOUR.parameters())
 def test_fault(world: World, row: Row) -> None:
     with OddBus(world, world.system_bus):
-        try_row(world, row, prepare)
+        try_row(world, row, NEIGHBOUR.prepare)
         if row.kind != ABSENT:
             hear_signals(world)
 

@@ -98,7 +98,7 @@ NEIGHBOUR = Neighbour("systemd", "Each look-up and each job opens a connection o
             lambda verb, unit: [load_failed_log(unit, TIMED_OUT), empty_path_log(verb)] if unit == DHCP_SERVER else
             [loaded_log(unit), ("info", f"[Utils] {'Stopp' if verb == 'Stop' else 'Start'}ed '{unit_path(unit)}' unit with job id:"
                                         "/org/freedesktop/systemd1/job/N")]), waits=REAL_TIMEOUT)],
-        lambda world: world.systemd.hang("LoadUnit", times=1), name="hangs for 25 s"),
+        lambda world: world.systemd.hang("LoadUnit", times=1), slow=True, name="hangs for 25 s"),
     Row(HANGS, "does not answer the enabling of a unit file", text=UNIT_FILES, lines=ENABLE_LINES, takes="5 s, on a thread of its own",
         test=WIRED + "test_enable_that_is_not_answered_ends_after_five_seconds_and_holds_up_nobody"),
     Row(WRONG_TYPE, "answers look-up and jobs with other types", [Asked(TO_CLIENT_MODE, logs=to_client(odd_lines))], odd_types),
@@ -109,9 +109,9 @@ NEIGHBOUR = Neighbour("systemd", "Each look-up and each job opens a connection o
         end=lambda world: world.systemd.come_back()),
     Row(RESTARTS, "`systemctl daemon-reexec`", [Asked(TO_CLIENT_MODE)], start_again),
     Impossible((FLOODS,), "nothing that systemd sends by itself is subscribed to, so the bus does not pass it on"),
-])
+], still_station)
 
 
 @pytest.mark.parametrize("row", NEIGHBOUR.parameters())
 def test_fault(world: World, row: Row) -> None:
-    try_row(world, row, still_station)
+    try_row(world, row, NEIGHBOUR.prepare)

@@ -99,7 +99,7 @@ NEIGHBOUR = Neighbour("wpa_supplicant", "Each call opens a connection to the sys
     Row(REFUSES, "answers every call with an error", answers_nothing(), lambda world: world.wpa.refuse()),
     Row(HANGS, "answers no call", answers_nothing(SHORT_TIMEOUT), lambda world: world.wpa.hang(), environment=SHORT),
     Row(HANGS, "answers no call, at the real time-out", [Asked(SCAN, logs=SCAN_FAILED, waits=REAL_TIMEOUT)],
-        lambda world: world.wpa.hang(), name="hangs for 25 s"),
+        lambda world: world.wpa.hang(), slow=True, name="hangs for 25 s"),
     Row(HANGS, "answers for the list, not for its BSSs: given up after two", [Asked(ACCESS_POINTS, "[]", waits=2 * SHORT_TIMEOUT)],
         hang_in_a_list, environment=SHORT, name="hangs in the middle of a list", end=no_longer_hang),
     Row(WRONG_TYPE, "answers with other types", [
@@ -124,12 +124,12 @@ NEIGHBOUR = Neighbour("wpa_supplicant", "Each call opens a connection to the sys
         Asked(DISCONNECT), Asked(SCAN), Asked(ACCESS_POINTS)], start_again, after="its signals are heard from the new one"),
     Row(FLOODS, "3,000 notifications at once", test="test_a_flood_of_notifications_delays_requests_and_loses_none",
         text="`Scan`: success, after the notifications before it", lines=[NOTIFIED], takes="under 10 s in all"),
-])
+], prepare)
 
 
 @pytest.mark.parametrize("row", NEIGHBOUR.parameters())
 def test_fault(world: World, row: Row) -> None:
-    try_row(world, row, prepare)
+    try_row(world, row, NEIGHBOUR.prepare)
     mark = world.journal.mark()
     world.wpa.report_state("disconnected")
     world.journal.wait_for(changed("WiFiClientState", "disconnected"), mark)

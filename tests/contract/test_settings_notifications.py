@@ -63,6 +63,9 @@ def test_known_names_of_another_type_are_ignored(world: World) -> None:
     world.settings.notify("device", {"deviceName": Variant("ay", b"Kitchen")})
     assert steps(world, mark) == []
     assert logs(world, mark) == []
+    world.settings.notify("network", {"mode": "x"})
+    assert steps(world, mark) == []
+    assert logs(world, mark) == [("err", "[Main] set_wifi_mode: Unknown mode:x")]
 
 
 def test_no_type_of_another_setting_keeps_a_known_one_from_being_taken(world: World) -> None:

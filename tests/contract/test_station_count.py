@@ -106,6 +106,9 @@ def test_hostapd_that_names_the_same_station_for_ever_is_left_after_2007(world: 
     mark = world.journal.mark()
     assert world.get("WiFiConnectedClients") == 2007
     assert len(requests(world, mark)) == 2007
+    assert world.journal.logs(mark) == [("info", "Get 'WiFiConnectedClients' property")]
+    world.hostapd.clear()
+    assert world.get("WiFiConnectedClients") == 0
 
 
 @pytest.mark.timeout(180)

@@ -230,6 +230,8 @@ def test_enable_that_is_not_answered_ends_after_five_seconds_and_holds_up_nobody
     assert 4.5 < time.monotonic() - began < 15
     assert reads >= 10
     world.journal.expect_logs_in_order([event("eth0", "10.0.0.1", "Added"), *enable_failed(-110)], mark)
+    world.systemd.clear()
+    expect_reaction(world, 1, True, [TRYING, ENABLED, LOADED, queued_log("Start", WIRED_DHCP_SERVER, 5), STARTED])
 
 
 @pytest.mark.parametrize("member", ["EnableUnitFiles", "LoadUnit", "Start"])
