@@ -10,6 +10,7 @@ from .reads import DAEMON, row
 from .report import Row, Section, seconds
 
 _COUNTS = (10, 100, 1000)
+_GOAL = 1.10
 _GOAL_GROWTH = 0.10
 
 
@@ -18,18 +19,16 @@ def access_points(build: Path, quick: bool) -> Section:
     counts = (10, 50, 100) if quick else _COUNTS
     rows: list[Row] = []
     times: list[Times] = []
-    if_read: list[str] = []
     with Device.booted(build, "Client") as device:
         device.start_daemon()
         for count in counts:
             stand_in = device.start_stand_in("access-points", str(count))
-            blocks = 4 if quick else max(12, min(100, 12_000 // count))
+            blocks = 4 if quick else max(30, min(120, 12_000 // count))
             value, floor, reading = measure(device.world, blocks, 1, f"get:{DAEMON}:AccessPoints", "access-points",
                                             "access-points:read")
             stand_in.stop()
-            rows.append(row(f"AccessPoints, {count:,} BSSs", ratio_of_medians(value, floor), 1.10))
-            if_read.append(f"{count:,} BSSs: {ratio_of_medians(value, reading).relation:.3f} × the same calls when the values in "
-                           "the answers are read and dropped")
+            rows += [row(f"AccessPoints, {count:,} BSSs", ratio_of_medians(value, floor), _GOAL),
+                     row(f"AccessPoints, {count:,} BSSs; the floor reads the answers", ratio_of_medians(value, reading), _GOAL)]
             times.append(value)
     few, some, many = (time.median for time in times)
     first = (some - few) / (counts[1] - counts[0])
@@ -37,4 +36,4 @@ def access_points(build: Path, quick: bool) -> Section:
     growth = second / first - 1
     rows.append(Row(f"cost of a BSS, {counts[1]:,} to {counts[2]:,} beside {counts[0]:,} to {counts[1]:,}", seconds(second),
                     seconds(first), f"{growth:+.1%}", f"{_GOAL_GROWTH:+.0%}", growth <= _GOAL_GROWTH))
-    return Section("4. AccessPoints", rows, if_read)
+    return Section("4. AccessPoints", rows)

@@ -58,7 +58,7 @@ def show(section: Section) -> None:
     """Print a section."""
     print(f"\n{section.title}")
     for row in section.rows:
-        print(f"  {row.name:<44} {row.value:>12} {row.floor:>12}  {row.relation:<28} {row.goal:<14} "
+        print(f"  {row.name:<58} {row.value:>12} {row.floor:>12}  {row.relation:<28} {row.goal:<14} "
               f"{verdict(row).strip('*')}", flush=True)
     for note in section.notes:
         print(f"    {note}", flush=True)
