@@ -70,6 +70,9 @@ int main()
     sd_event_add_defer(service_event(), nullptr, init_wifi_callback, nullptr);
     start_heartbeat(service_event());
     sd_notify(0, "READY=1");
+    // Where the unit wants it (WatchdogSec=), the loop tells the service manager from now on that it is
+    // alive.
+    sd_event_set_watchdog(service_event(), 1);
 
     sd_event_loop(service_event());
 

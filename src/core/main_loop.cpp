@@ -5,7 +5,7 @@
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 
-MainLoopQueue::MainLoopQueue() : wakeUp_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
+MainLoopQueue::MainLoopQueue() : wakeUp_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK | EFD_SEMAPHORE))
 {
 }
 
@@ -14,7 +14,7 @@ int MainLoopQueue::attach(sd_event* event)
     const auto wokenUp = [](sd_event_source*, int fd, uint32_t, void* userdata) {
         eventfd_t count = 0;
         eventfd_read(fd, &count);
-        static_cast<MainLoopQueue*>(userdata)->run_posted();
+        static_cast<MainLoopQueue*>(userdata)->run_next();
         return 0;
     };
     sd_event_source* source = nullptr;
@@ -41,14 +41,16 @@ void MainLoopQueue::post(Work work)
     eventfd_write(wakeUp_.get(), 1);
 }
 
-void MainLoopQueue::run_posted()
+void MainLoopQueue::run_next()
 {
-    std::vector<Work> work;
+    Work work;
     {
         const std::lock_guard lock(mutex_);
-        work.swap(posted_);
+        if (posted_.empty()) {
+            return;
+        }
+        work = std::move(posted_.front());
+        posted_.pop_front();
     }
-    for (const Work& item : work) {
-        item();
-    }
+    work();
 }

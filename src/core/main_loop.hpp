@@ -1,9 +1,9 @@
 #pragma once
 
+#include <deque>
 #include <functional>
 #include <mutex>
 #include <thread>
-#include <vector>
 
 #include <systemd/sd-event.h>
 
@@ -34,16 +34,19 @@ public:
 
     /**
      * Runs the work on the loop's thread: at once when called there, otherwise on one of the loop's next
-     * iterations, in the order posted. Never blocks for the loop.
+     * iterations, one piece in each, in the order posted. Never blocks for the loop.
+     *
+     * One piece in each, because each may wait for a neighbour: requests get their turn between them, and the
+     * loop gets to tell the service manager that it is alive.
      */
     void post(Work work);
 
 private:
-    void run_posted();
+    void run_next();
 
     const std::thread::id loopThread_ = std::this_thread::get_id();
-    UniqueFd wakeUp_; // eventfd(2)
+    UniqueFd wakeUp_; // eventfd(2) that counts the pieces of work posted
     EventSourcePtr source_;
     std::mutex mutex_;
-    std::vector<Work> posted_;
+    std::deque<Work> posted_;
 };

@@ -7,6 +7,7 @@ from pathlib import Path
 
 import pytest
 
+ROOT = Path(__file__).resolve().parents[2]
 BUS_NAMES = {"com.vantora.Network1": "vantora-network.service", "com.vantora.common.Settings1": "vantora-settingsd.service"}
 
 
@@ -58,3 +59,48 @@ def test_the_user_bus_activates_the_unit_of_a_name(installed: Path, name: str) -
     assert service["Name"] == name
     assert re.search(rf"systemctl .*start {re.escape(BUS_NAMES[name])}$", service["Exec"])
     the_only(installed, BUS_NAMES[name])
+
+
+# The sandbox and the watchdog
+
+UNITS = ("vantora-network.service", "vantora-settingsd.service")
+
+
+@pytest.mark.parametrize("name", UNITS)
+def test_a_units_sandbox_is_as_tight_as_promised(installed: Path, name: str) -> None:
+    scored = subprocess.run(["systemd-analyze", "security", "--offline=true", "--no-pager", the_only(installed, name)],
+                            env={"PATH": "/usr/bin:/bin", "LC_ALL": "C"}, capture_output=True, text=True, timeout=60)
+    (exposure,) = re.findall(r"Overall exposure level for \S+: ([0-9.]+)", scored.stdout)
+    assert float(exposure) <= 3.0, scored.stdout
+
+
+def seconds(span: str) -> int:
+    """A time span as these units write them."""
+    number, unit = re.fullmatch(r"(\d+)(s|min)", span).groups()  # type: ignore[union-attr]
+    return int(number) * {"s": 1, "min": 60}[unit]
+
+
+def section(page: str, heading: str) -> str:
+    """The text below a heading of a page."""
+    return (ROOT / "docs" / page).read_text().split(f"\n## {heading}\n")[1].split("\n## ")[0]
+
+
+def test_the_watchdog_waits_longer_than_the_daemon_may_wait_for_its_neighbours(installed: Path) -> None:
+    text = section("reliability.md", "How long may it be silent?")
+    waits = [int(number) for number in re.findall(r"^\| `\w+` \|.*\| (\d+) \|$", text, re.MULTILINE)]
+    (total,) = (int(number) for number in re.findall(r"^\| together \|.*\| (\d+) \|$", text, re.MULTILINE))
+    assert len(waits) == 4
+    assert sum(waits) == total
+
+    period = seconds(unit(the_only(installed, "vantora-network.service"))["Service"]["WatchdogSec"])
+    # A quarter of the period may have passed since the last report when the wait begins.
+    assert total + period / 4 < period
+    assert f"{period // 60} minutes" in text
+
+
+def test_a_daemon_ended_by_the_watchdog_is_started_anew_and_leaves_no_core(installed: Path) -> None:
+    for name in UNITS:
+        service = unit(the_only(installed, name))["Service"]
+        assert seconds(service["WatchdogSec"]) >= 60
+        assert service["Restart"] == "always"
+        assert service["LimitCORE"] == "0"

@@ -60,8 +60,8 @@ LIBRARIES = {
     "libsystemd.so.0": "libsystemd0",
 }
 
-DAEMON_LIMIT = 250 * 1024
-"""Bytes that the daemon may take of a device's storage."""
+DAEMON_LIMIT = {"armhf": 250 * 1024, "amd64": 400 * 1024}
+"""Bytes that the daemon may take: on a device's storage, and what that comes to in the other machine's wider code."""
 
 
 def programs(unpacked: dict[str, Path], name: str) -> list[Path]:
@@ -130,8 +130,8 @@ def test_the_daemon_depends_on_the_systemd_that_it_was_made_for(packages: dict[s
     assert re.search(r"libsystemd0 \(>= 252\)", packages["vantora-network"].field("Depends"))
 
 
-def test_the_daemon_is_small_enough_for_a_device(unpacked: dict[str, Path]) -> None:
-    assert (unpacked["vantora-network"] / "usr/sbin/vantora-network").stat().st_size <= DAEMON_LIMIT
+def test_the_daemon_is_small_enough_for_a_device(unpacked: dict[str, Path], architecture: str) -> None:
+    assert (unpacked["vantora-network"] / "usr/sbin/vantora-network").stat().st_size <= DAEMON_LIMIT[architecture]
 
 
 def test_the_simulated_device_needs_no_daemon_on_the_machine(packages: dict[str, Package]) -> None:

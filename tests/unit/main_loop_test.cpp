@@ -55,6 +55,21 @@ TEST_F(MainLoop, RunsWorkOfOtherThreadsInOrderOnTheLoopsThread)
     EXPECT_THAT(done_, ElementsAre(1, 2, 3));
 }
 
+TEST_F(MainLoop, RunsOnePieceOfWorkInEachIteration)
+{
+    constexpr uint64_t kDeadlineUsec = 20'000'000;
+
+    ASSERT_GE(queue_.attach(loop_.get()), 0);
+    post_from_another_thread(1, 3);
+    EXPECT_GT(sd_event_run(loop_.get(), kDeadlineUsec), 0);
+    EXPECT_THAT(done_, ElementsAre(1));
+    EXPECT_GT(sd_event_run(loop_.get(), kDeadlineUsec), 0);
+    EXPECT_THAT(done_, ElementsAre(1, 2));
+    EXPECT_GT(sd_event_run(loop_.get(), kDeadlineUsec), 0);
+    EXPECT_THAT(done_, ElementsAre(1, 2, 3));
+    EXPECT_EQ(sd_event_run(loop_.get(), 0), 0);
+}
+
 TEST_F(MainLoop, RunsWhatWasPostedBeforeItWasServed)
 {
     post_from_another_thread(1, 2);

@@ -87,6 +87,9 @@ int serve(const std::string& state_file)
         return EXIT_FAILURE;
     }
     sd_notify(0, "READY=1");
+    // Where the unit wants it (WatchdogSec=), the loop tells the service manager from now on that it is
+    // alive.
+    sd_event_set_watchdog(event.get(), 1);
     r = sd_event_loop(event.get());
     sd_notify(0, "STOPPING=1");
     if (r > 0) {
