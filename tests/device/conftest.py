@@ -50,7 +50,8 @@ def pytest_runtest_makereport(item: pytest.Item, call: pytest.CallInfo[None]) ->
     if folder and (report.when == "call" or report.failed):
         evidence = getattr(item, "evidence", Evidence())
         Result(Path(item.path).stem, item.name, report.outcome, report.duration,
-               inspect.getdoc(getattr(item, "obj", None)) or "", evidence.entries).write(Path(folder))
+               inspect.getdoc(getattr(item, "obj", None)) or "", evidence.entries,
+               report.longreprtext[-4000:] if report.failed else "").write(Path(folder))
 
 
 @pytest.fixture(scope="session")

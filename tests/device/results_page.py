@@ -40,6 +40,8 @@ def scenario(result: dict[str, Any]) -> list[str]:
         first, *rest = shortened(text)
         if kind in KINDS:
             page += [f"{KINDS[kind]} {first}", *(f"     {line}" for line in rest)]
+    if result["problem"]:
+        page += ["", *result["problem"].splitlines()[-40:]]
     return [*page, "```", ""]
 
 

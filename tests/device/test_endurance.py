@@ -4,7 +4,7 @@ from __future__ import annotations
 
 from dataclasses import dataclass
 
-from bench import Device, Event, World
+from bench import Device, World
 
 SSID = "Korrin One-3456"
 HARBOUR, HARBOUR_KEY, HARBOUR_ADDRESS = "Harbour", "harbour-passphrase", "192.168.20.1"
@@ -34,14 +34,11 @@ def switch(device: Device, mode: str) -> float:
     mark = device.mark()
     device.set("Mode", "s", mode)
     device.wait_for_change("Mode", mode, since=mark)
-    first = device.wait_for_log("[Main] 'ChangeMode' d-bus method called", since=mark)
-    last = separators(device.journal.since(mark[0]))[-1]
+    logged = device.logged(since=mark)
+    first = next(event for event in logged if event.message == "[Main] 'ChangeMode' d-bus method called")
+    # The daemon ends its account of a mode's start with a line of hyphens.
+    last = [event for event in logged if event.message == "-" * 44][-1]
     return last.seconds - first.seconds
-
-
-def separators(events: list[Event]) -> list[Event]:
-    """The lines of hyphens that begin and end the daemon's accounts of its work."""
-    return [event for event in events if event.message == "-" * 44]
 
 
 def test_twenty_mode_switches_leak_nothing_and_stick_nowhere(device: Device, world: World) -> None:
@@ -79,6 +76,7 @@ def test_a_daemon_restarted_as_a_station_reads_its_state_back(device: Device, wo
     device.guest.run("systemctl restart vantora-network.service")
     device.wait_for_change("Mode", "Client", since=mark)
     assert device.process() != before
+    device.wait_for_change("WiFiClientState", "completed", since=mark)
     assert (device.get("Mode"), device.get("ClientSSID")) == ("Client", HARBOUR)
     assert "wpa_state=COMPLETED" in device.see("wpa_cli -i wlan0 status")
     device.see_once("ip -4 -oneline address show dev wlan0 | grep 192.168.20.")

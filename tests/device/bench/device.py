@@ -114,6 +114,13 @@ class Device:
         self.evidence.add(LOG, str(event))
         return event
 
+    def logged(self, *, since: tuple[int, int]) -> list[Event]:
+        """All that the daemon has logged after a mark and until now: an entry of the bench's own comes after it."""
+        text = f"bench {self.journal.mark()}"
+        self.guest.run(f"logger -t bench {shlex.quote(text)}")
+        self.journal.wait_for(lambda event: event.message == text, since=since[0], what="the bench's own entry")
+        return [event for event in self.journal.since(since[0]) if event.fields.get("SYSLOG_IDENTIFIER") == "vantora-network"]
+
     # Other programs' own view.
 
     def see(self, command: str, *, seconds: float = EVENT) -> str:

@@ -36,6 +36,8 @@ class Result:
     seconds: float
     story: str
     entries: list[tuple[str, str]]
+    problem: str = ""
+    """What pytest says about a failure."""
 
     def write(self, folder: Path) -> None:
         """Leaves it in the folder that the page is made from."""

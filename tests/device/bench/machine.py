@@ -47,7 +47,7 @@ class Machine:
             subprocess.run(["qemu-img", "create", "-q", "-f", "qcow2", "-F", "qcow2", "-b", backing, self.disk], check=True)
         self._process = subprocess.Popen(
             self._command(saved), stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
-            stderr=(work / "qemu.log").open("wb"),
+            stderr=(work / "qemu.log").open("wb"), start_new_session=True,
         )
         try:
             self._control = self._connect("control")
@@ -64,6 +64,7 @@ class Machine:
 
     def _command(self, saved: Snapshot | None) -> list[str]:
         command = [
+            "setpriv", "--pdeathsig", "KILL",  # it ends with its test, however that ends
             "qemu-system-arm", "-M", "virt", "-cpu", "cortex-a15", "-m", MEMORY, "-smp", "1", "-icount", CLOCK,
             "-display", "none", "-nodefaults", "-no-reboot", "-S",
             "-serial", f"file:{self.work}/console.log",

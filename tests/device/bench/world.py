@@ -11,6 +11,8 @@ from .device import Device
 from .evidence import TOOL
 
 IN_WORLD = "ip netns exec world"
+CHANNELS = "2412 2437 2462 5180 5200 5220 5240"
+"""What may be on air here: the device's access point takes one of these, and the world's use the first three."""
 
 
 @dataclass(frozen=True)
@@ -116,7 +118,7 @@ class World:
     def scan(self, *, radio: int = 4) -> list[OnAir]:
         """What is on air, as a radio of the world's hears it."""
         self.run(f"ip link set wlan{radio} up")
-        output = self.guest.wait_until(f"{IN_WORLD} iw dev wlan{radio} scan flush")
+        output = self.guest.wait_until(f"{IN_WORLD} iw dev wlan{radio} scan freq {CHANNELS} flush")
         return [on_air(part) for part in re.split(r"(?m)^BSS ", output)[1:]]
 
     def find_on_air(self, ssid: str, *, radio: int = 4) -> OnAir | None:
@@ -128,7 +130,7 @@ class World:
     def wait_on_air(self, ssid: str, *, radio: int = 4) -> OnAir:
         """Waits until an access point is on air."""
         self.run(f"ip link set wlan{radio} up")
-        self.guest.wait_until(f"{IN_WORLD} iw dev wlan{radio} scan flush | grep -x '[[:space:]]*SSID: '{shlex.quote(ssid)}")
+        self.guest.wait_until(f"{IN_WORLD} iw dev wlan{radio} scan freq {CHANNELS} flush | grep -x '[[:space:]]*SSID: '{shlex.quote(ssid)}")
         found = self.find_on_air(ssid, radio=radio)
         assert found is not None, f"{ssid!r} came on air and went again"
         return found
