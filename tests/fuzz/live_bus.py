@@ -13,6 +13,7 @@ import secrets
 import sys
 import time
 from collections import Counter
+from collections.abc import Callable
 from pathlib import Path
 from typing import Any
 
@@ -42,6 +43,8 @@ class LiveBusFuzzer:
         self._calls = RandomCalls(seed)
         self.answers: Counter[str] = Counter()
         """How often there was which answer: "reply", the name of an error, or "none wanted"."""
+        self.on_round: Callable[[int], None] = lambda made: None
+        """Told after each round how many calls have been made."""
 
     def run(self, count: int) -> None:
         """Make so many calls; raises AssertionError when something is not as it must be."""
@@ -54,6 +57,7 @@ class LiveBusFuzzer:
             self._world.loop.run(self._round(now), timeout=3600)
             left -= now
             self.check_state()
+            self.on_round(count - left)
         self._bring_to_start()
         after = self._resources()
         assert after == before, f"descriptors and threads: {before} before, {after} after"
@@ -138,6 +142,7 @@ def main() -> int:
     with World(options.build_dir, lasting=True) as world:
         world.up()
         fuzzer = LiveBusFuzzer(world, seed)
+        fuzzer.on_round = lambda made: print(f"{made:8d} calls, {time.monotonic() - started:.0f} s", flush=True)
         try:
             fuzzer.run(options.calls)
             status = world.stop_daemon()

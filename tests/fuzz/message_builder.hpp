@@ -132,6 +132,17 @@ private:
         return made;
     }
 
+    /** Appends any bytes as a text: sd-bus itself would refuse to write what other programs may send. */
+    static int append_text(sd_bus_message* message, const std::string& text)
+    {
+        char* space = nullptr;
+        const int result = sd_bus_message_append_string_space(message, text.size(), &space);
+        if (result >= 0) {
+            std::memcpy(space, text.data(), text.size());
+        }
+        return result;
+    }
+
     std::string key()
     {
         const size_t choice = input_.below(names_.size() + 2);
@@ -147,7 +158,7 @@ private:
     {
         int result = 0;
         if (type == 's') {
-            result = sd_bus_message_append_basic(message, type, text().c_str());
+            result = append_text(message, text());
         } else if (type == 'o') {
             result = sd_bus_message_append_basic(message, type, kPaths[input_.below(kPaths.size())]);
         } else if (type == 'g') {
@@ -244,7 +255,7 @@ private:
         for (size_t left = depth > 0 ? input_.below(8) : 0; left > 0 && !input_.empty(); --left) {
             open(message, 'e', "sv");
             const std::string name = key();
-            require(sd_bus_message_append_basic(message, 's', name.c_str()) >= 0, "a key can be appended");
+            require(append_text(message, name) >= 0, "a key can be appended");
             const std::string type = signature(depth - 1);
             open(message, 'v', type);
             const bool kept = value(message, type, depth - 1);
