@@ -59,7 +59,8 @@ def set_mode(mode: str, interface_type: str) -> Request:
             world.set("Mode", mode)
         finally:
             world.radio.interface_type = before
-    logs = {"Client": [CHANGE_MODE, TO_CLIENT, *STOP_HOST, *START_CLIENT], "Host": [CHANGE_MODE, TO_HOST, *STOP_CLIENT, *START_HOST]}
+    logs = {"Client": [CHANGE_MODE, TO_CLIENT, *STOP_HOST, *START_CLIENT],
+            "Host": [CHANGE_MODE, TO_HOST, *STOP_CLIENT, *START_HOST]}
     return Request(f'`Mode` = "{mode}"', ask, logs=logs[mode])
 
 
@@ -110,7 +111,8 @@ def select(path: str) -> list[Line]:
     return [SELECT, ("info", f"[WPA] Select network:{path}")]
 
 
-CONNECT = Request("`Connect`", lambda world: method(world, "Connect", "ss", ["cafe", "secret12"]), logs=[*CONNECT_OPENING, *ADD_NETWORK, NETWORK_ADDED, *select(network(0))])
+CONNECT = Request("`Connect`", lambda world: method(world, "Connect", "ss", ["cafe", "secret12"]),
+                  logs=[*CONNECT_OPENING, *ADD_NETWORK, NETWORK_ADDED, *select(network(0))])
 
 DISCONNECT_CALLED = ("info", "[Main] Disconnect from AP called")
 DISCONNECT = Request("`Disconnect`", lambda world: method(world, "Disconnect"), logs=[
@@ -133,7 +135,8 @@ CLIENTS = Request("read `WiFiConnectedClients`", lambda world: world.get("WiFiCo
 
 # Reads that ask a tool
 
-CLIENT_SSID = Request("read `ClientSSID`", lambda world: world.get("ClientSSID"), '"cafe"', [("info", "Get 'WiFiClientSSID' property")])
+CLIENT_SSID = Request("read `ClientSSID`", lambda world: world.get("ClientSSID"), '"cafe"',
+                      [("info", "Get 'WiFiClientSSID' property")])
 
 
 def read_power(world: World) -> int:

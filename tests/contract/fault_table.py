@@ -9,6 +9,7 @@ from __future__ import annotations
 
 import importlib
 import sys
+import textwrap
 from pathlib import Path
 
 ROOT = Path(__file__).resolve().parents[2]
@@ -16,7 +17,7 @@ if __name__ == "__main__":
     sys.path[:0] = [str(ROOT / "simulator"), str(ROOT / "tests/contract")]
 
 from faults import REAL_TIMEOUT, SHORT_TIMEOUT, SUCCESS, Asked, Impossible, Line, Neighbour, Row, shown  # noqa: E402
-from settings_texts import GET_BOOL, PROPERTIES_CHANGED, SET_STRING  # noqa: E402
+from settings_texts import GET_BOOL, GET_STRING, PROPERTIES_CHANGED, SET_STRING  # noqa: E402
 
 PAGE = ROOT / "docs/reliability.md"
 BEGIN, END = "<!-- The table of faults: written by tests/contract/fault_table.py -->", "<!-- end of the table of faults -->"
@@ -27,8 +28,10 @@ MODULES = ("test_faults_user_bus", "test_faults_system_bus", "test_faults_settin
 SLOW_TEST = "test_faults_in_real_time.py::test_neighbours_that_hang_are_waited_for_as_long_as_on_a_device"
 """The test that tries all slow rows at once."""
 
-ABBREVIATIONS = {GET_BOOL: "(GetSetting)", SET_STRING: "(SetSetting)", PROPERTIES_CHANGED: "(PropertiesChanged)"}
+ABBREVIATIONS = {GET_BOOL: "(GetSetting)", GET_STRING: "(GetSetting)", SET_STRING: "(SetSetting)", PROPERTIES_CHANGED: "(PropertiesChanged)"}
 """Names of functions that fill more than a line."""
+
+_LONGEST_ANSWER = 100
 
 HEAD = """\
 | Fault | The caller sees | Logged | Takes | Afterwards | Test |
@@ -63,17 +66,19 @@ def page_with(table: str, page: str) -> str:
 
 
 def _neighbour(neighbour: Neighbour, module: str) -> str:
-    lines = [f"### {neighbour.title}", "", neighbour.about, "", HEAD]
+    lines = [f"### {neighbour.title}", "", textwrap.fill(neighbour.about, 118), "", HEAD]
     logged_before: dict[str, str] = {}
     for row in neighbour.rows:
         if isinstance(row, Impossible):
             lines.append(f"| **{', '.join(row.kinds)}** | cannot be: {row.reason} | | | | |")
             continue
         test, logged = name_of_test(row, module), _logged(row)
-        if "<br>" in logged:  # several lines: once is enough
-            first = logged_before.setdefault(logged, row.kind)
-            logged = logged if first == row.kind and logged not in "\n".join(lines) else f"as for *{first}*"
-        lines.append(f"| **{row.kind}**: {row.how} | {_seen(row)} | {logged} | {_takes(row)} | {row.after or 'as before'} | `{test}` |")
+        if logged in logged_before:
+            logged = f"as for *{logged_before[logged]}*"
+        elif "<br>" in logged:  # several lines: they stand once in a neighbour's table
+            logged_before[logged] = row.kind
+        cells = [f"**{row.kind}**: {row.how}", _seen(row), logged, _takes(row), row.after or "as before", f"`{test}`"]
+        lines.append(f"| {' | '.join(cells)} |")
     return "\n".join([*lines, ""])
 
 
@@ -88,6 +93,8 @@ def _seen(row: Row) -> str:
 
 
 def _answer(seen: str) -> str:
+    if len(seen) > _LONGEST_ANSWER:
+        return f"`{seen[:_LONGEST_ANSWER // 4]}`... ({len(seen)} characters)"
     return seen if seen.startswith(SUCCESS) else f"`{seen}`"
 
 

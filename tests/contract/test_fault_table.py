@@ -16,15 +16,16 @@ HERE = Path(__file__).parent
 
 def rows() -> list[tuple[str, Row]]:
     """Every row with the file it is in."""
-    return [(module, row) for module in MODULES for neighbour in neighbours_of(module) for row in neighbour.rows if isinstance(row, Row)]
+    return [(module, row) for module in MODULES for neighbour in neighbours_of(module) for row in neighbour.rows
+            if isinstance(row, Row)]
 
 
 @pytest.fixture(scope="module")
 def tests() -> set[str]:
     """All tests that a row may name: as "file.py::test[id]", and without the id."""
     files = sorted({name_of_test(row, module).split("::")[0] for module, row in rows()} | {f"{module}.py" for module in MODULES})
-    listed = subprocess.run([sys.executable, "-m", "pytest", "--collect-only", "-q", "-p", "no:cacheprovider", "-p", "no:xdist", *files],
-                            cwd=HERE, capture_output=True, text=True, check=False)
+    collect = [sys.executable, "-m", "pytest", "--collect-only", "-q", "-p", "no:cacheprovider", "-p", "no:xdist", *files]
+    listed = subprocess.run(collect, cwd=HERE, capture_output=True, text=True, check=False)
     found = {re.sub("^([^:]*/)?", "", line) for line in listed.stdout.splitlines() if "::" in line}
     assert found, listed.stdout + listed.stderr
     return found | {name.split("[")[0] for name in found}

@@ -19,6 +19,7 @@ NOT_ATTACHED = ("err", "ListenTask: Cannot attach to socket - cannot listen.")
 RESTARTING = ("info", "restart_wifi_host_listener_callback: Restarting...")
 NO_SOCKET = [CLIENTS_READ, ("err", "hostapd_get_num_connected_clients: Could not connect to hostapd socket."),
              ("err", "[Main] Reading 'WiFiFrequency' while not in Host mode")]
+FAILED = [CLIENTS_READ, ("err", "wpa_socket_cmd: 'STA-FIRST' received 'FAIL' status.")]
 UNANSWERED = [CLIENTS_READ, ("err", "wpa_socket_cmd: 'STA-FIRST' command failed.")]
 DEAF = "counted right at once; its events are heard when the access point is started or restarted the next time"
 
@@ -74,14 +75,17 @@ def wait_for_refusal(world: World) -> None:
     world.clear_faults()
 
 
-NEIGHBOUR = Neighbour("hostapd's control socket", "Each count of the stations opens a connection of its own; events come over one that "
-                                                  "stays. (hostapd as a unit is systemd's business, above.)", [
-    Row(ABSENT, "no socket: looked for three times, a second apart", [Asked(CLIENTS, "0", NO_SOCKET, SOCKET_WAIT)], before=remove, end=start,
-        after=DEAF),
+ABOUT = ("Each count of the stations opens a connection of its own; events come over one that stays. (hostapd as a unit is "
+         "systemd's business, above.)")
+
+NEIGHBOUR = Neighbour("hostapd's control socket", ABOUT, [
+    Row(ABSENT, "no socket: looked for three times, a second apart", [Asked(CLIENTS, "0", NO_SOCKET, SOCKET_WAIT)],
+        before=remove, end=start, after=DEAF),
     Row(ABSENT, "no socket when the access point starts", name="no socket for the listener", lines=[NOT_LISTENING], takes="2 s",
-        text="the access point counts as started", test="test_hostapd_listener.py::test_access_point_without_a_socket_is_up_and_nobody_listens",
+        text="the access point counts as started",
+        test="test_hostapd_listener.py::test_access_point_without_a_socket_is_up_and_nobody_listens",
         after=DEAF),
-    Row(REFUSES, "answers FAIL", [Asked(CLIENTS, "0", [CLIENTS_READ, ("err", "wpa_socket_cmd: 'STA-FIRST' received 'FAIL' status.")])],
+    Row(REFUSES, "answers FAIL", [Asked(CLIENTS, "0", FAILED)],
         lambda world: world.hostapd.refuse("STA-FIRST")),
     Row(REFUSES, "refuses to attach the listener", name="refuses to attach", lines=[NOT_ATTACHED], takes="at once",
         text="nothing; stations come and go unannounced", after="heard when the access point is started or restarted the next time",
@@ -93,7 +97,8 @@ NEIGHBOUR = Neighbour("hostapd's control socket", "Each count of the stations op
         after="after 10 s, on the listener's thread, it counts as refused"),
     Impossible((WRONG_TYPE,), "it speaks text, which has no types; see garbage"),
     Row(GARBAGE, "bytes that are no record", [Asked(CLIENTS, "0")], garble),
-    Row(GARBAGE, "events that are no text, or of 4,095 bytes", name="garbage for events", text="what they announce as far as it can be read", takes="at once",
+    Row(GARBAGE, "events that are no text, or of 4,095 bytes", name="garbage for events", takes="at once",
+        text="what they announce as far as it can be read",
         test="test_hostapd_events.py::test_longest_event_and_bytes_that_are_no_text"),
     Row(DIES, "is killed with the question in hand", [Asked(CLIENTS, "0", UNANSWERED, REQUEST_TIMEOUT, ask=ask_and_kill)],
         slow=True, begin=lambda world: world.hostapd.hang("STA-FIRST"), end=start, after=DEAF),
@@ -105,8 +110,9 @@ NEIGHBOUR = Neighbour("hostapd's control socket", "Each count of the stations op
         after="its events are heard"),
     Row(FLOODS, "5,000 events as fast as they can be sent, while properties are read", text="every read is answered",
         takes="at once", test="test_hostapd_events.py::test_flood_of_events_while_properties_are_read"),
-    Row(FLOODS, "names the same station for ever", name="a list without end", text="read `WiFiConnectedClients`: 2007, the most it can have",
-        takes="2007 questions", test="test_station_count.py::test_hostapd_that_names_the_same_station_for_ever_is_left_after_2007"),
+    Row(FLOODS, "names the same station for ever", name="a list without end",
+        text="read `WiFiConnectedClients`: 2007, the most it can have", takes="2007 questions",
+        test="test_station_count.py::test_hostapd_that_names_the_same_station_for_ever_is_left_after_2007"),
 ], still_access_point)
 
 

@@ -74,7 +74,8 @@ def no_address(status: int) -> list[Line]:
     return [CHANGE_MODE, TO_HOST, *STOP_CLIENT, *heading("[WiFi] Start Host mode"), *not_flushed(status, "WiFi"), *ADD_LOGS[:2],
             *tries("ip addr add 192.168.8.1/24 dev wlan0", status),
             ("err", f"utils_add_ip: Unable to add wlan0 address, error: {status}"),
-            ("err", "[WiFi] wifi_host_start: Failed to add IP address"), ("err", "[WiFi] wifi_mode_switch: Failed to start Host mode"),
+            ("err", "[WiFi] wifi_host_start: Failed to add IP address"),
+            ("err", "[WiFi] wifi_mode_switch: Failed to start Host mode"),
             ("err", "[Main] set_wifi_mode: Mode switch failed")]
 
 
@@ -115,10 +116,11 @@ def rows(tool: str) -> list[Row | Impossible]:
     garbage, garbled = GARBLED[tool]
     flood, flooding = FLOODING[tool]
     return [
-        Row(ABSENT, "not installed", FAILURES[tool](NOT_FOUND), before=lambda world: (world.work / TOOLBOX / tool).unlink(), end=behave,
+        Row(ABSENT, "not installed", FAILURES[tool](NOT_FOUND), end=behave,
+            before=lambda world: (world.work / TOOLBOX / tool).unlink(),
             environment={"PATH": f"/{TOOLBOX}"}, name=f"{tool} {ABSENT}"),
-        Row(REFUSES, "ends with status 1 and prints nothing", FAILURES[tool](256), lambda world: world.tools[tool].fail(1), end=behave,
-            name=f"{tool} {REFUSES}"),
+        Row(REFUSES, "ends with status 1 and prints nothing", FAILURES[tool](256), lambda world: world.tools[tool].fail(1),
+            end=behave, name=f"{tool} {REFUSES}"),
         Row(HANGS, "does not end", text=HOLDS, takes="as long as it hangs: a command has no time-out",
             name=f"{tool} {HANGS}", test=f"test_a_command_that_hangs_holds_all_requests_until_it_ends[{tool}]"),
         Impossible((WRONG_TYPE,), "text has no types; see garbage"),
@@ -127,7 +129,8 @@ def rows(tool: str) -> list[Row | Impossible]:
         Row(DIES, "is killed", FAILURES[tool](KILLED), lambda world: world.tools[tool].die(signals.SIGKILL), end=behave,
             name=f"{tool} {DIES}"),
         Impossible((RESTARTS,), "it is run anew for each question"),
-        Row(FLOODS, "prints a megabyte", flooding, lambda world: world.tools[tool].output(flood), end=behave, name=f"{tool} {FLOODS}"),
+        Row(FLOODS, "prints a megabyte", flooding, lambda world: world.tools[tool].output(flood), end=behave,
+            name=f"{tool} {FLOODS}"),
     ]
 
 
@@ -166,9 +169,10 @@ SHELL_ROWS: list[Row | Impossible] = [
     Impossible(tuple(kind for kind in KINDS if kind not in (ABSENT, REFUSES)), "it does what the command in it does"),
 ]
 
-NEIGHBOURS = [*(Neighbour(f"`{tool}`", ABOUT[tool], rows(tool)) for tool in TOOLS),
-              Neighbour("`/bin/sh`", "Runs each command line. (`killall` and `wpa_passphrase` stand in the code, but nothing runs them.)",
-                        SHELL_ROWS)]
+ABOUT_SHELL = "Runs each command line. (`killall` and `wpa_passphrase` stand in the code, but nothing runs them.)"
+
+NEIGHBOURS = [*(Neighbour(f"`{tool}`", ABOUT[tool], rows(tool), prepare) for tool in TOOLS),
+              Neighbour("`/bin/sh`", ABOUT_SHELL, SHELL_ROWS, prepare)]
 
 
 @pytest.mark.parametrize("row", [parameter for neighbour in NEIGHBOURS for parameter in neighbour.parameters()])

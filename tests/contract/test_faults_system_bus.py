@@ -7,12 +7,11 @@ import time
 import pytest
 from access_point import SEPARATOR, heading
 from dbus_next import Message
-from fault_requests import (ACCESS_POINTS, CHANGE_MODE, CONNECT, DISCONNECT, GET_ACCESS_POINTS, SCAN, TO_CLIENT, TO_CLIENT_MODE,
-                            still_station)
-from faults import (ABSENT, DIES, FLOODS, GARBAGE, HANGS, REAL_TIMEOUT, REFUSES, RESTARTS, SHORT, SHORT_TIMEOUT, WRONG_TYPE, Asked, Line,
-                    Neighbour, Row, check, try_row)
+from fault_requests import ACCESS_POINTS, CHANGE_MODE, CONNECT, DISCONNECT, SCAN, TO_CLIENT, TO_CLIENT_MODE, still_station
+from faults import (ABSENT, DIES, FLOODS, GARBAGE, HANGS, REAL_TIMEOUT, REFUSES, RESTARTS, SHORT, SHORT_TIMEOUT, WRONG_TYPE,
+                    Asked, Neighbour, Row, check, try_row)
 from odd_bus import OddBus, odd_bus
-from station import FLUSH_LOGS, SIGNAL_NAME, INTERFACE, STATION
+from station import FLUSH_LOGS, INTERFACE, STATION
 from test_faults_systemd import not_found
 from test_faults_wpa_supplicant import NO_LIST, SCAN_FAILED, answers_nothing
 from vantora_sim import DEADLINE, Variant, World, call, log
@@ -123,6 +122,9 @@ def hear_signals(world: World) -> None:
         time.sleep(0.05)  # what is sent before it is back is lost: again
 
 
+COMPLETED = {"State": Variant("s", "completed")}
+
+
 async def flood(world: World, count: int) -> None:
     """Send notifications to every connection of the daemon, past the matches of the bus."""
     assert world.daemon is not None
@@ -135,7 +137,7 @@ async def flood(world: World, count: int) -> None:
         for number in range(count):
             if number % 100 == 0:
                 await ask(bus, "GetId")  # the library does not send more than the socket takes
-            notification = Message.new_signal(STATION, INTERFACE, "PropertiesChanged", "a{sv}", [{"State": Variant("s", "completed")}])
+            notification = Message.new_signal(STATION, INTERFACE, "PropertiesChanged", "a{sv}", [COMPLETED])
             notification.destination = own[0]
             bus.send(notification)
         await ask(bus, "GetId")

@@ -78,9 +78,11 @@ ENABLE_LINES = [("err", "[Utils] Failed to send bus enable call"),
                 ("err", "[Utils] utils_enable_service Error building/calling EnableUnitFiles: N"),
                 ("err", "Failed to enable udhcpd_eth0.service")]
 
-NEIGHBOUR = Neighbour("systemd", "Each look-up and each job opens a connection of its own. A job that is refused counts as done: the "
-                                 "caller is answered with success, and the remaining steps are taken. Enabling and disabling (only of "
-                                 "`udhcpd_eth0.service`, after an address event) have a time-out of 5 s.", [
+ABOUT = ("Each look-up and each job opens a connection of its own. A job that is refused counts as done: the caller is answered "
+         "with success, and the remaining steps are taken. Enabling and disabling (only of `udhcpd_eth0.service`, after an "
+         "address event) have a time-out of 5 s.")
+
+NEIGHBOUR = Neighbour("systemd", ABOUT, [
     Row(ABSENT, "not on the bus", [Asked(TO_CLIENT_MODE, logs=not_found(MISSING))], before=lambda world: world.systemd.go(),
         end=lambda world: world.systemd.come_back()),
     Row(REFUSES, "refuses look-ups", [Asked(TO_CLIENT_MODE, logs=not_found("refused (r = -13)"))],
@@ -99,7 +101,8 @@ NEIGHBOUR = Neighbour("systemd", "Each look-up and each job opens a connection o
             [loaded_log(unit), ("info", f"[Utils] {'Stopp' if verb == 'Stop' else 'Start'}ed '{unit_path(unit)}' unit with job id:"
                                         "/org/freedesktop/systemd1/job/N")]), waits=REAL_TIMEOUT)],
         lambda world: world.systemd.hang("LoadUnit", times=1), slow=True, name="hangs for 25 s"),
-    Row(HANGS, "does not answer the enabling of a unit file", text=UNIT_FILES, lines=ENABLE_LINES, takes="5 s, on a thread of its own",
+    Row(HANGS, "does not answer the enabling of a unit file", text=UNIT_FILES, lines=ENABLE_LINES,
+        takes="5 s, on a thread of its own",
         test=WIRED + "test_enable_that_is_not_answered_ends_after_five_seconds_and_holds_up_nobody"),
     Row(WRONG_TYPE, "answers look-up and jobs with other types", [Asked(TO_CLIENT_MODE, logs=to_client(odd_lines))], odd_types),
     Row(GARBAGE, "names an object that is not there", [Asked(TO_CLIENT_MODE, logs=to_client(elsewhere_lines))], elsewhere),

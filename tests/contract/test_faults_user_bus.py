@@ -9,7 +9,8 @@ import time
 from collections.abc import Callable
 
 from dbus_next.aio import MessageBus
-from faults import (ABSENT, DIES, FLOODS, GARBAGE, HANGS, REFUSES, RESTARTS, SHORT, SHORT_TIMEOUT, SLACK, WRONG_TYPE, Line, Neighbour, Row)
+from faults import (ABSENT, DIES, FLOODS, GARBAGE, HANGS, REFUSES, RESTARTS, SHORT, SHORT_TIMEOUT, SLACK, WRONG_TYPE, Line,
+                    Neighbour, Row)
 from odd_bus import OddBus
 from supervisor import Supervisor
 from vantora_sim import DEADLINE, Variant, World, call, changed, log
@@ -26,7 +27,9 @@ def failed_start(error: int) -> Line:
     return "err", f"[Main] Failed to connect to dbus: {error}, exiting ..."
 
 
-NEIGHBOUR = Neighbour("User bus", "A daemon that nobody can reach is worth nothing: without its bus it ends, and its unit starts it anew.", [
+ABOUT = "A daemon that nobody can reach is worth nothing: without its bus it ends, and its unit starts it anew."
+
+NEIGHBOUR = Neighbour("User bus", ABOUT, [
     Row(ABSENT, "no socket", test="test_without_a_bus_it_is_started_until_there_is_one", text="nobody can ask; exit status 1",
         lines=[failed_start(-2)], takes="at once", after=COMES_UP),
     Row(REFUSES, "lets nobody in", name="lets nobody in", test="test_a_bus_that_lets_nobody_in_is_tried_again",
@@ -43,8 +46,9 @@ NEIGHBOUR = Neighbour("User bus", "A daemon that nobody can reach is worth nothi
         text="nobody can ask; exit status 1", lines=[failed_start(-6)], takes="at once", after=COMES_UP),
     Row(GARBAGE, "sends bytes that mean nothing", test="test_bytes_that_mean_nothing_end_the_daemon_which_comes_back", text=ENDS,
         takes="under 1 s", after=COMES_BACK),
-    Row(DIES, "is killed while a mode is being changed", test="test_a_bus_that_dies_in_the_middle_of_a_change_keeps_what_was_stored",
-        text=ENDS + ", after the change", takes="under 1 s", after=COMES_BACK + "; the mode is the new one"),
+    Row(DIES, "is killed while a mode is being changed",
+        test="test_a_bus_that_dies_in_the_middle_of_a_change_keeps_what_was_stored", text=ENDS + ", after the change",
+        takes="under 1 s", after=COMES_BACK + "; the mode is the new one"),
     Row(RESTARTS, "with `user@0.service`", test="test_a_restart_of_the_bus_is_one_of_the_daemon", text=ENDS, takes="under 1 s",
         after=COMES_BACK),
     Row(FLOODS, "2,000 requests of four clients, wrong in most ways", text="each is answered; nothing is changed", takes="at once",

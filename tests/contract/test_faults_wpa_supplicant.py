@@ -6,7 +6,7 @@ import signal as signals
 
 import pytest
 from fault_requests import (ACCESS_POINTS, ADD_NETWORK, CONNECT, CONNECT_OPENING, DISCONNECT, DISCONNECT_CALLED, GET_ACCESS_POINTS,
-                            NETWORK_ADDED, NOT_CONNECTED, SCAN, SELECT, select, still_station)
+                            NETWORK_ADDED, NOT_CONNECTED, SCAN, select, still_station)
 from faults import (ABSENT, DIES, FLOODS, GARBAGE, HANGS, REAL_TIMEOUT, REFUSES, RESTARTS, SHORT, SHORT_TIMEOUT, WRONG_TYPE, Asked,
                     Line, Neighbour, Row, check, try_row)
 from station import network
@@ -27,14 +27,15 @@ DISCONNECT_FAILED = [DISCONNECT_CALLED, call_failed("wpa_supplicant_disconnect_n
                      ("err", "[Main] disconnect_from_ap: Failed to connect to AP")]
 
 
-def not_selected(path: str, removed: bool = False) -> list[Line]:
+def not_selected(path: str) -> list[Line]:
     """The lines of a network that could not be selected and is removed again."""
     return [*select(path), call_failed("wpa_supplicant_select_network"), ("err", "[Main] connect_to_ap: Failed to connect to AP"),
-            ("info", f"[WPA] Remove network: {path}"), *([] if removed else [call_failed("wpa_supplicant_remove_network")]), STATE_READ]
+            ("info", f"[WPA] Remove network: {path}"), call_failed("wpa_supplicant_remove_network"), STATE_READ]
 
 
 NOT_ADDED = [*CONNECT_OPENING, *ADD_NETWORK, ("err", "[WPA] wpa_supplicant_add_network: Method call failed"), *not_selected("")]
-UNREADABLE = [*CONNECT_OPENING, *ADD_NETWORK, ("err", "[WPA] wpa_supplicant_add_network: Failed to read response"), *not_selected("")]
+UNREADABLE = [*CONNECT_OPENING, *ADD_NETWORK, ("err", "[WPA] wpa_supplicant_add_network: Failed to read response"),
+              *not_selected("")]
 ADDED_IN_VAIN = [*CONNECT_OPENING, *ADD_NETWORK, NETWORK_ADDED]
 
 
@@ -93,7 +94,9 @@ def no_longer_hang(world: World) -> None:
         world.wpa.remove_bss(path)
 
 
-NEIGHBOUR = Neighbour("wpa_supplicant", "Each call opens a connection to the system bus of its own. Its signals come over one that stays.", [
+ABOUT = "Each call opens a connection to the system bus of its own. Its signals come over one that stays."
+
+NEIGHBOUR = Neighbour("wpa_supplicant", ABOUT, [
     Row(ABSENT, "its unit never started", answers_nothing(), before=lambda world: world.wpa.go(),
         end=lambda world: world.wpa.come_back(), after="used and heard as soon as it is there"),
     Row(REFUSES, "answers every call with an error", answers_nothing(), lambda world: world.wpa.refuse()),
@@ -106,11 +109,12 @@ NEIGHBOUR = Neighbour("wpa_supplicant", "Each call opens a connection to the sys
         Asked(SCAN), Asked(CONNECT, NOT_CONNECTED, UNREADABLE), Asked(DISCONNECT),
         Asked(ACCESS_POINTS, "[]", [GET_ACCESS_POINTS, NO_LIST])], odd_types),
     Row(WRONG_TYPE, '`State`, `CurrentBSS`, `BSSs` or a property of a BSS of a type that it never has', name="signals a wrong type",
-        test="test_a_wrong_type_in_a_signal_ends_the_daemon_which_comes_back", text="the daemon ends by SIGABRT",
+        test="test_a_wrong_type_in_a_signal_ends_the_daemon_which_comes_back", text="the daemon ends by SIGABRT, with the C++ runtime's last words on standard error",
         takes="at once", after="started again by its unit; the stored mode and all announcements are back"),
     Row(GARBAGE, "names what does not exist, signals what cannot be read", [
         Asked(SCAN), Asked(CONNECT, NOT_CONNECTED, [
-            *CONNECT_OPENING, *ADD_NETWORK, ("info", "[WPA] Network object added '/no/such/network'"), *not_selected("/no/such/network")]),
+            *CONNECT_OPENING, *ADD_NETWORK, ("info", "[WPA] Network object added '/no/such/network'"),
+            *not_selected("/no/such/network")]),
         Asked(DISCONNECT), Asked(ACCESS_POINTS)], odd_values),
     Row(DIES, "ends instead of answering", [
         dies("Scan", SCAN, None, SCAN_FAILED), dies("AddNetwork", CONNECT, NOT_CONNECTED, NOT_ADDED),
@@ -141,11 +145,12 @@ def test_a_wrong_type_in_a_signal_ends_the_daemon_which_comes_back(world: World,
     prepare(world)
     with Supervisor(world) as supervisor:
         world.wait_up()
-        mark = world.journal.mark()
+        mark, first = world.journal.mark(), world.daemon
         world.wpa.changed(**wrong)
         supervisor.wait_started_again()
         world.wait_up()
     assert supervisor.ends == [-signals.SIGABRT]
+    assert first is not None and "bad_any_cast" in first.stderr
     world.journal.expect_in_order([log(*NOTIFIED), changed("WiFiState", 1), changed("Mode", "Client")], mark)
     assert (world.get("Mode"), world.get("WiFiState")) == ("Client", 1)
     check(world, Asked(SCAN), "after the restart")
