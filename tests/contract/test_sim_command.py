@@ -39,7 +39,8 @@ def test_command_reaches_both_buses_and_its_status_is_passed_on(build_dir: Path)
                    f"{PYTHON} {SIMULATOR}/vantora-simctl join tablet; exit 7")
     assert ran.returncode == 7, ran.stderr
     assert ran.stdout == 's "Host"\ns "192.168.8.1"\nb true\ntablet has joined\n'
-    for line in ("  user bus    unix:path=", "  Mode                        \"Host\"", f"  busctl --user call {TARGET} Scan"):
+    for line in ("  user bus    unix:path=", "  Mode                        \"Host\"", f"  busctl --user call {TARGET} Scan",
+                 "vantora-wifi --help\n", "vantora-simctl --help\n"):
         assert line in ran.stderr
 
 
