@@ -85,12 +85,14 @@ def test_identity_of_the_device_template_and_kernel_command_line(guarded: Guarde
 def test_networks_in_the_air_and_states_of_wpa_supplicant(guarded: Guarded) -> None:
     world, _ = guarded()
     bring_up_station(world)
-    names = [text.encode() for text in HOSTILE] + [b"a\0$(touch /tmp/c)", b"\0" * 32, b"\xff'`touch /tmp/c`", b"'\n\";touch /tmp/c\n"]
+    names = [text.encode() for text in HOSTILE]
+    names += [b"a\0$(touch /tmp/c)", b"\0" * 32, b"\xff'`touch /tmp/c`", b"'\n\";touch /tmp/c\n"]
     paths = [world.wpa.add_bss(name) for name in names]
     mark = world.journal.mark()
     world.wpa.report_bsss()
     published = world.journal.wait_for(signal("AccessPointsChanged"), mark).body[0]
-    assert {entry[0] for entry in published} == {name.replace(b"\0", "\ufffd".encode()).decode(errors="replace") for name in names}
+    as_text = {name.replace(b"\0", "\ufffd".encode()).decode(errors="replace") for name in names}
+    assert {entry[0] for entry in published} == as_text
     for name, path in zip(names, paths, strict=True):
         mark = world.journal.mark()
         world.radio.station_ssid = name

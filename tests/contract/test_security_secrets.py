@@ -41,7 +41,8 @@ def test_the_filter_that_the_page_offers_takes_the_passphrases_out_and_leaves_th
     logs = [text for _, text in live_with_secrets(world)]
     script = re.search(r"```sh\n\s*(sed .*)\n", PAGE)
     assert script
-    cleaned = subprocess.run(["/bin/sh", "-c", script[1]], input="\n".join(logs), capture_output=True, text=True, check=True).stdout
+    cleaned = subprocess.run(["/bin/sh", "-c", script[1]], input="\n".join(logs), stdout=subprocess.PIPE, text=True,
+                             check=True).stdout
     assert STORED not in cleaned and GIVEN not in cleaned
     assert "[WPA] Add network 'Casa Marisol', passphrase '***'" in cleaned
     same = [line for line in logs if "passphrase" not in line]
