@@ -13,6 +13,7 @@ from typing import Any
 import pytest
 
 from bench import Device, Evidence, Machine, Snapshot, World
+from bench.deadline import BOOT
 from bench.evidence import Result
 from bench.snapshots import saved_host_machine
 
@@ -87,14 +88,20 @@ def work() -> Iterator[Path]:
 
 @pytest.fixture
 def boot(image: Path, work: Path, evidence: Evidence, request: pytest.FixtureRequest) -> Iterator[Callable[..., Device]]:
-    """Boots a device from its disk, or from the disk that another one had: `boot(disk=..., words="root=/dev/nfs")`."""
+    """Boots a device from its disk, or from the disk that another one had: `boot(disk=..., words="root=/dev/nfs")`.
+
+    It has then come as far as the daemon's first look at the settings.
+    """
     devices: list[Device] = []
     request.node.devices = devices
 
     def start(*, disk: Path | None = None, words: str = "", saved: Snapshot | None = None) -> Device:
         machine = Machine(image, work / str(len(devices)), disk=disk, words=words, saved=saved)
-        devices.append(Device(machine, evidence))
-        return devices[-1]
+        device = Device(machine, evidence)
+        devices.append(device)
+        if saved is None:
+            device.wait_for_log("Setup initial WiFi mode", since=(0, 0), priority="info", seconds=BOOT)
+        return device
 
     yield start
     for device in devices:

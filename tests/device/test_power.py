@@ -115,7 +115,6 @@ def test_a_boot_with_stored_host_settings_puts_the_access_point_on_air(device: D
     device.machine.cut_power()
 
     again = boot(disk=device.machine.disk)
-    again.wait_for_log("Setup initial WiFi mode", since=(0, 0), priority="info")
     again.wait_for_change("Mode", "Host", since=(0, 0))
     again.wait_for_access_point()
     assert "ssid[0]=Summer House" in again.see("hostapd_cli -i wlan0 status")

@@ -6,7 +6,7 @@ import os
 import time
 
 SCALE = float(os.environ.get("VANTORA_DEVICE_PATIENCE", "1"))
-BOOT = 240 * SCALE
+BOOT = 480 * SCALE
 COMMAND = 120 * SCALE
 EVENT = 120 * SCALE
 

@@ -8,6 +8,7 @@ import shutil
 import tempfile
 from pathlib import Path
 
+from .deadline import BOOT
 from .device import Device
 from .evidence import Evidence
 from .machine import CLOCK, KERNEL_COMMAND_LINE, LINES, MEMORY, Machine, Snapshot
@@ -33,7 +34,7 @@ def make(image: Path, work: Path) -> Path:
     machine = Machine(image, work / "machine")
     try:
         device = Device(machine, Evidence())
-        device.wait_for_access_point()
+        device.wait_for_access_point(seconds=BOOT)
         # Boot is over, and so is what it started.
         device.guest.wait_until("systemctl is-system-running | grep -E 'running|degraded'")
         device.guest.run("sync")
