@@ -195,10 +195,10 @@ def test_connect_with_something_that_is_no_passphrase_ends_with_2(station: Share
         assert client.plain == way.prompt("secured") + "vantora-wifi: a passphrase has 8 to 63 characters, this one has 5\n"
 
 
-def test_band_of_a_station_is_refused_and_stored(station: SharedDevice, way: Way) -> None:
-    device = station.device
-    # The other one than is stored: a value that is there already would not be refused.
-    band = "5" if device.read_setting("network", "frequency") == "2.4" else "2.4"
+def test_band_of_a_station_is_refused_and_stored(shared: SharedDevice, way: Way) -> None:  # noqa: F811
+    # Another one than the access point had last: that one is taken without a word.
+    band = "5" if shared.be("Host").world.get("WiFiFrequency") == "2.4" else "2.4"
+    device = shared.be("Client")
     assert way.run(device.world, "band", band) == way.ended(REFUSED, stderr=told(
         "the device is not an access point at the moment; the band is stored and used when it next is", "Operation not permitted"))
     assert device.read_setting("network", "frequency") == band
