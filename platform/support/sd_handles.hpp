@@ -18,8 +18,21 @@ struct Releaser
     }
 };
 
+/** Flushes and closes a connection. One that the bus has not let in has nothing to flush, and would wait for
+ * the bus. */
+struct BusCloser
+{
+    void operator()(sd_bus* bus) const
+    {
+        if (sd_bus_is_ready(bus) <= 0) {
+            sd_bus_close(bus);
+        }
+        sd_bus_flush_close_unref(bus);
+    }
+};
+
 /** A connection of our own: what is queued is sent before it closes. */
-using BusPtr = std::unique_ptr<sd_bus, Releaser<sd_bus_flush_close_unref>>;
+using BusPtr = std::unique_ptr<sd_bus, BusCloser>;
 using MessagePtr = std::unique_ptr<sd_bus_message, Releaser<sd_bus_message_unref>>;
 using SlotPtr = std::unique_ptr<sd_bus_slot, Releaser<sd_bus_slot_unref>>;
 using EventPtr = std::unique_ptr<sd_event, Releaser<sd_event_unref>>;

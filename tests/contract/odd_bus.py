@@ -39,7 +39,7 @@ class OddBus:
         self._path = world.work / "run" / f"odd-{bus.name}-bus"
         self.environment: dict[str, str] = {_VARIABLES[bus.name]: f"unix:path=/run/{self._path.name}"}
         """What makes the daemon take it for its bus."""
-        self._rejects = self._garbles = False
+        self._rejects = self._garbles = self._is_silent = False
         self._retyped: bytes | None = None
         self._connections: set[asyncio.Task[None]] = set()
         self._to_daemon: set[asyncio.StreamWriter] = set()
@@ -60,6 +60,10 @@ class OddBus:
         """Let nobody in any more."""
         self._rejects = True
 
+    def be_silent(self) -> None:
+        """Take connections and say nothing on them."""
+        self._is_silent = True
+
     def garble(self) -> None:
         """Greet everybody who comes with bytes that mean nothing."""
         self._garbles = True
@@ -70,7 +74,7 @@ class OddBus:
 
     def behave(self) -> None:
         """Break no rule any more."""
-        self._rejects = self._garbles = False
+        self._rejects = self._garbles = self._is_silent = False
         self._retyped = None
 
     def inject_garbage(self) -> None:
@@ -108,6 +112,9 @@ class OddBus:
             writer.close()
 
     async def _serve(self, reader: asyncio.StreamReader, writer: asyncio.StreamWriter) -> None:
+        if self._is_silent:
+            await reader.read(-1)
+            return
         if self._rejects or self._garbles:
             await reader.read(1)
             writer.write(b"".join([_GARBLED] * len(_REJECTION) if self._garbles else _REJECTION))

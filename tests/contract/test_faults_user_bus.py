@@ -8,16 +8,21 @@ from __future__ import annotations
 import time
 from collections.abc import Callable
 
+import pytest
 from dbus_next.aio import MessageBus
 from faults import (ABSENT, DIES, FLOODS, GARBAGE, HANGS, REFUSES, RESTARTS, SHORT, SHORT_TIMEOUT, SLACK, WRONG_TYPE, Line,
-                    Neighbour, Row)
-from odd_bus import OddBus
+                    Neighbour, Row, try_row)
+from odd_bus import OddBus, odd_bus
 from supervisor import Supervisor
+from test_faults_settings_daemon import asked as settings_fail
+from test_faults_settings_daemon import prepare
 from vantora_sim import DEADLINE, Variant, World, call, changed, log
 from vantora_sim.client import SERVICE
 from vantora_sim.dbus_fake import connect, disconnect
 
 STARTING = ("info", "[Main] Starting Vantora Network service")
+ODD = {"DBUS_SESSION_BUS_ADDRESS": "unix:path=/run/odd-user-bus"}
+NOT_LET_IN = "Transport endpoint is not connected"
 COMES_UP = "the next start after the fault succeeds"
 COMES_BACK = "started again by its unit; mode, SSID and all announcements are back"
 ENDS = "the connection breaks; the daemon ends with status 0"
@@ -36,12 +41,18 @@ NEIGHBOUR = Neighbour("User bus", ABOUT, [
         text="nobody can ask; exit status 1", lines=[failed_start(-107)], takes="at once", after=COMES_UP),
     Row(REFUSES, "the name is somebody else's", name="name taken", test="test_a_name_that_is_taken_is_asked_for_again",
         text="the other one answers; exit status 1", lines=[failed_start(-17)], takes="at once", after=COMES_UP),
+    Row(REFUSES, "refuses further connections, and so those to the settings daemon", settings_fail(NOT_LET_IN),
+        lambda world: odd_bus(world).reject(), end=lambda world: odd_bus(world).behave(), environment=ODD,
+        name="refuses further connections"),
     Row(HANGS, "takes the connection and says nothing, at the start", name="hangs at the start",
         test="test_a_bus_that_hangs_at_the_start_is_given_up_and_tried_again", text="nobody can ask; exit status 1",
         lines=[failed_start(-107)], takes="25 s", after=COMES_UP),
     Row(HANGS, "passes nothing on for a while", name="hangs while the daemon runs",
         test="test_a_bus_that_hangs_for_a_while_loses_nothing", text="requests and announcements come when it goes on",
         takes="as long as it hangs"),
+    Row(HANGS, "takes no further connection in, and so none to the settings daemon", settings_fail(NOT_LET_IN, SHORT_TIMEOUT),
+        lambda world: odd_bus(world).be_silent(), end=lambda world: odd_bus(world).behave(), environment={**ODD, **SHORT},
+        name="hangs for further connections"),
     Row(WRONG_TYPE, "answers the request for the name with another type", test="test_an_answer_of_another_type_ends_the_start",
         text="nobody can ask; exit status 1", lines=[failed_start(-6)], takes="at once", after=COMES_UP),
     Row(GARBAGE, "sends bytes that mean nothing", test="test_bytes_that_mean_nothing_end_the_daemon_which_comes_back", text=ENDS,
@@ -53,7 +64,14 @@ NEIGHBOUR = Neighbour("User bus", ABOUT, [
         after=COMES_BACK),
     Row(FLOODS, "2,000 requests of four clients, wrong in most ways", text="each is answered; nothing is changed", takes="at once",
         test="test_bus_load.py::test_two_thousand_random_requests_are_all_answered_and_change_nothing"),
-])
+], prepare)
+
+
+@pytest.mark.parametrize("row", NEIGHBOUR.parameters())
+def test_fault(world: World, row: Row) -> None:
+    with OddBus(world, world.user_bus):
+        try_row(world, row, NEIGHBOUR.prepare)
+        assert world.stop_daemon() == 0
 
 
 def furnish(world: World) -> None:

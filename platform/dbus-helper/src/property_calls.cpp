@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "dbus-helper/sdbus_utils.hpp"
+#include "support/bus_connection.hpp"
 #include "support/sd_handles.hpp"
 
 namespace sdbus_utils {
@@ -38,6 +39,9 @@ public:
         const int r = sd_bus_open_user(&opened);
         own_.reset(opened);
         bus_ = opened;
+        if (r >= 0) {
+            vantora::await_letting_in(opened);
+        }
         return r;
     }
 
