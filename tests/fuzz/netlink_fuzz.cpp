@@ -102,6 +102,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             break;
         }
         fuzz::require(remaining < before, "a valid one is counted off");
+        fuzz::require(message->nlmsg_len >= sizeof(nlmsghdr) &&
+                          static_cast<ssize_t>(message->nlmsg_len) <= before,
+                      "it was there as a whole");
         ++rounds;
     }
     fuzz::require(events.size() <= rounds, "one event at most for each time that a message is looked at");

@@ -44,9 +44,10 @@ class RandomCalls:
         self._weights = [share for share, _ in shares]
 
     def next(self) -> Message:
-        """Another call. Three in a hundred want no reply."""
-        message = self._chance.choices(self._makers, self._weights)[0]()
-        if self._chance.random() < 0.03:
+        """Another call. Three in a hundred want no reply, but never a change: nobody would know when it is done."""
+        maker = self._chance.choices(self._makers, self._weights)[0]
+        message = maker()
+        if maker != self._set_good and self._chance.random() < 0.03:
             message.flags = MessageFlag.NO_REPLY_EXPECTED
         return message
 

@@ -6,9 +6,9 @@
 #include "scripted_hostapd.hpp"
 #include "support/captured_log.hpp"
 
-// Station records of any bytes, each behind its length (two bytes; 65535 stands for a request that fails; the
-// last reply is repeated for as long as somebody asks): as many requests as there can be stations and no
-// more.
+// Station records of any bytes, each behind its length (two bytes; 65535 stands for a request that fails).
+// After the last there is no further station, or that one for ever: as many requests as there can be
+// stations, no more.
 
 namespace {
 
@@ -21,7 +21,7 @@ constexpr size_t kRecordPart = 32;
 class Replies
 {
 public:
-    explicit Replies(fuzz::Input& input) : input_(input) {}
+    Replies(fuzz::Input& input, bool endless) : input_(input), endless_(endless) {}
 
     std::optional<std::string> next()
     {
@@ -31,18 +31,21 @@ public:
             if (length != UINT16_MAX) {
                 last_ = input_.take(length);
             }
+        } else if (!endless_) {
+            last_ = "";
         }
         return last_;
     }
 
 private:
     fuzz::Input& input_;
+    bool endless_;
     std::optional<std::string> last_ = "";
 };
 
-void check_count(fuzz::Input& input)
+void check_count(fuzz::Input& input, bool endless)
 {
-    Replies replies(input);
+    Replies replies(input, endless);
     std::vector<std::string> records;
     ScriptedHostapd::answer = [&] {
         const auto reply = replies.next();
@@ -101,7 +104,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     testing_support::captured_log().clear();
     fuzz::Input input(data, size);
-    const auto area = 1 + input.number<uint16_t>() % 5000U;
+    const auto first = input.number<uint16_t>();
+    const size_t area = 1 + first % 5000U;
+    const bool endless = first > INT16_MAX;
     hostapd_listener()->Reset();
     for (std::string_view event = input.up_to_nul(); !event.empty(); event = input.up_to_nul()) {
         hostapd_listener()->SignalEvent(std::string(event).c_str());
@@ -109,6 +114,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     const std::string rest(reinterpret_cast<const char*>(data), size);
     check_command(rest, area);
     wpa_socket_buffer_dump(data, static_cast<int32_t>(size));
-    check_count(input);
+    check_count(input, endless);
     return 0;
 }
