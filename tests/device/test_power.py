@@ -80,9 +80,11 @@ def test_a_daemon_that_hangs_is_replaced_by_the_watchdog(device: Device) -> None
     The unit's own patience is minutes; the device is given less of it, to see the mechanism within a test's time.
     """
     assert device.see("systemctl show --property=WatchdogUSec vantora-network") != "WatchdogUSec=0"
+    mark = device.mark()
     device.guest.run("mkdir -p /run/systemd/system/vantora-network.service.d && printf '[Service]\\nWatchdogSec=10s\\n' "
                      ">/run/systemd/system/vantora-network.service.d/test.conf && systemctl daemon-reload && "
                      "systemctl restart vantora-network")
+    device.wait_for_change("Mode", "Host", since=mark)
     mark = device.mark()
     before = device.process()
     device.guest.run(f"kill -STOP {before}")

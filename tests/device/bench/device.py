@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import itertools
 import json
 import shlex
 from typing import Any
@@ -27,6 +28,7 @@ class Device:
         self.guest = Guest(machine.lines)
         self.journal = Stream("journal", machine.lines["journal"])
         self.signals = Stream("signals", machine.lines["signals"])
+        self._numbers = itertools.count(1)
 
     # Our D-Bus face.
 
@@ -73,8 +75,15 @@ class Device:
     # What it announces and logs.
 
     def mark(self) -> tuple[int, int]:
-        """Where journal and signals stand: waits that are given this look only at what comes after."""
-        return self.journal.mark(), self.signals.mark()
+        """Where journal and signals stand: waits that are given this look only at what comes after.
+
+        The journal arrives late, so an entry of the bench's own is waited for: everything before it is there then.
+        """
+        text = f"bench {next(self._numbers)}"
+        position = self.journal.position
+        self.guest.run(f"logger -t bench {shlex.quote(text)}")
+        self.journal.wait_for(lambda event: event.message == text, since=position, what="the bench's own entry")
+        return self.journal.position, self.signals.position
 
     def wait_for_change(self, name: str, value: Any = None, *, since: tuple[int, int], seconds: float = EVENT) -> Any:
         """Waits until a property is announced, with this value if one is given; the value announced."""
@@ -115,10 +124,8 @@ class Device:
         return event
 
     def logged(self, *, since: tuple[int, int]) -> list[Event]:
-        """All that the daemon has logged after a mark and until now: an entry of the bench's own comes after it."""
-        text = f"bench {self.journal.mark()}"
-        self.guest.run(f"logger -t bench {shlex.quote(text)}")
-        self.journal.wait_for(lambda event: event.message == text, since=since[0], what="the bench's own entry")
+        """All that the daemon has logged after a mark and until now."""
+        self.mark()
         return [event for event in self.journal.since(since[0]) if event.fields.get("SYSLOG_IDENTIFIER") == "vantora-network"]
 
     # Other programs' own view.

@@ -35,8 +35,11 @@ def make(image: Path, work: Path) -> Path:
     try:
         device = Device(machine, Evidence())
         device.wait_for_access_point(seconds=BOOT)
+        # The last thing that the daemon does when it starts.
+        device.wait_for_log("[NETLINK] Starting kernel netlink task...", since=(0, 0))
         # Boot is over, and so is what it started.
         device.guest.wait_until("systemctl is-system-running | grep -E 'running|degraded'")
+        device.mark()
         device.guest.run("sync")
         machine.save(work / "saved")
     finally:

@@ -106,22 +106,23 @@ class Stream:
             self._ended = True
             self._changed.notify_all()
 
-    def mark(self) -> int:
-        """Where the stream stands now; waits that are given it look only at what comes after."""
+    @property
+    def position(self) -> int:
+        """How much has arrived."""
         with self._changed:
             return len(self._events)
 
-    def since(self, mark: int = 0) -> list[Event]:
-        """Everything after a mark."""
+    def since(self, position: int = 0) -> list[Event]:
+        """Everything after a position."""
         with self._changed:
-            return self._events[mark:]
+            return self._events[position:]
 
     def count(self, match: Match, *, since: int = 0) -> int:
-        """How many match after a mark."""
+        """How many match after a position."""
         return sum(match(event) for event in self.since(since))
 
     def wait_for(self, match: Match, *, since: int = 0, seconds: float = EVENT, what: str = "") -> Event:
-        """The first that matches after a mark, waited for."""
+        """The first that matches after a position, waited for."""
         deadline = Deadline(seconds)
         position = since
         with self._changed:
