@@ -59,6 +59,7 @@ void HostapdSocketListner::SignalEvent(const char* message)
         apEnabled_ = false;
         ApEnabledSignal.emit(false);
     } else if (contains("CTRL-EVENT-T")) {
+        ExpectSuccessor();
         TerminatingSignal.emit();
     }
 }

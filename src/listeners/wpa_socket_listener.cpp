@@ -7,6 +7,7 @@
 #include <utility>
 
 #include <sys/select.h>
+#include <sys/stat.h>
 #include <syslog.h>
 
 #include "utils/pause.hpp"
@@ -22,13 +23,42 @@ bool exists(const std::string& path)
     return std::filesystem::exists(path, error);
 }
 
+std::string socket_path(const char* directory, const std::string& interface)
+{
+    return std::string(directory) + "/" + interface;
+}
+
+/** The file at a path; none when there is none. */
+std::optional<SocketFile> socket_file(const std::string& path)
+{
+    struct stat file = {};
+    if (stat(path.c_str(), &file) != 0) {
+        return std::nullopt;
+    }
+    return SocketFile{.device = file.st_dev,
+                      .inode = file.st_ino,
+                      .made = file.st_mtim.tv_sec,
+                      .madeNanoseconds = file.st_mtim.tv_nsec};
+}
+
+/** Waits until the file is not at the path any more, but no longer than a second. */
+void wait_until_replaced(const std::string& path, const SocketFile& file)
+{
+    constexpr int kLooks = 100;
+    constexpr long kBetween = 10'000'000;
+
+    for (int look = 0; look < kLooks && socket_file(path) == file; ++look) {
+        pause_for(0, kBetween);
+    }
+}
+
 } // namespace
 
 WpaCtrlPtr open_control_socket(const char* directory, const std::string& interface)
 {
     constexpr int kLooks = 3;
 
-    const std::string path = std::string(directory) + "/" + interface;
+    const std::string path = socket_path(directory, interface);
     for (int look = 1; !exists(path) && look < kLooks; ++look) {
         pause_for(1, 0);
     }
@@ -41,7 +71,16 @@ void WpaSocketListener::StartListening(const char* directory)
 {
     // Opened first, but stored only when the old thread, which may still look at the connection, has ended.
     const bool connected = static_cast<bool>(connection_);
-    WpaCtrlPtr opened = connected ? nullptr : open_control_socket(directory, kInterface);
+    WpaCtrlPtr opened;
+    if (!connected) {
+        const std::string path = socket_path(directory, kInterface);
+        if (successorExpected_ && connectedTo_) {
+            wait_until_replaced(path, *connectedTo_);
+        }
+        successorExpected_ = false;
+        opened = open_control_socket(directory, kInterface);
+        connectedTo_ = opened ? socket_file(path) : std::nullopt;
+    }
     if (thread_.joinable()) {
         stop_.set();
         thread_.join();
@@ -65,6 +104,7 @@ void WpaSocketListener::Stop()
 void WpaSocketListener::Restart()
 {
     Stop();
+    ExpectSuccessor();
     Start();
 }
 

@@ -1,10 +1,26 @@
 #pragma once
 
+#include <atomic>
+#include <ctime>
+#include <optional>
 #include <string>
 #include <thread>
 
+#include <sys/types.h>
+
 #include "listeners/wpa_ctrl_owner.hpp"
 #include "utils/stop_flag.hpp"
+
+/** Tells a socket file from its successor at the same path. */
+struct SocketFile
+{
+    dev_t device = 0;
+    ino_t inode = 0;
+    time_t made = 0;
+    long madeNanoseconds = 0;
+
+    bool operator==(const SocketFile&) const = default;
+};
 
 /**
  * Follows the events of a control socket on a thread of its own (wpa_ctrl_attach of the client library).
@@ -41,7 +57,7 @@ public:
      */
     void Stop();
 
-    /** Stop, then Start. */
+    /** Stop, then Start, for when the daemon has just been replaced (see ExpectSuccessor). */
     void Restart();
 
     /**
@@ -54,6 +70,13 @@ public:
     void ListenTask();
 
 protected:
+    /**
+     * Says that the daemon of the present connection ends. The socket of that one gets up to a second to go
+     * away before the next connection is made: a job of the service manager is answered before it is carried
+     * out, and the old daemon would take the new connection with it. From any thread.
+     */
+    void ExpectSuccessor() { successorExpected_ = true; }
+
     /** What both daemons' Start do, given the directory of their sockets. */
     void StartListening(const char* directory);
 
@@ -66,6 +89,8 @@ private:
 
     std::thread thread_;
     WpaCtrlPtr connection_;
+    std::atomic<bool> successorExpected_ = false;
+    std::optional<SocketFile> connectedTo_; ///< what the latest connection was made to
     StopFlag stop_;
     int fd_ = -1;
 };

@@ -1,14 +1,21 @@
-// Makes wpa_supplicant own its older bus name beside the newer one, as the device's own build does. Debian's build has
-// the code for the newer name only; the objects behind both are the same. Loaded with LD_PRELOAD.
+// What the real wpa_supplicant is told otherwise than Debian would have it. Loaded with LD_PRELOAD.
+//
+// It owns its older bus name beside the newer one, as the device's own build does: Debian's build has the
+// code for the newer name only, and the objects behind both are the same. And where the sandbox is an
+// ordinary user's, in which everybody is root, it presents itself to the bus outside as that user, whom the
+// bus sees.
 
 #include <dlfcn.h>
+#include <unistd.h>
 
+#include <cstdlib>
 #include <string_view>
 
 namespace {
 
 constexpr std::string_view kNewerName = "fi.w1.wpa_supplicant1";
 constexpr const char* kOlderName = "fi.epitest.hostap.WPASupplicant";
+constexpr const char* kUserVariable = "VANTORA_BUS_USER";
 
 using RequestName = int (*)(void* connection, const char* name, unsigned int flags, void* error);
 
@@ -23,4 +30,11 @@ extern "C" int dbus_bus_request_name(void* connection, const char* name, unsigne
         request(connection, kOlderName, flags, nullptr);
     }
     return request(connection, name, flags, error);
+}
+
+/// Stands before the C library's function of this name, by which libdbus finds out as whom to present itself.
+extern "C" uid_t geteuid()
+{
+    const char* user = std::getenv(kUserVariable);
+    return user != nullptr ? static_cast<uid_t>(std::strtoul(user, nullptr, 10)) : getuid();
 }

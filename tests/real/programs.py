@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import os
 from pathlib import Path
 
 from services import Service
@@ -127,7 +128,7 @@ def services(world: World, shim: Path) -> dict[str, Service]:
         # The first interface is number 0, the second 1.
         units.STATION: Service(["/usr/sbin/wpa_supplicant", "-u", "-Dwired", "-ilo", "-c/run/other.conf", "-N", "-Dwired",
                                 "-iwlan0", "-c/run/station.conf"],
-                               {"LD_PRELOAD": str(shim)}),
+                               {"LD_PRELOAD": str(shim), "VANTORA_BUS_USER": str(os.geteuid())}),
         units.DHCP_SERVER: Service(dhcp_server("wlan0")),
         units.DHCP_CLIENT: Service(["/usr/bin/busybox", "udhcpc", "-i", "wlan0", *DHCP_CLIENT]),
     }

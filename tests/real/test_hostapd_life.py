@@ -84,7 +84,7 @@ def test_killed_hostapd_leaves_its_socket_and_no_word(access_point: RealDevice) 
     assert ("err", "hostapd_get_num_connected_clients: Could not connect to hostapd socket.") in journal.logs(mark)
 
 
-def test_successor_of_a_killed_hostapd_is_asked_but_not_heard_until_the_band_changes(access_point: RealDevice) -> None:
+def test_successor_of_a_killed_hostapd_is_asked_but_not_heard_until_the_mode_changes(access_point: RealDevice) -> None:
     device, journal = access_point, access_point.world.journal
     device.hostapd.process.stop(signal.SIGKILL)
     device.services.job("Start", units.HOSTAPD)
@@ -95,8 +95,9 @@ def test_successor_of_a_killed_hostapd_is_asked_but_not_heard_until_the_band_cha
     assert device.hostapd.said("CTRL_IFACE monitor attached") == 0
     assert journal.count(changed("WiFiConnectedClients"), mark) == 0
 
-    device.world.set("WiFiFrequency", "5")
-    wait_until(lambda: device.services.started(units.HOSTAPD) == 3, "hostapd to be restarted")
+    device.world.set("Mode", "Client")
+    device.world.set("Mode", "Host")
+    wait_until(lambda: device.services.started(units.HOSTAPD) == 3, "hostapd to be started")
     device.hostapd.wait_attached()
     announced(device, TABLET)
 
@@ -119,6 +120,16 @@ def test_change_of_the_ssid_restarts_hostapd_and_the_daemon_follows(access_point
     wait_until(lambda: device.services.started(units.HOSTAPD) == 2, "hostapd to be restarted")
     device.hostapd.wait_attached()
     assert "ssid[0]=Another name" in device.hostapd.cli("status").splitlines()
+    announced(device, PHONE)
+
+
+def test_every_change_of_the_band_restarts_hostapd_and_the_daemon_follows(access_point: RealDevice) -> None:
+    """The job is answered before the old hostapd has ended: the daemon must not attach to that one again."""
+    device = access_point
+    for change, band in enumerate(["5", "2.4"] * 3, start=2):
+        device.world.set("WiFiFrequency", band)
+        wait_until(lambda: device.services.started(units.HOSTAPD) == change, "hostapd to be restarted")
+        device.hostapd.wait_attached()
     announced(device, PHONE)
 
 

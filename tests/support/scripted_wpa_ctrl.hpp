@@ -6,6 +6,7 @@
 #include <condition_variable>
 #include <cstddef>
 #include <cstdlib>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -46,6 +47,7 @@ public:
         interruptedSelects = 0;
         descriptor = pair[0];
         sleeps.clear();
+        onSleep = nullptr;
         selectTimeouts.clear();
         const std::lock_guard lock(mutex);
         calls.clear();
@@ -95,6 +97,7 @@ public:
     inline static std::atomic<int> interruptedSelects = 0; ///< so many waits are interrupted by a signal
     inline static std::atomic<int> descriptor = -1;        ///< what the library says its descriptor is
     inline static std::vector<timespec> sleeps;            ///< pauses of the main thread, which take no time
+    inline static std::function<void()> onSleep;           ///< called at the end of each pause
     inline static std::vector<timeval> selectTimeouts;     ///< of the listener thread; look after its end
 
 private:
@@ -168,6 +171,9 @@ int wpa_ctrl_recv(wpa_ctrl* connection, char* reply, size_t* length)
 int nanosleep(const timespec* time, timespec*)
 {
     testing_support::ScriptedWpaCtrl::sleeps.push_back(*time);
+    if (testing_support::ScriptedWpaCtrl::onSleep) {
+        testing_support::ScriptedWpaCtrl::onSleep();
+    }
     return 0;
 }
 

@@ -15,12 +15,14 @@
 #include "listeners/wpa_supplicant_socket_listener.hpp"
 #include "support/captured_log.hpp"
 #include "support/scripted_wpa_ctrl.hpp"
+#include "support/temp_folder.hpp"
 
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing_support::captured_log;
 using testing_support::LogLine;
 using testing_support::ScriptedWpaCtrl;
+using testing_support::TempFolder;
 
 namespace {
 
@@ -51,7 +53,7 @@ public:
         }
     }
 
-    void Start() override { StartListening(kDirectory); }
+    void Start() override { StartListening(directory.c_str()); }
 
     /** Waits until there are so many events and returns them all. */
     std::vector<std::string> events(size_t count)
@@ -62,6 +64,7 @@ public:
     }
 
     std::function<void()> onEvent;
+    std::string directory = kDirectory;
 
 private:
     std::mutex mutex_;
@@ -332,6 +335,53 @@ TEST_F(WpaSocketListenerTest, restart_opens_a_new_connection)
     ScriptedWpaCtrl::send("two");
     listener.events(2);
     EXPECT_THAT(ScriptedWpaCtrl::noted(), ElementsAre(kOpened, "attach", "close", kOpened, "attach"));
+}
+
+TEST_F(WpaSocketListenerTest, restart_lets_the_socket_of_before_go_away_first)
+{
+    const TempFolder folder;
+    folder.write("wlan0", "");
+    listener.directory = folder.path();
+    listener.Start();
+    EXPECT_TRUE(ScriptedWpaCtrl::sleeps.empty());
+
+    ScriptedWpaCtrl::onSleep = [&folder] {
+        if (ScriptedWpaCtrl::sleeps.size() == 3) {
+            std::filesystem::remove(folder.file("wlan0"));
+        } else if (ScriptedWpaCtrl::sleeps.size() == 4) {
+            folder.write("wlan0", "");
+        }
+    };
+    listener.Restart();
+    ASSERT_EQ(ScriptedWpaCtrl::sleeps.size(), 4U);
+    EXPECT_EQ(ScriptedWpaCtrl::sleeps[2].tv_sec, 0);
+    EXPECT_EQ(ScriptedWpaCtrl::sleeps[2].tv_nsec, 10'000'000);
+    EXPECT_EQ(ScriptedWpaCtrl::sleeps[3].tv_sec, 1); // from here on as for any absent socket
+}
+
+TEST_F(WpaSocketListenerTest, restart_waits_no_longer_than_a_second_for_a_socket_that_stays)
+{
+    const TempFolder folder;
+    folder.write("wlan0", "");
+    listener.directory = folder.path();
+    listener.Start();
+    listener.Restart();
+    EXPECT_EQ(ScriptedWpaCtrl::sleeps.size(), 100U);
+    EXPECT_TRUE(std::ranges::all_of(ScriptedWpaCtrl::sleeps, [](const timespec& sleep) {
+        return sleep.tv_sec == 0 && sleep.tv_nsec == 10'000'000;
+    }));
+}
+
+TEST_F(WpaSocketListenerTest, successor_that_is_there_already_is_not_waited_for)
+{
+    const TempFolder folder;
+    folder.write("wlan0", "");
+    folder.write("next", "");
+    listener.directory = folder.path();
+    listener.Start();
+    std::filesystem::rename(folder.file("next"), folder.file("wlan0"));
+    listener.Restart();
+    EXPECT_TRUE(ScriptedWpaCtrl::sleeps.empty());
 }
 
 TEST_F(WpaSocketListenerTest, many_starts_and_stops_leave_no_descriptor_behind)
