@@ -25,7 +25,7 @@ SHOWN_LINES = 12
 
 def shortened(text: str) -> list[str]:
     """The lines of one piece of evidence, the middle of a long one left out."""
-    lines = [line[:200] for line in text.splitlines()] or [""]
+    lines = [line[:200] for line in text.splitlines() if line] or [""]
     if len(lines) > SHOWN_LINES:
         return [*lines[: SHOWN_LINES - 3], f"… {len(lines) - SHOWN_LINES + 1} lines …", *lines[-2:]]
     return lines
