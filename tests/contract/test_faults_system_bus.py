@@ -100,7 +100,7 @@ NEIGHBOUR = Neighbour("System bus", "Each call opens a connection of its own; on
         after="signals are heard again after 1 s, or up to 30 s where it stays away long"),
     Row(RESTARTS, "its connections break", EVERYTHING, restart_bus, after="signals are heard again after 1 s"),
     Row(FLOODS, "3,000 signals of somebody else, sent straight to the daemon", name="floods",
-        test="test_a_flood_of_signals_of_somebody_else_is_passed_over", text="`Scan`: success", takes="under 10 s in all"),
+        test="test_a_flood_of_signals_of_somebody_else_is_passed_over", text="`Scan`: success", takes="under 20 s in all"),
 ], prepare)
 
 
@@ -157,8 +157,10 @@ def test_a_flood_of_signals_of_somebody_else_is_passed_over(world: World) -> Non
     world.up()
     world.settle()
     mark = world.journal.mark()
+    begin = time.monotonic()
     world.loop.run(flood(world, 3000))
     SCAN.ask(world)
+    assert time.monotonic() - begin < DEADLINE
     world.settle()
     assert world.journal.logs(mark) == list(SCAN.logs)
     for request in (SCAN, CONNECT, DISCONNECT, ACCESS_POINTS):

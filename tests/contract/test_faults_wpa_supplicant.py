@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import signal as signals
+import time
 
 import pytest
 from fault_requests import (ACCESS_POINTS, ADD_NETWORK, CONNECT, CONNECT_OPENING, DISCONNECT, DISCONNECT_CALLED, GET_ACCESS_POINTS,
@@ -11,7 +12,7 @@ from faults import (ABSENT, DIES, FLOODS, GARBAGE, HANGS, REAL_TIMEOUT, REFUSES,
                     Line, Neighbour, Row, check, try_row)
 from station import network
 from supervisor import Supervisor
-from vantora_sim import Variant, World, changed, log
+from vantora_sim import DEADLINE, Variant, World, changed, log
 
 NOTIFIED = ("info", "[WPA Supplicant] Properties changed")
 NO_LIST = ("err", "[Main]  Something went wrong with getting APs")
@@ -126,8 +127,8 @@ NEIGHBOUR = Neighbour("wpa_supplicant", ABOUT, [
         Asked(CONNECT, logs=[*CONNECT_OPENING, ("info", f"[WPA] Remove network: {network(0)}"),
                              call_failed("wpa_supplicant_remove_network"), *CONNECT.logs[len(CONNECT_OPENING):]]),
         Asked(DISCONNECT), Asked(SCAN), Asked(ACCESS_POINTS)], start_again, after="its signals are heard from the new one"),
-    Row(FLOODS, "3,000 notifications at once", test="test_a_flood_of_notifications_delays_requests_and_loses_none",
-        text="`Scan`: success, after the notifications before it", lines=[NOTIFIED], takes="under 10 s in all"),
+    Row(FLOODS, "3,000 notifications at once", test="test_a_flood_of_notifications_holds_requests_up_for_a_moment_and_loses_none",
+        text="`Scan`: success", lines=[NOTIFIED], takes="under 20 s in all"),
 ], prepare)
 
 
@@ -156,15 +157,17 @@ def test_a_wrong_type_in_a_signal_ends_the_daemon_which_comes_back(world: World,
     check(world, Asked(SCAN), "after the restart")
 
 
-def test_a_flood_of_notifications_delays_requests_and_loses_none(world: World) -> None:
+def test_a_flood_of_notifications_holds_requests_up_for_a_moment_and_loses_none(world: World) -> None:
     count = 3000
     prepare(world)
     world.up()
     mark = world.journal.mark()
+    begin = time.monotonic()
     for _ in range(count):
         world.wpa.notify_raw("a{sv}", [{"Scanning": Variant("b", True)}])
     SCAN.ask(world)
     world.journal.wait_until(lambda: world.journal.count(log(*NOTIFIED), mark) == count, "all notifications", since=mark)
+    assert time.monotonic() - begin < DEADLINE
     world.settle()
     assert sorted(world.journal.logs(mark)) == sorted([NOTIFIED] * count + list(SCAN.logs))
     for asked in (SCAN, CONNECT, DISCONNECT, ACCESS_POINTS):
