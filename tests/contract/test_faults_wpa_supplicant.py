@@ -12,7 +12,7 @@ from faults import (ABSENT, DIES, FLOODS, GARBAGE, HANGS, REAL_TIMEOUT, REFUSES,
                     Line, Neighbour, Row, check, try_row)
 from station import network
 from supervisor import Supervisor
-from vantora_sim import DEADLINE, Variant, World, changed, log
+from vantora_sim import DEADLINE, Variant, World, call, changed, log
 
 NOTIFIED = ("info", "[WPA Supplicant] Properties changed")
 NO_LIST = ("err", "[Main]  Something went wrong with getting APs")
@@ -140,14 +140,19 @@ def test_fault(world: World, row: Row) -> None:
     world.journal.wait_for(changed("WiFiClientState", "disconnected"), mark)
 
 
-@pytest.mark.parametrize("wrong", [{"State": Variant("u", 9)}, {"CurrentBSS": Variant("u", 9)}, {"BSSs": Variant("s", "/")}],
-                         ids=["State", "CurrentBSS", "BSSs"])
-def test_a_wrong_type_in_a_signal_ends_the_daemon_which_comes_back(world: World, wrong: dict[str, Variant]) -> None:
+@pytest.mark.parametrize("wrong", [{"State": Variant("u", 9)}, {"CurrentBSS": Variant("u", 9)}, {"BSSs": Variant("s", "/")}, None],
+                         ids=["State", "CurrentBSS", "BSSs", "a property of a BSS"])
+def test_a_wrong_type_in_a_signal_ends_the_daemon_which_comes_back(world: World, wrong: dict[str, Variant] | None) -> None:
     prepare(world)
     with Supervisor(world) as supervisor:
         world.wait_up()
         mark, first = world.journal.mark(), world.daemon
-        world.wpa.changed(**wrong)
+        if wrong is None:
+            odd = world.wpa.add_bss("odd", extra={"Signal": Variant("i", -50)})
+            world.wpa.report_bsss()
+            world.journal.wait_for(call("GetAll", path=odd), mark)
+        else:
+            world.wpa.changed(**wrong)
         supervisor.wait_started_again()
         world.wait_up()
     assert supervisor.ends == [-signals.SIGABRT]
