@@ -1,4 +1,4 @@
-"""A thousand calls of every member with arguments of every type: the short version of `scripts/fuzz --live`."""
+"""Two thousand calls of every member with arguments of every type: the short version of `scripts/fuzz --live`."""
 
 from __future__ import annotations
 
@@ -17,7 +17,7 @@ from live_bus import LiveBusFuzzer  # noqa: E402  (found through the line above)
 def test_random_calls_leave_the_daemon_as_its_settings_say(world: World) -> None:
     world.up()
     fuzzer = LiveBusFuzzer(world, seed=20_000)
-    fuzzer.run(1_000)
+    fuzzer.run(2_000)
     # All kinds of refusals were met, so the calls were not all of one kind.
     assert {error.rsplit(".", 1)[-1] for error in fuzzer.answers} >= {
         "reply", "none wanted", "InvalidArgs", "AccessDenied", "UnknownObject", "UnknownProperty", "UnknownMethod",

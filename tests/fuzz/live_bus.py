@@ -9,6 +9,7 @@ from __future__ import annotations
 
 import argparse
 import asyncio
+import itertools
 import secrets
 import sys
 import time
@@ -22,16 +23,18 @@ sys.path[:0] = [path for path in (str(ROOT / "simulator"), str(ROOT / "tests/fuz
 
 from dbus_next import Message, MessageFlag, MessageType, Variant  # noqa: E402  (found through the line above)
 from random_calls import WRITABLE, RandomCalls  # noqa: E402
-from vantora_sim import World  # noqa: E402
+from vantora_sim import CallRefused, World  # noqa: E402
 from vantora_sim.dbus_fake import PROPERTIES, connect, disconnect  # noqa: E402
 
 CONNECTIONS = 4
 AT_ONCE = 3
 """Calls that each connection has on their way at a time."""
-ROUND = 2_500
+ROUND = 1_000
 """Calls between two looks at the daemon's state."""
 LONGEST_ANSWER = 60.0
 PROPERTY_COUNT = 13
+NETWORKS = (b"neighbour", b"\xff\xfe\x80", b"a\0b\n", "\ufdd0\U0001f4f6".encode(), b"%s%n")
+"""Names on the air, most of which are no texts."""
 STARTING_STATE = {"WiFiState": 1, "Mode": "Host", "WiFiFrequency": "2.4", "SSID": "Korrin One"}
 
 
@@ -42,6 +45,8 @@ class LiveBusFuzzer:
         self._world = world
         self._calls = RandomCalls(seed)
         self._changing = asyncio.Lock()
+        for name in NETWORKS:
+            world.wpa.add_bss(name)
         self.answers: Counter[str] = Counter()
         """How often there was which answer: "reply", the name of an error, or "none wanted"."""
         self.on_round: Callable[[int], None] = lambda made: None
@@ -53,8 +58,11 @@ class LiveBusFuzzer:
         self._bring_to_start()
         before = self._resources()
         left = count
-        while left:
+        for number in itertools.count():
+            if left == 0:
+                break
             now = min(left, ROUND)
+            self._begin_round(number)
             self._world.loop.run(self._round(now), timeout=3600)
             left -= now
             self.check_state()
@@ -64,6 +72,17 @@ class LiveBusFuzzer:
         assert after == before, f"descriptors and threads: {before} before, {after} after"
         assert sum(self.answers.values()) == count
 
+    def _begin_round(self, number: int) -> None:
+        """A name and a band that differ from those before, and a station every other time: all states come up."""
+        self._world.set("WiFiState", 1)
+        self._world.set("Mode", "Host")
+        self._world.set("SSID", f"round {number}")
+        self._world.set("WiFiFrequency", ("5", "2.4")[number // 2 % 2])
+        self.check_state()
+        if number % 2:
+            self._world.set("Mode", "Client")
+            self.check_state()
+
     async def _round(self, count: int) -> None:
         buses = [await connect(self._world.user_bus.address) for _ in range(CONNECTIONS)]
         calls = [self._calls.next() for _ in range(count)]
@@ -71,7 +90,7 @@ class LiveBusFuzzer:
 
         async def work(bus: Any) -> None:
             while calls:
-                await self._make(bus, calls.pop())
+                await self._make(bus, *calls.pop())
 
         try:
             await asyncio.gather(*(work(bus) for bus in buses for _ in range(AT_ONCE)))
@@ -79,18 +98,18 @@ class LiveBusFuzzer:
             for bus in buses:
                 await disconnect(bus)
 
-    async def _make(self, bus: Any, call: Message) -> None:
+    async def _make(self, bus: Any, call: Message, expected: str | None) -> None:
         if not is_change(call):
-            await self._send(bus, call)
+            await self._send(bus, call, expected)
             return
         async with self._changing:
             # The SSID of an access point that is not there starts one, beside the station. That is meant, but then the
             # radio belongs to whichever came last, and not to the mode that the settings say.
-            if call.body[1] == "SSID" and self._world.radio.interface_type != "AP":
+            if expected is None and call.body[1] == "SSID" and self._world.radio.interface_type != "AP":
                 call.body[1:] = ["WiFiFrequency", Variant("s", "5")]
-            await self._send(bus, call)
+            await self._send(bus, call, expected)
 
-    async def _send(self, bus: Any, call: Message) -> None:
+    async def _send(self, bus: Any, call: Message, expected: str | None) -> None:
         what = f"{call.path} {call.interface}.{call.member}({call.signature}) {str(call.body)[:300]!r}"
         if call.flags & MessageFlag.NO_REPLY_EXPECTED:
             await bus.send(call)
@@ -103,7 +122,9 @@ class LiveBusFuzzer:
         error = reply.error_name if reply.message_type is MessageType.ERROR else None
         assert error not in ("org.freedesktop.DBus.Error.NoReply", "org.freedesktop.DBus.Error.ServiceUnknown"), \
             f"the daemon went away at {what}\n{self._world.journal.dump(last=60)}"
-        self.answers[error or "reply"] += 1
+        answer = error or "reply"
+        assert expected in (None, answer), f"{answer} in the place of {expected}: {what}"
+        self.answers[answer] += 1
 
     def check_state(self) -> None:
         """The daemon is there, tells all its properties, and they are what the settings say."""
@@ -118,6 +139,7 @@ class LiveBusFuzzer:
             return
         stored = world.settings.get("network", "mode")
         assert values["Mode"] == stored, f"the settings say {stored}: {values}\n{world.journal.dump(last=200)}"
+        assert len(values["AccessPoints"]) == (len(NETWORKS) if stored == "Client" else 0), values
         if values["Mode"] == "Host":
             told = (values["SSID"], values["WiFiFrequency"])
             stored = (world.settings.get("device", "deviceName"), world.settings.get("network", "frequency"))
@@ -151,7 +173,7 @@ def main() -> int:
     """The command-line program."""
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--calls", type=int, default=100_000, help="how many (default: %(default)s)")
-    parser.add_argument("--seed", type=int, default=None, help="where the random numbers begin (default: somewhere, told at the start)")
+    parser.add_argument("--seed", type=int, default=None, help="where the random numbers begin (told at the start)")
     parser.add_argument("--build-dir", type=Path, default=ROOT / "build/release", help="folder with the programs")
     options = parser.parse_args()
     seed = secrets.randbits(32) if options.seed is None else options.seed
@@ -166,8 +188,8 @@ def main() -> int:
             status = world.stop_daemon()
             assert status == 0, f"the daemon ended with status {status} when asked to"
             assert world.sanitizer_reports() == ""
-        except AssertionError as failure:
-            print(f"seed {seed}: {failure}", file=sys.stderr)
+        except (AssertionError, CallRefused, OSError, EOFError, TimeoutError) as failure:
+            print(f"seed {seed}: {type(failure).__name__}: {failure}", file=sys.stderr)
             return 1
     for answer, times in fuzzer.answers.most_common():
         print(f"{times:8d}  {answer}")

@@ -23,11 +23,17 @@ SLOWER = ("IPAddress", "AccessPoints", "WiFiSignal", "WiFiConnectedClients", "Wi
           "Mode", "WiFiFrequency", "SSID")
 WRITABLE = {"WiFiState": "u", "Mode": "s", "WiFiFrequency": "s", "SSID": "s"}
 
-TEXTS = ("", "Host", "Client", "host", "Ad-hoc", "2.4", "5", "6", "Korrin One", "%s%n%x", "$(reboot)", "`reboot`", "'; reboot #", "a\nb=c",
-         "\u00e9" * 17, "x" * 33, "y" * 300, "z" * 20_000, "\U0001f4f6", "\ufdd0", "\ufffe", "\u202e", "\x01\x1b[2J", "wpa=0", INTERFACE)
+TEXTS = ("", "Host", "Client", "host", "Ad-hoc", "2.4", "5", "6", "Korrin One", "%s%n%x", "$(reboot)", "`reboot`",
+         "'; reboot #", "a\nb=c", "\u00e9" * 17, "x" * 33, "y" * 300, "z" * 20_000, "\U0001f4f6", "\ufdd0", "\ufffe", "\u202e",
+         "\x01\x1b[2J", "wpa=0", INTERFACE)
 NUMBERS = (0, 1, 2, 3, 127, 128, 255, 2**15, 2**31 - 1, 2**31, 2**32 - 1, 2**62)
 BASIC = "ybnqiuxtdsog"
 _BITS = {"y": (8, False), "n": (16, True), "q": (16, False), "i": (32, True), "u": (32, False), "x": (64, True), "t": (64, False)}
+
+
+REFUSED = f"{DBUS}.Error.AccessDenied"
+"""What a setter's refusal becomes."""
+WRONG_TYPE = f"{DBUS}.Error.InvalidArgs"
 
 
 class RandomCalls:
@@ -35,21 +41,25 @@ class RandomCalls:
 
     def __init__(self, seed: int) -> None:
         self._chance = random.Random(seed)
-        shares: list[tuple[float, Callable[[], Message]]] = [
-            (18, self._get_quick), (8, self._get_slower), (0.4, self._get_all), (8, self._get_nonsense),
-            (14, self._set_wrong_type), (10, self._set_wrong_value), (8, self._set_elsewhere), (0.3, self._set_good),
-            (4, self._method), (13, self._method_wrong_type), (7, self._standard), (9, self._nowhere),
+        shares: list[tuple[float, Callable[[], Message], str | None]] = [
+            (18, self._get_quick, "reply"), (8, self._get_slower, "reply"), (0.4, self._get_all, "reply"),
+            (8, self._get_nonsense, None), (14, self._set_wrong_type, WRONG_TYPE), (10, self._set_wrong_value, REFUSED),
+            (8, self._set_elsewhere, None), (0.6, self._set_good, None), (4, self._method, None),
+            (13, self._method_wrong_type, None), (7, self._standard, None), (9, self._nowhere, None),
         ]
-        self._makers = [maker for _, maker in shares]
-        self._weights = [share for share, _ in shares]
+        self._makers = [(maker, answer) for _, maker, answer in shares]
+        self._weights = [share for share, _, _ in shares]
 
-    def next(self) -> Message:
-        """Another call. Three in a hundred want no reply, but never a change: nobody would know when it is done."""
-        maker = self._chance.choices(self._makers, self._weights)[0]
+    def next(self) -> tuple[Message, str | None]:
+        """Another call, and the answer that it must get where that is certain: "reply", or the name of an error.
+
+        Three in a hundred want no reply, but never a change: nobody would know when it is done.
+        """
+        maker, answer = self._chance.choices(self._makers, self._weights)[0]
         message = maker()
         if maker != self._set_good and self._chance.random() < 0.03:
             message.flags = MessageFlag.NO_REPLY_EXPECTED
-        return message
+        return message, answer
 
     # Values
 
@@ -176,8 +186,9 @@ class RandomCalls:
         return self._call(f"{DBUS}.{interface}", member, *arguments)
 
     def _nowhere(self) -> Message:
-        interface, member = self._chance.choice(((INTERFACE, "Reboot"), (INTERFACE, "connect"), ("a.b", "Connect"), (None, "Mode"),
-                                                 (INTERFACE, "AccessPointsChanged"), ("com.vantora.Network1", "Scan")))
+        interface, member = self._chance.choice((
+            (INTERFACE, "Reboot"), (INTERFACE, "connect"), ("a.b", "Connect"), (None, "Mode"),
+            (INTERFACE, "AccessPointsChanged"), ("com.vantora.Network1", "Scan")))
         path = self._chance.choice((PATH, PATH, "/", "/com", "/com/vantora", PATH + "/0", "/com/vantora/Network2"))
         return self._call(interface, member, *self._random_arguments(), path=path)
 

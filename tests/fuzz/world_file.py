@@ -31,12 +31,15 @@ from vantora_sim.world_file import CHANNELS, WorldFileError, read_world  # noqa:
 CORPUS = ROOT / "tests/fuzz/corpus/world_file"
 LARGEST = 20_000
 _ADDRESS = re.compile("[0-9a-f]{2}(:[0-9a-f]{2}){5}")
-_WORDS = ['"name"', '"networks"', '"stations"', '"device"', '"settings"', '"ssid"', '"ssid_hex"', '"bssid"', '"band"', '"channel"',
-          '"signal"', '"security"', '"passphrase"', '"hidden"', '"address"', '"mac"', '"joins_after"', '"model"', '"serial"',
-          '"radio_type"', '"5"', '"2.4"', '"wpa2"', '"open"', "null", "true", "1e999", "-0", "1" * 5000, '"\\ud800"', '"\\u0000"', '"a\\n"',
-          '"02:00:00:01:00:01"', '"10.0.0.1/24"', "[" * 3000, '{"a":' * 3000, "NaN", "-1", "36", "\u00e9", "\\", "{}", "[]", ",", ":"]
-_VALUES: list[Any] = [None, True, 0, -1, 1e300, math.inf, 2**70, "", "x" * 33, "\u00e9" * 17, "a\n", "\ud800", "\0", "02:00:00:01:00:01\n", [], {},
-                      "0.0.0.0/0", "12345678", "1" * 63, "00" * 33, [[]], {"ssid": "a"}, {"name": "v"}]
+_WORDS = [
+    '"name"', '"networks"', '"stations"', '"device"', '"settings"', '"ssid"', '"ssid_hex"', '"bssid"', '"band"', '"channel"',
+    '"signal"', '"security"', '"passphrase"', '"hidden"', '"address"', '"mac"', '"joins_after"', '"model"', '"serial"',
+    '"radio_type"', '"5"', '"2.4"', '"wpa2"', '"open"', "null", "true", "1e999", "-0", "1" * 5000, '"\\ud800"', '"\\u0000"',
+    '"a\\n"', '"02:00:00:01:00:01"', '"10.0.0.1/24"', "[" * 3000, '{"a":' * 3000, "NaN", "-1", "36", "\u00e9", "\\", "{}",
+    "[]", ",", ":"]
+_VALUES: list[Any] = [
+    None, True, 0, -1, 1e300, math.inf, 2**70, "", "x" * 33, "\u00e9" * 17, "a\n", "\ud800", "\0", "02:00:00:01:00:01\n", [], {},
+    "0.0.0.0/0", "12345678", "1" * 63, "00" * 33, [[]], {"ssid": "a"}, {"name": "v"}]
 
 
 class Finding(Exception):
@@ -88,8 +91,9 @@ def faults(plan: Plan) -> Iterator[str]:
             yield f"the value {value!r} for {key}, which is more than a line of device.conf"
     if int(plan.device.get("radio_type", 0)) not in BAND_OF_RADIO_TYPE:
         yield "a radio that does not exist"
+    texts = [plan.name, plan.device, plan.settings, [visitor.name for visitor in plan.visitors]]
     try:
-        json.dumps([plan.name, plan.device, plan.settings, [visitor.name for visitor in plan.visitors]], ensure_ascii=False).encode()
+        json.dumps(texts, ensure_ascii=False).encode()
     except UnicodeEncodeError:
         yield "a text that is none"
 
