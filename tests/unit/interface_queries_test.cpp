@@ -5,6 +5,7 @@
 #include <cstring>
 #include <list>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -211,6 +212,23 @@ TEST_F(InterfaceQueries, SaysThatThereIsNoIpv4Address)
     EXPECT_EQ(ip(), "none");
     EXPECT_THAT(log(), ElementsAre(LogLine{LOG_INFO, "utils_get_ip_address: addr_found: 0"},
                                    LogLine{LOG_INFO, "utils_get_ip_address: addr_found: 0"}));
+}
+
+TEST_F(InterfaceQueries, LooksForAnNfsRootInTheFirst499BytesOfTheCommandLine)
+{
+    const auto names_nfs_root = [](const std::string& text) {
+        std::istringstream commandLine(text);
+        return utils_names_nfs_root(commandLine);
+    };
+    const std::string root = "root=/dev/nfs";
+    const std::string before(499 - root.size(), 'x');
+
+    EXPECT_TRUE(names_nfs_root("console=tty0 root=/dev/nfs nfsroot=10.0.0.1:/srv rw\n"));
+    EXPECT_FALSE(names_nfs_root("root=/dev/mmcblk0p2 rw\n"));
+    EXPECT_FALSE(names_nfs_root("rw\nroot=/dev/nfs\n"));
+    EXPECT_FALSE(names_nfs_root(""));
+    EXPECT_TRUE(names_nfs_root(before + root));
+    EXPECT_FALSE(names_nfs_root(before + 'x' + root));
 }
 
 } // namespace
