@@ -45,6 +45,8 @@ class AccessPoint:
         elif verb == "Restart" or not (self._start.busy or self._world.hostapd.running):
             self._leave_air()
             self._world.hostapd.terminate()
+            # hostapd that ends gives the interface back, and its successor takes its time to make it its own.
+            self._world.radio.interface_type = "managed"
             self._start.begin(self._come_up())
 
     def stop(self) -> None:

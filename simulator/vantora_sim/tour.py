@@ -33,9 +33,9 @@ class Guide:
         self._steps = 0
 
     def step(self, title: str) -> None:
-        """Begin a step: what was announced before does not count for it."""
-        self._view.advance(0)
-        self._seen.clear()
+        """Begin a step: what was announced before does not count for it, but for the first, which is about the start."""
+        earlier = self._view.advance(0)
+        self._seen = [] if self._steps > 0 else earlier
         self._steps += 1
         self._say(f"\n{self._steps}. {title}")
 
@@ -101,7 +101,8 @@ def _steps(guide: Guide, home: Network) -> None:
     guide.step("Another SSID, as another program of the device stores it")
     guide.do("store device.deviceName \"Living Room\"")
     device.change_setting("device", "deviceName", "Living Room")
-    guide.expect(changed("SSID", "Living Room"), changed("WiFiAccessPointInitialised", True))
+    # Its value is announced while hostapd starts anew: there may be none just then.
+    guide.expect(changed("SSID"), changed("WiFiAccessPointInitialised", True))
     guide.check("SSID", "Living Room")
 
     guide.step("Switch to station")

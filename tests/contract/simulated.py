@@ -96,6 +96,8 @@ class SharedDevice:
         self.wait_daemon()
         world.loop.call(lambda: world.radio.block(soft=False, hard=False))
         world.set("WiFiState", 1)
+        # While hostapd starts anew the interface is no access point, and a Mode "Client" would be taken for there already.
+        wait_until(device, lambda: not device.coming_up, "whatever is on its way")
         world.set("Mode", mode)
         if mode == "Client":
             wait_until(device, lambda: bool(world.wpa.present), "wpa_supplicant")
