@@ -130,7 +130,8 @@ class World:
     def wait_on_air(self, ssid: str, *, radio: int = 4) -> OnAir:
         """Waits until an access point is on air."""
         self.run(f"ip link set wlan{radio} up")
-        self.guest.wait_until(f"{IN_WORLD} iw dev wlan{radio} scan freq {CHANNELS} flush | grep -x '[[:space:]]*SSID: '{shlex.quote(ssid)}")
+        self.guest.wait_until(f"{IN_WORLD} iw dev wlan{radio} scan freq {CHANNELS} flush | "
+                              f"grep -x '[[:space:]]*SSID: '{shlex.quote(ssid)}")
         found = self.find_on_air(ssid, radio=radio)
         assert found is not None, f"{ssid!r} came on air and went again"
         return found
