@@ -161,10 +161,10 @@ class LiveBusFuzzer:
         assert {name: values[name].value for name in STARTING_STATE} == STARTING_STATE
 
     def _settled_resources(self) -> tuple[int, int]:
-        """What the daemon holds once nothing has changed for a second."""
+        """What the daemon holds once nothing has changed for longer than a listener waits between two looks."""
         since, last = time.monotonic(), self._resources()
         deadline = since + DEADLINE
-        while time.monotonic() < since + 1 and time.monotonic() < deadline:
+        while time.monotonic() < since + 3 and time.monotonic() < deadline:
             time.sleep(0.05)
             now = self._resources()
             if now != last:
