@@ -4,7 +4,6 @@
 from __future__ import annotations
 
 import json
-import subprocess
 import sys
 from datetime import datetime, timezone
 from pathlib import Path
@@ -25,7 +24,7 @@ SHOWN_LINES = 12
 
 def shortened(text: str) -> list[str]:
     """The lines of one piece of evidence, the middle of a long one left out."""
-    lines = [line[:200] for line in text.splitlines() if line] or [""]
+    lines = [line[:200] for line in text.splitlines() if line.strip()] or [""]
     if len(lines) > SHOWN_LINES:
         return [*lines[: SHOWN_LINES - 3], f"… {len(lines) - SHOWN_LINES + 1} lines …", *lines[-2:]]
     return lines
@@ -57,12 +56,12 @@ def figures(results: list[dict[str, Any]]) -> list[str]:
 def main(evidence: Path, page: Path) -> None:
     """Writes the page, chapters in a fixed order."""
     results = [json.loads(path.read_text()) for path in sorted(evidence.glob("*.json"))]
-    commit = subprocess.run(["git", "rev-parse", "--short=12", "HEAD"], capture_output=True, text=True).stdout.strip()
+    commit = Path("build/packages/armhf/commit")
     passed = sum(result["outcome"] == "passed" for result in results)
     lines = ["# What a booted device showed", "",
-             f"Commit {commit or 'unknown'}, {datetime.now(timezone.utc):%Y-%m-%d %H:%M} UTC: {passed} of {len(results)} "
+             f"Packages of commit {commit.read_text()[:12] if commit.exists() else 'unknown'}, {datetime.now(timezone.utc):%Y-%m-%d %H:%M} UTC: {passed} of {len(results)} "
              "scenarios passed. Written by `scripts/test-device`.", "",
-             "`bus` is what the daemon's and the settings daemon's objects said, `log` the journal with the seconds since "
+             "`bus` is what the daemon's and the settings daemon's objects said, `log` the journal with the seconds since",
              "the machine's start, `tool` what other programs saw.", "", *figures(results)]
     for module in sorted({result["module"] for result in results}, key=lambda name: [*TITLES, name].index(name)):
         lines += [f"## {TITLES.get(module, module)}", ""]

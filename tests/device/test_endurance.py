@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import json
 from dataclasses import dataclass
 
 from bench import Device, World
@@ -91,9 +92,11 @@ def test_a_daemon_restarted_as_a_station_reads_its_state_back(device: Device, wo
 
 def test_the_daemon_costs_little(device: Device) -> None:
     """Time to READY, memory, size and wake-ups, measured where nothing else happens."""
-    started, ready = (int(line) / 1e6 for line in device.see(
-        "systemctl show --value --property=ExecMainStartTimestampMonotonic --property=ActiveEnterTimestampMonotonic "
-        "vantora-network").split())
+    started = int(device.see("systemctl show --value --property=ExecMainStartTimestampMonotonic vantora-network")) / 1e6
+    # The first thing after READY; systemd itself counts what the unit runs after the start, too.
+    first = json.loads(device.see("journalctl --identifier=vantora-network --output=json --output-fields=MESSAGE | "
+                                  "grep -m 1 -F 'Setup initial WiFi mode'"))
+    ready = int(first["__MONOTONIC_TIMESTAMP"]) / 1e6
     device.evidence.figure("start of the process to READY", f"{ready - started:.2f} s")
     device.evidence.figure("start of the kernel to READY", f"{ready:.1f} s")
 
