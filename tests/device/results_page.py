@@ -56,10 +56,11 @@ def figures(results: list[dict[str, Any]]) -> list[str]:
 def main(evidence: Path, page: Path) -> None:
     """Writes the page, chapters in a fixed order."""
     results = [json.loads(path.read_text()) for path in sorted(evidence.glob("*.json"))]
-    commit = Path("build/packages/armhf/commit")
+    noted = Path("build/packages/armhf/commit")
+    commit = noted.read_text()[:12] if noted.exists() else "unknown"
     passed = sum(result["outcome"] == "passed" for result in results)
     lines = ["# What a booted device showed", "",
-             f"Packages of commit {commit.read_text()[:12] if commit.exists() else 'unknown'}, {datetime.now(timezone.utc):%Y-%m-%d %H:%M} UTC: {passed} of {len(results)} "
+             f"Packages of commit {commit}, {datetime.now(timezone.utc):%Y-%m-%d %H:%M} UTC: {passed} of {len(results)} "
              "scenarios passed. Written by `scripts/test-device`.", "",
              "`bus` is what the daemon's and the settings daemon's objects said, `log` the journal with the seconds since",
              "the machine's start, `tool` what other programs saw.", "", *figures(results)]
