@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import asyncio
+import socket
 from collections.abc import Awaitable, Callable
 from dataclasses import dataclass
 from typing import Any
@@ -39,9 +40,24 @@ class Call:
     sender: str
 
 
+class _PatientSocket:
+    """A full socket takes nothing for the moment; the library's writer would give its connection up for that."""
+
+    def __init__(self, connection: socket.socket) -> None:
+        self._connection = connection
+
+    def send(self, data: memoryview) -> int:
+        """Bytes that were taken."""
+        try:
+            return self._connection.send(data)
+        except BlockingIOError:
+            return 0
+
+
 async def connect(address: str) -> MessageBus:
     """Open a connection to the bus at this address."""
     bus = await MessageBus(bus_address=address).connect()
+    bus._writer.sock = _PatientSocket(bus._sock)  # no descriptors are sent over it
     # A lost connection is seen where it matters; nobody needs the library's own complaint about it.
     lost = asyncio.ensure_future(bus.wait_for_disconnect())
     lost.add_done_callback(lambda future: future.cancelled() or future.exception())
