@@ -49,6 +49,11 @@ def test_the_daemons_unit_waits_for_ready_and_starts_it_anew_whatever_ended_it(i
     assert service["Environment"] == "XDG_RUNTIME_DIR=/run/user/0"
 
 
+def test_the_daemons_unit_has_a_station_take_up_its_connection_again(installed: Path) -> None:
+    service = unit(the_only(installed, "vantora-network.service"))["Service"]
+    assert service["ExecStartPost"] == "-/sbin/wpa_cli -i wlan0 reattach"  # the minus: no station, no harm
+
+
 def test_the_daemons_unit_leaves_it_the_real_tmp_where_hostapd_answers(installed: Path) -> None:
     assert unit(the_only(installed, "vantora-network.service"))["Service"].get("PrivateTmp", "no") == "no"
 
