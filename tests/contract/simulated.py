@@ -98,6 +98,9 @@ class SharedDevice:
         world.set("WiFiState", 1)
         # While hostapd starts anew the interface is no access point, and a Mode "Client" would be taken for there already.
         wait_until(device, lambda: not device.coming_up, "whatever is on its way")
+        if mode == "Client" and world.get("Mode") == mode and not world.wpa.present:
+            world.set("Mode", "Host")  # a switch that failed half-way: nothing runs, and the interface is a station's
+            wait_until(device, lambda: not device.coming_up, "the way out of a failed switch")
         world.set("Mode", mode)
         if mode == "Client":
             wait_until(device, lambda: bool(world.wpa.present), "wpa_supplicant")

@@ -78,6 +78,13 @@ const Answer success = {};
 class SettingsdTest : public testing::Test
 {
 protected:
+    /** Whatever was asked of it, it ends as it should; one that has been waited for has been looked at. */
+    void TearDown() override
+    {
+        constexpr int kWaitedForAlready = -1;
+        EXPECT_THAT(daemon != nullptr ? stop(SIGTERM) : 0, testing::AnyOf(0, kWaitedForAlready));
+    }
+
     void start(const std::function<void()>& prepare = {})
     {
         daemon = std::make_unique<ChildProcess>(
