@@ -187,9 +187,12 @@ def main() -> int:
     caught = 0
     for fault in faults:
         began = time.monotonic()
-        by = check(tree, fault)
+        try:
+            by = check(tree, fault)
+            verdict = f"caught by {by}" if by else "NOT CAUGHT"
+        except Failure as failure:
+            by, verdict = None, f"NOT CHECKED, {failure}"
         caught += by is not None
-        verdict = f"caught by {by}" if by else "NOT CAUGHT"
         print(f"{verdict}: {fault.name} ({fault.file}, {time.monotonic() - began:.0f} s)", flush=True)
     print(f"{caught} passed, {len(faults) - caught} failed")
     return 0 if caught == len(faults) else 1

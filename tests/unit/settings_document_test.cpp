@@ -138,4 +138,9 @@ TEST(Salvage, TakesNothingFromOtherPlacesThanSettings)
     EXPECT_EQ(salvage(R"([{"network": {"enabled": true}}, )"), json::object());
 }
 
+TEST(Salvage, TakesNumbersBelowZeroToo)
+{
+    EXPECT_EQ(salvage(R"({"display": {"brightness": -7}, )"), json({{"display", {{"brightness", -7}}}}));
+}
+
 } // namespace
