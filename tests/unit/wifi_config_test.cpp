@@ -160,7 +160,7 @@ TEST_F(ReadWifiConfig, StopsAtAnUnreadableEnabled)
     EXPECT_FALSE(read_wifi_config(config));
     EXPECT_THAT(asked, ElementsAre("get network.enabled"));
     EXPECT_THAT(captured_log().lines(), ElementsAre(info("Read settings from Settings Daemon"),
-                                                  warning("Failed to get 'enabled' setting")));
+                                                    warning("Failed to get 'enabled' setting")));
 }
 
 TEST_F(ReadWifiConfig, StopsAtAnUnreadableModeWithEnabledFilled)
@@ -185,7 +185,7 @@ TEST_F(ReadWifiConfig, StopsAtAnUnreadableBandWithEnabledAndModeFilled)
     EXPECT_EQ(config.mode, WifiMode::Client);
     EXPECT_THAT(asked, ElementsAre("get network.enabled", "get network.mode", "get network.frequency"));
     EXPECT_THAT(captured_log().lines(), ElementsAre(info("Read settings from Settings Daemon"),
-                                                  warning("Failed to get 'frequency' setting")));
+                                                    warning("Failed to get 'frequency' setting")));
 }
 
 TEST_F(ReadWifiConfig, AnUnsetBandIsNotReplacedByTheDefaultOne)
@@ -194,7 +194,7 @@ TEST_F(ReadWifiConfig, AnUnsetBandIsNotReplacedByTheDefaultOne)
     WifiConfig config;
     EXPECT_FALSE(read_wifi_config(config));
     EXPECT_THAT(captured_log().lines(), ElementsAre(info("Read settings from Settings Daemon"),
-                                                  warning("Got unknown WiFi frequency band ''")));
+                                                    warning("Got unknown WiFi frequency band ''")));
 }
 
 TEST_F(ReadWifiConfig, AnUnknownBandIsAFailureThatNamesTheValue)
@@ -203,7 +203,7 @@ TEST_F(ReadWifiConfig, AnUnknownBandIsAFailureThatNamesTheValue)
     WifiConfig config;
     EXPECT_FALSE(read_wifi_config(config));
     EXPECT_THAT(captured_log().lines(), ElementsAre(info("Read settings from Settings Daemon"),
-                                                  warning("Got unknown WiFi frequency band '5.0'")));
+                                                    warning("Got unknown WiFi frequency band '5.0'")));
 }
 
 TEST_F(ReadWifiConfig, AnUnreadableDeviceNameLeavesTheThreeOthersFilled)
@@ -216,8 +216,8 @@ TEST_F(ReadWifiConfig, AnUnreadableDeviceNameLeavesTheThreeOthersFilled)
     EXPECT_EQ(config.band, WifiBand::Band5GHz);
     EXPECT_EQ(config.hostSsid, "");
     EXPECT_THAT(captured_log().lines(), ElementsAre(info("Read settings from Settings Daemon"),
-                                                  warning("Failed to get 'deviceName' setting"),
-                                                  warning("Failed to fetch host ssid")));
+                                                    warning("Failed to get 'deviceName' setting"),
+                                                    warning("Failed to fetch host ssid")));
 }
 
 TEST_F(SafeWifiConfig, IsAnAccessPointThatIsOnWithTheDefaultSsid)
@@ -332,8 +332,8 @@ TEST_F(SettingReaders, LeaveTheirResultUntouchedWhenTheSettingCanNotBeRead)
     EXPECT_EQ(frequency, "untouched");
     EXPECT_EQ(name, "untouched");
     EXPECT_THAT(captured_log().lines(), ElementsAre(warning("Failed to get 'mode' setting"),
-                                                  warning("Failed to get 'frequency' setting"),
-                                                  warning("Failed to get 'deviceName' setting")));
+                                                    warning("Failed to get 'frequency' setting"),
+                                                    warning("Failed to get 'deviceName' setting")));
 }
 
 TEST_F(SettingWriters, WriteOneSettingEachWithoutLookingAtTheValue)
@@ -367,9 +367,9 @@ TEST_F(SettingWriters, AFailureIsAWarningThatNamesTheSetting)
     EXPECT_FALSE(settings_set_frequency("5"));
     EXPECT_FALSE(settings_set_device_name("Cellar"));
     EXPECT_THAT(captured_log().lines(), ElementsAre(warning("Failed to set 'enabled' setting"),
-                                                  warning("Failed to set 'mode' setting"),
-                                                  warning("Failed to set 'frequency' setting"),
-                                                  warning("Failed to set 'deviceName' setting")));
+                                                    warning("Failed to set 'mode' setting"),
+                                                    warning("Failed to set 'frequency' setting"),
+                                                    warning("Failed to set 'deviceName' setting")));
 }
 
 TEST_F(DefaultSsid, IsTheModelAndWhatFollowsTheFirstHyphenOfTheSerialNumber)
