@@ -49,6 +49,7 @@ class SimulatedDevice:
         self.world.follow_units = False
         self.world.hostapd.before_event = None
         self.world.hostapd.spacing = _BETWEEN_EVENTS
+        self.world.systemd.forget_wired_dhcp_server()
         radio_type = int({**DEVICE, **plan.device}["radio_type"])
         self.air = Air(plan.networks, BAND_OF_RADIO_TYPE.get(radio_type, ("2.4",)))
         self.access_point = AccessPoint(self.world, plan.visitors)

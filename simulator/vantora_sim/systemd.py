@@ -35,6 +35,11 @@ class Systemd(DBusFake):
         """Awaited on the loop before a job is answered, with the verb ("Start", "Restart", "Stop") and the unit."""
         self._next_job = 1
 
+    def forget_wired_dhcp_server(self) -> None:
+        """As after a first boot: its file lies outside the folders of units, so its name is known once it has been enabled."""
+        self.active.pop(units.WIRED_DHCP_SERVER, None)
+        self.unit_files.discard(units.WIRED_DHCP_SERVER)
+
     def subjects(self, call: Call) -> tuple[str, ...]:
         if call.path == MANAGER_PATH:
             first = call.args[0] if call.args else ""
@@ -78,19 +83,26 @@ class Systemd(DBusFake):
         for file in files:
             if file not in self.unit_files:
                 raise CallRefused("org.freedesktop.systemd1.NoSuchUnit", f"Unit file {file} does not exist.")
-        self.enabled.update(file.rsplit("/", 1)[-1] for file in files)
+        for file in files:
+            name = file.rsplit("/", 1)[-1]
+            self.enabled.add(name)
+            self.unit_files.add(name)
+            self.active.setdefault(name, False)
         return "ba(sss)", [False, []]
 
     def _disable(self, files: list[str]) -> tuple[str, list[Any]]:
         for file in files:
             if file.startswith("/"):
                 raise CallRefused("org.freedesktop.systemd1.BadUnitSetting", "Unit name is not valid.")
+            if file not in self.unit_files:
+                raise CallRefused("org.freedesktop.systemd1.NoSuchUnit", f"Unit file {file} does not exist.")
         self.enabled.difference_update(files)
         return "a(sss)", [[]]
 
     async def _job(self, verb: str, unit: str) -> tuple[str, list[Any]]:
         if unit not in self.active:
-            raise CallRefused("org.freedesktop.systemd1.NoSuchUnit", f"Unit {unit} not found.")
+            problem = "not loaded" if verb == "Stop" else "not found"
+            raise CallRefused("org.freedesktop.systemd1.NoSuchUnit", f"Unit {unit} {problem}.")
         self.active[unit] = verb != "Stop"
         for hook in self.on_job:
             await hook(verb, unit)

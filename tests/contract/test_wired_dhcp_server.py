@@ -247,3 +247,22 @@ def test_reaction_that_hangs_does_not_hold_up_the_end_of_the_process(still_world
     assert world.daemon.stop() == 0
     assert time.monotonic() - asked < 4, "held up by the call to systemd"
     assert world.journal.count(log(text=re.compile("^Successfully|^Failed")), mark) == 0
+
+
+def test_a_server_that_was_never_enabled_is_not_known_by_name_until_it_is(still_world: World) -> None:
+    world = still_world
+    world.systemd.forget_wired_dhcp_server()
+    mark = world.journal.mark()
+    world.add_address("10.0.9.1/24", "lo")
+    world.journal.expect_logs_in_order([
+        event("lo", "10.0.9.1", "Added"),
+        LOADED,
+        job_failed_log("Stop", WIRED_DHCP_SERVER, "Unit udhcpd_eth0.service not loaded. (r = -2)"),
+        *disable_failed(-2),
+    ], mark)
+    mark = world.journal.mark()
+    world.add_address("10.0.0.1/24", "eth0")
+    world.journal.wait_for(log(*STARTED), mark)
+    mark = world.journal.mark()
+    world.remove_address("10.0.0.1/24", "eth0")
+    world.journal.wait_for(log(*STOPPED), mark)

@@ -1,10 +1,12 @@
 #include "utils/shell_process.hpp"
 
+#include <cerrno>
 #include <csignal>
 #include <string>
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 
 #include "utils/unique_fd.hpp"
 
@@ -71,6 +73,14 @@ TEST(ShellPipe, EndsACommandThatNobodyReadsAnyMore)
 {
     ShellPipe pipe("yes");
     EXPECT_EQ(pipe.read(2), "y\n");
+}
+
+TEST(ShellPipe, LeavesNoChildBehind)
+{
+    ShellPipe("true").read(1);
+    ShellPipe("exit 3").read(1);
+    EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
+    EXPECT_EQ(errno, ECHILD);
 }
 
 TEST(ShellPipe, YieldsNothingFromACommandThatFails)
