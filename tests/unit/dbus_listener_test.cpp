@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -422,6 +423,24 @@ TEST_F(DbusListenerTest, KeepsTryingUntilTheBusIsBack)
         emit(source.get(), "after");
         return !heard.empty();
     }));
+}
+
+TEST_F(DbusListenerTest, WaitsLongerForTheSecondAttempt)
+{
+    using Clock = std::chrono::steady_clock;
+    DbusListener listener(loop.get());
+    listen(listener);
+    const Clock::time_point lost = Clock::now();
+    lose_bus(listener);
+    // All that can happen in the loop now is the first attempt, after a second, which finds no bus.
+    ASSERT_GT(sd_event_run(loop.get(), std::uint64_t{30} * 1000 * 1000), 0);
+    bus.start();
+    const BusPtr source = connect_as_sender();
+    ASSERT_TRUE(loop.run_until([&] {
+        emit(source.get(), "hello");
+        return !heard.empty();
+    }));
+    EXPECT_GE(Clock::now() - lost, std::chrono::seconds(3));
 }
 
 TEST_F(DbusListenerTest, AcceptsARuleWhileTheBusIsAwayAndHearsItLater)
