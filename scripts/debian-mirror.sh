@@ -12,9 +12,11 @@ debian_sources() {
     local release uri
     for release in bookworm bookworm-updates; do
         uri="$(awk -v release="$release" '$1 == release { print $2; exit }' <<<"$targets")"
-        # A machine that is no Debian 12, or one whose mirror offers no updates.
-        [[ -n "$uri" ]] || uri=http://deb.debian.org/debian
-        printf 'deb %s %s main\n' "$uri" "$release"
+        if [[ -n "$uri" ]]; then
+            printf 'deb %s %s main\n' "$uri" "$release"
+        elif [[ "$release" == bookworm ]]; then
+            die "apt has no sources of Debian 12 (bookworm) here: packages for a device are made of those"
+        fi
     done
 }
 
