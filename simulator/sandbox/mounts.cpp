@@ -109,7 +109,7 @@ void make_devices(const std::vector<DetachedMount>& devices)
 
 void make_etc(bool user_namespace)
 {
-    std::string options = "lowerdir=/etc,upperdir=/run/sim/etc/upper,workdir=/run/sim/etc/work";
+    std::string options = "lowerdir=/etc,upperdir=/run/sim/etc/upper,workdir=/run/sim/etc/scratch";
     if (user_namespace) {
         options += ",userxattr";
     }

@@ -77,7 +77,7 @@ def _make_work_folder() -> Path:
 
 def _remove_tree(work: Path) -> None:
     """Remove a world's folder, with the folder that the kernel's layer over /etc has locked for itself."""
-    locked = work / "run/sim/etc/work/work"
+    locked = work / "run/sim/etc/scratch/work"
     if locked.exists():
         locked.chmod(0o700)
     shutil.rmtree(work, ignore_errors=True)
@@ -143,7 +143,7 @@ class World:
 
     def _furnish(self) -> None:
         run = self.work / "run"
-        for folder in (run / "sim/etc/upper/korrin", run / "sim/etc/upper/wpa_supplicant", run / "sim/etc/work", self.work / "tmp"):
+        for folder in (run / "sim/etc/upper/korrin", run / "sim/etc/upper/wpa_supplicant", run / "sim/etc/scratch", self.work / "tmp"):
             folder.mkdir(parents=True)
         for folder in (run, self.work / "tmp"):
             folder.chmod(0o755)
