@@ -114,12 +114,11 @@ class StationSide:
     async def _come_up(self) -> None:
         await asyncio.sleep(_LAUNCH)
         wpa = self._world.wpa
-        wpa.forget_everything()
         wpa.bss.clear()
         self._world.radio.station_running = True
         if self._world.radio.interface_type != "AP":
             self._world.radio.interface_type = "managed"
-        await wpa.open(self._world.system_bus.address)
+        await wpa.start(self._world.system_bus.address)
         self._world.systemd.states.pop(STATION, None)
         self._link.begin(self._rest())
 

@@ -386,8 +386,7 @@ class World:
             if verb != "Start":
                 await self.wpa.close()
             if verb != "Stop" and not self.wpa.present:
-                self.wpa.forget_everything()
-                await self.wpa.open(self.system_bus.address)
+                await self.wpa.start(self.system_bus.address)
             self.radio.station_running = verb != "Stop"
             self.radio.station_ssid = None
             self.radio.station_state = "DISCONNECTED"

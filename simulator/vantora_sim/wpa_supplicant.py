@@ -107,11 +107,18 @@ class WpaSupplicant(DBusFake):
         """Send its own PropertiesChanged with any body."""
         self.emit(path, INTERFACE, "PropertiesChanged", signature, body)
 
-    def forget_everything(self) -> None:
-        """The state of a process that has just started: no network configured, nothing joined."""
+    def start_anew(self) -> None:
+        """Come back as a process that has just started."""
+        self._loop.run(self.start(self.address))
+
+    # Life on the loop
+
+    async def start(self, address: str) -> None:
+        """Begin as a new process does: no network configured, nothing joined, and "disconnected" reported once it is there."""
         self.networks.clear()
-        self.state = "disconnected"
         self.current_bss = NO_BSS
+        await self.open(address)
+        self.report_state("disconnected")
 
     # Answers
 

@@ -5,7 +5,7 @@ from __future__ import annotations
 from collections.abc import Callable
 from typing import Any
 
-from vantora_sim import CallRefused, Pattern, Variant, World, call, command, log, unit_path
+from vantora_sim import CallRefused, Pattern, Variant, World, call, changed, command, log, unit_path
 
 STATION = "/fi/w1/wpa_supplicant1/Interfaces/1"
 INTERFACE = "fi.w1.wpa_supplicant1.Interface"
@@ -43,9 +43,24 @@ DHCP_RESTART_LOGS = [
 
 
 def bring_up_station(world: World) -> None:
-    """Start the daemon on a device whose stored mode is "Client", and wait until it is up."""
+    """Start the daemon on a device whose stored mode is "Client"; return when it is up and knows the state of wpa_supplicant."""
     world.settings.set("network", "mode", "Client")
     world.up()
+    wait_first_state(world)
+
+
+def bring_up_scanning(world: World) -> None:
+    """As bring_up_station(), and wpa_supplicant has reported "scanning" since, so that "disconnected" is news."""
+    bring_up_station(world)
+    world.wpa.report_state("scanning")
+    wait_logged(world, *state_log("disconnected", "scanning"), 0)
+    world.settle()
+
+
+def wait_first_state(world: World, since: int = 0) -> None:
+    """Wait until the daemon has dealt with what a wpa_supplicant reports that has just started."""
+    world.journal.wait_for(changed("WiFiClientState", "disconnected"), since)
+    world.settle()
 
 
 def network(number: int) -> str:

@@ -6,12 +6,15 @@ from collections.abc import Callable
 from typing import Any
 
 import pytest
-from station import bring_up_station, refusal
+from station import bring_up_scanning, bring_up_station, refusal
 from vantora_sim import World, changed, log, signal
 
 MAC = "02:00:00:00:30:01"
 
 Change = tuple[str, Any]
+
+OF_A_SWITCH = ("IPAddress", "WiFiAccessPointInitialised", "WiFiClientState")
+"""What the neighbours report of a switch of modes, each on its own thread."""
 
 
 def announced(world: World, act: Callable[[], Any], *expected: Change, apart_from: tuple[str, ...] = ()) -> None:
@@ -44,7 +47,7 @@ def test_deferred_start_up(world: World) -> None:
 
 
 def test_deferred_start_up_as_a_station(world: World) -> None:
-    announced(world, lambda: bring_up_station(world), ("WiFiState", 1), ("Mode", "Client"))
+    announced(world, lambda: bring_up_station(world), ("WiFiState", 1), ("Mode", "Client"), apart_from=("WiFiClientState",))
 
 
 def test_deferred_start_up_with_the_radio_off(world: World) -> None:
@@ -83,7 +86,7 @@ def test_radio_that_is_on_already_or_can_not_be_switched(world: World) -> None:
 
 def test_mode_switched(world: World) -> None:
     bring_up_access_point(world)
-    announced(world, lambda: world.set("Mode", "Client"), ("Mode", "Client"), apart_from=("IPAddress", "WiFiAccessPointInitialised"))
+    announced(world, lambda: world.set("Mode", "Client"), ("Mode", "Client"), apart_from=OF_A_SWITCH)
 
 
 def test_mode_that_is_so_already_or_is_stored_only(world: World) -> None:
@@ -121,10 +124,8 @@ def test_connect_that_succeeds_announces_nothing_yet(world: World) -> None:
 
 
 def test_connect_that_fails_at_selecting(world: World) -> None:
-    bring_up_station(world)
+    bring_up_scanning(world)
     world.wpa.refuse("SelectNetwork")
-    world.wpa.report_state("scanning")
-    world.journal.wait_for(log("info", "[WPA Supplicant] State change: '' -> 'scanning'"))
     announced(world, lambda: refusal(lambda: world.call("Connect", "ss", ["cafe", "secret12"])), ("WiFiClientState", "scanning"))
 
 
@@ -154,7 +155,7 @@ def test_scan(world: World) -> None:
 
 @pytest.mark.parametrize("state", ["disconnected", "failed"])
 def test_station_state(world: World, state: str) -> None:
-    bring_up_station(world)
+    bring_up_scanning(world)
     announced(world, lambda: world.wpa.report_state(state), ("WiFiClientState", state))
 
 
@@ -189,7 +190,7 @@ def test_address_of_wlan0(world: World) -> None:
 def test_settings_changed_by_another_program(world: World, section: str, setting: dict[str, Any], expected: list[Change]) -> None:
     bring_up_access_point(world)
     announced(world, lambda: world.settings.change(section, **setting), *expected,
-              apart_from=("IPAddress", "WiFiAccessPointInitialised"))
+              apart_from=OF_A_SWITCH)
 
 
 def test_settings_changed_to_nothing_known(world: World) -> None:

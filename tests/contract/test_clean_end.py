@@ -9,20 +9,31 @@ import time
 from collections.abc import Callable
 
 import pytest
+from station import wait_first_state
 from vantora_sim import DEADLINE, Process, Variant, World, call, command, hostapd_request, log, notify, unit_path
 
 LIMIT = 1.0
+NAP = 0.01
 
 
 def seconds_to_end(daemon: Process, cause: Callable[[], None]) -> float:
-    """Seconds from the cause to the end of the process, as the kernel tells it."""
+    """Seconds from the cause to the end of the process, as the kernel tells it.
+
+    Without those that a busy machine keeps its processes waiting: the daemon's last step is a timer, and what other timers
+    are late by meanwhile is measured beside it.
+    """
     descriptor = os.pidfd_open(daemon.pid)
     try:
         begin = time.monotonic()
         cause()
-        ended, _, _ = select.select([descriptor], [], [], DEADLINE)
-        assert ended, "the daemon does not end"
-        return time.monotonic() - begin
+        late = 0.0
+        while True:
+            nap = time.monotonic()
+            ended, _, _ = select.select([descriptor], [], [], NAP)
+            if ended:
+                return time.monotonic() - begin - late
+            late += time.monotonic() - nap - NAP
+            assert time.monotonic() - begin < DEADLINE, "the daemon does not end"
     finally:
         os.close(descriptor)
 
@@ -43,6 +54,8 @@ def test_an_idle_daemon_ends_in_the_middle_of_its_listeners_waits(world: World, 
     if mode == "Host":
         world.hostapd.wait_attached()
         assert any(name.startswith("wpa_ctrl_") for name in os.listdir(world.sandbox.path("/tmp")))
+    else:
+        wait_first_state(world)
     mark = world.journal.mark()
     assert_ends_in_time(world, lambda: daemon.send_signal(number))
     assert not world.name_owned()

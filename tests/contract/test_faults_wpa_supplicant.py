@@ -10,7 +10,7 @@ from fault_requests import (ACCESS_POINTS, ADD_NETWORK, CONNECT, CONNECT_OPENING
                             NETWORK_ADDED, NOT_CONNECTED, SCAN, select, still_station)
 from faults import (ABSENT, DIES, FLOODS, GARBAGE, HANGS, REAL_TIMEOUT, REFUSES, RESTARTS, SHORT, SHORT_TIMEOUT, WRONG_TYPE, Asked,
                     Line, Neighbour, Row, check, try_row)
-from station import network
+from station import network, wait_first_state
 from supervisor import Supervisor
 from vantora_sim import DEADLINE, Variant, World, call, changed, log
 
@@ -78,8 +78,9 @@ def start_again(world: World) -> None:
     """A network is selected, then wpa_supplicant starts anew and knows of nothing."""
     CONNECT.ask(world)
     world.wpa.go()
-    world.wpa.forget_everything()
-    world.wpa.come_back()
+    mark = world.journal.mark()
+    world.wpa.start_anew()
+    wait_first_state(world, mark)
     world.wpa.state = "completed"
 
 
@@ -136,6 +137,7 @@ NEIGHBOUR = Neighbour("wpa_supplicant", ABOUT, [
 def test_fault(world: World, row: Row) -> None:
     try_row(world, row, NEIGHBOUR.prepare)
     mark = world.journal.mark()
+    world.wpa.report_state("scanning")
     world.wpa.report_state("disconnected")
     world.journal.wait_for(changed("WiFiClientState", "disconnected"), mark)
 

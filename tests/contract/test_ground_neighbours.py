@@ -221,6 +221,20 @@ def test_station_daemon_comes_and_goes_with_its_unit_under_both_names(world: Wor
     assert world.sandbox.sh("wpa_cli status").status == 255
 
 
+def test_station_daemon_that_starts_knows_nothing_and_says_that_it_is_disconnected(world: World) -> None:
+    path, interface = "/fi/w1/wpa_supplicant1/Interfaces/1", "fi.w1.wpa_supplicant1.Interface"
+    state = {"State": {"type": "s", "data": "disconnected"}}
+    for verb in ("Start", "Restart"):
+        monitor = start_monitor(world, "--system", "member='PropertiesChanged'")
+        world.sandbox.sh(unit_job(verb, "wpa_supplicant-nl80211@wlan0.service"))
+        wait_for_text(lambda monitor=monitor: monitor.stdout, f'"interface":"{interface}"')
+        monitor.stop()
+        assert seen_signals(monitor) == [
+            (path, "PropertiesChanged", [interface, state, []]), (path, "PropertiesChanged", [state])]
+        assert world.wpa.networks == {}
+        assert world.sandbox.sh(f"busctl --system call {STATION} AddNetwork 'a{{sv}}' 1 ssid s net").status == 0
+
+
 def test_networks_are_added_selected_and_removed_as_sent(world: World) -> None:
     world.wpa.come_back()
     add = f"busctl --system call {STATION} AddNetwork 'a{{sv}}'"

@@ -8,6 +8,7 @@ import pytest
 from vantora_sim import CallRefused, World, changed, log
 
 from properties import Reading, read
+from station import bring_up_station
 
 RFKILL = "rfkill list wlan"
 TYPE = "iw dev wlan0 info"
@@ -101,13 +102,12 @@ def test_values_in_host_mode(world: World) -> None:
 
 
 def test_values_in_client_mode(world: World) -> None:
-    world.settings.set("network", "mode", "Client")
-    world.up()
+    bring_up_station(world)
     world.wpa.add_bss(b"cafe", signal=-70, privacy=False, key_mgmt=())
     world.wpa.add_bss(b"net", signal=-40)
     mark = world.journal.mark()
     world.wpa.report_state("associating")
-    world.journal.wait_for(log("info", "[WPA Supplicant] State change: '' -> 'associating'"), mark)
+    world.journal.wait_for(log("info", "[WPA Supplicant] State change: 'disconnected' -> 'associating'"), mark)
     world.radio.station_ssid = b"net"
     world.settle()
     found = [["net", 1, -40, True], ["cafe", 0, -70, False]]

@@ -6,7 +6,7 @@ import os
 from pathlib import Path
 
 import pytest
-from station import bring_up_station
+from station import bring_up_scanning, bring_up_station
 from vantora_sim import Variant, World, changed
 from vantora_sim.client import INTERFACE, PATH, SERVICE
 from vantora_sim.sandbox import Completed
@@ -81,7 +81,7 @@ def test_the_system_bus_offers_no_object_of_the_daemon_to_anybody(world: World) 
 
 
 def test_signals_that_another_user_sends_in_wpa_supplicants_stead_are_not_heard(world: World) -> None:
-    bring_up_station(world)
+    bring_up_scanning(world)
     mark = world.journal.mark()
     station = "/fi/w1/wpa_supplicant1/Interfaces/1 fi.w1.wpa_supplicant1.Interface PropertiesChanged a{sv} 1 State s completed"
     for name in names_of_the_daemon(world):

@@ -155,9 +155,13 @@ def test_wpa_supplicant_of_a_stopped_unit_is_gone_and_comes_back_new(client: Sim
     connect(client)
     client.world.set("Mode", "Host")
     assert active_state(client, STATION) == "inactive"
+    mark = client.world.journal.mark()
     client.world.set("Mode", "Client")
     wait_until(client, lambda: client.world.wpa.present, "wpa_supplicant")
     assert (client.world.wpa.networks, client.world.wpa.bss) == ({}, {})
+    wait_for_state(client, "disconnected", mark)
+    wait_for_state(client, "inactive", mark)
+    assert state_words(client, mark) == ["disconnected", "inactive"]
     assert client.world.get("AccessPoints") == []
 
 

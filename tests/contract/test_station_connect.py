@@ -124,7 +124,7 @@ def test_a_refused_select_removes_the_network_and_announces_the_state(world: Wor
 
     world.journal.expect_in_order([
         add_network_call("cafe", "secret12"), station_call("SelectNetwork", network(0)),
-        station_call("RemoveNetwork", network(0)), *radio_checks(), changed("WiFiClientState", "", alone=True)], mark)
+        station_call("RemoveNetwork", network(0)), *radio_checks(), changed("WiFiClientState", "disconnected", alone=True)], mark)
     world.settle()
     assert world.journal.logs(mark) == [
         *OPENING, *FLUSHING, *adding("cafe", "secret12", network(0)), *selecting(network(0)),
@@ -132,7 +132,7 @@ def test_a_refused_select_removes_the_network_and_announces_the_state(world: Wor
         ("err", "[Main] connect_to_ap: Failed to connect to AP"),
         ("info", f"[WPA] Remove network: {network(0)}"),
         ("info", "Get 'WiFiClientState' property")]
-    assert world.journal.changes(mark) == [("WiFiClientState", "")]
+    assert world.journal.changes(mark) == [("WiFiClientState", "disconnected")]
     assert world.wpa.networks == {}
 
 
@@ -164,7 +164,7 @@ def test_a_refused_network_fails_at_its_empty_path(world: World, ssid: str, pass
         ("info", "[WPA] Remove network: "),
         ("err", "[WPA] wpa_supplicant_remove_network: Failed to call dbus method"),
         ("info", "Get 'WiFiClientState' property")]
-    assert world.journal.changes(mark) == [("WiFiClientState", "")]
+    assert world.journal.changes(mark) == [("WiFiClientState", "disconnected")]
     sent = [entry.member for entry in world.journal.since(mark) if entry.kind == "call"]
     assert sent == ["AddNetwork"], "an empty path is no object path and never reaches the bus"
 

@@ -49,8 +49,7 @@ def test_a_station_that_comes_back_is_used_at_once(world: World) -> None:
     connect(world)
     world.wpa.go()
     refusal(lambda: connect(world))
-    world.wpa.forget_everything()
-    world.wpa.come_back()
+    world.wpa.start_anew()
     mark = world.journal.mark()
     connect(world)
     assert world.call("Scan") == []
@@ -62,8 +61,7 @@ def test_a_network_that_a_restart_has_taken_is_removed_in_vain_and_forgotten(wor
     bring_up_station(world)
     connect(world)
     world.wpa.go()
-    world.wpa.forget_everything()
-    world.wpa.come_back()
+    world.wpa.start_anew()
     mark = world.journal.mark()
     connect(world)
     world.settle()
@@ -98,8 +96,8 @@ def test_a_station_that_vanishes_in_the_middle_of_a_call_leaves_no_caller_waitin
     world.settle()
     assert world.journal.logs(mark) == expected
     world.wpa.come_back()
-    world.wpa.report_state("disconnected")
-    world.journal.wait_for(changed("WiFiClientState", "disconnected"), mark)
+    world.wpa.report_state("completed")
+    world.journal.wait_for(changed("WiFiClientState", "completed"), mark)
     assert world.call("Scan") == []
 
 
@@ -212,7 +210,7 @@ def test_a_restarted_system_bus_is_followed(world: World) -> None:
     world.wpa.come_back()
     mark = world.journal.mark()
     deadline = time.monotonic() + DEADLINE
-    while not world.journal.count(log("info", state_log("", "scanning")[1]), mark):
+    while not world.journal.count(log("info", state_log("disconnected", "scanning")[1]), mark):
         assert time.monotonic() < deadline, world.journal.dump()
         world.wpa.changed(State=Variant("s", "scanning"))
         time.sleep(0.05)  # what is sent before the listener is back is lost: again
@@ -220,7 +218,8 @@ def test_a_restarted_system_bus_is_followed(world: World) -> None:
 
 def test_a_unit_that_does_not_start_leaves_a_device_without_a_station(world: World) -> None:
     world.systemd.refuse("Start", on="wpa_supplicant-nl80211@wlan0.service", name="org.freedesktop.systemd1.LoadFailed", text="no")
-    bring_up_station(world)
+    world.settings.set("network", "mode", "Client")
+    world.up()
     world.journal.expect_in_order([
         log("info", "Starting WPA Supplicant daemon service"), call("Start", "replace", path=STATION_UNIT),
         command("ip addr flush dev wlan0"), changed("Mode", "Client")])

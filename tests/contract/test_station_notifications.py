@@ -5,7 +5,7 @@ from __future__ import annotations
 import signal as signals
 
 import pytest
-from station import INTERFACE, SIGNAL_NAME, STATION, bring_up_station, emitting_log, state_log, wait_logged
+from station import INTERFACE, SIGNAL_NAME, STATION, bring_up_scanning, bring_up_station, emitting_log, state_log, wait_logged
 from vantora_sim import Variant, World, call, changed, log, signal
 
 CHANGED_LOG = ("info", "[WPA Supplicant] Properties changed")
@@ -28,10 +28,10 @@ def notified(world: World, since: int) -> list[tuple[str, str]]:
 
 
 def test_properties_of_other_types_beside_do_no_harm(world: World) -> None:
-    bring_up_station(world)
+    bring_up_scanning(world)
     mark = world.journal.mark()
     world.wpa.changed(**OTHER_TYPES, State=Variant("s", "disconnected"))
-    assert notified(world, mark) == [CHANGED_LOG, state_log("", "disconnected"), emitting_log("disconnected"), READ_LOG]
+    assert notified(world, mark) == [CHANGED_LOG, state_log("scanning", "disconnected"), emitting_log("disconnected"), READ_LOG]
 
 
 def test_other_properties_alone_are_ignored(world: World) -> None:
@@ -50,14 +50,14 @@ def test_a_body_that_can_not_be_read_is_ignored(world: World, signature: str, bo
     mark = world.journal.mark()
     world.wpa.notify_raw(signature, body)
     assert notified(world, mark) == [CHANGED_LOG]
-    assert world.get("WiFiClientState") == ""
+    assert world.get("WiFiClientState") == "disconnected"
 
 
 def test_a_notification_of_any_object_of_the_sender_counts(world: World) -> None:
     bring_up_station(world)
     mark = world.journal.mark()
     world.wpa.notify_raw("a{sv}", [{"State": Variant("s", "scanning")}], path="/fi/w1/wpa_supplicant1/Interfaces/7")
-    assert notified(world, mark) == [CHANGED_LOG, state_log("", "scanning")]
+    assert notified(world, mark) == [CHANGED_LOG, state_log("disconnected", "scanning")]
 
 
 def test_the_standard_signal_beside_its_own_is_not_counted_twice(world: World) -> None:
@@ -65,7 +65,7 @@ def test_the_standard_signal_beside_its_own_is_not_counted_twice(world: World) -
     mark = world.journal.mark()
     world.wpa.changed(Scanning=Variant("b", True))
     world.wpa.changed(State=Variant("s", "scanning"))
-    wait_logged(world, *state_log("", "scanning"), mark)
+    wait_logged(world, *state_log("disconnected", "scanning"), mark)
     world.settle()
     assert world.journal.logs(mark).count(CHANGED_LOG) == 2
 
@@ -77,20 +77,21 @@ def test_nobody_else_is_believed(world: World) -> None:
         f"busctl --system emit {STATION} {INTERFACE} PropertiesChanged 'a{{sv}}' 1 State s completed")
     assert emitted.status == 0, emitted.stderr
     world.wpa.report_state("scanning")
-    wait_logged(world, *state_log("", "scanning"), mark)
+    wait_logged(world, *state_log("disconnected", "scanning"), mark)
     assert world.journal.count(log("info", CHANGED_LOG[1]), mark) == 1
 
 
 def test_a_restarted_station_is_followed(world: World) -> None:
     bring_up_station(world)
     world.wpa.report_state("scanning")
-    wait_logged(world, *state_log("", "scanning"), 0)
-    for state in ("disconnected", "completed"):
+    wait_logged(world, *state_log("disconnected", "scanning"), 0)
+    for _ in range(2):
         world.wpa.go()
-        world.wpa.come_back()
         mark = world.journal.mark()
-        world.wpa.report_state(state)
-        world.journal.wait_for(changed("WiFiClientState", state), mark)
+        world.wpa.start_anew()
+        world.journal.wait_for(changed("WiFiClientState", "disconnected"), mark)
+        world.wpa.report_state("completed")
+        world.journal.wait_for(changed("WiFiClientState", "completed"), mark)
 
 
 def test_a_station_that_comes_after_the_daemon_is_followed(world: World) -> None:
@@ -98,18 +99,17 @@ def test_a_station_that_comes_after_the_daemon_is_followed(world: World) -> None
     world.settings.set("network", "mode", "Client")
     world.up()
     assert not world.wpa.present
-    world.wpa.come_back()
     mark = world.journal.mark()
-    world.wpa.report_state("disconnected")
+    world.wpa.start_anew()
     world.journal.wait_for(changed("WiFiClientState", "disconnected"), mark)
 
 
 def test_no_bss_asks_nobody_for_its_name(world: World) -> None:
-    bring_up_station(world)
+    bring_up_scanning(world)
     mark = world.journal.mark()
     world.wpa.report_state("disconnected", bss="/")
     assert notified(world, mark) == [
-        CHANGED_LOG, ("info", "[WPE supplicant] BSS changed: / SSID: <none>"), state_log("", "disconnected"),
+        CHANGED_LOG, ("info", "[WPE supplicant] BSS changed: / SSID: <none>"), state_log("scanning", "disconnected"),
         emitting_log("disconnected"), READ_LOG]
     assert world.journal.count(call(bus="system"), mark) == 0
 
@@ -125,7 +125,7 @@ def test_a_bss_without_a_state_is_logged_only(world: World) -> None:
 
 @pytest.mark.parametrize("trouble", ["gone", "refused", "empty", "text", "numbers", "nothing", "vanished"])
 def test_a_name_that_can_not_be_read_is_none(world: World, trouble: str) -> None:
-    bring_up_station(world)
+    bring_up_scanning(world)
     bss = world.wpa.add_bss("cafe")
     match trouble:
         case "gone":
@@ -145,24 +145,24 @@ def test_a_name_that_can_not_be_read_is_none(world: World, trouble: str) -> None
     mark = world.journal.mark()
     world.wpa.report_state("disconnected", bss=bss)
     assert notified(world, mark) == [
-        CHANGED_LOG, ("info", f"[WPE supplicant] BSS changed: {bss} SSID: <none>"), state_log("", "disconnected"),
+        CHANGED_LOG, ("info", f"[WPE supplicant] BSS changed: {bss} SSID: <none>"), state_log("scanning", "disconnected"),
         emitting_log("disconnected"), READ_LOG]
 
 
 @pytest.mark.parametrize(("ssid", "written"), [
     (b"caf\xc3\xa9", "caf\u00e9"), (b"\xff" * 32, "\udcff" * 32), (b'"%s%n"\\', '"%s%n"\\'), (b"cut\0here", "cut"), (b"<none>", "<none>")])
 def test_an_odd_name_is_logged_up_to_its_first_nul(world: World, ssid: bytes, written: str) -> None:
-    bring_up_station(world)
+    bring_up_scanning(world)
     bss = world.wpa.add_bss(ssid)
     mark = world.journal.mark()
     world.wpa.report_state("disconnected", bss=bss)
     assert notified(world, mark) == [
-        CHANGED_LOG, ("info", f"[WPE supplicant] BSS changed: {bss} SSID: {written}"), state_log("", "disconnected"),
+        CHANGED_LOG, ("info", f"[WPE supplicant] BSS changed: {bss} SSID: {written}"), state_log("scanning", "disconnected"),
         emitting_log("disconnected", written), READ_LOG]
 
 
 def test_a_name_that_hangs_holds_the_notification_until_it_is_answered(world: World) -> None:
-    bring_up_station(world)
+    bring_up_scanning(world)
     bss = world.wpa.add_bss("cafe")
     world.wpa.hang("Get", on=bss)
     mark = world.journal.mark()
@@ -175,13 +175,13 @@ def test_a_name_that_hangs_holds_the_notification_until_it_is_answered(world: Wo
 
 
 def test_all_properties_of_one_notification_are_handled_in_the_order_of_their_names(world: World) -> None:
-    bring_up_station(world)
+    bring_up_scanning(world)
     bss = world.wpa.add_bss("cafe")
     mark = world.journal.mark()
     world.wpa.changed(State=Variant("s", "disconnected"), CurrentBSS=Variant("o", bss), BSSs=Variant("ao", [bss]))
     assert notified(world, mark) == [
         CHANGED_LOG, ("info", "[Main] Access points changed"), ("info", f"[WPE supplicant] BSS changed: {bss} SSID: cafe"),
-        state_log("", "disconnected"), emitting_log("disconnected", "cafe"), READ_LOG]
+        state_log("scanning", "disconnected"), emitting_log("disconnected", "cafe"), READ_LOG]
     world.journal.expect_in_order([
         call("GetAll", path=bss, destination="fi.epitest.hostap.WPASupplicant"), signal("AccessPointsChanged"),
         call("Get", path=bss, destination=SIGNAL_NAME), changed("WiFiClientState", "disconnected")], mark)

@@ -42,8 +42,20 @@ def test_the_listener_is_started_with_the_daemon(world: World) -> None:
 
 
 def test_the_state_is_empty_before_the_first_report(world: World) -> None:
-    bring_up_station(world)
+    world.follow_units = False
+    world.settings.set("network", "mode", "Client")
+    world.up()
     assert world.get("WiFiClientState") == ""
+
+
+def test_a_wpa_supplicant_that_starts_reports_disconnected_which_is_announced(world: World) -> None:
+    world.up()
+    mark = world.journal.mark()
+    world.set("Mode", "Client")
+    world.journal.wait_for(changed("WiFiClientState", "disconnected", alone=True), mark)
+    # The listener has a thread of its own: its lines are among those of the switch.
+    lines = [line for line in world.journal.logs(mark) if line[1].startswith(("[WPA Supplicant]", "StateChangeHandler"))]
+    assert lines == [CHANGED_LOG, state_log("", "disconnected"), emitting_log("disconnected")]
 
 
 def test_completed_with_its_bss_restarts_dhcp_and_announces(world: World) -> None:
@@ -68,7 +80,7 @@ def test_completed_without_a_bss_hands_on_an_empty_ssid(world: World) -> None:
     mark = world.journal.mark()
     report(world, "completed")
     assert world.journal.logs(mark)[:8] == [
-        CHANGED_LOG, state_log("", "completed"), *DHCP_RESTART_LOGS, job_log(4), emitting_log("completed"), READ_LOG]
+        CHANGED_LOG, state_log("disconnected", "completed"), *DHCP_RESTART_LOGS, job_log(4), emitting_log("completed"), READ_LOG]
 
 
 def test_a_refused_passphrase_is_the_state_failed_and_removes_the_network(world: World) -> None:
@@ -136,7 +148,7 @@ def test_other_states_are_remembered_without_a_word_to_anybody(world: World, sta
     bring_up_station(world)
     mark = world.journal.mark()
     report(world, state)
-    assert world.journal.logs(mark) == [CHANGED_LOG, state_log("", state)]
+    assert world.journal.logs(mark) == [CHANGED_LOG, state_log("disconnected", state)]
     assert world.journal.changes(mark) == []
     assert world.journal.count(RESTART, mark) == 0
     assert world.get("WiFiClientState") == state
@@ -146,7 +158,7 @@ def test_a_reported_failed_is_taken_like_our_own(world: World) -> None:
     bring_up_station(world)
     mark = world.journal.mark()
     report(world, "failed")
-    assert world.journal.logs(mark) == [CHANGED_LOG, state_log("", "failed"), emitting_log("failed"), READ_LOG]
+    assert world.journal.logs(mark) == [CHANGED_LOG, state_log("disconnected", "failed"), emitting_log("failed"), READ_LOG]
 
 
 def test_states_out_of_order_are_followed_as_they_come(world: World) -> None:
@@ -216,8 +228,10 @@ def test_the_state_of_a_blocked_radio_or_an_access_point_is_off(world: World) ->
 
 def test_the_state_is_kept_across_modes(world: World) -> None:
     reach(world, "completed")
-    world.set("Mode", "Host")
-    world.set("Mode", "Client")
+    world.follow_units = False
+    for mode, interface_type in (("Host", "AP"), ("Client", "managed")):
+        world.set("Mode", mode)
+        world.radio.interface_type = interface_type
     assert world.get("WiFiClientState") == "completed", "nobody has reported another"
 
 

@@ -87,12 +87,21 @@ def test_restarted_wpa_supplicant_is_followed(station: RealDevice) -> None:
 
 def test_killed_wpa_supplicant_is_followed_when_it_is_started_again(station: RealDevice) -> None:
     before = station.supplicant.wait_present()
+    station.world.call("Connect", "ss", ["before", ""])
+    station.world.journal.wait_for(changed("WiFiClientState", "completed"))
     station.services.process(units.STATION).stop(9)
     assert station.world.get("AccessPoints") == []
+    assert station.supplicant.states()[-1:] == ["completed"], "a killed one says no farewell"
+
+    mark = station.world.journal.mark()
     station.services.job("Start", units.STATION)
     station.supplicant.wait_present(other_than=before)
+    station.world.journal.wait_for(changed("WiFiClientState", "disconnected"), mark)
+    wait_until(lambda: station.supplicant.states()[-2:] == ["completed", "disconnected"], "the first word of the new one")
+
+    mark = station.world.journal.mark()
     station.world.call("Connect", "ss", ["after", ""])
-    station.world.journal.wait_for(changed("WiFiClientState", "completed"))
+    station.world.journal.wait_for(changed("WiFiClientState", "completed"), mark)
 
 
 def test_every_change_it_reports_is_understood(station: RealDevice) -> None:
