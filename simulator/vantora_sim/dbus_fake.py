@@ -100,6 +100,7 @@ class DBusFake:
         self.address = ""
         """The bus to connect to."""
         self._bus: MessageBus | None = None
+        self._named = False
         self._faults = Faults()
         self._released = asyncio.Event()
         self._tasks: set[asyncio.Task[None]] = set()
@@ -151,8 +152,8 @@ class DBusFake:
 
     @property
     def present(self) -> bool:
-        """Whether the service is connected to its bus."""
-        return self._bus is not None and self._bus.connected
+        """Whether the service is on its bus, and has its names."""
+        return self._named and self._bus is not None and self._bus.connected
 
     def go(self) -> None:
         """Drop off the bus now."""
@@ -166,14 +167,16 @@ class DBusFake:
 
     async def open(self, address: str) -> None:
         """Connect and take the names."""
-        if self.present:
+        if self._bus is not None and self._bus.connected:
             return
         self.address = address
+        self._named = False
         bus = await connect(address)
         bus.add_message_handler(self._receive)
         self._bus = bus
         for name in self.names:
             await bus.request_name(name)
+        self._named = True
 
     async def close(self) -> None:
         """Disconnect; calls in progress stay without an answer."""
