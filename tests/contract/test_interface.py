@@ -8,6 +8,7 @@ import xml.etree.ElementTree as xml
 from pathlib import Path
 
 import pytest
+from access_point import attached_up
 from vantora_sim import CallRefused, Variant, World, signal
 
 INTERFACE = "com.vantora.Network1.WiFi"
@@ -70,7 +71,7 @@ def test_get_all_yields_every_property_with_its_type(world: World) -> None:
 
 
 def test_methods_with_other_arguments_are_refused_by_the_bus_library(world: World) -> None:
-    world.up()
+    attached_up(world)
     mark = world.journal.mark()
     for member, signature, args, expected in [
         ("Connect", "", [], "ss"), ("Connect", "s", ["net"], "ss"), ("Connect", "sss", ["a", "b", "c"], "ss"),
@@ -86,7 +87,7 @@ def test_methods_with_other_arguments_are_refused_by_the_bus_library(world: Worl
 
 
 def test_writes_of_another_type_are_refused_by_the_bus_library(world: World) -> None:
-    world.up()
+    attached_up(world)
     mark = world.journal.mark()
     for name, expected, value in [
         ("WiFiState", "u", Variant("i", 1)), ("WiFiState", "u", Variant("b", True)), ("WiFiState", "u", Variant("s", "1")),
@@ -104,7 +105,7 @@ def test_writes_of_another_type_are_refused_by_the_bus_library(world: World) -> 
 
 
 def test_read_only_properties_cannot_be_written(world: World) -> None:
-    world.up()
+    attached_up(world)
     mark = world.journal.mark()
     for name in READ_ONLY:
         with pytest.raises(CallRefused) as refused:
@@ -178,7 +179,7 @@ print('turned away')
 def test_another_user_is_turned_away_by_the_bus(world: World) -> None:
     if os.geteuid() != 0:
         pytest.skip("needs root: an ordinary user has no second user id to try")
-    world.up()
+    attached_up(world)
     mark = world.journal.mark()
     other = "setpriv --reuid 65534 --regid 65534 --clear-groups"
     read = f"busctl --user get-property com.vantora.Network1 /com/vantora/Network1 {INTERFACE} WiFiAccessPointInitialised"

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import pytest
+from access_point import attached_up
 from vantora_sim import CallRefused, World, call
 
 FAILED = "org.freedesktop.DBus.Error.Failed"
@@ -33,7 +34,7 @@ def refusal(world: World, member: str, *args: str) -> tuple[str, str]:
 ])
 def test_a_value_that_cannot_be_is_refused_and_changes_nothing(world: World, name: str, value: object,
                                                                logs: list[tuple[str, str]]) -> None:
-    world.up()
+    attached_up(world)
     mark = world.journal.mark()
     with pytest.raises(CallRefused) as refused:
         world.set(name, value)
@@ -62,7 +63,7 @@ def test_a_value_that_holds_already_is_accepted_and_changes_nothing(world: World
 
 @pytest.mark.parametrize("name", ["Mode", "WiFiFrequency", "SSID"])
 def test_each_write_is_logged_before_anything_is_done(world: World, name: str) -> None:
-    world.up()
+    attached_up(world)
     mark = world.journal.mark()
     world.set(name, {"Mode": "Client", "WiFiFrequency": "5", "SSID": "kitchen"}[name])
     first = {"Mode": MODE_CALLED, "WiFiFrequency": FREQUENCY_CALLED, "SSID": SSID_CALLED}[name]

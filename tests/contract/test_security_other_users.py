@@ -6,6 +6,7 @@ import os
 from pathlib import Path
 
 import pytest
+from access_point import attached_up
 from station import bring_up_scanning, bring_up_station
 from vantora_sim import Variant, World, changed
 from vantora_sim.client import INTERFACE, PATH, SERVICE
@@ -44,7 +45,7 @@ def busctl_as_other(world: World, arguments: str) -> Completed:
 
 @pytest.mark.parametrize("folder_mode", [0o700, 0o755], ids=["as_on_a_device", "with_the_bus_folder_left_open"])
 def test_the_user_bus_gives_another_user_nothing(world: World, folder_mode: int) -> None:
-    world.up()
+    attached_up(world)
     world.sandbox.path("/run/user/0").chmod(folder_mode)
     mark = world.journal.mark()
     for request in REQUESTS:
