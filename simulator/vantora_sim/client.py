@@ -40,7 +40,9 @@ class Client:
 
     async def call(self, destination: str, path: str, interface: str, member: str, signature: str = "",
                    args: list[Any] | None = None) -> list[Any]:
-        """Call a method and return the values of the reply; an error reply raises CallRefused."""
+        """Call a method and return the values of the reply; an error reply raises CallRefused, a lost bus an OSError."""
+        if not self.connected:
+            raise ConnectionError("the bus is gone")  # the library would wait for the answer for ever
         reply = await self._bus.call(Message(destination=destination, path=path, interface=interface, member=member,
                                              signature=signature, body=args or []))
         assert reply is not None

@@ -275,3 +275,10 @@ def test_readiness_of_a_stand_in_daemon_and_its_early_end(world: World) -> None:
     world.start_daemon(Path("/run/daemon"))
     world.wait_ready()
     assert world.journal.count(notify("READY=1")) == 1
+
+
+def test_calls_over_a_bus_that_has_gone_fail_and_do_not_wait(world: World) -> None:
+    world.user_bus.stop()
+    for _ in range(3):  # also those made when the loss is known already
+        with pytest.raises((OSError, EOFError)):
+            world.call("Scan")
