@@ -6,7 +6,7 @@ import random
 import time
 from collections import Counter
 
-from vantora_sim import Variant, World
+from vantora_sim import Variant, World, log
 
 STATIONS = [f"02:00:00:00:50:{number:02x}" for number in range(8)]
 NETWORKS = ["Casa Marisol", "Upstairs", "Attic", "printer-7F2A"]
@@ -14,6 +14,11 @@ STATES = ["scanning", "authenticating", "associating", "4way_handshake", "comple
 NAMES = ["Korrin One", "Kitchen", "Caf\u00e9"]
 ADDRESS_PAUSE = 1.0
 """Seconds between two changes of address: the daemon handles one a second, and the kernel drops what it cannot keep."""
+
+
+_FAREWELL = log(text="wifi_host_terminated: We are supposed to be in host mode. Restart hostapd listener")
+_RESTARTED = log(text="restart_wifi_host_listener_callback: Restarting...")
+"""The listener is started anew a while after hostapd has said farewell; in between the two the daemon is not at rest."""
 
 
 class Events:
@@ -50,10 +55,17 @@ class Events:
             self._act_as_station()
 
     def rest(self) -> None:
-        """Wait until the daemon follows hostapd, if it is in Host mode, and has handled everything it was told."""
+        """Wait until the daemon has handled everything it was told, and follows hostapd, if it is in Host mode."""
+        self.world.settle()  # a change of settings may have hostapd started anew
         if self.mode == "Host":
+            self.world.journal.wait_until(self._listener_restarted, "the listener to be started anew")
             self.world.hostapd.wait_attached()
-        self.world.settle()
+            self.world.settle()
+
+    def _listener_restarted(self) -> bool:
+        """Whether the latest farewell of hostapd has had its consequence."""
+        farewells, restarts = self.world.journal.find(_FAREWELL), self.world.journal.find(_RESTARTED)
+        return not farewells or bool(restarts) and restarts[-1].index > farewells[-1].index
 
     def _begin(self, turn: int) -> None:
         self.mode = "Client" if turn % 2 else "Host"
