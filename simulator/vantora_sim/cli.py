@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import argparse
 import os
+import pwd
 import shutil
 import signal
 import subprocess
@@ -54,6 +55,8 @@ def main(argv: list[str]) -> int:
     absent = places.missing(options.build_dir)
     if absent:
         return _complain(f"{options.build_dir} holds no {', '.join(absent)}: build first, or give --build-dir")
+    if not _has_a_name(os.getuid()):
+        return _complain(f"user id {os.getuid()} is in no user database (passwd): a message bus turns away whom it cannot look up")
     for number in (signal.SIGTERM, signal.SIGHUP):
         signal.signal(number, _interrupt)
     try:
@@ -76,6 +79,14 @@ def main(argv: list[str]) -> int:
         return _complain(f"no sandbox can be made here: {error}")
     except (WorldFileError, CallRefused, RuntimeError, OSError) as error:
         return _complain(str(error))
+
+
+def _has_a_name(uid: int) -> bool:
+    try:
+        pwd.getpwuid(uid)
+    except KeyError:
+        return False
+    return True
 
 
 def _interrupt(number: int, frame: FrameType | None) -> None:
