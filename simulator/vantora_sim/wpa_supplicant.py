@@ -116,6 +116,7 @@ class WpaSupplicant(DBusFake):
     async def start(self, address: str) -> None:
         """Begin as a new process does: no network configured, nothing joined, and "disconnected" reported once it is there."""
         self.networks.clear()
+        self.state = "disconnected"  # for whoever asks before it is reported
         self.current_bss = NO_BSS
         await self.open(address)
         self.report_state("disconnected")

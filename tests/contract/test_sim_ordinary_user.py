@@ -105,21 +105,14 @@ def test_ordinary_user_has_the_whole_device(user: OrdinaryUser) -> None:
 def test_user_id_without_a_name_is_told_what_is_wrong(user: OrdinaryUser) -> None:
     if os.geteuid() != 0:
         pytest.skip("needs root: an ordinary user cannot become another")
-    unknown = next(uid for uid in range(54321, 60000) if not _named(uid))
+    named = {entry.pw_uid for entry in pwd.getpwall()}
+    unknown = next(uid for uid in range(54321, 60000) if uid not in named)
     ran = subprocess.run([SETPRIV, f"--reuid={unknown}", f"--regid={unknown}", "--clear-groups",
                           *user.command("vantora-sim", "--build-dir", user.build, "--", "/bin/true")],
                          capture_output=True, text=True, cwd="/", timeout=110)
     assert (ran.returncode, ran.stdout) == (1, "")
     assert ran.stderr == (f"vantora-sim: user id {unknown} is in no user database (passwd): "
                           "a message bus turns away whom it cannot look up\n")
-
-
-def _named(uid: int) -> bool:
-    try:
-        pwd.getpwuid(uid)
-    except KeyError:
-        return False
-    return True
 
 
 def test_ordinary_user_changes_the_world(user: OrdinaryUser) -> None:
