@@ -66,6 +66,11 @@ class Hostapd:
         """How many clients are attached for events."""
         return len(self._attached)
 
+    @property
+    def unread(self) -> int:
+        """Bytes of events and answers that nobody has read yet."""
+        return self._loop.call(self._unread)
+
     def start(self) -> None:
         """Come up: the socket appears, no station yet. Events of the start are gone before anyone can attach."""
         self._loop.call(self._start)

@@ -104,8 +104,13 @@ class Process:
         return self._pid
 
     def waits_in(self, calls: Sequence[int]) -> bool:
-        """Whether one of its threads sleeps in one of these system calls (numbers) right now."""
+        """Whether one of the threads it has started sleeps in one of these system calls (numbers).
+
+        A thread that has just been woken may seem to sleep until its processor has taken it up.
+        """
         for thread in Path(f"/proc/{self.pid}/task").iterdir():
+            if thread.name == str(self.pid):
+                continue
             try:
                 word = (thread / "syscall").read_text().split()[0]
             except (OSError, IndexError):

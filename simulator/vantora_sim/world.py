@@ -295,15 +295,16 @@ class World:
         self.loop.run(rounds())
 
     def _wait_for_hostapd_listener(self) -> None:
-        """Return when the daemon's listener sleeps in select again.
+        """Return when the daemon's listener has read what was sent and sleeps in select again.
 
         Of two events within one wake-up it cuts the second to the length of the first, so what a test sends would otherwise
-        depend on how fast the machine is.
+        depend on how fast the machine is. Both questions are needed, in this order: a thread that was only just woken still
+        seems to sleep.
         """
         if self.daemon is None or not self.daemon.running:
             return
         deadline = time.monotonic() + DEADLINE
-        while not self.daemon.waits_in(_SELECT_CALLS[platform.machine()]):
+        while self.hostapd.unread or not self.daemon.waits_in(_SELECT_CALLS[platform.machine()]):
             assert time.monotonic() < deadline, "the daemon's hostapd listener does not wait for events"
             time.sleep(0.001)
 

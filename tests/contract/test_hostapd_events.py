@@ -2,6 +2,9 @@
 
 from __future__ import annotations
 
+import signal
+import threading
+
 import pytest
 from access_point import attached_up, receive
 from vantora_sim import World, changed, log
@@ -119,6 +122,21 @@ def test_later_event_of_one_wake_up_is_cut_to_the_length_of_the_one_before(world
 
     world.hostapd.before_event = spaced  # the next event has a wake-up of its own
     receive(world, f"AP-STA-CONNECTED {ONE}")
+
+
+def test_events_sent_in_a_row_are_not_cut_however_late_the_listener_wakes(world: World) -> None:
+    attached_up(world)
+    assert world.daemon
+    mark = world.journal.mark()
+    world.daemon.send_signal(signal.SIGSTOP)
+    waking = threading.Timer(0.3, world.daemon.send_signal, [signal.SIGCONT])
+    waking.start()
+    try:
+        world.hostapd.enable()  # a thread that is held up in select seems to sleep there
+        world.hostapd.join(ONE)
+        world.journal.wait_for(log(*received(f"<3>AP-STA-CONNECTED {ONE}")), mark)
+    finally:
+        waking.join()
 
 
 def test_events_that_wait_while_the_thread_is_blocked_are_not_lost(world: World) -> None:
