@@ -6,8 +6,10 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
+#include <cstdlib>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <systemd/sd-bus.h>
@@ -233,6 +235,19 @@ TEST_F(DbusListenerTest, HearsASenderThatComesLater)
     emit(source.get(), "late");
     ASSERT_TRUE(hears(1));
     EXPECT_THAT(heard, ElementsAre("late"));
+}
+
+TEST_F(DbusListenerTest, HearsItsSenderThoughTheLoopWasBusyForLongerThanACallMayTake)
+{
+    const BusPtr source = connect_as_sender();
+    ::setenv("SYSTEMD_BUS_TIMEOUT", "1s", 1);
+    DbusListener listener(loop.get());
+    listen(listener);
+    std::this_thread::sleep_for(std::chrono::milliseconds(1100)); // what keeps the loop busy
+    emit(source.get(), "meanwhile");
+    EXPECT_TRUE(hears(1));
+    ::unsetenv("SYSTEMD_BUS_TIMEOUT");
+    EXPECT_THAT(heard, ElementsAre("meanwhile"));
 }
 
 TEST_F(DbusListenerTest, FollowsASenderThatIsRestarted)

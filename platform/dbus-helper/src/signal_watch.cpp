@@ -63,13 +63,38 @@ int SignalWatch::follow_owner(sd_bus* bus, Install mode)
     const std::string match = std::string("type='signal',sender='") + bus_name + "',path='" + bus_path +
                               "',interface='" + bus_name + "',member='NameOwnerChanged',arg0='" +
                               rule_.sender + "'";
-    int r = add_match(bus, mode, owner_changed_, match, on_owner_changed, this);
+    const int r = add_match(bus, mode, owner_changed_, match, on_owner_changed, this);
     if (r < 0) {
         return r;
     }
+    return mode == Install::Waiting ? ask_owner(bus) : ask_owner_in_background(bus);
+}
+
+int SignalWatch::ask_owner(sd_bus* bus)
+{
+    // Waited for: the loop may next be busy for longer than the time-out of a call, and sd-bus then takes an
+    // answer that has long come for one that never did.
+    vantora::BusError error;
+    sd_bus_message* received = nullptr;
+    int r = sd_bus_call_method(bus, bus_name, bus_path, bus_name, "GetNameOwner", error.get(), &received, "s",
+                               rule_.sender.c_str());
+    const vantora::MessagePtr answer(received);
+    if (r < 0) {
+        return error.has_name(SD_BUS_ERROR_NAME_HAS_NO_OWNER) ? 0 : r;
+    }
+    const char* owner = nullptr;
+    r = sd_bus_message_read_basic(answer.get(), SD_BUS_TYPE_STRING, &owner);
+    if (r > 0) {
+        owner_ = owner;
+    }
+    return r < 0 ? r : 0;
+}
+
+int SignalWatch::ask_owner_in_background(sd_bus* bus)
+{
     sd_bus_slot* asked = nullptr;
-    r = sd_bus_call_method_async(bus, &asked, bus_name, bus_path, bus_name, "GetNameOwner", on_owner_told,
-                                 this, "s", rule_.sender.c_str());
+    const int r = sd_bus_call_method_async(bus, &asked, bus_name, bus_path, bus_name, "GetNameOwner",
+                                           on_owner_told, this, "s", rule_.sender.c_str());
     owner_asked_.reset(asked);
     return r < 0 ? r : 0;
 }

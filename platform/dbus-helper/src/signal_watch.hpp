@@ -51,6 +51,8 @@ public:
 
 private:
     int follow_owner(sd_bus* bus, Install mode);
+    int ask_owner(sd_bus* bus);
+    int ask_owner_in_background(sd_bus* bus);
 
     static int on_signal(sd_bus_message* message, void* userdata, sd_bus_error* error);
     static int on_owner_changed(sd_bus_message* message, void* userdata, sd_bus_error* error);
