@@ -29,7 +29,7 @@ from .client import INTERFACE, PATH, SERVICE, Client, Watcher
 from .dbus_fake import plain
 from .hostapd import Hostapd
 from .hostapd_conf import read_hostapd_conf
-from .journal import DEADLINE, Journal, exited, log, notify
+from .journal import DEADLINE, Journal, exited, hostapd_request, log, notify
 from .loop import LoopThread
 from .radio import Radio
 from .recorder import Recorder
@@ -213,7 +213,18 @@ class World:
         self.wait_ready(timeout)
         self.journal.wait_for(log("info", "[NETLINK] Starting kernel netlink task..."), self._started, timeout)
         self.wait_follows_addresses(timeout)
+        self._wait_listens_to_hostapd(timeout)
         self.settle()
+
+    def _wait_listens_to_hostapd(self, timeout: float) -> None:
+        """Wait until the thread that follows hostapd, where the start-up began one, has asked to be attached, or given up."""
+        starting, attaching = log("info", "Starting Hostapd daemon service"), hostapd_request("ATTACH")
+        given_up = log("err", lambda text: text.startswith("ListenTask: ") and text.endswith(" - cannot listen."))
+        if self.journal.count(starting, self._started):
+            self.journal.wait_until(
+                lambda: self.journal.count(attaching, self._started) or self.journal.count(given_up, self._started),
+                "the daemon to listen to hostapd", timeout, self._started)
+            self.loop.call(lambda: None)  # by then the request is answered
 
     def wait_follows_addresses(self, timeout: float = DEADLINE) -> None:
         """Wait until the daemon hears of kernel addresses: the last step of its deferred start-up."""

@@ -25,9 +25,9 @@ GARBAGE, DIES, RESTARTS, FLOODS = "answers garbage", "dies in the middle of a ca
 KINDS = (ABSENT, REFUSES, HANGS, WRONG_TYPE, GARBAGE, DIES, RESTARTS, FLOODS)
 """What may be wrong with a neighbour. Its part of the table has at least one row for each."""
 
-SHORT_TIMEOUT = 0.5
+SHORT_TIMEOUT = 1.0
 """Seconds that a bus call is waited for in most rows that hang, in place of the 25 s of a device."""
-SHORT = {"SYSTEMD_BUS_TIMEOUT": "500ms"}
+SHORT = {"SYSTEMD_BUS_TIMEOUT": "1s"}
 """The environment that makes the bus library's own time-out the short one."""
 REAL_TIMEOUT = 25.0
 

@@ -183,7 +183,7 @@ def test_a_daemon_that_ends_in_the_middle_of_a_write_leaves_the_change_made(worl
 def test_a_write_that_is_never_answered_is_given_up_and_the_change_made(world: World) -> None:
     world.follow_units = False
     world.tools.ip.output("")
-    world.up(environment={"SYSTEMD_BUS_TIMEOUT": "300ms"})
+    world.up(environment={"SYSTEMD_BUS_TIMEOUT": "1s"})
     world.settings.hang("Set")
     mark = world.journal.mark()
     world.set("SSID", "Kitchen")

@@ -151,7 +151,7 @@ def test_without_a_settings_daemon_the_device_comes_up_as_the_safe_access_point(
 
 def test_without_an_answer_every_read_is_given_up_after_its_time_out(world: World) -> None:
     world.settings.hang("Get")
-    world.up(environment={"SYSTEMD_BUS_TIMEOUT": "300ms"})
+    world.up(environment={"SYSTEMD_BUS_TIMEOUT": "1s"})
     assert config_logs(world) == [READ, *get_failed("enabled", "Connection timed out"), SAFE, *identity(), *SAFE_DUMP]
 
 
