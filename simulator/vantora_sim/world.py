@@ -217,10 +217,13 @@ class World:
         self.settle()
 
     def _wait_listens_to_hostapd(self, timeout: float) -> None:
-        """Wait until the thread that follows hostapd, where the start-up began one, has asked to be attached, or given up."""
+        """Wait until the thread that follows hostapd, where the start-up began one, has asked to be attached, or given up.
+
+        Only the scripted hostapd is looked at: what is asked of a real one cannot be seen here.
+        """
         starting, attaching = log("info", "Starting Hostapd daemon service"), hostapd_request("ATTACH")
         given_up = log("err", lambda text: text.startswith("ListenTask: ") and text.endswith(" - cannot listen."))
-        if self.journal.count(starting, self._started):
+        if self.hostapd.running and self.journal.count(starting, self._started):
             self.journal.wait_until(
                 lambda: self.journal.count(attaching, self._started) or self.journal.count(given_up, self._started),
                 "the daemon to listen to hostapd", timeout, self._started)
