@@ -58,7 +58,7 @@ void check_store(const testing_support::TempFolder& folder, const std::string& o
         store.load();
         for (const Setting& setting : schema()) {
             const Value value = store.get(setting);
-            fuzz::require(value.index() == setting.default_value.index(), "a value has its setting's type");
+            fuzz::require(value.index() == setting.defaultValue.index(), "a value has its setting's type");
             const Value other = other_value(value);
             bool differs = false;
             fuzz::require(store.set(setting, other, differs) == 0 && differs, "it can be changed");
@@ -82,7 +82,7 @@ void check_store(const testing_support::TempFolder& folder, const std::string& o
                    [](const Setting& one) { return &one; });
     fuzz::require(store.reset(all, reset) == 0, "everything can be reset");
     for (const Setting& setting : schema()) {
-        fuzz::require(store.get(setting) == setting.default_value, "then the defaults hold");
+        fuzz::require(store.get(setting) == setting.defaultValue, "then the defaults hold");
     }
 }
 

@@ -313,7 +313,7 @@ TEST(DeviceSchema, HasTheSettingsThatTheNetworkManagerKeeps)
     const auto default_of = [](const char* section, const char* key) -> Value {
         const Setting* setting = find_setting(device_schema(), section, key);
         EXPECT_NE(setting, nullptr) << section << "." << key;
-        return setting != nullptr ? setting->default_value : Value("missing");
+        return setting != nullptr ? setting->defaultValue : Value("missing");
     };
     EXPECT_EQ(default_of("network", "enabled"), Value(true));
     EXPECT_EQ(default_of("network", "mode"), Value("Host"));

@@ -6,15 +6,15 @@ namespace KorrinInfo::detail {
 
 DeviceConf parse_device_conf(std::string_view text)
 {
-    constexpr std::string_view byte_order_mark = "\xEF\xBB\xBF";
-    if (text.starts_with(byte_order_mark)) {
-        text.remove_prefix(byte_order_mark.size());
+    constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
+    if (text.starts_with(kByteOrderMark)) {
+        text.remove_prefix(kByteOrderMark.size());
     }
     DeviceConf conf;
     while (!text.empty()) {
-        const auto line_end = text.find('\n');
-        const std::string_view line = trim(text.substr(0, line_end));
-        text.remove_prefix(line_end == std::string_view::npos ? text.size() : line_end + 1);
+        const auto lineEnd = text.find('\n');
+        const std::string_view line = trim(text.substr(0, lineEnd));
+        text.remove_prefix(lineEnd == std::string_view::npos ? text.size() : lineEnd + 1);
 
         const auto equals = line.find('=');
         if (line.empty() || line.front() == '#' || line.front() == ';' || equals == std::string_view::npos) {

@@ -31,7 +31,7 @@ std::string serial_number(const std::string& root)
     return serial != conf.end() ? serial->second : machine_serial(root);
 }
 
-int radio_type(const std::string& root, bool (*radio_offers_5ghz)())
+int radio_type(const std::string& root, bool (*radioOffers5ghz)())
 {
     const DeviceConf conf = device_conf(root);
     const auto entry = conf.find("radio_type");
@@ -43,7 +43,7 @@ int radio_type(const std::string& root, bool (*radio_offers_5ghz)())
             return type;
         }
     }
-    return radio_offers_5ghz() ? 1 : 0;
+    return radioOffers5ghz() ? 1 : 0;
 }
 
 } // namespace KorrinInfo::detail

@@ -11,7 +11,7 @@ namespace KorrinInfo::detail {
 std::string display_name(const std::string& root);
 std::string serial_number(const std::string& root);
 
-/** `radio_offers_5ghz` is asked only when the file holds no whole number. */
-int radio_type(const std::string& root, bool (*radio_offers_5ghz)());
+/** `radioOffers5ghz` is asked only when the file holds no whole number. */
+int radio_type(const std::string& root, bool (*radioOffers5ghz)());
 
 } // namespace KorrinInfo::detail

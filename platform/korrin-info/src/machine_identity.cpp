@@ -17,28 +17,28 @@ namespace {
 /** The first line of a file, or its text up to the NUL that ends a device-tree string. */
 std::string read_word(const std::string& path)
 {
-    constexpr std::string_view ends("\0\r\n", 3);
+    constexpr std::string_view kEnds("\0\r\n", 3);
     const auto contents = read_small_file(path);
     if (!contents) {
         return {};
     }
     const std::string_view text = trim(*contents);
-    return std::string(trim(text.substr(0, text.find_first_of(ends))));
+    return std::string(trim(text.substr(0, text.find_first_of(kEnds))));
 }
 
 /** A DMI field, or nothing where the board's maker left the template's text in it. */
 std::string read_dmi_field(const std::string& path)
 {
-    constexpr std::array<std::string_view, 9> fillers = {
+    constexpr std::array<std::string_view, 9> kFillers = {
         "to be filled by o.e.m.", "default string", "not specified",
         "not applicable",         "none",           "system product name",
         "system serial number",   "unknown",        "0",
     };
     const std::string value = read_word(path);
-    std::string lower_case = value;
-    std::transform(lower_case.begin(), lower_case.end(), lower_case.begin(),
+    std::string lowerCase = value;
+    std::transform(lowerCase.begin(), lowerCase.end(), lowerCase.begin(),
                    [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    const bool filler = std::find(fillers.begin(), fillers.end(), lower_case) != fillers.end();
+    const bool filler = std::find(kFillers.begin(), kFillers.end(), lowerCase) != kFillers.end();
     return filler ? std::string() : value;
 }
 
@@ -48,10 +48,10 @@ std::string read_dmi_field(const std::string& path)
  */
 std::string machine_id_digest(const std::string& path)
 {
-    constexpr std::size_t machine_id_length = 32;
+    constexpr std::size_t kMachineIdLength = 32;
     const std::string id = read_word(path);
     const bool valid =
-        id.size() == machine_id_length &&
+        id.size() == kMachineIdLength &&
         std::all_of(id.begin(), id.end(), [](unsigned char c) { return std::isxdigit(c) != 0; });
     if (!valid) {
         return {};
@@ -60,10 +60,10 @@ std::string machine_id_digest(const std::string& path)
     for (const unsigned char c : id) {
         digest = (digest ^ c) * 0x100000001B3U;
     }
-    constexpr std::uint64_t low_48_bits = 0xFFFF'FFFF'FFFFU;
+    constexpr std::uint64_t kLow48Bits = 0xFFFF'FFFF'FFFFU;
     std::array<char, 13> text = {};
     std::snprintf(text.data(), text.size(), "%012llX",
-                  static_cast<unsigned long long>((digest ^ (digest >> 48U)) & low_48_bits));
+                  static_cast<unsigned long long>((digest ^ (digest >> 48U)) & kLow48Bits));
     return text.data();
 }
 

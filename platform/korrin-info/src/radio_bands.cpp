@@ -25,7 +25,7 @@ namespace {
 using Bytes = std::span<const std::byte>;
 using Clock = std::chrono::steady_clock;
 
-constexpr auto patience = std::chrono::milliseconds(250);
+constexpr auto kPatience = std::chrono::milliseconds(250);
 
 /** Calls visit(type, payload) for each attribute, up to the first one that does not fit. */
 template <typename Visit>
@@ -104,9 +104,9 @@ Answer read_datagram(Bytes datagram, Visit visit)
         if (header.nlmsg_type == NLMSG_DONE || header.nlmsg_type == NLMSG_ERROR) {
             return Answer::Ended;
         }
-        constexpr std::size_t headers = sizeof(nlmsghdr) + sizeof(genlmsghdr);
-        if (header.nlmsg_type >= NLMSG_MIN_TYPE && header.nlmsg_len >= headers) {
-            visit(datagram.subspan(headers, header.nlmsg_len - headers));
+        constexpr std::size_t kHeaders = sizeof(nlmsghdr) + sizeof(genlmsghdr);
+        if (header.nlmsg_type >= NLMSG_MIN_TYPE && header.nlmsg_len >= kHeaders) {
+            visit(datagram.subspan(kHeaders, header.nlmsg_len - kHeaders));
         }
         const std::size_t step = NLMSG_ALIGN(static_cast<std::size_t>(header.nlmsg_len));
         datagram = datagram.subspan(std::min(step, datagram.size()));
@@ -138,9 +138,9 @@ void exchange(int socket, Bytes request, Clock::time_point deadline, Visit visit
             return;
         }
         sockaddr_nl sender = {};
-        socklen_t sender_size = sizeof sender;
+        socklen_t senderSize = sizeof sender;
         const ssize_t size = ::recvfrom(socket, buffer.data(), buffer.size(), 0,
-                                        reinterpret_cast<sockaddr*>(&sender), &sender_size);
+                                        reinterpret_cast<sockaddr*>(&sender), &senderSize);
         if (size < 0 && (errno == EINTR || errno == EAGAIN)) {
             continue;
         }
@@ -193,7 +193,7 @@ bool radio_offers_5ghz()
     if (!socket) {
         return false;
     }
-    const auto deadline = Clock::now() + patience;
+    const auto deadline = Clock::now() + kPatience;
     const std::uint16_t family = find_nl80211(socket.get(), deadline);
     if (family == 0) {
         return false;

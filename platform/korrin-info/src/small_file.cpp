@@ -14,7 +14,7 @@ namespace KorrinInfo::detail {
 
 namespace {
 
-constexpr std::size_t max_size = std::size_t{64} * 1024;
+constexpr std::size_t kMaxSize = std::size_t{64} * 1024;
 
 } // namespace
 
@@ -40,7 +40,7 @@ std::optional<std::string> read_small_file(const std::string& path)
             return std::nullopt;
         }
         contents.append(buffer.data(), static_cast<std::size_t>(count));
-        if (contents.size() > max_size) {
+        if (contents.size() > kMaxSize) {
             return std::nullopt;
         }
     }
@@ -48,12 +48,12 @@ std::optional<std::string> read_small_file(const std::string& path)
 
 std::string_view trim(std::string_view text)
 {
-    constexpr std::string_view blanks = " \t\r\n\v\f";
-    const auto first = text.find_first_not_of(blanks);
+    constexpr std::string_view kBlanks = " \t\r\n\v\f";
+    const auto first = text.find_first_not_of(kBlanks);
     if (first == std::string_view::npos) {
         return {};
     }
-    return text.substr(first, text.find_last_not_of(blanks) - first + 1);
+    return text.substr(first, text.find_last_not_of(kBlanks) - first + 1);
 }
 
 } // namespace KorrinInfo::detail

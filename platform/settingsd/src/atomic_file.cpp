@@ -17,7 +17,7 @@ namespace {
 
 using vantora::UniqueFd;
 
-constexpr mode_t file_mode = 0640;
+constexpr mode_t kFileMode = 0640;
 
 int write_all(int fd, std::string_view contents)
 {
@@ -36,7 +36,7 @@ int write_all(int fd, std::string_view contents)
 /** Creates the file, which must not exist, with its contents synced to the disk. */
 int write_new_file(const std::string& path, std::string_view contents)
 {
-    UniqueFd file(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, file_mode));
+    UniqueFd file(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, kFileMode));
     if (!file) {
         return -errno;
     }
@@ -105,12 +105,12 @@ int read_file(const std::string& path, std::size_t limit, std::string& contents)
     if (!S_ISREG(status.st_mode)) {
         return S_ISDIR(status.st_mode) ? -EISDIR : -EINVAL;
     }
-    std::string read_so_far;
+    std::string readSoFar;
     std::array<char, std::size_t{16}* 1024> buffer = {};
     for (;;) {
         const ssize_t count = ::read(file.get(), buffer.data(), buffer.size());
         if (count == 0) {
-            contents = std::move(read_so_far);
+            contents = std::move(readSoFar);
             return 0;
         }
         if (count < 0) {
@@ -119,17 +119,17 @@ int read_file(const std::string& path, std::size_t limit, std::string& contents)
             }
             return -errno;
         }
-        if (static_cast<std::size_t>(count) > limit - read_so_far.size()) {
+        if (static_cast<std::size_t>(count) > limit - readSoFar.size()) {
             return -EFBIG;
         }
-        read_so_far.append(buffer.data(), static_cast<std::size_t>(count));
+        readSoFar.append(buffer.data(), static_cast<std::size_t>(count));
     }
 }
 
 int keep_aside(const std::string& path, std::string& kept)
 {
-    constexpr int most = 1000;
-    for (int number = 1; number <= most; ++number) {
+    constexpr int kMost = 1000;
+    for (int number = 1; number <= kMost; ++number) {
         const std::string aside = path + ".damaged-" + std::to_string(number);
         const int r = link_or_copy(path, aside);
         if (r == 0) {

@@ -12,20 +12,20 @@ namespace {
 using nlohmann::json;
 
 /** Deeper than any settings file; writing JSON recurses, so a hostile depth must not get into memory. */
-constexpr int deepest = 32;
+constexpr int kDeepest = 32;
 
 /** Parses valid JSON; nothing when it is not, or too deep. */
 std::optional<json> parse_json(std::string_view text)
 {
-    bool too_deep = false;
+    bool tooDeep = false;
     auto parsed = json::parse(
         text,
-        [&too_deep](int depth, json::parse_event_t, json&) {
-            too_deep = too_deep || depth > deepest;
-            return depth <= deepest;
+        [&tooDeep](int depth, json::parse_event_t, json&) {
+            tooDeep = tooDeep || depth > kDeepest;
+            return depth <= kDeepest;
         },
         false);
-    if (parsed.is_discarded() || too_deep) {
+    if (parsed.is_discarded() || tooDeep) {
         return std::nullopt;
     }
     return parsed;
@@ -45,9 +45,9 @@ void check_section(Document& document, const std::string& section, json& setting
         const std::string name = section + "." + entry.key();
         if (setting == nullptr) {
             document.findings.push_back("unknown setting " + name + " is kept");
-        } else if (!to_value(entry.value(), setting->default_value)) {
+        } else if (!to_value(entry.value(), setting->defaultValue)) {
             report_damage(document,
-                          "setting " + name + " is not of type '" + type_of(setting->default_value) + "'");
+                          "setting " + name + " is not of type '" + type_of(setting->defaultValue) + "'");
             entry = settings.erase(entry);
             continue;
         }

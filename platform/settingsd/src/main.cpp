@@ -58,22 +58,22 @@ void load(SettingsStore& store, const std::string& file)
     }
 }
 
-int serve(const std::string& state_file)
+int serve(const std::string& stateFile)
 {
-    sd_event* new_event = nullptr;
-    int r = sd_event_default(&new_event);
-    const vantora::EventPtr event(new_event);
+    sd_event* newEvent = nullptr;
+    int r = sd_event_default(&newEvent);
+    const vantora::EventPtr event(newEvent);
     if (!succeeded(r, "make an event loop") ||
         !succeeded(end_loop_on_signals(event.get()), "handle signals")) {
         return EXIT_FAILURE;
     }
 
-    SettingsStore store(state_file, device_schema());
-    load(store, state_file);
+    SettingsStore store(stateFile, device_schema());
+    load(store, stateFile);
 
-    sd_bus* new_bus = nullptr;
-    r = sd_bus_open_user(&new_bus);
-    const vantora::BusPtr bus(new_bus);
+    sd_bus* newBus = nullptr;
+    r = sd_bus_open_user(&newBus);
+    const vantora::BusPtr bus(newBus);
     if (!succeeded(r, "open the user bus") ||
         !succeeded(sd_bus_set_exit_on_disconnect(bus.get(), 1), "watch the user bus") ||
         !succeeded(sd_bus_attach_event(bus.get(), event.get(), SD_EVENT_PRIORITY_NORMAL),
@@ -82,7 +82,7 @@ int serve(const std::string& state_file)
     }
     SettingsService service(bus.get(), store);
     if (!succeeded(service.publish(), "publish the settings") ||
-        !succeeded(sd_bus_request_name(bus.get(), service_name, 0),
+        !succeeded(sd_bus_request_name(bus.get(), kServiceName, 0),
                    "own the name com.vantora.common.Settings1")) {
         return EXIT_FAILURE;
     }
@@ -120,5 +120,5 @@ int main(int argc, char** argv)
     case Options::Action::Serve:
         break;
     }
-    return serve(options.state_file);
+    return serve(options.stateFile);
 }

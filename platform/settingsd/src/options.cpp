@@ -9,17 +9,17 @@ namespace settingsd {
 
 Options parse_options(int argc, char** argv)
 {
-    static const auto long_options = std::to_array<option>({
+    static const auto kLongOptions = std::to_array<option>({
         {"state", required_argument, nullptr, 's'},
         {"help", no_argument, nullptr, 'h'},
         {"version", no_argument, nullptr, 'V'},
         {nullptr, 0, nullptr, 0},
     });
     Options options;
-    for (int c = 0; (c = ::getopt_long(argc, argv, "h", long_options.data(), nullptr)) != -1;) {
+    for (int c = 0; (c = ::getopt_long(argc, argv, "h", kLongOptions.data(), nullptr)) != -1;) {
         switch (c) {
         case 's':
-            options.state_file = optarg;
+            options.stateFile = optarg;
             break;
         case 'h':
             options.action = Options::Action::Help;
@@ -32,7 +32,7 @@ Options parse_options(int argc, char** argv)
             return options;
         }
     }
-    if (optind < argc || options.state_file.empty()) {
+    if (optind < argc || options.stateFile.empty()) {
         std::fprintf(stderr, "%s: %s\n", argv[0],
                      optind < argc ? "takes options only, no arguments" : "the state file needs a name");
         options.action = Options::Action::Invalid;
@@ -52,7 +52,7 @@ void print_help()
         "\n"
         "Exit status: 0 after SIGTERM or SIGINT, 1 when the bus or the name cannot be had or is lost,\n"
         "2 for a wrong command line.\n",
-        Options().state_file.c_str());
+        Options().stateFile.c_str());
 }
 
 } // namespace settingsd

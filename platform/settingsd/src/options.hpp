@@ -10,7 +10,7 @@ struct Options
     enum class Action { Serve, Help, Version, Invalid };
 
     Action action = Action::Serve;
-    std::string state_file = "/var/lib/vantora-settingsd/settings.json";
+    std::string stateFile = "/var/lib/vantora-settingsd/settings.json";
 };
 
 /** Reads the command line; says what is wrong with an invalid one on standard error. */

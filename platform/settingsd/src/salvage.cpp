@@ -33,9 +33,9 @@ public:
     bool key(string_t& name) override
     {
         keep_number();
-        if (depth_ == section_depth) {
+        if (depth_ == kSectionDepth) {
             section_ = name;
-        } else if (depth_ == setting_depth) {
+        } else if (depth_ == kSettingDepth) {
             setting_ = name;
         }
         return true;
@@ -47,13 +47,13 @@ public:
     }
 
 private:
-    static constexpr int section_depth = 1;
-    static constexpr int setting_depth = 2;
+    static constexpr int kSectionDepth = 1;
+    static constexpr int kSettingDepth = 2;
 
     template <typename T>
     bool scalar(const T& value)
     {
-        if (depth_ == setting_depth && !section_.empty() && !setting_.empty()) {
+        if (depth_ == kSettingDepth && !section_.empty() && !setting_.empty()) {
             found_[section_][setting_] = value;
         }
         return true;
@@ -63,17 +63,17 @@ private:
     template <typename T>
     bool number(T value)
     {
-        if (depth_ == setting_depth) {
-            pending_number_ = json(value);
+        if (depth_ == kSettingDepth) {
+            pendingNumber_ = json(value);
         }
         return true;
     }
 
     void keep_number()
     {
-        if (pending_number_) {
-            scalar(*pending_number_);
-            pending_number_.reset();
+        if (pendingNumber_) {
+            scalar(*pendingNumber_);
+            pendingNumber_.reset();
         }
     }
 
@@ -93,7 +93,7 @@ private:
     }
 
     json found_ = json::object();
-    std::optional<json> pending_number_;
+    std::optional<json> pendingNumber_;
     std::string section_;
     std::string setting_;
     int depth_ = 0;

@@ -9,14 +9,14 @@ namespace settingsd {
 
 const char* type_of(const Value& value)
 {
-    constexpr std::array<const char*, std::variant_size_v<Value>> types = {"b", "i", "s"};
-    return types.at(value.index());
+    constexpr std::array<const char*, std::variant_size_v<Value>> kTypes = {"b", "i", "s"};
+    return kTypes.at(value.index());
 }
 
 Schema device_schema()
 {
     // To add a setting, add a row; the rows of a section stand together.
-    static const std::array settings = {
+    static const std::array kSettings = {
         Setting{"development", "killWifiOnBoot", false},
         Setting{
             "device", "deviceName",
@@ -29,7 +29,7 @@ Schema device_schema()
         Setting{"network", "mode", "Host"},
         Setting{"network", "frequency", "2.4"},
     };
-    return settings;
+    return kSettings;
 }
 
 const Setting* find_setting(Schema schema, std::string_view section, std::string_view key)

@@ -22,7 +22,7 @@ struct Setting
 {
     const char* section;
     const char* key;
-    Value default_value;
+    Value defaultValue;
     Belongs belongs = Belongs::ToProduct;
 };
 

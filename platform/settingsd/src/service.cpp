@@ -15,7 +15,7 @@ namespace {
 
 std::string path_of(const std::string& section)
 {
-    return std::string(base_path) + "/" + section;
+    return std::string(kBasePath) + "/" + section;
 }
 
 int refuse_to_store(sd_bus_error* error, const std::string& what, int r)
@@ -47,7 +47,7 @@ int SettingsService::publish()
 
 int SettingsService::publish_base()
 {
-    static const auto vtable = std::to_array<sd_bus_vtable>({
+    static const auto kVtable = std::to_array<sd_bus_vtable>({
         SD_BUS_VTABLE_START(0),
         SD_BUS_METHOD_WITH_ARGS("ResetToDefaults", SD_BUS_ARGS("b", all), SD_BUS_NO_RESULT,
                                 on_reset_to_defaults, 0),
@@ -58,14 +58,14 @@ int SettingsService::publish_base()
         SD_BUS_VTABLE_END,
     });
     sd_bus_slot* slot = nullptr;
-    int r = sd_bus_add_object_vtable(bus_, &slot, base_path, service_name, vtable.data(), this);
+    int r = sd_bus_add_object_vtable(bus_, &slot, kBasePath, kServiceName, kVtable.data(), this);
     base_.reset(slot);
     if (r < 0) {
         return r;
     }
     slot = nullptr;
-    r = sd_bus_add_object_manager(bus_, &slot, base_path);
-    object_manager_.reset(slot);
+    r = sd_bus_add_object_manager(bus_, &slot, kBasePath);
+    objectManager_.reset(slot);
     return r < 0 ? r : 0;
 }
 
@@ -77,7 +77,7 @@ int SettingsService::publish_section(const std::string& name)
     section.vtable.push_back(SD_BUS_VTABLE_START(0));
     for (const Setting& setting : store_.schema()) {
         if (name == setting.section) {
-            section.vtable.push_back(SD_BUS_WRITABLE_PROPERTY(setting.key, type_of(setting.default_value),
+            section.vtable.push_back(SD_BUS_WRITABLE_PROPERTY(setting.key, type_of(setting.defaultValue),
                                                               on_get, on_set, 0,
                                                               SD_BUS_VTABLE_PROPERTY_EMITS_CHANGE));
         }
@@ -85,7 +85,7 @@ int SettingsService::publish_section(const std::string& name)
     section.vtable.push_back(SD_BUS_VTABLE_END);
 
     sd_bus_slot* slot = nullptr;
-    const int r = sd_bus_add_object_vtable(bus_, &slot, path_of(name).c_str(), service_name,
+    const int r = sd_bus_add_object_vtable(bus_, &slot, path_of(name).c_str(), kServiceName,
                                            section.vtable.data(), &section);
     section.slot.reset(slot);
     return r < 0 ? r : 0;
@@ -116,7 +116,7 @@ void SettingsService::announce(const std::vector<const Setting*>& changed)
         if (!names.empty()) {
             names.push_back(nullptr);
             const int r = sd_bus_emit_properties_changed_strv(bus_, path_of(section.name).c_str(),
-                                                              service_name, names.data());
+                                                              kServiceName, names.data());
             if (r < 0) {
                 syslog(LOG_ERR, "Cannot announce a change in section %s: %s", section.name.c_str(),
                        std::system_category().message(-r).c_str());
@@ -144,7 +144,7 @@ int SettingsService::on_set(sd_bus*, const char*, const char*, const char* prope
         return -ENOENT;
     }
     Value value;
-    int r = read_value(message, setting->default_value, value);
+    int r = read_value(message, setting->defaultValue, value);
     if (r < 0) {
         return r;
     }

@@ -12,9 +12,9 @@
 namespace settingsd {
 
 /** Bus name and interface. */
-inline constexpr const char* service_name = "com.vantora.common.Settings1";
+inline constexpr const char* kServiceName = "com.vantora.common.Settings1";
 /** The object with the reset methods; each section is an object below it. */
-inline constexpr const char* base_path = "/com/vantora/common/Settings1";
+inline constexpr const char* kBasePath = "/com/vantora/common/Settings1";
 
 /**
  * The settings on the bus: each setting a read-write property of its section's object, announced by the
@@ -69,7 +69,7 @@ private:
     SettingsStore& store_;
     std::list<Section> sections_;
     vantora::SlotPtr base_;
-    vantora::SlotPtr object_manager_;
+    vantora::SlotPtr objectManager_;
 };
 
 } // namespace settingsd

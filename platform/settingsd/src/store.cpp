@@ -12,7 +12,7 @@ namespace settingsd {
 
 namespace {
 
-constexpr std::size_t largest_file = std::size_t{1024} * 1024;
+constexpr std::size_t kLargestFile = std::size_t{1024} * 1024;
 
 std::string errno_text(int r)
 {
@@ -31,7 +31,7 @@ std::vector<std::string> SettingsStore::load()
     sealed_ = 0;
 
     std::string text;
-    const int unreadable = read_file(path_, largest_file, text);
+    const int unreadable = read_file(path_, kLargestFile, text);
     if (unreadable == -ENOENT) {
         return {};
     }
@@ -68,18 +68,18 @@ Value SettingsStore::get(const Setting& setting) const
     if (section != root_.end()) {
         const auto stored = section->find(setting.key);
         if (stored != section->end()) {
-            if (auto value = to_value(*stored, setting.default_value)) {
+            if (auto value = to_value(*stored, setting.defaultValue)) {
                 return *std::move(value);
             }
         }
     }
-    return setting.default_value;
+    return setting.defaultValue;
 }
 
 int SettingsStore::set(const Setting& setting, const Value& value, bool& changed)
 {
     changed = false;
-    if (value.index() != setting.default_value.index()) {
+    if (value.index() != setting.defaultValue.index()) {
         return -EINVAL;
     }
     if (get(setting) == value) {
@@ -100,10 +100,10 @@ int SettingsStore::reset(std::span<const Setting* const> settings, std::vector<c
 {
     changed.clear();
     nlohmann::json root = root_;
-    std::vector<const Setting*> other_value;
+    std::vector<const Setting*> otherValue;
     for (const Setting* setting : settings) {
-        if (get(*setting) != setting->default_value) {
-            other_value.push_back(setting);
+        if (get(*setting) != setting->defaultValue) {
+            otherValue.push_back(setting);
         }
         const auto section = root.find(setting->section);
         if (section != root.end()) {
@@ -121,7 +121,7 @@ int SettingsStore::reset(std::span<const Setting* const> settings, std::vector<c
         return r;
     }
     root_ = std::move(root);
-    changed = std::move(other_value);
+    changed = std::move(otherValue);
     return 0;
 }
 
