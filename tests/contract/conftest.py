@@ -8,7 +8,7 @@ from pathlib import Path
 import pytest
 
 ROOT = Path(__file__).resolve().parents[2]
-sys.path[:0] = [str(ROOT / "tests/support"), str(ROOT / "simulator")]
+sys.path[:0] = [str(ROOT / "tests/contract/harness"), str(ROOT / "tests/support"), str(ROOT / "simulator")]
 
 from wifi_client import PIPE, TERMINAL, Way  # noqa: E402  (finds what it needs through the line above)
 

@@ -111,7 +111,8 @@ def fails_unit(tree: Tree, name: str) -> bool:
 
 def fails_contract(tree: Tree, selection: str) -> bool:
     file, _, narrowed = selection.partition(" -k ")
-    command = [PYTHON, "-m", "pytest", f"tests/contract/{file}", "-x", "-q", "-n", "4", "-p", "no:cacheprovider",
+    path, = (tree.folder / "tests" / "contract").glob(f"*/{file}")
+    command = [PYTHON, "-m", "pytest", str(path), "-x", "-q", "-n", "4", "-p", "no:cacheprovider",
                "--build-dir", str(tree.build)]
     if narrowed:
         command += ["-k", narrowed]

@@ -12,7 +12,7 @@ from access_point import attached_up
 from vantora_sim import CallRefused, Variant, World, signal
 
 INTERFACE = "com.vantora.Network1.WiFi"
-DESCRIPTION = Path(__file__).resolve().parents[2] / "packaging/dbus/com.vantora.Network1.WiFi.xml"
+DESCRIPTION = Path(__file__).resolve().parents[3] / "packaging/dbus/com.vantora.Network1.WiFi.xml"
 INVALID_ARGUMENTS = "org.freedesktop.DBus.Error.InvalidArgs"
 
 METHODS = [("Connect", ["s", "s"]), ("Scan", []), ("Disconnect", [])]

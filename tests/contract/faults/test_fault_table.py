@@ -12,6 +12,7 @@ from fault_table import BEGIN, END, MODULES, PAGE, SLOW_TEST, name_of_test, neig
 from faults import KINDS, Impossible, Row
 
 HERE = Path(__file__).parent
+CONTRACT = HERE.parent
 
 
 def rows() -> list[tuple[str, Row]]:
@@ -23,7 +24,9 @@ def rows() -> list[tuple[str, Row]]:
 @pytest.fixture(scope="module")
 def tests() -> set[str]:
     """All tests that a row may name: as "file.py::test[id]", and without the id."""
-    files = sorted({name_of_test(row, module).split("::")[0] for module, row in rows()} | {f"{module}.py" for module in MODULES})
+    names = {name_of_test(row, module).split("::")[0] for module, row in rows()} | {f"{module}.py" for module in MODULES}
+    files = sorted(str(path) for path in CONTRACT.glob("*/test_*.py") if path.name in names)
+    assert len(files) == len(names)
     collect = [sys.executable, "-m", "pytest", "--collect-only", "-q", "-p", "no:cacheprovider", "-p", "no:xdist", *files]
     listed = subprocess.run(collect, cwd=HERE, capture_output=True, text=True, check=False)
     found = {re.sub("^([^:]*/)?", "", line) for line in listed.stdout.splitlines() if "::" in line}
@@ -34,7 +37,7 @@ def tests() -> set[str]:
 def test_the_page_holds_the_table_that_the_rows_give() -> None:
     page = PAGE.read_text()
     assert page.count(BEGIN) == page.count(END) == 1
-    assert page == page_with(rendered(), page), "run /usr/bin/python3 tests/contract/fault_table.py"
+    assert page == page_with(rendered(), page), "run /usr/bin/python3 tests/contract/harness/fault_table.py"
 
 
 def test_every_neighbour_has_every_kind_of_fault_or_a_reason_against_it() -> None:

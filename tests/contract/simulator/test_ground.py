@@ -86,7 +86,7 @@ def test_everything_ends_with_the_process_that_made_it(build_dir: Path) -> None:
               "    sleeper = world.sandbox.start(['/bin/sleep', '1000'])\n"
               "    print(sleeper.pid, world.sandbox.init, world.work, flush=True)\n"
               "    time.sleep(1000)\n")
-    simulator = Path(__file__).resolve().parents[2] / "simulator"
+    simulator = Path(__file__).resolve().parents[3] / "simulator"
     environment = {**os.environ, "PYTHONPATH": str(simulator), "TMPDIR": "/tmp"}
     owner = subprocess.Popen(["/usr/bin/python3", "-c", script, str(build_dir)], env=environment, stdout=subprocess.PIPE, text=True)
     assert owner.stdout

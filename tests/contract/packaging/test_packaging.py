@@ -7,7 +7,7 @@ from pathlib import Path
 
 import pytest
 
-ROOT = Path(__file__).resolve().parents[2]
+ROOT = Path(__file__).resolve().parents[3]
 BUS_NAMES = {"com.vantora.Network1": "vantora-network.service", "com.vantora.common.Settings1": "vantora-settingsd.service"}
 
 

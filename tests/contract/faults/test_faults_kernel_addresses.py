@@ -8,7 +8,7 @@ from pathlib import Path
 
 import pytest
 from faults import (ABSENT, DIES, FLOODS, GARBAGE, HANGS, REFUSES, RESTARTS, WRONG_TYPE, Impossible, Line, Neighbour, Row)
-from test_kernel_addresses import EVENT, event
+from kernel_events import EVENT, event
 from vantora_sim import World, changed, log
 
 EXISTING = "test_kernel_addresses.py::"

@@ -2,16 +2,15 @@
 
 from __future__ import annotations
 
-import re
 import time
 from pathlib import Path
 
 import pytest
+from kernel_events import EVENT, event
 from vantora_sim import World, changed, log
 
 STARTING = ("info", "[NETLINK] Starting kernel netlink listener...")
 TASK = ("info", "[NETLINK] Starting kernel netlink task...")
-EVENT = re.compile(r"^\[NETLINK\] IP Event: ")
 
 TAKE_PORT = """
 import socket, sys, time
@@ -30,11 +29,6 @@ def still_world(world: World) -> World:
     world.tools.ip.output("")
     world.up()
     return world
-
-
-def event(interface: str, address: str, status: str) -> tuple[str, str]:
-    """The line of an address event."""
-    return "info", f"[NETLINK] IP Event: Iface: {interface} IP Address: {address} Status: {status}"
 
 
 def ip(world: World, arguments: str) -> None:

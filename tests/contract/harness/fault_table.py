@@ -1,6 +1,6 @@
 """Writes the table of faults in docs/reliability.md from the rows that the tests try.
 
-    /usr/bin/python3 tests/contract/fault_table.py      # after a change of a row
+    /usr/bin/python3 tests/contract/harness/fault_table.py      # after a change of a row
 
 test_fault_table.py fails when the table is not what this would write.
 """
@@ -12,15 +12,15 @@ import sys
 import textwrap
 from pathlib import Path
 
-ROOT = Path(__file__).resolve().parents[2]
+ROOT = Path(__file__).resolve().parents[3]
 if __name__ == "__main__":
-    sys.path[:0] = [str(ROOT / "simulator"), str(ROOT / "tests/contract")]
+    sys.path[:0] = [str(ROOT / "simulator"), str(ROOT / "tests/contract/harness"), str(ROOT / "tests/contract/faults")]
 
 from faults import REAL_TIMEOUT, SHORT_TIMEOUT, SUCCESS, Asked, Impossible, Line, Neighbour, Row, shown  # noqa: E402
 from settings_texts import GET_BOOL, GET_STRING, PROPERTIES_CHANGED, SET_STRING  # noqa: E402
 
 PAGE = ROOT / "docs/reliability.md"
-BEGIN, END = "<!-- The table of faults: written by tests/contract/fault_table.py -->", "<!-- end of the table of faults -->"
+BEGIN, END = "<!-- The table of faults: written by tests/contract/harness/fault_table.py -->", "<!-- end of the table of faults -->"
 MODULES = ("test_faults_user_bus", "test_faults_system_bus", "test_faults_settings_daemon", "test_faults_systemd",
            "test_faults_wpa_supplicant", "test_faults_hostapd", "test_faults_kernel_addresses", "test_faults_shell_tools")
 """The tests of faults, in the order of the table."""
