@@ -5,17 +5,16 @@ from __future__ import annotations
 import ipaddress
 import json
 from collections.abc import Callable
-from typing import TYPE_CHECKING, Any
+from typing import Any
 
 from . import places, state
+from .dbus_fake import CallRefused
 from .json_lines import loads
 from .neighbours import neighbours
+from .parts import Parts
 from .plan import Network
 from .schema import check
 from .world_file import check_network, make_network
-
-if TYPE_CHECKING:
-    from .device import SimulatedDevice
 
 CABLE_ADDRESS = "192.168.2.20/24"
 """What the wired network gives the device."""
@@ -25,74 +24,82 @@ class CommandError(Exception):
     """The command cannot be done; the text says why."""
 
 
-def run(device: SimulatedDevice, command: str, arguments: dict[str, Any]) -> str:
-    """Do a command; returns what there is to say. Not for the loop's thread. Raises CommandError."""
+def run(parts: Parts, command: str, arguments: dict[str, Any]) -> str:
+    """Do a command and record it; returns what there is to say. Not for the loop's thread. Raises CommandError."""
     if command not in COMMANDS:
         raise CommandError(f"there is no command {command!r}")
-    return COMMANDS[command](device, **arguments)
+    try:
+        text = COMMANDS[command](parts, **arguments)
+    except CallRefused as refusal:
+        raise CommandError(f"the settings daemon says: {refusal.text} ({refusal.name})") from None
+    except (KeyError, TypeError, ValueError) as error:
+        raise CommandError(f"arguments of {command}: {error!r}") from None
+    if command != "show":
+        parts.world.journal.add("world", command=command, arguments=arguments, text=text)
+    return text
 
 
-def _show(device: SimulatedDevice) -> str:
-    return json.dumps(state.snapshot(device), ensure_ascii=False)
+def _show(parts: Parts) -> str:
+    return json.dumps(state.snapshot(parts), ensure_ascii=False)
 
 
 # The air
 
 
-def _add(device: SimulatedDevice, network: dict[str, Any]) -> str:
+def _add(parts: Parts, network: dict[str, Any]) -> str:
     schema = json.loads(places.schema().read_text(encoding="utf-8"))
     wanted = {**schema["$defs"]["network"], "$defs": schema["$defs"]}
     findings = [str(finding) for finding in check(loads(json.dumps(network)), wanted)]
     findings = findings or [f"{field}: {text}" if field else text for field, text in check_network(network)]
     if findings:
         raise CommandError("; ".join(findings))
-    taken = {other.bssid for other in device.air.networks}
+    taken = {other.bssid for other in parts.air.networks}
     made = next(one for one in (make_network(network, number) for number in range(0x8000, 0x10000))
                 if one.bssid not in taken or "bssid" in network)
     if made.bssid in taken:
         raise CommandError(f"there is an access point {made.bssid} already")
-    device.world.loop.call(device.air.add, made)
+    parts.world.loop.call(parts.air.add, made)
     return f"\"{made.label}\" ({made.bssid}) is on the air"
 
 
-def _remove(device: SimulatedDevice, network: str) -> str:
-    found = _networks(device, network)
+def _remove(parts: Parts, network: str) -> str:
+    found = _networks(parts, network)
     for one in found:
-        device.world.loop.call(device.air.remove, one)
+        parts.world.loop.call(parts.air.remove, one)
     return _about(found, "off the air")
 
 
-def _signal(device: SimulatedDevice, network: str, dbm: int) -> str:
+def _signal(parts: Parts, network: str, dbm: int) -> str:
     if not -120 <= dbm <= 0:
         raise CommandError("a signal is from -120 to 0 dBm")
-    return _change(device, network, f"received with {dbm} dBm", signal=dbm)
+    return _change(parts, network, f"received with {dbm} dBm", signal=dbm)
 
 
-def _key(device: SimulatedDevice, network: str, passphrase: str) -> str:
+def _key(parts: Parts, network: str, passphrase: str) -> str:
     if not 8 <= len(passphrase) <= 63 or not passphrase.isascii() or not passphrase.isprintable():
         raise CommandError("a passphrase has 8 to 63 printable ASCII characters")
-    if any(not one.passphrase for one in _networks(device, network)):
+    if any(not one.passphrase for one in _networks(parts, network)):
         raise CommandError("that network has no passphrase")
-    return _change(device, network, "protected by the new passphrase", passphrase=passphrase)
+    return _change(parts, network, "protected by the new passphrase", passphrase=passphrase)
 
 
-def _change(device: SimulatedDevice, name: str, what: str, **values: Any) -> str:
-    found = _networks(device, name)
+def _change(parts: Parts, name: str, what: str, **values: Any) -> str:
+    found = _networks(parts, name)
 
     def change() -> None:
         for network in found:
             for key, value in values.items():
                 setattr(network, key, value)
-        device.air.changed()
+        parts.air.changed()
 
-    device.world.loop.call(change)
+    parts.world.loop.call(change)
     return _about(found, what)
 
 
-def _networks(device: SimulatedDevice, name: str) -> list[Network]:
+def _networks(parts: Parts, name: str) -> list[Network]:
     """All access points of this name, or the one of this address."""
     wanted = name.encode(errors="surrogateescape")
-    found = [network for network in device.air.networks if network.ssid == wanted or network.bssid == name.lower()]
+    found = [network for network in parts.air.networks if network.ssid == wanted or network.bssid == name.lower()]
     if not found:
         raise CommandError(f"there is no network {name!r}")
     return found
@@ -106,23 +113,23 @@ def _about(networks: list[Network], what: str) -> str:
 # The access point's stations
 
 
-def _join(device: SimulatedDevice, station: str) -> str:
-    if not device.world.loop.call(device.access_point.join, _station(device, station)):
+def _join(parts: Parts, station: str) -> str:
+    if not parts.world.loop.call(parts.access_point.join, _station(parts, station)):
         raise CommandError("there is no access point to join")
     return f"{station} has joined"
 
 
-def _leave(device: SimulatedDevice, station: str) -> str:
-    if not device.world.loop.call(device.access_point.leave, _station(device, station)):
+def _leave(parts: Parts, station: str) -> str:
+    if not parts.world.loop.call(parts.access_point.leave, _station(parts, station)):
         raise CommandError(f"{station} is not here")
     return f"{station} has left"
 
 
-def _station(device: SimulatedDevice, name: str) -> str:
-    for visitor in device.plan.visitors:
+def _station(parts: Parts, name: str) -> str:
+    for visitor in parts.plan.visitors:
         if name in (visitor.name, visitor.mac):
             return visitor.mac
-    known = ", ".join(visitor.name for visitor in device.plan.visitors) or "none"
+    known = ", ".join(visitor.name for visitor in parts.plan.visitors) or "none"
     raise CommandError(f"there is no station {name!r} in this world (there are: {known})")
 
 
@@ -130,8 +137,8 @@ def _station(device: SimulatedDevice, name: str) -> str:
 
 
 def _neighbour(verb: str, done: str) -> Callable[..., str]:
-    def act(device: SimulatedDevice, neighbour: str) -> str:
-        known = neighbours(device)
+    def act(parts: Parts, neighbour: str) -> str:
+        known = neighbours(parts)
         if neighbour not in known:
             raise CommandError(f"there is no neighbour {neighbour!r} (there are: {', '.join(known)})")
         if verb in ("kill", "hang") and not known[neighbour].running():
@@ -141,18 +148,18 @@ def _neighbour(verb: str, done: str) -> Callable[..., str]:
     return act
 
 
-def _radio(device: SimulatedDevice, blocked: bool, hard: bool = False) -> str:
+def _radio(parts: Parts, blocked: bool, hard: bool = False) -> str:
     change = {"hard": blocked} if hard else {"soft": blocked}
-    device.world.loop.call(lambda: device.world.radio.block(**change))
-    return f"the radio is {'blocked' if device.world.radio.blocked else 'not blocked'}"
+    parts.world.loop.call(lambda: parts.world.radio.block(**change))
+    return f"the radio is {'blocked' if parts.world.radio.blocked else 'not blocked'}"
 
 
-def _set(device: SimulatedDevice, setting: str, value: str) -> str:
+def _set(parts: Parts, setting: str, value: str) -> str:
     section, dot, key = setting.partition(".")
     if not dot:
         raise CommandError("a setting is written as SECTION.KEY")
-    device.change_setting(section, key, _like(device.read_setting(section, key), value))
-    return f"{setting} is {json.dumps(device.read_setting(section, key), ensure_ascii=False)}"
+    parts.settings_daemon.change(section, key, _like(parts.settings_daemon.read(section, key), value))
+    return f"{setting} is {json.dumps(parts.settings_daemon.read(section, key), ensure_ascii=False)}"
 
 
 def _like(present: Any, text: str) -> Any:
@@ -169,7 +176,7 @@ def _like(present: Any, text: str) -> Any:
     return text
 
 
-def _cable(device: SimulatedDevice, plugged: bool, address: str = CABLE_ADDRESS) -> str:
+def _cable(parts: Parts, plugged: bool, address: str = CABLE_ADDRESS) -> str:
     if plugged:
         try:
             ipaddress.IPv4Interface(address)
@@ -179,7 +186,7 @@ def _cable(device: SimulatedDevice, plugged: bool, address: str = CABLE_ADDRESS)
     if not plugged:
         steps = [("addr", "flush", "dev", "eth0"), ("link", "set", "cable0", "down")]
     for step in steps:
-        if not device.world.try_ip(*step):
+        if not parts.world.try_ip(*step):
             raise CommandError(f"\"ip {' '.join(step)}\" has failed")
     return f"the cable is plugged, eth0 has {address}" if plugged else "the cable is unplugged"
 

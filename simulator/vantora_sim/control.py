@@ -7,14 +7,12 @@ from __future__ import annotations
 
 import asyncio
 import json
+from collections.abc import Callable
 from pathlib import Path
-from typing import TYPE_CHECKING, Any
+from typing import Any
 
-from .commands import CommandError, run
-from .dbus_fake import CallRefused
-
-if TYPE_CHECKING:
-    from .device import SimulatedDevice
+from .commands import CommandError
+from .loop import LoopThread
 
 CONTROL_SOCKET = "control"
 """Name of the socket in the work folder of a device."""
@@ -25,18 +23,20 @@ CONTROL_VARIABLE = "VANTORA_SIM_CONTROL"
 class Control:
     """The server's side."""
 
-    def __init__(self, device: SimulatedDevice) -> None:
-        self._device = device
+    def __init__(self, loop: LoopThread, run: Callable[[str, dict[str, Any]], str]) -> None:
+        """`run` does a command with its arguments and says what was done, or raises CommandError."""
+        self._loop = loop
+        self._run = run
         self._server: asyncio.AbstractServer | None = None
 
     def open(self, path: Path) -> None:
         """Begin to serve. The folder of the socket decides who may connect: nobody but its owner."""
-        self._server = self._device.world.loop.run(asyncio.start_unix_server(self._serve, path))
+        self._server = self._loop.run(asyncio.start_unix_server(self._serve, path))
 
     def close(self) -> None:
         """Serve no longer."""
         if self._server is not None:
-            self._device.world.loop.call(self._server.close)
+            self._loop.call(self._server.close)
             self._server = None
 
     async def _serve(self, reader: asyncio.StreamReader, writer: asyncio.StreamWriter) -> None:
@@ -59,13 +59,6 @@ class Control:
         except (ValueError, TypeError, AttributeError, KeyError):
             return {"error": "a request is an object with \"command\""}
         try:
-            text = run(self._device, command, request)
+            return {"text": self._run(command, request)}
         except CommandError as error:
             return {"error": str(error)}
-        except CallRefused as refusal:
-            return {"error": f"the settings daemon says: {refusal.text} ({refusal.name})"}
-        except (KeyError, TypeError, ValueError) as error:
-            return {"error": f"arguments of {command}: {error!r}"}
-        if command != "show":
-            self._device.world.journal.add("world", command=command, text=text)
-        return {"text": text}

@@ -10,24 +10,20 @@ from __future__ import annotations
 import asyncio
 import signal
 import threading
-import time
 from pathlib import Path
 from types import TracebackType
 from typing import Any
 
-from dbus_next import Variant
-
-from . import places, settings, units
+from . import commands, places, units
 from .access_point import AccessPoint
 from .activity import Activity
 from .air import Air
 from .control import CONTROL_SOCKET, CONTROL_VARIABLE, Control
-from .dbus_fake import PROPERTIES, plain
 from .dhcp import DhcpClient
 from .journal import DEADLINE, log
+from .parts import Parts
 from .plan import BAND_OF_RADIO_TYPE, Plan
-from .sandbox import Process
-from .settings import as_variant
+from .settings_daemon import SettingsDaemon
 from .station import StationSide
 from .world import DEVICE, World
 
@@ -43,9 +39,9 @@ class SimulatedDevice:
     def __init__(self, plan: Plan, build: Path, *, state: Path | None = None) -> None:
         """`state` is a folder in which the settings persist; without it every device is new."""
         self.plan = plan
-        self._state = state.resolve() if state is not None else None
+        state = state.resolve() if state is not None else None
         self.world = World(build, device=plan.device, lasting=True,
-                           exposed=[*([self._state] if self._state else []), *places.hidden_programs(build)])
+                           exposed=[*([state] if state else []), *places.hidden_programs(build)])
         self.world.follow_units = False
         self.world.hostapd.before_event = None
         self.world.hostapd.spacing = _BETWEEN_EVENTS
@@ -55,10 +51,12 @@ class SimulatedDevice:
         self.access_point = AccessPoint(self.world, plan.visitors)
         self.station = StationSide(self.world, self.air)
         self.dhcp = DhcpClient(self.world, self.station)
-        self.settings_daemon: Process | None = None
+        self.settings_daemon = SettingsDaemon(self.world, state)
+        self.parts = Parts(plan, self.world, self.air, self.access_point, self.station, self.settings_daemon)
+        """What commands and the view of the state are about."""
         self.restarts = True
         """Whether the service manager starts a network daemon again that has ended."""
-        self.control = Control(self)
+        self.control = Control(self.world.loop, self.run)
         self._weather = Activity()
         self._ending = threading.Event()
         self._supervisor = threading.Thread(target=self._supervise, name="service manager", daemon=True)
@@ -71,8 +69,8 @@ class SimulatedDevice:
         try:
             self.world.try_ip("link", "set", "cable0", "down")
             self.world.settings.go()
-            self.start_settings_daemon()
-            self._store_initial_settings()
+            self.settings_daemon.start()
+            self.settings_daemon.store_initial(self.plan.settings)
             self.world.loop.call(lambda: self._weather.begin(self._drift()))
             self.control.open(self.world.work / CONTROL_SOCKET)
             self.world.start_daemon()
@@ -100,7 +98,7 @@ class SimulatedDevice:
         if self._supervisor.is_alive():
             self._supervisor.join()
         self.control.close()
-        daemons = [process for process in (self.world.daemon, self.settings_daemon) if process is not None]
+        daemons = [process for process in (self.world.daemon, self.settings_daemon.process) if process is not None]
         for process in daemons:
             if process.running:
                 # It may have been made to hang. Not the other way round: a leak check at the end stops and continues threads.
@@ -115,38 +113,9 @@ class SimulatedDevice:
         for part in (self.access_point, self.station, self.dhcp):
             part.end()
 
-    # The daemons
-
-    def start_settings_daemon(self) -> None:
-        """Start the settings daemon and wait until it serves."""
-        folder = self._state or Path("/run/sim/state")
-        self.settings_daemon = self.world.sandbox.start(
-            [self.world.build / "vantora-settingsd", "--state", folder / "settings.json"])
-        deadline = time.monotonic() + DEADLINE
-        while not self.world.name_owned(settings.SERVICE):
-            if not self.settings_daemon.running or time.monotonic() > deadline:
-                raise RuntimeError(f"the settings daemon does not come up: {self.settings_daemon.stderr.strip()}")
-            time.sleep(0.01)
-
-    def _store_initial_settings(self) -> None:
-        if self._state is not None and (self._state / "settings.json").exists():
-            return
-        for section, values in self.plan.settings.items():
-            for key, value in values.items():
-                self.change_setting(section, key, value)
-
-    def change_setting(self, section: str, key: str, value: Any) -> None:
-        """Change a setting as another program of the device does; a refusal raises CallRefused."""
-        number = isinstance(value, int) and not isinstance(value, bool)
-        self._ask_settings(section, "Set", "ssv", key, Variant("i", value) if number else as_variant(value))
-
-    def read_setting(self, section: str, key: str) -> Any:
-        """A stored setting; a refusal raises CallRefused."""
-        return plain(self._ask_settings(section, "Get", "ss", key)[0])
-
-    def _ask_settings(self, section: str, member: str, signature: str, *args: Any) -> list[Any]:
-        return self.world.call_service_async(settings.SERVICE, f"{settings.BASE_PATH}/{section}", PROPERTIES, member, signature,
-                                             [settings.SERVICE, *args]).result(60)
+    def run(self, command: str, arguments: dict[str, Any]) -> str:
+        """Do a command of vantora-simctl; returns what there is to say. Not for the loop's thread. Raises CommandError."""
+        return commands.run(self.parts, command, arguments)
 
     def _supervise(self) -> None:
         """The service manager's part: a daemon that has ended is started again."""

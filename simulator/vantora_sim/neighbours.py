@@ -5,12 +5,9 @@ from __future__ import annotations
 import signal
 from collections.abc import Callable
 from dataclasses import dataclass
-from typing import TYPE_CHECKING
 
+from .parts import Parts
 from .sandbox import Process
-
-if TYPE_CHECKING:
-    from .device import SimulatedDevice
 
 
 @dataclass(frozen=True)
@@ -24,9 +21,10 @@ class Neighbour:
     start: Callable[[], None]
 
 
-def neighbours(device: SimulatedDevice) -> dict[str, Neighbour]:
+def neighbours(parts: Parts) -> dict[str, Neighbour]:
     """All of them by name."""
-    world, loop = device.world, device.world.loop
+    world, loop = parts.world, parts.world.loop
+    access_point, station, settings_daemon = parts.access_point, parts.station, parts.settings_daemon
 
     def signals(process: Callable[[], Process | None], start: Callable[[], object]) -> Neighbour:
         def send(number: int) -> None:
@@ -48,15 +46,15 @@ def neighbours(device: SimulatedDevice) -> dict[str, Neighbour]:
                          start_again)
 
     return {
-        "hostapd": Neighbour(lambda: world.hostapd.running, lambda: loop.call(device.access_point.kill),
-                             lambda: loop.call(device.access_point.hang), lambda: loop.call(device.access_point.release),
-                             lambda: loop.call(device.access_point.start_again)),
-        "wpa_supplicant": Neighbour(lambda: world.wpa.present, lambda: loop.run(device.station.kill()),
-                                    lambda: loop.call(device.station.hang), lambda: loop.call(device.station.release),
-                                    lambda: loop.run(device.station.start_again())),
+        "hostapd": Neighbour(lambda: world.hostapd.running, lambda: loop.call(access_point.kill),
+                             lambda: loop.call(access_point.hang), lambda: loop.call(access_point.release),
+                             lambda: loop.call(access_point.start_again)),
+        "wpa_supplicant": Neighbour(lambda: world.wpa.present, lambda: loop.run(station.kill()),
+                                    lambda: loop.call(station.hang), lambda: loop.call(station.release),
+                                    lambda: loop.run(station.start_again())),
         "systemd": Neighbour(lambda: world.systemd.present, world.systemd.go, world.systemd.hang, world.systemd.clear,
                              world.systemd.come_back),
-        "vantora-settingsd": signals(lambda: device.settings_daemon, device.start_settings_daemon),
+        "vantora-settingsd": signals(lambda: settings_daemon.process, settings_daemon.start),
         # Its unit starts it again by itself.
         "vantora-network": signals(lambda: world.daemon, lambda: None),
     }

@@ -3,46 +3,44 @@
 from __future__ import annotations
 
 import json
-from typing import TYPE_CHECKING, Any
+from typing import Any
 
 from .neighbours import neighbours
+from .parts import Parts
 from .plan import printable
 
-if TYPE_CHECKING:
-    from .device import SimulatedDevice
 
-
-def snapshot(device: SimulatedDevice) -> dict[str, Any]:
+def snapshot(parts: Parts) -> dict[str, Any]:
     """Everything, as plain values. Not for the loop's thread."""
-    world = device.world
-    return {**world.loop.call(_on_loop, device), "addresses": {name: _addresses(device, name) for name in ("wlan0", "eth0")},
+    world = parts.world
+    return {**world.loop.call(_on_loop, parts), "addresses": {name: _addresses(parts, name) for name in ("wlan0", "eth0")},
             "cable": "LOWER_UP" in world.sandbox.run(["/usr/sbin/ip", "-o", "link", "show", "eth0"]).stdout}
 
 
-def _on_loop(device: SimulatedDevice) -> dict[str, Any]:
-    world = device.world
+def _on_loop(parts: Parts) -> dict[str, Any]:
+    world = parts.world
     radio, systemd = world.radio, world.systemd
     return {
-        "world": device.plan.name,
-        "running": {name: neighbour.running() for name, neighbour in neighbours(device).items()},
+        "world": parts.plan.name,
+        "running": {name: neighbour.running() for name, neighbour in neighbours(parts).items()},
         "radio": {"soft_blocked": radio.soft_blocked, "hard_blocked": radio.hard_blocked, "interface_type": radio.interface_type,
                   "mhz": radio.frequency},
-        "access_point": {"on_air": device.access_point.on_air, "ssid": printable(radio.ap_ssid)},
+        "access_point": {"on_air": parts.access_point.on_air, "ssid": printable(radio.ap_ssid)},
         "client": {"state": world.wpa.state if world.wpa.present else None,
-                   "network": device.station.joined.label if device.station.joined else None},
+                   "network": parts.station.joined.label if parts.station.joined else None},
         "stations": [{"name": visitor.name, "mac": visitor.mac, "here": visitor.mac in world.hostapd.stations}
-                     for visitor in device.plan.visitors],
+                     for visitor in parts.plan.visitors],
         "networks": [{"ssid": network.label, "bssid": network.bssid, "band": network.band, "channel": network.channel,
-                      "signal": device.air.signal(network), "security": network.security, "passphrase": network.passphrase,
-                      "hidden": network.hidden} for network in device.air.networks],
+                      "signal": parts.air.signal(network), "security": network.security, "passphrase": network.passphrase,
+                      "hidden": network.hidden} for network in parts.air.networks],
         "units": {unit: systemd.states.get(unit) or ("active" if active else "inactive")
                   for unit, active in systemd.active.items()},
         "enabled": sorted(systemd.enabled),
     }
 
 
-def _addresses(device: SimulatedDevice, interface: str) -> list[str]:
-    shown = device.world.sandbox.run(["/usr/sbin/ip", "-j", "-4", "addr", "show", "dev", interface])
+def _addresses(parts: Parts, interface: str) -> list[str]:
+    shown = parts.world.sandbox.run(["/usr/sbin/ip", "-j", "-4", "addr", "show", "dev", interface])
     return [f"{address['local']}/{address['prefixlen']}" for link in json.loads(shown.stdout or "[]")
             for address in link.get("addr_info", [])]
 

@@ -100,7 +100,7 @@ def _steps(guide: Guide, home: Network) -> None:
 
     guide.step("Another SSID, as another program of the device stores it")
     guide.do("store device.deviceName \"Living Room\"")
-    device.change_setting("device", "deviceName", "Living Room")
+    device.settings_daemon.change("device", "deviceName", "Living Room")
     # Its value is announced while hostapd starts anew: there may be none just then.
     guide.expect(changed("SSID"), changed("WiFiAccessPointInitialised", True))
     guide.check("SSID", "Living Room")

@@ -202,7 +202,7 @@ def test_band_of_a_station_is_refused_and_stored(shared: SharedDevice, way: Way)
     device = shared.be("Client")
     assert way.run(device.world, "band", band) == way.ended(REFUSED, stderr=told(
         "the device is not an access point at the moment; the band is stored and used when it next is", "Operation not permitted"))
-    assert device.read_setting("network", "frequency") == band
+    assert device.settings_daemon.read("network", "frequency") == band
 
 
 def test_mode_is_refused_where_the_interface_does_not_obey(station: SharedDevice, way: Way) -> None:

@@ -88,7 +88,7 @@ class SharedDevice:
         """Bring it into a mode, whatever was done to it: everybody there and answering, radio on, nothing joined."""
         device, world = self.device, self.device.world
         device.restarts = True
-        for name, neighbour in neighbours(device).items():
+        for name, neighbour in neighbours(device.parts).items():
             neighbour.release()
             if name in ("systemd", "vantora-settingsd") and not neighbour.running():
                 neighbour.start()

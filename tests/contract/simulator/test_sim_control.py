@@ -165,12 +165,12 @@ def test_settings_daemon_can_hang_and_be_killed_and_started(device: SimulatedDev
         switch.result(0.5)
     assert simctl("release", "vantora-settingsd")[0] == 0
     switch.result(20)
-    assert device.read_setting("network", "mode") == "Client"
+    assert device.settings_daemon.read("network", "mode") == "Client"
     assert simctl("kill", "vantora-settingsd")[0] == 0
     wait_until(device, lambda: not device.world.name_owned("com.vantora.common.Settings1"), "the name to be free")
     assert simctl("kill", "vantora-settingsd") == (1, "vantora-simctl: vantora-settingsd is not running")
     assert simctl("start", "vantora-settingsd")[0] == 0
-    assert device.read_setting("network", "mode") == "Client"
+    assert device.settings_daemon.read("network", "mode") == "Client"
 
 
 def test_vanished_systemd_comes_back(device: SimulatedDevice, simctl: Simctl) -> None:
