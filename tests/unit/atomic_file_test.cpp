@@ -3,7 +3,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -22,17 +24,21 @@ using testing::ElementsAre;
 using testing_support::TempFolder;
 
 std::vector<std::string> steps;
-std::string failing; // the step that the disk refuses
+std::vector<std::string> failing; // the steps that the disk refuses, each as often as it stands here
 
 int take(const std::string& step)
 {
     steps.push_back(step);
-    if (step == failing) {
+    const auto found = std::find(failing.begin(), failing.end(), step);
+    if (found != failing.end()) {
+        failing.erase(found);
         errno = EIO;
         return -1;
     }
     return 0;
 }
+
+bool failingAfterSync = false; // a rename fails too, once the folder could not be synced
 
 class ReplaceFile : public testing::Test
 {
@@ -40,12 +46,13 @@ protected:
     void SetUp() override
     {
         failing.clear();
-        ASSERT_EQ(settingsd::replace_file(path, "old"), 0);
+        ASSERT_EQ(settingsd::replace_file(path, "old", settled), 0);
         steps.clear();
     }
 
     TempFolder folder;
     std::string path = folder.file("settings.json");
+    bool settled = false;
 };
 
 } // namespace
@@ -61,34 +68,75 @@ extern "C" int fsync(int fd)
 
 extern "C" int rename(const char* from, const char* to)
 {
+    const bool afterSync = !steps.empty() && steps.back() == "sync folder";
     const int result = take("rename");
+    if (failingAfterSync && afterSync) {
+        errno = EIO;
+        return -1;
+    }
     return result != 0 ? result : static_cast<int>(syscall(SYS_renameat2, AT_FDCWD, from, AT_FDCWD, to, 0));
 }
 
 TEST_F(ReplaceFile, syncs_the_new_contents_before_they_take_the_name_and_the_folder_after)
 {
-    EXPECT_EQ(settingsd::replace_file(path, "brand new"), 0);
+    EXPECT_EQ(settingsd::replace_file(path, "brand new", settled), 0);
     EXPECT_THAT(steps, ElementsAre("sync file of 9", "rename", "sync folder"));
     EXPECT_EQ(folder.read("settings.json"), "brand new");
 }
 
 TEST_F(ReplaceFile, keeps_the_old_contents_when_the_new_can_not_be_synced)
 {
-    failing = "sync file of 9";
-    EXPECT_EQ(settingsd::replace_file(path, "brand new"), -EIO);
+    failing = {"sync file of 9"};
+    EXPECT_EQ(settingsd::replace_file(path, "brand new", settled), -EIO);
     EXPECT_THAT(steps, ElementsAre("sync file of 9"));
     EXPECT_EQ(folder.read("settings.json"), "old");
 }
 
 TEST_F(ReplaceFile, keeps_the_old_contents_when_they_can_not_be_replaced)
 {
-    failing = "rename";
-    EXPECT_EQ(settingsd::replace_file(path, "brand new"), -EIO);
+    failing = {"rename"};
+    EXPECT_EQ(settingsd::replace_file(path, "brand new", settled), -EIO);
     EXPECT_EQ(folder.read("settings.json"), "old");
 }
 
-TEST_F(ReplaceFile, is_a_failure_when_the_folder_can_not_be_synced)
+TEST_F(ReplaceFile, gives_the_old_contents_their_name_back_when_the_folder_can_not_be_synced)
 {
-    failing = "sync folder";
-    EXPECT_EQ(settingsd::replace_file(path, "brand new"), -EIO);
+    failing = {"sync folder"};
+    EXPECT_EQ(settingsd::replace_file(path, "brand new", settled), -EIO);
+    EXPECT_THAT(steps, ElementsAre("sync file of 9", "rename", "sync folder", "rename", "sync folder"));
+    EXPECT_EQ(folder.read("settings.json"), "old");
+    EXPECT_TRUE(settled);
+    EXPECT_FALSE(folder.has("settings.json.old"));
+}
+
+TEST_F(ReplaceFile, leaves_no_file_behind_where_there_was_none_when_the_folder_can_not_be_synced)
+{
+    std::filesystem::remove(path);
+    failing = {"sync folder"};
+    EXPECT_EQ(settingsd::replace_file(path, "brand new", settled), -EIO);
+    EXPECT_FALSE(folder.has("settings.json"));
+    EXPECT_TRUE(settled);
+}
+
+TEST_F(ReplaceFile, tells_when_a_restart_may_find_either_contents)
+{
+    failing = {"sync folder", "sync folder"};
+    EXPECT_EQ(settingsd::replace_file(path, "brand new", settled), -EIO);
+    EXPECT_EQ(folder.read("settings.json"), "old");
+    EXPECT_FALSE(settled);
+
+    failing = {"sync file of 9"};
+    EXPECT_EQ(settingsd::replace_file(path, "brand new", settled), -EIO);
+    EXPECT_FALSE(settled) << "nothing was touched, and nothing is known better than before";
+    EXPECT_EQ(settingsd::replace_file(path, "brand new", settled), 0);
+    EXPECT_TRUE(settled);
+}
+
+TEST_F(ReplaceFile, tells_when_the_old_contents_can_not_get_their_name_back)
+{
+    failing = {"sync folder"};
+    failingAfterSync = true;
+    EXPECT_EQ(settingsd::replace_file(path, "brand new", settled), -EIO);
+    EXPECT_FALSE(settled);
+    failingAfterSync = false;
 }

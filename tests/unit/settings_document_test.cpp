@@ -4,6 +4,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <ctime>
 #include <string>
 
 #include "document.hpp"
@@ -14,6 +15,7 @@ namespace {
 using namespace settingsd;
 using nlohmann::json;
 using testing::Contains;
+using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
@@ -102,6 +104,32 @@ TEST(SettingsDocument, IsReadWhereverItIsCutOff)
             }
         }
     }
+}
+
+TEST(SettingsDocument, IsReadInATimeThatGrowsWithItsLength)
+{
+    json large = {{"network", {{"mode", "Client"}}}};
+    for (int i = 0; i < 50000; ++i) {
+        large["future" + std::to_string(i)] = {{"x", i}};
+    }
+    const std::clock_t before = std::clock();
+    const Document document = parse_document(large.dump(), schema);
+    const double seconds = static_cast<double>(std::clock() - before) / CLOCKS_PER_SEC;
+    EXPECT_EQ(document.root.size(), large.size());
+    EXPECT_LT(seconds, 5) << "of the processor's time; each section looked at the others once: 17";
+}
+
+TEST(SettingsDocument, NamesAFewUnknownThingsAndCountsTheRest)
+{
+    json root = {{std::string(100, 'x'), {{"a", 1}}}};
+    for (int i = 0; i < 50; ++i) {
+        root["network"]["key" + std::to_string(i)] = i;
+    }
+    const Document document = parse_document(root.dump(), schema);
+    EXPECT_EQ(document.findings.size(), 11U);
+    EXPECT_EQ(document.findings.back(), "41 more unknown sections and settings are kept");
+    const Document longName = parse_document(json({{std::string(63, 'x') + "\xC3\xBC", 1}}).dump(), schema);
+    EXPECT_THAT(longName.findings, ElementsAre("unknown section " + std::string(63, 'x') + "... is kept"));
 }
 
 TEST(SettingsDocument, DoesNotTakeInADepthThatWouldOverflowTheStack)

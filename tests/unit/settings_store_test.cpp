@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include "atomic_file.hpp"
+#include "rules.hpp"
 #include "schema.hpp"
 #include "store.hpp"
 #include "support/temp_folder.hpp"
@@ -32,7 +33,7 @@ const std::array schema = {
     Setting{"device", "deviceName", "Unit-1", Belongs::ToOwner},
     Setting{"network", "enabled", true},
     Setting{"network", "mode", "Host"},
-    Setting{"display", "brightness", 80},
+    Setting{"display", "brightness", 80, Belongs::ToProduct, refusal_of_brightness},
 };
 const Setting& device_name = schema[0];
 const Setting& enabled = schema[1];
@@ -48,8 +49,26 @@ protected:
     SettingsStore load_store() const
     {
         SettingsStore store = make_store();
-        EXPECT_THAT(store.load(), IsEmpty());
+        EXPECT_THAT(findings_of(store), IsEmpty());
         return store;
+    }
+
+    /** Loads the store; what was odd, when it can be used. */
+    static std::vector<std::string> findings_of(SettingsStore& store)
+    {
+        std::vector<std::string> findings;
+        EXPECT_EQ(store.load(findings), 0);
+        return findings;
+    }
+
+    /** What a store that starts now has, though another one still holds the file. */
+    Value after_restart(const Setting& setting) const
+    {
+        const TempFolder other;
+        std::filesystem::copy(folder.file("settings.json"), other.file("settings.json"));
+        SettingsStore store(other.file("settings.json"), schema);
+        EXPECT_THAT(findings_of(store), IsEmpty());
+        return store.get(setting);
     }
 
     json stored() const { return json::parse(folder.read("settings.json")); }
@@ -60,11 +79,14 @@ protected:
         return store.set(setting, value, changed);
     }
 
+    /** All but the lock, which always stays. */
     std::vector<std::string> files() const
     {
         std::vector<std::string> names;
         for (const auto& entry : std::filesystem::directory_iterator(folder.path())) {
-            names.push_back(entry.path().filename());
+            if (entry.path().extension() != ".lock") {
+                names.push_back(entry.path().filename());
+            }
         }
         return names;
     }
@@ -89,7 +111,7 @@ TEST_F(SettingsStoreTest, HasAValueOnTheDiskWhenSetReturns)
     EXPECT_TRUE(changed);
     EXPECT_EQ(store.get(mode), Value("Client"));
     EXPECT_EQ(stored(), json({{"network", {{"mode", "Client"}}}}));
-    EXPECT_EQ(load_store().get(mode), Value("Client"));
+    EXPECT_EQ(after_restart(mode), Value("Client"));
     EXPECT_THAT(files(), ElementsAre("settings.json"));
 }
 
@@ -147,7 +169,7 @@ TEST_F(SettingsStoreTest, CarriesUnknownKeysThroughAWriteAndAReset)
     folder.write("settings.json",
                  R"({"future": {"x": [1, {"y": null}]}, "network": {"channel": 6, "mode": "Client"}})");
     SettingsStore store = make_store();
-    EXPECT_THAT(store.load(),
+    EXPECT_THAT(findings_of(store),
                 ElementsAre("unknown section future is kept", "unknown setting network.channel is kept"));
     EXPECT_THAT(files(), ElementsAre("settings.json"));
     ASSERT_EQ(set(store, enabled, false), 0);
@@ -161,13 +183,14 @@ TEST_F(SettingsStoreTest, KeepsADamagedFileAsideAndGoesOnWithWhatCanBeRead)
     const std::string damaged = R"({"network": {"enabled": false, "mode": "Cli)";
     folder.write("settings.json", damaged);
     SettingsStore store = make_store();
-    EXPECT_THAT(store.load(), ElementsAre("not valid JSON", "the damaged file is kept as " +
-                                                                folder.file("settings.json.damaged-1")));
+    EXPECT_THAT(findings_of(store),
+                ElementsAre("not valid JSON",
+                            "the damaged file is kept as " + folder.file("settings.json.damaged-1")));
     EXPECT_EQ(folder.read("settings.json.damaged-1"), damaged);
     EXPECT_EQ(store.get(enabled), Value(false));
     EXPECT_EQ(store.get(mode), Value("Host"));
     EXPECT_EQ(stored(), json({{"network", {{"enabled", false}}}}));
-    EXPECT_EQ(load_store().get(enabled), Value(false)) << "reported once, not at each start";
+    EXPECT_EQ(after_restart(enabled), Value(false)) << "reported once, not at each start";
 }
 
 TEST_F(SettingsStoreTest, NeverWritesOverAFileKeptAsideEarlier)
@@ -176,7 +199,7 @@ TEST_F(SettingsStoreTest, NeverWritesOverAFileKeptAsideEarlier)
     folder.write("settings.json.damaged-2", "second");
     folder.write("settings.json", "third");
     SettingsStore store = make_store();
-    EXPECT_THAT(store.load(), Contains(HasSubstr("settings.json.damaged-3")));
+    EXPECT_THAT(findings_of(store), Contains(HasSubstr("settings.json.damaged-3")));
     EXPECT_EQ(folder.read("settings.json.damaged-1"), "first");
     EXPECT_EQ(folder.read("settings.json.damaged-2"), "second");
     EXPECT_EQ(folder.read("settings.json.damaged-3"), "third");
@@ -187,31 +210,182 @@ TEST_F(SettingsStoreTest, KeepsAFileWithAValueOfAWrongTypeAside)
     const std::string damaged = R"({"network": {"enabled": 1, "mode": "Client"}})";
     folder.write("settings.json", damaged);
     SettingsStore store = make_store();
-    EXPECT_THAT(store.load(), Contains("setting network.enabled is not of type 'b'"));
+    EXPECT_THAT(findings_of(store), Contains("setting network.enabled is not of type 'b'"));
     EXPECT_EQ(folder.read("settings.json.damaged-1"), damaged);
     EXPECT_EQ(store.get(enabled), Value(true));
     EXPECT_EQ(store.get(mode), Value("Client"));
 }
 
-TEST_F(SettingsStoreTest, KeepsAFileThatIsFarTooLargeAside)
+TEST_F(SettingsStoreTest, FallsBackAloneWhereAStoredValueIsNotAllowedAndKeepsTheFileAside)
 {
-    folder.write("settings.json", std::string(std::size_t{2} << 20U, ' '));
+    const std::string older = R"({"display": {"brightness": 101}, "network": {"mode": "Client"}})";
+    folder.write("settings.json", older);
     SettingsStore store = make_store();
-    EXPECT_THAT(store.load(), Contains(HasSubstr("cannot be read: File too large")));
-    EXPECT_EQ(folder.read("settings.json.damaged-1").size(), std::size_t{2} << 20U);
+    EXPECT_THAT(findings_of(store), Contains("setting display.brightness must be 0 to 100"));
+    EXPECT_EQ(store.get(brightness), Value(80));
+    EXPECT_EQ(store.get(mode), Value("Client"));
+    EXPECT_EQ(folder.read("settings.json.damaged-1"), older);
+    EXPECT_EQ(after_restart(mode), Value("Client")) << "reported once, not at each start";
+}
+
+TEST_F(SettingsStoreTest, RefusesAValueThatIsNotAllowed)
+{
+    SettingsStore store = load_store();
+    EXPECT_EQ(set(store, brightness, 101), -EINVAL);
+    EXPECT_EQ(store.get(brightness), Value(80));
+    EXPECT_THAT(files(), IsEmpty());
+}
+
+TEST_F(SettingsStoreTest, RefusesAWriteThatWouldMakeTheFileLargerThanItReads)
+{
+    const json foreign = {{"future", {{"text", std::string((std::size_t{1} << 20U) - 200, 'x')}}}};
+    folder.write("settings.json", foreign.dump());
+    SettingsStore store = make_store();
+    findings_of(store);
+    EXPECT_EQ(set(store, mode, "Client"), 0);
+    const std::string before = folder.read("settings.json");
+    EXPECT_EQ(set(store, device_name, std::string(200, 'x')), -EFBIG);
+    EXPECT_EQ(store.get(device_name), Value("Unit-1"));
+    EXPECT_EQ(folder.read("settings.json"), before);
+
+    SettingsStore again(folder.file("copy.json"), schema);
+    std::filesystem::copy(folder.file("settings.json"), folder.file("copy.json"));
+    EXPECT_THAT(findings_of(again), ElementsAre("unknown section future is kept"))
+        << "what was written is read";
+    EXPECT_EQ(again.get(mode), Value("Client"));
+}
+
+TEST_F(SettingsStoreTest, TakesWhatItKnowsFromAFileThatIsLargerThanItWrites)
+{
+    const std::string large = json({{"device", {{"deviceName", "Kitchen"}}},
+                                    {"future", {{"text", std::string(std::size_t{2} << 20U, 'x')}}},
+                                    {"network", {{"mode", "Client"}, {"channel", 6}}}})
+                                  .dump();
+    folder.write("settings.json", large);
+    SettingsStore store = make_store();
+    EXPECT_THAT(findings_of(store), Contains("is larger than 1 MiB, only the known settings in it are kept"));
+    EXPECT_EQ(folder.read("settings.json.damaged-1"), large);
+    EXPECT_EQ(stored(), json({{"device", {{"deviceName", "Kitchen"}}}, {"network", {{"mode", "Client"}}}}));
     EXPECT_EQ(set(store, enabled, false), 0);
 }
 
-TEST_F(SettingsStoreTest, ChangesNothingWhereTheFileCanBeNeitherReadNorKeptAside)
+TEST_F(SettingsStoreTest, KeepsAFileThatIsFarTooLargeAside)
+{
+    folder.write("settings.json", std::string(std::size_t{5} << 20U, ' '));
+    SettingsStore store = make_store();
+    EXPECT_THAT(findings_of(store), Contains("is larger than 4 MiB, nothing in it is kept"));
+    EXPECT_EQ(folder.read("settings.json.damaged-1").size(), std::size_t{5} << 20U);
+    EXPECT_EQ(set(store, enabled, false), 0);
+}
+
+TEST_F(SettingsStoreTest, LeavesAFileAloneThatCannotBeReadUntilItCan)
 {
     folder.write("settings.json/inside", "a folder where the file should be");
     SettingsStore store = make_store();
-    EXPECT_THAT(store.load(),
-                ElementsAre(HasSubstr("cannot be read: Is a directory"),
-                            HasSubstr("cannot be kept aside, so settings cannot be changed: ")));
-    EXPECT_LT(set(store, enabled, false), 0);
+    std::vector<std::string> findings;
+    EXPECT_EQ(store.load(findings), -EISDIR);
+    EXPECT_THAT(findings, ElementsAre("cannot be read and is left alone, settings cannot be changed until it "
+                                      "can: Is a directory"));
+    EXPECT_FALSE(store.is_loaded());
+    EXPECT_EQ(set(store, enabled, false), -EISDIR);
+    EXPECT_EQ(set(store, enabled, true), -EISDIR) << "nobody knows whether this is what is stored";
+    std::vector<const Setting*> changed;
+    EXPECT_EQ(store.reset(std::array{&enabled}, changed), -EISDIR);
     EXPECT_EQ(store.get(enabled), Value(true));
     EXPECT_TRUE(folder.has("settings.json/inside"));
+
+    std::filesystem::remove_all(folder.file("settings.json"));
+    folder.write("settings.json", R"({"network": {"mode": "Client"}})");
+    EXPECT_THAT(findings_of(store), IsEmpty());
+    EXPECT_EQ(store.get(mode), Value("Client"));
+    EXPECT_EQ(set(store, enabled, false), 0);
+}
+
+TEST_F(SettingsStoreTest, KeepsADamagedFileAsideOnceOnlyWhenItCannotBeReplaced)
+{
+    folder.write("settings.json", "{");
+    folder.write("settings.json.tmp/inside", "in the way of every write");
+    SettingsStore store = make_store();
+    EXPECT_THAT(findings_of(store), Contains(HasSubstr("cannot be replaced: ")));
+    EXPECT_FALSE(store.is_settled());
+    EXPECT_LT(store.settle(), 0);
+    EXPECT_THAT(findings_of(store), Contains(HasSubstr("settings.json.damaged-1")));
+    EXPECT_FALSE(folder.has("settings.json.damaged-2")) << "it is kept already";
+
+    std::filesystem::remove_all(folder.file("settings.json.tmp"));
+    EXPECT_EQ(store.settle(), 0);
+    EXPECT_TRUE(store.is_settled());
+    EXPECT_EQ(stored(), json::object());
+}
+
+TEST_F(SettingsStoreTest, SharesItsFileWithNobody)
+{
+    {
+        const SettingsStore first = load_store();
+        SettingsStore second = make_store();
+        std::vector<std::string> findings;
+        EXPECT_EQ(second.load(findings), -EBUSY);
+        EXPECT_THAT(findings, ElementsAre("is in use by another process"));
+        EXPECT_EQ(set(second, mode, "Client"), -EBUSY);
+    }
+    SettingsStore third = load_store();
+    EXPECT_EQ(set(third, mode, "Client"), 0);
+}
+
+TEST_F(SettingsStoreTest, SharesNoFileThatIsReachedThroughALinkEither)
+{
+    folder.write("settings.json", "{}");
+    ASSERT_EQ(::symlink("settings.json", folder.file("link.json").c_str()), 0);
+    const SettingsStore first = load_store();
+    SettingsStore second(folder.file("link.json"), schema);
+    std::vector<std::string> findings;
+    EXPECT_EQ(second.load(findings), -EBUSY);
+}
+
+TEST_F(SettingsStoreTest, HoldsItsLockInAFolderThatWasMadeAnew)
+{
+    SettingsStore first = load_store();
+    ASSERT_EQ(set(first, mode, "Client"), 0);
+    std::filesystem::remove_all(folder.path());
+    std::filesystem::create_directories(folder.path());
+    ASSERT_EQ(set(first, enabled, false), 0);
+    SettingsStore second = make_store();
+    std::vector<std::string> findings;
+    EXPECT_EQ(second.load(findings), -EBUSY);
+}
+
+TEST_F(SettingsStoreTest, ReplacesWhatALinkLeadsToAndKeepsTheLink)
+{
+    folder.write("real/target.json", R"({"network": {"mode": "Client"}})");
+    ASSERT_EQ(::symlink("real/second", folder.file("settings.json").c_str()), 0);
+    ASSERT_EQ(::symlink("target.json", folder.file("real/second").c_str()), 0);
+    SettingsStore store = load_store();
+    EXPECT_EQ(store.get(mode), Value("Client"));
+    ASSERT_EQ(set(store, enabled, false), 0);
+    EXPECT_EQ(json::parse(folder.read("real/target.json")),
+              json({{"network", {{"enabled", false}, {"mode", "Client"}}}}));
+    EXPECT_TRUE(std::filesystem::is_symlink(folder.file("settings.json")));
+    EXPECT_TRUE(std::filesystem::is_symlink(folder.file("real/second")));
+}
+
+TEST_F(SettingsStoreTest, MakesTheFileThatALinkLeadsTo)
+{
+    folder.write("real/other", "");
+    ASSERT_EQ(::symlink(folder.file("real/target.json").c_str(), folder.file("settings.json").c_str()), 0);
+    SettingsStore store = load_store();
+    ASSERT_EQ(set(store, mode, "Client"), 0);
+    EXPECT_TRUE(folder.has("real/target.json"));
+    EXPECT_TRUE(std::filesystem::is_symlink(folder.file("settings.json")));
+}
+
+TEST_F(SettingsStoreTest, RefusesChangesWhereLinksLeadInARing)
+{
+    ASSERT_EQ(::symlink("other", folder.file("settings.json").c_str()), 0);
+    ASSERT_EQ(::symlink("settings.json", folder.file("other").c_str()), 0);
+    SettingsStore store = make_store();
+    std::vector<std::string> findings;
+    EXPECT_EQ(store.load(findings), -ELOOP);
+    EXPECT_EQ(set(store, mode, "Client"), -ELOOP);
 }
 
 TEST_F(SettingsStoreTest, GoesOnBesideATemporaryFileThatAPowerCutLeft)
@@ -291,9 +465,10 @@ TEST_F(SettingsStoreTest, KeepsTheOldFileWhenItCannotBeReplaced)
 
 TEST_F(SettingsStoreTest, ReplacesAFileThatIsReadMeanwhileWithoutChangingIt)
 {
-    ASSERT_EQ(replace_file(folder.file("settings.json"), "old contents"), 0);
+    bool settled = false;
+    ASSERT_EQ(replace_file(folder.file("settings.json"), "old contents", settled), 0);
     std::ifstream reader(folder.file("settings.json"));
-    ASSERT_EQ(replace_file(folder.file("settings.json"), "new"), 0);
+    ASSERT_EQ(replace_file(folder.file("settings.json"), "new", settled), 0);
     const std::string read((std::istreambuf_iterator<char>(reader)), {});
     EXPECT_EQ(read, "old contents") << "the old file was written to";
     EXPECT_EQ(folder.read("settings.json"), "new");

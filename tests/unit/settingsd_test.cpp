@@ -1,8 +1,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <csignal>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
@@ -224,12 +226,12 @@ TEST_F(SettingsdTest, AnswersAWriteOnceItIsOnTheDiskAndKeepsItOverAKill)
     EXPECT_EQ(set("network", "mode", "s", "Client"), success);
     EXPECT_EQ(stored(), json({{"network", {{"mode", "Client"}}}}));
     EXPECT_EQ(set("network", "enabled", "b", 0), success);
-    EXPECT_EQ(set("display", "brightness", "i", -7), success);
+    EXPECT_EQ(set("display", "brightness", "i", 7), success);
     stop(SIGKILL);
     start();
     EXPECT_EQ(get_string("network", "mode"), "Client");
     EXPECT_EQ(get_number("network", "enabled", 'b'), 0);
-    EXPECT_EQ(get_number("display", "brightness", 'i'), -7);
+    EXPECT_EQ(get_number("display", "brightness", 'i'), 7);
 }
 
 TEST_F(SettingsdTest, AnnouncesRealChangesOnlyWithTheirNewValues)
@@ -240,8 +242,9 @@ TEST_F(SettingsdTest, AnnouncesRealChangesOnlyWithTheirNewValues)
     EXPECT_EQ(set("network", "mode", "s", "Client"), success);
     EXPECT_EQ(set("network", "mode", "s", "Client"), success);
     EXPECT_EQ(set("network", "enabled", "b", 0), success);
-    EXPECT_EQ(set("device", "deviceName", "s", ""), success);
-    EXPECT_THAT(announced(), ElementsAre("network mode=Client", "network enabled=0", "device deviceName="));
+    EXPECT_EQ(set("device", "deviceName", "s", "Kitchen"), success);
+    EXPECT_THAT(announced(),
+                ElementsAre("network mode=Client", "network enabled=0", "device deviceName=Kitchen"));
 }
 
 TEST_F(SettingsdTest, ResetsEverythingOrAllButWhatIsTheOwners)
@@ -301,6 +304,59 @@ TEST_F(SettingsdTest, RefusesAValueOfAWrongTypeAndKeepsTheOldOne)
     EXPECT_FALSE(folder.has("state/settings.json"));
 }
 
+TEST_F(SettingsdTest, RefusesAValueThatIsNotAllowedWithTheReason)
+{
+    const std::string invalid = "org.freedesktop.DBus.Error.InvalidArgs";
+    start();
+    listen();
+    EXPECT_EQ(set("network", "mode", "s", "host"),
+              Answer(invalid, "network.mode must be \"Host\" or \"Client\""));
+    EXPECT_EQ(set("network", "frequency", "s", ""),
+              Answer(invalid, "network.frequency must be \"2.4\" or \"5\""));
+    EXPECT_EQ(set("device", "deviceName", "s", std::string(std::size_t{1} << 20U, 'x').c_str()),
+              Answer(invalid, "device.deviceName must have 1 to 32 bytes"));
+    EXPECT_EQ(set("display", "brightness", "i", 101), Answer(invalid, "display.brightness must be 0 to 100"));
+    EXPECT_EQ(get_string("network", "mode"), "Host");
+    EXPECT_FALSE(folder.has("state/settings.json"));
+    EXPECT_THAT(announced(), IsEmpty());
+}
+
+TEST_F(SettingsdTest, RefusesChangesUntilItsFileCanBeReadAndThenAnnouncesWhatIsInIt)
+{
+    folder.write("state/settings.json/inside", "a folder where the file should be");
+    start();
+    listen();
+    EXPECT_EQ(set("network", "mode", "s", "Client"),
+              Answer("org.freedesktop.DBus.Error.IOError", "Cannot store network.mode: Is a directory"));
+    EXPECT_EQ(get_string("network", "mode"), "Host");
+    EXPECT_TRUE(folder.has("state/settings.json/inside"));
+
+    folder.write("state/readable", R"({"device": {"deviceName": "Kitchen"}, "network": {"mode": "Client"}})");
+    // At once: where there is no file at all, the defaults hold.
+    ASSERT_EQ(::renameat2(AT_FDCWD, folder.file("state/readable").c_str(), AT_FDCWD,
+                          folder.file("state/settings.json").c_str(), RENAME_EXCHANGE),
+              0);
+    const auto deadline = std::chrono::steady_clock::now() + testing_support::patience;
+    while (changes.size() < 2 && std::chrono::steady_clock::now() < deadline) {
+        if (sd_bus_process(client.get(), nullptr) == 0) {
+            sd_bus_wait(client.get(), std::chrono::microseconds(testing_support::patience).count());
+        }
+    }
+    EXPECT_THAT(changes, ElementsAre("device deviceName=Kitchen", "network mode=Client"));
+    EXPECT_EQ(set("network", "enabled", "b", 0), success);
+    EXPECT_EQ(stored(), json::parse(R"({"device": {"deviceName": "Kitchen"},
+                                        "network": {"enabled": false, "mode": "Client"}})"));
+}
+
+TEST_F(SettingsdTest, FailsWhenAnotherProcessHasItsFile)
+{
+    start();
+    const PrivateBus otherBus(testing_support::BusRole::User);
+    ChildProcess second({daemon_program(), "--state", folder.file("state/settings.json")});
+    EXPECT_EQ(second.wait(), 1);
+    EXPECT_EQ(set("network", "mode", "s", "Client"), success);
+}
+
 TEST_F(SettingsdTest, RefusesAWriteThatCannotBeStoredAndKeepsTheOldValue)
 {
     start();
@@ -320,10 +376,10 @@ TEST_F(SettingsdTest, RefusesAWriteThatCannotBeStoredAndKeepsTheOldValue)
 TEST_F(SettingsdTest, OutlivesADiskWithoutRoom)
 {
     start([] {
-        const rlimit limit = {64, 64};
+        const rlimit limit = {50, 50};
         ::setrlimit(RLIMIT_FSIZE, &limit);
     });
-    EXPECT_EQ(set("device", "deviceName", "s", std::string(100, 'x').c_str()),
+    EXPECT_EQ(set("device", "deviceName", "s", std::string(32, 'x').c_str()),
               Answer("org.freedesktop.DBus.Error.IOError", "Cannot store device.deviceName: File too large"));
     EXPECT_EQ(set("network", "mode", "s", "Client"), success);
 }

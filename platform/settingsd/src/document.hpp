@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -22,8 +23,21 @@ struct Document
     std::vector<std::string> findings; ///< what was odd, for the log
 };
 
-/** Parses the text of a settings file. Of a damaged one, everything that can be read is kept. */
+/** The largest text that is ever written. */
+inline constexpr std::size_t kLargestFile = std::size_t{1024} * 1024;
+
+/** The largest text that anything is looked for in. */
+inline constexpr std::size_t kLargestReadable = 4 * kLargestFile;
+
+/**
+ * Parses the text of a settings file. Of a damaged one, everything that can be read is kept; of one that is
+ * larger than what is written, only the settings of the schema. A setting whose value is of a wrong type or
+ * not allowed is damage: it is left out, and so has its default.
+ */
 Document parse_document(std::string_view text, Schema schema);
+
+/** The empty document that stands for a text larger than kLargestReadable. */
+Document unreadable_document();
 
 /** The text to write to the file. */
 std::string to_text(const nlohmann::json& root);

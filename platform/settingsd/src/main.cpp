@@ -15,6 +15,7 @@
 #include "options.hpp"
 #include "service.hpp"
 #include "store.hpp"
+#include "support/bus_connection.hpp"
 #include "support/sd_handles.hpp"
 
 namespace {
@@ -49,13 +50,11 @@ int end_loop_on_signals(sd_event* event)
     return 0;
 }
 
-void load(SettingsStore& store, const std::string& file)
+/** Makes the folder of the state file; one that cannot be made shows when something is to be stored. */
+void make_folder_of(const std::string& stateFile)
 {
-    std::error_code ignored; // a folder that cannot be made shows when something is to be stored
-    std::filesystem::create_directories(std::filesystem::path(file).parent_path(), ignored);
-    for (const std::string& finding : store.load()) {
-        syslog(LOG_WARNING, "%s: %s", file.c_str(), finding.c_str());
-    }
+    std::error_code ignored;
+    std::filesystem::create_directories(std::filesystem::path(stateFile).parent_path(), ignored);
 }
 
 int serve(const std::string& stateFile)
@@ -68,22 +67,26 @@ int serve(const std::string& stateFile)
         return EXIT_FAILURE;
     }
 
-    SettingsStore store(stateFile, device_schema());
-    load(store, stateFile);
-
     sd_bus* newBus = nullptr;
     r = sd_bus_open_user(&newBus);
     const vantora::BusPtr bus(newBus);
-    if (!succeeded(r, "open the user bus") ||
-        !succeeded(sd_bus_set_exit_on_disconnect(bus.get(), 1), "watch the user bus") ||
-        !succeeded(sd_bus_attach_event(bus.get(), event.get(), SD_EVENT_PRIORITY_NORMAL),
+    if (!succeeded(r, "open the user bus")) {
+        return EXIT_FAILURE;
+    }
+    vantora::await_letting_in(bus.get());
+    if (!succeeded(sd_bus_attach_event(bus.get(), event.get(), SD_EVENT_PRIORITY_NORMAL),
                    "attach the user bus")) {
         return EXIT_FAILURE;
     }
+    make_folder_of(stateFile);
+    SettingsStore store(stateFile, device_schema());
     SettingsService service(bus.get(), store);
-    if (!succeeded(service.publish(), "publish the settings") ||
+    r = service.load();
+    if (!succeeded(r == -EBUSY ? r : 0, "have the settings to itself") ||
+        !succeeded(service.publish(), "publish the settings") ||
         !succeeded(sd_bus_request_name(bus.get(), kServiceName, 0),
-                   "own the name com.vantora.common.Settings1")) {
+                   "own the name com.vantora.common.Settings1") ||
+        !succeeded(sd_bus_set_exit_on_disconnect(bus.get(), 1), "watch the user bus")) {
         return EXIT_FAILURE;
     }
     sd_notify(0, "READY=1");

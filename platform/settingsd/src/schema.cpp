@@ -4,6 +4,7 @@
 #include <array>
 
 #include "korrin-info/korrin_info.hpp"
+#include "rules.hpp"
 
 namespace settingsd {
 
@@ -21,15 +22,21 @@ Schema device_schema()
         Setting{
             "device", "deviceName",
             default_device_name(KorrinInfo::ThisModel::DisplayName(), KorrinInfo::ThisKorrin::SerialNumber()),
-            Belongs::ToOwner},
-        Setting{"display", "brightness", 80},
-        Setting{"locale", "language", "en"},
-        Setting{"locale", "timezone", "UTC"},
+            Belongs::ToOwner, refusal_of_device_name},
+        Setting{"display", "brightness", 80, Belongs::ToProduct, refusal_of_brightness},
+        Setting{"locale", "language", "en", Belongs::ToProduct, refusal_of_language},
+        Setting{"locale", "timezone", "UTC", Belongs::ToProduct, refusal_of_time_zone},
         Setting{"network", "enabled", true},
-        Setting{"network", "mode", "Host"},
-        Setting{"network", "frequency", "2.4"},
+        Setting{"network", "mode", "Host", Belongs::ToProduct, refusal_of_mode},
+        Setting{"network", "frequency", "2.4", Belongs::ToProduct, refusal_of_frequency},
     };
     return kSettings;
+}
+
+std::string refusal_of(const Setting& setting, const Value& value)
+{
+    const bool unruled = setting.refusal == nullptr || value == setting.defaultValue;
+    return unruled ? std::string() : setting.refusal(value);
 }
 
 const Setting* find_setting(Schema schema, std::string_view section, std::string_view key)

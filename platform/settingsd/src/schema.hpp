@@ -24,12 +24,20 @@ struct Setting
     const char* key;
     Value defaultValue;
     Belongs belongs = Belongs::ToProduct;
+    /** Why a value of the right type is not allowed, empty for one that is; null: all are. See rules.hpp. */
+    std::string (*refusal)(const Value& value) = nullptr;
 };
 
 using Schema = std::span<const Setting>;
 
 /** The settings of this device, section by section, with their defaults. Made once per process. */
 Schema device_schema();
+
+/**
+ * Why the value, which is of the setting's type, is not allowed, in words that follow the setting's name;
+ * empty when it is. A default is always allowed: what was read may be written back.
+ */
+std::string refusal_of(const Setting& setting, const Value& value);
 
 /** The row of a setting, or null. */
 const Setting* find_setting(Schema schema, std::string_view section, std::string_view key);

@@ -4,8 +4,11 @@
 
 #include <array>
 #include <cerrno>
+#include <cstddef>
+#include <ctime>
 #include <string_view>
 #include <system_error>
+#include <utility>
 
 #include "wire.hpp"
 
@@ -16,14 +19,6 @@ namespace {
 std::string path_of(const std::string& section)
 {
     return std::string(kBasePath) + "/" + section;
-}
-
-int refuse_to_store(sd_bus_error* error, const std::string& what, int r)
-{
-    const std::string reason = std::system_category().message(-r);
-    syslog(LOG_ERR, "Cannot store %s: %s", what.c_str(), reason.c_str());
-    return sd_bus_error_setf(error, SD_BUS_ERROR_IO_ERROR, "Cannot store %s: %s", what.c_str(),
-                             reason.c_str());
 }
 
 } // namespace
@@ -43,6 +38,66 @@ int SettingsService::publish()
         }
     }
     return r;
+}
+
+int SettingsService::load()
+{
+    std::vector<Value> before;
+    for (const Setting& setting : store_.schema()) {
+        before.push_back(store_.get(setting));
+    }
+    std::vector<std::string> findings;
+    const int r = store_.load(findings);
+    if (findings != reported_) {
+        for (const std::string& finding : findings) {
+            syslog(LOG_WARNING, "%s: %s", store_.path().c_str(), finding.c_str());
+        }
+        if (findings.empty()) {
+            syslog(LOG_WARNING, "%s: is in use again", store_.path().c_str());
+        }
+        reported_ = std::move(findings);
+    }
+    std::vector<const Setting*> changed;
+    for (std::size_t i = 0; i < before.size(); ++i) {
+        if (store_.get(store_.schema()[i]) != before[i]) {
+            changed.push_back(&store_.schema()[i]);
+        }
+    }
+    announce(changed);
+    try_again_later();
+    return r;
+}
+
+/** Arms the timer where a failure has left something to do. */
+void SettingsService::try_again_later()
+{
+    constexpr std::uint64_t kPauseUsec = 1'000'000;
+    if (anotherTry_ || (store_.is_loaded() && store_.is_settled())) {
+        return;
+    }
+    std::uint64_t now = 0;
+    sd_event* event = sd_bus_get_event(bus_);
+    sd_event_now(event, CLOCK_MONOTONIC, &now);
+    sd_event_source* source = nullptr;
+    const int r =
+        sd_event_add_time(event, &source, CLOCK_MONOTONIC, now + kPauseUsec, 0, on_time_to_try_again, this);
+    anotherTry_.reset(source);
+    if (r < 0) {
+        syslog(LOG_ERR, "Cannot arm a timer: %s", std::system_category().message(-r).c_str());
+    }
+}
+
+int SettingsService::on_time_to_try_again(sd_event_source*, std::uint64_t, void* userdata)
+{
+    auto& service = *static_cast<SettingsService*>(userdata);
+    service.anotherTry_.reset();
+    if (!service.store_.is_loaded()) {
+        service.load();
+        return 0;
+    }
+    service.store_.settle();
+    service.try_again_later();
+    return 0;
 }
 
 int SettingsService::publish_base()
@@ -103,6 +158,15 @@ int SettingsService::reset(sd_bus_message* call, const std::vector<const Setting
     return sd_bus_reply_method_return(call, nullptr);
 }
 
+int SettingsService::refuse_to_store(sd_bus_error* error, const std::string& what, int r)
+{
+    const std::string reason = std::system_category().message(-r);
+    syslog(LOG_ERR, "Cannot store %s: %s", what.c_str(), reason.c_str());
+    try_again_later();
+    return sd_bus_error_setf(error, SD_BUS_ERROR_IO_ERROR, "Cannot store %s: %s", what.c_str(),
+                             reason.c_str());
+}
+
 void SettingsService::announce(const std::vector<const Setting*>& changed)
 {
     for (const Section& section : sections_) {
@@ -148,10 +212,15 @@ int SettingsService::on_set(sd_bus*, const char*, const char*, const char* prope
     if (r < 0) {
         return r;
     }
+    const std::string refusal = refusal_of(*setting, value);
+    if (!refusal.empty()) {
+        return sd_bus_error_setf(error, SD_BUS_ERROR_INVALID_ARGS, "%s.%s %s", setting->section, setting->key,
+                                 refusal.c_str());
+    }
     bool changed = false;
     r = service.store_.set(*setting, value, changed);
     if (r < 0) {
-        return refuse_to_store(error, section.name + "." + setting->key, r);
+        return service.refuse_to_store(error, section.name + "." + setting->key, r);
     }
     if (changed) {
         service.announce({setting});

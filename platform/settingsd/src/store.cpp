@@ -1,7 +1,7 @@
 #include "store.hpp"
 
 #include <cerrno>
-#include <cstddef>
+#include <iterator>
 #include <system_error>
 #include <utility>
 
@@ -11,8 +11,6 @@
 namespace settingsd {
 
 namespace {
-
-constexpr std::size_t kLargestFile = std::size_t{1024} * 1024;
 
 std::string errno_text(int r)
 {
@@ -25,41 +23,83 @@ SettingsStore::SettingsStore(std::string path, Schema schema) : path_(std::move(
 {
 }
 
-std::vector<std::string> SettingsStore::load()
+int SettingsStore::load(std::vector<std::string>& findings)
 {
-    root_ = nlohmann::json::object();
-    sealed_ = 0;
-
+    sealed_ = open(findings);
+    if (sealed_ == -EBUSY) {
+        return sealed_;
+    }
     std::string text;
-    const int unreadable = read_file(path_, kLargestFile, text);
-    if (unreadable == -ENOENT) {
-        return {};
+    const int r = read(text);
+    if (r == -ENOENT) {
+        return sealed_;
     }
-    Document document;
-    if (unreadable < 0) {
-        document.damaged = true;
-        document.findings.push_back("cannot be read: " + errno_text(unreadable));
-    } else {
-        document = parse_document(text, schema_);
+    if (r < 0 && r != -EFBIG) {
+        sealed_ = r;
+        findings.push_back("cannot be read and is left alone, settings cannot be changed until it can: " +
+                           errno_text(r));
+        return sealed_;
     }
+    Document document = r == 0 ? parse_document(text, schema_) : unreadable_document();
     root_ = std::move(document.root);
+    std::move(document.findings.begin(), document.findings.end(), std::back_inserter(findings));
+    if (document.damaged && sealed_ == 0) {
+        sealed_ = put_damaged_aside(findings);
+    }
+    return sealed_;
+}
 
-    auto findings = std::move(document.findings);
-    if (document.damaged) {
-        std::string kept;
-        int r = keep_aside(path_, kept);
-        if (r < 0) {
-            sealed_ = r;
-            findings.push_back("cannot be kept aside, so settings cannot be changed: " + errno_text(r));
-        } else {
-            findings.push_back("the damaged file is kept as " + kept);
-            r = save(root_);
-            if (r < 0) {
-                findings.push_back("cannot be replaced: " + errno_text(r));
-            }
+/** Finds the file and locks it. Returns 0, or a negative errno. */
+int SettingsStore::open(std::vector<std::string>& findings)
+{
+    int r = follow_links(path_, file_);
+    if (r < 0) {
+        file_ = path_; // reading it fails in the same way, and tells
+        return r;
+    }
+    r = lock_.take(file_ + ".lock");
+    if (r == -EBUSY) {
+        findings.emplace_back("is in use by another process");
+    } else if (r < 0) {
+        findings.push_back("cannot be locked, settings cannot be changed until it can: " + errno_text(r));
+    }
+    return r;
+}
+
+/** Reads the file. A failure may pass: only one that lasts counts. Returns 0, or a negative errno. */
+int SettingsStore::read(std::string& text) const
+{
+    constexpr int kAttempts = 3;
+    int r = 0;
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+        r = read_file(file_, kLargestReadable, text);
+        if (r == 0 || r == -ENOENT || r == -EFBIG) {
+            break;
         }
     }
-    return findings;
+    return r;
+}
+
+int SettingsStore::put_damaged_aside(std::vector<std::string>& findings)
+{
+    std::string kept;
+    int r = keep_aside(file_, kept);
+    if (r < 0) {
+        findings.push_back("cannot be kept aside, settings cannot be changed until it can: " + errno_text(r));
+        return r;
+    }
+    findings.push_back("the damaged file is kept as " + kept);
+    r = save(root_);
+    if (r < 0) {
+        settled_ = false;
+        findings.push_back("cannot be replaced: " + errno_text(r));
+    }
+    return 0;
+}
+
+int SettingsStore::settle()
+{
+    return settled_ ? 0 : save(root_);
 }
 
 Value SettingsStore::get(const Setting& setting) const
@@ -79,21 +119,17 @@ Value SettingsStore::get(const Setting& setting) const
 int SettingsStore::set(const Setting& setting, const Value& value, bool& changed)
 {
     changed = false;
-    if (value.index() != setting.defaultValue.index()) {
+    if (value.index() != setting.defaultValue.index() || !refusal_of(setting, value).empty()) {
         return -EINVAL;
     }
-    if (get(setting) == value) {
-        return 0;
-    }
+    const bool isOther = get(setting) != value;
     nlohmann::json root = root_;
-    root[setting.section][setting.key] = to_json(value);
-    const int r = save(root);
-    if (r < 0) {
-        return r;
+    if (isOther) {
+        root[setting.section][setting.key] = to_json(value);
     }
-    root_ = std::move(root);
-    changed = true;
-    return 0;
+    const int r = store(std::move(root));
+    changed = r == 0 && isOther;
+    return r;
 }
 
 int SettingsStore::reset(std::span<const Setting* const> settings, std::vector<const Setting*>& changed)
@@ -113,21 +149,38 @@ int SettingsStore::reset(std::span<const Setting* const> settings, std::vector<c
             }
         }
     }
-    if (root == root_) {
+    const int r = store(std::move(root));
+    if (r == 0) {
+        changed = std::move(otherValue);
+    }
+    return r;
+}
+
+/** Puts new contents on the disk, then into effect. The same ones are written only where the disk may differ.
+ */
+int SettingsStore::store(nlohmann::json root)
+{
+    if (sealed_ < 0) {
+        return sealed_;
+    }
+    if (settled_ && root == root_) {
         return 0;
     }
     const int r = save(root);
-    if (r < 0) {
-        return r;
+    if (r == 0) {
+        root_ = std::move(root);
     }
-    root_ = std::move(root);
-    changed = std::move(otherValue);
-    return 0;
+    return r;
 }
 
 int SettingsStore::save(const nlohmann::json& root)
 {
-    return sealed_ < 0 ? sealed_ : replace_file(path_, to_text(root));
+    const int r = lock_.take(file_ + ".lock");
+    if (r < 0) {
+        return r;
+    }
+    const std::string text = to_text(root);
+    return text.size() > kLargestFile ? -EFBIG : replace_file(file_, text, settled_);
 }
 
 } // namespace settingsd
