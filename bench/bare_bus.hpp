@@ -4,7 +4,7 @@
 
 #include <systemd/sd-bus.h>
 
-#include "utils/sd_bus_owners.hpp"
+#include "support/sd_bus_owners.hpp"
 
 /** A connection as the library opens and closes it, without what the daemon does besides. */
 using BareBusPtr = std::unique_ptr<sd_bus, ReleaseWith<sd_bus_flush_close_unref>>;

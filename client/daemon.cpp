@@ -8,12 +8,11 @@
 
 #include <unistd.h>
 
+#include "support/bus_connection.hpp"
+
 namespace client {
 
 namespace {
-
-using vantora::BusError;
-using vantora::MessagePtr;
 
 constexpr const char* kName = "com.vantora.Network1";
 constexpr const char* kPath = "/com/vantora/Network1";
@@ -101,21 +100,12 @@ Result<std::unique_ptr<Daemon>> Daemon::connect(Deadline deadline)
  * first. */
 std::optional<Failure> Daemon::wait_for_bus(Deadline deadline)
 {
-    for (int ready = 0; ready == 0;) {
-        ready = sd_bus_is_ready(bus_.get());
-        if (ready < 0) {
-            return failure_of_bus(ready);
-        }
-        if (ready == 0) {
-            if (Clock::now() >= deadline) {
-                return Failure{ExitStatus::TimedOut, "the user bus did not answer in time", "", ""};
-            }
-            if (auto failure = step(deadline)) {
-                return failure;
-            }
-        }
+    const auto left = std::chrono::ceil<std::chrono::microseconds>(deadline - Clock::now());
+    const int result = await_letting_in(bus_.get(), left);
+    if (result == -ETIMEDOUT) {
+        return Failure{ExitStatus::TimedOut, "the user bus did not answer in time", "", ""};
     }
-    return std::nullopt;
+    return result < 0 ? std::optional(failure_of_bus(result)) : std::nullopt;
 }
 
 Result<MessagePtr> Daemon::make_call(const char* interface, const char* member) const

@@ -8,7 +8,7 @@
 
 #include "deadline.hpp"
 #include "failure.hpp"
-#include "support/sd_handles.hpp"
+#include "support/sd_bus_owners.hpp"
 #include "values.hpp"
 
 namespace client {
@@ -74,16 +74,16 @@ private:
 
     /** Closed without flushing: every call is waited for, and a bus that hangs must not keep the program from
      * ending. */
-    using BusPtr = std::unique_ptr<sd_bus, vantora::Releaser<sd_bus_close_unref>>;
+    using BusPtr = std::unique_ptr<sd_bus, ReleaseWith<sd_bus_close_unref>>;
 
     explicit Daemon(BusPtr bus);
     static int open_user_bus(BusPtr& opened);
 
     std::optional<Failure> wait_for_bus(Deadline deadline);
-    Result<vantora::MessagePtr> make_call(const char* interface, const char* member) const;
-    Result<vantora::MessagePtr> send(vantora::MessagePtr request, Deadline deadline) const;
-    void send_later(Result<vantora::MessagePtr> request,
-                    std::function<void(const Result<sd_bus_message*>&)> answered, Deadline deadline);
+    Result<MessagePtr> make_call(const char* interface, const char* member) const;
+    Result<MessagePtr> send(MessagePtr request, Deadline deadline) const;
+    void send_later(Result<MessagePtr> request, std::function<void(const Result<sd_bus_message*>&)> answered,
+                    Deadline deadline);
 
     static int on_reply(sd_bus_message* reply, void* userdata, sd_bus_error* error);
     static int on_changed(sd_bus_message* signal, void* userdata, sd_bus_error* error);

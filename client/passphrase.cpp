@@ -18,8 +18,6 @@ namespace client {
 
 namespace {
 
-using vantora::UniqueFd;
-
 constexpr std::size_t kLongestLine = 4096;
 
 Failure wrong(const std::string& text)

@@ -14,7 +14,7 @@
 #include <unistd.h>
 
 #include "measure/subject.hpp"
-#include "utils/unique_fd.hpp"
+#include "support/unique_fd.hpp"
 
 namespace {
 

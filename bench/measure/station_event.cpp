@@ -7,7 +7,7 @@
 
 #include "measure/subject.hpp"
 #include "names.hpp"
-#include "utils/unique_fd.hpp"
+#include "support/unique_fd.hpp"
 
 namespace {
 

@@ -10,7 +10,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include "utils/unique_fd.hpp"
+#include "support/unique_fd.hpp"
 
 int main(int argc, char** argv)
 {

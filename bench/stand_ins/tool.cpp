@@ -8,7 +8,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "utils/unique_fd.hpp"
+#include "support/unique_fd.hpp"
 
 int main(int, char** argv)
 {

@@ -6,7 +6,7 @@
 
 #include <syslog.h>
 
-#include "utils/bus_connection.hpp"
+#include "support/bus_connection.hpp"
 
 namespace Settingsd {
 

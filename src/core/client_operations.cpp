@@ -7,7 +7,7 @@
 #include "core/radio_state.hpp"
 #include "core/service.hpp"
 #include "radio/wpa_supplicant.hpp"
-#include "utils/sd_bus_owners.hpp"
+#include "support/sd_bus_owners.hpp"
 #include "utils/shell_commands.hpp"
 #include "utils/utf8.hpp"
 

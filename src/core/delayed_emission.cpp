@@ -6,8 +6,8 @@
 #include <systemd/sd-event.h>
 
 #include "core/service.hpp"
+#include "support/sd_bus_owners.hpp"
 #include "utils/event_time.hpp"
-#include "utils/sd_bus_owners.hpp"
 
 namespace {
 

@@ -15,7 +15,7 @@
 #include "listeners/kernel_netlink_listener.hpp"
 #include "radio/access_points.hpp"
 #include "radio/wpa_supplicant.hpp"
-#include "utils/sd_bus_owners.hpp"
+#include "support/sd_bus_owners.hpp"
 
 namespace {
 

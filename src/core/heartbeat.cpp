@@ -2,8 +2,8 @@
 
 #include <ctime>
 
+#include "support/sd_bus_owners.hpp"
 #include "utils/event_time.hpp"
-#include "utils/sd_bus_owners.hpp"
 
 namespace {
 

@@ -7,8 +7,8 @@
 
 #include <systemd/sd-event.h>
 
-#include "utils/sd_bus_owners.hpp"
-#include "utils/unique_fd.hpp"
+#include "support/sd_bus_owners.hpp"
+#include "support/unique_fd.hpp"
 
 /**
  * Hands work to the thread that runs the event loop. Neither sd-bus nor sd-event may be touched by two

@@ -4,7 +4,7 @@
 
 #include "core/main_loop.hpp"
 #include "core/network_interface.hpp"
-#include "utils/bus_connection.hpp"
+#include "support/bus_connection.hpp"
 
 namespace {
 

@@ -11,7 +11,7 @@
 #include <sys/signalfd.h>
 #include <unistd.h>
 
-#include "utils/unique_fd.hpp"
+#include "support/unique_fd.hpp"
 
 namespace {
 

@@ -9,9 +9,9 @@
 #include <linux/netlink.h>
 
 #include "listeners/netlink_address_message.hpp"
+#include "support/unique_fd.hpp"
 #include "utils/guarded_signal.hpp"
 #include "utils/stop_flag.hpp"
-#include "utils/unique_fd.hpp"
 
 /**
  * Tells of IPv4 addresses that the kernel adds to or removes from interfaces (rtnetlink(7)), on a thread of

@@ -5,7 +5,7 @@
 
 #include <wpa_ctrl.h>
 
-#include "utils/sd_bus_owners.hpp"
+#include "support/sd_bus_owners.hpp"
 
 /** A control connection to hostapd or wpa_supplicant; closing it also ends an attachment. */
 using WpaCtrlPtr = std::unique_ptr<wpa_ctrl, ReleaseWith<wpa_ctrl_close>>;

@@ -10,7 +10,7 @@
 
 #include "dbus-helper/sdbus_utils.hpp"
 #include "listeners/wpa_supplicant_names.hpp"
-#include "utils/bus_connection.hpp"
+#include "support/bus_connection.hpp"
 
 namespace {
 

@@ -4,7 +4,7 @@
 
 #include "listeners/wpa_supplicant_names.hpp"
 #include "radio/access_points.hpp"
-#include "utils/bus_connection.hpp"
+#include "support/bus_connection.hpp"
 #include "utils/shell_process.hpp"
 #include "utils/systemd_units.hpp"
 #include "utils/unit_job.hpp"

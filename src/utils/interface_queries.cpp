@@ -14,8 +14,8 @@
 #include <netpacket/packet.h>
 #include <syslog.h>
 
+#include "support/sd_bus_owners.hpp"
 #include "utils/pause.hpp"
-#include "utils/sd_bus_owners.hpp"
 #include "utils/shell_process.hpp"
 
 namespace {

@@ -5,7 +5,7 @@
 
 #include <sys/types.h>
 
-#include "utils/unique_fd.hpp"
+#include "support/unique_fd.hpp"
 
 /**
  * Shell commands as system(3) and popen(3) run them ("/bin/sh -c", status as waitpid(2) gives it), except for

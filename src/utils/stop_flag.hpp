@@ -3,7 +3,7 @@
 #include <atomic>
 #include <chrono>
 
-#include "utils/unique_fd.hpp"
+#include "support/unique_fd.hpp"
 
 /**
  * A request to a thread to end that the thread can also wait for: a flag, and a descriptor that is readable

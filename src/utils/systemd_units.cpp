@@ -4,7 +4,7 @@
 
 #include <syslog.h>
 
-#include "utils/bus_connection.hpp"
+#include "support/bus_connection.hpp"
 
 namespace {
 

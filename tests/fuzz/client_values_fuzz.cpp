@@ -13,7 +13,7 @@ bool is_known(const std::string& type)
 }
 
 /** Appends the dictionary {"AccessPoints": networks} of any names and numbers. Returns how many networks. */
-size_t append_networks(const fuzz::MessagePtr& message, fuzz::Input& input)
+size_t append_networks(const MessagePtr& message, fuzz::Input& input)
 {
     sd_bus_message* to = message.get();
     sd_bus_message_open_container(to, 'a', "{sv}");
@@ -40,7 +40,7 @@ size_t append_networks(const fuzz::MessagePtr& message, fuzz::Input& input)
 
 void check_networks(fuzz::Input& input)
 {
-    const fuzz::MessagePtr message = fuzz::new_signal();
+    const MessagePtr message = fuzz::new_signal();
     const size_t count = append_networks(message, input);
     fuzz::make_readable(message);
     client::Json values;
@@ -51,7 +51,7 @@ void check_networks(fuzz::Input& input)
 
 void check_any(fuzz::Input& input)
 {
-    const fuzz::MessagePtr message = fuzz::new_signal();
+    const MessagePtr message = fuzz::new_signal();
     fuzz::MessageBuilder builder(input, {"Mode", "SSID", "WiFiState", "WiFiAvailableFrequencies"});
     fuzz::ExpectedTypes kept;
     builder.append_dictionary(message, kept);

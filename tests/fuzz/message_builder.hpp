@@ -12,7 +12,7 @@
 #include <unistd.h>
 
 #include "fuzz_input.hpp"
-#include "support/sd_handles.hpp"
+#include "support/sd_bus_owners.hpp"
 #include "utf8_check.hpp"
 
 /** Real D-Bus messages out of fuzz bytes: any nesting of types that D-Bus allows, built with sd-bus. */
@@ -31,8 +31,6 @@ inline sd_bus* silent_bus()
     }();
     return bus;
 }
-
-using vantora::MessagePtr;
 
 /** A signal that is still to be filled. Where D-Bus does not allow the path, it comes from "/". */
 inline MessagePtr new_signal(const std::string& path = "/")

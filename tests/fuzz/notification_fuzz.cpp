@@ -117,7 +117,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     asked = {};
     fuzz::Input input(data, size);
     const std::string_view line = input.up_to_nul();
-    const fuzz::MessagePtr message = fuzz::new_signal(std::string(line));
+    const MessagePtr message = fuzz::new_signal(std::string(line));
     const std::string path = sd_bus_message_get_path(message.get());
 
     fuzz::MessageBuilder builder(input, {"enabled", "mode", "frequency", "deviceName"});

@@ -68,7 +68,7 @@ void check_nested(const std::any& value)
     }
 }
 
-void check_position(const fuzz::MessagePtr& message)
+void check_position(const MessagePtr& message)
 {
     int marker = 0;
     fuzz::require(sd_bus_message_read_basic(message.get(), 'i', &marker) > 0 && marker == kMarker,
@@ -93,7 +93,7 @@ void check_values(const TypedPropertyMap& typed, const PropertyMap& plain,
 }
 
 /** Something else in the place of a dictionary, or a damaged one: refused, and nothing is left behind. */
-void check_refused(const fuzz::MessagePtr& message)
+void check_refused(const MessagePtr& message)
 {
     TypedPropertyMap typed = {{"old", {"s", std::string()}}};
     PropertyMap plain = {{"old", std::string()}};
@@ -110,7 +110,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     fuzz::Input input(data, size);
     const bool dictionary = input.below(8) != 0;
     fuzz::MessageBuilder builder(input, {"State", "SSID", "RSN", "enabled"});
-    const fuzz::MessagePtr message = fuzz::new_signal();
+    const MessagePtr message = fuzz::new_signal();
     if (!dictionary) {
         const std::string type = builder.append_any(message);
         fuzz::make_readable(message);

@@ -53,7 +53,7 @@ bool is_usual(const TypedPropertyMap& properties)
 }
 
 /** A BSS as there are many, with an SSID and a signal of any value. */
-void append_usual(const fuzz::MessagePtr& message, fuzz::Input& input)
+void append_usual(const MessagePtr& message, fuzz::Input& input)
 {
     const std::string_view ssid = input.bytes().substr(0, 40);
     const auto signal = input.number<int16_t>();
@@ -82,7 +82,7 @@ void check_list(const AccessPoints& list)
 }
 
 /** Reads what would go out for the property AccessPoints. */
-void check_reply(const fuzz::MessagePtr& reply)
+void check_reply(const MessagePtr& reply)
 {
     fuzz::make_readable(reply);
     fuzz::require(sd_bus_message_enter_container(reply.get(), 'a', "(siib)") > 0, "an array is sent");
@@ -141,7 +141,7 @@ int GetAllProperties(sd_bus*, const std::string&, const std::string&, const std:
     if (choice == 0) {
         return -ETIMEDOUT;
     }
-    const fuzz::MessagePtr message = fuzz::new_signal();
+    const MessagePtr message = fuzz::new_signal();
     if (choice < 10) {
         append_usual(message, *air.input);
     } else {
@@ -179,7 +179,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         fuzz::require(wpa_supplicant_get_access_points(list) == 1, "there is a list");
         fuzz::require(air.usual, "another type does not pass for the right one");
         check_list(list);
-        const fuzz::MessagePtr reply = fuzz::new_signal();
+        const MessagePtr reply = fuzz::new_signal();
         fuzz::require(get_wifi_access_points(reply.get()) >= 0, "it can be sent");
         check_reply(reply);
     } catch (const std::bad_any_cast&) {

@@ -84,7 +84,7 @@ void hear(Station& station, fuzz::Input& input)
     station.told = {};
     dhcpRestarts = 0;
     const std::string before = station.listener.GetState();
-    const fuzz::MessagePtr message = fuzz::new_signal();
+    const MessagePtr message = fuzz::new_signal();
     fuzz::ExpectedTypes types;
     bool valid = true;
     const size_t shape = input.below(4);

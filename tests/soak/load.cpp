@@ -46,8 +46,8 @@ int count_signal(sd_bus_message*, void* count, sd_bus_error*)
 struct Load::Client
 {
     Load* load = nullptr;
-    vantora::BusPtr bus;
-    vantora::SlotPtr call;
+    BusPtr bus;
+    SlotPtr call;
     size_t kind = 0; // of the request that is on its way
 };
 
@@ -93,7 +93,7 @@ void Load::send_next(Client& client)
         return;
     }
     client.kind = deck_.draw();
-    const vantora::MessagePtr message = all_requests()[client.kind].make(client.bus.get(), sent_);
+    const MessagePtr message = all_requests()[client.kind].make(client.bus.get(), sent_);
     sd_bus_slot* slot = nullptr;
     check(sd_bus_call_async(client.bus.get(), &slot, message.get(), on_reply, &client, kPatienceUsec),
           "a request could not be sent");
@@ -119,7 +119,7 @@ int Load::on_reply(sd_bus_message* reply, void* client, sd_bus_error*)
 {
     // The slot is in use until this returns, so it must not be released by the next call.
     auto& asking = *static_cast<Client*>(client);
-    const vantora::SlotPtr done = std::move(asking.call);
+    const SlotPtr done = std::move(asking.call);
     asking.load->take(asking, reply);
     return 0;
 }

@@ -10,7 +10,7 @@
 #include <systemd/sd-bus.h>
 
 #include "requests.hpp"
-#include "sd_handles.hpp"
+#include "support/sd_bus_owners.hpp"
 
 /** What came back, of all clients together. */
 struct Answers
@@ -59,7 +59,7 @@ private:
     void take(Client& client, sd_bus_message* reply);
     static int on_reply(sd_bus_message* reply, void* client, sd_bus_error*);
 
-    vantora::EventPtr event_;
+    EventPtr event_;
     std::vector<std::unique_ptr<Client>> clients_;
     RequestDeck deck_;
     Answers answers_;

@@ -5,8 +5,6 @@
 
 namespace {
 
-using vantora::MessagePtr;
-
 constexpr const char* kService = "com.vantora.Network1";
 constexpr const char* kPath = "/com/vantora/Network1";
 constexpr const char* kInterface = "com.vantora.Network1.WiFi";

@@ -8,7 +8,7 @@
 
 #include <systemd/sd-bus.h>
 
-#include "sd_handles.hpp"
+#include "support/sd_bus_owners.hpp"
 
 /** One kind of request: how often it is asked, what it says, and which answers to it are documented. */
 struct Request
@@ -20,7 +20,7 @@ struct Request
     int share;
 
     /** Makes the message; `number` counts the requests of the whole run, for values that alternate. */
-    std::function<vantora::MessagePtr(sd_bus* bus, unsigned number)> make;
+    std::function<MessagePtr(sd_bus* bus, unsigned number)> make;
 
     /** The errors that may answer it, as "name: text"; any other is a failure of the run. */
     std::vector<std::string> refusals;

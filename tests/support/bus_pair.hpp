@@ -9,7 +9,7 @@
 #include <systemd/sd-bus.h>
 #include <systemd/sd-id128.h>
 
-#include "support/sd_handles.hpp"
+#include "support/sd_bus_owners.hpp"
 
 namespace testing_support {
 
@@ -18,7 +18,7 @@ struct CallResult
 {
     std::string error;
     std::string text;
-    vantora::MessagePtr reply;
+    MessagePtr reply;
 };
 
 /**
@@ -48,7 +48,7 @@ public:
     {
         sd_bus_message* created = nullptr;
         check(sd_bus_message_new_method_call(client_.get(), &created, nullptr, path, interface, member));
-        const vantora::MessagePtr message(created);
+        const MessagePtr message(created);
         check(sd_bus_message_append(created, types, arguments...));
 
         sd_bus_message* answer = nullptr;

@@ -5,7 +5,7 @@
 
 #include <systemd/sd-event.h>
 
-#include "support/sd_handles.hpp"
+#include "support/sd_bus_owners.hpp"
 
 namespace testing_support {
 
@@ -40,7 +40,7 @@ public:
     }
 
 private:
-    vantora::EventPtr event_;
+    EventPtr event_;
 };
 
 } // namespace testing_support

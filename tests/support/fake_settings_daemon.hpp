@@ -14,7 +14,7 @@
 #include <systemd/sd-bus.h>
 
 #include "private_bus.hpp"
-#include "support/sd_handles.hpp"
+#include "support/sd_bus_owners.hpp"
 
 namespace testing_support {
 
@@ -27,7 +27,7 @@ class FakeSettingsDaemon
 public:
     using Fill = std::function<void(sd_bus_message*)>;
 
-    explicit FakeSettingsDaemon(vantora::BusPtr bus) : bus_(std::move(bus))
+    explicit FakeSettingsDaemon(BusPtr bus) : bus_(std::move(bus))
     {
         if (sd_bus_add_filter(bus_.get(), nullptr, on_message, this) < 0 ||
             sd_bus_request_name(bus_.get(), "com.vantora.common.Settings1", 0) < 0) {
@@ -99,7 +99,7 @@ private:
             sd_bus_message* created = nullptr;
             sd_bus_message_new_signal(bus_.get(), &created, path.c_str(), "org.freedesktop.DBus.Properties",
                                       "PropertiesChanged");
-            const vantora::MessagePtr message(created);
+            const MessagePtr message(created);
             fill(message.get());
             sd_bus_send(bus_.get(), message.get(), nullptr);
         }
@@ -128,7 +128,7 @@ private:
         }
         sd_bus_message* created = nullptr;
         sd_bus_message_new_method_return(message, &created);
-        const vantora::MessagePtr reply(created);
+        const MessagePtr reply(created);
         if (answer.fill) {
             answer.fill(reply.get());
         }
@@ -171,7 +171,7 @@ private:
         throw std::runtime_error("the settings daemon was called with a type it does not know");
     }
 
-    vantora::BusPtr bus_;
+    BusPtr bus_;
     mutable std::mutex mutex_;
     std::map<std::string, Answer> answers_;
     std::vector<std::pair<std::string, Fill>> signals_;

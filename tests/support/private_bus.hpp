@@ -10,7 +10,7 @@
 #include <systemd/sd-bus.h>
 
 #include "child_process.hpp"
-#include "support/sd_handles.hpp"
+#include "support/sd_bus_owners.hpp"
 #include "support/unique_fd.hpp"
 #include "temp_folder.hpp"
 
@@ -47,8 +47,8 @@ public:
         if (::pipe2(ends, O_CLOEXEC) != 0) {
             throw std::runtime_error("pipe failed");
         }
-        const vantora::UniqueFd reading(ends[0]);
-        vantora::UniqueFd writing(ends[1]);
+        const UniqueFd reading(ends[0]);
+        UniqueFd writing(ends[1]);
         daemon_ = std::make_unique<ChildProcess>(
             std::vector<std::string>{"dbus-daemon", "--config-file=" + folder_.file("bus.conf"), "--nofork",
                                      "--nopidfile", "--nosyslog", "--print-address=1"},
@@ -74,11 +74,11 @@ public:
     }
 
     /** A new connection, as any program has one. */
-    vantora::BusPtr connect() const
+    BusPtr connect() const
     {
         sd_bus* bus = nullptr;
         int r = sd_bus_new(&bus);
-        vantora::BusPtr connection(bus);
+        BusPtr connection(bus);
         if (r < 0 || sd_bus_set_address(bus, address().c_str()) < 0 || sd_bus_set_bus_client(bus, 1) < 0 ||
             sd_bus_start(bus) < 0 || sd_bus_get_unique_name(bus, &ignored_) < 0) {
             throw std::runtime_error("cannot connect to the private bus");

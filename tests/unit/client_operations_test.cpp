@@ -28,8 +28,6 @@ using testing::IsEmpty;
 using testing_support::captured_log;
 using testing_support::LogLine;
 using testing_support::PrivateBus;
-using vantora::BusPtr;
-using vantora::MessagePtr;
 
 /** What the operations stand on. */
 struct Ground

@@ -13,7 +13,7 @@
 #include "core/main_loop.hpp"
 #include "core/service.hpp"
 #include "support/driven_clock.hpp"
-#include "support/sd_handles.hpp"
+#include "support/sd_bus_owners.hpp"
 
 // A day on the main loop, with libsystemd's own loop and the kernel's own descriptors, in a second: only the
 // clock is driven. The threads of the listeners sleep in the C++ library and in select(2), in real time; they
@@ -37,12 +37,12 @@ sd_event* loop = nullptr;
 DrivenClock* theClock = nullptr;
 std::vector<uint64_t> emittedAt;
 
-vantora::EventPtr new_loop()
+EventPtr new_loop()
 {
     sd_event* event = nullptr;
     EXPECT_GE(sd_event_new(&event), 0);
     loop = event;
-    return vantora::EventPtr(event);
+    return EventPtr(event);
 }
 
 auto open_descriptors()
@@ -68,7 +68,7 @@ namespace {
 TEST(DayOfWakeUps, idle_loop_wakes_up_once_a_second_and_for_nothing_else)
 {
     DrivenClock clock;
-    const vantora::EventPtr event = new_loop();
+    const EventPtr event = new_loop();
     start_heartbeat(event.get());
 
     const uint64_t begin = clock.now_usec();
@@ -128,7 +128,7 @@ protected:
     static constexpr uint64_t kWork = 60 * kSecond;
 
     DrivenClock clock_;
-    vantora::EventPtr event_ = new_loop();
+    EventPtr event_ = new_loop();
     MainLoopQueue queue_;
     const uint64_t begin_ = clock_.now_usec();
     uint64_t nextConnect_ = begin_ + kConnect;

@@ -28,7 +28,6 @@ using testing_support::BusRole;
 using testing_support::EventLoop;
 using testing_support::PrivateBus;
 using testing_support::settle;
-using vantora::BusPtr;
 
 constexpr const char* sender = "com.example.Sender";
 constexpr const char* interface = "com.example.Sender.Events";
@@ -57,7 +56,7 @@ void emit_to(sd_bus* bus, const std::string& destination, const std::string& tex
 {
     sd_bus_message* message = nullptr;
     ASSERT_GE(sd_bus_message_new_signal(bus, &message, "/com/example/object", interface, member), 0);
-    const vantora::MessagePtr owner(message);
+    const MessagePtr owner(message);
     ASSERT_GE(sd_bus_message_append(message, "s", text.c_str()), 0);
     ASSERT_GE(sd_bus_send_to(bus, message, destination.c_str(), nullptr), 0);
     settle(bus);

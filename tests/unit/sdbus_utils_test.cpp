@@ -27,8 +27,6 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing_support::PrivateBus;
-using vantora::BusPtr;
-using vantora::MessagePtr;
 
 constexpr const char* service = "com.example.Properties";
 constexpr const char* path = "/com/example/object";
@@ -356,7 +354,7 @@ TEST(ForeignByteOrder, IsReadLikeTheOwn)
 {
     int ends[2] = {-1, -1};
     ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
-    const vantora::UniqueFd far_end(ends[1]);
+    const UniqueFd far_end(ends[1]);
     sd_bus* bus = nullptr;
     ASSERT_GE(sd_bus_new(&bus), 0);
     const BusPtr connection(bus);

@@ -33,8 +33,6 @@ using testing_support::EventLoop;
 using testing_support::FakeSettingsDaemon;
 using testing_support::LogLine;
 using testing_support::PrivateBus;
-using vantora::BusPtr;
-using vantora::MessagePtr;
 
 const std::string service = "com.vantora.common.Settings1";
 const std::string networkPath = "/com/vantora/common/Settings1/network";

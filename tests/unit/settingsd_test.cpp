@@ -31,9 +31,6 @@ using testing::IsEmpty;
 using testing_support::ChildProcess;
 using testing_support::PrivateBus;
 using testing_support::TempFolder;
-using vantora::BusError;
-using vantora::BusPtr;
-using vantora::MessagePtr;
 
 constexpr const char* service = "com.vantora.common.Settings1";
 constexpr const char* base_path = "/com/vantora/common/Settings1";
@@ -70,7 +67,7 @@ public:
     }
 
 private:
-    vantora::UniqueFd socket_;
+    UniqueFd socket_;
 };
 
 /** What a client was answered: the error's name and text, both empty when all went well. */
@@ -139,8 +136,7 @@ protected:
 
     static Answer answer_of(const BusError& error)
     {
-        return {error.name() != nullptr ? error.name() : "",
-                error.message() != nullptr ? error.message() : ""};
+        return {error.name() != nullptr ? error.name() : "", error.message()};
     }
 
     /** Notes each change signal as "section key=value ..."; to be called before what causes them. */

@@ -8,7 +8,7 @@
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
-#include "utils/unique_fd.hpp"
+#include "support/unique_fd.hpp"
 
 namespace {
 

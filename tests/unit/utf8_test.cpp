@@ -81,7 +81,7 @@ TEST(Utf8Text, IsAlwaysATextThatTheBusLibrarySends)
     const testing_support::BusPair pair;
     sd_bus_message* created = nullptr;
     ASSERT_GE(sd_bus_message_new_signal(pair.service(), &created, "/a", "a.b", "C"), 0);
-    const vantora::MessagePtr message(created);
+    const MessagePtr message(created);
     ASSERT_GE(sd_bus_message_open_container(message.get(), 'a', "s"), 0);
 
     std::mt19937 random(4711); // NOLINT(cert-msc51-cpp): the same bytes in each run

@@ -26,8 +26,6 @@ using testing_support::captured_log;
 using testing_support::EventLoop;
 using testing_support::LogLine;
 using testing_support::PrivateBus;
-using vantora::BusPtr;
-using vantora::MessagePtr;
 
 int dhcpRestarted = 1;
 int matchesLeft = 100;

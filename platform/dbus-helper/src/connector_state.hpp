@@ -10,7 +10,7 @@
 
 #include "dbus-helper/dbus_listener.hpp"
 #include "signal_watch.hpp"
-#include "support/sd_handles.hpp"
+#include "support/sd_bus_owners.hpp"
 
 namespace DbusHelper {
 
@@ -56,14 +56,14 @@ private:
     static int on_bus_answered(sd_bus_message* message, void* userdata, sd_bus_error* error);
     static int on_retry(sd_event_source* source, std::uint64_t now, void* userdata);
 
-    vantora::EventPtr event_;
+    EventPtr event_;
     BusType type_;
     bool lost_ = false;
     std::chrono::seconds retry_delay_;
-    vantora::EventSourcePtr retry_;
-    vantora::BusPtr bus_;
-    vantora::SlotPtr disconnected_;
-    vantora::SlotPtr probe_;
+    EventSourcePtr retry_;
+    BusPtr bus_;
+    SlotPtr disconnected_;
+    SlotPtr probe_;
     std::list<Listening> rules_;
 };
 

@@ -6,15 +6,11 @@
 
 #include "dbus-helper/sdbus_utils.hpp"
 #include "support/bus_connection.hpp"
-#include "support/sd_handles.hpp"
+#include "support/sd_bus_owners.hpp"
 
 namespace sdbus_utils {
 
 namespace {
-
-using vantora::BusError;
-using vantora::BusPtr;
-using vantora::MessagePtr;
 
 constexpr const char* properties_interface = "org.freedesktop.DBus.Properties";
 
@@ -35,13 +31,8 @@ public:
         if (bus_ != nullptr) {
             return 0;
         }
-        sd_bus* opened = nullptr;
-        const int r = sd_bus_open_user(&opened);
-        own_.reset(opened);
-        bus_ = opened;
-        if (r >= 0) {
-            vantora::await_letting_in(opened);
-        }
+        const int r = open_user_bus(own_);
+        bus_ = own_.get();
         return r;
     }
 
@@ -63,7 +54,7 @@ struct Property
 
 std::string failure_text(int r, const BusError& error)
 {
-    if (error.message() != nullptr && *error.message() != '\0') {
+    if (*error.message() != '\0') {
         return error.message();
     }
     return error.name() != nullptr ? std::string(error.name()) : errno_text(r);

@@ -17,7 +17,7 @@ bool is_from_bus_daemon(sd_bus_message* message)
     return sender != nullptr && std::string_view(sender) == bus_name;
 }
 
-int add_match(sd_bus* bus, Install mode, vantora::SlotPtr& slot, const std::string& rule,
+int add_match(sd_bus* bus, Install mode, SlotPtr& slot, const std::string& rule,
               sd_bus_message_handler_t handler, void* userdata)
 {
     sd_bus_slot* added = nullptr;
@@ -74,11 +74,11 @@ int SignalWatch::ask_owner(sd_bus* bus)
 {
     // Waited for: the loop may next be busy for longer than the time-out of a call, and sd-bus then takes an
     // answer that has long come for one that never did.
-    vantora::BusError error;
+    BusError error;
     sd_bus_message* received = nullptr;
     int r = sd_bus_call_method(bus, bus_name, bus_path, bus_name, "GetNameOwner", error.get(), &received, "s",
                                rule_.sender.c_str());
-    const vantora::MessagePtr answer(received);
+    const MessagePtr answer(received);
     if (r < 0) {
         return error.has_name(SD_BUS_ERROR_NAME_HAS_NO_OWNER) ? 0 : r;
     }

@@ -6,7 +6,7 @@
 #include <systemd/sd-bus.h>
 
 #include "dbus-helper/dbus_listener.hpp"
-#include "support/sd_handles.hpp"
+#include "support/sd_bus_owners.hpp"
 
 namespace DbusHelper {
 
@@ -61,9 +61,9 @@ private:
     const SignalRule rule_;
     const std::function<void()> on_failure_;
     std::string owner_; ///< unique name of the sender; empty while nobody owns the name
-    vantora::SlotPtr owner_changed_;
-    vantora::SlotPtr owner_asked_;
-    vantora::SlotPtr signal_;
+    SlotPtr owner_changed_;
+    SlotPtr owner_asked_;
+    SlotPtr signal_;
 };
 
 } // namespace DbusHelper

@@ -188,8 +188,7 @@ bool attributes_offer_5ghz(std::span<const std::byte> attributes)
 
 bool radio_offers_5ghz()
 {
-    const vantora::UniqueFd socket(
-        ::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_GENERIC));
+    const UniqueFd socket(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_GENERIC));
     if (!socket) {
         return false;
     }

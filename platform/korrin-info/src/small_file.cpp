@@ -20,7 +20,7 @@ constexpr std::size_t kMaxSize = std::size_t{64} * 1024;
 
 std::optional<std::string> read_small_file(const std::string& path)
 {
-    const vantora::UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    const UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
     struct stat status = {};
     if (!file || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
         return std::nullopt;

@@ -16,8 +16,6 @@ namespace settingsd {
 
 namespace {
 
-using vantora::UniqueFd;
-
 constexpr mode_t kFileMode = 0640;
 
 int write_all(int fd, std::string_view contents)

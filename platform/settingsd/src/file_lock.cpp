@@ -17,7 +17,7 @@ int FileLock::take(const std::string& path)
         return 0;
     }
     constexpr mode_t kFileMode = 0640;
-    vantora::UniqueFd file(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, kFileMode));
+    UniqueFd file(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, kFileMode));
     if (!file) {
         return -errno;
     }

@@ -20,7 +20,7 @@ public:
     int take(const std::string& path);
 
 private:
-    vantora::UniqueFd file_;
+    UniqueFd file_;
 };
 
 } // namespace settingsd

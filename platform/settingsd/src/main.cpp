@@ -16,7 +16,7 @@
 #include "service.hpp"
 #include "store.hpp"
 #include "support/bus_connection.hpp"
-#include "support/sd_handles.hpp"
+#include "support/sd_bus_owners.hpp"
 
 namespace {
 
@@ -61,7 +61,7 @@ int serve(const std::string& stateFile)
 {
     sd_event* newEvent = nullptr;
     int r = sd_event_default(&newEvent);
-    const vantora::EventPtr event(newEvent);
+    const EventPtr event(newEvent);
     if (!succeeded(r, "make an event loop") ||
         !succeeded(end_loop_on_signals(event.get()), "handle signals")) {
         return EXIT_FAILURE;
@@ -69,11 +69,11 @@ int serve(const std::string& stateFile)
 
     sd_bus* newBus = nullptr;
     r = sd_bus_open_user(&newBus);
-    const vantora::BusPtr bus(newBus);
+    const BusPtr bus(newBus);
     if (!succeeded(r, "open the user bus")) {
         return EXIT_FAILURE;
     }
-    vantora::await_letting_in(bus.get());
+    await_letting_in(bus.get());
     if (!succeeded(sd_bus_attach_event(bus.get(), event.get(), SD_EVENT_PRIORITY_NORMAL),
                    "attach the user bus")) {
         return EXIT_FAILURE;

@@ -8,7 +8,7 @@
 #include <systemd/sd-bus.h>
 
 #include "store.hpp"
-#include "support/sd_handles.hpp"
+#include "support/sd_bus_owners.hpp"
 
 namespace settingsd {
 
@@ -60,7 +60,7 @@ private:
         SettingsService* service;
         std::string name;
         std::vector<sd_bus_vtable> vtable;
-        vantora::SlotPtr slot;
+        SlotPtr slot;
     };
 
     int publish_base();
@@ -82,10 +82,10 @@ private:
     sd_bus* bus_;
     SettingsStore& store_;
     std::list<Section> sections_;
-    vantora::SlotPtr base_;
-    vantora::SlotPtr objectManager_;
-    vantora::EventSourcePtr anotherTry_; ///< armed while something is to be tried again
-    std::vector<std::string> reported_;  ///< what the last try found, so that the log tells it once
+    SlotPtr base_;
+    SlotPtr objectManager_;
+    EventSourcePtr anotherTry_;         ///< armed while something is to be tried again
+    std::vector<std::string> reported_; ///< what the last try found, so that the log tells it once
 };
 
 } // namespace settingsd

@@ -3,7 +3,7 @@
 #include <unistd.h>
 #include <utility>
 
-/** Owns one file descriptor and closes it at the end of its scope. */
+/** Owns one file descriptor and closes it at the end of its scope; -1 stands for none. */
 class UniqueFd
 {
 public:
@@ -26,12 +26,16 @@ public:
     /** Gives the descriptor away; the caller closes it. */
     int release() { return std::exchange(fd_, -1); }
 
-    void reset(int fd = -1)
+    /**
+     * Closes the descriptor and takes another one in its place.
+     *
+     * @param fd the descriptor to own from now on; -1 for none
+     * @return what close(2) said: 0, or -1 with errno set; 0 when there was nothing to close
+     */
+    int reset(int fd = -1)
     {
         const int old = std::exchange(fd_, fd);
-        if (old >= 0) {
-            ::close(old);
-        }
+        return old >= 0 ? ::close(old) : 0;
     }
 
 private:

@@ -1,41 +1,47 @@
-#include "utils/bus_connection.hpp"
+#include "support/bus_connection.hpp"
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
+#include <cstdint>
 
 namespace {
 
 using namespace std::chrono;
 
-/** The time-out of a call, which an environment can set to any value, even to none. */
+/** An environment can set the time-out of a call to any value, even to none. */
+constexpr microseconds kLongest = 1h;
+
 microseconds call_timeout(sd_bus* bus)
 {
-    constexpr uint64_t kLongestUsec = microseconds(1h).count();
-
     uint64_t timeoutUsec = 0;
     sd_bus_get_method_call_timeout(bus, &timeoutUsec);
-    return microseconds(std::min(timeoutUsec, kLongestUsec));
+    return microseconds(std::min<uint64_t>(timeoutUsec, kLongest.count()));
 }
 
-/** Works the connection until the bus has let it in, or closes it. */
-void await_letting_in(sd_bus* bus)
+} // namespace
+
+int await_letting_in(sd_bus* bus, microseconds time)
 {
-    const auto deadline = steady_clock::now() + call_timeout(bus);
-    while (sd_bus_is_ready(bus) == 0) {
+    const auto deadline = steady_clock::now() + std::min(time, kLongest);
+    int ready = sd_bus_is_ready(bus);
+    while (ready == 0) {
         int progress = sd_bus_process(bus, nullptr);
         if (progress == 0) {
             const auto left = duration_cast<microseconds>(deadline - steady_clock::now());
             progress = left.count() > 0 ? sd_bus_wait(bus, static_cast<uint64_t>(left.count())) : -ETIMEDOUT;
         }
-        if (progress < 0 && progress != -EINTR) {
-            sd_bus_close(bus);
-            return;
-        }
+        ready = progress < 0 && progress != -EINTR ? progress : sd_bus_is_ready(bus);
     }
+    if (ready < 0) {
+        sd_bus_close(bus);
+    }
+    return std::min(ready, 0);
 }
 
-} // namespace
+int await_letting_in(sd_bus* bus)
+{
+    return await_letting_in(bus, call_timeout(bus));
+}
 
 int open_system_bus(BusPtr& bus, LetIn letIn)
 {

@@ -50,6 +50,10 @@ public:
 
     sd_bus_error* get() { return &error_; }
 
+    /** The name of the error; null when the record has none. */
+    const char* name() const { return error_.name; }
+    bool has_name(const char* name) const { return sd_bus_error_has_name(&error_, name) > 0; }
+
     /** The message text; an empty text, never null, when the record has none. */
     const char* message() const { return error_.message != nullptr ? error_.message : ""; }
 
