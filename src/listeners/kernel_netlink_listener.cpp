@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <utility>
 
 #include <syslog.h>
 #include <unistd.h>
@@ -27,7 +28,10 @@ void KernelNetlinkListener::Start()
 {
     syslog(LOG_INFO, "[NETLINK] Starting kernel netlink listener...");
     stop_.clear();
-    thread_ = std::thread(&KernelNetlinkListener::ListenTask, this);
+    std::promise<void> opened;
+    const std::future<void> socketOpened = opened.get_future();
+    thread_ = std::thread(&KernelNetlinkListener::ListenTask, this, std::move(opened));
+    socketOpened.wait();
 }
 
 void KernelNetlinkListener::Stop()
@@ -38,10 +42,12 @@ void KernelNetlinkListener::Stop()
     }
 }
 
-void KernelNetlinkListener::ListenTask()
+void KernelNetlinkListener::ListenTask(std::promise<void> opened)
 {
     syslog(LOG_INFO, "[NETLINK] Starting kernel netlink task...");
-    if (OpenSocket() == 0) {
+    const int isOpen = OpenSocket();
+    opened.set_value();
+    if (isOpen == 0) {
         syslog(LOG_ERR, "[NETLINK] OpenSocket() failed, exiting.");
         return;
     }

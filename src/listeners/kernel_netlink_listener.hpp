@@ -1,5 +1,6 @@
 #pragma once
 
+#include <future>
 #include <memory>
 #include <string>
 #include <sys/socket.h>
@@ -30,7 +31,12 @@ public:
     KernelNetlinkListener& operator=(const KernelNetlinkListener&) = delete;
 
     /**
-     * Starts the thread.
+     * Starts the thread, and waits until that has opened its socket or given up.
+     *
+     * The socket's port id is the process id, which is also the one that the kernel gives to any other
+     * netlink socket of the process while it is free: getifaddrs(3) opens such sockets for moments. Whoever
+     * starts the listener on the thread that looks up addresses is not in the middle of a look-up, and from
+     * then on look-ups are given other ids.
      *
      * Logs "[NETLINK] Starting kernel netlink listener..." (INFO); the thread logs "[NETLINK] Starting kernel
      * netlink task..." and each event, "[NETLINK] IP Event: Iface: %s IP Address: %s Status: %s" (INFO), and
@@ -58,7 +64,8 @@ public:
     int CheckMessage(const nlmsghdr* message, ssize_t& remaining);
 
 private:
-    void ListenTask();
+    /** Body of the thread; fulfils the promise once opening the socket has been tried. */
+    void ListenTask(std::promise<void> opened);
 
     /** Returns 1, or 0 when there is no socket; logged. */
     int OpenSocket();

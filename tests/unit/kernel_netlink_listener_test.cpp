@@ -8,6 +8,7 @@
 #include <deque>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <tuple>
 #include <vector>
 
@@ -48,6 +49,7 @@ class Kernel
 public:
     int socketError = 0;
     int bindError = 0;
+    std::chrono::milliseconds bindTakes{0};
     std::tuple<int, int, int> socketArguments;
     int descriptor = -1;
     sockaddr_nl boundAddress{};
@@ -119,6 +121,7 @@ int socket(int domain, int type, int protocol) noexcept
 
 int bind(int, const sockaddr* address, socklen_t length) noexcept
 {
+    std::this_thread::sleep_for(kernel->bindTakes);
     std::memcpy(&kernel->boundAddress, address, std::min<size_t>(length, sizeof(sockaddr_nl)));
     kernel->boundLength = length;
     errno = kernel->bindError;
@@ -180,6 +183,24 @@ TEST_F(KernelListener, OpensARouteSocketForLinksAndIpv4AddressesUnderItsProcessI
     listener.Stop();
     EXPECT_THAT(log(), ElementsAre(kStarting, kTask));
     EXPECT_FALSE(is_open(kernel->descriptor));
+}
+
+// Until then whoever started it must not open netlink sockets, which may be given the listener's port id.
+TEST_F(KernelListener, HasItsPortWhenStartReturns)
+{
+    kernel->bindTakes = 100ms;
+    listener.Start();
+    EXPECT_EQ(kernel->boundLength, 12U);
+}
+
+TEST_F(KernelListener, StartReturnsWhenThereIsNoPortToBeHad)
+{
+    kernel->bindTakes = 100ms;
+    kernel->bindError = EADDRINUSE;
+    listener.Start();
+    EXPECT_THAT(log(), testing::Contains(kStarting));
+    EXPECT_EQ(kernel->boundLength, 12U);
+    ASSERT_TRUE(captured_log().wait_for_lines(4));
 }
 
 TEST_F(KernelListener, EndsWithTwoLinesWhenThereIsNoSocket)

@@ -2,12 +2,13 @@
 
 from __future__ import annotations
 
+import os
 import time
 from pathlib import Path
 
 import pytest
 from kernel_events import EVENT, event
-from vantora_sim import World, changed, log
+from vantora_sim import DEADLINE, World, call, changed, log, unit_path, units
 
 STARTING = ("info", "[NETLINK] Starting kernel netlink listener...")
 TASK = ("info", "[NETLINK] Starting kernel netlink task...")
@@ -147,3 +148,22 @@ def test_port_that_is_taken_ends_the_listener_and_nothing_else(world: World) -> 
     assert world.get("IPAddress") == "10.0.0.5"
     assert world.stop_daemon() == 0
     assert world.journal.find(log(text=EVENT), mark) == []
+
+
+def test_reads_that_wait_for_the_start_do_not_take_the_listeners_port(world: World) -> None:
+    # For each read the kernel lends the port id that the listener wants to a socket that is closed again. On one core the
+    # listener's thread gets to bind its own anywhere between these moments, unless the main thread waits for it.
+    world.tools.ip.output("")
+    for _ in range(8):
+        mark = world.journal.mark()
+        world.systemd.hang("Start", on=units.DHCP_SERVER)
+        daemon = world.start_daemon()
+        os.sched_setaffinity(daemon.pid, {min(os.sched_getaffinity(0))})
+        world.journal.wait_for(call("Start", path=unit_path(units.DHCP_SERVER)), mark)
+        reads = [world.call_async("Get", "ss", ["com.vantora.Network1.WiFi", "MacAddress"],
+                                  interface="org.freedesktop.DBus.Properties") for _ in range(300)]
+        world.systemd.release()
+        world.wait_follows_addresses()
+        assert len({read.result(DEADLINE)[0].value for read in reads}) == 1
+        assert world.journal.find(log("err", lambda text: text.startswith("[NETLINK]")), mark) == []
+        assert world.stop_daemon() == 0
