@@ -66,7 +66,7 @@ void connect_event_reactions()
 void wifi_host_ap_initialised(bool ready)
 {
     syslog(LOG_INFO, "%s: AP State: %s", "wifi_host_ap_initialised", ready ? "READY" : "NOT READY");
-    emit_property_changed("WiFiAccessPointInitialised");
+    announce_access_point_initialised(ready);
 }
 
 void wifi_host_station_connected(const std::string& station)

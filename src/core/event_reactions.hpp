@@ -12,7 +12,8 @@
 /** Connects the reactions to the listeners, for the life of the process. */
 void connect_event_reactions();
 
-/** Logs "%s: AP State: %s" (INFO) with "READY" or "NOT READY"; announces `WiFiAccessPointInitialised`. */
+/** Logs "%s: AP State: %s" (INFO) with "READY" or "NOT READY"; announces `WiFiAccessPointInitialised` with
+ * this value. */
 void wifi_host_ap_initialised(bool ready);
 
 /** Log "%s: %s" (INFO) with the function's name and the station; announce `WiFiConnectedClients`. */

@@ -95,3 +95,12 @@ void emit_property_changed(const char* property)
         sd_bus_emit_properties_changed(bus.get(), kNetworkPath, kNetworkInterface, property, nullptr);
     });
 }
+
+void announce_access_point_initialised(bool ready)
+{
+    post_to_main_loop([ready] {
+        sd_bus_emit_signal(bus.get(), kNetworkPath, "org.freedesktop.DBus.Properties", "PropertiesChanged",
+                           "sa{sv}as", kNetworkInterface, 1, "WiFiAccessPointInitialised", "b",
+                           static_cast<int>(ready), 0);
+    });
+}

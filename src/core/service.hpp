@@ -49,3 +49,10 @@ void post_to_main_loop(std::function<void()> work);
  * @param property name of the property; a literal
  */
 void emit_property_changed(const char* property);
+
+/**
+ * Announces `WiFiAccessPointInitialised` with the given value instead of the one that it has by the time the
+ * loop gets to it: two events of one wake-up of the listener are then announced as what they are. May be
+ * called from any thread.
+ */
+void announce_access_point_initialised(bool ready);

@@ -24,6 +24,11 @@ void emit_property_changed(const char* property)
     done.push_back(std::string("emit ") + property);
 }
 
+void announce_access_point_initialised(bool ready)
+{
+    done.push_back(std::string("access point ") + (ready ? "ready" : "not ready"));
+}
+
 void emit_properties_later(std::vector<const char*> properties, int32_t delaySec)
 {
     std::string text = "in " + std::to_string(delaySec) + " s:";
@@ -69,6 +74,14 @@ TEST_F(EventReactions, other_states_announce_nothing_later)
         client_state_changed(state, "cafe");
         EXPECT_THAT(done, ElementsAre("emit WiFiClientState")) << state;
     }
+}
+
+TEST_F(EventReactions, what_hostapd_says_of_the_access_point_is_announced_with_the_value_of_the_event)
+{
+    wifi_host_ap_initialised(true);
+    wifi_host_ap_initialised(false);
+    wifi_host_ap_initialised(true);
+    EXPECT_THAT(done, ElementsAre("access point ready", "access point not ready", "access point ready"));
 }
 
 TEST_F(EventReactions, only_addresses_of_the_wireless_interface_are_announced)

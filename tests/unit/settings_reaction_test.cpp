@@ -77,6 +77,11 @@ void emit_property_changed(const char* property)
     calls.push_back(std::string("announce ") + property);
 }
 
+void announce_access_point_initialised(bool)
+{
+    calls.emplace_back("announce the access point");
+}
+
 namespace {
 
 class SettingsChanged : public testing::Test
