@@ -7,6 +7,7 @@ folder and the simulator's on sys.path.
 from __future__ import annotations
 
 import os
+import sys
 from collections.abc import Callable, Generator, Iterator
 from pathlib import Path
 from typing import Any
@@ -15,6 +16,9 @@ import pytest
 from vantora_sim import World
 
 ROOT = Path(__file__).resolve().parents[2]
+sys.path[:0] = [path for path in (str(ROOT / "tests"),) if path not in sys.path]
+
+from model.stage import Stage  # noqa: E402  (found through the line above)
 
 TIME_OUT = 120
 """Seconds after which a single test is given up: only a fault gets there, every wait has its own, shorter deadline."""
@@ -82,6 +86,19 @@ def _check_end(world: World) -> None:
         status = world.stop_daemon()
         assert status == 0, f"the daemon ended with status {status} when asked to\n{world.daemon.stderr}"
     assert world.sanitizer_reports() == ""
+
+
+@pytest.fixture
+def stage(build_dir: Path, request: pytest.FixtureRequest) -> Iterator[Stage]:
+    """A device to which everything can be done, and that can be compared with the model: what the random search prints."""
+    with Stage(build_dir, judges_memory=not is_sanitized(build_dir)) as made:
+        request.node.worlds = [made.world]
+        yield made
+
+
+def is_sanitized(build: Path) -> bool:
+    """Whether the programs in this folder hold a sanitizer, which keeps what they have freed."""
+    return any(name in (build / "vantora-network").read_bytes() for name in (b"__asan_init", b"__tsan_init"))
 
 
 @pytest.fixture

@@ -1,0 +1,115 @@
+"""What has happened since the device was last quiet, as far as it decides what must be true when it is quiet again."""
+
+from __future__ import annotations
+
+from typing import Any
+
+ENABLED, DISABLED = b"AP-ENABLED", b"AP-DISABLED"
+
+
+class History:
+    """Notes of the played neighbours and of the acts of a run."""
+
+    def __init__(self) -> None:
+        self.started = 0
+        """The journal's mark at the daemon's start."""
+        self.since = 0
+        """The journal's mark at the end of the last quiet."""
+        self.judged = 0
+        """The journal's mark when the device was last looked at."""
+        self.known: dict[str, Any] = {}
+        """What somebody who follows the announcements knew then."""
+        self.disturbed: set[str] = set()
+        """What has happened that the daemon need not get over by itself, or may complain of."""
+        self.complaints: set[str] = set()
+        """What has happened that it may complain of, but must get over."""
+        self.stored: dict[str, Any] = {}
+        """Writes of properties that were acknowledged as stored: property and value."""
+        self.changed_settings: set[tuple[str, str]] = set()
+        """Settings that somebody else has changed."""
+        self.initialised: bool | None = False
+        """What the daemon has heard of the access point; None where that cannot be told."""
+        self.said: list[bool] = []
+        """What hostapd has said of it since then to an attached listener."""
+        self.gap = False
+        """Whether hostapd was stopped or replaced meanwhile, so that somebody may have listened in vain."""
+        self.station: str | None = ""
+        """What the daemon has heard of the station; None where that cannot be told."""
+        self.bus_lost = False
+        self.address_events = 0
+        self.wired: bool | None = None
+        self.patience = 0.0
+        """Seconds by which it may take longer to come to rest."""
+        self.backlog = 0.0
+        """Seconds that what has been told the daemon may keep it from the next request."""
+        self.remedied = False
+        """Whether the device had to be brought into order by hand."""
+        self._ordered_to_stop = False
+        self._unheard_ends = 0
+
+    def new_daemon(self, mark: int) -> None:
+        """A daemon starts: it knows nothing, and nobody knows anything of it."""
+        self.started = self.since = mark
+        self.known = {}
+        self.initialised, self.station = False, ""
+        self.said.clear()
+        self.gap = True
+        self.disturbed.discard("deaf")
+        self._unheard_ends = 0
+
+    def quiet(self, mark: int, known: dict[str, Any]) -> None:
+        """The device is quiet, and all is as it must be."""
+        self.since, self.known = mark, known
+        self.disturbed.clear()
+        self.complaints.clear()
+        self.said.clear()
+        self.stored.clear()
+        self.changed_settings.clear()
+        self.gap = self.bus_lost = self.remedied = False
+        self.address_events = 0
+        self.patience = self.backlog = 0.0
+        self._unheard_ends = 0
+
+    # hostapd
+
+    def access_point_said(self, data: bytes) -> None:
+        """An event went to a listener that is there."""
+        for text, value in ((ENABLED, True), (DISABLED, False)):
+            if text in data:
+                self.initialised = value
+                self.said.append(value)
+
+    def stop_ordered(self) -> None:
+        """The daemon has it stopped: what it says then is not listened to."""
+        self._ordered_to_stop = True
+        self.gap = True
+
+    def listener_attached(self) -> None:
+        """Somebody asks to be told."""
+        self._ordered_to_stop = False
+
+    def access_point_ends(self, attached_once: bool, attached: bool, *, killed: bool) -> None:
+        """hostapd ends. When it was asked to, it says so, and whoever has attached to it hears that."""
+        self.gap = True
+        if self._ordered_to_stop:
+            return
+        if not killed and attached_once:
+            self.initialised = False
+        if killed and attached:
+            self.disturbed.add("deaf")
+        if not attached and not attached_once:
+            self._unheard_ends += 1
+            self.patience = max(self.patience, 12.0)
+            if self._unheard_ends > 1:
+                self.disturbed.add("deaf")
+        if killed:
+            self.patience = max(self.patience, 12.0)
+            self.complaints.add("hostapd killed")
+
+    # wpa_supplicant
+
+    def station_said(self, word: str) -> None:
+        """wpa_supplicant has reported a state. A passphrase that is refused reads as a disconnection in the handshake."""
+        if self.station is not None or word != "disconnected":
+            refused = word == "disconnected" and self.station == "4way_handshake"
+            self.station = "failed" if refused else word
