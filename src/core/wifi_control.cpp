@@ -5,14 +5,13 @@
 #include "config/wifi_config.hpp"
 #include "core/service.hpp"
 #include "radio/hostapd.hpp"
+#include "radio/hostapd_config.hpp"
 #include "radio/wifi_controller.hpp"
 
 namespace {
 
 constexpr int kDone = 0;
 constexpr int kFailed = -1;
-
-constexpr size_t kMaxSsidLength = 32;
 
 /** Starts the stored mode on a radio that has just been switched on. */
 void start_mode(const char* function, WifiMode mode)
@@ -154,7 +153,7 @@ int set_wifi_ssid(const std::string& ssid, WriteThrough writeThrough)
     std::string current;
     if (hostapd_get_ssid(current) == 0) {
         syslog(LOG_ERR, "[Main] %s: Failed to get wifi ssid", kFunction);
-    } else if (current == ssid) {
+    } else if (current == ssid || (ssid.size() <= kMaxSsidLength && current == hostapd_value_of(ssid))) {
         return kDone;
     }
     if (ssid.size() > kMaxSsidLength) {

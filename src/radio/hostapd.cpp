@@ -38,7 +38,7 @@ int32_t configure_and_start()
 {
     HostapdConfig overrides;
     hostapd_get_overrides(overrides);
-    running.ssid = overrides[kHostapdSsid];
+    running.ssid = hostapd_value_of(overrides[kHostapdSsid]);
     running.frequency = hostapd_frequency_of(overrides[kHostapdHwMode]);
     if (hostapd_set_conf(overrides) == 0) {
         syslog(LOG_WARNING, "[WiFi] Failed to set hostapd configuration");
@@ -102,7 +102,7 @@ int32_t hostapd_set_ssid(const std::string& ssid)
 {
     const int32_t result = reconfigure(kHostapdSsid, ssid);
     if (result != 0) {
-        running.ssid = ssid;
+        running.ssid = hostapd_value_of(ssid);
     }
     return result;
 }

@@ -5,8 +5,8 @@
 
 /**
  * Control of hostapd, which makes wlan0 an access point: its unit "hostapd.service", its runtime
- * configuration, and the SSID and band that it was last started or reconfigured with, which are remembered
- * for the life of the process. For the main thread.
+ * configuration, and the SSID (as hostapd was given it: up to its first line break) and band that it was last
+ * started or reconfigured with, which are remembered for the life of the process. For the main thread.
  *
  * Results of unit jobs are those of utils/systemd_units.hpp: nonzero, which stands for success, also after a
  * refused job; 0 only when the look-up or the job ended with exactly zero.

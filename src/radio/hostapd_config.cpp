@@ -1,11 +1,13 @@
 #include "radio/hostapd_config.hpp"
 
-#include <filesystem>
 #include <fstream>
+#include <utility>
 
+#include <sys/stat.h>
 #include <syslog.h>
 
 #include "config/wifi_config.hpp"
+#include "utils/replace_file.hpp"
 
 namespace {
 
@@ -29,15 +31,14 @@ void dump_runtime_conf(const HostapdConfig& config)
     syslog(LOG_INFO, "%s", kLine);
 }
 
-/** The value up to its first line break, which hostapd would take for the end of the line. */
-std::string single_line(const std::string& key, const std::string& value)
+/** A name that is too long is passed on all the same: hostapd says so in its own log and does not start. */
+void warn_of_long_ssid(const HostapdConfig& config)
 {
-    const size_t end = value.find('\n');
-    if (end == std::string::npos) {
-        return value;
+    const size_t length = hostapd_value_of(config.at(kHostapdSsid)).size();
+    if (length > kMaxSsidLength) {
+        syslog(LOG_WARNING, "[Hostapd] SSID of %zu bytes is longer than %zu, hostapd will refuse it", length,
+               kMaxSsidLength);
     }
-    syslog(LOG_WARNING, "[Hostapd] Value of '%s' holds a line break and is cut there", key.c_str());
-    return value.substr(0, end);
 }
 
 } // namespace
@@ -55,10 +56,7 @@ std::string hostapd_frequency_of(const std::string& hwMode)
 int hostapd_read_conf(const std::string& path, HostapdConfig& config)
 {
     std::ifstream file(path);
-    if (!file) {
-        syslog(LOG_ERR, "[Hostapd] Failed to open '%s' config file for read", path.c_str());
-        return 0;
-    }
+    HostapdConfig entries;
     for (std::string line; std::getline(file, line);) {
         if (line.empty() || line.front() == '#') {
             continue;
@@ -66,24 +64,36 @@ int hostapd_read_conf(const std::string& path, HostapdConfig& config)
         // Without "=" the position is npos: the whole line is the key, and from npos + 1, which is 0, the
         // value.
         const size_t equals = line.find('=');
-        config[line.substr(0, equals)] = line.substr(equals + 1);
+        entries[line.substr(0, equals)] = line.substr(equals + 1);
+    }
+    // Also what could be opened and not be read to its end: a part of it could be an access point without a
+    // passphrase.
+    if (!file.is_open() || file.bad()) {
+        syslog(LOG_ERR, "[Hostapd] Failed to open '%s' config file for read", path.c_str());
+        return 0;
+    }
+    for (auto& [key, value] : entries) {
+        config[key] = std::move(value);
     }
     return 1;
 }
 
 int hostapd_write_conf(const std::string& path, const HostapdConfig& config)
 {
-    std::ofstream file(path, std::ios::trunc);
-    if (!file) {
+    // The template's passphrase is in it: for hostapd only, which runs as the same user.
+    constexpr mode_t kOwnerOnly = S_IRUSR | S_IWUSR;
+
+    std::string contents;
+    for (const auto& [key, value] : config) {
+        const std::string line = hostapd_value_of(value);
+        if (line.size() != value.size()) {
+            syslog(LOG_WARNING, "[Hostapd] Value of '%s' holds a line break and is cut there", key.c_str());
+        }
+        contents.append(key).append(1, '=').append(line).append(1, '\n');
+    }
+    if (utils_replace_file(path, contents, kOwnerOnly) != 0) {
         syslog(LOG_ERR, "[Hostapd] Failed to open '%s' config file for write", path.c_str());
         return 0;
-    }
-    // The template's passphrase is in it: for hostapd only, which runs as the same user.
-    std::error_code ignored;
-    std::filesystem::permissions(
-        path, std::filesystem::perms::owner_read | std::filesystem::perms::owner_write, ignored);
-    for (const auto& [key, value] : config) {
-        file << key << '=' << single_line(key, value) << std::endl;
     }
     return 1;
 }
@@ -136,6 +146,7 @@ int hostapd_set_conf(const HostapdConfig& overrides)
     }
     hostapd_merge_conf(overrides, config);
     dump_runtime_conf(config);
+    warn_of_long_ssid(config);
     if (hostapd_write_conf(kRuntimePath, config) == 0) {
         syslog(LOG_ERR, "[Hostapd] Failed to write runtime hostapd config file");
         return 0;

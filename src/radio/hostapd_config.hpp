@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <map>
 #include <string>
 
@@ -13,6 +14,9 @@ constexpr const char* kHostapdSsid = "ssid";
 constexpr const char* kHostapdHwMode = "hw_mode";
 constexpr const char* kHostapdAcsBlacklist = "acs_blacklist";
 
+/** The longest name that 802.11 allows, in bytes. */
+constexpr size_t kMaxSsidLength = 32;
+
 /** "a" for the band "5", "g" for any other text. */
 std::string hostapd_hw_mode_of(const std::string& frequency);
 
@@ -20,11 +24,20 @@ std::string hostapd_hw_mode_of(const std::string& frequency);
 std::string hostapd_frequency_of(const std::string& hwMode);
 
 /**
+ * What hostapd is given of a value: the text up to its first line break, which it would take for the end of
+ * the line.
+ */
+inline std::string hostapd_value_of(const std::string& text)
+{
+    return text.substr(0, text.find('\n'));
+}
+
+/**
  * Reads a configuration file. Nothing is trimmed; empty lines and lines that start with "#" are skipped, a
  * line without "=" becomes a key with itself as value, and the last of several equal keys counts.
  *
- * @param config entries are added to it
- * @return 1 on success, 0 when the file can not be opened
+ * @param config entries are added to it; untouched on failure
+ * @return 1 on success, 0 when the file can not be opened, or not be read to its end
  *
  * Logs "[Hostapd] Failed to open '%s' config file for read" (ERR).
  */
@@ -32,12 +45,13 @@ int hostapd_read_conf(const std::string& path, HostapdConfig& config);
 
 /**
  * Writes a configuration file, one "key=value" to a line. A value ends at its first line break, so that none
- * can add a line of its own. The file is readable and writable by its owner only.
+ * can add a line of its own. The file is readable and writable by its owner only. It is replaced as a whole:
+ * hostapd, whose access point is an open one without the lines at the end, never finds a part of it.
  *
- * @return 1 on success, 0 when the file can not be opened
+ * @return 1 on success, 0 when any step of it fails; the file is then the one of before
  *
- * Logs "[Hostapd] Failed to open '%s' config file for write" (ERR), and, for a value that had to be cut,
- * "[Hostapd] Value of '%s' holds a line break and is cut there" (WARNING).
+ * Logs, for each value that has to be cut, "[Hostapd] Value of '%s' holds a line break and is cut there"
+ * (WARNING), and "[Hostapd] Failed to open '%s' config file for write" (ERR).
  */
 int hostapd_write_conf(const std::string& path, const HostapdConfig& config);
 
@@ -65,10 +79,12 @@ void hostapd_merge_conf(const HostapdConfig& overrides, HostapdConfig& config);
 /**
  * Merges the overrides into the template "/etc/hostapd.conf" and writes "/run/hostapd.conf".
  *
+ * @param overrides have an SSID; one of more than 32 bytes is written as it is
  * @return 1 when the runtime file was written, else 0
  *
  * Logs what hostapd_merge_conf logs, then "Runtime Hostapd conf" and the entries between lines of dashes
- * (INFO); after a failure "[Hostapd] Failed to parse default hostapd config file" or
+ * (INFO), and "[Hostapd] SSID of %zu bytes is longer than %zu, hostapd will refuse it" (WARNING); after a
+ * failure "[Hostapd] Failed to parse default hostapd config file" or
  * "[Hostapd] Failed to write runtime hostapd config file" (ERR).
  */
 int hostapd_set_conf(const HostapdConfig& overrides);

@@ -28,10 +28,6 @@ bool wpa_supplicant_gen_passphrase(const std::string& ssid, const std::string& p
 bool wpa_supplicant_write_open_config(const std::string& ssid)
 {
     std::ofstream file("/etc/wpa_supplicant/wpa_supplicant-nl80211-wlan0.conf", std::ios::trunc);
-    if (!file) {
-        syslog(LOG_ERR, "Unable to write to wpa_supplicant configuration file");
-        return false;
-    }
     file << "ctrl_interface=/var/run/wpa_supplicant\n"
             "ctrl_interface_group=0\n"
             "network={\n"
@@ -40,6 +36,12 @@ bool wpa_supplicant_write_open_config(const std::string& ssid)
          << "\"\n"
             "\tkey_mgmt=NONE\n"
             "}\n";
+    // Only closing it shows whether there was room for it.
+    file.close();
+    if (!file) {
+        syslog(LOG_ERR, "Unable to write to wpa_supplicant configuration file");
+        return false;
+    }
     return true;
 }
 

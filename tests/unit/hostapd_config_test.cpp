@@ -163,6 +163,29 @@ TEST_F(HostapdConfigFile, a_file_that_can_not_be_opened_is_reported)
         ElementsAre(line(LOG_ERR, "[Hostapd] Failed to open '" + path("absent") + "' config file for read")));
 }
 
+TEST_F(HostapdConfigFile, a_file_that_can_not_be_read_to_its_end_is_reported_and_nothing_of_it_used)
+{
+    // A folder can be opened, and is not read; a file of /proc/self/mem is refused in the middle.
+    std::filesystem::create_directory(path("folder"));
+    HostapdConfig config = {{"a", "kept"}};
+    for (const std::string& unreadable : {path("folder"), std::string("/proc/self/mem")}) {
+        captured_log().clear();
+        EXPECT_EQ(hostapd_read_conf(unreadable, config), 0) << unreadable;
+        EXPECT_THAT(config, ElementsAre(Pair("a", "kept")));
+        EXPECT_THAT(
+            captured_log().lines(),
+            ElementsAre(line(LOG_ERR, "[Hostapd] Failed to open '" + unreadable + "' config file for read")));
+    }
+}
+
+TEST(HostapdValue, ends_at_its_first_line_break)
+{
+    EXPECT_EQ(hostapd_value_of("net\nwpa=0\nx"), "net");
+    EXPECT_EQ(hostapd_value_of("\nnet"), "");
+    EXPECT_EQ(hostapd_value_of(""), "");
+    EXPECT_EQ(hostapd_value_of(" net\r "), " net\r ");
+}
+
 // Writing
 
 TEST_F(HostapdConfigFile, entries_are_written_one_to_a_line_over_what_was_there)
@@ -208,6 +231,19 @@ TEST_F(HostapdConfigFile, a_file_that_can_not_be_written_is_reported)
         EXPECT_THAT(captured_log().lines(), ElementsAre(line(LOG_ERR, "[Hostapd] Failed to open '" + target +
                                                                           "' config file for write")));
     }
+}
+
+TEST_F(HostapdConfigFile, where_a_step_fails_the_file_of_before_stays)
+{
+    // Stands for every step that fails; each of them is tried in replace_file_test.cpp.
+    std::ofstream(path("runtime")) << "wpa=2\n";
+    std::filesystem::create_directory(path("runtime.tmp"));
+    EXPECT_EQ(hostapd_write_conf(path("runtime"), {{"a", "b"}}), 0);
+    std::ifstream file(path("runtime"));
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(file), {}), "wpa=2\n");
+    EXPECT_THAT(captured_log().lines(),
+                ElementsAre(line(LOG_ERR, "[Hostapd] Failed to open '" + path("runtime") +
+                                              "' config file for write")));
 }
 
 TEST_F(HostapdConfigFile, the_dump_has_a_line_for_each_entry)

@@ -236,6 +236,21 @@ TEST_F(AccessPoint, start_configures_starts_and_listens)
                             call("load hostapd.service"), call("start /unit"), call("listener Start")));
 }
 
+TEST_F(AccessPoint, the_name_that_is_remembered_is_the_one_that_hostapd_was_given)
+{
+    for (const auto& start : {hostapd_start, hostapd_restart}) {
+        configuration.overrides = settings("Loft\nwpa=0", "g");
+        EXPECT_EQ(start(), 1);
+        EXPECT_EQ(configuration.configured, configuration.overrides);
+        EXPECT_EQ(remembered(), "Loft/2.4");
+        configuration.overrides = settings(std::string(40, 'x'), "g");
+        EXPECT_EQ(start(), 1);
+        EXPECT_EQ(remembered(), std::string(40, 'x') + "/2.4");
+    }
+    EXPECT_EQ(hostapd_set_ssid("Shed\n"), 1);
+    EXPECT_EQ(remembered(), "Shed/2.4");
+}
+
 TEST_F(AccessPoint, restart_queues_a_start_job_and_listens_anew)
 {
     EXPECT_EQ(hostapd_restart(), 1);

@@ -121,6 +121,19 @@ TEST_F(WifiSsid, TheSsidThatIsAppliedAlreadySucceedsWithoutAWord)
     EXPECT_THAT(done(), ElementsAre(does("read applied SSID")));
 }
 
+TEST_F(WifiSsid, ANameThatGivesHostapdWhatItHasAlreadySucceedsWithoutAWord)
+{
+    EXPECT_EQ(set_wifi_ssid("old\nwpa=0", WriteThrough::On), 0);
+    EXPECT_THAT(done(), ElementsAre(does("read applied SSID")));
+}
+
+TEST_F(WifiSsid, ANameThatIsTooLongIsRefusedAlsoWhereItsBeginningIsApplied)
+{
+    EXPECT_EQ(set_wifi_ssid("old\n" + std::string(32, 'x'), WriteThrough::On), -1);
+    EXPECT_THAT(done(),
+                ElementsAre(does("read applied SSID"), error("[Main] set_wifi_ssid: SSID is too long")));
+}
+
 TEST_F(WifiSsid, EveryByteOfTheComparisonCounts)
 {
     around.ssid = std::string("old\0er", 6);

@@ -118,6 +118,14 @@ TEST_F(ConfigFile, that_can_not_be_opened_is_a_failure)
                 ElementsAre(LogLine{LOG_ERR, "Unable to write to wpa_supplicant configuration file"}));
 }
 
+TEST_F(ConfigFile, that_there_is_no_room_for_is_a_failure)
+{
+    diverted = "/dev/full";
+    EXPECT_FALSE(wpa_supplicant_write_open_config("cafe"));
+    EXPECT_THAT(captured_log().lines(),
+                ElementsAre(LogLine{LOG_ERR, "Unable to write to wpa_supplicant configuration file"}));
+}
+
 TEST_F(ConfigFile, of_a_protected_network_is_made_by_a_command)
 {
     EXPECT_TRUE(wpa_supplicant_gen_passphrase("cafe", "it's \"secret\""));

@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import stat
 from collections.abc import Callable
+from pathlib import Path
 
 import pytest
 from access_point import HOSTAPD, USUAL, as_file, attached_up, configuration, dump_logs, override_logs
@@ -15,6 +16,7 @@ PARSE_FAILED = ("err", "[Hostapd] Failed to parse default hostapd config file")
 WRITE_FAILED = [("err", "[Hostapd] Failed to open '/run/hostapd.conf' config file for write"),
                 ("err", "[Hostapd] Failed to write runtime hostapd config file")]
 NOT_SET = ("warning", "[WiFi] Failed to set hostapd configuration")
+PAGE = 4096
 NO_5_GHZ = ("warning", "[Hostapd] hostapd_set_conf: This device do not support 5GHz, ovverride and set to 2.4ghz")
 
 
@@ -143,8 +145,113 @@ def test_line_break_in_the_ssid_cuts_the_written_value_and_nothing_else(world: W
     world.journal.expect_logs_in_order([
         *override_logs(ssid=name), *shown, ("warning", "[Hostapd] Value of 'ssid' holds a line break and is cut there"),
         loaded_log(HOSTAPD)])
-    assert world.get("SSID") == name
+    assert world.get("SSID") == "net"
     assert world.journal.count(log("warning")) == 1
+
+
+def test_the_name_that_is_published_and_compared_is_the_one_that_hostapd_was_given(world: World) -> None:
+    attached_up(world)
+    mark = world.journal.mark()
+    world.set("SSID", "net\nwpa=0")
+    assert world.hostapd_conf.read_bytes() == as_file(configuration(USUAL, ssid="net"))
+    assert world.get("SSID") == "net"
+    world.settle()
+    assert [value for name, value in world.journal.changes(mark) if name == "SSID"] == ["net"]
+    assert world.journal.count(job_call("Restart", HOSTAPD), mark) == 1, "what the settings daemon tells of the write is no news"
+    for same in ("net", "net\nwpa=2"):
+        world.set("SSID", same)
+    world.settle()
+    assert world.journal.count(job_call("Restart", HOSTAPD), mark) == 1
+    world.set("SSID", "other\n")
+    assert world.journal.count(job_call("Restart", HOSTAPD), mark) == 2
+    assert world.get("SSID") == "other"
+
+
+@pytest.mark.parametrize("stored", [True, False], ids=["stored", "default"])
+def test_a_name_of_over_32_bytes_is_used_as_it_is_with_one_warning(make_world: Callable[..., World], stored: bool) -> None:
+    name = "é" * 16 + "x" if stored else "A name that is too long for a radio-3456"
+    world = make_world(device={"model": "Korrin One" if stored else "A name that is too long for a radio"})
+    if stored:
+        world.settings.set("device", "deviceName", name)
+    else:
+        world.settings.remove("device", "deviceName")
+    world.follow_units = False  # hostapd of the simulator refuses it, as the real one
+    world.radio.interface_type = "AP"
+    world.hostapd.start()
+    world.up()
+    entries = configuration(USUAL, ssid=name)
+    assert world.hostapd_conf.read_bytes() == as_file(entries)
+    refused = ("warning", f"[Hostapd] SSID of {len(name.encode())} bytes is longer than 32, hostapd will refuse it")
+    world.journal.expect_logs_in_order([*override_logs(ssid=name), *dump_logs(entries), refused, loaded_log(HOSTAPD)])
+    assert world.journal.count(log(*refused)) == 1
+    assert world.get("SSID") == name
+
+
+def test_a_name_of_32_bytes_is_used_without_a_warning(world: World) -> None:
+    world.settings.set("device", "deviceName", "é" * 16)
+    world.up()
+    assert world.hostapd_conf.read_bytes() == as_file(configuration(USUAL, ssid="é" * 16))
+    assert world.journal.count(log("warning")) == 0
+
+
+FULL_RUN = """#!/bin/sh
+set -e
+[ "$1" = prepared ] || exec unshare --mount "$0" prepared "$@"
+shift
+mkdir /tmp/run && mount --rbind /run /tmp/run
+mount -t tmpfs -o {options},mode=755 full /run
+for path in /tmp/run/*; do
+    [ "$path" != /tmp/run/hostapd.conf ] || continue
+    if [ -d "$path" ]; then mkdir -p "/run/${{path##*/}}"; else : >"/run/${{path##*/}}"; fi
+    mount --rbind "$path" "/run/${{path##*/}}"
+done
+[ ! -e /tmp/run/hostapd.conf ] || cp -p /tmp/run/hostapd.conf /run
+: >/run/filler
+{fill}
+exec {program} "$@"
+"""
+"""Becomes the daemon, which finds a /run with no room left; all that was there is there."""
+
+
+def up_with_a_full_run(world: World, pages: int, fill: str = "") -> Path:
+    """Start the daemon where /run has room for so many pages; returns where that folder is reached from outside."""
+    script = world.work / "run/sim/full-run"
+    script.write_text(FULL_RUN.format(options=f"size={pages * PAGE},nr_inodes=64", fill=fill,
+                                      program=world.build / "vantora-network"))
+    script.chmod(0o755)
+    world.follow_units = False  # the radio of the simulator would look for the file elsewhere
+    world.radio.interface_type = "AP"
+    world.hostapd.start()
+    daemon = world.start_daemon(Path("/run/sim/full-run"))
+    world.wait_up()
+    return Path(f"/proc/{daemon.pid}/root/run")
+
+
+@pytest.mark.parametrize(("pages", "fill"), [
+    (2, f"head -c {PAGE} /dev/zero >/run/filler"),
+    (2, ""),
+    (4, "i=0; while touch /run/filler-$i 2>/dev/null; do i=$((i + 1)); done"),
+], ids=["no room", "room for a part", "no name"])
+def test_a_full_run_keeps_the_configuration_of_before(make_world: Callable[..., World], pages: int, fill: str) -> None:
+    template = "interface=wlan0\nwpa=2\n" + "".join(f"a{number}={'x' * 80}\n" for number in range(60))
+    assert len(template) > PAGE
+    world = make_world(hostapd_template=template)
+    before = "ssid=before\nwpa=2\nwpa_passphrase=kept-secret\n"
+    world.hostapd_conf.write_text(before)
+    world.hostapd_conf.chmod(0o600)
+    run = up_with_a_full_run(world, pages, fill)
+
+    logs = world.journal.logs()
+    assert [line for line in logs if line in [*WRITE_FAILED, NOT_SET]] == [*WRITE_FAILED, NOT_SET]
+    assert logs.index(NOT_SET) < logs.index(loaded_log(HOSTAPD))
+    assert world.journal.count(job_call("Start", HOSTAPD)) == 1
+    mark = world.journal.mark()
+    world.set("SSID", "Garden")
+    world.set("WiFiFrequency", "5")
+    assert [line for line in world.journal.logs(mark) if line in WRITE_FAILED] == WRITE_FAILED * 2
+    assert (run / "hostapd.conf").read_text() == before
+    assert stat.S_IMODE((run / "hostapd.conf").stat().st_mode) == 0o600
+    assert not (run / "hostapd.conf.tmp").exists()
 
 
 def test_unreadable_name_and_band_fall_back_to_the_defaults(world: World) -> None:

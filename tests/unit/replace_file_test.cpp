@@ -1,0 +1,233 @@
+#include "utils/replace_file.hpp"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include "support/temp_folder.hpp"
+
+// A file that is replaced holds the old contents or the new, whichever of the steps is refused. The system
+// calls are replaced by ones that refuse what a test names, and pass everything else on.
+
+namespace {
+
+using testing::ElementsAre;
+using testing_support::TempFolder;
+
+struct
+{
+    std::string step; // "write", "close", "rename", "fchmod", or none
+    int error = 0;
+    size_t room = 0;           // bytes that are written before "write" fails
+    size_t most = SIZE_MAX;    // bytes that one call takes at most
+    int interruptions = 0;     // calls of write that a signal ends first
+    std::vector<mode_t> modes; // of the new file, each time that something is written to it
+} disk;
+
+bool refuses(const std::string& step)
+{
+    if (disk.step != step) {
+        return false;
+    }
+    errno = disk.error;
+    return true;
+}
+
+bool is_file(int fd)
+{
+    struct stat status = {};
+    return fstat(fd, &status) == 0 && S_ISREG(status.st_mode);
+}
+
+class ReplaceFile : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        disk = {};
+        ASSERT_EQ(utils_replace_file(path, "old", 0600), 0);
+    }
+    void TearDown() override { disk = {}; }
+
+    mode_t mode() const
+    {
+        struct stat status = {};
+        EXPECT_EQ(stat(path.c_str(), &status), 0);
+        return status.st_mode & 07777;
+    }
+
+    void expect_old() const
+    {
+        disk = {};
+        EXPECT_EQ(folder.read("a.conf"), "old");
+        EXPECT_FALSE(folder.has("a.conf.tmp"));
+    }
+
+    TempFolder folder;
+    std::string path = folder.file("a.conf");
+};
+
+} // namespace
+
+extern "C" {
+
+ssize_t write(int fd, const void* data, size_t size)
+{
+    if (disk.step.empty() && disk.most == SIZE_MAX && disk.interruptions == 0 && disk.modes.empty()) {
+        return syscall(SYS_write, fd, data, size);
+    }
+    if (!is_file(fd)) {
+        return syscall(SYS_write, fd, data, size);
+    }
+    if (disk.interruptions > 0) {
+        --disk.interruptions;
+        errno = EINTR;
+        return -1;
+    }
+    size_t taken = std::min(size, disk.most);
+    if (disk.step == "write") {
+        taken = std::min(taken, disk.room);
+        disk.room -= taken;
+        if (taken == 0 && refuses("write")) {
+            return -1;
+        }
+    }
+    struct stat status = {};
+    fstat(fd, &status);
+    disk.modes.push_back(status.st_mode & 07777);
+    return syscall(SYS_write, fd, data, taken);
+}
+
+int close(int fd)
+{
+    const bool refused = is_file(fd) && refuses("close");
+    const int error = errno;
+    const int result = static_cast<int>(syscall(SYS_close, fd));
+    if (refused) {
+        errno = error;
+    }
+    return refused ? -1 : result;
+}
+
+int fchmod(int fd, mode_t mode) noexcept
+{
+    return refuses("fchmod") ? -1 : static_cast<int>(syscall(SYS_fchmod, fd, mode));
+}
+
+int rename(const char* from, const char* to) noexcept
+{
+    return refuses("rename") ? -1 : static_cast<int>(syscall(SYS_renameat2, AT_FDCWD, from, AT_FDCWD, to, 0));
+}
+}
+
+namespace {
+
+TEST_F(ReplaceFile, takes_the_new_contents_and_leaves_nothing_beside_it)
+{
+    EXPECT_EQ(utils_replace_file(path, "brand new", 0600), 0);
+    EXPECT_EQ(folder.read("a.conf"), "brand new");
+    EXPECT_FALSE(folder.has("a.conf.tmp"));
+    EXPECT_EQ(utils_replace_file(path, "", 0600), 0);
+    EXPECT_EQ(folder.read("a.conf"), "");
+}
+
+TEST_F(ReplaceFile, makes_one_that_was_not_there)
+{
+    EXPECT_EQ(utils_replace_file(folder.file("b.conf"), "new", 0600), 0);
+    EXPECT_EQ(folder.read("b.conf"), "new");
+}
+
+TEST_F(ReplaceFile, has_the_mode_asked_for_whatever_the_umask_and_before_anything_is_in_it)
+{
+    for (const mode_t mask : {0, 0077, 0777}) {
+        const mode_t before = umask(mask);
+        for (const mode_t wanted : {0600, 0640, 0644}) {
+            disk.modes = {0};
+            EXPECT_EQ(utils_replace_file(path, "new", wanted), 0);
+            EXPECT_EQ(mode(), wanted);
+            EXPECT_THAT(disk.modes, ElementsAre(0U, wanted));
+        }
+        umask(before);
+    }
+}
+
+TEST_F(ReplaceFile, is_written_to_the_end_when_the_disk_takes_it_in_pieces_and_signals_interrupt)
+{
+    disk.most = 2;
+    disk.interruptions = 3;
+    EXPECT_EQ(utils_replace_file(path, "brand new", 0600), 0);
+    disk = {};
+    EXPECT_EQ(folder.read("a.conf"), "brand new");
+}
+
+TEST_F(ReplaceFile, keeps_the_old_contents_when_there_is_room_for_none_or_a_part_of_the_new)
+{
+    for (const size_t room : {0, 1, 8}) {
+        disk.step = "write";
+        disk.error = ENOSPC;
+        disk.room = room;
+        EXPECT_EQ(utils_replace_file(path, "brand new", 0600), -ENOSPC) << room;
+        expect_old();
+    }
+}
+
+TEST_F(ReplaceFile, keeps_the_old_contents_whatever_other_step_is_refused)
+{
+    for (const char* step : {"fchmod", "close", "rename"}) {
+        for (const int error : {ENOSPC, EIO, EDQUOT}) {
+            disk.step = step;
+            disk.error = error;
+            EXPECT_EQ(utils_replace_file(path, "brand new", 0600), -error) << step;
+            expect_old();
+        }
+    }
+}
+
+TEST_F(ReplaceFile, takes_the_place_of_what_an_earlier_process_left_behind)
+{
+    for (const bool link : {false, true}) {
+        folder.write("victim", "untouched");
+        if (link) {
+            std::filesystem::create_symlink(folder.file("victim"), path + ".tmp");
+        } else {
+            folder.write("a.conf.tmp", std::string(1000, 'x'));
+        }
+        EXPECT_EQ(utils_replace_file(path, "new", 0600), 0);
+        EXPECT_EQ(folder.read("a.conf"), "new");
+        EXPECT_FALSE(folder.has("a.conf.tmp"));
+        EXPECT_EQ(folder.read("victim"), "untouched");
+    }
+}
+
+TEST_F(ReplaceFile, replaces_a_link_and_leaves_alone_what_it_leads_to)
+{
+    folder.write("victim", "untouched");
+    std::filesystem::remove(path);
+    std::filesystem::create_symlink(folder.file("victim"), path);
+    EXPECT_EQ(utils_replace_file(path, "new", 0600), 0);
+    EXPECT_EQ(folder.read("a.conf"), "new");
+    EXPECT_EQ(folder.read("victim"), "untouched");
+}
+
+TEST_F(ReplaceFile, fails_where_a_folder_is_in_the_way_or_none_is_there)
+{
+    std::filesystem::create_directory(folder.file("folder"));
+    EXPECT_EQ(utils_replace_file(folder.file("folder"), "new", 0600), -EISDIR);
+    EXPECT_FALSE(folder.has("folder.tmp"));
+    std::filesystem::create_directory(path + ".tmp");
+    EXPECT_EQ(utils_replace_file(path, "new", 0600), -EISDIR);
+    EXPECT_EQ(folder.read("a.conf"), "old");
+    EXPECT_EQ(utils_replace_file(folder.file("absent/file"), "new", 0600), -ENOENT);
+}
+
+} // namespace
