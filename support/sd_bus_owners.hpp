@@ -33,6 +33,7 @@ struct CloseBus
 /** A connection that is flushed and closed: for the private connections of a single call. */
 using BusPtr = std::unique_ptr<sd_bus, CloseBus>;
 using MessagePtr = std::unique_ptr<sd_bus_message, ReleaseWith<sd_bus_message_unref>>;
+using CredsPtr = std::unique_ptr<sd_bus_creds, ReleaseWith<sd_bus_creds_unref>>;
 using SlotPtr = std::unique_ptr<sd_bus_slot, ReleaseWith<sd_bus_slot_unref>>;
 using EventPtr = std::unique_ptr<sd_event, ReleaseWith<sd_event_unref>>;
 

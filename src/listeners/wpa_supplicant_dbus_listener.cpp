@@ -1,6 +1,7 @@
 #include "listeners/wpa_supplicant_dbus_listener.hpp"
 
 #include <any>
+#include <utility>
 
 #include <syslog.h>
 
@@ -63,6 +64,7 @@ int WpaSupplicantDbusListener::PropertyChangedCallback(sd_bus_message* message, 
 
     syslog(LOG_INFO, "[WPA Supplicant] Properties changed");
 
+    const bool sameReporter = self->TakeReporter(sd_bus_message_get_sender(message));
     const std::string oldState = self->currentState_;
     std::string newState;
     std::string ssid;
@@ -74,7 +76,7 @@ int WpaSupplicantDbusListener::PropertyChangedCallback(sd_bus_message* message, 
     for (const auto& [name, value] : properties) {
         if (name == "State") {
             newState = std::any_cast<const std::string&>(value);
-            self->HandleStateProperty(newState, oldState);
+            self->HandleStateProperty(newState, oldState, sameReporter);
         } else if (name == "CurrentBSS") {
             const auto& path = std::any_cast<const std::string&>(value);
             ssid = GetBssSsid(path);
@@ -90,7 +92,14 @@ int WpaSupplicantDbusListener::PropertyChangedCallback(sd_bus_message* message, 
     return 0;
 }
 
-void WpaSupplicantDbusListener::HandleStateProperty(std::string& newState, const std::string& oldState)
+bool WpaSupplicantDbusListener::TakeReporter(const char* sender)
+{
+    const std::string before = std::exchange(reporter_, sender != nullptr ? sender : "");
+    return before == reporter_;
+}
+
+void WpaSupplicantDbusListener::HandleStateProperty(std::string& newState, const std::string& oldState,
+                                                    bool sameReporter)
 {
     constexpr const char* kFunction = "PropertyChangedCallback";
 
@@ -100,7 +109,7 @@ void WpaSupplicantDbusListener::HandleStateProperty(std::string& newState, const
         if (dhcp_client_restart() == 0) {
             syslog(LOG_WARNING, "[WPE supplicant] %s: Failed to restart UDHCPC", kFunction);
         }
-    } else if (newState == kDisconnected && oldState == kHandshake) {
+    } else if (newState == kDisconnected && oldState == kHandshake && sameReporter) {
         syslog(LOG_WARNING, "[WPE supplicant] %s: Failed to connect to the accesspoint", kFunction);
         newState = kFailed;
         connectFailed.emit();

@@ -1,5 +1,7 @@
 #include "radio/wpa_supplicant.hpp"
 
+#include <cerrno>
+
 #include <syslog.h>
 
 #include "listeners/wpa_supplicant_names.hpp"
@@ -19,8 +21,15 @@ constexpr size_t kPipeLimit = 256;
 /** Never destroyed: its slots may be called as long as the loop exists. */
 WpaSupplicantDbusListener* listener = nullptr;
 
-/** Object path of the network that was last selected; empty when there is none. */
-std::string currentNetwork;
+/** A network by its object path, which means something to the process that gave it and to no other. */
+struct Network
+{
+    std::string path;  // empty: none
+    std::string giver; // the bus name that this process alone has; empty where it is not known
+};
+
+Network addedNetwork;   // by the last call that added one
+Network currentNetwork; // last selected
 
 /**
  * Opens the bus and calls a method of the interface object, whose reply carries nothing. Both failures are
@@ -98,8 +107,28 @@ int add_network(const std::string& ssid, const std::string& passphrase, std::str
         return result;
     }
     path = added != nullptr ? added : "";
+    const char* giver = sd_bus_message_get_sender(reply.get());
+    addedNetwork = {path, giver != nullptr ? giver : ""};
     syslog(LOG_INFO, "[WPA] Network object added '%s'", path.c_str());
     return result;
+}
+
+/** Whether wpa_supplicant's name belongs to another process than the one that gave the network's path, or to
+ * none. Where the bus does not tell, it is taken to be the same. */
+bool has_gone_with_its_giver(const Network& network)
+{
+    BusPtr bus;
+    if (network.giver.empty() || open_system_bus(bus) < 0) {
+        return false;
+    }
+    sd_bus_creds* received = nullptr;
+    const int result = sd_bus_get_name_creds(bus.get(), kCallService, SD_BUS_CREDS_UNIQUE_NAME, &received);
+    const CredsPtr creds(received);
+    const char* owner = nullptr;
+    if (result < 0 || sd_bus_creds_get_unique_name(creds.get(), &owner) < 0) {
+        return result == -ENXIO;
+    }
+    return network.giver != owner;
 }
 
 } // namespace
@@ -120,13 +149,13 @@ WpaSupplicantDbusListener* wpa_supplicant_get_listener()
 
 int wpa_supplicant_start()
 {
-    currentNetwork.clear();
+    currentNetwork = {};
     return wpa_supplicant_start_service();
 }
 
 int wpa_supplicant_stop()
 {
-    currentNetwork.clear();
+    currentNetwork = {};
     return wpa_supplicant_stop_service();
 }
 
@@ -165,7 +194,7 @@ int wpa_supplicant_add_network(const std::string& ssid, const std::string& passp
 bool wpa_supplicant_select_network(const std::string& path)
 {
     syslog(LOG_INFO, "[WPA] Select network:%s", path.c_str());
-    currentNetwork = path;
+    currentNetwork = {path, path == addedNetwork.path ? addedNetwork.giver : ""};
     bool opened = false;
     return call_interface("wpa_supplicant_select_network", opened, "SelectNetwork", "o", path.c_str()) >= 0;
 }
@@ -177,7 +206,7 @@ bool wpa_supplicant_remove_network(const std::string& path)
     const int result =
         call_interface("wpa_supplicant_remove_network", opened, "RemoveNetwork", "o", path.c_str());
     if (opened) {
-        currentNetwork.clear();
+        currentNetwork = {};
     }
     return result >= 0;
 }
@@ -187,17 +216,20 @@ bool wpa_supplicant_disconnect_network()
     bool opened = false;
     const int result = call_interface("wpa_supplicant_disconnect_network", opened, "Disconnect", "");
     if (opened) {
-        currentNetwork.clear();
+        currentNetwork = {};
     }
     return result >= 0;
 }
 
 bool wpa_supplicant_get_current_network(std::string& path)
 {
-    if (currentNetwork.empty()) {
+    if (has_gone_with_its_giver(currentNetwork)) {
+        currentNetwork = {};
+    }
+    if (currentNetwork.path.empty()) {
         return false;
     }
-    path = currentNetwork;
+    path = currentNetwork.path;
     return true;
 }
 

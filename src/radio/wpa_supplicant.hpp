@@ -88,7 +88,9 @@ bool wpa_supplicant_remove_network(const std::string& path);
 bool wpa_supplicant_disconnect_network();
 
 /**
- * Copies the object path of the network that was last selected.
+ * Copies the object path of the network that was last selected. It is forgotten once wpa_supplicant's name
+ * has changed its owner since the network was added: in another process the path, if it is there at all, is
+ * somebody else's network. The bus is asked for the owner, which may take the time-out of a call.
  *
  * @return true when there is one
  */
