@@ -7,7 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "utils/unique_fd.hpp"
+#include "support/unique_fd.hpp"
 
 namespace {
 
@@ -28,12 +28,6 @@ int write_all(int fd, std::string_view contents)
     return 0;
 }
 
-/** Some file systems notice only when a file is closed that there is no room for what was written. */
-int close_checked(UniqueFd& file)
-{
-    return close(file.release()) != 0 && errno != EINTR ? -errno : 0;
-}
-
 /** Makes a file that must not exist. What was begun and failed is left to the caller. */
 int write_new_file(const std::string& path, std::string_view contents, mode_t mode)
 {
@@ -45,9 +39,9 @@ int write_new_file(const std::string& path, std::string_view contents, mode_t mo
     if (!file || fchmod(file.get(), mode) != 0) {
         return -errno;
     }
-    const int written = write_all(file.get(), contents);
-    const int closed = close_checked(file);
-    return written != 0 ? written : closed;
+    const int result = write_all(file.get(), contents);
+    // Some file systems notice only now that there is no room for what was written.
+    return file.reset() != 0 && result == 0 ? -errno : result;
 }
 
 } // namespace
