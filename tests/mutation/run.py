@@ -57,9 +57,10 @@ class Fault:
 class Tree:
     """A copy of the sources that may be broken."""
 
-    def __init__(self, folder: Path) -> None:
+    def __init__(self, folder: Path, preset: str = PRESET) -> None:
         self.folder = folder
-        self.build = folder / "build" / PRESET
+        self.preset = preset
+        self.build = folder / "build" / preset
 
     def refresh(self) -> None:
         """Copies what has changed only, so that a second run builds little."""
@@ -77,7 +78,7 @@ class Tree:
                 target.unlink()
 
     def configure(self) -> None:
-        command = ["cmake", "--preset", PRESET]
+        command = ["cmake", "--preset", self.preset]
         if shutil.which("ccache"):
             command.append("-DCMAKE_CXX_COMPILER_LAUNCHER=ccache")
         if run(command, self.folder).returncode != 0:
@@ -92,11 +93,11 @@ def run(command: list[str], folder: Path) -> subprocess.CompletedProcess[str]:
                           errors="replace", timeout=1800, check=False)
 
 
-def timed(command: list[str], folder: Path) -> tuple[int, str]:
+def timed(command: list[str], folder: Path, limit: float = TIME_LIMIT) -> tuple[int, str]:
     """Status and output; one that had to be ended has failed."""
     try:
         ended = subprocess.run(command, cwd=folder, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
-                               errors="replace", timeout=TIME_LIMIT, env={**os.environ, **SANITIZERS}, check=False)
+                               errors="replace", timeout=limit, env={**os.environ, **SANITIZERS}, check=False)
     except subprocess.TimeoutExpired:
         return 1, "had to be ended"
     return ended.returncode, ended.stdout
