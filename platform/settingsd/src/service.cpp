@@ -5,6 +5,7 @@
 #include <array>
 #include <cerrno>
 #include <cstddef>
+#include <cstdlib>
 #include <ctime>
 #include <string_view>
 #include <system_error>
@@ -155,7 +156,13 @@ int SettingsService::reset(sd_bus_message* call, const std::vector<const Setting
         return refuse_to_store(error, "the defaults", r);
     }
     announce(changed);
-    return sd_bus_reply_method_return(call, nullptr);
+    const int answered = sd_bus_reply_method_return(call, nullptr);
+    if (answered < 0) {
+        // What was done must not be answered with an error, which is what the library makes of a negative number.
+        syslog(LOG_ERR, "Cannot answer: %s", std::system_category().message(-answered).c_str());
+        sd_event_exit(sd_bus_get_event(bus_), EXIT_FAILURE);
+    }
+    return 1;
 }
 
 int SettingsService::refuse_to_store(sd_bus_error* error, const std::string& what, int r)
