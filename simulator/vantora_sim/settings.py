@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import copy
+from collections.abc import Callable
 from typing import Any
 
 from dbus_next import Variant
@@ -18,6 +19,13 @@ DEFAULTS: dict[str, dict[str, Variant]] = {
     "development": {"killWifiOnBoot": Variant("b", False)},
 }
 """A new world's settings: the radio on, an access point on 2.4 GHz."""
+
+REFUSALS: dict[tuple[str, str], tuple[Callable[[Any], bool], str]] = {
+    ("network", "mode"): (lambda text: text in ("Host", "Client"), 'must be "Host" or "Client"'),
+    ("network", "frequency"): (lambda text: text in ("2.4", "5"), 'must be "2.4" or "5"'),
+    ("device", "deviceName"): (lambda text: 1 <= len(text.encode()) <= 32, "must have 1 to 32 bytes"),
+}
+"""What may be written, and what is said of anything else, as by the real one. Tests store what they like behind its back."""
 
 
 class Settings(DBusFake):
@@ -98,6 +106,10 @@ class Settings(DBusFake):
         if known.signature != value.signature:
             raise CallRefused("org.freedesktop.DBus.Error.InvalidArgs",
                               f"Incorrect signature, expected {known.signature}, got {value.signature}.")
+        if (section, key) in REFUSALS and value != self.defaults.get(section, {}).get(key):
+            allowed, reason = REFUSALS[section, key]
+            if not allowed(value.value):
+                raise CallRefused("org.freedesktop.DBus.Error.InvalidArgs", f"{section}.{key} {reason}")
         changed = known != value
         self._values[section][key] = value
         if changed and self.echo:
@@ -106,13 +118,17 @@ class Settings(DBusFake):
     def _reset(self, call: Call) -> tuple[str, list[Any]]:
         match (call.member, call.signature):
             case ("ResetToDefaults", "b"):
+                owners = {} if call.args[0] else self._values.get("device", {})
                 self._values = copy.deepcopy(self.defaults)
+                self._values.setdefault("device", {}).update(owners)  # the name is the owner's, and stays
             case ("ResetSection", "s"):
-                self._values[call.args[0]] = copy.deepcopy(self.defaults.get(call.args[0], {}))
+                if call.args[0] not in self.defaults:
+                    raise CallRefused("org.freedesktop.DBus.Error.InvalidArgs", f"No such section: {call.args[0]}")
+                self._values[call.args[0]] = copy.deepcopy(self.defaults[call.args[0]])
             case ("ResetSetting", "ss"):
                 section, key = call.args
                 if key not in self.defaults.get(section, {}):
-                    raise CallRefused("org.freedesktop.DBus.Error.InvalidArgs", f"No setting {section}.{key}.")
+                    raise CallRefused("org.freedesktop.DBus.Error.InvalidArgs", f"No such setting: {section}.{key}")
                 self._values[section][key] = self.defaults[section][key]
             case _:
                 raise CallRefused("org.freedesktop.DBus.Error.UnknownMethod", f"Unknown method {call.member}.")

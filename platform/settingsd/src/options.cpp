@@ -50,8 +50,8 @@ void print_help()
         "  -h, --help     print this text\n"
         "  --version      print the version\n"
         "\n"
-        "Exit status: 0 after SIGTERM or SIGINT, 1 when the bus or the name cannot be had or is lost,\n"
-        "2 for a wrong command line.\n",
+        "Exit status: 0 after SIGTERM or SIGINT, 1 when the bus or the name cannot be had or is lost or another\n"
+        "process has the file, 2 for a wrong command line.\n",
         Options().stateFile.c_str());
 }
 
