@@ -255,6 +255,20 @@ TEST_F(SettingsStoreTest, RefusesAWriteThatWouldMakeTheFileLargerThanItReads)
     EXPECT_EQ(again.get(mode), Value("Client"));
 }
 
+TEST_F(SettingsStoreTest, ChangesAFileThatIsTooLargeOnlyWhenItIsLaidOutForReaders)
+{
+    json foreign;
+    for (int i = 0; i < 50000; ++i) {
+        foreign["f" + std::to_string(i)] = {{"x", 1}};
+    }
+    folder.write("settings.json", foreign.dump());
+    SettingsStore store = make_store();
+    findings_of(store);
+    EXPECT_EQ(set(store, mode, "Client"), 0);
+    foreign["network"]["mode"] = "Client";
+    EXPECT_EQ(stored(), foreign);
+}
+
 TEST_F(SettingsStoreTest, TakesWhatItKnowsFromAFileThatIsLargerThanItWrites)
 {
     const std::string large = json({{"device", {{"deviceName", "Kitchen"}}},

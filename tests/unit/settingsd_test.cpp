@@ -434,6 +434,25 @@ TEST_F(SettingsdTest, FailsWithoutABus)
     EXPECT_EQ(second.wait(), 1);
 }
 
+TEST_F(SettingsdTest, FailsWithinACallsTimeOutWhereTheBusLetsNobodyIn)
+{
+    const UniqueFd silent(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    const std::string path = folder.file("silent");
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    ASSERT_EQ(::bind(silent.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    ASSERT_EQ(::listen(silent.get(), 5), 0);
+    const auto before = std::chrono::steady_clock::now();
+    ChildProcess second({daemon_program(), "--state", folder.file("other.json")}, [&] {
+        ::setenv("DBUS_SESSION_BUS_ADDRESS", ("unix:path=" + path).c_str(), 1);
+        ::setenv("SYSTEMD_BUS_TIMEOUT", "1s", 1);
+    });
+    EXPECT_EQ(second.wait(), 1);
+    EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(20))
+        << "the library waits for 90";
+}
+
 TEST_F(SettingsdTest, FailsWhenTheNameIsTaken)
 {
     start();

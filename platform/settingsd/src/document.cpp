@@ -196,7 +196,11 @@ Document unreadable_document()
 
 std::string to_text(const json& root)
 {
-    return root.dump(2) + "\n";
+    std::string text = root.dump(2) + "\n";
+    if (text.size() > kLargestFile) {
+        text = root.dump() + "\n";
+    }
+    return text;
 }
 
 std::optional<Value> to_value(const json& value, const Value& example)

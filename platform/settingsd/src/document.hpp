@@ -39,7 +39,7 @@ Document parse_document(std::string_view text, Schema schema);
 /** The empty document that stands for a text larger than kLargestReadable. */
 Document unreadable_document();
 
-/** The text to write to the file. */
+/** The text to write to the file: one that people read well, unless only a dense one is not too large. */
 std::string to_text(const nlohmann::json& root);
 
 /** The JSON value as a value of the same type as `example`; nothing when it is of another one. */

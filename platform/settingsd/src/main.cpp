@@ -67,13 +67,10 @@ int serve(const std::string& stateFile)
         return EXIT_FAILURE;
     }
 
-    sd_bus* newBus = nullptr;
-    r = sd_bus_open_user(&newBus);
-    const BusPtr bus(newBus);
-    if (!succeeded(r, "open the user bus")) {
+    BusPtr bus;
+    if (!succeeded(open_user_bus(bus), "open the user bus")) {
         return EXIT_FAILURE;
     }
-    await_letting_in(bus.get());
     if (!succeeded(sd_bus_attach_event(bus.get(), event.get(), SD_EVENT_PRIORITY_NORMAL),
                    "attach the user bus")) {
         return EXIT_FAILURE;

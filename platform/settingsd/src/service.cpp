@@ -158,7 +158,8 @@ int SettingsService::reset(sd_bus_message* call, const std::vector<const Setting
     announce(changed);
     const int answered = sd_bus_reply_method_return(call, nullptr);
     if (answered < 0) {
-        // What was done must not be answered with an error, which is what the library makes of a negative number.
+        // What was done must not be answered with an error, which is what the library makes of a negative
+        // number.
         syslog(LOG_ERR, "Cannot answer: %s", std::system_category().message(-answered).c_str());
         sd_event_exit(sd_bus_get_event(bus_), EXIT_FAILURE);
     }
