@@ -129,10 +129,25 @@ TEST_F(Machine, AsksTheFirmwareTablesWithoutADeviceTree)
 
 TEST_F(Machine, DoesNotTakeTheTemplateTextOfFirmwareTablesForAName)
 {
-    files.write("sys/class/dmi/id/product_name", "To Be Filled By O.E.M.\n");
-    files.write("sys/class/dmi/id/product_serial", "Default string\n");
-    EXPECT_EQ(display_name(root()), "");
-    EXPECT_EQ(serial_number(root()), "");
+    for (const char* filler : {"To Be Filled By O.E.M.", "Default string", "Not Specified", "Not Applicable",
+                               "None", "System Product Name", "System Serial Number", "Unknown", "0"}) {
+        files.write("sys/class/dmi/id/product_name", std::string(filler) + "\n");
+        files.write("sys/class/dmi/id/product_serial", std::string(filler) + "\n");
+        EXPECT_EQ(display_name(root()), "") << filler;
+        EXPECT_EQ(serial_number(root()), "") << filler;
+    }
+    files.write("sys/class/dmi/id/product_name", "None Such\n");
+    EXPECT_EQ(display_name(root()), "None Such");
+}
+
+TEST_F(Machine, TakesTheFirstLineOfWhatItReads)
+{
+    for (const char* text : {"Board\nsecond", "Board\r\nsecond", "Board\rsecond", " Board \n"}) {
+        files.write("proc/device-tree/model", text);
+        EXPECT_EQ(display_name(root()), "Board") << text;
+    }
+    files.write("proc/device-tree/model", std::string("Board\0more", 10));
+    EXPECT_EQ(display_name(root()), "Board");
 }
 
 TEST_F(Machine, MakesASerialNumberFromTheMachineIdWithoutShowingIt)

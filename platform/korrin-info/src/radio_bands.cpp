@@ -25,8 +25,6 @@ namespace {
 using Bytes = std::span<const std::byte>;
 using Clock = std::chrono::steady_clock;
 
-constexpr auto kPatience = std::chrono::milliseconds(250);
-
 /** Calls visit(type, payload) for each attribute, up to the first one that does not fit. */
 template <typename Visit>
 void for_each_attribute(Bytes bytes, Visit visit)
@@ -186,14 +184,10 @@ bool attributes_offer_5ghz(std::span<const std::byte> attributes)
     return found;
 }
 
-bool radio_offers_5ghz()
+bool kernel_offers_5ghz(int socket, std::uint32_t interface, std::chrono::milliseconds patience)
 {
-    const UniqueFd socket(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_GENERIC));
-    if (!socket) {
-        return false;
-    }
-    const auto deadline = Clock::now() + kPatience;
-    const std::uint16_t family = find_nl80211(socket.get(), deadline);
+    const auto deadline = Clock::now() + patience;
+    const std::uint16_t family = find_nl80211(socket, deadline);
     if (family == 0) {
         return false;
     }
@@ -201,14 +195,20 @@ bool radio_offers_5ghz()
     // it.
     Request request(family, NLM_F_DUMP, NL80211_CMD_GET_WIPHY);
     request.add(NL80211_ATTR_SPLIT_WIPHY_DUMP, nullptr, 0);
-    const std::uint32_t interface = ::if_nametoindex("wlan0");
     if (interface != 0) {
         request.add(NL80211_ATTR_IFINDEX, &interface, sizeof interface);
     }
     bool found = false;
-    exchange(socket.get(), request.finish(), deadline,
+    exchange(socket, request.finish(), deadline,
              [&found](Bytes attributes) { found = found || attributes_offer_5ghz(attributes); });
     return found;
+}
+
+bool radio_offers_5ghz()
+{
+    constexpr auto kPatience = std::chrono::milliseconds(250);
+    const UniqueFd socket(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_GENERIC));
+    return socket && kernel_offers_5ghz(socket.get(), ::if_nametoindex("wlan0"), kPatience);
 }
 
 } // namespace KorrinInfo::detail
