@@ -166,6 +166,18 @@ TEST(Salvage, TakesNothingFromOtherPlacesThanSettings)
     EXPECT_EQ(salvage(R"([{"network": {"enabled": true}}, )"), json::object());
 }
 
+TEST(SettingsDocument, KeepsWhateverAnotherVersionStores)
+{
+    const json root = json::parse(R"({"future": {"a": null, "b": -7, "c": 1.5, "d": 18446744073709551615}})");
+    EXPECT_EQ(parse_document(root.dump(), schema).root, root);
+}
+
+TEST(Salvage, TakesNeitherFractionsNorNothing)
+{
+    EXPECT_EQ(salvage(R"({"display": {"contrast": 1.5, "name": null, "brightness": 7}, )"),
+              json({{"display", {{"brightness", 7}}}}));
+}
+
 TEST(Salvage, TakesNumbersBelowZeroToo)
 {
     EXPECT_EQ(salvage(R"({"display": {"brightness": -7}, )"), json({{"display", {{"brightness", -7}}}}));

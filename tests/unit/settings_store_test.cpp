@@ -323,6 +323,7 @@ TEST_F(SettingsStoreTest, KeepsADamagedFileAsideOnceOnlyWhenItCannotBeReplaced)
     EXPECT_THAT(findings_of(store), Contains(HasSubstr("cannot be replaced: ")));
     EXPECT_FALSE(store.is_settled());
     EXPECT_LT(store.settle(), 0);
+    EXPECT_LT(set(store, mode, "Host"), 0) << "unchanged, and nobody knows whether it would be found again";
     EXPECT_THAT(findings_of(store), Contains(HasSubstr("settings.json.damaged-1")));
     EXPECT_FALSE(folder.has("settings.json.damaged-2")) << "it is kept already";
 
@@ -330,6 +331,41 @@ TEST_F(SettingsStoreTest, KeepsADamagedFileAsideOnceOnlyWhenItCannotBeReplaced)
     EXPECT_EQ(store.settle(), 0);
     EXPECT_TRUE(store.is_settled());
     EXPECT_EQ(stored(), json::object());
+}
+
+TEST_F(SettingsStoreTest, LeavesADamagedFileAloneThatCannotBeKeptAside)
+{
+    folder.write("settings.json", R"({"network": {"enabled": false, "mode": "Cli)");
+    for (int number = 1; number <= 1000; ++number) {
+        folder.write("settings.json.damaged-" + std::to_string(number), "");
+    }
+    SettingsStore store = make_store();
+    std::vector<std::string> findings;
+    EXPECT_EQ(store.load(findings), -EEXIST);
+    EXPECT_THAT(findings,
+                ElementsAre("not valid JSON", "cannot be kept aside, settings cannot be changed until "
+                                              "it can: File exists"));
+    EXPECT_EQ(store.get(enabled), Value(false));
+    EXPECT_EQ(set(store, mode, "Client"), -EEXIST);
+    EXPECT_EQ(folder.read("settings.json"), R"({"network": {"enabled": false, "mode": "Cli)");
+
+    std::filesystem::remove(folder.file("settings.json.damaged-7"));
+    EXPECT_THAT(findings_of(store), Contains(HasSubstr("settings.json.damaged-7")));
+    EXPECT_EQ(set(store, mode, "Client"), 0);
+}
+
+TEST_F(SettingsStoreTest, RefusesChangesWhereItCannotLockItsFile)
+{
+    SettingsStore store(folder.file("none/settings.json"), schema);
+    std::vector<std::string> findings;
+    EXPECT_EQ(store.load(findings), -ENOENT);
+    EXPECT_THAT(
+        findings,
+        ElementsAre("cannot be locked, settings cannot be changed until it can: No such file or directory"));
+    EXPECT_EQ(set(store, mode, "Client"), -ENOENT);
+    std::filesystem::create_directories(folder.file("none"));
+    EXPECT_THAT(findings_of(store), IsEmpty());
+    EXPECT_EQ(set(store, mode, "Client"), 0);
 }
 
 TEST_F(SettingsStoreTest, SharesItsFileWithNobody)

@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <array>
 #include <chrono>
 #include <csignal>
 #include <cstdint>
@@ -12,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include <fcntl.h>
 #include <nlohmann/json.hpp>
 #include <poll.h>
 #include <sys/resource.h>
@@ -68,6 +70,34 @@ public:
 
 private:
     UniqueFd socket_;
+};
+
+/** A terminal on which a daemon shows its log. */
+class Terminal
+{
+public:
+    Terminal() : screen_(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC | O_NONBLOCK))
+    {
+        EXPECT_EQ(::grantpt(screen_.get()), 0);
+        EXPECT_EQ(::unlockpt(screen_.get()), 0);
+        line_ = UniqueFd(::open(::ptsname(screen_.get()), O_RDWR | O_NOCTTY | O_CLOEXEC));
+        EXPECT_TRUE(line_);
+    }
+
+    /** Makes it the standard error; for the child. */
+    void take_errors() const { ::dup2(line_.get(), STDERR_FILENO); }
+
+    /** What is on it. */
+    std::string text() const
+    {
+        std::array<char, 4096> buffer = {};
+        const ssize_t size = ::read(screen_.get(), buffer.data(), buffer.size());
+        return {buffer.data(), size > 0 ? static_cast<std::size_t>(size) : 0};
+    }
+
+private:
+    UniqueFd screen_;
+    UniqueFd line_;
 };
 
 /** What a client was answered: the error's name and text, both empty when all went well. */
@@ -420,11 +450,22 @@ TEST_F(SettingsdTest, EndsCleanlyOnSigtermAndSigint)
     }
 }
 
-TEST_F(SettingsdTest, FailsWhenTheBusIsLost)
+TEST_F(SettingsdTest, FailsWhenTheBusIsLostAndSaysSo)
 {
-    start();
+    Terminal terminal;
+    start([&] { terminal.take_errors(); });
     bus.stop();
     EXPECT_EQ(daemon->wait(), 1);
+    EXPECT_EQ(terminal.text(), "vantora-settingsd: The user bus is gone\r\n");
+}
+
+TEST_F(SettingsdTest, SaysNothingWhileAllIsWell)
+{
+    Terminal terminal;
+    start([&] { terminal.take_errors(); });
+    EXPECT_EQ(set("network", "mode", "s", "Client"), success);
+    EXPECT_EQ(stop(SIGTERM), 0);
+    EXPECT_EQ(terminal.text(), "");
 }
 
 TEST_F(SettingsdTest, FailsWithoutABus)

@@ -157,7 +157,8 @@ def test_a_refused_write_is_taken_back_where_its_old_file_could_not_be_at_once(t
             async with asyncio.timeout(DEADLINE):
                 while settings.stored("network", "mode", DEFAULT) != request.before:
                     await asyncio.sleep(0.02)
-            settings.restart()
+            settings.stop()
+            settings.start()
             assert await settings.read("network", "mode") == request.before
 
     asyncio.run(run())

@@ -145,6 +145,12 @@ class TracedSettings:
             self._daemon.kill()
             self._daemon.wait()
 
+    def stop(self) -> None:
+        """End the daemon as the service manager does."""
+        assert self._daemon is not None
+        self._daemon.terminate()
+        assert self._daemon.wait(DEADLINE) == 0
+
     def restart(self) -> None:
         """Kill the daemon, if it still runs, and start it again."""
         self.kill()
