@@ -112,7 +112,8 @@ void check_section(Document& document, const std::string& section, json& setting
 {
     for (auto entry = settings.begin(); entry != settings.end();) {
         const Setting* setting = find_setting(schema, section, entry.key());
-        const std::string name = section + "." + shown(entry.key());
+        std::string name = section;
+        name.append(".").append(shown(entry.key()));
         if (setting == nullptr) {
             unknown.add("setting", name);
             ++entry;

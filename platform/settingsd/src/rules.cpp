@@ -88,13 +88,13 @@ std::string refused_unless(bool allowed, const char* reason)
 std::string refusal_of_mode(const Value& value)
 {
     const auto& text = std::get<std::string>(value);
-    return refused_unless(text == "Host" || text == "Client", "must be \"Host\" or \"Client\"");
+    return refused_unless(text == "Host" || text == "Client", R"(must be "Host" or "Client")");
 }
 
 std::string refusal_of_frequency(const Value& value)
 {
     const auto& text = std::get<std::string>(value);
-    return refused_unless(text == "2.4" || text == "5", "must be \"2.4\" or \"5\"");
+    return refused_unless(text == "2.4" || text == "5", R"(must be "2.4" or "5")");
 }
 
 std::string refusal_of_device_name(const Value& value)
@@ -113,13 +113,13 @@ std::string refusal_of_brightness(const Value& value)
 std::string refusal_of_language(const Value& value)
 {
     return refused_unless(is_language(std::get<std::string>(value)),
-                          "must be a language such as \"en\" or \"de-CH\"");
+                          R"(must be a language such as "en" or "de-CH")");
 }
 
 std::string refusal_of_time_zone(const Value& value)
 {
     return refused_unless(is_time_zone(std::get<std::string>(value)),
-                          "must be a time zone such as \"UTC\" or \"Europe/Zurich\"");
+                          R"(must be a time zone such as "UTC" or "Europe/Zurich")");
 }
 
 } // namespace settingsd
