@@ -44,6 +44,14 @@ class Delay:
     seconds: float
 
 
+@dataclass(frozen=True)
+class Chatter:
+    """Say this again and again, so many seconds apart, and do not answer until `release()`."""
+
+    text: bytes
+    seconds: float
+
+
 @dataclass
 class _Rule:
     member: str | None

@@ -13,7 +13,7 @@ from collections.abc import Awaitable, Callable
 from pathlib import Path
 from typing import Any
 
-from .faults import Delay, Faults, Hang
+from .faults import Chatter, Delay, Faults, Hang
 from .journal import DEADLINE, Journal
 from .loop import LoopThread
 
@@ -141,6 +141,10 @@ class Hostapd:
         """Answer the command so many seconds later."""
         self._faults.add(command, None, Delay(seconds), times)
 
+    def chatter(self, command: str, event: str, seconds: float, *, times: int | None = None) -> None:
+        """Send the client this event again and again, so many seconds apart, instead of an answer, until `release()`."""
+        self._faults.add(command, None, Chatter(f"<3>{event}".encode(), seconds), times)
+
     def release(self) -> None:
         """Answer what hangs."""
         def let_go() -> None:
@@ -262,6 +266,8 @@ class Hostapd:
             await self._released.wait()
         elif isinstance(action, Delay):
             await asyncio.sleep(action.seconds)
+        elif isinstance(action, Chatter):
+            await self._chatter(action, client)
         if server is not self._socket:
             return  # died meanwhile
         if isinstance(action, bytes):
@@ -276,6 +282,11 @@ class Hostapd:
         elif word == "DETACH" and client in self._attached:
             self._attached.remove(client)
         self._journal.poke()
+
+    async def _chatter(self, chatter: Chatter, client: str) -> None:
+        released = self._released
+        while not released.is_set() and self._send(client, chatter.text):
+            await asyncio.sleep(chatter.seconds)
 
     def _truth(self, word: str, argument: str) -> bytes:
         match word:

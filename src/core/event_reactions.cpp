@@ -30,8 +30,7 @@ EventSourcePtr listenerRestart;
 int restart_wifi_host_listener_callback(sd_event_source*, void*)
 {
     syslog(LOG_INFO, "%s: Restarting...", "restart_wifi_host_listener_callback");
-    hostapd_listener()->Reset();
-    hostapd_listener()->Start();
+    hostapd_listener()->FollowSuccessorOfTerminated();
     return 0;
 }
 

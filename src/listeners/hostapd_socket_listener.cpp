@@ -72,6 +72,22 @@ void HostapdSocketListner::Start()
 void HostapdSocketListner::Reset()
 {
     Stop();
+    ForgetDisconnectedStations();
+}
+
+void HostapdSocketListner::FollowSuccessorOfTerminated()
+{
+    if (FollowsSuccessor()) {
+        ForgetDisconnectedStations();
+        return;
+    }
+    Retire();
+    Reset();
+    Start();
+}
+
+void HostapdSocketListner::ForgetDisconnectedStations()
+{
     const std::lock_guard lock(stationsMutex_);
     disconnectedStations_.clear();
 }

@@ -27,6 +27,14 @@ public:
     void Reset();
 
     /**
+     * After hostapd has said that it ends: goes on listening until its socket has been replaced, or for a
+     * second, then Reset and Start. Where the listener follows the successor already, because it was
+     * restarted meanwhile, only the disconnected stations are forgotten: connecting anew would lose what that
+     * one says in between.
+     */
+    void FollowSuccessorOfTerminated();
+
+    /**
      * Opens a connection to hostapd's control socket in /var/run/hostapd, after waiting up to two seconds for
      * it to appear.
      *
@@ -55,6 +63,8 @@ public:
     GuardedSignal<> TerminatingSignal;
 
 private:
+    void ForgetDisconnectedStations();
+
     std::vector<std::string> disconnectedStations_;
     mutable std::mutex stationsMutex_; // the thread adds and removes, the main loop counts and forgets
     std::atomic<bool> apEnabled_ = false;

@@ -8,9 +8,16 @@
 
 #include <syslog.h>
 
-#include "listeners/wpa_ctrl_owner.hpp"
+#include "listeners/control_request.hpp"
 
 int32_t wpa_socket_cmd(wpa_ctrl* connection, const char* command, char* reply, size_t size)
+{
+    return wpa_socket_cmd(connection, command, reply, size,
+                          std::chrono::steady_clock::now() + kControlAnswerTime);
+}
+
+int32_t wpa_socket_cmd(wpa_ctrl* connection, const char* command, char* reply, size_t size,
+                       std::chrono::steady_clock::time_point until)
 {
     constexpr const char* kFunction = "wpa_socket_cmd";
     constexpr int32_t kNotConnected = -1;
@@ -23,8 +30,7 @@ int32_t wpa_socket_cmd(wpa_ctrl* connection, const char* command, char* reply, s
 
     std::array<char, 4096> buffer{};
     size_t length = buffer.size() - 1;
-    const int32_t result =
-        wpa_ctrl_request(connection, command, std::strlen(command), buffer.data(), &length, nullptr);
+    const int32_t result = control_request(connection, command, buffer.data(), length, {.until = until});
     if (result < 0) {
         syslog(LOG_ERR, "%s: '%s' command failed.", kFunction, command);
         return result;

@@ -3,119 +3,124 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <filesystem>
+#include <chrono>
+#include <string_view>
 #include <utility>
 
 #include <sys/select.h>
-#include <sys/stat.h>
 #include <syslog.h>
 
+#include "listeners/control_request.hpp"
 #include "utils/pause.hpp"
 
 namespace {
 
+using namespace std::chrono_literals;
+
 constexpr const char* kInterface = "wlan0";
 constexpr const char* kListenTask = "ListenTask";
 
-bool exists(const std::string& path)
-{
-    std::error_code error;
-    return std::filesystem::exists(path, error);
-}
+constexpr size_t kEventSize = 4096;
 
-std::string socket_path(const char* directory, const std::string& interface)
-{
-    return std::string(directory) + "/" + interface;
-}
+/** The pause between two looks at a socket that is being replaced. */
+constexpr auto kBetweenLooks = 10ms;
 
-/** The file at a path; none when there is none. */
-std::optional<SocketFile> socket_file(const std::string& path)
-{
-    struct stat file = {};
-    if (stat(path.c_str(), &file) != 0) {
-        return std::nullopt;
-    }
-    return SocketFile{.device = file.st_dev,
-                      .inode = file.st_ino,
-                      .made = file.st_mtim.tv_sec,
-                      .madeNanoseconds = file.st_mtim.tv_nsec};
-}
-
-/** Waits until the file is not at the path any more, but no longer than a second. */
-void wait_until_replaced(const std::string& path, const SocketFile& file)
-{
-    constexpr int kLooks = 100;
-    constexpr long kBetween = 10'000'000;
-
-    for (int look = 0; look < kLooks && socket_file(path) == file; ++look) {
-        pause_for(0, kBetween);
-    }
-}
+/** How long what a daemon has said last is handed over: one that goes on talking is not listened to for ever,
+ * and the main thread waits meanwhile. */
+constexpr auto kRestTime = 2s;
 
 } // namespace
 
-WpaCtrlPtr open_control_socket(const char* directory, const std::string& interface)
-{
-    constexpr int kLooks = 3;
-
-    const std::string path = socket_path(directory, interface);
-    for (int look = 1; !exists(path) && look < kLooks; ++look) {
-        pause_for(1, 0);
-    }
-    // One more look, whose answer changes nothing: only the daemon itself can tell whether it listens.
-    exists(path);
-    return WpaCtrlPtr(wpa_ctrl_open2(path.c_str(), nullptr));
-}
-
 void WpaSocketListener::StartListening(const char* directory)
 {
-    // Opened first, but stored only when the old thread, which may still look at the connection, has ended.
-    const bool connected = static_cast<bool>(connection_);
-    WpaCtrlPtr opened;
-    if (!connected) {
-        const std::string path = socket_path(directory, kInterface);
-        if (successorExpected_ && connectedTo_) {
-            wait_until_replaced(path, *connectedTo_);
+    EndThread();
+    path_ = control_socket_path(directory, kInterface);
+    if (!connection_) {
+        if (successorExpected_) {
+            AwaitReplacement();
         }
         successorExpected_ = false;
-        opened = open_control_socket(directory, kInterface);
-        connectedTo_ = opened ? socket_file(path) : std::nullopt;
-    }
-    if (thread_.joinable()) {
-        stop_.set();
-        thread_.join();
-    }
-    if (!connected) {
-        connection_ = std::move(opened);
+        await_control_socket(path_);
+        Take(connect_control_socket(path_));
     }
     stop_.clear();
+    listening_ = true;
     thread_ = std::thread(&WpaSocketListener::ListenTask, this);
 }
 
-void WpaSocketListener::Stop()
+void WpaSocketListener::EndThread()
 {
     stop_.set();
     if (thread_.joinable()) {
         thread_.join();
     }
+}
+
+void WpaSocketListener::Stop()
+{
+    EndThread();
     connection_.reset();
 }
 
 void WpaSocketListener::Restart()
 {
-    Stop();
-    ExpectSuccessor();
+    Retire();
     Start();
+}
+
+void WpaSocketListener::Retire()
+{
+    ExpectSuccessor();
+    AwaitReplacement();
+    restUntil_ = std::chrono::steady_clock::now() + kRestTime;
+    Stop();
+    restUntil_ = {};
+    successorExpected_ = false; // has been waited for, whatever was said meanwhile
+}
+
+void WpaSocketListener::ExpectSuccessor()
+{
+    const std::lock_guard lock(filesMutex_);
+    leaving_ = connectedTo_;
+    successorExpected_ = true;
+}
+
+bool WpaSocketListener::FollowsSuccessor() const
+{
+    const std::lock_guard lock(filesMutex_);
+    return listening_ && leaving_ && connectedTo_ && connectedTo_ != leaving_;
+}
+
+void WpaSocketListener::AwaitReplacement()
+{
+    constexpr int kLooks = 100;
+
+    std::optional<SocketFile> leaving;
+    {
+        const std::lock_guard lock(filesMutex_);
+        leaving = leaving_;
+    }
+    for (int look = 0; look < kLooks && leaving && socket_file(path_) == leaving; ++look) {
+        pause_for(0, std::chrono::nanoseconds(kBetweenLooks).count());
+    }
+}
+
+void WpaSocketListener::Take(ControlSocket opened)
+{
+    connection_ = std::move(opened.connection);
+    const std::lock_guard lock(filesMutex_);
+    connectedTo_ = opened.file;
 }
 
 void WpaSocketListener::ListenTask()
 {
-    if (!connection_) {
-        syslog(LOG_ERR, "%s: Not connected to socket - cannot listen.", kListenTask);
-        return;
-    }
-    if (wpa_ctrl_attach(connection_.get()) != 0) {
-        syslog(LOG_ERR, "%s: Cannot attach to socket - cannot listen.", kListenTask);
+    Listen();
+    listening_ = false;
+}
+
+void WpaSocketListener::Listen()
+{
+    if (!Attach()) {
         return;
     }
     fd_ = wpa_ctrl_get_fd(connection_.get());
@@ -130,6 +135,67 @@ void WpaSocketListener::ListenTask()
         }
         ReceivePending();
     }
+    ReceiveRest();
+}
+
+bool WpaSocketListener::Attach()
+{
+    bool attached = AskToAttach();
+    while (!stop_.is_set() && IsReplaced(attached)) {
+        if (attached) {
+            ReceivePending();
+        }
+        ConnectToSuccessor();
+        attached = AskToAttach();
+    }
+    if (attached) {
+        return true;
+    }
+    if (stop_.is_set()) {
+        // Otherwise an answer that comes late would be taken for that to the next question.
+        connection_.reset();
+    } else if (connection_) {
+        syslog(LOG_ERR, "%s: Cannot attach to socket - cannot listen.", kListenTask);
+    } else {
+        syslog(LOG_ERR, "%s: Not connected to socket - cannot listen.", kListenTask);
+    }
+    return false;
+}
+
+bool WpaSocketListener::AskToAttach()
+{
+    if (!connection_) {
+        return false;
+    }
+    std::array<char, sizeof("OK\n")> reply{};
+    size_t length = reply.size();
+    const int32_t result =
+        control_request(connection_.get(), "ATTACH", reply.data(), length,
+                        {.onEvent = [this](const char* event) { HandOver(event); },
+                         // One that has another in its place already will not answer any more.
+                         .givesUp = [this] { return stop_.is_set() || IsReplaced(true); },
+                         .wakeUp = stop_.fd()});
+    return result == 0 && std::string_view(reply.data(), length) == "OK\n";
+}
+
+bool WpaSocketListener::IsReplaced(bool attached) const
+{
+    const std::optional<SocketFile> present = socket_file(path_);
+    const std::lock_guard lock(filesMutex_);
+    return present != connectedTo_ && (present || !attached);
+}
+
+void WpaSocketListener::ConnectToSuccessor()
+{
+    constexpr int kLooks = 200;
+
+    connection_.reset();
+    for (int look = 0; look < kLooks && !socket_file(path_); ++look) {
+        if (stop_.wait_for(kBetweenLooks)) {
+            return;
+        }
+    }
+    Take(connect_control_socket(path_));
 }
 
 bool WpaSocketListener::WaitForEvent() const
@@ -151,19 +217,35 @@ bool WpaSocketListener::WaitForEvent() const
 
 void WpaSocketListener::ReceivePending()
 {
-    std::array<char, 4096> buffer{};
-
     // Set once per wake-up: the library lowers it to the size of each message, so a later message of the same
     // wake-up is cut to the size of the one before it.
-    size_t length = buffer.size() - 1;
+    size_t length = kEventSize - 1;
 
     // An error, a negative result, counts as pending; a broken descriptor must not keep Stop waiting.
     while (wpa_ctrl_pending(connection_.get()) != 0 && !stop_.is_set()) {
-        buffer.fill('\0');
-        if (wpa_ctrl_recv(connection_.get(), buffer.data(), &length) != 0) {
-            continue;
-        }
-        syslog(LOG_INFO, "%s: Recv %s", kListenTask, buffer.data());
-        SignalEvent(buffer.data());
+        ReceiveOne(length);
     }
+}
+
+void WpaSocketListener::ReceiveRest()
+{
+    size_t length = kEventSize - 1;
+    while (std::chrono::steady_clock::now() < restUntil_ && wpa_ctrl_pending(connection_.get()) > 0) {
+        ReceiveOne(length);
+    }
+}
+
+void WpaSocketListener::ReceiveOne(size_t& length)
+{
+    std::array<char, kEventSize> buffer{};
+
+    if (wpa_ctrl_recv(connection_.get(), buffer.data(), &length) == 0) {
+        HandOver(buffer.data());
+    }
+}
+
+void WpaSocketListener::HandOver(const char* event)
+{
+    syslog(LOG_INFO, "%s: Recv %s", kListenTask, event);
+    SignalEvent(event);
 }

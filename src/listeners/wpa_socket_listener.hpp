@@ -1,26 +1,14 @@
 #pragma once
 
 #include <atomic>
-#include <ctime>
+#include <chrono>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
 
-#include <sys/types.h>
-
-#include "listeners/wpa_ctrl_owner.hpp"
+#include "listeners/control_socket.hpp"
 #include "utils/stop_flag.hpp"
-
-/** Tells a socket file from its successor at the same path. */
-struct SocketFile
-{
-    dev_t device = 0;
-    ino_t inode = 0;
-    time_t made = 0;
-    long madeNanoseconds = 0;
-
-    bool operator==(const SocketFile&) const = default;
-};
 
 /**
  * Follows the events of a control socket on a thread of its own (wpa_ctrl_attach of the client library).
@@ -44,24 +32,32 @@ public:
     virtual void SignalEvent(const char* message) = 0;
 
     /**
-     * Connects when there is no connection, ends a running thread and starts a new one. Waits up to two
-     * seconds for the socket to appear; without one the thread logs that and ends, and the next Start tries
-     * again.
+     * Ends a running thread, connects when there is no connection, and starts a new thread. Waits up to two
+     * seconds for the socket to appear, and before that up to a second for one of a daemon that has said that
+     * it ends to go away; without a socket the thread logs that and ends, and the next Start tries again.
      */
     virtual void Start() = 0;
 
     /**
-     * Ends the thread and closes the connection. The thread's waits end at once; a slot that is running, or
-     * an attachment that hostapd has not answered (ten seconds), is waited for. Harmless when there is none
-     * of either.
+     * Ends the thread and closes the connection. The thread's waits end at once, that for the answer to an
+     * attachment included; a slot that is running is waited for. Harmless when there is none of either.
      */
     void Stop();
 
-    /** Stop, then Start, for when the daemon has just been replaced (see ExpectSuccessor). */
+    /**
+     * For when the daemon is about to be replaced, or has just been: goes on listening to the old one until
+     * its socket has been replaced, or for a second, then closes that connection and starts anew. What the
+     * old one has said by then, its farewell above all, is handed over; no further event is begun with two
+     * seconds later.
+     */
     void Restart();
 
     /**
      * Body of the listener thread: attaches, then hands every event to SignalEvent until stopped.
+     *
+     * An attachment that fails, or is not answered within ten seconds, while the daemon's socket is replaced
+     * is made once more, to the new one; a new one that is not there yet is waited for up to two seconds.
+     * Events that come before the answer are handed over as well.
      *
      * Logs "%s: Recv %s" (INFO) for each event, and (ERR) "%s: Not connected to socket - cannot listen.",
      * "%s: Cannot attach to socket - cannot listen.", "%s: Failed to get a valid fd - cannot listen." or
@@ -75,32 +71,67 @@ protected:
      * away before the next connection is made: a job of the service manager is answered before it is carried
      * out, and the old daemon would take the new connection with it. From any thread.
      */
-    void ExpectSuccessor() { successorExpected_ = true; }
+    void ExpectSuccessor();
+
+    /** Whether the listener is at work on another socket than that of the daemon that was said to end last.
+     */
+    bool FollowsSuccessor() const;
+
+    /** The first half of Restart: everything but starting anew. */
+    void Retire();
 
     /** What both daemons' Start do, given the directory of their sockets. */
     void StartListening(const char* directory);
 
 private:
+    void Listen();
+
+    /** Attaches to whichever daemon is there, and logs when that is not possible. Returns true once attached.
+     */
+    bool Attach();
+
+    /** Asks over the present connection. */
+    bool AskToAttach();
+
+    /** Whether the socket is not the one of the present connection any more: always where another one is in
+     * its place, and where it is just gone unless the connection is attached. */
+    bool IsReplaced(bool attached) const;
+
+    /** Connects to the socket that is there, or comes within two seconds. */
+    void ConnectToSuccessor();
+
+    /** Stores a new connection. */
+    void Take(ControlSocket opened);
+
+    /** Waits up to a second until the socket of a daemon that ends is gone or replaced; for the main thread.
+     */
+    void AwaitReplacement();
+
+    void EndThread();
+
     /** Waits up to a second for an event. Returns false when waiting failed for good. */
     bool WaitForEvent() const;
 
     /** Hands over all events that have arrived. */
     void ReceivePending();
 
+    /** Hands over what arrived before the thread was asked to end, as long as that is wanted. */
+    void ReceiveRest();
+
+    /** Receives one message and hands it over. Lowers the length to that of the message. */
+    void ReceiveOne(size_t& length);
+
+    void HandOver(const char* event);
+
     std::thread thread_;
-    WpaCtrlPtr connection_;
-    std::atomic<bool> successorExpected_ = false;
+    WpaCtrlPtr connection_; ///< of the thread while it runs
+    std::string path_;      ///< of the control socket
+    mutable std::mutex filesMutex_;
     std::optional<SocketFile> connectedTo_; ///< what the latest connection was made to
+    std::optional<SocketFile> leaving_;     ///< that of the daemon that was said to end last
+    std::atomic<bool> successorExpected_ = false;
+    std::atomic<bool> listening_ = false;
+    std::chrono::steady_clock::time_point restUntil_; ///< looked at by the thread only once it is stopped
     StopFlag stop_;
     int fd_ = -1;
 };
-
-/**
- * Opens a control connection for an interface, after waiting for its socket: three looks a second apart, then
- * one more; the connection is tried whatever they show.
- *
- * @param directory folder of the daemon's control sockets
- * @param interface interface name, which is the socket's name
- * @return the connection, or null
- */
-WpaCtrlPtr open_control_socket(const char* directory, const std::string& interface);

@@ -1,11 +1,13 @@
 #include "radio/hostapd.hpp"
 
 #include <array>
+#include <chrono>
 #include <cstdio>
 
 #include <syslog.h>
 
 #include "config/wifi_config.hpp"
+#include "listeners/control_request.hpp"
 #include "listeners/hostapd_socket_listener.hpp"
 #include "listeners/wpa_socket_command.hpp"
 #include "radio/hostapd_config.hpp"
@@ -59,10 +61,12 @@ int32_t reconfigure(const char* key, const std::string& value)
 
 /** Asks for one station's record. Returns false at the first failure, and when there is no further station.
  */
-bool ask_for_station(wpa_ctrl* connection, const char* command, StationRecord& record)
+bool ask_for_station(wpa_ctrl* connection, const char* command, StationRecord& record,
+                     std::chrono::steady_clock::time_point until)
 {
     record.fill('\0');
-    return wpa_socket_cmd(connection, command, record.data(), kRecordSize) == 0 && record.front() != '\0';
+    return wpa_socket_cmd(connection, command, record.data(), kRecordSize, until) == 0 &&
+           record.front() != '\0';
 }
 
 } // namespace
@@ -141,8 +145,10 @@ int32_t hostapd_get_num_connected_clients(uint32_t& count)
         syslog(LOG_ERR, "%s: Could not connect to hostapd socket.", "hostapd_get_num_connected_clients");
         return 0;
     }
+    // One time for all questions: a hostapd that takes nine seconds over each would hold the loop for hours.
+    const auto until = std::chrono::steady_clock::now() + kControlAnswerTime;
     StationRecord record{};
-    bool listed = ask_for_station(connection.get(), "STA-FIRST", record);
+    bool listed = ask_for_station(connection.get(), "STA-FIRST", record, until);
     for (int asked = 1; listed && asked <= kMaxStations; ++asked) {
         if (hostapd_listener()->IsStationDisconnected(record.data()) == 0) {
             ++count;
@@ -150,7 +156,7 @@ int32_t hostapd_get_num_connected_clients(uint32_t& count)
         // hostapd reads the address at the start of the argument and ignores the rest of the record.
         std::array<char, 64> command{};
         std::snprintf(command.data(), command.size(), "STA-NEXT %s", record.data());
-        listed = asked < kMaxStations && ask_for_station(connection.get(), command.data(), record);
+        listed = asked < kMaxStations && ask_for_station(connection.get(), command.data(), record, until);
     }
     return 1;
 }

@@ -65,7 +65,8 @@ int32_t hostapd_get_frequency(std::string& frequency);
 
 /**
  * Counts the stations that are associated, over a control connection of its own (STA-FIRST, STA-NEXT of
- * hostapd's control interface), leaving out those that have disconnected and are still listed.
+ * hostapd's control interface), leaving out those that have disconnected and are still listed. The questions
+ * have ten seconds in all; what has been counted by then counts.
  *
  * @param count receives the number; 0 on failure
  * @return 1, or 0 when the control socket can not be opened, which takes up to two seconds

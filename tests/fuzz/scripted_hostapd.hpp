@@ -10,10 +10,11 @@
 #include <wpa_ctrl.h>
 
 #include "fuzz_input.hpp"
+#include "listeners/control_request.hpp"
 
 /**
- * hostapd's control socket, in place of its client library: answers with the bytes of an input. Include it in
- * one source file of a target.
+ * hostapd's control socket, in place of its client library and of asking over it: answers with the bytes of
+ * an input. Include it in one source file of a target.
  */
 struct wpa_ctrl
 {
@@ -33,6 +34,19 @@ struct ScriptedHostapd
 
 } // namespace fuzz
 
+/** At most so many bytes as fit, and no NUL behind them. */
+int32_t control_request(wpa_ctrl*, const char* command, char* reply, size_t& length, const ControlWait&)
+{
+    using fuzz::ScriptedHostapd;
+    ScriptedHostapd::requests.emplace_back(command);
+    const std::optional<std::string> bytes = ScriptedHostapd::answer();
+    if (!bytes) {
+        return -1;
+    }
+    length = bytes->copy(reply, length);
+    return 0;
+}
+
 extern "C" {
 
 wpa_ctrl* wpa_ctrl_open2(const char*, const char*)
@@ -44,30 +58,6 @@ wpa_ctrl* wpa_ctrl_open2(const char*, const char*)
 void wpa_ctrl_close(wpa_ctrl*)
 {
     --fuzz::ScriptedHostapd::open;
-}
-
-/** As the library does it: at most so many bytes as fit, and no NUL behind them. */
-int wpa_ctrl_request(wpa_ctrl*, const char* command, size_t length, char* reply, size_t* size,
-                     void (*)(char*, size_t))
-{
-    using fuzz::ScriptedHostapd;
-    ScriptedHostapd::requests.emplace_back(command, length);
-    const std::optional<std::string> bytes = ScriptedHostapd::answer();
-    if (!bytes) {
-        return -1;
-    }
-    *size = bytes->copy(reply, *size);
-    return 0;
-}
-
-int wpa_ctrl_attach(wpa_ctrl*)
-{
-    return -1;
-}
-
-int wpa_ctrl_detach(wpa_ctrl*)
-{
-    return -1;
 }
 
 int wpa_ctrl_get_fd(wpa_ctrl*)

@@ -18,9 +18,12 @@
 
 #include <wpa_ctrl.h>
 
+#include "listeners/control_request.hpp"
+
 /**
- * Takes the place of hostapd's client library (wpa_ctrl.h) and of the two waits around it, nanosleep and
- * select. To be included by one file of a test program. What is sent to `peer` arrives as events do.
+ * Takes the place of hostapd's client library (wpa_ctrl.h), of asking questions over it, and of the two waits
+ * around it, nanosleep and select. To be included by one file of a test program. What is sent to `peer`
+ * arrives as events do.
  */
 struct wpa_ctrl
 {
@@ -41,7 +44,9 @@ public:
         }
         connection.fd = pair[0];
         opens = true;
-        attachResult = 0;
+        attachAnswer = "OK\n";
+        whileAttaching = nullptr;
+        onOpen = nullptr;
         pendingErrors = false;
         failingReceives = 0;
         interruptedSelects = 0;
@@ -91,14 +96,16 @@ public:
 
     inline static wpa_ctrl connection;
     inline static std::atomic<bool> opens = true;          ///< whether a connection can be opened
-    inline static std::atomic<int> attachResult = 0;       ///< what attaching returns
+    inline static std::string attachAnswer;                ///< to attaching; empty when there is none
     inline static std::atomic<bool> pendingErrors = false; ///< whether asking for pending events fails
     inline static std::atomic<int> failingReceives = 0;    ///< so many receives fail before one succeeds
     inline static std::atomic<int> interruptedSelects = 0; ///< so many waits are interrupted by a signal
     inline static std::atomic<int> descriptor = -1;        ///< what the library says its descriptor is
     inline static std::vector<timespec> sleeps;            ///< pauses of the main thread, which take no time
     inline static std::function<void()> onSleep;           ///< called at the end of each pause
-    inline static std::vector<timeval> selectTimeouts;     ///< of the listener thread; look after its end
+    inline static std::function<void()> onOpen;            ///< called by each attempt to open a connection
+    inline static std::function<void(const ControlWait&)> whileAttaching; ///< called before that answer
+    inline static std::vector<timeval> selectTimeouts; ///< of the listener thread; look after its end
 
 private:
     static void close_sockets()
@@ -119,24 +126,32 @@ private:
 
 } // namespace testing_support
 
+int32_t control_request(wpa_ctrl*, const char* command, char* reply, size_t& length, const ControlWait& wait)
+{
+    using testing_support::ScriptedWpaCtrl;
+    ScriptedWpaCtrl::note(command);
+    if (ScriptedWpaCtrl::whileAttaching) {
+        ScriptedWpaCtrl::whileAttaching(wait);
+    }
+    length = ScriptedWpaCtrl::attachAnswer.copy(reply, length);
+    return length != 0 ? 0 : -2;
+}
+
 extern "C" {
 
 wpa_ctrl* wpa_ctrl_open2(const char* path, const char* clientFolder)
 {
     using testing_support::ScriptedWpaCtrl;
     ScriptedWpaCtrl::note(std::string("open ") + path + (clientFolder == nullptr ? "" : " elsewhere"));
+    if (ScriptedWpaCtrl::onOpen) {
+        ScriptedWpaCtrl::onOpen();
+    }
     return ScriptedWpaCtrl::opens ? &ScriptedWpaCtrl::connection : nullptr;
 }
 
 void wpa_ctrl_close(wpa_ctrl*)
 {
     testing_support::ScriptedWpaCtrl::note("close");
-}
-
-int wpa_ctrl_attach(wpa_ctrl*)
-{
-    testing_support::ScriptedWpaCtrl::note("attach");
-    return testing_support::ScriptedWpaCtrl::attachResult;
 }
 
 int wpa_ctrl_get_fd(wpa_ctrl*)

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <functional>
 #include <map>
@@ -16,6 +17,7 @@
 #include <wpa_ctrl.h>
 
 #include "config/wifi_config.hpp"
+#include "listeners/control_request.hpp"
 #include "listeners/hostapd_socket_listener.hpp"
 #include "radio/hostapd_config.hpp"
 #include "support/captured_log.hpp"
@@ -51,6 +53,7 @@ struct
     bool reachable = true;
     std::function<std::string(const std::string&)> answer;
     std::vector<std::string> requests;
+    std::vector<std::chrono::steady_clock::time_point> until;
     std::vector<std::string> asked;
 } socketState;
 
@@ -164,13 +167,11 @@ void wpa_ctrl_close(wpa_ctrl*)
 {
     called("close");
 }
-int wpa_ctrl_request(wpa_ctrl*, const char* command, size_t length, char* reply, size_t* replyLength,
-                     void (*)(char*, size_t))
+int32_t control_request(wpa_ctrl*, const char* command, char* reply, size_t& length, const ControlWait& wait)
 {
-    socketState.requests.emplace_back(command, length);
-    const std::string answer = socketState.answer(socketState.requests.back());
-    *replyLength = std::min(*replyLength, answer.size());
-    std::memcpy(reply, answer.data(), *replyLength);
+    socketState.requests.emplace_back(command);
+    socketState.until.push_back(wait.until);
+    length = socketState.answer(socketState.requests.back()).copy(reply, length);
     return 0;
 }
 
@@ -428,6 +429,18 @@ TEST_F(AccessPoint, stations_are_asked_for_one_after_the_other_by_the_start_of_t
     EXPECT_THAT(socketState.requests, ElementsAre("STA-FIRST", "STA-NEXT " + first, "STA-NEXT " + second));
     EXPECT_THAT(socketState.asked, ElementsAre(first, second));
     EXPECT_THAT(captured_log().lines(), ElementsAre(call("connect wlan0"), call("close")));
+}
+
+TEST_F(AccessPoint, all_questions_of_a_count_have_ten_seconds_together)
+{
+    socketState.answer = [](const std::string& request) { return many_stations(request, 100); };
+    const auto latest = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    uint32_t count = 0;
+    EXPECT_EQ(hostapd_get_num_connected_clients(count), 1);
+    EXPECT_EQ(count, 100U);
+    EXPECT_THAT(socketState.until, testing::Each(socketState.until.front()));
+    EXPECT_GE(socketState.until.front(), latest);
+    EXPECT_LT(socketState.until.front(), latest + std::chrono::seconds(5));
 }
 
 TEST_F(AccessPoint, a_record_that_fills_its_area_is_read_no_further_than_its_end)

@@ -4,13 +4,13 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstring>
+#include <chrono>
 #include <string>
 #include <vector>
 
 #include <syslog.h>
-#include <wpa_ctrl.h>
 
+#include "listeners/control_request.hpp"
 #include "support/captured_log.hpp"
 
 using testing::ElementsAre;
@@ -25,7 +25,7 @@ LogLine line(int priority, const std::string& text)
     return {priority, text};
 }
 
-/** What the replaced library answers, and what it was asked. */
+/** What the other side answers, and what it was asked. */
 struct
 {
     int result = 0;
@@ -33,6 +33,7 @@ struct
     std::vector<std::string> requests;
     size_t room = 0;
     bool zeroed = false;
+    std::chrono::nanoseconds left{};
 } library;
 
 /** Stands for a connection; never looked into. */
@@ -53,20 +54,19 @@ protected:
 
 } // namespace
 
-int wpa_ctrl_request(wpa_ctrl*, const char* command, size_t length, char* reply, size_t* replyLength,
-                     void (*)(char*, size_t))
+int32_t control_request(wpa_ctrl*, const char* command, char* reply, size_t& length, const ControlWait& wait)
 {
-    library.requests.emplace_back(command, length);
-    library.room = *replyLength;
-    library.zeroed = std::all_of(reply, reply + *replyLength + 1, [](char byte) { return byte == '\0'; });
-    *replyLength = std::min(*replyLength, library.reply.size());
-    std::memcpy(reply, library.reply.data(), *replyLength);
+    library.requests.emplace_back(command);
+    library.room = length;
+    library.left = wait.until - std::chrono::steady_clock::now();
+    library.zeroed = std::all_of(reply, reply + length + 1, [](char byte) { return byte == '\0'; });
+    length = library.reply.copy(reply, length);
     return library.result;
 }
 
 namespace {
 
-TEST_F(WpaSocketCommand, without_a_connection_is_dropped_and_the_library_not_called)
+TEST_F(WpaSocketCommand, without_a_connection_is_dropped_and_nobody_is_asked)
 {
     EXPECT_EQ(wpa_socket_cmd(nullptr, "STA-FIRST", area.data(), 32), -1);
     EXPECT_THAT(library.requests, IsEmpty());
@@ -84,6 +84,17 @@ TEST_F(WpaSocketCommand, sends_the_command_and_pads_the_reply_with_nuls)
     EXPECT_TRUE(library.zeroed);
     EXPECT_EQ(area, "PONG\n" + std::string(27, '\0') + std::string(8, '#'));
     EXPECT_THAT(captured_log().lines(), IsEmpty());
+}
+
+TEST_F(WpaSocketCommand, is_waited_for_ten_seconds_in_all_or_until_the_given_time)
+{
+    wpa_socket_cmd(connection, "PING", area.data(), 32);
+    EXPECT_LE(library.left, std::chrono::seconds(10));
+    EXPECT_GT(library.left, std::chrono::seconds(5));
+
+    wpa_socket_cmd(connection, "PING", area.data(), 32,
+                   std::chrono::steady_clock::now() + std::chrono::hours(1));
+    EXPECT_GT(library.left, std::chrono::minutes(50));
 }
 
 TEST_F(WpaSocketCommand, a_reply_that_fills_the_area_has_no_nul)
@@ -122,7 +133,7 @@ TEST_F(WpaSocketCommand, an_area_of_no_size_is_left_alone)
     EXPECT_EQ(area, std::string(40, '#'));
 }
 
-TEST_F(WpaSocketCommand, a_failure_of_the_library_is_passed_on)
+TEST_F(WpaSocketCommand, a_failure_is_passed_on)
 {
     for (const int result : {-1, -2}) {
         captured_log().clear();

@@ -5,11 +5,15 @@
 
 #include <algorithm>
 #include <chrono>
+#include <filesystem>
 #include <future>
 #include <memory>
 #include <string>
+#include <thread>
+#include <utility>
 #include <vector>
 
+#include <poll.h>
 #include <syslog.h>
 
 #include "listeners/wpa_supplicant_socket_listener.hpp"
@@ -101,7 +105,7 @@ TEST_F(WpaSocketListenerTest, start_opens_attaches_and_hands_over_events)
     ScriptedWpaCtrl::send("<3>one");
     EXPECT_THAT(listener.events(1), ElementsAre("<3>one"));
     listener.Stop();
-    EXPECT_THAT(ScriptedWpaCtrl::noted(), ElementsAre(kOpened, "attach", "close"));
+    EXPECT_THAT(ScriptedWpaCtrl::noted(), ElementsAre(kOpened, "ATTACH", "close"));
     EXPECT_THAT(captured_log().lines(), ElementsAre(received("<3>one")));
 }
 
@@ -134,14 +138,14 @@ TEST_F(WpaSocketListenerTest, without_a_connection_the_thread_ends_and_the_next_
     listener.Start();
     ScriptedWpaCtrl::send("event");
     EXPECT_THAT(listener.events(1), ElementsAre("event"));
-    EXPECT_THAT(ScriptedWpaCtrl::noted(), ElementsAre(kOpened, kOpened, "attach"));
+    EXPECT_THAT(ScriptedWpaCtrl::noted(), ElementsAre(kOpened, kOpened, "ATTACH"));
 }
 
-TEST_F(WpaSocketListenerTest, a_refused_attach_ends_the_thread)
+TEST_F(WpaSocketListenerTest, an_attachment_that_is_refused_or_not_answered_ends_the_thread)
 {
-    for (const int result : {-1, -2, 1}) {
+    for (const char* answer : {"", "OK", "OK\n\n", "FAIL\n", "ok\n"}) {
         captured_log().clear();
-        ScriptedWpaCtrl::attachResult = result;
+        ScriptedWpaCtrl::attachAnswer = answer;
         listener.Restart();
         EXPECT_TRUE(
             captured_log().wait_for({LOG_ERR, "ListenTask: Cannot attach to socket - cannot listen."}));
@@ -323,7 +327,7 @@ TEST_F(WpaSocketListenerTest, start_while_running_ends_the_thread_and_attaches_a
     listener.Start();
     ScriptedWpaCtrl::send("two");
     EXPECT_THAT(listener.events(2), ElementsAre("one", "two"));
-    EXPECT_THAT(ScriptedWpaCtrl::noted(), ElementsAre(kOpened, "attach", "attach"));
+    EXPECT_THAT(ScriptedWpaCtrl::noted(), ElementsAre(kOpened, "ATTACH", "ATTACH"));
 }
 
 TEST_F(WpaSocketListenerTest, restart_opens_a_new_connection)
@@ -334,7 +338,7 @@ TEST_F(WpaSocketListenerTest, restart_opens_a_new_connection)
     listener.Restart();
     ScriptedWpaCtrl::send("two");
     listener.events(2);
-    EXPECT_THAT(ScriptedWpaCtrl::noted(), ElementsAre(kOpened, "attach", "close", kOpened, "attach"));
+    EXPECT_THAT(ScriptedWpaCtrl::noted(), ElementsAre(kOpened, "ATTACH", "close", kOpened, "ATTACH"));
 }
 
 TEST_F(WpaSocketListenerTest, restart_lets_the_socket_of_before_go_away_first)
@@ -384,6 +388,240 @@ TEST_F(WpaSocketListenerTest, successor_that_is_there_already_is_not_waited_for)
     EXPECT_TRUE(ScriptedWpaCtrl::sleeps.empty());
 }
 
+// A daemon that is replaced
+
+/** A folder with a socket file that can be replaced, and a listener that has not been started yet. */
+class ReplacedDaemon : public WpaSocketListenerTest
+{
+protected:
+    void SetUp() override
+    {
+        WpaSocketListenerTest::SetUp();
+        listener.directory = folder.path();
+        folder.write("wlan0", "");
+        folder.write("next", "");
+    }
+
+    void replace() const
+    {
+        if (std::filesystem::exists(folder.file("next"))) {
+            std::filesystem::rename(folder.file("next"), folder.file("wlan0"));
+        }
+    }
+
+    std::string opened() const { return "open " + folder.file("wlan0"); }
+
+    const TempFolder folder;
+};
+
+TEST_F(ReplacedDaemon, restart_hands_over_what_the_old_one_says_until_its_socket_is_replaced)
+{
+    listener.Start();
+    ASSERT_TRUE(ScriptedWpaCtrl::wait_for_selects(1));
+    ScriptedWpaCtrl::onSleep = [this] {
+        if (ScriptedWpaCtrl::sleeps.size() == 1) {
+            ScriptedWpaCtrl::send("<3>AP-DISABLED ");
+            listener.events(1); // on the thread, which goes on while the main thread waits
+        } else {
+            replace();
+        }
+    };
+    listener.Restart();
+    EXPECT_THAT(listener.events(1), ElementsAre("<3>AP-DISABLED "));
+    EXPECT_EQ(ScriptedWpaCtrl::sleeps.size(), 2U);
+    listener.Stop();
+    EXPECT_THAT(ScriptedWpaCtrl::noted(),
+                ElementsAre(opened(), "ATTACH", "close", opened(), "ATTACH", "close"));
+}
+
+TEST_F(ReplacedDaemon, restart_hands_over_what_has_arrived_when_the_thread_comes_back_from_an_event)
+{
+    std::promise<void> replaced;
+    listener.onEvent = [&, first = true]() mutable {
+        if (std::exchange(first, false)) {
+            replaced.get_future().wait_for(std::chrono::seconds(20));
+        }
+    };
+    listener.Start();
+    ScriptedWpaCtrl::send("<3>one");
+    listener.events(1);
+    for (const char* event :
+         {"<3>AP-STA-DISCONNECTED 02:00:00:00:00:01", "<3>AP-DISABLED ", "<3>CTRL-EVENT-T"}) {
+        ScriptedWpaCtrl::send(event);
+    }
+    replace();
+    auto restarted = std::async(std::launch::async, [this] { listener.Restart(); });
+    // The thread finds itself stopped when its slot returns.
+    EXPECT_EQ(restarted.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
+    replaced.set_value();
+    restarted.get();
+    EXPECT_THAT(listener.events(4), ElementsAre("<3>one", "<3>AP-STA-DISCONNECTED 02:00:00:00:00:01",
+                                                "<3>AP-DISABLED ", "<3>CTRL-EVENT-T"));
+}
+
+TEST_F(ReplacedDaemon, restart_returns_although_the_old_one_goes_on_talking)
+{
+    listener.onEvent = [] { ScriptedWpaCtrl::send("<3>again"); };
+    listener.Start();
+    ScriptedWpaCtrl::send("<3>first");
+    listener.events(10);
+    auto restarted = std::async(std::launch::async, [this] { listener.Restart(); });
+    EXPECT_EQ(restarted.wait_for(std::chrono::seconds(20)), std::future_status::ready);
+    EXPECT_EQ(ScriptedWpaCtrl::sleeps.size(), 100U); // its socket has stayed
+}
+
+TEST_F(ReplacedDaemon, stop_hands_over_nothing_more)
+{
+    std::promise<void> stopping;
+    listener.onEvent = [&] { stopping.get_future().wait_for(std::chrono::seconds(20)); };
+    listener.Start();
+    ScriptedWpaCtrl::send("one");
+    listener.events(1);
+    ScriptedWpaCtrl::send("two");
+    auto stopped = std::async(std::launch::async, [this] { listener.Stop(); });
+    EXPECT_EQ(stopped.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
+    stopping.set_value();
+    stopped.get();
+    EXPECT_THAT(listener.events(1), ElementsAre("one"));
+}
+
+TEST_F(ReplacedDaemon, an_attachment_that_fails_is_made_once_more_to_the_new_one)
+{
+    size_t heard = 0;
+    for (const char* answer : {"", "FAIL\n"}) {
+        SetUp();
+        ScriptedWpaCtrl::attachAnswer = answer;
+        ScriptedWpaCtrl::whileAttaching = [this](const ControlWait&) {
+            if (std::filesystem::exists(folder.file("next"))) {
+                replace();
+            } else {
+                ScriptedWpaCtrl::attachAnswer = "OK\n";
+            }
+        };
+        listener.Start();
+        ASSERT_TRUE(ScriptedWpaCtrl::wait_for_selects(1));
+        ScriptedWpaCtrl::send("heard");
+        EXPECT_EQ(listener.events(++heard).back(), "heard");
+        listener.Stop();
+        EXPECT_THAT(ScriptedWpaCtrl::noted(),
+                    ElementsAre(opened(), "ATTACH", "close", opened(), "ATTACH", "close"));
+        EXPECT_THAT(captured_log().lines(), ElementsAre(received("heard")));
+    }
+}
+
+TEST_F(ReplacedDaemon, a_new_one_that_is_not_there_yet_is_waited_for)
+{
+    ScriptedWpaCtrl::attachAnswer = "";
+    std::future<void> comes;
+    ScriptedWpaCtrl::whileAttaching = [&](const ControlWait&) {
+        if (comes.valid()) {
+            ScriptedWpaCtrl::attachAnswer = "OK\n";
+            return;
+        }
+        std::filesystem::remove(folder.file("wlan0"));
+        comes = std::async(std::launch::async, [&] {
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+            replace();
+        });
+    };
+    listener.Start();
+    ASSERT_TRUE(ScriptedWpaCtrl::wait_for_selects(1));
+    listener.Stop();
+    EXPECT_THAT(captured_log().lines(), IsEmpty());
+}
+
+TEST_F(ReplacedDaemon, a_new_one_that_does_not_come_is_reported)
+{
+    ScriptedWpaCtrl::attachAnswer = "";
+    ScriptedWpaCtrl::whileAttaching = [this](const ControlWait&) {
+        ScriptedWpaCtrl::opens = false;
+        std::filesystem::remove(folder.file("wlan0"));
+    };
+    listener.Start();
+    EXPECT_TRUE(captured_log().wait_for(kNotConnected));
+    listener.Stop();
+    EXPECT_THAT(captured_log().lines(), ElementsAre(kNotConnected));
+}
+
+TEST_F(ReplacedDaemon, an_attachment_to_one_that_is_replaced_already_is_made_to_the_new_one)
+{
+    ScriptedWpaCtrl::whileAttaching = [this](const ControlWait&) {
+        if (std::filesystem::exists(folder.file("next"))) {
+            replace();
+            ScriptedWpaCtrl::send("the old one's last word");
+        }
+    };
+    listener.Start();
+    EXPECT_THAT(listener.events(1), ElementsAre("the old one's last word"));
+    ASSERT_TRUE(ScriptedWpaCtrl::wait_for_selects(1));
+    listener.Stop();
+    EXPECT_THAT(ScriptedWpaCtrl::noted(),
+                ElementsAre(opened(), "ATTACH", "close", opened(), "ATTACH", "close"));
+}
+
+TEST_F(ReplacedDaemon, waiting_for_the_answer_is_given_up_for_a_new_one_and_for_a_stop_and_for_nothing_else)
+{
+    std::vector<bool> given;
+    ScriptedWpaCtrl::whileAttaching = [&](const ControlWait& wait) {
+        given.push_back(wait.givesUp());
+        std::filesystem::rename(folder.file("wlan0"), folder.file("gone"));
+        given.push_back(wait.givesUp()); // the old one may still answer
+        replace();
+        given.push_back(wait.givesUp());
+        ScriptedWpaCtrl::whileAttaching = nullptr;
+    };
+    listener.Start();
+    ASSERT_TRUE(ScriptedWpaCtrl::wait_for_selects(1));
+    EXPECT_THAT(given, ElementsAre(false, false, true));
+
+    listener.Stop();
+    std::promise<void> asking;
+    std::promise<bool> stopped;
+    ScriptedWpaCtrl::attachAnswer = "";
+    ScriptedWpaCtrl::whileAttaching = [&](const ControlWait& wait) {
+        asking.set_value();
+        pollfd wakeUp = {.fd = wait.wakeUp, .events = POLLIN, .revents = 0};
+        poll(&wakeUp, 1, 20'000);
+        stopped.set_value(wait.givesUp());
+    };
+    listener.Start();
+    asking.get_future().wait();
+    listener.Stop();
+    EXPECT_TRUE(stopped.get_future().get());
+    EXPECT_THAT(captured_log().lines(), IsEmpty()); // it was not refused
+    EXPECT_EQ(ScriptedWpaCtrl::noted().back(), "close");
+}
+
+TEST_F(ReplacedDaemon, events_that_come_before_the_answer_are_handed_over_in_order)
+{
+    ScriptedWpaCtrl::whileAttaching = [](const ControlWait& wait) {
+        wait.onEvent("<3>one");
+        wait.onEvent("<3>longer than one");
+        ScriptedWpaCtrl::send("<3>three");
+    };
+    listener.Start();
+    EXPECT_THAT(listener.events(3), ElementsAre("<3>one", "<3>longer than one", "<3>three"));
+    EXPECT_THAT(captured_log().lines(),
+                ElementsAre(received("<3>one"), received("<3>longer than one"), received("<3>three")));
+}
+
+TEST_F(ReplacedDaemon, one_that_was_replaced_before_it_could_be_connected_to_is_not_the_end)
+{
+    ScriptedWpaCtrl::opens = false;
+    ScriptedWpaCtrl::onOpen = [this] {
+        if (std::filesystem::exists(folder.file("next"))) {
+            replace();
+        } else {
+            ScriptedWpaCtrl::opens = true;
+        }
+    };
+    listener.Start();
+    ASSERT_TRUE(ScriptedWpaCtrl::wait_for_selects(1));
+    listener.Stop();
+    EXPECT_THAT(ScriptedWpaCtrl::noted(), ElementsAre(opened(), opened(), "ATTACH", "close"));
+    EXPECT_THAT(captured_log().lines(), IsEmpty());
+}
+
 TEST_F(WpaSocketListenerTest, many_starts_and_stops_leave_no_descriptor_behind)
 {
     const auto open_descriptors = [] {
@@ -411,7 +649,7 @@ TEST_F(WpaSocketListenerTest, the_station_listener_uses_its_own_folder_and_ignor
     EXPECT_THAT(captured_log().lines(), ElementsAre(received("<3>CTRL-EVENT-TERMINATING "),
                                                     line(LOG_INFO, "HostapdSocketListner::SignalEvent")));
     EXPECT_THAT(ScriptedWpaCtrl::noted(),
-                ElementsAre("open /var/run/wpa_supplicant/wlan0", "attach", "close"));
+                ElementsAre("open /var/run/wpa_supplicant/wlan0", "ATTACH", "close"));
 }
 
 TEST_F(WpaSocketListenerTest, the_station_listener_ignores_a_null_event)

@@ -110,6 +110,8 @@ NEIGHBOUR = Neighbour("hostapd's control socket", ABOUT, [
         after="its events are heard"),
     Row(FLOODS, "5,000 events as fast as they can be sent, while properties are read", text="every read is answered",
         takes="at once", test="test_hostapd_events.py::test_flood_of_events_while_properties_are_read"),
+    Row(FLOODS, "sends events instead of an answer", [Asked(CLIENTS, "0", UNANSWERED, REQUEST_TIMEOUT)],
+        lambda world: world.hostapd.chatter("STA-FIRST", f"AP-STA-CONNECTED {STATION}", 0.5), slow=True, name="events for an answer"),
     Row(FLOODS, "names the same station for ever", name="a list without end",
         text="read `WiFiConnectedClients`: 2007, the most it can have", takes="2007 questions",
         test="test_station_count.py::test_hostapd_that_names_the_same_station_for_ever_is_left_after_2007"),

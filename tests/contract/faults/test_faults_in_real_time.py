@@ -18,7 +18,7 @@ def slow_rows() -> list[tuple[Neighbour, Row]]:
 @pytest.mark.timeout(240)
 def test_neighbours_that_hang_are_waited_for_as_long_as_on_a_device(make_world: Callable[..., World]) -> None:
     rows = slow_rows()
-    assert len(rows) == 7
+    assert len(rows) == 8
     worlds = [make_world() for _ in rows]
     with ThreadPoolExecutor(len(rows)) as pool:
         tried = [(f"{neighbour.title}: {row.how}", pool.submit(try_row, world, row, neighbour.prepare))

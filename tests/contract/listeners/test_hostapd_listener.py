@@ -4,9 +4,11 @@ from __future__ import annotations
 
 import shutil
 import time
+from collections.abc import Callable
 
+import pytest
 from access_point import attached_up, receive
-from vantora_sim import Variant, World, changed, hostapd_request, log
+from vantora_sim import Variant, World, changed, hostapd_request, log, units
 
 ONE = "02:00:00:00:00:01"
 NOT_CONNECTED = ("err", "ListenTask: Not connected to socket - cannot listen.")
@@ -173,3 +175,100 @@ def test_daemon_ends_at_once_while_it_waits_for_hostapds_socket(world: World) ->
     assert world.stop_daemon() == 0
     assert time.monotonic() - before < 1.9
     answer.cancel()
+
+
+def on_restart(world: World, *steps: tuple[float, Callable[[], None]]) -> None:
+    """The next restart of hostapd's unit is answered at once and carried out later: each step so many seconds after."""
+    async def carry_out(verb: str, unit: str) -> None:
+        if (verb, unit) == ("Restart", units.HOSTAPD):
+            for seconds, step in steps:
+                world.loop.asyncio.call_later(seconds, step)
+    world.follow_units = False
+    world.systemd.on_job.append(carry_out)
+
+
+def test_farewell_during_a_change_of_band_is_heard_also_where_no_successor_comes_up(world: World) -> None:
+    attached_up(world)
+    mark = receive(world, "AP-ENABLED ")
+    world.journal.wait_for(changed("WiFiAccessPointInitialised", True), mark)
+    world.hostapd.stations.append(ONE)
+    on_restart(world, (0.3, world.hostapd.terminate))
+    mark = world.journal.mark()
+    world.set("WiFiFrequency", "5")
+    world.journal.wait_for(changed("WiFiAccessPointInitialised", False), mark)
+    world.journal.wait_for(log("info", f"wifi_host_station_disconnected: {ONE}"), mark)
+    world.journal.wait_for(log(*TERMINATED), mark)
+    assert world.get("WiFiAccessPointInitialised") is False
+
+
+def test_farewell_during_a_change_of_band_does_not_part_the_listener_from_the_successor(world: World) -> None:
+    attached_up(world)
+    on_restart(world, (0.2, world.hostapd.terminate), (0.3, world.hostapd.start))
+    mark = world.journal.mark()
+    world.set("WiFiFrequency", "5")
+    world.journal.wait_for(log(*RESTARTING), mark)
+    world.hostapd.wait_attached()
+    world.settle()
+    assert world.journal.count(hostapd_request("ATTACH"), mark) == 1
+    mark = receive(world, "AP-ENABLED ")
+    world.journal.wait_for(changed("WiFiAccessPointInitialised", True), mark)
+
+
+def test_change_of_band_waits_no_longer_than_a_second_for_the_old_hostapd(world: World) -> None:
+    attached_up(world)
+    world.follow_units = False
+    mark = world.journal.mark()
+    before = time.monotonic()
+    world.set("WiFiFrequency", "5")
+    assert 1.0 <= time.monotonic() - before < 5.0
+    world.journal.wait_for(hostapd_request("ATTACH"), mark)
+    mark = receive(world, "AP-ENABLED ")
+    world.journal.wait_for(changed("WiFiAccessPointInitialised", True), mark)
+
+
+@pytest.mark.parametrize("gone", [0.0, 0.5], ids=["at once", "after a while"])
+def test_hostapd_that_is_replaced_before_it_answers_is_followed_again(world: World, gone: float) -> None:
+    attached_up(world)
+    world.hostapd.hang("ATTACH", times=1)
+    mark = world.journal.mark()
+    before = time.monotonic()
+    world.set("SSID", "Attic")
+    world.journal.wait_for(hostapd_request("ATTACH"), mark)
+    if gone:
+        world.hostapd.kill()
+        shutil.rmtree(world.work / "run/hostapd")
+        time.sleep(gone)  # nobody is there meanwhile
+    world.hostapd.start()
+    world.hostapd.wait_attached()
+    assert time.monotonic() - before < 9.0  # not only when its answer is overdue
+    mark = receive(world, "AP-ENABLED ")
+    world.journal.wait_for(changed("WiFiAccessPointInitialised", True), mark)
+    assert world.journal.find(log("err", lambda text: text.endswith("cannot listen."))) == []
+
+
+def test_events_that_come_before_the_answer_to_an_attachment_are_heard(world: World) -> None:
+    attached_up(world)
+    world.follow_units = False
+    world.radio.interface_type = "monitor"
+    world.hostapd.hang("ATTACH", times=1)
+    world.hostapd.before_event = None  # the thread does not sleep in select
+    mark = world.journal.mark()
+    world.set("Mode", "Host")  # attaches anew over the connection that is attached
+    world.journal.wait_for(hostapd_request("ATTACH"), mark)
+    mark = receive(world, "AP-ENABLED ")
+    world.journal.wait_for(changed("WiFiAccessPointInitialised", True), mark)
+    world.hostapd.release()
+    mark = receive(world, "AP-DISABLED ")
+    world.journal.wait_for(changed("WiFiAccessPointInitialised", False), mark)
+
+
+def test_mode_change_does_not_wait_for_an_attachment_that_is_not_answered(world: World) -> None:
+    attached_up(world)
+    world.hostapd.hang("ATTACH")
+    mark = world.journal.mark()
+    world.set("WiFiFrequency", "5")
+    world.journal.wait_for(hostapd_request("ATTACH"), mark)
+    before = time.monotonic()
+    world.set("Mode", "Client")
+    assert time.monotonic() - before < 8.0  # the answer is waited for 10 s
+    assert world.journal.count(log(*NOT_ATTACHED), mark) == 0

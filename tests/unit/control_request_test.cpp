@@ -1,0 +1,266 @@
+#include "listeners/control_request.hpp"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <functional>
+#include <future>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include "listeners/wpa_ctrl_owner.hpp"
+#include "support/temp_folder.hpp"
+#include "support/unique_fd.hpp"
+
+// The client library is the real one, and so are the sockets; the daemon behind them is played.
+
+namespace {
+
+using namespace std::chrono_literals;
+using std::chrono::steady_clock;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing_support::TempFolder;
+
+constexpr int32_t kFailed = -1;
+constexpr int32_t kNotAnswered = -2;
+
+/** A daemon with a control socket. What it does with a command is the test's. */
+class Daemon
+{
+public:
+    explicit Daemon(const std::string& path) : socket_(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0))
+    {
+        sockaddr_un address = {.sun_family = AF_UNIX, .sun_path = {}};
+        path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+        if (bind(socket_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+            std::abort();
+        }
+    }
+
+    ~Daemon()
+    {
+        ended_ = true;
+        if (thread_.joinable()) {
+            thread_.join();
+        }
+    }
+
+    Daemon(const Daemon&) = delete;
+    Daemon& operator=(const Daemon&) = delete;
+
+    /** Waits for one command on another thread, and then does this. */
+    void on_command(std::function<void(const std::string&)> act)
+    {
+        thread_ = std::thread([this, act = std::move(act)] {
+            std::array<char, 256> command{};
+            socklen_t length = sizeof(client_);
+            const ssize_t size = recvfrom(socket_.get(), command.data(), command.size(), 0,
+                                          reinterpret_cast<sockaddr*>(&client_), &length);
+            act(std::string(command.data(), static_cast<size_t>(std::max<ssize_t>(size, 0))));
+        });
+    }
+
+    /** Sends a message to whoever sent the command. */
+    void say(std::string_view text) const
+    {
+        sendto(socket_.get(), text.data(), text.size(), MSG_DONTWAIT,
+               reinterpret_cast<const sockaddr*>(&client_), sizeof(client_));
+    }
+
+    bool ended() const { return ended_; }
+
+private:
+    UniqueFd socket_;
+    sockaddr_un client_{};
+    std::atomic<bool> ended_ = false;
+    std::thread thread_;
+};
+
+class ControlRequest : public testing::Test
+{
+protected:
+    void SetUp() override { connection.reset(wpa_ctrl_open2(folder.file("wlan0").c_str(), nullptr)); }
+
+    int32_t ask(const char* command, const ControlWait& wait = {})
+    {
+        std::array<char, 4096> buffer{};
+        size_t length = buffer.size() - 1;
+        const auto before = steady_clock::now();
+        const int32_t result = control_request(connection.get(), command, buffer.data(), length, wait);
+        took = steady_clock::now() - before;
+        reply = result == 0 ? std::string(buffer.data(), length) : "";
+        return result;
+    }
+
+    static ControlWait within(std::chrono::milliseconds time)
+    {
+        return {.until = steady_clock::now() + time};
+    }
+
+    const TempFolder folder;
+    Daemon daemon{folder.file("wlan0")};
+    WpaCtrlPtr connection;
+    std::string reply;
+    std::chrono::nanoseconds took{};
+};
+
+TEST_F(ControlRequest, sends_the_command_as_it_is_and_returns_the_answer)
+{
+    std::promise<std::string> asked;
+    daemon.on_command([&](const std::string& command) {
+        asked.set_value(command);
+        daemon.say("PONG\n");
+    });
+    EXPECT_EQ(ask("PING"), 0);
+    EXPECT_EQ(reply, "PONG\n");
+    EXPECT_EQ(asked.get_future().get(), "PING");
+}
+
+TEST_F(ControlRequest, an_empty_answer_is_one)
+{
+    daemon.on_command([&](const std::string&) { daemon.say(""); });
+    EXPECT_EQ(ask("STA-FIRST"), 0);
+    EXPECT_EQ(reply, "");
+}
+
+TEST_F(ControlRequest, events_before_the_answer_are_handed_over_whole_and_in_order)
+{
+    daemon.on_command([&](const std::string&) {
+        daemon.say("<3>AP-ENABLED ");
+        daemon.say("<3>AP-STA-CONNECTED 02:00:00:00:00:01");
+        daemon.say("IFNAME=wlan0 <3>x");
+        daemon.say("OK\n");
+    });
+    std::vector<std::string> events;
+    EXPECT_EQ(ask("ATTACH", {.onEvent = [&](const char* event) { events.emplace_back(event); }}), 0);
+    EXPECT_EQ(reply, "OK\n");
+    EXPECT_THAT(events,
+                ElementsAre("<3>AP-ENABLED ", "<3>AP-STA-CONNECTED 02:00:00:00:00:01", "IFNAME=wlan0 <3>x"));
+}
+
+TEST_F(ControlRequest, events_are_dropped_where_nobody_wants_them)
+{
+    daemon.on_command([&](const std::string&) {
+        daemon.say("<3>AP-ENABLED ");
+        daemon.say("PONG\n");
+    });
+    EXPECT_EQ(ask("PING"), 0);
+    EXPECT_EQ(reply, "PONG\n");
+}
+
+TEST_F(ControlRequest, silence_is_given_up_in_time)
+{
+    EXPECT_EQ(ask("PING", within(200ms)), kNotAnswered);
+    EXPECT_GE(took, 200ms);
+    EXPECT_LT(took, 15s);
+}
+
+TEST_F(ControlRequest, events_do_not_prolong_the_wait)
+{
+    daemon.on_command([&](const std::string&) {
+        const auto end = steady_clock::now() + 60s;
+        while (!daemon.ended() && steady_clock::now() < end) {
+            daemon.say("<3>AP-STA-CONNECTED 02:00:00:00:00:01");
+            std::this_thread::sleep_for(1ms);
+        }
+    });
+    EXPECT_EQ(ask("STA-FIRST", within(500ms)), kNotAnswered);
+    EXPECT_GE(took, 500ms);
+    EXPECT_LT(took, 15s);
+}
+
+TEST_F(ControlRequest, the_time_that_the_receiver_of_events_takes_does_not_count)
+{
+    daemon.on_command([&](const std::string&) {
+        daemon.say("<3>AP-ENABLED ");
+        daemon.say("OK\n");
+    });
+    ControlWait wait = within(2s);
+    wait.onEvent = [&](const char*) { std::this_thread::sleep_until(wait.until + 100ms); };
+    EXPECT_EQ(ask("ATTACH", wait), 0);
+    EXPECT_EQ(reply, "OK\n");
+}
+
+TEST_F(ControlRequest, a_daemon_that_has_gone_is_not_waited_for)
+{
+    std::filesystem::remove(folder.file("wlan0"));
+    const Daemon other(folder.file("wlan0"));
+    const WpaCtrlPtr toOther(wpa_ctrl_open2(folder.file("wlan0").c_str(), nullptr));
+    {
+        const std::string path = folder.file("short");
+        const Daemon gone(path);
+        connection.reset(wpa_ctrl_open2(path.c_str(), nullptr));
+    }
+    EXPECT_EQ(ask("PING"), kFailed);
+    EXPECT_LT(took, 5s);
+}
+
+TEST_F(ControlRequest, a_daemon_that_reads_nothing_is_given_up_in_time)
+{
+    // Commands that nobody reads fill its queue.
+    const int socket = wpa_ctrl_get_fd(connection.get());
+    while (send(socket, "PING", 4, MSG_DONTWAIT) == 4) {
+    }
+    EXPECT_EQ(ask("PING", within(200ms)), kNotAnswered);
+    EXPECT_GE(took, 200ms);
+    EXPECT_LT(took, 15s);
+}
+
+TEST_F(ControlRequest, is_given_up_when_it_is_said_so_and_not_before)
+{
+    int asked = 0;
+    EXPECT_EQ(ask("ATTACH", {.givesUp = [&] { return ++asked == 3; }}), kNotAnswered);
+    EXPECT_EQ(asked, 3);
+    EXPECT_GE(took, 250ms);
+    EXPECT_LT(took, 9s);
+}
+
+TEST_F(ControlRequest, is_given_up_between_two_events)
+{
+    std::atomic<bool> enough = false;
+    daemon.on_command([&](const std::string&) {
+        while (!daemon.ended()) {
+            daemon.say("<3>event");
+        }
+    });
+    const ControlWait wait = {.onEvent = [&](const char*) { enough = true; },
+                              .givesUp = [&] { return enough.load(); }};
+    EXPECT_EQ(ask("ATTACH", wait), kNotAnswered);
+    EXPECT_LT(took, 9s);
+}
+
+TEST_F(ControlRequest, is_woken_up_to_be_given_up)
+{
+    const UniqueFd wakeUp(eventfd(0, EFD_CLOEXEC));
+    std::atomic<bool> over = false;
+    daemon.on_command([&](const std::string&) {
+        over = true;
+        eventfd_write(wakeUp.get(), 1);
+    });
+    EXPECT_EQ(ask("ATTACH", {.givesUp = [&] { return over.load(); }, .wakeUp = wakeUp.get()}), kNotAnswered);
+    EXPECT_LT(took, 9s);
+}
+
+TEST_F(ControlRequest, an_answer_is_cut_to_the_room_for_it)
+{
+    daemon.on_command([&](const std::string&) { daemon.say("0123456789"); });
+    std::array<char, 4> room = {'#', '#', '#', '#'};
+    size_t length = 3;
+    EXPECT_EQ(control_request(connection.get(), "STATUS", room.data(), length), 0);
+    EXPECT_EQ(length, 3U);
+    EXPECT_EQ(std::string(room.data(), room.size()), "012#");
+}
+
+} // namespace
