@@ -17,21 +17,12 @@ struct ReleaseWith
     }
 };
 
-/** Flushes and closes a connection. One that the bus has not let in has nothing to flush, and would wait for
- * the bus. */
-struct CloseBus
-{
-    void operator()(sd_bus* bus) const
-    {
-        if (sd_bus_is_ready(bus) <= 0) {
-            sd_bus_close(bus);
-        }
-        sd_bus_flush_close_unref(bus);
-    }
-};
-
-/** A connection that is flushed and closed: for the private connections of a single call. */
-using BusPtr = std::unique_ptr<sd_bus, CloseBus>;
+/**
+ * A connection that is closed with whatever has not been written yet: for the private connections of calls. A
+ * call that was answered has been written; flushing one that was given up would wait without end for a bus that
+ * does not read.
+ */
+using BusPtr = std::unique_ptr<sd_bus, ReleaseWith<sd_bus_close_unref>>;
 using MessagePtr = std::unique_ptr<sd_bus_message, ReleaseWith<sd_bus_message_unref>>;
 using CredsPtr = std::unique_ptr<sd_bus_creds, ReleaseWith<sd_bus_creds_unref>>;
 using SlotPtr = std::unique_ptr<sd_bus_slot, ReleaseWith<sd_bus_slot_unref>>;

@@ -24,30 +24,65 @@ _SCM_TIMESTAMPNS = 35
 
 
 class Recorder:
-    """Receives both sockets and keeps them drained: a full queue would make the daemon wait for us."""
+    """Receives both sockets and keeps them drained: a full queue would make the daemon wait for us. As the log daemon it can be
+    told not to."""
 
     def __init__(self, journal: Journal, folder: Path, loop: asyncio.AbstractEventLoop) -> None:
         self._journal = journal
         self._loop = loop
-        self._log = _bind(folder / "log")
+        self.path = folder / "log"
+        self._hangs = False
+        self._log: socket.socket | None = _bind(self.path)
         self._notify = _bind(folder / "notify")
 
-    def start(self) -> None:
+    def begin(self) -> None:
         """Begin to receive (on the loop)."""
-        for receiver in (self._log, self._notify):
+        for receiver in self._receivers():
             self._loop.add_reader(receiver.fileno(), self.drain)
 
     def stop(self) -> None:
         """Receive what is left, then close the sockets (on the loop)."""
+        self._hangs = False
         self.drain()
-        for receiver in (self._log, self._notify):
+        for receiver in self._receivers():
             self._loop.remove_reader(receiver.fileno())
             receiver.close()
+
+    # What a log daemon may do (on the loop)
+
+    def hang(self) -> None:
+        """Take no line out of the queue any more."""
+        self._hangs = True
+        if self._log is not None:
+            self._loop.remove_reader(self._log.fileno())
+
+    def release(self) -> None:
+        """Go on after that."""
+        self._hangs = False
+        self.begin()
+        self.drain()
+
+    def die(self) -> None:
+        """End: what is in the queue is lost, the file stays, and nobody is behind it."""
+        if self._log is not None:
+            self._loop.remove_reader(self._log.fileno())
+            self._log.close()
+        self._log, self._hangs = None, False
+
+    def start(self) -> None:
+        """Be there again, with a socket of its own."""
+        self.path.unlink(missing_ok=True)
+        self._log = _bind(self.path)
+        self.begin()
+
+    def _receivers(self) -> list[socket.socket]:
+        return [self._notify] if self._log is None else [self._log, self._notify]
 
     def drain(self) -> None:
         """Put everything that has arrived into the journal."""
         notifications = _receive_all(self._notify)
-        for when, data in _receive_all(self._log):
+        lines = [] if self._log is None or self._hangs else _receive_all(self._log)
+        for when, data in lines:
             while notifications and notifications[0][0] < when:
                 self._add_notification(notifications.pop(0)[1])
             self._add_log(data)

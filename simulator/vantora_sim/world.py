@@ -125,7 +125,7 @@ class World:
     def __enter__(self) -> "World":
         try:
             self._furnish()
-            self._recorder = Recorder(self.journal, self.work / "run/sim", self.loop.asyncio)
+            self.log_daemon = Recorder(self.journal, self.work / "run/sim", self.loop.asyncio)
             self.loop.call(self.user_bus.start)
             self.loop.call(self.system_bus.start)
             self.sandbox = Sandbox(self.work, self.build, self._exposed, self._note_end)
@@ -156,7 +156,7 @@ class World:
         self.tools.install(run / "sim/bin", self.build / "vantora-sim-tool")
 
     async def _open(self) -> None:
-        self._recorder.start()
+        self.log_daemon.begin()
         await self.tools.open(self.work / "run/sim/tool")
         self._watcher = await Watcher.start(self.user_bus.address, self.journal)
         self._client = await Client.open(self.user_bus.address)
@@ -185,8 +185,8 @@ class World:
         for connection in (self._client, self._watcher):
             if connection is not None:
                 await connection.close()
-        if hasattr(self, "_recorder"):
-            self._recorder.stop()
+        if hasattr(self, "log_daemon"):
+            self.log_daemon.stop()
 
     # The daemon
 
@@ -377,12 +377,12 @@ class World:
     # On the loop
 
     async def _drain(self) -> None:
-        self._recorder.drain()
+        self.log_daemon.drain()
 
     async def _catch_up(self) -> None:
         """Put everything into the journal that happened before the request being served now."""
         async with self._order:
-            self._recorder.drain()
+            self.log_daemon.drain()
             if self._watcher is not None and self._watcher.connected:
                 try:
                     await self._watcher.catch_up()
@@ -419,5 +419,5 @@ class World:
         self.radio.interface_type = "managed"
 
     def _note_end(self, process: Process) -> None:
-        self.loop.call(self._recorder.drain)
+        self.loop.call(self.log_daemon.drain)
         self.journal.add("exit", program=process.name, status=process.status)

@@ -7,9 +7,10 @@ import time
 import pytest
 from access_point import SEPARATOR, heading
 from dbus_next import Message
-from fault_requests import ACCESS_POINTS, CHANGE_MODE, CONNECT, DISCONNECT, SCAN, TO_CLIENT, TO_CLIENT_MODE, still_station
-from faults import (ABSENT, DIES, FLOODS, GARBAGE, HANGS, REAL_TIMEOUT, REFUSES, RESTARTS, SHORT, SHORT_TIMEOUT, WRONG_TYPE,
-                    Asked, Neighbour, Row, check, try_row)
+from fault_requests import (ACCESS_POINTS, CHANGE_MODE, CONNECT, DISCONNECT, NOT_CONNECTED, SCAN, TO_CLIENT, TO_CLIENT_MODE,
+                            still_station)
+from faults import (ABSENT, DIES, FLOODS, GARBAGE, HANGS, REAL_TIMEOUT, REFUSES, RESTARTS, SHORT, SHORT_TIMEOUT, SLACK, WRONG_TYPE,
+                    Asked, Neighbour, Row, check, seen_by_caller, try_row)
 from odd_bus import OddBus, odd_bus
 from station import FLUSH_LOGS, INTERFACE, STATION
 from test_faults_systemd import not_found
@@ -20,6 +21,7 @@ from vantora_sim.dbus_fake import connect, disconnect
 ODD = {"DBUS_SYSTEM_BUS_ADDRESS": "unix:path=/run/odd-system-bus"}
 NOT_LET_IN = "Transport endpoint is not connected (r = -107)"
 NOT_OPENED = "Failed to open system bus"
+NOT_SENT = ("err", "[WPA] wpa_supplicant_add_network: Method call failed")
 
 
 def at_each_call(failed: Asked) -> Asked:
@@ -90,6 +92,9 @@ NEIGHBOUR = Neighbour("System bus", "Each call opens a connection of its own; on
         lambda world: world.system_bus.freeze(), end=lambda world: world.system_bus.thaw(), environment=SHORT),
     Row(HANGS, "the same, at the real time-out", [Asked(SCAN, logs=SCAN_FAILED, waits=REAL_TIMEOUT)],
         lambda world: world.system_bus.freeze(), end=lambda world: world.system_bus.thaw(), slow=True, name="hangs for 25 s"),
+    Row(HANGS, "stops reading in the middle of a message that its socket cannot hold", name="stops reading", takes="25 s",
+        text=f"`Connect` with a name of 30 MB: `{NOT_CONNECTED}`", lines=[NOT_SENT],
+        test="test_a_bus_that_stops_reading_in_the_middle_of_a_call_is_given_up_in_time"),
     Row(WRONG_TYPE, "greets with a value of another type", all_fail(NOT_LET_IN),
         lambda world: odd_bus(world).retype("Hello"), end=lambda world: odd_bus(world).behave(), environment=ODD),
     Row(GARBAGE, "greets with bytes that mean nothing", all_fail(NOT_LET_IN),
@@ -123,6 +128,21 @@ def hear_signals(world: World) -> None:
 
 
 COMPLETED = {"State": Variant("s", "completed")}
+
+
+def test_a_bus_that_stops_reading_in_the_middle_of_a_call_is_given_up_in_time(world: World) -> None:
+    prepare(world)
+    with OddBus(world, world.system_bus) as bus:
+        world.up(environment={**bus.environment, **SHORT})
+        bus.stop_reading(1 << 20)
+        # The bus library asks for a socket that holds 8 MB.
+        mark, begin = world.journal.mark(), time.monotonic()
+        seen = seen_by_caller(lambda: world.call("Connect", "ss", ["x" * (30 << 20), "secret12"]))
+        assert SHORT_TIMEOUT <= time.monotonic() - begin < SHORT_TIMEOUT + SLACK
+        assert seen == NOT_CONNECTED
+        assert world.journal.count(log(*NOT_SENT), mark) == 1
+        bus.behave()
+        check(world, Asked(CONNECT), "after the fault")
 
 
 async def flood(world: World, count: int) -> None:

@@ -22,7 +22,7 @@ from settings_texts import GET_BOOL, GET_STRING, PROPERTIES_CHANGED, SET_STRING 
 PAGE = ROOT / "docs/reliability.md"
 BEGIN, END = "<!-- The table of faults: written by tests/contract/harness/fault_table.py -->", "<!-- end of the table of faults -->"
 MODULES = ("test_faults_user_bus", "test_faults_system_bus", "test_faults_settings_daemon", "test_faults_systemd",
-           "test_faults_wpa_supplicant", "test_faults_hostapd", "test_faults_kernel_addresses", "test_faults_shell_tools")
+           "test_faults_wpa_supplicant", "test_faults_hostapd", "test_faults_kernel_addresses", "test_faults_shell_tools", "test_faults_system_log")
 """The tests of faults, in the order of the table."""
 
 SLOW_TEST = "test_faults_in_real_time.py::test_neighbours_that_hang_are_waited_for_as_long_as_on_a_device"

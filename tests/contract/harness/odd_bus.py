@@ -41,6 +41,7 @@ class OddBus:
         """What makes the daemon take it for its bus."""
         self._rejects = self._garbles = self._is_silent = False
         self._retyped: bytes | None = None
+        self._most: int | None = None
         self._connections: set[asyncio.Task[None]] = set()
         self._to_daemon: set[asyncio.StreamWriter] = set()
         self._server: asyncio.AbstractServer | None = None
@@ -72,10 +73,14 @@ class OddBus:
         """Answer this call of the bus itself with a value of another type."""
         self._retyped = member.encode()
 
+    def stop_reading(self, most: int) -> None:
+        """Stop reading from a connection in the middle of a message whose body has more bytes than this."""
+        self._most = most
+
     def behave(self) -> None:
         """Break no rule any more."""
         self._rejects = self._garbles = self._is_silent = False
-        self._retyped = None
+        self._retyped = self._most = None
 
     def inject_garbage(self) -> None:
         """Send bytes that mean nothing to everybody who is connected."""
@@ -127,7 +132,7 @@ class OddBus:
         try:
             bus_writer.write(await reader.readuntil(b"BEGIN\r\n"))
             while True:
-                message = await _read_message(reader)
+                message = await self._read_message(reader)
                 if self._retyped is not None and self._retyped in message:
                     writer.write(_odd_reply(message))
                 else:
@@ -136,18 +141,19 @@ class OddBus:
             back.cancel()
             bus_writer.close()
 
+    async def _read_message(self, reader: asyncio.StreamReader) -> bytes:
+        """One whole message, as bytes (the daemon's machine and this one have the same byte order: little)."""
+        head = await reader.readexactly(_HEADER)
+        body, _, fields = struct.unpack_from("<III", head, 4)
+        if self._most is not None and body > self._most:
+            await asyncio.get_running_loop().create_future()  # until the world ends
+        return head + await reader.readexactly(-(-fields // 8) * 8 + body)
+
 
 async def _pass_on(reader: asyncio.StreamReader, writer: asyncio.StreamWriter) -> None:
     while data := await reader.read(65536):
         writer.write(data)
     writer.close()
-
-
-async def _read_message(reader: asyncio.StreamReader) -> bytes:
-    """One whole message, as bytes (the daemon's machine and this one have the same byte order: little)."""
-    head = await reader.readexactly(_HEADER)
-    body, _, fields = struct.unpack_from("<III", head, 4)
-    return head + await reader.readexactly(-(-fields // 8) * 8 + body)
 
 
 def _odd_reply(call: bytes) -> bytes:
