@@ -11,19 +11,19 @@ set(VANTORA_SANITIZE "" CACHE STRING "Sanitizers to build with, as -fsanitize= t
 option(VANTORA_COVERAGE "Instrument for gcov" OFF)
 option(VANTORA_FUZZ "Instrument for libFuzzer; needs clang" OFF)
 
+include(VantoraHardening)
+
 # Every target of the project links this one: warnings and hardening in one place.
 add_library(vantora-build-flags INTERFACE)
 target_compile_options(vantora-build-flags INTERFACE
-  -Wall -Wextra -Wpedantic -Werror -Wshadow -Wnon-virtual-dtor -Wformat=2
-  -fstack-protector-strong -ffunction-sections -fdata-sections)
-target_link_options(vantora-build-flags INTERFACE -Wl,--gc-sections -Wl,-z,relro,-z,now -Wl,--as-needed)
+  -Wall -Wextra -Wpedantic -Werror -Wshadow -Wnon-virtual-dtor -Wformat=2 -ffunction-sections -fdata-sections)
+target_link_options(vantora-build-flags INTERFACE -Wl,--gc-sections -Wl,--as-needed)
+target_link_libraries(vantora-build-flags INTERFACE vantora-hardening)
 
 if(VANTORA_SANITIZE)
   target_compile_options(vantora-build-flags INTERFACE
     -fsanitize=${VANTORA_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
   target_link_options(vantora-build-flags INTERFACE -fsanitize=${VANTORA_SANITIZE})
-elseif(CMAKE_BUILD_TYPE STREQUAL "Release")
-  target_compile_definitions(vantora-build-flags INTERFACE _FORTIFY_SOURCE=2)
 endif()
 
 if(VANTORA_COVERAGE)

@@ -8,6 +8,7 @@ from pathlib import Path
 
 import pytest
 from conftest import ROOT, Package
+from hardening import ASSERTION, Elf, programs_below
 
 NAMES = ("vantora-network", "vantora-network-sim", "vantora-network-tools", "vantora-settingsd")
 
@@ -66,8 +67,7 @@ DAEMON_LIMIT = {"armhf": 250 * 1024, "amd64": 400 * 1024}
 
 def programs(unpacked: dict[str, Path], name: str) -> list[Path]:
     """The native programs of a package."""
-    return [path for path in sorted(unpacked[name].rglob("*"))
-            if path.is_file() and not path.is_symlink() and path.read_bytes()[:4] == b"\x7fELF"]
+    return programs_below(unpacked[name])
 
 
 def readelf(option: str, path: Path) -> str:
@@ -109,11 +109,15 @@ def test_programs_are_stripped_and_hardened(unpacked: dict[str, Path], name: str
     found = programs(unpacked, name)
     assert found
     for path in found:
-        header, dynamic, sections = readelf("--file-header", path), readelf("--dynamic", path), readelf("--sections", path)
+        header, sections = readelf("--file-header", path), readelf("--sections", path)
         assert re.search(rf"Machine: +{machine}\n", header), path
-        assert "DYN (Position-Independent Executable file)" in header, path
-        assert "BIND_NOW" in dynamic, path
+        assert Elf(path).flaws() == [], path
         assert ".symtab" not in sections and ".debug_info" not in sections, path
+
+
+def test_the_daemons_are_built_with_the_standard_librarys_checks(unpacked: dict[str, Path]) -> None:
+    for name in ("vantora-network", "vantora-settingsd"):
+        assert ASSERTION in Elf(unpacked[name] / f"usr/sbin/{name}").imports()
 
 
 @pytest.mark.parametrize("name", NAMES)
