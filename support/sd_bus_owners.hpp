@@ -50,5 +50,5 @@ public:
     const char* message() const { return error_.message != nullptr ? error_.message : ""; }
 
 private:
-    sd_bus_error error_ = SD_BUS_ERROR_NULL;
+    sd_bus_error error_{};
 };
