@@ -4,12 +4,13 @@ from __future__ import annotations
 
 import re
 import shlex
+import subprocess
 from pathlib import Path
 
 import pytest
 from conftest import ROOT
 from station import bring_up_station
-from vantora_sim import Process, World, call
+from vantora_sim import Process, World, call, changed
 from wifi_client import Running, environment
 
 PYTHON = "/usr/bin/python3"
@@ -47,6 +48,49 @@ def test_the_examples_end_when_the_bus_is_lost(world: World, follower: list[str]
         world.user_bus.stop()
         example.end()
     world.daemon.wait()
+
+
+REMEMBERING = """
+from gi.repository import Gio
+proxy = Gio.DBusProxy.new_for_bus_sync(Gio.BusType.SESSION, Gio.DBusProxyFlags.NONE, None, "com.vantora.Network1",
+                                       "/com/vantora/Network1", "com.vantora.Network1.WiFi", None)
+print("remembered at the start:", proxy.get_cached_property("ClientSSID").unpack(), flush=True)
+input()
+print("remembered later:", proxy.get_cached_property("ClientSSID").unpack(), flush=True)
+"""
+"""What the page warns of."""
+
+
+def test_the_example_without_remembered_values_shows_what_is_never_announced(world: World) -> None:
+    bring_up_station(world)
+    mark = world.journal.mark()
+    with Running([PYTHON, str(ROOT / "examples/fresh_values.py")], environment(world)) as example:
+        example.wait_for("(?m)^ClientSSID = $")
+        world.settle()
+        assert [text for _, text in world.journal.logs(mark) if text.startswith("Get ")] == ["Get 'WiFiClientSSID' property"], (
+            "nothing else is loaded")
+        world.radio.station_ssid = b"cafe"
+        world.wpa.report_state("completed", world.wpa.add_bss("cafe"))
+        example.wait_for("(?m)^ClientSSID = cafe$", 2)  # for the state, and two seconds later for SSID
+        assert [name for name, _ in world.journal.changes(mark) if name == "ClientSSID"] == []
+        world.user_bus.stop()
+        example.end()
+    assert world.daemon
+    world.daemon.wait()
+
+
+def test_a_proxy_that_remembers_values_is_wrong_as_the_page_says(world: World) -> None:
+    bring_up_station(world)
+    with subprocess.Popen([PYTHON, "-c", REMEMBERING], env=environment(world), stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                          text=True) as proxy:
+        assert proxy.stdout and proxy.stdin
+        assert proxy.stdout.readline() == "remembered at the start: \n"
+        world.radio.station_ssid = b"cafe"
+        mark = world.journal.mark()
+        world.wpa.report_state("completed", world.wpa.add_bss("cafe"))
+        world.journal.wait_for(changed("SSID"), mark)
+        assert world.get("ClientSSID") == "cafe"
+        assert proxy.communicate("\n")[0] == "remembered later: \n"
 
 
 # docs/dbus-api.md
