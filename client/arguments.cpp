@@ -124,18 +124,18 @@ private:
             "--passphrase-file",
             [this](const std::string& path) {
                 arguments_.passphrase = PassphraseSource::File;
-                arguments_.passphrase_file = path;
+                arguments_.passphraseFile = path;
             },
             "Read the passphrase from a file");
         file->type_name("FILE");
-        auto* const standard_input = connect_->add_flag_callback(
+        auto* const standardInput = connect_->add_flag_callback(
             "--passphrase-stdin", [this] { arguments_.passphrase = PassphraseSource::StandardInput; },
             "Read the passphrase from standard input");
         auto* const open = connect_->add_flag_callback(
             "--open", [this] { arguments_.passphrase = PassphraseSource::None; },
             "The network has no passphrase");
-        file->excludes(standard_input)->excludes(open);
-        standard_input->excludes(open);
+        file->excludes(standardInput)->excludes(open);
+        standardInput->excludes(open);
     }
 
     /** CLI11 repeats what it did not understand. After `connect` that may be a passphrase. */

@@ -21,7 +21,7 @@ struct Arguments
     bool json = false;
     std::chrono::milliseconds timeout{60'000};
     PassphraseSource passphrase = PassphraseSource::Prompt;
-    std::string passphrase_file;
+    std::string passphraseFile;
 };
 
 /** The program is to print this and end: help and version (status 0), or what is wrong with the command line.

@@ -42,7 +42,7 @@ public:
         }
         while (!failure_ && address_.empty() && Clock::now() < deadline_) {
             poll();
-            if (auto failure = daemon_.step(std::min(deadline_, next_poll_))) {
+            if (auto failure = daemon_.step(std::min(deadline_, nextPoll_))) {
                 return failure;
             }
         }
@@ -89,7 +89,7 @@ private:
         if (!accepted_ && !failure_) {
             return failure_of_time();
         }
-        if (failure_ && failure_->daemon_text == "Failed to connect to AP") {
+        if (failure_ && failure_->daemonText == "Failed to connect to AP") {
             failure_->text = "wpa_supplicant did not take the network, or does not run";
         }
         return failure_ ? std::optional(with_advice(*failure_)) : std::nullopt;
@@ -98,7 +98,7 @@ private:
     /** Asks for what is not announced, one question at a time. */
     void poll()
     {
-        if (asking_ || Clock::now() < next_poll_) {
+        if (asking_ || Clock::now() < nextPoll_) {
             return;
         }
         asking_ = true;
@@ -107,7 +107,7 @@ private:
             joined ? "IPAddress" : "WiFiClientState",
             [this, joined](Result<Json> answer) {
                 asking_ = false;
-                next_poll_ = Clock::now() + kPollInterval;
+                nextPoll_ = Clock::now() + kPollInterval;
                 if (!answer) {
                     failure_ = failure_ ? failure_ : std::optional(answer.failure());
                 } else if (!joined) {
@@ -117,7 +117,7 @@ private:
                 }
             },
             deadline_);
-        next_poll_ = deadline_;
+        nextPoll_ = deadline_;
     }
 
     void show(const std::string& state, bool news)
@@ -139,7 +139,7 @@ private:
                         "switched",
                         "", ""};
         }
-        next_poll_ = std::min(next_poll_, Clock::now());
+        nextPoll_ = std::min(nextPoll_, Clock::now());
     }
 
     std::optional<Failure> outcome() const
@@ -158,7 +158,7 @@ private:
     std::string ssid_;
     ConnectProgress progress_;
     Deadline deadline_;
-    Deadline next_poll_{};
+    Deadline nextPoll_{};
     bool accepted_ = false;
     bool asking_ = false;
     std::string address_;

@@ -6,7 +6,7 @@ namespace client {
 std::optional<Failure> run_disconnect(Daemon& daemon, const Arguments& arguments, Output& output)
 {
     if (auto failure = daemon.call("Disconnect", {}, Clock::now() + arguments.timeout)) {
-        if (failure->daemon_text == "Failed to connect to AP") {
+        if (failure->daemonText == "Failed to connect to AP") {
             failure->text = "there is no network to leave: the device is not connected";
         }
         return with_advice(*failure);

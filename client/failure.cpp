@@ -19,27 +19,27 @@ bool is_one_of(std::string_view name, const auto& candidates)
 
 } // namespace
 
-Failure failure_of_call(const char* error_name, const char* message, int result)
+Failure failure_of_call(const char* errorName, const char* message, int result)
 {
     constexpr auto kAbsent = std::to_array<std::string_view>({"ServiceUnknown", "NameHasNoOwner"});
     constexpr auto kGone = std::to_array<std::string_view>({"NoReply", "Disconnected"});
 
-    const std::string name = error_name == nullptr ? "" : error_name;
-    std::string_view short_name = name;
-    if (short_name.starts_with(kPrefix)) {
-        short_name.remove_prefix(kPrefix.size());
+    const std::string name = errorName == nullptr ? "" : errorName;
+    std::string_view shortName = name;
+    if (shortName.starts_with(kPrefix)) {
+        shortName.remove_prefix(kPrefix.size());
     }
-    if (is_one_of(short_name, kAbsent)) {
+    if (is_one_of(shortName, kAbsent)) {
         return {ExitStatus::Unreachable, "the daemon is not running (nobody owns com.vantora.Network1)", name,
                 ""};
     }
-    if (is_one_of(short_name, kGone)) {
+    if (is_one_of(shortName, kGone)) {
         Failure gone = failure_of_daemon_gone();
-        gone.error_name = name;
+        gone.errorName = name;
         return gone;
     }
     // Only now: to the bus library an answer that nobody will send any more is a time-out, too.
-    if (short_name == "Timeout" || result == -ETIMEDOUT) {
+    if (shortName == "Timeout" || result == -ETIMEDOUT) {
         return failure_of_time();
     }
     if (name.empty() || result == -ECONNRESET || result == -ENOTCONN) {

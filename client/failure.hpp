@@ -23,9 +23,9 @@ struct Failure
     /** For people: words, without the program's name and without a full stop. */
     std::string text;
     /** Name of the D-Bus error that the daemon or the bus answered with; empty when there was none. */
-    std::string error_name;
+    std::string errorName;
     /** What the daemon itself said; empty when it said nothing. */
-    std::string daemon_text;
+    std::string daemonText;
 };
 
 /** A value, or why there is none. */
@@ -48,11 +48,11 @@ private:
 /**
  * What a failed D-Bus call means.
  *
- * @param error_name name of the error reply, null or empty when there was no reply.
+ * @param errorName name of the error reply, null or empty when there was no reply.
  * @param message its text, may be null.
  * @param result what the bus library returned: a negative errno.
  */
-Failure failure_of_call(const char* error_name, const char* message, int result);
+Failure failure_of_call(const char* errorName, const char* message, int result);
 
 /** The connection to the bus could not be made or broke; `result` is a negative errno. */
 Failure failure_of_bus(int result);

@@ -15,21 +15,21 @@ namespace client {
 namespace {
 
 /** The time of day for people, the moment in UTC for programs. */
-std::string time_text(bool for_programs)
+std::string time_text(bool forPrograms)
 {
     const auto now = std::chrono::system_clock::now();
     const std::time_t seconds = std::chrono::system_clock::to_time_t(now);
     const auto fraction =
         std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count() % 1000;
     std::tm parts{};
-    if (for_programs) {
+    if (forPrograms) {
         ::gmtime_r(&seconds, &parts);
     } else {
         ::localtime_r(&seconds, &parts);
     }
     std::array<char, 32> text{};
-    std::strftime(text.data(), text.size(), for_programs ? "%Y-%m-%dT%H:%M:%S" : "%H:%M:%S", &parts);
-    if (!for_programs) {
+    std::strftime(text.data(), text.size(), forPrograms ? "%Y-%m-%dT%H:%M:%S" : "%H:%M:%S", &parts);
+    if (!forPrograms) {
         return text.data();
     }
     const std::string digits = std::to_string(1000 + fraction).substr(1);

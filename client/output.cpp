@@ -38,8 +38,8 @@ void Output::failure(const Failure& failure)
     if (json_) {
         object("error", {{"status", static_cast<int>(failure.status)},
                          {"text", failure.text},
-                         {"daemon_error", failure.error_name},
-                         {"daemon_text", failure.daemon_text}});
+                         {"daemon_error", failure.errorName},
+                         {"daemon_text", failure.daemonText}});
         return;
     }
     std::fprintf(stderr, "vantora-wifi: %s\n", error_.styled(Style::Bad, told(failure)).c_str());

@@ -50,7 +50,7 @@ public:
         for (const int number : kSignals) {
             sigaddset(&held, number);
         }
-        ::sigprocmask(SIG_BLOCK, &held, &mask_before_);
+        ::sigprocmask(SIG_BLOCK, &held, &maskBefore_);
         for (std::size_t index = 0; index < kSignals.size(); ++index) {
             ::sigaction(kSignals[index], nullptr, &before_[index]);
             // What is ignored, as under nohup(1), stays ignored.
@@ -66,20 +66,20 @@ public:
         for (std::size_t index = 0; index < kSignals.size(); ++index) {
             ::sigaction(kSignals[index], &before_[index], nullptr);
         }
-        ::sigprocmask(SIG_SETMASK, &mask_before_, nullptr);
+        ::sigprocmask(SIG_SETMASK, &maskBefore_, nullptr);
     }
 
     /** Returns true when there is something to read, false when a signal came first. */
     bool wait_for_input() const
     {
         pollfd input{STDIN_FILENO, POLLIN, 0};
-        return ::ppoll(&input, 1, nullptr, &mask_before_) > 0;
+        return ::ppoll(&input, 1, nullptr, &maskBefore_) > 0;
     }
 
 private:
     static constexpr auto kSignals = std::to_array<int>({SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGTSTP});
     std::array<struct sigaction, kSignals.size()> before_{};
-    sigset_t mask_before_{};
+    sigset_t maskBefore_{};
 };
 
 /** While this lives, the terminal shows nothing of what is typed but the end of the line. */
@@ -167,11 +167,11 @@ Result<std::string> read_from(const Arguments& arguments)
 {
     switch (arguments.passphrase) {
     case PassphraseSource::File: {
-        const UniqueFd file(::open(arguments.passphrase_file.c_str(), O_RDONLY | O_CLOEXEC));
+        const UniqueFd file(::open(arguments.passphraseFile.c_str(), O_RDONLY | O_CLOEXEC));
         if (!file) {
-            return wrong(arguments.passphrase_file + ": " + std::strerror(errno));
+            return wrong(arguments.passphraseFile + ": " + std::strerror(errno));
         }
-        return read_line(file.get(), arguments.passphrase_file);
+        return read_line(file.get(), arguments.passphraseFile);
     }
     case PassphraseSource::StandardInput:
         return read_line(STDIN_FILENO, "standard input");

@@ -30,10 +30,10 @@ std::span<const PropertyName> known_properties()
     return kProperties;
 }
 
-const PropertyName* find_property(const std::string& daemon_name)
+const PropertyName* find_property(const std::string& daemonName)
 {
     const auto* const found = std::ranges::find_if(
-        kProperties, [&daemon_name](const PropertyName& property) { return daemon_name == property.daemon; });
+        kProperties, [&daemonName](const PropertyName& property) { return daemonName == property.daemon; });
     return found == kProperties.end() ? nullptr : found;
 }
 

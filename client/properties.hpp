@@ -19,7 +19,7 @@ struct PropertyName
 std::span<const PropertyName> known_properties();
 
 /** What is known about a property of this name; null for one that is not shown. */
-const PropertyName* find_property(const std::string& daemon_name);
+const PropertyName* find_property(const std::string& daemonName);
 
 /**
  * Turns the daemon's properties into the fields of JSON, in which the radio is "on" or "off". A field whose

@@ -54,11 +54,11 @@ Result<Json> scan(Daemon& daemon, Deadline deadline)
     bool announced = false;
     bool gone = false;
     Deadline enough = kNever;
-    Deadline ask_again = kNever;
+    Deadline askAgain = kNever;
     Daemon::Events events;
-    events.networks = [&announced, &enough, &ask_again](const Json&) {
+    events.networks = [&announced, &enough, &askAgain](const Json&) {
         announced = true;
-        ask_again = kNever;
+        askAgain = kNever;
         enough = Clock::now() + kQuiet;
     };
     events.presence = [&gone](bool running) { gone = gone || !running; };
@@ -69,15 +69,15 @@ Result<Json> scan(Daemon& daemon, Deadline deadline)
         return with_advice(*failure);
     }
 
-    ask_again = Clock::now() + kAskAgain;
+    askAgain = Clock::now() + kAskAgain;
     enough = std::min(enough, Clock::now() + kLongestScan);
     while (!gone && Clock::now() < std::min(enough, deadline)) {
-        if (Clock::now() >= ask_again) {
-            ask_again = kNever;
+        if (Clock::now() >= askAgain) {
+            askAgain = kNever;
             daemon.call_later(
                 "Scan", {}, [](const std::optional<Failure>&) {}, deadline);
         }
-        if (auto failure = daemon.step(std::min({enough, deadline, ask_again}))) {
+        if (auto failure = daemon.step(std::min({enough, deadline, askAgain}))) {
             return *failure;
         }
     }

@@ -58,7 +58,7 @@ Failure with_advice(Failure failure)
         {"Failed to start AP scan", "the scan could not be started; the station may still be starting up"},
         {"Failed to add network", "the network could not be set up; try again"},
     });
-    if (const std::string_view advice = look_up(kAdvice, failure.daemon_text);
+    if (const std::string_view advice = look_up(kAdvice, failure.daemonText);
         failure.status == ExitStatus::Refused && !advice.empty()) {
         failure.text = advice;
     }
@@ -82,15 +82,15 @@ std::string refused_write_meaning(Command command, bool station)
     }
 }
 
-std::string waiting_reason(const std::string& last_state, const std::string& ssid)
+std::string waiting_reason(const std::string& lastState, const std::string& ssid)
 {
-    if (last_state == "completed") {
+    if (lastState == "completed") {
         return "connected to \"" + ssid + "\", but the network gave no address in time";
     }
-    if (last_state == "authenticating" || last_state == "associating" || last_state == "associated") {
+    if (lastState == "authenticating" || lastState == "associating" || lastState == "associated") {
         return "an access point of \"" + ssid + "\" was found, but did not let the device in in time";
     }
-    if (last_state == "4way_handshake" || last_state == "group_handshake") {
+    if (lastState == "4way_handshake" || lastState == "group_handshake") {
         return "the exchange of keys with \"" + ssid + "\" did not end in time";
     }
     return "no access point of \"" + ssid + "\" that can be joined was found in time";
@@ -99,8 +99,8 @@ std::string waiting_reason(const std::string& last_state, const std::string& ssi
 std::string told(const Failure& failure)
 {
     std::string line = escaped(failure.text);
-    if (!failure.daemon_text.empty()) {
-        line += " (the daemon: \"" + escaped(failure.daemon_text) + "\")";
+    if (!failure.daemonText.empty()) {
+        line += " (the daemon: \"" + escaped(failure.daemonText) + "\")";
     }
     return line;
 }

@@ -18,7 +18,7 @@ Failure with_advice(Failure failure);
 std::string refused_write_meaning(Command command, bool station);
 
 /** Why joining did not come to an end in time, told by the last state word. */
-std::string waiting_reason(const std::string& last_state, const std::string& ssid);
+std::string waiting_reason(const std::string& lastState, const std::string& ssid);
 
 /** The failure as one line for people, harmless to the terminal, with what the daemon said. */
 std::string told(const Failure& failure);

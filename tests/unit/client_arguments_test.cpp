@@ -91,13 +91,13 @@ TEST(ClientArguments, PassphraseSourcesAreTold)
     EXPECT_EQ(parsed({"connect", "x", "--passphrase-stdin"}).passphrase, PassphraseSource::StandardInput);
     const Arguments file = parsed({"connect", "--passphrase-file", "/a b", "x"});
     EXPECT_EQ(file.passphrase, PassphraseSource::File);
-    EXPECT_EQ(file.passphrase_file, "/a b");
+    EXPECT_EQ(file.passphraseFile, "/a b");
     EXPECT_EQ(file.value, "x");
 }
 
 TEST(ClientArguments, WrongOnesEndWithStatusTwo)
 {
-    const std::string long_name(33, 'x');
+    const std::string longName(33, 'x');
     for (const auto& words : std::vector<std::vector<const char*>>{
              {},
              {"nonsense"},
@@ -106,7 +106,7 @@ TEST(ClientArguments, WrongOnesEndWithStatusTwo)
              {"mode", "both"},
              {"band", "2"},
              {"ssid", ""},
-             {"ssid", long_name.c_str()},
+             {"ssid", longName.c_str()},
              {"ssid", "\xff"},
              {"connect"},
              {"connect", "a", "b"},

@@ -30,10 +30,10 @@ TEST(ClientFailure, AnErrorOfTheDaemonIsARefusalWithItsText)
 {
     const Failure refused = failure("org.freedesktop.DBus.Error.Failed", "Wifi is off", -EIO);
     EXPECT_EQ(refused.status, ExitStatus::Refused);
-    EXPECT_EQ(refused.error_name, "org.freedesktop.DBus.Error.Failed");
-    EXPECT_EQ(refused.daemon_text, "Wifi is off");
+    EXPECT_EQ(refused.errorName, "org.freedesktop.DBus.Error.Failed");
+    EXPECT_EQ(refused.daemonText, "Wifi is off");
     EXPECT_EQ(failure("org.freedesktop.DBus.Error.AccessDenied", "no", -EACCES).status, ExitStatus::Refused);
-    EXPECT_EQ(failure("com.example.Odd", nullptr, -EIO).daemon_text, "com.example.Odd");
+    EXPECT_EQ(failure("com.example.Odd", nullptr, -EIO).daemonText, "com.example.Odd");
 }
 
 TEST(ClientFailure, AnAbsentDaemonIsUnreachable)
@@ -87,7 +87,7 @@ TEST(ClientWords, AdviceFollowsFromTheDaemonsText)
                              "Failed to start AP scan", "Failed to add network"}) {
         const Failure advised = client::with_advice({ExitStatus::Refused, "plain", "", text});
         EXPECT_NE(advised.text, "plain") << text;
-        EXPECT_EQ(advised.daemon_text, text);
+        EXPECT_EQ(advised.daemonText, text);
     }
     EXPECT_EQ(client::with_advice({ExitStatus::Refused, "plain", "", "else"}).text, "plain");
 }
