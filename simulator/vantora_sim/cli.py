@@ -26,7 +26,8 @@ _NOT_EXECUTABLE = 126
 
 _EPILOG = """\
 Without COMMAND it stays until Ctrl-C and ends with status 0. With COMMAND it runs that program, with the addresses of both
-buses in its environment (DBUS_SESSION_BUS_ADDRESS, DBUS_SYSTEM_BUS_ADDRESS), and ends with its status.
+buses in its environment (DBUS_SESSION_BUS_ADDRESS, DBUS_SYSTEM_BUS_ADDRESS) and vantora-wifi and vantora-simctl on its PATH,
+and ends with its status.
 """
 
 
@@ -55,12 +56,18 @@ def main(argv: list[str]) -> int:
     absent = places.missing(options.build_dir)
     if absent:
         return _complain(f"{options.build_dir} holds no {', '.join(absent)}: build first, or give --build-dir")
+    lacking = places.lacking()
+    if lacking:
+        return _complain(f"this system lacks {', '.join(lacking)}")
     if not _has_a_name(os.getuid()):
         return _complain(f"user id {os.getuid()} is in no user database (passwd): a message bus turns away whom it cannot look up")
     for number in (signal.SIGTERM, signal.SIGHUP):
         signal.signal(number, _interrupt)
     try:
         plan = read_world(options.world)
+        unsuited = tour.unsuited(plan) if options.demo else ""
+        if unsuited:
+            return _complain(f"the tour does not fit the world \"{plan.name}\": {unsuited}")
         if options.demo:
             return tour.run(plan, options.build_dir, sys.stdout, verbose=options.verbose)
         if options.state is not None:
@@ -105,14 +112,25 @@ def _introduce(device: SimulatedDevice, out: TextIO) -> None:
           f"{_hints(device.world.build)}\n", file=out, flush=True)
 
 
+def _tools(build: Path) -> list[Path]:
+    """The programs that are made for people, where they stand."""
+    beside = Path(sys.argv[0]).resolve().parent
+    found = [next((folder / name for folder in (build, beside) if (folder / name).exists()), None)
+             for name in ("vantora-wifi", "vantora-simctl")]
+    return [program for program in found if program is not None]
+
+
+def _path_with_tools(build: Path) -> str:
+    """PATH on which those are found by their names, before any others of these names."""
+    path = os.environ.get("PATH", os.defpath)
+    folders = dict.fromkeys(str(program.parent) for program in _tools(build) if shutil.which(program.name) != str(program))
+    return os.pathsep.join([*folders, path])
+
+
 def _hints(build: Path) -> str:
     """Where the programs stand that are made for people."""
-    beside = Path(sys.argv[0]).resolve().parent
-    hints = [f"Change what is around it: {_called(beside / 'vantora-simctl')} --help"]
-    client = next((folder / "vantora-wifi" for folder in (build, beside) if (folder / "vantora-wifi").exists()), None)
-    if client is not None:
-        hints.insert(0, f"The same in words and tables: {_called(client)} --help")
-    return "\n".join(hints)
+    what = {"vantora-wifi": "The same in words and tables", "vantora-simctl": "Change what is around it"}
+    return "\n".join(f"{what[program.name]}: {_called(program)} --help" for program in _tools(build))
 
 
 def _called(program: Path) -> str:
@@ -144,7 +162,7 @@ def _run_command(device: SimulatedDevice, command: list[str]) -> int:
     """Run a program in reach of the device; Ctrl-C is its business then."""
     device.wait_up()
     _introduce(device, sys.stderr)
-    environment = {**os.environ, **device.environment}
+    environment = {**os.environ, **device.environment, "PATH": _path_with_tools(device.world.build)}
     try:
         process = subprocess.Popen(command, env=environment)
     except FileNotFoundError:

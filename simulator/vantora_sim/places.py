@@ -10,6 +10,9 @@ _IN_SOURCE_TREE = (_ROOT / "simulator/sandbox").is_dir()
 _SHARE = _PACKAGE.parent
 
 _COVERED = ("dev", "etc", "run", "tmp")
+_NEEDED = tuple(Path(path) for path in (
+    "/proc/self/ns", *(f"/dev/{name}" for name in ("null", "zero", "full", "random", "urandom", "tty")), "/usr/bin/dbus-daemon",
+    "/usr/share/dbus-1/session.conf", "/usr/bin/nsenter", "/usr/bin/setpriv", "/usr/sbin/ip"))
 PROGRAMS = ("vantora-network", "vantora-settingsd", "vantora-sim-sandbox", "vantora-sim-tool")
 
 
@@ -32,6 +35,11 @@ def hidden_programs(build: Path) -> list[Path]:
     """Folders outside of this one in which its programs really are, and which a sandbox covers with its own."""
     folders = {(build / name).resolve().parent for name in PROGRAMS} - {build.resolve()}
     return sorted(folder for folder in folders if folder.parts[1] in _COVERED)
+
+
+def lacking() -> list[str]:
+    """What of the system a world needs and does not find, as a chroot with nothing mounted in it has not got it all."""
+    return [str(path) for path in _NEEDED if not path.exists()]
 
 
 def missing(build: Path) -> list[str]:

@@ -82,7 +82,13 @@ class Plan:
     """Initial settings by section; they hold where nothing is stored yet."""
 
     @property
+    def hears_5_ghz(self) -> bool:
+        """Whether the device has a radio for the 5 GHz band."""
+        return self.device.get("radio_type", "1") == "1"
+
+    @property
     def joinable(self) -> Network | None:
         """A network that the device can join with a passphrase and that gives it an address."""
         return next((network for network in self.networks if network.takes_passphrase and network.passphrase and network.address
-                     and not network.hidden and network.ssid.isascii() and network.label.isprintable()), None)
+                     and (network.band == "2.4" or self.hears_5_ghz) and not network.hidden and network.ssid.isascii()
+                     and network.label.isprintable()), None)

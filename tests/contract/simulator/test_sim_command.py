@@ -16,7 +16,7 @@ from pathlib import Path
 import pytest
 from conftest import ROOT
 from simulated import PYTHON, SIMULATOR
-from vantora_sim import places, simctl
+from vantora_sim import cli, places, simctl
 
 TARGET = "com.vantora.Network1 /com/vantora/Network1 com.vantora.Network1.WiFi"
 SETTING = "com.vantora.common.Settings1 /com/vantora/common/Settings1/device com.vantora.common.Settings1 deviceName"
@@ -167,6 +167,50 @@ def test_tour_does_and_checks_every_step(build_dir: Path) -> None:
     taken = re.fullmatch(r"All steps done and checked in ([0-9.]+) s\.", ran.stdout.splitlines()[-1])
     assert taken is not None
     assert float(taken[1]) < 30
+
+
+def test_tour_of_a_device_with_one_band_that_starts_as_a_station(build_dir: Path) -> None:
+    ran = vantora_sim(build_dir, "--demo", "--world", "single-band")
+    assert ran.returncode == 0, ran.stdout + ran.stderr
+    assert "3. " not in ran.stderr and "Band: 5 GHz, which this device has not\n" in ran.stdout
+    assert 'ok     WiFiFrequency is "2.4"\n' in ran.stdout
+    assert ran.stdout.splitlines()[-1].startswith("All steps done and checked in ")
+
+
+@pytest.mark.parametrize(("world", "reason"), [
+    ({"stations": [{"name": "a"}, {"name": "b"}]}, "it needs a network with a passphrase and an address that the device hears"),
+    ({"networks": [{"ssid": "x", "passphrase": "12345678"}], "stations": [{"name": "a"}]}, "it needs two stations"),
+    ({"device": {"radio_type": 0}, "networks": [{"ssid": "x", "passphrase": "12345678", "band": "5", "channel": 36}],
+      "stations": [{"name": "a"}, {"name": "b"}]}, "it needs a network with a passphrase and an address that the device hears")],
+    ids=["no network", "one station", "another band"])
+def test_tour_says_at_once_why_a_world_does_not_suit_it(build_dir: Path, tmp_path: Path, world: dict[str, object],
+                                                         reason: str) -> None:
+    path = tmp_path / "w.json"
+    path.write_text(json.dumps({"name": "w", **world}))
+    ran = vantora_sim(build_dir, "--demo", "--world", path)
+    assert (ran.returncode, ran.stdout, ran.stderr) == (1, "", f'vantora-sim: the tour does not fit the world "w": {reason}\n')
+
+
+def test_command_finds_the_programs_for_people_by_their_names(build_dir: Path) -> None:
+    ran = in_shell(build_dir, "vantora-wifi --json status; vantora-simctl join tablet; command -v vantora-wifi")
+    assert ran.returncode == 0, ran.stderr
+    status, joined, found = ran.stdout.splitlines()
+    assert json.loads(status)["mode"] == "Host"
+    assert (joined, found) == ("tablet has joined", str(build_dir.resolve() / "vantora-wifi"))
+
+
+def test_nothing_but_the_commands_own_words_is_on_standard_output(build_dir: Path) -> None:
+    assert in_shell(build_dir, "true").stdout == ""
+    run = (ROOT / "scripts/run").read_text()
+    assert re.search(r"^scripts/build .* >&2$", run, re.MULTILINE)
+
+
+def test_what_a_bare_chroot_lacks_is_named(build_dir: Path, monkeypatch: pytest.MonkeyPatch, capsys: pytest.CaptureFixture[str],
+                                           tmp_path: Path) -> None:
+    present, absent = Path("/usr"), tmp_path / "proc/self/ns"
+    monkeypatch.setattr(places, "_NEEDED", (present, absent))
+    assert cli.main(["--build-dir", str(build_dir), "--", "true"]) == 1
+    assert capsys.readouterr().err == f"vantora-sim: this system lacks {absent}\n"
 
 
 def test_tour_fails_when_a_step_does(build_dir: Path, tmp_path: Path) -> None:
