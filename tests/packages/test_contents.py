@@ -31,6 +31,8 @@ FILES = {
     "vantora-network-sim": {
         "/usr/bin/vantora-sim",
         "/usr/bin/vantora-simctl",
+        "/usr/share/bash-completion/completions/vantora-simctl",
+        "/usr/share/zsh/vendor-completions/_vantora-simctl",
         "/usr/libexec/vantora-sim/vantora-network",
         "/usr/libexec/vantora-sim/vantora-settingsd",
         "/usr/libexec/vantora-sim/vantora-sim-sandbox",
