@@ -1,14 +1,17 @@
 #include "arguments.hpp"
 
+#include <algorithm>
+#include <cctype>
 #include <charconv>
 #include <cmath>
-#include <map>
 #include <string>
 #include <system_error>
+#include <vector>
 
 #include <CLI/CLI.hpp>
 
 #include "failure.hpp"
+#include "nearest_word.hpp"
 #include "text.hpp"
 
 namespace client {
@@ -20,7 +23,7 @@ constexpr std::size_t kLongestSsid = 32;
 
 const char* const kFooter =
     "Exit status: 0 done, 1 refused or failed, 2 wrong usage, 3 daemon not reachable, "
-    "4 timed out.\nvantora-wifi(1) tells more.";
+    "4 timed out, 5 the station daemon is not heard.\nvantora-wifi(1) tells more.";
 
 /** An SSID that the daemon can be given: D-Bus carries text only, and the radio 32 bytes. */
 std::string check_ssid(const std::string& ssid)
@@ -45,40 +48,59 @@ std::string check_timeout(const std::string& text)
     return "";
 }
 
+/** What is wrong with a word, told in the words that there are. */
+std::string not_among(const std::string& word, const std::vector<std::string>& words)
+{
+    const std::string meant = nearest_word(word, words);
+    return "\"" + word + "\" is neither " + words.front() + " nor " + words.back() +
+           (meant.empty() ? "" : "; did you mean " + meant + "?");
+}
+
+std::string check_band(const std::string& word)
+{
+    return word == "2.4" || word == "5" ? "" : not_among(word, {"2.4", "5"});
+}
+
+/** Spells the word as the daemon does, or returns what is wrong. */
+std::string to_mode(std::string& word)
+{
+    std::string lower = word;
+    std::ranges::transform(lower, lower.begin(), [](unsigned char letter) { return std::tolower(letter); });
+    if (lower != "host" && lower != "client") {
+        return not_among(word, {"host", "client"});
+    }
+    word = lower == "host" ? "Host" : "Client";
+    return "";
+}
+
 /** The sub-commands, bound to the arguments that they fill in. */
 class Parser
 {
 public:
-    Parser()
+    explicit Parser(bool terminal) : terminal_(terminal)
     {
-        app_.require_subcommand(1);
+        app_.require_subcommand(0, 1);
         app_.footer(kFooter);
         app_.set_version_flag("--version", "vantora-wifi " VANTORA_VERSION);
         app_.add_flag("--json", arguments_.json, "Print one JSON object a line, for programs");
         app_.add_option("--timeout", seconds_, "Give up after so many seconds")
-            ->check(CLI::Validator(check_timeout, "SECONDS"))
-            ->type_name("")
-            ->default_str("60");
+            ->check(CLI::Validator(check_timeout, ""))
+            ->type_name("SECONDS (60)");
 
-        add(Command::Status, "status", "Show the state of the Wi-Fi");
+        add(Command::Status, "status", "Show the state of the Wi-Fi")
+            ->add_flag("--watch", arguments_.watch, "Go on showing it, redrawn in place");
         add(Command::On, "on", "Switch the radio on");
         add(Command::Off, "off", "Switch the radio off");
-        add(Command::Mode, "mode", "Become an access point (host) or a station (client)")
+        add(Command::Mode, "mode", "Become an access point (host) or a station (client), or show what it is")
             ->add_option("mode", arguments_.value, "host or client")
-            ->required()
-            ->type_name("")
-            ->transform(
-                CLI::Transformer(std::map<std::string, std::string>{{"host", "Host"}, {"client", "Client"}},
-                                 CLI::ignore_case)
-                    .description("host|client"))
-            ->check(CLI::IsMember({"Host", "Client"}).description(""));
-        add(Command::Band, "band", "Set the access point's band")
+            ->type_name("host|client")
+            ->transform(CLI::Validator(to_mode, ""));
+        add(Command::Band, "band", "Set the access point's band, or show it")
             ->add_option("band", arguments_.value, "GHz")
-            ->required()
-            ->type_name("")
-            ->check(CLI::IsMember({"2.4", "5"}).description("2.4|5"));
-        add_ssid(add(Command::Ssid, "ssid", "Set the access point's name"));
-        add(Command::Scan, "scan", "Look for networks and list them");
+            ->type_name("2.4|5")
+            ->check(CLI::Validator(check_band, ""));
+        add_ssid(add(Command::Ssid, "ssid", "Set the access point's name, or show it"));
+        add_scan();
         add_connect();
         add(Command::Disconnect, "disconnect", "Leave the network");
         add(Command::Monitor, "monitor", "Print every change until interrupted");
@@ -96,6 +118,12 @@ public:
             return wrong(error);
         }
         arguments_.timeout = std::chrono::milliseconds(std::llround(seconds_ * 1000));
+        if (app_.get_subcommands().empty()) {
+            return without_command();
+        }
+        if (connect_->parsed() && arguments_.value.empty() && arguments_.json) {
+            return wrong(CLI::RequiredError("ssid"));
+        }
         return arguments_;
     }
 
@@ -111,15 +139,26 @@ private:
     void add_ssid(CLI::App* sub)
     {
         sub->add_option("ssid", arguments_.value, "Name of the network, up to 32 bytes")
-            ->required()
             ->type_name("")
             ->check(CLI::Validator(check_ssid, ""));
+    }
+
+    void add_scan()
+    {
+        CLI::App* const scan = add(Command::Scan, "scan", "Look for networks and list them");
+        auto* const watch =
+            scan->add_flag("--watch", arguments_.watch, "Look again and again, redrawn in place");
+        scan->add_flag("--names", arguments_.names, "Print only the names that are known now, one a line")
+            ->excludes(watch);
     }
 
     void add_connect()
     {
         connect_ = add(Command::Connect, "connect", "Join a network; asks for the passphrase on a terminal");
         add_ssid(connect_);
+        connect_->get_option("ssid")->required(!terminal_);
+        connect_->add_flag("--force", arguments_.force, "Go on whatever is known of what is in range");
+        connect_->add_flag("--hidden", arguments_.force, "The network does not tell its name");
         auto* const file = connect_->add_option_function<std::string>(
             "--passphrase-file",
             [this](const std::string& path) {
@@ -146,11 +185,31 @@ private:
             text =
                 "connect takes the name of one network and its own options; the passphrase is asked for, or read "
                 "with --passphrase-file or --passphrase-stdin, and never stands on the command line";
+        } else if (app_.get_subcommands().empty() && !app_.remaining().empty()) {
+            text = unknown_command(app_.remaining().front());
         }
         return {static_cast<int>(ExitStatus::Usage),
                 "vantora-wifi: " + escaped(text) + "\nTry 'vantora-wifi --help'.\n"};
     }
 
+    EarlyEnd without_command() const
+    {
+        return {static_cast<int>(ExitStatus::Usage),
+                "vantora-wifi: a sub-command is required\n\n" + app_.help()};
+    }
+
+    std::string unknown_command(const std::string& word) const
+    {
+        std::vector<std::string> commands;
+        for (const CLI::App* const sub : app_.get_subcommands({})) {
+            commands.push_back(sub->get_name());
+        }
+        const std::string meant = nearest_word(word, commands);
+        return "there is no sub-command \"" + word + "\"" +
+               (meant.empty() ? "" : "; did you mean " + meant + "?");
+    }
+
+    bool terminal_;
     Arguments arguments_;
     double seconds_ = 60;
     CLI::App app_{"Wi-Fi of the device, from the command line", "vantora-wifi"};
@@ -159,9 +218,9 @@ private:
 
 } // namespace
 
-std::variant<Arguments, EarlyEnd> parse_arguments(int argc, const char* const* argv)
+std::variant<Arguments, EarlyEnd> parse_arguments(int argc, const char* const* argv, bool terminal)
 {
-    return Parser().parse(argc, argv);
+    return Parser(terminal).parse(argc, argv);
 }
 
 } // namespace client

@@ -8,16 +8,13 @@
 
 #include <unistd.h>
 
+#include "daemon_names.hpp"
+#include "properties.hpp"
 #include "support/bus_connection.hpp"
 
 namespace client {
 
 namespace {
-
-constexpr const char* kName = "com.vantora.Network1";
-constexpr const char* kPath = "/com/vantora/Network1";
-constexpr const char* kInterface = "com.vantora.Network1.WiFi";
-constexpr const char* kProperties = "org.freedesktop.DBus.Properties";
 
 /** On a device nobody logs in, so nothing may tell root's programs where root's bus is. */
 int set_usual_address(sd_bus* bus)
@@ -34,15 +31,26 @@ Result<sd_bus_message*> judged(sd_bus_message* reply)
     return reply;
 }
 
+/** Microseconds until a moment that the bus library names on its clock; 0 when it has passed. */
+std::uint64_t microseconds_at(std::uint64_t moment)
+{
+    if (moment == kForEver) {
+        return kForEver;
+    }
+    const auto now = std::chrono::duration_cast<std::chrono::microseconds>(Clock::now().time_since_epoch());
+    const auto passed = static_cast<std::uint64_t>(now.count());
+    return moment > passed ? moment - passed : 0;
+}
+
 Failure unreadable()
 {
     return {ExitStatus::Refused, "the daemon's answer cannot be read", "", ""};
 }
 
-Result<Json> value_of(sd_bus_message* reply)
+Result<Json> value_of(const std::string& property, sd_bus_message* reply)
 {
     Json value;
-    if (read_value(reply, value) < 0) {
+    if (read_value(reply, value) < 0 || !fits(property, value)) {
         return unreadable();
     }
     return value;
@@ -144,7 +152,7 @@ Result<Json> Daemon::get(const std::string& property, Deadline deadline)
     }
     sd_bus_message_append(request.value().get(), "ss", kInterface, property.c_str());
     auto reply = send(std::move(request.value()), deadline);
-    return reply ? value_of(reply.value().get()) : Result<Json>(reply.failure());
+    return reply ? value_of(property, reply.value().get()) : Result<Json>(reply.failure());
 }
 
 std::optional<Failure> Daemon::set(const std::string& property, char type, const Json& value,
@@ -209,8 +217,8 @@ void Daemon::get_later(const std::string& property, Got got, Deadline deadline)
     }
     send_later(
         std::move(request),
-        [got = std::move(got)](const Result<sd_bus_message*>& reply) {
-            got(reply ? value_of(reply.value()) : Result<Json>(reply.failure()));
+        [property, got = std::move(got)](const Result<sd_bus_message*>& reply) {
+            got(reply ? value_of(property, reply.value()) : Result<Json>(reply.failure()));
         },
         deadline);
 }
@@ -249,98 +257,57 @@ int Daemon::on_reply(sd_bus_message* reply, void* userdata, sd_bus_error*)
     return 0;
 }
 
-std::optional<Failure> Daemon::follow(Events events, Deadline deadline)
-{
-    events_ = std::move(events);
-    const std::uint64_t left = microseconds_until(deadline);
-    if (left == 0) {
-        return failure_of_time();
-    }
-    sd_bus_set_method_call_timeout(bus_.get(), left);
-
-    struct Match
-    {
-        const char* sender;
-        const char* path;
-        const char* interface;
-        const char* member;
-        sd_bus_message_handler_t handler;
-    };
-    const auto matches = std::to_array<Match>({
-        {kName, kPath, kProperties, "PropertiesChanged", on_changed},
-        {kName, kPath, kInterface, "AccessPointsChanged", on_networks},
-        {"org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "NameOwnerChanged",
-         on_owner},
-    });
-    for (const Match& match : matches) {
-        const int result = sd_bus_match_signal(bus_.get(), nullptr, match.sender, match.path, match.interface,
-                                               match.member, match.handler, this);
-        if (result == -ETIMEDOUT) {
-            return Failure{ExitStatus::TimedOut, "the user bus did not answer in time", "", ""};
-        }
-        if (result < 0) {
-            return failure_of_bus(result);
-        }
-    }
-    return std::nullopt;
-}
-
-int Daemon::on_changed(sd_bus_message* signal, void* userdata, sd_bus_error*)
-{
-    const auto& changed = static_cast<Daemon*>(userdata)->events_.changed;
-    const char* interface = nullptr;
-    Json values;
-    if (!changed || sd_bus_message_read_basic(signal, 's', &interface) <= 0 ||
-        interface != std::string_view(kInterface) || read_dictionary(signal, values) < 0) {
-        return 0;
-    }
-    for (const auto& [property, value] : values.items()) {
-        changed(property, value);
-    }
-    return 0;
-}
-
-int Daemon::on_networks(sd_bus_message* signal, void* userdata, sd_bus_error*)
-{
-    const auto& networks = static_cast<Daemon*>(userdata)->events_.networks;
-    Json list;
-    if (networks && read_value(signal, list) >= 0) {
-        networks(list);
-    }
-    return 0;
-}
-
-int Daemon::on_owner(sd_bus_message* signal, void* userdata, sd_bus_error*)
-{
-    const auto& presence = static_cast<Daemon*>(userdata)->events_.presence;
-    const char* name = nullptr;
-    const char* before = nullptr;
-    const char* after = nullptr;
-    if (presence && sd_bus_message_read(signal, "sss", &name, &before, &after) > 0 &&
-        name == std::string_view(kName)) {
-        presence(*after != '\0');
-    }
-    return 0;
-}
-
 std::optional<Failure> Daemon::step(Deadline deadline)
 {
+    return step(deadline, {});
+}
+
+std::optional<Failure> Daemon::step(Deadline deadline, std::span<pollfd> others)
+{
+    // First, so that a busy bus does not keep them waiting.
+    if (!others.empty() && ::poll(others.data(), others.size(), 0) > 0) {
+        return std::nullopt;
+    }
     for (;;) {
         int result = sd_bus_process(bus_.get(), nullptr);
         if (result > 0) {
             return std::nullopt;
         }
-        const std::uint64_t left = microseconds_until(deadline);
-        if (result == 0 && left == 0) {
-            return std::nullopt;
-        }
         if (result == 0) {
-            result = sd_bus_wait(bus_.get(), left);
+            result = wait(deadline, others);
+            const bool other = std::ranges::any_of(others, [](const pollfd& fd) { return fd.revents != 0; });
+            if (result == 0 || (result > 0 && other)) {
+                return std::nullopt;
+            }
         }
         if (result < 0 && result != -EINTR) {
             return failure_of_bus(result);
         }
     }
+}
+
+/** Waits for the bus or another descriptor. Returns 1, 0 when the deadline has come, or a negative errno. */
+int Daemon::wait(Deadline deadline, std::span<pollfd> others)
+{
+    const int events = sd_bus_get_events(bus_.get());
+    std::uint64_t wakeUp = kForEver; // on the clock of deadlines
+    if (const int result = events < 0 ? events : sd_bus_get_timeout(bus_.get(), &wakeUp); result < 0) {
+        return result;
+    }
+    std::vector<pollfd> polled(others.begin(), others.end());
+    polled.push_back({sd_bus_get_fd(bus_.get()), static_cast<short>(events), 0});
+    const std::uint64_t own = microseconds_at(wakeUp);
+    const std::uint64_t left = std::min(microseconds_until(deadline), own);
+    const timespec time = {static_cast<time_t>(left / 1'000'000), static_cast<long>(left % 1'000'000 * 1000)};
+    const int ready = ::ppoll(polled.data(), polled.size(), left == kForEver ? nullptr : &time, nullptr);
+    const int error = errno;
+    for (std::size_t index = 0; index < others.size(); ++index) {
+        others[index].revents = ready > 0 ? polled[index].revents : static_cast<short>(0);
+    }
+    if (ready < 0) {
+        return -error;
+    }
+    return ready > 0 || microseconds_until(deadline) > 0 ? 1 : 0;
 }
 
 } // namespace client

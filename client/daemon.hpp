@@ -3,8 +3,12 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
+#include <string_view>
 #include <vector>
+
+#include <poll.h>
 
 #include "deadline.hpp"
 #include "failure.hpp"
@@ -32,6 +36,8 @@ public:
         std::function<void(const Json& networks)> networks;
         /** The daemon came to the bus (true) or left it. */
         std::function<void(bool running)> presence;
+        /** A signal of the daemon had another type than it should and was passed over: words for people. */
+        std::function<void(const std::string& text)> unreadable;
     };
 
     /** The outcome of a call that was made without waiting: nothing, or why it failed. */
@@ -62,12 +68,17 @@ public:
     /** Reads a property without waiting: `got` is called from step(). */
     void get_later(const std::string& property, Got got, Deadline deadline);
 
-    /** From now on hands on what the daemon announces. To be called once. The failure, or nothing. */
+    /** From now on hands on what the daemon announces: whoever owns its name, and nobody else. When called
+     * again, to the new receiver only. The failure, or nothing. */
     std::optional<Failure> follow(Events events, Deadline deadline);
 
     /** Handles one thing that has arrived, or waits for one until the deadline. Fails only when the bus is
      * lost. */
     std::optional<Failure> step(Deadline deadline);
+
+    /** The same, and comes back as well when one of the other descriptors has what it is asked for in
+     * `others`, whose `revents` are filled in. */
+    std::optional<Failure> step(Deadline deadline, std::span<pollfd> others);
 
 private:
     struct Pending;
@@ -80,6 +91,10 @@ private:
     static int open_user_bus(BusPtr& opened);
 
     std::optional<Failure> wait_for_bus(Deadline deadline);
+    std::optional<Failure> ask_owner(Deadline deadline);
+    bool is_believed(sd_bus_message* signal) const;
+    void pass_over(const char* member) const;
+    int wait(Deadline deadline, std::span<pollfd> others);
     Result<MessagePtr> make_call(const char* interface, const char* member) const;
     Result<MessagePtr> send(MessagePtr request, Deadline deadline) const;
     void send_later(Result<MessagePtr> request, std::function<void(const Result<sd_bus_message*>&)> answered,
@@ -92,6 +107,8 @@ private:
 
     std::vector<std::unique_ptr<Pending>> pending_; // outlives the bus, which may still point to them
     Events events_;
+    bool following_ = false;
+    std::string owner_; // who has the daemon's name, by its own name on the bus; empty for nobody
     BusPtr bus_;
 };
 

@@ -14,6 +14,7 @@ enum class ExitStatus : std::uint8_t {
     Usage = 2,       /**< the command line, or a value on it, cannot be right */
     Unreachable = 3, /**< no bus, no daemon on it, or it went away in the middle */
     TimedOut = 4,
+    Silent = 5, /**< the daemon is there, and nothing is heard of the station daemon behind it */
 };
 
 /** Why a command did not do what it was asked to. */

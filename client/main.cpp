@@ -4,10 +4,13 @@
 #include <optional>
 #include <variant>
 
+#include <unistd.h>
+
 #include "arguments.hpp"
 #include "commands.hpp"
 #include "daemon.hpp"
 #include "output.hpp"
+#include "whose_bus.hpp"
 
 namespace {
 
@@ -35,16 +38,22 @@ std::optional<Failure> run(const Arguments& arguments, Output& output)
 {
     auto daemon = Daemon::connect(Clock::now() + arguments.timeout);
     if (!daemon) {
-        return daemon.failure();
+        return with_whose_bus(daemon.failure());
     }
-    return function_of(arguments.command)(*daemon.value(), arguments, output);
+    auto failure = function_of(arguments.command)(*daemon.value(), arguments, output);
+    return failure && !failure->errorName.empty() ? std::optional(with_whose_bus(*failure)) : failure;
+}
+
+bool has_terminal()
+{
+    return ::isatty(STDIN_FILENO) != 0 && ::isatty(STDOUT_FILENO) != 0;
 }
 
 int run_program(int argc, const char* const* argv)
 {
     std::setlocale(LC_CTYPE, "");
 
-    const auto parsed = parse_arguments(argc, argv);
+    const auto parsed = parse_arguments(argc, argv, has_terminal());
     if (const auto* const end = std::get_if<EarlyEnd>(&parsed); end != nullptr) {
         std::fputs(end->text.c_str(), end->status == 0 ? stdout : stderr);
         return end->status;

@@ -110,6 +110,7 @@ private:
                 due_.emplace_back([this] { return show_state(); });
             }
         };
+        events.unreadable = [this](const std::string& text) { output_.warning(text); };
         return events;
     }
 

@@ -1,6 +1,8 @@
 #pragma once
 
+#include <cstddef>
 #include <string>
+#include <vector>
 
 #include "failure.hpp"
 #include "table.hpp"
@@ -28,17 +30,28 @@ public:
     void line(const std::string& text);
     void table(const Table& table);
 
+    /** For people: lines that take the place of those that this showed before, where the terminal can do
+     * that; elsewhere they follow them, after an empty line. */
+    void replace(const std::vector<std::string>& lines);
+
     /** For both: why the command failed. People find it on standard error, programs as the last object. */
     void failure(const Failure& failure);
+
+    /** For both: what people should know and what does not end the command. They find it on standard error.
+     */
+    void warning(const std::string& text);
 
     /** Whether everything could be written. */
     bool complete() const { return complete_; }
 
 private:
     void write(const std::string& line);
+    void put(const std::string& text);
 
     bool json_;
     bool complete_ = true;
+    bool inPlace_;
+    std::size_t replaced_ = 0; // lines that stand there to be replaced
     Terminal out_;
     Terminal error_;
 };

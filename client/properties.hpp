@@ -13,10 +13,15 @@ struct PropertyName
     const char* daemon; /**< in the interface */
     const char* field;  /**< in JSON; these names do not change */
     const char* label;  /**< for people */
+    const char* type;   /**< its D-Bus signature */
 };
 
 /** All of them, in the order in which people see them. */
 std::span<const PropertyName> known_properties();
+
+/** Whether a value is of the type that the property of this name has; true for a property that is not known.
+ */
+bool fits(const std::string& daemonName, const Json& value);
 
 /** What is known about a property of this name; null for one that is not shown. */
 const PropertyName* find_property(const std::string& daemonName);

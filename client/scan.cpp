@@ -5,27 +5,51 @@
 #include <string>
 
 #include "commands.hpp"
-#include "signal_bars.hpp"
+#include "networks.hpp"
+#include "scan_wait.hpp"
 #include "text.hpp"
+#include "watch.hpp"
 #include "words.hpp"
 
 namespace client {
 
 namespace {
 
-using std::chrono::milliseconds;
+/** The daemon gives up a question to a neighbour after 25 seconds, and then calls the scan begun. */
+constexpr std::chrono::seconds kNoAnswer{20};
 
-/** A scan takes two to four seconds. One that found nothing new is not announced at all. */
-constexpr milliseconds kLongestScan{8000};
-/** A station that is still starting up does not scan, and the daemon does not say so: then it is asked once
- * more. */
-constexpr milliseconds kAskAgain{3000};
-/** The list may be announced in pieces, one soon after the other. */
-constexpr milliseconds kQuiet{300};
+Failure silent(const std::string& text)
+{
+    return {ExitStatus::Silent, text, "", ""};
+}
 
-/** Why there is nothing to scan with. The daemon itself takes the request in every mode, and then nothing
- * happens. */
-std::optional<Failure> check_mode(Daemon& daemon, Deadline deadline)
+/** Names that a shell can be offered: those that are shown as they are. */
+void print_names(const Json& networks, Output& output)
+{
+    for (const Json& network : networks) {
+        if (const auto ssid = network["ssid"].get<std::string>(); escaped(ssid) == ssid) {
+            output.line(ssid);
+        }
+    }
+}
+
+void print(const Json& networks, Output& output)
+{
+    if (output.json()) {
+        for (const Json& network : networks) {
+            output.object("network", network);
+        }
+    } else if (networks.empty()) {
+        output.line("No networks in range.");
+    } else {
+        output.table(networks_table(networks, output.terminal()));
+    }
+}
+
+} // namespace
+
+/** The daemon itself takes the request to scan in every mode, and then nothing happens. */
+std::optional<Failure> check_station(Daemon& daemon, const std::string& what, Deadline deadline)
 {
     auto radio = daemon.get("WiFiState", deadline);
     if (!radio) {
@@ -39,109 +63,98 @@ std::optional<Failure> check_mode(Daemon& daemon, Deadline deadline)
         return Failure{ExitStatus::Refused, "the radio is off; switch it on with 'vantora-wifi on'", "", ""};
     }
     if (mode.value() == "Host") {
-        return Failure{
-            ExitStatus::Refused,
-            "the device is an access point, which cannot look for networks; make it a station with "
-            "'vantora-wifi mode client'",
-            "", ""};
+        return Failure{ExitStatus::Refused,
+                       "the device is an access point, which cannot " + what +
+                           "; make it a station with 'vantora-wifi mode client'",
+                       "", ""};
     }
     return std::nullopt;
 }
 
-/** Asks for a scan and waits for what it finds. */
-Result<Json> scan(Daemon& daemon, Deadline deadline)
+Result<Json> look_around(Daemon& daemon, Output& output, Deadline deadline)
 {
-    bool announced = false;
     bool gone = false;
-    Deadline enough = kNever;
-    Deadline askAgain = kNever;
+    bool alive = false;
+    const Deadline asked = Clock::now();
+    ScanWait wait(asked, deadline);
     Daemon::Events events;
-    events.networks = [&announced, &enough, &askAgain](const Json&) {
-        announced = true;
-        askAgain = kNever;
-        enough = Clock::now() + kQuiet;
-    };
+    events.networks = [&wait](const Json&) { wait.announced(Clock::now()); };
     events.presence = [&gone](bool running) { gone = gone || !running; };
+    events.changed = [&alive](const std::string& property, const Json&) {
+        alive = alive || property == "WiFiClientState";
+    };
+    events.unreadable = [&output](const std::string& text) { output.warning(text); };
     if (auto failure = daemon.follow(std::move(events), deadline)) {
         return *failure;
     }
     if (auto failure = daemon.call("Scan", {}, deadline)) {
         return with_advice(*failure);
     }
+    if (Clock::now() - asked >= kNoAnswer) {
+        return silent("the station daemon (wpa_supplicant) does not answer");
+    }
 
-    askAgain = Clock::now() + kAskAgain;
-    enough = std::min(enough, Clock::now() + kLongestScan);
-    while (!gone && Clock::now() < std::min(enough, deadline)) {
-        if (Clock::now() >= askAgain) {
-            askAgain = kNever;
+    wait = ScanWait(Clock::now(), deadline);
+    while (!gone && !wait.is_over(Clock::now())) {
+        if (wait.is_due_again(Clock::now())) {
             daemon.call_later(
                 "Scan", {}, [](const std::optional<Failure>&) {}, deadline);
         }
-        if (auto failure = daemon.step(std::min({enough, deadline, askAgain}))) {
+        if (auto failure = daemon.step(wait.next())) {
             return *failure;
         }
     }
     if (gone) {
         return failure_of_daemon_gone();
     }
-    if (!announced && Clock::now() >= deadline) {
+    if (!wait.has_announced() && Clock::now() >= deadline) {
         return Failure{ExitStatus::TimedOut, "the scan found nothing new in time", "", ""};
     }
-    return daemon.get("AccessPoints", deadline);
-}
-
-std::string security(const Json& network)
-{
-    if (network["wpa_psk"] == true) {
-        return "WPA-PSK";
+    auto networks = known_networks(daemon, deadline);
+    if (networks && networks.value().empty() && !wait.has_announced() && !alive) {
+        return silent(
+            "nothing was found, and nothing was heard from the station daemon (wpa_supplicant): it may "
+            "not run");
     }
-    return network["encrypted"] == true ? "other" : "open";
+    return networks;
 }
 
-Style style_of(int bars)
+Result<Json> known_networks(Daemon& daemon, Deadline deadline)
 {
-    return bars >= 3 ? Style::Good : bars >= 1 ? Style::Plain : Style::Bad;
-}
-
-} // namespace
-
-Table networks_table(const Json& networks, const Terminal& terminal)
-{
-    const auto head = [&terminal](const char* text) {
-        return Table::Cell{text, terminal.before(Style::Heading), terminal.after(Style::Heading)};
-    };
-    Table table;
-    table.add({head("SIGNAL"), head("DBM"), head("SECURITY"), head("NETWORK")});
-    for (const Json& network : networks) {
-        const int bars = network["bars"].get<int>();
-        const Style style = network["joinable"] == true ? style_of(bars) : Style::Faint;
-        table.add({{drawn_bars(bars, terminal.unicode()), terminal.before(style), terminal.after(style)},
-                   {network["signal"].dump(), "", ""},
-                   {security(network), "", ""},
-                   {escaped(network["ssid"].get<std::string>()), "", ""}});
+    auto networks = daemon.get("AccessPoints", deadline);
+    if (!networks) {
+        return networks;
     }
-    return table;
+    auto joined = daemon.get("ClientSSID", deadline);
+    if (!joined) {
+        return joined;
+    }
+    mark_joined(networks.value(), joined.value().get<std::string>());
+    return networks;
 }
 
 std::optional<Failure> run_scan(Daemon& daemon, const Arguments& arguments, Output& output)
 {
     const Deadline deadline = Clock::now() + arguments.timeout;
-    if (auto failure = check_mode(daemon, deadline)) {
+    if (arguments.names) {
+        auto known = known_networks(daemon, deadline);
+        if (!known) {
+            return known.failure();
+        }
+        output.json() ? print(known.value(), output) : print_names(known.value(), output);
+        return std::nullopt;
+    }
+    if (auto failure = check_station(daemon, "look for networks", deadline)) {
         return failure;
     }
-    auto networks = scan(daemon, deadline);
+    if (arguments.watch) {
+        return watch_networks(daemon, arguments, output);
+    }
+    auto networks = look_around(daemon, output, deadline);
     if (!networks) {
         return networks.failure();
     }
-    if (output.json()) {
-        for (const Json& network : networks.value()) {
-            output.object("network", network);
-        }
-    } else if (networks.value().empty()) {
-        output.line("No networks in range.");
-    } else {
-        output.table(networks_table(networks.value(), output.terminal()));
-    }
+    print(networks.value(), output);
     return std::nullopt;
 }
 

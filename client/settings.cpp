@@ -1,13 +1,24 @@
 #include <algorithm>
+#include <chrono>
 #include <string>
+#include <string_view>
 
 #include "commands.hpp"
+#include "properties.hpp"
+#include "setting_words.hpp"
 #include "text.hpp"
 #include "words.hpp"
 
 namespace client {
 
 namespace {
+
+using std::chrono::milliseconds;
+
+/** How long the neighbours may take until what was written can be read: hostapd looks at its channels first.
+ */
+constexpr milliseconds kSettling{10'000};
+constexpr milliseconds kPollInterval{200};
 
 /** What a sub-command writes. */
 struct Setting
@@ -34,6 +45,11 @@ Setting setting_of(const Arguments& arguments)
     }
 }
 
+bool is_switch(Command command)
+{
+    return command == Command::On || command == Command::Off;
+}
+
 bool reads(Daemon& daemon, const char* property, const Json& value, Deadline deadline)
 {
     auto read = daemon.get(property, deadline);
@@ -57,34 +73,83 @@ std::string refusal(Daemon& daemon, const Arguments& arguments, Deadline deadlin
     return refused_write_meaning(arguments.command, station);
 }
 
-/** With the radio off these are only stored. */
-bool waits_for_radio(Command command)
+/** Waits without a busy loop: what the bus brings meanwhile is of no interest here. */
+std::optional<Failure> pause_until(Daemon& daemon, Deadline moment)
 {
-    return command == Command::Mode || command == Command::Band || command == Command::Ssid;
+    while (Clock::now() < moment) {
+        if (auto failure = daemon.step(moment)) {
+            return failure;
+        }
+    }
+    return std::nullopt;
 }
 
-std::string done_text(const Arguments& arguments, bool applied)
+/** Reads the property until it has the value or the time is over; the value read last. */
+Result<Json> settled(Daemon& daemon, const Setting& setting, Deadline deadline)
 {
-    switch (arguments.command) {
-    case Command::On:
-        return "The radio is on.";
-    case Command::Off:
-        return "The radio is off.";
-    case Command::Band:
-        return applied ? "The access point's band is " + arguments.value + " GHz."
-                       : "Stored: the access point's band will be " + arguments.value +
-                             " GHz when the radio is on.";
-    case Command::Ssid: {
-        const std::string name = "\"" + escaped(arguments.value) + "\"";
-        return applied ? "The access point's name is " + name + "."
-                       : "Stored: the access point's name will be " + name + " when the radio is on.";
+    const Deadline end = std::min(deadline, Clock::now() + kSettling);
+    for (;;) {
+        auto read = daemon.get(setting.property, deadline);
+        if (!read || read.value() == setting.value || Clock::now() + kPollInterval >= end) {
+            return read;
+        }
+        if (auto failure = pause_until(daemon, Clock::now() + kPollInterval)) {
+            return *failure;
+        }
     }
-    default: {
-        const std::string role = arguments.value == "Host" ? "an access point (Host)" : "a station (Client)";
-        return applied ? "The device is " + role + "."
-                       : "Stored: the device will be " + role + " when the radio is on.";
+}
+
+/** What has become of a write that the daemon took. */
+Result<Applied> outcome(Daemon& daemon, const Arguments& arguments, const Setting& setting, Deadline deadline)
+{
+    if (!is_switch(arguments.command)) {
+        auto radio = daemon.get("WiFiState", deadline);
+        if (!radio) {
+            return radio.failure();
+        }
+        if (radio.value() == 0) {
+            return Applied::WhenOn;
+        }
     }
+    if (arguments.command == Command::Ssid) {
+        auto mode = daemon.get("Mode", deadline);
+        if (!mode) {
+            return mode.failure();
+        }
+        if (mode.value() == "Client") {
+            return Applied::WhenHost;
+        }
     }
+    auto read = settled(daemon, setting, deadline);
+    if (!read) {
+        return read.failure();
+    }
+    if (read.value() != setting.value) {
+        return Failure{ExitStatus::Refused, without_effect(arguments.command, read.value()), "", ""};
+    }
+    return Applied::Now;
+}
+
+/** Prints the value that there is. */
+std::optional<Failure> show(Daemon& daemon, const Setting& setting, Output& output, Deadline deadline)
+{
+    auto value = daemon.get(setting.property, deadline);
+    if (!value) {
+        return value.failure();
+    }
+    if (output.json()) {
+        output.object("value", {{"name", find_property(setting.property)->field}, {"value", value.value()}});
+        return std::nullopt;
+    }
+    const auto text = value.value().get<std::string>();
+    if (text.empty()) {
+        return Failure{ExitStatus::Refused,
+                       std::string("there is no ") + setting.word +
+                           " at the moment: the device is no access point, or the radio is off",
+                       "", ""};
+    }
+    output.line(escaped(setting.property == std::string_view("Mode") ? word_of_mode(text) : text));
+    return std::nullopt;
 }
 
 } // namespace
@@ -94,29 +159,27 @@ std::optional<Failure> run_setting(Daemon& daemon, const Arguments& arguments, O
     const Deadline deadline = Clock::now() + arguments.timeout;
     const Setting setting = setting_of(arguments);
 
+    if (!is_switch(arguments.command) && arguments.value.empty()) {
+        return show(daemon, setting, output, deadline);
+    }
     if (auto failure = daemon.set(setting.property, setting.type, setting.value, deadline)) {
         if (failure->status == ExitStatus::Refused) {
             failure->text = refusal(daemon, arguments, deadline);
         }
         return failure;
     }
-
-    bool applied = true;
-    if (waits_for_radio(arguments.command)) {
-        auto radio = daemon.get("WiFiState", deadline);
-        if (!radio) {
-            return radio.failure();
-        }
-        applied = radio.value() != 0;
+    const auto applied = outcome(daemon, arguments, setting, deadline);
+    if (!applied) {
+        return applied.failure();
     }
     if (output.json()) {
-        Json fields = {{"command", setting.word}, {"applied", applied}};
-        if (waits_for_radio(arguments.command)) {
+        Json fields = {{"command", setting.word}, {"applied", applied.value() == Applied::Now}};
+        if (!is_switch(arguments.command)) {
             fields["value"] = arguments.value;
         }
         output.object("done", fields);
     }
-    output.line(done_text(arguments, applied));
+    output.line(done_text(arguments.command, arguments.value, applied.value()));
     return std::nullopt;
 }
 

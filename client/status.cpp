@@ -8,6 +8,7 @@
 #include "commands.hpp"
 #include "properties.hpp"
 #include "text.hpp"
+#include "watch.hpp"
 #include "words.hpp"
 
 namespace client {
@@ -64,7 +65,8 @@ std::string field_text(const std::string& field, const Json& value)
         return escaped(joined(value));
     }
     if (value.is_boolean()) {
-        return value.get<bool>() ? "yes" : "no";
+        // The daemon does not hear all of it: hostapd may have said so before anybody listened.
+        return value.get<bool>() ? "yes" : field == "access_point_ready" ? "not heard of" : "no";
     }
     if (!value.is_string()) {
         return value.dump();
@@ -115,6 +117,9 @@ Table status_table(const Json& fields, const Terminal& terminal)
 
 std::optional<Failure> run_status(Daemon& daemon, const Arguments& arguments, Output& output)
 {
+    if (arguments.watch) {
+        return watch_status(daemon, arguments, output);
+    }
     auto fields = read_status(daemon, Clock::now() + arguments.timeout);
     if (!fields) {
         return fields.failure();

@@ -19,13 +19,15 @@ std::string_view variable(const char* name)
 
 bool knows_colours(int descriptor)
 {
-    if (::isatty(descriptor) == 0 || !variable("NO_COLOR").empty()) {
-        return false;
-    }
-    return !variable("TERM").empty() && variable("TERM") != "dumb";
+    return Terminal::can_move(descriptor) && variable("NO_COLOR").empty();
 }
 
 } // namespace
+
+bool Terminal::can_move(int descriptor)
+{
+    return ::isatty(descriptor) != 0 && !variable("TERM").empty() && variable("TERM") != "dumb";
+}
 
 Terminal Terminal::of(int descriptor)
 {

@@ -21,6 +21,9 @@ public:
 
     bool unicode() const { return unicode_; }
 
+    /** Whether the cursor can be moved where the descriptor leads: a terminal that is not dumb. */
+    static bool can_move(int descriptor);
+
     /** What begins and ends a style; empty where there are no colours. */
     std::string before(Style style) const;
     std::string after(Style style) const;

@@ -1,5 +1,6 @@
 #include "words.hpp"
 
+#include <algorithm>
 #include <array>
 #include <string_view>
 
@@ -80,6 +81,21 @@ std::string refused_write_meaning(Command command, bool station)
     default:
         return "the mode could not be changed; it is stored all the same, and tried again at the next start";
     }
+}
+
+bool is_joining(const std::string& state)
+{
+    constexpr auto kWords = std::to_array<std::string_view>(
+        {"scanning", "authenticating", "associating", "associated", "4way_handshake", "group_handshake"});
+    return std::ranges::find(kWords, state) != kWords.end();
+}
+
+std::string way_to_end(const std::string& lastState)
+{
+    if (lastState == "completed") {
+        return "the device stays connected until 'vantora-wifi disconnect'";
+    }
+    return "the device goes on trying until 'vantora-wifi off' or 'vantora-wifi mode host'";
 }
 
 std::string waiting_reason(const std::string& lastState, const std::string& ssid)

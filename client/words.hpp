@@ -17,6 +17,13 @@ Failure with_advice(Failure failure);
  * station or not. */
 std::string refused_write_meaning(Command command, bool station);
 
+/** Whether a state word says that the station is on its way into a network: what the daemon cannot leave yet.
+ */
+bool is_joining(const std::string& state);
+
+/** How an attempt whose last state word is this one is ended, as a clause; empty for none. */
+std::string way_to_end(const std::string& lastState);
+
 /** Why joining did not come to an end in time, told by the last state word. */
 std::string waiting_reason(const std::string& lastState, const std::string& ssid);
 

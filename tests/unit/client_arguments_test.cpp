@@ -16,10 +16,10 @@ using client::EarlyEnd;
 using client::parse_arguments;
 using client::PassphraseSource;
 
-std::variant<Arguments, EarlyEnd> parse(std::vector<const char*> words)
+std::variant<Arguments, EarlyEnd> parse(std::vector<const char*> words, bool terminal = false)
 {
     words.insert(words.begin(), "vantora-wifi");
-    return parse_arguments(static_cast<int>(words.size()), words.data());
+    return parse_arguments(static_cast<int>(words.size()), words.data(), terminal);
 }
 
 Arguments parsed(const std::vector<const char*>& words)
@@ -99,10 +99,11 @@ TEST(ClientArguments, WrongOnesEndWithStatusTwo)
 {
     const std::string longName(33, 'x');
     for (const auto& words : std::vector<std::vector<const char*>>{
-             {},
              {"nonsense"},
              {"status", "x"},
-             {"mode"},
+             {"status", "--names"},
+             {"scan", "--names", "--watch"},
+             {"connect", "--force"},
              {"mode", "both"},
              {"band", "2"},
              {"ssid", ""},
@@ -126,6 +127,60 @@ TEST(ClientArguments, WrongOnesEndWithStatusTwo)
         EXPECT_TRUE(end.text.starts_with("vantora-wifi: ")) << end.text;
         EXPECT_TRUE(end.text.ends_with("\nTry 'vantora-wifi --help'.\n")) << end.text;
     }
+}
+
+TEST(ClientArguments, WithoutASubCommandTheUsageIsPrinted)
+{
+    const EarlyEnd end = ended({});
+    EXPECT_EQ(end.status, 2);
+    EXPECT_TRUE(end.text.starts_with("vantora-wifi: a sub-command is required\n\n")) << end.text;
+    EXPECT_NE(end.text.find("  disconnect "), std::string::npos) << end.text;
+}
+
+TEST(ClientArguments, AMistypedWordIsToldFromWhatWasMeant)
+{
+    const auto text = [](const std::vector<const char*>& words) { return ended(words).text; };
+    EXPECT_TRUE(text({"statsu"})
+                    .starts_with("vantora-wifi: there is no sub-command \"statsu\"; did you mean status?\n"))
+        << text({"statsu"});
+    EXPECT_TRUE(text({"wibble"}).starts_with("vantora-wifi: there is no sub-command \"wibble\"\n"));
+    EXPECT_NE(text({"mode", "hosst"}).find("\"hosst\" is neither host nor client; did you mean host?"),
+              std::string::npos)
+        << text({"mode", "hosst"});
+    EXPECT_NE(text({"band", "6"}).find("\"6\" is neither 2.4 nor 5\n"), std::string::npos)
+        << text({"band", "6"});
+}
+
+TEST(ClientArguments, TheHelpNamesUnitAndDefaultOfTheTimeOut)
+{
+    EXPECT_NE(ended({"--help"}).text.find("--timeout SECONDS (60) "), std::string::npos);
+}
+
+TEST(ClientArguments, WithoutAValueTheSettingsAreShown)
+{
+    for (const char* command : {"mode", "band", "ssid"}) {
+        EXPECT_EQ(parsed({command}).value, "");
+    }
+}
+
+TEST(ClientArguments, WhatToConnectToMayBeAskedForOnATerminalOnly)
+{
+    const auto asked = parse({"connect"}, true);
+    ASSERT_TRUE(std::holds_alternative<Arguments>(asked));
+    EXPECT_EQ(std::get<Arguments>(asked).value, "");
+    EXPECT_EQ(ended({"connect"}).status, 2);
+    EXPECT_TRUE(std::holds_alternative<EarlyEnd>(parse({"connect", "--json"}, true)));
+}
+
+TEST(ClientArguments, TheRestOfTheOptionsIsKnown)
+{
+    EXPECT_FALSE(parsed({"status"}).watch);
+    EXPECT_TRUE(parsed({"status", "--watch"}).watch);
+    EXPECT_TRUE(parsed({"scan", "--watch"}).watch);
+    EXPECT_TRUE(parsed({"scan", "--names"}).names);
+    EXPECT_FALSE(parsed({"connect", "x"}).force);
+    EXPECT_TRUE(parsed({"connect", "x", "--force"}).force);
+    EXPECT_TRUE(parsed({"connect", "x", "--hidden"}).force);
 }
 
 TEST(ClientArguments, TheLongestNameIsTaken)

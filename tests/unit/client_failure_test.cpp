@@ -3,14 +3,20 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <map>
 #include <string>
+#include <vector>
 
 #include "client/connect_progress.hpp"
+#include "client/nearest_word.hpp"
+#include "client/networks.hpp"
 #include "client/output.hpp"
 #include "client/passphrase.hpp"
 #include "client/properties.hpp"
+#include "client/setting_words.hpp"
 #include "client/status.hpp"
 #include "client/values.hpp"
+#include "client/whose_bus.hpp"
 #include "client/words.hpp"
 
 namespace {
@@ -73,6 +79,7 @@ TEST(ClientFailure, ExitStatusesAreTheDocumentedNumbers)
     EXPECT_EQ(static_cast<int>(ExitStatus::Usage), 2);
     EXPECT_EQ(static_cast<int>(ExitStatus::Unreachable), 3);
     EXPECT_EQ(static_cast<int>(ExitStatus::TimedOut), 4);
+    EXPECT_EQ(static_cast<int>(ExitStatus::Silent), 5);
 }
 
 TEST(ClientWords, TheDaemonsTextIsToldHarmlessly)
@@ -83,13 +90,132 @@ TEST(ClientWords, TheDaemonsTextIsToldHarmlessly)
 
 TEST(ClientWords, AdviceFollowsFromTheDaemonsText)
 {
-    for (const char* text : {"Wifi is off", "WiFi is not in client mode", "WiFi is in unknown mode",
-                             "Failed to start AP scan", "Failed to add network"}) {
-        const Failure advised = client::with_advice({ExitStatus::Refused, "plain", "", text});
-        EXPECT_NE(advised.text, "plain") << text;
+    const std::map<std::string, std::string> advice = {
+        {"Wifi is off", "the radio is off; switch it on with 'vantora-wifi on'"},
+        {"WiFi is not in client mode",
+         "the device is an access point; make it a station with 'vantora-wifi mode client'"},
+        {"WiFi is in unknown mode",
+         "the device is neither access point nor station at the moment; try again, or set the mode"},
+        {"Failed to start AP scan", "the scan could not be started; the station may still be starting up"},
+        {"Failed to add network", "the network could not be set up; try again"},
+    };
+    for (const auto& [text, told] : advice) {
+        const Failure advised = client::with_advice({ExitStatus::Refused, "plain", "name", text});
+        EXPECT_EQ(advised.text, told);
         EXPECT_EQ(advised.daemonText, text);
+        EXPECT_EQ(advised.errorName, "name");
+        EXPECT_EQ(advised.status, ExitStatus::Refused);
+        EXPECT_EQ(client::with_advice({ExitStatus::TimedOut, "plain", "", text}).text, "plain")
+            << "the daemon has refused nothing";
     }
-    EXPECT_EQ(client::with_advice({ExitStatus::Refused, "plain", "", "else"}).text, "plain");
+    for (const char* text : {"", "else", "Failed to connect to AP", "Wifi is off."}) {
+        EXPECT_EQ(client::with_advice({ExitStatus::Refused, "plain", "", text}).text, "plain") << text;
+    }
+}
+
+TEST(ClientWords, AnAttemptIsEndedByWhatEndsIt)
+{
+    EXPECT_EQ(client::way_to_end("completed"), "the device stays connected until 'vantora-wifi disconnect'");
+    for (const char* state : {"", "scanning", "disconnected", "4way_handshake"}) {
+        EXPECT_EQ(client::way_to_end(state),
+                  "the device goes on trying until 'vantora-wifi off' or 'vantora-wifi mode host'");
+    }
+}
+
+TEST(ClientWords, StatesOnTheWayIntoANetworkAreKnown)
+{
+    for (const char* state :
+         {"scanning", "authenticating", "associating", "associated", "4way_handshake", "group_handshake"}) {
+        EXPECT_TRUE(client::is_joining(state)) << state;
+    }
+    for (const char* state :
+         {"", "off", "inactive", "disconnected", "completed", "failed", "interface_disabled"}) {
+        EXPECT_FALSE(client::is_joining(state)) << state;
+    }
+}
+
+TEST(ClientWords, WhatWasWrittenIsToldByWhenItHolds)
+{
+    using client::Applied;
+    using client::Command;
+    using client::done_text;
+    EXPECT_EQ(done_text(Command::Mode, "Client", Applied::Now), "The device is a station (Client).");
+    EXPECT_EQ(done_text(Command::Mode, "Host", Applied::WhenOn),
+              "Stored: the device will be an access point (Host) when the radio is on.");
+    EXPECT_EQ(done_text(Command::Ssid, "x\x1b", Applied::WhenHost),
+              "Stored: the access point's name will be \"x\\x1b\" when the device is an access point.");
+    EXPECT_EQ(done_text(Command::Band, "5", Applied::Now), "The access point's band is 5 GHz.");
+}
+
+TEST(ClientWords, AWriteWithoutEffectIsTold)
+{
+    using client::Command;
+    using client::without_effect;
+    EXPECT_NE(without_effect(Command::On, 0U).find("the radio is still off"), std::string::npos);
+    EXPECT_NE(without_effect(Command::Off, 1U).find("the radio is still on"), std::string::npos);
+    EXPECT_NE(without_effect(Command::Mode, "unknown").find("neither access point nor station"),
+              std::string::npos);
+    EXPECT_NE(without_effect(Command::Mode, "Host").find("still an access point"), std::string::npos);
+    EXPECT_NE(without_effect(Command::Mode, "Client").find("still a station"), std::string::npos);
+}
+
+TEST(ClientWords, ModesAreSpelledAsOnTheCommandLine)
+{
+    EXPECT_EQ(client::word_of_mode("Host"), "host");
+    EXPECT_EQ(client::word_of_mode("Client"), "client");
+    EXPECT_EQ(client::word_of_mode("unknown"), "unknown");
+}
+
+TEST(ClientNearestWord, OneOrTwoMistakesAreForgiven)
+{
+    const std::vector<std::string> words = {"status", "on", "off", "scan", "ssid", "connect", "disconnect"};
+    EXPECT_EQ(client::nearest_word("statsu", words), "status");
+    EXPECT_EQ(client::nearest_word("staus", words), "status");
+    EXPECT_EQ(client::nearest_word("statuss", words), "status");
+    EXPECT_EQ(client::nearest_word("conect", words), "connect");
+    EXPECT_EQ(client::nearest_word("conecct", words), "connect");
+    EXPECT_EQ(client::nearest_word("diconect", words), "disconnect");
+    EXPECT_EQ(client::nearest_word("of", words), "") << "on and off are as near";
+    EXPECT_EQ(client::nearest_word("statistics", words), "");
+    EXPECT_EQ(client::nearest_word("xy", words), "") << "two mistakes make any word of two letters";
+    EXPECT_EQ(client::nearest_word("", words), "");
+    EXPECT_EQ(client::nearest_word("x", {}), "");
+}
+
+TEST(ClientWhoseBus, AnAddressThatSomebodyToldIsNotTheUsersOwn)
+{
+    using client::is_own_bus;
+    EXPECT_TRUE(is_own_bus(nullptr, nullptr, 1000));
+    EXPECT_TRUE(is_own_bus("", "/run/user/1000", 1000));
+    EXPECT_TRUE(is_own_bus("unix:path=/run/user/1000/bus", "/elsewhere", 1000));
+    EXPECT_TRUE(is_own_bus("unix:path=/run/user/1000/bus,guid=0123", nullptr, 1000));
+    EXPECT_FALSE(is_own_bus("unix:path=/run/user/10/bus", nullptr, 1000));
+    EXPECT_FALSE(is_own_bus("unix:path=/run/user/1000/busy", nullptr, 1000));
+    EXPECT_FALSE(is_own_bus("unix:path=/tmp/x/bus", "/run/user/1000", 1000));
+    EXPECT_FALSE(is_own_bus(nullptr, "/tmp/x", 1000));
+}
+
+TEST(ClientNetworks, TheNetworkJoinedIsFoundByTheDaemonsSpelling)
+{
+    EXPECT_EQ(client::station_spelling("Café \"x\"\\\033\n\t\r\x7f"),
+              "Caf\\xc3\\xa9 \\\"x\\\"\\\\\\e\\n\\t\\r\\x7f");
+    EXPECT_EQ(client::station_spelling("a=b"), "a");
+    Json networks = Json::array(
+        {client::network_value("Café", true, -50, true), client::network_value("free", false, -60, false)});
+    client::mark_joined(networks, "Caf\\xc3\\xa9");
+    EXPECT_EQ(networks[0]["joined"], true);
+    EXPECT_EQ(networks[1]["joined"], false);
+    client::mark_joined(networks, "");
+    EXPECT_EQ(networks[0]["joined"], false);
+}
+
+TEST(ClientNetworks, WhereTheSpellingFitsTwoNoneIsMarked)
+{
+    Json networks = Json::array(
+        {client::network_value("a=1", true, -50, true), client::network_value("a=2", true, -60, true)});
+    client::mark_joined(networks, "a");
+    EXPECT_EQ(networks[0]["joined"], false);
+    EXPECT_EQ(networks[1]["joined"], false);
 }
 
 TEST(ClientWords, RefusedWritesAreTold)
@@ -193,6 +319,7 @@ TEST(ClientStatus, ValuesAreToldInWords)
     EXPECT_EQ(client::field_text("bands", Json({"5", "2.4"})), "5, 2.4");
     EXPECT_EQ(client::field_text("bands", Json()), "?");
     EXPECT_EQ(client::field_text("access_point_ready", true), "yes");
+    EXPECT_EQ(client::field_text("access_point_ready", false), "not heard of");
     EXPECT_EQ(client::field_text("stations", 3), "3");
     EXPECT_EQ(client::field_text("address", ""), "-");
     EXPECT_EQ(client::field_text("transmit_power", "txpower 20.00 dBm"), "20.00 dBm");

@@ -9,7 +9,7 @@ from station import bring_up_station
 from vantora_sim import World, call
 from wifi_client import DONE, REFUSED, TIMED_OUT, UNREACHABLE, Way, on_terminal, run
 
-NETWORK_FIELDS = {"type", "ssid", "signal", "bars", "encrypted", "wpa_psk", "joinable"}
+NETWORK_FIELDS = {"type", "ssid", "signal", "bars", "encrypted", "wpa_psk", "joinable", "joined"}
 
 
 def announce_after_scan(world: World) -> None:
@@ -55,7 +55,7 @@ def test_scan_for_programs_is_one_object_a_network(world: World, way: Way) -> No
     assert (shown.status, shown.stderr) == (DONE, "")
     assert all(set(network) == NETWORK_FIELDS for network in shown.objects)
     assert shown.objects[0] == {"type": "network", "ssid": "home", "signal": -48, "bars": 4, "encrypted": True,
-                                "wpa_psk": True, "joinable": True}
+                                "wpa_psk": True, "joinable": True, "joined": False}
     assert [(network["ssid"], network["bars"], network["encrypted"], network["wpa_psk"], network["joinable"])
             for network in shown.objects[1:]] == [
         ("Café Öl 喫茶店", 3, True, True, True), ("free", 2, False, False, True), ("office", 1, True, False, False),

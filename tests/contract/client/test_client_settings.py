@@ -10,7 +10,7 @@ from collections.abc import Callable
 
 import pytest
 from station import bring_up_station
-from vantora_sim import World, call, changed, command
+from vantora_sim import World, call, changed, command, log
 from wifi_client import DONE, REFUSED, TIMED_OUT, UNREACHABLE, Ended, Way
 
 Run = Callable[..., Ended]
@@ -28,6 +28,12 @@ def run(way: Way) -> Run:
 def check_done(ended: Ended, text: str) -> None:
     """The command did what it was asked to and said so."""
     assert (ended.status, ended.stdout, ended.stderr) == (DONE, text + "\n", "")
+
+
+def wait_state(world: World, state: str) -> None:
+    """Wait until the daemon has heard this state word of the station."""
+    world.journal.wait_for(log("info", f"[WPA Supplicant] State change: 'disconnected' -> '{state}'"))
+    world.settle()
 
 
 def check_refused(way: Way, ended: Ended, words: str, daemon_text: str) -> None:
@@ -155,8 +161,27 @@ def test_disconnect_leaves_the_network(world: World, run: Run) -> None:
 
 def test_disconnect_without_a_connection_is_told(world: World, run: Run, way: Way) -> None:
     bring_up_station(world)
+    check_refused(way, run(world, "disconnect"), "there is no network to leave: the device is not connected; if it is still "
+                  "trying to join one, 'vantora-wifi off' or 'vantora-wifi mode host' ends that", "Failed to connect to AP")
+
+
+def test_disconnect_of_an_idle_station_is_told(world: World, run: Run, way: Way) -> None:
+    bring_up_station(world)
+    world.wpa.report_state("inactive")
+    wait_state(world, "inactive")
     check_refused(way, run(world, "disconnect"), "there is no network to leave: the device is not connected",
                   "Failed to connect to AP")
+
+
+@pytest.mark.parametrize("state", ["scanning", "authenticating", "associating", "associated", "4way_handshake",
+                                   "group_handshake"])
+def test_disconnect_during_an_attempt_says_what_ends_it(world: World, run: Run, way: Way, state: str) -> None:
+    bring_up_station(world)
+    world.wpa.report_state(state)
+    wait_state(world, state)
+    world.wpa.refuse("Disconnect", name="fi.w1.wpa_supplicant1.NotConnected", text="This interface is not connected")
+    check_refused(way, run(world, "disconnect"), "the device is still trying to join a network, which cannot be left before "
+                  "that is done; 'vantora-wifi off' or 'vantora-wifi mode host' ends the attempt", "Failed to connect to AP")
 
 
 def test_disconnect_of_an_access_point_is_told(world: World, run: Run, way: Way) -> None:

@@ -127,7 +127,7 @@ def test_a_hanging_bus_ends_with_4(world: World) -> None:
 
 
 @pytest.mark.parametrize("arguments", [
-    [], ["nonsense"], ["status", "more"], ["mode"], ["mode", "both"], ["band", "6"], ["band"], ["ssid"], ["ssid", ""],
+    ["nonsense"], ["status", "more"], ["mode", "both"], ["band", "6"], ["ssid", ""], ["scan", "--names", "--watch"],
     ["ssid", "x" * 33], ["connect"], ["connect", "x" * 33, "--open"], ["connect", "a", "b"], ["--timeout", "0", "status"],
     ["--timeout", "soon", "status"], ["--timeout", "nan", "status"], ["--timeout", "5s", "status"], ["--colour", "status"],
     ["connect", "a", "--open", "--passphrase-stdin"], ["connect", "a", "--passphrase-file", "f", "--open"],

@@ -70,7 +70,7 @@ def test_shipped_worlds_are_documented() -> None:
 
 
 @pytest.mark.parametrize(("page", "program", "commands"), [
-    ("vantora-settingsd.8", "vantora-settingsd", []), ("vantora-wifi.1", "vantora-wifi", ["connect"])])
+    ("vantora-settingsd.8", "vantora-settingsd", []), ("vantora-wifi.1", "vantora-wifi", ["connect", "scan", "status"])])
 def test_a_program_is_documented_option_by_option(build_dir: Path, page: str, program: str, commands: list[str]) -> None:
     told = help_of(build_dir / program) + "".join(help_of(build_dir / program, command) for command in commands)
     assert options_in(without_examples(page)) == options_in(told)
