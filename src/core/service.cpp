@@ -48,8 +48,6 @@ int service_set_up()
         result = mainLoop.attach(event.get());
     }
     if (result >= 0) {
-        // A daemon that nobody can reach is worth nothing: the service manager starts it anew.
-        sd_bus_set_exit_on_disconnect(bus.get(), 1);
         result = sd_bus_attach_event(bus.get(), event.get(), SD_EVENT_PRIORITY_NORMAL);
     }
     if (result >= 0) {
@@ -57,6 +55,11 @@ int service_set_up()
     }
     if (result >= 0) {
         result = sd_bus_request_name(bus.get(), kNetworkService, 0);
+    }
+    if (result >= 0) {
+        // A daemon that nobody can reach is worth nothing: the service manager starts it anew. Not asked for
+        // any earlier: of a connection that is closed already, the library ends the process there and then.
+        sd_bus_set_exit_on_disconnect(bus.get(), 1);
     }
     return result;
 }

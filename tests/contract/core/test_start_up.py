@@ -2,11 +2,13 @@
 
 from __future__ import annotations
 
+import errno
 import re
 import time
 from pathlib import Path
 
 import pytest
+from odd_bus import HANGS_UP, OddBus
 from vantora_sim import DEADLINE, Process, World, call, command, log, notify
 
 BASE = "com.vantora.common.Settings1"
@@ -101,6 +103,32 @@ def test_a_user_bus_at_which_nobody_listens_any_more_ends_it_likewise(world: Wor
     assert_failed_start(world, -111)
 
 
+@pytest.mark.parametrize("moment", HANGS_UP)
+def test_a_user_bus_that_takes_the_connection_and_hangs_up_ends_it_likewise(world: World, moment: str) -> None:
+    # Several times: at which of its own steps the daemon finds out differs from start to start.
+    with OddBus(world, world.user_bus) as bus:
+        bus.hang_up(moment)
+        for _ in range(5):
+            mark = world.journal.mark()
+            assert world.start_daemon(environment=dict(bus.environment)).wait() == 1
+            assert_failed_start_by_one_of(world, {-errno.EPIPE, -errno.ECONNRESET, -errno.ENOTCONN}, mark)
+
+
+@pytest.mark.parametrize("address", ["tcp:host=127.0.0.1,port=1", "unixexec:path=/bin/false", "unixexec:path=/bin/true"])
+def test_an_address_behind_which_there_is_no_bus_ends_it_likewise(world: World, address: str) -> None:
+    assert world.start_daemon(environment={"DBUS_SESSION_BUS_ADDRESS": address}).wait() == 1
+    assert_failed_start_by_one_of(world, {-errno.EPIPE, -errno.ECONNRESET, -errno.ENOTCONN, -errno.ECONNREFUSED})
+
+
+def test_a_user_bus_that_is_killed_while_it_is_waited_for_ends_it_likewise(world: World) -> None:
+    world.user_bus.freeze()
+    daemon = world.start_daemon()
+    world.journal.wait_for(log(*STARTING))
+    world.user_bus.stop()
+    assert daemon.wait() == 1
+    assert_failed_start_by_one_of(world, {-errno.ENOENT, -errno.EPIPE, -errno.ECONNRESET, -errno.ENOTCONN, -errno.ECONNREFUSED})
+
+
 def test_a_name_that_another_process_owns_ends_it_likewise(world: World) -> None:
     world.up()
     first, mark = world.daemon, world.journal.mark()
@@ -110,6 +138,13 @@ def test_a_name_that_another_process_owns_ends_it_likewise(world: World) -> None
     assert first is not None and first.running
     assert world.get("Mode") == "Host"
     world.daemon = first
+
+
+def assert_failed_start_by_one_of(world: World, errors: set[int], since: int = 0) -> None:
+    """The same where it depends on the moment which of the daemon's steps fails."""
+    found = re.fullmatch(r"\[Main\] Failed to connect to dbus: (-\d+), exiting \.\.\.", world.journal.logs(since)[-1][1])
+    assert found is not None and int(found[1]) in errors, world.journal.logs(since)
+    assert_failed_start(world, int(found[1]), since)
 
 
 def assert_failed_start(world: World, error: int, since: int = 0) -> None:

@@ -20,6 +20,10 @@ GARBAGE = bytes(range(256)) * 16
 _GARBLED = GARBAGE + b"\r\n"
 _REJECTION = [b"DATA\r\n", b"REJECTED EXTERNAL\r\n", b"ERROR \"no\"\r\n"]
 """What a bus says to the lines with which a client asks to be let in."""
+_ADMISSION = b"DATA\r\nOK 0123456789abcdef0123456789abcdef\r\nAGREE_UNIX_FD\r\n"
+"""What it says to them to let a client in."""
+HANGS_UP = ("at once", "after AUTH", "after OK", "at Hello")
+"""The moments at which it may hang up on who connects."""
 _HEADER = 16
 _buses: "weakref.WeakKeyDictionary[World, OddBus]" = weakref.WeakKeyDictionary()
 _VARIABLES = {"user": "DBUS_SESSION_BUS_ADDRESS", "system": "DBUS_SYSTEM_BUS_ADDRESS"}
@@ -39,7 +43,13 @@ class OddBus:
         self._path = world.work / "run" / f"odd-{bus.name}-bus"
         self.environment: dict[str, str] = {_VARIABLES[bus.name]: f"unix:path=/run/{self._path.name}"}
         """What makes the daemon take it for its bus."""
+        self.handled = 0
+        """How many messages of clients it has handled so far."""
         self._rejects = self._garbles = self._is_silent = False
+        self._hangs_up: str | None = None
+        self._admitted: int | None = None
+        self._lets_in = False
+        self._pause = 0.0
         self._retyped: bytes | None = None
         self._most: int | None = None
         self._connections: set[asyncio.Task[None]] = set()
@@ -65,6 +75,20 @@ class OddBus:
         """Take connections and say nothing on them."""
         self._is_silent = True
 
+    def admit(self, count: int, let_in_the_others: bool = False) -> None:
+        """Serve so many connections as any bus does; each later one is let in at most, and otherwise answered nothing."""
+        self._admitted = count
+        self._lets_in = let_in_the_others
+
+    def slow_down(self, seconds: float) -> None:
+        """Handle each message only after so many seconds, that with which a client is let in included."""
+        self._pause = seconds
+
+    def hang_up(self, moment: str) -> None:
+        """Take connections and hang up at this one of HANGS_UP."""
+        assert moment in HANGS_UP
+        self._hangs_up = moment
+
     def garble(self) -> None:
         """Greet everybody who comes with bytes that mean nothing."""
         self._garbles = True
@@ -80,7 +104,8 @@ class OddBus:
     def behave(self) -> None:
         """Break no rule any more."""
         self._rejects = self._garbles = self._is_silent = False
-        self._retyped = self._most = None
+        self._hangs_up = self._admitted = self._retyped = self._most = None
+        self._pause = 0.0
 
     def inject_garbage(self) -> None:
         """Send bytes that mean nothing to everybody who is connected."""
@@ -117,8 +142,15 @@ class OddBus:
             writer.close()
 
     async def _serve(self, reader: asyncio.StreamReader, writer: asyncio.StreamWriter) -> None:
-        if self._is_silent:
+        is_mute = False
+        if self._admitted is not None:
+            is_mute = self._admitted <= 0
+            self._admitted -= 1
+        if self._is_silent or (is_mute and not self._lets_in):
             await reader.read(-1)
+            return
+        if self._hangs_up is not None:
+            await self._begin_and_hang_up(reader, writer, HANGS_UP.index(self._hangs_up))
             return
         if self._rejects or self._garbles:
             await reader.read(1)
@@ -133,6 +165,10 @@ class OddBus:
             bus_writer.write(await reader.readuntil(b"BEGIN\r\n"))
             while True:
                 message = await self._read_message(reader)
+                await asyncio.sleep(self._pause)
+                self.handled += 1
+                if is_mute and b"Hello" not in message:
+                    continue
                 if self._retyped is not None and self._retyped in message:
                     writer.write(_odd_reply(message))
                 else:
@@ -140,6 +176,15 @@ class OddBus:
         finally:
             back.cancel()
             bus_writer.close()
+
+    async def _begin_and_hang_up(self, reader: asyncio.StreamReader, writer: asyncio.StreamWriter, steps: int) -> None:
+        if steps >= 1:
+            await reader.readuntil(b"BEGIN\r\n")
+        if steps >= 2:
+            writer.write(_ADMISSION)
+            await writer.drain()
+        if steps >= 3:
+            await self._read_message(reader)
 
     async def _read_message(self, reader: asyncio.StreamReader) -> bytes:
         """One whole message, as bytes (the daemon's machine and this one have the same byte order: little)."""
