@@ -18,6 +18,15 @@
 
 namespace {
 
+/**
+ * The log's connection comes first of all, before the objects that are made ahead of main() take descriptors:
+ * where there are too few, the line that says so must not be what lacks one.
+ */
+[[gnu::constructor(101)]] void open_log()
+{
+    openlog(nullptr, LOG_NDELAY, LOG_USER);
+}
+
 /** For those who hold a binary in their hands: strings(1) finds it. The program itself takes no arguments. */
 [[gnu::used, gnu::retain]] const char* const versionText = "vantora-network " VANTORA_VERSION;
 
@@ -45,6 +54,15 @@ void kill_wifi_when_asked_to()
     }
 }
 
+/** Whether a step of the start went well. What could not be set up ends the start, for another one. */
+bool set_up(const char* what, int result)
+{
+    if (result < 0) {
+        syslog(LOG_ERR, "[Main] Failed to set up %s: %d, exiting ...", what, result);
+    }
+    return result >= 0;
+}
+
 } // namespace
 
 int main()
@@ -56,7 +74,10 @@ int main()
     StopSignals stopSignals;
 
     syslog(LOG_INFO, "[Main] Starting Vantora Network service");
-    stopSignals.watch([] { post_to_main_loop([] { sd_event_exit(service_event(), EXIT_SUCCESS); }); });
+    const auto endLoop = [] { sd_event_exit(service_event(), EXIT_SUCCESS); };
+    if (!set_up("the stop signals", stopSignals.watch([endLoop] { post_to_main_loop(endLoop); }))) {
+        return EXIT_FAILURE;
+    }
 
     const int result = service_set_up();
     if (result < 0) {
@@ -67,12 +88,14 @@ int main()
     start_settings();
     wpa_supplicant_init(service_event());
     kill_wifi_when_asked_to();
-    sd_event_add_defer(service_event(), nullptr, init_wifi_callback, nullptr);
+    defer_startup(service_event());
     start_heartbeat(service_event());
-    sd_notify(0, "READY=1");
     // Where the unit wants it (WatchdogSec=), the loop tells the service manager from now on that it is
     // alive.
-    sd_event_set_watchdog(service_event(), 1);
+    if (!set_up("the watchdog", sd_event_set_watchdog(service_event(), 1)) ||
+        !set_up("the word that the start is over", sd_notify(0, "READY=1"))) {
+        return EXIT_FAILURE;
+    }
 
     sd_event_loop(service_event());
 

@@ -34,6 +34,21 @@ void start_initial_mode(WifiMode mode)
 
 } // namespace
 
+void defer_startup(sd_event* event)
+{
+    // Before all else that the loop may find waiting by then: a change of settings that was told meanwhile
+    // must find the radio set up, and not be undone by that.
+    constexpr int64_t kFirst = SD_EVENT_PRIORITY_IMPORTANT;
+
+    sd_event_source* source = nullptr;
+    sd_event_add_defer(event, &source, init_wifi_callback, nullptr);
+    if (source != nullptr) {
+        sd_event_source_set_priority(source, kFirst);
+        sd_event_source_set_floating(source, 1);
+        sd_event_source_unref(source);
+    }
+}
+
 int init_wifi_callback(sd_event_source*, void*)
 {
     syslog(LOG_INFO, "Setup initial WiFi mode");

@@ -1,16 +1,21 @@
 #include "core/main_loop.hpp"
 
+#include <cerrno>
 #include <utility>
 
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 
-MainLoopQueue::MainLoopQueue() : wakeUp_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK | EFD_SEMAPHORE))
+MainLoopQueue::MainLoopQueue()
+    : wakeUp_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK | EFD_SEMAPHORE)), openError_(wakeUp_ ? 0 : -errno)
 {
 }
 
 int MainLoopQueue::attach(sd_event* event)
 {
+    if (!wakeUp_) {
+        return openError_;
+    }
     const auto wokenUp = [](sd_event_source*, int fd, uint32_t, void* userdata) {
         eventfd_t count = 0;
         eventfd_read(fd, &count);

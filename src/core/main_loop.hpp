@@ -25,7 +25,7 @@ public:
     /**
      * Serves the queue from the given loop, beginning with what has been posted before.
      *
-     * @return 0 or a positive number, or a negative errno
+     * @return 0 or a positive number, or a negative errno, that of a queue without a descriptor included
      */
     int attach(sd_event* event);
 
@@ -45,7 +45,8 @@ private:
     void run_next();
 
     const std::thread::id loopThread_ = std::this_thread::get_id();
-    UniqueFd wakeUp_; // eventfd(2) that counts the pieces of work posted
+    UniqueFd wakeUp_;     // eventfd(2) that counts the pieces of work posted
+    const int openError_; // why there is none
     EventSourcePtr source_;
     std::mutex mutex_;
     std::deque<Work> posted_;

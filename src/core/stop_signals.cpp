@@ -11,7 +11,7 @@
 #include <sys/signalfd.h>
 #include <unistd.h>
 
-#include "support/unique_fd.hpp"
+#include "utils/thread_start.hpp"
 
 namespace {
 
@@ -34,6 +34,10 @@ StopSignals::StopSignals()
 {
     const sigset_t signals = stop_signals();
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    arrived_.reset(signalfd(-1, &signals, SFD_CLOEXEC));
+    if (!arrived_) {
+        error_ = -errno;
+    }
 }
 
 StopSignals::~StopSignals()
@@ -44,10 +48,14 @@ StopSignals::~StopSignals()
     }
 }
 
-void StopSignals::watch(std::function<void()> stop)
+int StopSignals::watch(std::function<void()> stop)
 {
+    if (ending_.fd() < 0 || ended_.fd() < 0 || !arrived_) {
+        return error_ < 0 ? error_ : -EMFILE;
+    }
     stop_ = std::move(stop);
-    thread_ = std::thread(&StopSignals::wait_for_end, this);
+    thread_ = utils_start_thread(&StopSignals::wait_for_end, this);
+    return 0;
 }
 
 void StopSignals::end_in_time()
@@ -57,10 +65,7 @@ void StopSignals::end_in_time()
 
 void StopSignals::wait_for_end()
 {
-    const sigset_t signals = stop_signals();
-    const UniqueFd arrived(signalfd(-1, &signals, SFD_CLOEXEC));
-
-    std::array<pollfd, 3> waits = {{{.fd = arrived.get(), .events = POLLIN, .revents = 0},
+    std::array<pollfd, 3> waits = {{{.fd = arrived_.get(), .events = POLLIN, .revents = 0},
                                     {.fd = ending_.fd(), .events = POLLIN, .revents = 0},
                                     {.fd = ended_.fd(), .events = POLLIN, .revents = 0}}};
     while (poll(waits.data(), waits.size(), -1) < 0 && errno == EINTR) {

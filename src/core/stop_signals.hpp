@@ -3,6 +3,7 @@
 #include <functional>
 #include <thread>
 
+#include "support/unique_fd.hpp"
 #include "utils/stop_flag.hpp"
 
 /**
@@ -15,7 +16,7 @@
 class StopSignals
 {
 public:
-    /** Blocks the signals. */
+    /** Blocks the signals and takes the descriptors. */
     StopSignals();
 
     /** Ends the thread, and the limit with it; the signals stay blocked. */
@@ -24,8 +25,13 @@ public:
     StopSignals(const StopSignals&) = delete;
     StopSignals& operator=(const StopSignals&) = delete;
 
-    /** Waits for the signals from now on. @param stop called once, on another thread */
-    void watch(std::function<void()> stop);
+    /**
+     * Waits for the signals from now on.
+     *
+     * @param stop called once, on another thread
+     * @return 0, or a negative errno when the descriptors for it could not be had
+     */
+    int watch(std::function<void()> stop);
 
     /** Sets the same limit to an end that no signal has asked for, from now on. */
     void end_in_time();
@@ -33,6 +39,8 @@ public:
 private:
     void wait_for_end();
 
+    UniqueFd arrived_; // signalfd(2)
+    int error_ = 0;    // why a descriptor is missing
     std::function<void()> stop_;
     StopFlag ending_; // asked for without a signal
     StopFlag ended_;

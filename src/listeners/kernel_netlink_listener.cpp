@@ -8,6 +8,8 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include "utils/thread_start.hpp"
+
 namespace {
 
 using namespace std::chrono_literals;
@@ -30,7 +32,7 @@ void KernelNetlinkListener::Start()
     stop_.clear();
     std::promise<void> opened;
     const std::future<void> socketOpened = opened.get_future();
-    thread_ = std::thread(&KernelNetlinkListener::ListenTask, this, std::move(opened));
+    thread_ = utils_start_thread(&KernelNetlinkListener::ListenTask, this, std::move(opened));
     socketOpened.wait();
 }
 

@@ -12,6 +12,7 @@
 
 #include "listeners/control_request.hpp"
 #include "utils/pause.hpp"
+#include "utils/thread_start.hpp"
 
 namespace {
 
@@ -45,7 +46,7 @@ void WpaSocketListener::StartListening(const char* directory)
     }
     stop_.clear();
     listening_ = true;
-    thread_ = std::thread(&WpaSocketListener::ListenTask, this);
+    thread_ = utils_start_thread(&WpaSocketListener::ListenTask, this);
 }
 
 void WpaSocketListener::EndThread()

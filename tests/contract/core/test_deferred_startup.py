@@ -200,6 +200,22 @@ def test_nobody_hears_of_the_events_of_the_first_switch(world: World) -> None:
     assert world.get("WiFiAccessPointInitialised") is True, "it is known all the same"
 
 
+def test_it_comes_before_what_the_settings_daemon_has_told_meanwhile(world: World) -> None:
+    world.settings.hang("Get", on="development.killWifiOnBoot")
+    world.start_daemon()
+    world.journal.wait_for(call("Get"))  # by then it listens to the settings daemon, and waits for its answer
+    for _ in range(20):
+        world.settings.notify("network", {"mode": "Client"})
+        world.settings.notify("device", {"deviceName": "Attic"})
+    world.settings.release()
+    world.wait_up()
+    lines = world.journal.logs()
+    begin = lines.index(("info", "Setup initial WiFi mode"))
+    assert not [text for _, text in lines[:begin] if text.startswith(("[Main] set_wifi_", "[WiFi] Switch"))]
+    world.journal.wait_for(changed("Mode", "Client"))
+    assert world.journal.changes()[:3] == [("WiFiState", 1), ("Mode", "Host"), ("Mode", "Client")]
+
+
 def test_requests_before_the_start_up_wait_for_it(world: World) -> None:
     world.systemd.slow("LoadUnit", 0.2)
     world.start_daemon()
