@@ -2,6 +2,7 @@
 
 #include <syslog.h>
 
+#include "config/own_writes.hpp"
 #include "config/settings_client.hpp"
 #include "korrin-info/korrin_info.hpp"
 
@@ -21,6 +22,28 @@ constexpr const char* kBand5 = "5";
 
 constexpr int kRadioTypeWith5GHz = 1;
 
+/** A setting that holds a text, and what this program has stored there lately. */
+struct TextSetting
+{
+    const char* section;
+    const char* key;
+    OwnWrites ownWrites;
+};
+
+TextSetting modeSetting = {kNetworkSection, kModeKey, {}};
+TextSetting frequencySetting = {kNetworkSection, kFrequencyKey, {}};
+TextSetting deviceNameSetting = {kDeviceSection, kDeviceNameKey, {}};
+
+TextSetting* text_setting(const std::string& key)
+{
+    for (TextSetting* setting : {&modeSetting, &frequencySetting, &deviceNameSetting}) {
+        if (key == setting->key) {
+            return setting;
+        }
+    }
+    return nullptr;
+}
+
 template <typename T>
 bool get_setting(const char* section, const char* key, T& value)
 {
@@ -39,6 +62,13 @@ bool set_setting(const char* section, const char* key, const T& value)
         return false;
     }
     return true;
+}
+
+/** Remembered before it is stored: a call that is given up may have stored it all the same. */
+bool set_text(TextSetting& setting, const std::string& value)
+{
+    setting.ownWrites.remember(value);
+    return set_setting(setting.section, setting.key, value);
 }
 
 } // namespace
@@ -146,17 +176,27 @@ bool settings_set_wifi_enabled(bool enabled)
 bool settings_set_wifi_mode(WifiMode mode)
 {
     const std::string value = mode == WifiMode::Client ? "Client" : "Host";
-    return set_setting(kNetworkSection, kModeKey, value);
+    return set_text(modeSetting, value);
 }
 
 bool settings_set_frequency(const std::string& frequency)
 {
-    return set_setting(kNetworkSection, kFrequencyKey, frequency);
+    return set_text(frequencySetting, frequency);
 }
 
 bool settings_set_device_name(const std::string& name)
 {
-    return set_setting(kDeviceSection, kDeviceNameKey, name);
+    return set_text(deviceNameSetting, name);
+}
+
+bool settings_is_outdated(const std::string& key, const std::string& value)
+{
+    TextSetting* const setting = text_setting(key);
+    if (setting == nullptr || !setting->ownWrites.heard(value)) {
+        return false;
+    }
+    std::string stored;
+    return Settings::GetSetting(setting->section, setting->key, stored) < 0 || stored != value;
 }
 
 std::string default_frequency()

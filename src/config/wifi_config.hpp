@@ -6,7 +6,7 @@
 
 /**
  * The Wi-Fi configuration kept in the settings daemon. Nothing is cached: every call asks the daemon anew, on
- * the thread that calls.
+ * the thread that calls. The writers are for the main thread.
  */
 
 /** One snapshot of the stored configuration. Meaningful only after read_wifi_config or set_safe_wifi_config.
@@ -79,6 +79,19 @@ bool settings_set_wifi_enabled(bool enabled);
 bool settings_set_wifi_mode(WifiMode mode); ///< stores "Client" for Client and "Host" for any other value
 bool settings_set_frequency(const std::string& frequency);
 bool settings_set_device_name(const std::string& name);
+
+/**
+ * Whether a text that the settings daemon tells of is only the echo of a write of this program that another
+ * one has followed since. Where it could be, the stored value is asked for, and decides. For the main thread,
+ * once for each value that is told.
+ *
+ * @param key "mode", "frequency" or "deviceName"; anything else is never outdated
+ * @param value what is told
+ * @return true when it is outdated, and so also when the stored value could not be read
+ *
+ * Logs what reading a setting logs (ERR), when that fails.
+ */
+bool settings_is_outdated(const std::string& key, const std::string& value);
 
 /** "5" on a radio of type 1, else "2.4". */
 std::string default_frequency();

@@ -41,6 +41,20 @@ void schedule_listener_restart()
     listenerRestart.reset(source);
 }
 
+using Operation = int(const std::string& value, WriteThrough writeThrough);
+
+/** What a change of this setting asks for; null for a setting that asks for nothing, or is no text. */
+Operation* operation_of(const std::string& setting)
+{
+    if (setting == "frequency") {
+        return set_wifi_frequency;
+    }
+    if (setting == "mode") {
+        return set_wifi_mode;
+    }
+    return setting == "deviceName" ? set_wifi_ssid : nullptr;
+}
+
 } // namespace
 
 void connect_event_reactions()
@@ -117,12 +131,12 @@ void settings_changed(const Settingsd::PropertyMap& settings)
         const auto& [type, value] = typedValue;
         if (name == "enabled" && type == "b") {
             set_wifi_state(std::any_cast<bool>(value) ? 1 : 0);
-        } else if (name == "frequency" && type == "s") {
-            set_wifi_frequency(std::any_cast<const std::string&>(value), WriteThrough::Off);
-        } else if (name == "mode" && type == "s") {
-            set_wifi_mode(std::any_cast<const std::string&>(value), WriteThrough::Off);
-        } else if (name == "deviceName" && type == "s") {
-            set_wifi_ssid(std::any_cast<const std::string&>(value), WriteThrough::Off);
+        } else if (const auto take = operation_of(name); take != nullptr && type == "s") {
+            const auto& text = std::any_cast<const std::string&>(value);
+            // The echo of a first write must not undo a second one that has been taken meanwhile.
+            if (!settings_is_outdated(name, text)) {
+                take(text, WriteThrough::Off);
+            }
         }
     }
 }

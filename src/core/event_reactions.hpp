@@ -37,7 +37,8 @@ void address_changed(const std::string& interface, const std::string& address, b
 
 /**
  * Another client has changed stored settings: brings the radio in line with "enabled" (b), "frequency",
- * "mode" and "deviceName" (s), in key order. Other settings, and these with another type, are ignored; a
- * value that is not of the type it says raises std::bad_any_cast.
+ * "mode" and "deviceName" (s), in key order. What is only the echo of a write of this program that another
+ * one has followed is passed over. Other settings, and these with another type, are ignored; a value that is
+ * not of the type it says raises std::bad_any_cast.
  */
 void settings_changed(const Settingsd::PropertyMap& settings);

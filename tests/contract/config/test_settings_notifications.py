@@ -2,10 +2,13 @@
 
 from __future__ import annotations
 
+import signal
+import time
+
 import pytest
 from control import READ_MODE, READ_POWER, RESTART_HOSTAPD, bring_up_quietly, control_logs, logs, steps
 from settings_texts import PROPERTIES_CHANGED, set_failed
-from vantora_sim import Variant, World, log
+from vantora_sim import DEADLINE, Variant, World, changed, log
 
 BASE = "/com/vantora/common/Settings1"
 SERVICE = "com.vantora.common.Settings1"
@@ -114,6 +117,83 @@ def test_a_malformed_notification_is_dropped_with_a_message(world: World, path: 
     world.settings.notify("network", {"mode": "x"})
     world.settle()
     assert logs(world, mark)[1:] == [("err", "[Main] set_wifi_mode: Unknown mode:x")]
+
+
+WRITES = [
+    pytest.param("Mode", "network", "mode", ("Client", "Host"), id="mode"),
+    pytest.param("WiFiFrequency", "network", "frequency", ("5", "2.4"), id="band"),
+    pytest.param("SSID", "device", "deviceName", ("Attic", "Cellar"), id="SSID"),
+]
+
+
+@pytest.mark.parametrize(("name", "section", "key", "values"), WRITES)
+def test_the_echo_of_a_first_write_does_not_undo_a_second_one(world: World, name: str, section: str, key: str,
+                                                              values: tuple[str, str]) -> None:
+    bring_up_quietly(world)
+    for value in values:
+        world.set(name, value)
+    mark = world.journal.mark()
+    for value in values:
+        world.settings.notify(section, {key: value})
+        world.settle()
+    # Of the first, what is stored is looked at, and nothing done; of the second, only that it is there already.
+    assert steps(world, mark)[0] == f"get {section}.{key}"
+    assert [step for step in steps(world, mark) if step.startswith(("announce", "Load", "set", "ip"))] == []
+    assert world.get(name) == values[1]
+    # Both have been heard of now: the first value, told once more, is somebody else's wish.
+    world.settings.change(section, **{key: values[0]})
+    world.journal.wait_for(changed(name, values[0]), mark)
+
+
+@pytest.mark.parametrize(("name", "section", "key", "values"), WRITES)
+def test_a_first_value_that_somebody_else_has_stored_again_is_taken(world: World, name: str, section: str, key: str,
+                                                                    values: tuple[str, str]) -> None:
+    bring_up_quietly(world)
+    for value in values:
+        world.set(name, value)
+    mark = world.journal.mark()
+    world.settings.change(section, **{key: values[0]})  # by a daemon that tells nobody of his own writes
+    world.journal.wait_for(changed(name, values[0]), mark)
+
+
+def test_an_echo_of_a_first_write_is_passed_over_also_when_the_stored_value_cannot_be_read(world: World) -> None:
+    bring_up_quietly(world)
+    world.set("Mode", "Client")
+    world.set("Mode", "Host")
+    world.settings.refuse("Get", on="network.mode")
+    mark = world.journal.mark()
+    world.settings.notify("network", {"mode": "Client"})
+    assert steps(world, mark) == ["get network.mode"]
+    assert [priority for priority, _ in logs(world, mark)] == ["err"]
+
+
+def test_many_writes_of_which_nothing_is_told_are_forgotten(world: World) -> None:
+    bring_up_quietly(world)
+    for number in range(34):
+        world.set("SSID", f"Name {number}")
+    mark = world.journal.mark()
+    world.settings.notify("device", {"deviceName": "Name 1"})  # of 34 writes the two oldest are forgotten
+    assert steps(world, mark)[0] != "get device.deviceName"
+    mark = world.journal.mark()
+    world.settings.notify("device", {"deviceName": "Name 2"})
+    assert steps(world, mark) == ["get device.deviceName"]
+
+
+def test_a_flood_of_notifications_keeps_a_request_waiting_for_less_than_a_second(world: World) -> None:
+    daemon = world.up()
+    daemon.send_signal(signal.SIGSTOP)
+    try:
+        for _ in range(1500):
+            world.settings.notify("network", {"mode": "Host"})
+        asked = world.call_async("Get", "ss", ["com.vantora.Network1.WiFi", "Mode"], interface="org.freedesktop.DBus.Properties")
+        world.name_owned()  # the bus has taken all that by now
+    finally:
+        daemon.send_signal(signal.SIGCONT)
+    begin = time.monotonic()
+    assert asked.result(DEADLINE)[0].value == "Host"
+    assert time.monotonic() - begin < 1.0
+    told = ("err", "[Main] set_wifi_mode: already in wifi mode Host")
+    assert world.journal.logs().count(told) < 1500, "the request came before the last of them"
 
 
 def daemon_connections(world: World) -> list[str]:
