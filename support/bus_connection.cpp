@@ -18,6 +18,14 @@ microseconds call_timeout(sd_bus* bus)
     return microseconds(std::min<uint64_t>(timeoutUsec, kLongest.count()));
 }
 
+int open_with(int (*open)(sd_bus**), BusPtr& bus)
+{
+    sd_bus* opened = nullptr;
+    const int result = open(&opened);
+    bus.reset(opened);
+    return result;
+}
+
 } // namespace
 
 int await_letting_in(sd_bus* bus, microseconds time)
@@ -45,22 +53,27 @@ int await_letting_in(sd_bus* bus)
 
 int open_system_bus(BusPtr& bus, LetIn letIn)
 {
-    sd_bus* opened = nullptr;
-    const int result = sd_bus_open_system(&opened);
-    bus.reset(opened);
+    const int result = open_with(sd_bus_open_system, bus);
     if (result >= 0 && letIn == LetIn::Awaited) {
-        await_letting_in(opened);
+        await_letting_in(bus.get());
     }
     return result;
 }
 
-int open_user_bus(BusPtr& bus)
+int open_system_bus(BusPtr& bus, microseconds time)
 {
-    sd_bus* opened = nullptr;
-    const int result = sd_bus_open_user(&opened);
-    bus.reset(opened);
+    const int result = open_with(sd_bus_open_system, bus);
     if (result >= 0) {
-        await_letting_in(opened);
+        await_letting_in(bus.get(), std::min(time, call_timeout(bus.get())));
+    }
+    return result;
+}
+
+int open_user_bus(BusPtr& bus, LetIn letIn)
+{
+    const int result = open_with(sd_bus_open_user, bus);
+    if (result >= 0 && letIn == LetIn::Awaited) {
+        await_letting_in(bus.get());
     }
     return result;
 }

@@ -19,8 +19,15 @@ enum class LetIn {
  */
 int open_system_bus(BusPtr& bus, LetIn letIn = LetIn::Awaited);
 
-/** The same for the user bus. Returns what sd_bus_open_user(3) returns. */
-int open_user_bus(BusPtr& bus);
+/**
+ * The same for a call that has a limit of its own: the bus is given up after that time already.
+ *
+ * @param time how long to wait at most, in microseconds; the time-out of a call holds where it is shorter
+ */
+int open_system_bus(BusPtr& bus, std::chrono::microseconds time);
+
+/** As the first, for the user bus. Returns what sd_bus_open_user(3) returns. */
+int open_user_bus(BusPtr& bus, LetIn letIn = LetIn::Awaited);
 
 /**
  * Works a connection that has just been opened until the bus has let it in. A bus that refuses to, or does

@@ -1,5 +1,7 @@
 #include "utils/systemd_units.hpp"
 
+#include <algorithm>
+#include <chrono>
 #include <cstdint>
 
 #include <syslog.h>
@@ -13,8 +15,27 @@ constexpr const char* kManagerPath = "/org/freedesktop/systemd1";
 constexpr const char* kManager = "org.freedesktop.systemd1.Manager";
 constexpr const char* kUnit = "org.freedesktop.systemd1.Unit";
 
-/** Enabling and disabling reload systemd's idea of all unit files, so they get a limit of their own. */
-constexpr uint64_t kUnitFilesTimeoutUsec = 5'000'000;
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+
+/**
+ * Enabling and disabling reload systemd's idea of all unit files, so they get a limit of their own: for the
+ * opening of the bus and the call together.
+ */
+constexpr std::chrono::microseconds kUnitFilesTime = 5s;
+
+/**
+ * What the opening that began then has left of the limit, for the call. Counted in tenths of a second: a bus
+ * that lets in at once leaves all of it.
+ */
+uint64_t unit_files_timeout_usec(Clock::time_point begin)
+{
+    using Tenths = std::chrono::duration<int64_t, std::deci>;
+
+    const auto used = std::chrono::floor<Tenths>(Clock::now() - begin);
+    const std::chrono::microseconds left = kUnitFilesTime - used;
+    return static_cast<uint64_t>(std::max<int64_t>(left.count(), 1)); // 0 stands for the usual time-out
+}
 
 /** What differs between enabling and disabling a unit file. */
 struct UnitFilesCall
@@ -86,7 +107,8 @@ int append_flags(sd_bus_message* message, int count)
     return result;
 }
 
-int send_unit_files_call(sd_bus* bus, const UnitFilesCall& call, const std::string& unit)
+int send_unit_files_call(sd_bus* bus, const UnitFilesCall& call, const std::string& unit,
+                         Clock::time_point begin)
 {
     sd_bus_message* created = nullptr;
     int result = sd_bus_message_new_method_call(bus, &created, kSystemd, kManagerPath, kManager, call.method);
@@ -102,7 +124,7 @@ int send_unit_files_call(sd_bus* bus, const UnitFilesCall& call, const std::stri
 
     BusError error;
     sd_bus_message* received = nullptr;
-    result = sd_bus_call(bus, message.get(), kUnitFilesTimeoutUsec, error.get(), &received);
+    result = sd_bus_call(bus, message.get(), unit_files_timeout_usec(begin), error.get(), &received);
     const MessagePtr reply(received);
     if (result > 0) {
         call.logSucceeded(unit.c_str());
@@ -114,13 +136,14 @@ int send_unit_files_call(sd_bus* bus, const UnitFilesCall& call, const std::stri
 
 bool change_unit_files(const UnitFilesCall& call, const std::string& unit)
 {
+    const auto begin = Clock::now();
     BusPtr bus;
-    int result = open_system_bus(bus);
+    int result = open_system_bus(bus, kUnitFilesTime);
     if (result < 0) {
         syslog(LOG_ERR, "[Utils] Failed to open system bus. ret %d", result);
         return false;
     }
-    result = send_unit_files_call(bus.get(), call, unit);
+    result = send_unit_files_call(bus.get(), call, unit, begin);
     if (result < 0) {
         call.logSummary(result);
     }

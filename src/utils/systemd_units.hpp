@@ -9,7 +9,8 @@
  */
 
 /**
- * Enables a unit file persistently (Manager.EnableUnitFiles, runtime and force false, time-out 5 s).
+ * Enables a unit file persistently (Manager.EnableUnitFiles, runtime and force false). It takes 5 s at most,
+ * a bus that does not let us in included.
  *
  * @param unit unit file name or absolute path
  * @return true when the call did not end with a negative error, also when its result was 0
@@ -24,7 +25,7 @@
 bool utils_enable_service(const std::string& unit);
 
 /**
- * Disables a unit file (Manager.DisableUnitFiles, runtime false, time-out 5 s).
+ * Disables a unit file (Manager.DisableUnitFiles, runtime false), in 5 s at most.
  *
  * @param unit unit file name; systemd refuses an absolute path here
  * @return as utils_enable_service

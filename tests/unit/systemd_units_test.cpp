@@ -1,10 +1,13 @@
 #include "utils/systemd_units.hpp"
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdarg>
 #include <map>
 #include <memory>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -35,6 +38,9 @@ struct Library
     std::map<std::string, std::vector<int>> results;
     const char* replyPath = "/reply/path";
     const char* errorText = nullptr;
+
+    /** How long the bus takes to let in. */
+    std::vector<std::chrono::microseconds> waitsToLetIn;
 
     std::vector<std::string> steps;
     int buses = 0;
@@ -87,7 +93,32 @@ int sd_bus_open_system(sd_bus** bus)
 
 int sd_bus_is_ready(sd_bus*)
 {
+    return library->waitsToLetIn.empty() ? 1 : 0;
+}
+
+int sd_bus_get_method_call_timeout(sd_bus*, uint64_t* timeout)
+{
+    *timeout = 25'000'000;
+    return 0;
+}
+
+int sd_bus_process(sd_bus*, sd_bus_message**)
+{
+    return 0;
+}
+
+/** The bus lets in after so long, or not within the time. */
+int sd_bus_wait(sd_bus*, uint64_t timeout)
+{
+    const std::chrono::microseconds wanted = library->waitsToLetIn.front();
+    std::this_thread::sleep_for(std::min(wanted, std::chrono::microseconds(timeout)));
+    library->waitsToLetIn.erase(library->waitsToLetIn.begin());
     return 1;
+}
+
+void sd_bus_close(sd_bus*)
+{
+    library->steps.emplace_back("close");
 }
 
 sd_bus* sd_bus_flush_close_unref(sd_bus*)
@@ -216,6 +247,14 @@ TEST_F(SystemdUnits, EnableSendsOneFilePersistentlyAndWithoutForce)
     EXPECT_THAT(log(),
                 ElementsAre(LogLine{LOG_INFO, "[Utils] Trying to enable /etc/a.service"},
                             LogLine{LOG_INFO, "[Utils] /etc/a.service should've been successfully enabled"}));
+}
+
+TEST_F(SystemdUnits, EnableHasWhatTheOpeningOfTheBusLeavesOfItsFiveSeconds)
+{
+    library->waitsToLetIn = {std::chrono::milliseconds(310)};
+    EXPECT_TRUE(utils_enable_service("a.service"));
+    // In tenths of a second, and some more where the machine is busy.
+    EXPECT_THAT(library->steps, testing::Contains(testing::MatchesRegex("call (4[0-7]|3.)00000")));
 }
 
 TEST_F(SystemdUnits, EnableGivesUpWithoutABus)

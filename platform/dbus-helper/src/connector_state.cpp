@@ -4,24 +4,19 @@
 #include <cerrno>
 #include <ctime>
 
+#include "support/bus_connection.hpp"
+
 namespace DbusHelper {
 
 namespace {
 
-constexpr std::chrono::seconds first_retry_delay(1);
-constexpr std::chrono::seconds longest_retry_delay(30);
-
-/**
- * Signals of the user bus are heard before the next request that the same loop serves. Otherwise a service
- * that has stored one value after the other is told of the first only after it has taken the second, and goes
- * back to the first.
- */
-constexpr int user_bus_priority = SD_EVENT_PRIORITY_NORMAL - 1;
+constexpr std::chrono::seconds kFirstRetryDelay(1);
+constexpr std::chrono::seconds kLongestRetryDelay(30);
 
 } // namespace
 
 DbusConnector::State::State(sd_event* event, BusType type)
-    : event_(sd_event_ref(event)), type_(type), retry_delay_(first_retry_delay)
+    : event_(sd_event_ref(event)), type_(type), retryDelay_(kFirstRetryDelay)
 {
 }
 
@@ -57,7 +52,7 @@ void DbusConnector::State::close()
 {
     lost_ = false;
     retry_.reset();
-    retry_delay_ = first_retry_delay;
+    retryDelay_ = kFirstRetryDelay;
     rules_.clear();
     drop_connection();
 }
@@ -92,39 +87,32 @@ int DbusConnector::State::open_bus(Install mode)
     if (event_ == nullptr) {
         return -EINVAL;
     }
-    sd_bus* opened = nullptr;
-    int r = type_ == BusType::User ? sd_bus_open_user(&opened) : sd_bus_open_system(&opened);
-    bus_.reset(opened);
-    if (r < 0) {
-        return r;
+    int r = type_ == BusType::User ? open_user_bus(bus_, LetIn::Unneeded)
+                                   : open_system_bus(bus_, LetIn::Unneeded);
+    if (r >= 0 && mode == Install::Waiting) {
+        r = await_letting_in(bus_.get());
     }
-    if (mode == Install::Waiting) {
-        // Opening only begins the connection; that the bus lets us in shows in the name that it gives us.
-        const char* unique_name = nullptr;
-        r = sd_bus_get_unique_name(opened, &unique_name);
-        if (r < 0) {
-            return r;
-        }
-    }
-    const int priority = type_ == BusType::User ? user_bus_priority : SD_EVENT_PRIORITY_NORMAL;
-    return sd_bus_attach_event(opened, event_.get(), priority);
+    // The priority of everything else that such a loop serves: a flood of signals, which may come from
+    // anybody, takes its turns with the others and keeps none of them waiting.
+    return r < 0 ? r : sd_bus_attach_event(bus_.get(), event_.get(), SD_EVENT_PRIORITY_NORMAL);
 }
 
 int DbusConnector::State::watch_connection(Install mode)
 {
     // A signal of sd-bus itself, which no bus daemon is asked for.
-    constexpr const char* match = "type='signal',sender='org.freedesktop.DBus.Local',"
-                                  "path='/org/freedesktop/DBus/Local',interface='org.freedesktop.DBus.Local',"
-                                  "member='Disconnected'";
+    constexpr const char* kMatch =
+        "type='signal',sender='org.freedesktop.DBus.Local',"
+        "path='/org/freedesktop/DBus/Local',interface='org.freedesktop.DBus.Local',"
+        "member='Disconnected'";
     sd_bus_slot* slot = nullptr;
-    int r = sd_bus_add_match(bus_.get(), &slot, match, on_disconnected, this);
+    int r = sd_bus_add_match(bus_.get(), &slot, kMatch, on_disconnected, this);
     disconnected_.reset(slot);
     if (r < 0) {
         return r;
     }
     if (mode == Install::Waiting) {
         lost_ = false;
-        retry_delay_ = first_retry_delay;
+        retryDelay_ = kFirstRetryDelay;
         return 0;
     }
     // The bus daemon answers in order: its answer to this question shows that everything before went well.
@@ -154,8 +142,8 @@ void DbusConnector::State::give_up_connection()
     if (retry_ != nullptr) {
         return;
     }
-    const auto delay = std::chrono::microseconds(retry_delay_);
-    retry_delay_ = std::min(2 * retry_delay_, longest_retry_delay);
+    const auto delay = std::chrono::microseconds(retryDelay_);
+    retryDelay_ = std::min(2 * retryDelay_, kLongestRetryDelay);
     sd_event_source* source = nullptr;
     const int r = sd_event_add_time_relative(event_.get(), &source, CLOCK_MONOTONIC,
                                              static_cast<std::uint64_t>(delay.count()), 0, on_retry, this);
@@ -177,7 +165,7 @@ int DbusConnector::State::on_bus_answered(sd_bus_message* message, void* userdat
         return 0;
     }
     state.lost_ = false;
-    state.retry_delay_ = first_retry_delay;
+    state.retryDelay_ = kFirstRetryDelay;
     return 0;
 }
 

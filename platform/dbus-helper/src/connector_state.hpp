@@ -59,7 +59,7 @@ private:
     EventPtr event_;
     BusType type_;
     bool lost_ = false;
-    std::chrono::seconds retry_delay_;
+    std::chrono::seconds retryDelay_;
     EventSourcePtr retry_;
     BusPtr bus_;
     SlotPtr disconnected_;

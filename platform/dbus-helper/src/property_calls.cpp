@@ -12,7 +12,7 @@ namespace sdbus_utils {
 
 namespace {
 
-constexpr const char* properties_interface = "org.freedesktop.DBus.Properties";
+constexpr const char* kPropertiesInterface = "org.freedesktop.DBus.Properties";
 
 std::string errno_text(int r)
 {
@@ -69,13 +69,13 @@ int fetch(sd_bus* bus, const Property& property, const char* type, MessagePtr& r
         error = "Cannot open the user bus: " + errno_text(r);
         return r;
     }
-    BusError bus_error;
+    BusError busError;
     sd_bus_message* answer = nullptr;
-    r = sd_bus_call_method(connection.get(), property.service, property.path, properties_interface, "Get",
-                           bus_error.get(), &answer, "ss", property.interface, property.name);
+    r = sd_bus_call_method(connection.get(), property.service, property.path, kPropertiesInterface, "Get",
+                           busError.get(), &answer, "ss", property.interface, property.name);
     reply.reset(answer);
     if (r < 0) {
-        error = failure_text(r, bus_error);
+        error = failure_text(r, busError);
         return r;
     }
     char outer = 0;
@@ -121,11 +121,11 @@ int store(sd_bus* bus, const Property& property, const char* type, Wire value, s
         error = "Cannot open the user bus: " + errno_text(r);
         return r;
     }
-    BusError bus_error;
+    BusError busError;
     r = sd_bus_set_property(connection.get(), property.service, property.path, property.interface,
-                            property.name, bus_error.get(), type, value);
+                            property.name, busError.get(), type, value);
     if (r < 0) {
-        error = failure_text(r, bus_error);
+        error = failure_text(r, busError);
     }
     return r;
 }
@@ -219,7 +219,7 @@ int GetAllProperties(sd_bus* bus, const std::string& service, const std::string&
     }
     BusError error;
     sd_bus_message* answer = nullptr;
-    r = sd_bus_call_method(connection.get(), service.c_str(), path.c_str(), properties_interface, "GetAll",
+    r = sd_bus_call_method(connection.get(), service.c_str(), path.c_str(), kPropertiesInterface, "GetAll",
                            error.get(), &answer, "s", interface.c_str());
     const MessagePtr reply(answer);
     return r < 0 ? r : ParsePropertiesWithType(answer, properties);

@@ -8,13 +8,13 @@ namespace DbusHelper {
 
 namespace {
 
-constexpr const char* bus_name = "org.freedesktop.DBus";
-constexpr const char* bus_path = "/org/freedesktop/DBus";
+constexpr const char* kBusName = "org.freedesktop.DBus";
+constexpr const char* kBusPath = "/org/freedesktop/DBus";
 
 bool is_from_bus_daemon(sd_bus_message* message)
 {
     const char* sender = sd_bus_message_get_sender(message);
-    return sender != nullptr && std::string_view(sender) == bus_name;
+    return sender != nullptr && std::string_view(sender) == kBusName;
 }
 
 int add_match(sd_bus* bus, Install mode, SlotPtr& slot, const std::string& rule,
@@ -38,8 +38,8 @@ bool SignalRule::valid() const
            sd_bus_member_name_is_valid(member.c_str()) > 0;
 }
 
-SignalWatch::SignalWatch(SignalRule rule, std::function<void()> on_failure)
-    : rule_(std::move(rule)), on_failure_(std::move(on_failure))
+SignalWatch::SignalWatch(SignalRule rule, std::function<void()> onFailure)
+    : rule_(std::move(rule)), onFailure_(std::move(onFailure))
 {
 }
 
@@ -60,10 +60,10 @@ int SignalWatch::install(sd_bus* bus, Install mode)
 int SignalWatch::follow_owner(sd_bus* bus, Install mode)
 {
     // First the match, then the question: a change in between is then announced after the answer.
-    const std::string match = std::string("type='signal',sender='") + bus_name + "',path='" + bus_path +
-                              "',interface='" + bus_name + "',member='NameOwnerChanged',arg0='" +
+    const std::string match = std::string("type='signal',sender='") + kBusName + "',path='" + kBusPath +
+                              "',interface='" + kBusName + "',member='NameOwnerChanged',arg0='" +
                               rule_.sender + "'";
-    const int r = add_match(bus, mode, owner_changed_, match, on_owner_changed, this);
+    const int r = add_match(bus, mode, ownerChanged_, match, on_owner_changed, this);
     if (r < 0) {
         return r;
     }
@@ -76,7 +76,7 @@ int SignalWatch::ask_owner(sd_bus* bus)
     // answer that has long come for one that never did.
     BusError error;
     sd_bus_message* received = nullptr;
-    int r = sd_bus_call_method(bus, bus_name, bus_path, bus_name, "GetNameOwner", error.get(), &received, "s",
+    int r = sd_bus_call_method(bus, kBusName, kBusPath, kBusName, "GetNameOwner", error.get(), &received, "s",
                                rule_.sender.c_str());
     const MessagePtr answer(received);
     if (r < 0) {
@@ -93,9 +93,9 @@ int SignalWatch::ask_owner(sd_bus* bus)
 int SignalWatch::ask_owner_in_background(sd_bus* bus)
 {
     sd_bus_slot* asked = nullptr;
-    const int r = sd_bus_call_method_async(bus, &asked, bus_name, bus_path, bus_name, "GetNameOwner",
+    const int r = sd_bus_call_method_async(bus, &asked, kBusName, kBusPath, kBusName, "GetNameOwner",
                                            on_owner_told, this, "s", rule_.sender.c_str());
-    owner_asked_.reset(asked);
+    ownerAsked_.reset(asked);
     return r < 0 ? r : 0;
 }
 
@@ -103,12 +103,11 @@ int SignalWatch::on_owner_changed(sd_bus_message* message, void* userdata, sd_bu
 {
     auto& watch = *static_cast<SignalWatch*>(userdata);
     const char* name = nullptr;
-    const char* old_owner = nullptr;
-    const char* new_owner = nullptr;
-    if (is_from_bus_daemon(message) &&
-        sd_bus_message_read(message, "sss", &name, &old_owner, &new_owner) > 0 &&
+    const char* oldOwner = nullptr;
+    const char* newOwner = nullptr;
+    if (is_from_bus_daemon(message) && sd_bus_message_read(message, "sss", &name, &oldOwner, &newOwner) > 0 &&
         watch.rule_.sender == name) {
-        watch.owner_ = new_owner;
+        watch.owner_ = newOwner;
     }
     return 0;
 }
@@ -119,7 +118,7 @@ int SignalWatch::on_owner_told(sd_bus_message* message, void* userdata, sd_bus_e
     const char* owner = nullptr;
     if (sd_bus_message_is_method_error(message, nullptr) > 0) {
         if (sd_bus_message_is_method_error(message, SD_BUS_ERROR_NAME_HAS_NO_OWNER) <= 0) {
-            watch.on_failure_(); // without an answer the watch would be deaf
+            watch.onFailure_(); // without an answer the watch would be deaf
         }
     } else if (sd_bus_message_read_basic(message, SD_BUS_TYPE_STRING, &owner) > 0) {
         watch.owner_ = owner;

@@ -39,8 +39,8 @@ enum class Install { Waiting, InBackground };
 class SignalWatch
 {
 public:
-    /** `on_failure` is called by the loop when the bus daemon will not tell who owns the sender's name. */
-    SignalWatch(SignalRule rule, std::function<void()> on_failure);
+    /** `onFailure` is called by the loop when the bus daemon will not tell who owns the sender's name. */
+    SignalWatch(SignalRule rule, std::function<void()> onFailure);
     SignalWatch(const SignalWatch&) = delete;
     SignalWatch& operator=(const SignalWatch&) = delete;
     ~SignalWatch() = default;
@@ -59,10 +59,10 @@ private:
     static int on_owner_told(sd_bus_message* message, void* userdata, sd_bus_error* error);
 
     const SignalRule rule_;
-    const std::function<void()> on_failure_;
+    const std::function<void()> onFailure_;
     std::string owner_; ///< unique name of the sender; empty while nobody owns the name
-    SlotPtr owner_changed_;
-    SlotPtr owner_asked_;
+    SlotPtr ownerChanged_;
+    SlotPtr ownerAsked_;
     SlotPtr signal_;
 };
 

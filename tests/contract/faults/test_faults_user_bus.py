@@ -60,8 +60,13 @@ NEIGHBOUR = Neighbour("User bus", ABOUT, [
     Row(DIES, "is killed while a mode is being changed",
         test="test_a_bus_that_dies_in_the_middle_of_a_change_keeps_what_was_stored", text=ENDS + ", after the change",
         takes="at once", after=COMES_BACK + "; the mode is the new one"),
+    Row(DIES, "hangs up on the daemon that is being let in, at the start", name="hangs up at the start",
+        test="test_start_up.py::test_a_user_bus_that_takes_the_connection_and_hangs_up_ends_it_likewise",
+        text="nobody can ask; exit status 1", lines=[failed_start(-107)], takes="at once", after=COMES_UP),
     Row(RESTARTS, "with `user@0.service`", test="test_a_restart_of_the_bus_is_one_of_the_daemon", text=ENDS,
         takes="under 1 s (`test_clean_end.py`)", after=COMES_BACK),
+    Row(FLOODS, "1,500 notifications of the settings daemon", text="a request is answered between two of them", takes="under 1 s",
+        test="test_settings_notifications.py::test_a_flood_of_notifications_keeps_a_request_waiting_for_less_than_a_second"),
     Row(FLOODS, "2,000 requests of four clients, wrong in most ways", text="each is answered; nothing is changed", takes="at once",
         test="test_bus_load.py::test_two_thousand_random_requests_are_all_answered_and_change_nothing"),
 ], prepare)

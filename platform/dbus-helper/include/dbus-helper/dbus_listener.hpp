@@ -28,9 +28,10 @@ class DbusConnector
 {
 public:
     /**
-     * Opens the connection, waits until the bus has let us in, and attaches it to the loop. Connected
-     * already: 0. After a loss, tries at once instead of waiting for the next attempt of the loop. Returns
-     * exactly 0, or a negative errno; a failed call is not repeated by itself.
+     * Opens the connection, waits until the bus has let us in, for as long as a call may take (25 s) and no
+     * longer, and attaches it to the loop. Connected already: 0. After a loss, tries at once instead of
+     * waiting for the next attempt of the loop. Returns exactly 0, or a negative errno; a failed call is not
+     * repeated by itself.
      */
     int Connect();
 
