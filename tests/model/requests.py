@@ -183,6 +183,8 @@ class Requests(Life):
             self.history.address_events += 3
         if kind == "write" and name == "SSID" and not radio.blocked and client:
             self.history.disturbed.add("an access point in Client mode")
+        if (kind, name, value) == ("write", "SSID", ""):
+            self.history.disturbed.add("a name in use that the settings daemon does not store")
         if kind == "call" and name in ("Connect", "Disconnect"):
             self.history.address_events += 1
         if kind == "call":

@@ -147,3 +147,10 @@ def test_the_same_seed_makes_the_same_runs(stage: Stage, monkeypatch: pytest.Mon
         search.search(steps=300)
     assert done[0] == done[1]
     assert len(done[0]) > 3
+
+
+@pytest.mark.parametrize("real_settings", [False, True])
+def test_a_name_that_the_settings_daemon_refuses_is_in_use_until_the_next_start(real_settings: bool, stage: Stage) -> None:
+    stage.begin(real_settings=real_settings)
+    stage.write("SSID", "")
+    stage.finish()
