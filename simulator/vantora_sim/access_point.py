@@ -31,7 +31,8 @@ class AccessPoint:
         self.visitors = visitors
         self._start = Activity()
         self._traffic = Activity()
-        self._hangs = False
+        self.hanging = False
+        """Whether it was stopped in its tracks."""
         self._known: dict[str, bytes] = {}
         """Stations that want to be here: the name of the network that they joined."""
         self.on_air = False
@@ -71,13 +72,13 @@ class AccessPoint:
 
     def hang(self) -> None:
         """hostapd stops in its tracks: no answer, no event."""
-        self._hangs = True
+        self.hanging = True
         self._traffic.cancel()
         self._world.hostapd.hang()
 
     def release(self) -> None:
         """It goes on."""
-        self._hangs = False
+        self.hanging = False
         self._world.hostapd.clear()
 
     async def _come_up(self) -> None:
@@ -141,7 +142,7 @@ class AccessPoint:
 
     def join(self, mac: str) -> bool:
         """A station comes; false when there is no access point to join."""
-        if not self.on_air or self._hangs or self._world.radio.blocked:
+        if not self.on_air or self.hanging or self._world.radio.blocked:
             return False
         self._associate(mac)
         return True
@@ -149,7 +150,7 @@ class AccessPoint:
     def leave(self, mac: str) -> bool:
         """A station goes away and does not come back by itself; false when it is not here."""
         self._known.pop(mac, None)
-        if mac not in self._world.hostapd.stations or self._hangs:
+        if mac not in self._world.hostapd.stations or self.hanging:
             return False
         self._world.hostapd.leave(mac, linger=False)
         return True

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import argparse
+import contextlib
 import os
 import pwd
 import shutil
@@ -13,7 +14,7 @@ from pathlib import Path
 from types import FrameType
 from typing import TextIO
 
-from . import places, tour, view
+from . import desk_page, places, tour, view
 from .dbus_fake import CallRefused
 from .device import SimulatedDevice
 from .sandbox import SandboxError
@@ -42,6 +43,9 @@ def _parser() -> argparse.ArgumentParser:
     parser.add_argument("--build-dir", type=Path, default=places.default_build(), metavar="DIR",
                         help="folder with the programs (default: %(default)s)")
     parser.add_argument("--demo", action="store_true", help="a tour through everything, which is also a test; then end")
+    parser.add_argument("--desk", action="store_true", help="serve a page on this machine that shows the device and acts on it")
+    parser.add_argument("--desk-port", type=int, default=0, metavar="PORT", help="where the page is served (default: any free port)")
+    parser.add_argument("--open", type=Path, metavar="FILE", help="serve the page with a run that was saved from it, without a device")
     parser.add_argument("-v", "--verbose", action="store_true",
                         help="show also the daemon's log and what it asks of its surroundings")
     parser.add_argument("command", nargs="*", metavar="COMMAND", help="program to run in reach of the device, after --")
@@ -53,6 +57,10 @@ def main(argv: list[str]) -> int:
     options = _parser().parse_args(argv)
     if options.demo and options.command:
         return _complain("--demo takes no COMMAND", _USAGE)
+    if options.demo and options.desk:
+        return _complain("--demo takes no --desk", _USAGE)
+    if options.open is not None:
+        return _show_saved(options)
     absent = places.missing(options.build_dir)
     if absent:
         return _complain(f"{options.build_dir} holds no {', '.join(absent)}: build first, or give --build-dir")
@@ -72,7 +80,13 @@ def main(argv: list[str]) -> int:
             return tour.run(plan, options.build_dir, sys.stdout, verbose=options.verbose)
         if options.state is not None:
             options.state.mkdir(parents=True, exist_ok=True)
-        with SimulatedDevice(plan, options.build_dir, state=options.state) as device:
+        device = SimulatedDevice(plan, options.build_dir, state=options.state)
+        with contextlib.ExitStack() as stack:
+            page = stack.enter_context(contextlib.ExitStack())
+            if options.desk:
+                device.before_start.append(lambda: desk_page.serve(device, options.desk_port, page))
+            stack.enter_context(device)
+            stack.callback(page.close)  # the page goes before the device that it shows
             try:
                 if options.command:
                     return _run_command(device, options.command)
@@ -82,9 +96,26 @@ def main(argv: list[str]) -> int:
                     signal.signal(number, signal.SIG_IGN)  # the end is under way
     except KeyboardInterrupt:
         return 0
+    except desk_page.Unavailable as error:
+        return _complain(str(error))
     except SandboxError as error:
         return _complain(f"no sandbox can be made here: {error}")
     except (WorldFileError, CallRefused, RuntimeError, OSError) as error:
+        return _complain(str(error))
+
+
+def _show_saved(options: argparse.Namespace) -> int:
+    """Serve the page with a saved run until Ctrl-C."""
+    for number in (signal.SIGTERM, signal.SIGHUP):
+        signal.signal(number, _interrupt)
+    try:
+        with contextlib.ExitStack() as page:
+            desk_page.serve_saved(options.open, options.desk_port, page)
+            while True:
+                signal.pause()
+    except KeyboardInterrupt:
+        return 0
+    except desk_page.Unavailable as error:
         return _complain(str(error))
 
 

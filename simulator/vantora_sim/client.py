@@ -34,6 +34,11 @@ class Client:
         await disconnect(self._bus)
 
     @property
+    def unique_name(self) -> str:
+        """The name that the bus has given this connection."""
+        return self._bus.unique_name or ""
+
+    @property
     def connected(self) -> bool:
         """Whether the bus still serves this connection."""
         return self._bus.connected

@@ -24,8 +24,10 @@ class CommandError(Exception):
     """The command cannot be done; the text says why."""
 
 
-def run(parts: Parts, command: str, arguments: dict[str, Any]) -> str:
-    """Do a command and record it; returns what there is to say. Not for the loop's thread. Raises CommandError."""
+def run(parts: Parts, command: str, arguments: dict[str, Any], *, by_plan: bool = False) -> str:
+    """Do a command and record it; returns what there is to say. Not for the loop's thread. Raises CommandError.
+
+    `by_plan` says in the record that the world file wanted it, and nobody else."""
     if command not in COMMANDS:
         raise CommandError(f"there is no command {command!r}")
     try:
@@ -35,7 +37,7 @@ def run(parts: Parts, command: str, arguments: dict[str, Any]) -> str:
     except (KeyError, TypeError, ValueError) as error:
         raise CommandError(f"arguments of {command}: {error!r}") from None
     if command != "show":
-        parts.world.journal.add("world", command=command, arguments=arguments, text=text)
+        parts.world.journal.add("world", command=command, arguments=arguments, text=text, **({"by_plan": True} if by_plan else {}))
     return text
 
 

@@ -16,8 +16,6 @@ from .loop import LoopThread
 
 CONTROL_SOCKET = "control"
 """Name of the socket in the work folder of a device."""
-CONTROL_VARIABLE = "VANTORA_SIM_CONTROL"
-"""Environment variable that says where the socket is."""
 
 
 class Control:

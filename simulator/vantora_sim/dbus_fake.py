@@ -151,6 +151,11 @@ class DBusFake:
         self._loop.call(let_go)
 
     @property
+    def hangs(self) -> bool:
+        """Whether there is a rule that makes it hang, whatever it is asked."""
+        return self._faults.any_call_hangs
+
+    @property
     def present(self) -> bool:
         """Whether the service is on its bus, and has its names."""
         return self._named and self._bus is not None and self._bus.connected

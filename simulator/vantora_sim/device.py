@@ -10,6 +10,8 @@ from __future__ import annotations
 import asyncio
 import signal
 import threading
+import time
+from collections.abc import Callable
 from pathlib import Path
 from types import TracebackType
 from typing import Any
@@ -18,13 +20,14 @@ from . import commands, places, units
 from .access_point import AccessPoint
 from .activity import Activity
 from .air import Air
-from .control import CONTROL_SOCKET, CONTROL_VARIABLE, Control
+from .control import CONTROL_SOCKET, Control
 from .dhcp import DhcpClient
 from .journal import DEADLINE, log
 from .parts import Parts
 from .plan import BAND_OF_RADIO_TYPE, Plan
 from .settings_daemon import SettingsDaemon
 from .station import StationSide
+from .words import CONTROL_VARIABLE
 from .world import DEVICE, World
 
 _DRIFT = 3.0
@@ -56,10 +59,13 @@ class SimulatedDevice:
         """What commands and the view of the state are about."""
         self.restarts = True
         """Whether the service manager starts a network daemon again that has ended."""
+        self.before_start: list[Callable[[], None]] = []
+        """Called when the world stands and nothing has been started in it yet."""
         self.control = Control(self.world.loop, self.run)
         self._weather = Activity()
         self._ending = threading.Event()
         self._supervisor = threading.Thread(target=self._supervise, name="service manager", daemon=True)
+        self._player = threading.Thread(target=self._play, name="events of the world file", daemon=True)
         self.access_point.on_take_over.append(self.station.block)
         self.world.systemd.on_job.append(self._job)
         self.world.radio.on_block.append(self._radio_blocked)
@@ -69,12 +75,15 @@ class SimulatedDevice:
         try:
             self.world.try_ip("link", "set", "cable0", "down")
             self.world.settings.go()
+            for hook in self.before_start:
+                hook()
             self.settings_daemon.start()
             self.settings_daemon.store_initial(self.plan.settings)
             self.world.loop.call(lambda: self._weather.begin(self._drift()))
             self.control.open(self.world.work / CONTROL_SOCKET)
             self.world.start_daemon()
             self._supervisor.start()
+            self._player.start()
         except BaseException:
             self.close()
             raise
@@ -97,6 +106,8 @@ class SimulatedDevice:
         self._ending.set()
         if self._supervisor.is_alive():
             self._supervisor.join()
+        if self._player.is_alive():
+            self._player.join()
         self.control.close()
         daemons = [process for process in (self.world.daemon, self.settings_daemon.process) if process is not None]
         for process in daemons:
@@ -124,6 +135,18 @@ class SimulatedDevice:
             if self.restarts and daemon is not None and not daemon.running and not self._ending.wait(_RESTART):
                 self.world.start_daemon()
             self._ending.wait(0.1)
+
+    def _play(self) -> None:
+        """Do what the world file has happen, each thing at its time. What cannot be done is recorded, and the rest goes on."""
+        begun = time.monotonic()
+        for event in self.plan.events:
+            if self._ending.wait(max(begun + event.at - time.monotonic(), 0)):
+                return
+            try:
+                commands.run(self.parts, event.command, dict(event.arguments), by_plan=True)
+            except commands.CommandError as error:
+                self.world.journal.add("world", command=event.command, arguments=event.arguments, text=f"failed: {error}",
+                                       by_plan=True, failed=True)
 
     def wait_up(self) -> None:
         """Wait until the daemon has brought the device up as its settings say; an access point is then on the air."""

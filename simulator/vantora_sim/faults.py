@@ -81,6 +81,12 @@ class Faults:
                 return rule.action
         return None
 
+    @property
+    def any_call_hangs(self) -> bool:
+        """Whether the newest rule that fits every call is one to hang."""
+        general = [rule for rule in self._rules if rule.member is None and rule.subject is None and rule.left != 0]
+        return bool(general) and isinstance(general[-1].action, Hang)
+
     def clear(self) -> None:
         """Forget all rules."""
         self._rules.clear()

@@ -49,6 +49,8 @@ class Hostapd:
         """Addresses of the associated stations, in hostapd's order: the latest first."""
         self._lingering: set[str] = set()
         """Those of them that have left."""
+        self.on_event: list[Callable[[bytes], None]] = []
+        """Called on the loop with each event, also when nobody is attached to hear it."""
         self.before_event: Callable[[], None] | None = None
         """Called before each event, on the caller's thread; None to send events as fast as possible."""
         self.spacing = 0.0
@@ -221,6 +223,8 @@ class Hostapd:
         return True
 
     def _send_to_attached(self, data: bytes) -> None:
+        for hook in self.on_event:
+            hook(data)
         self._attached = [client for client in self._attached if self._send(client, data)]
 
     def _event(self, data: bytes) -> None:

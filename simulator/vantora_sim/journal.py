@@ -28,6 +28,8 @@ class Entry:
     index: int
     kind: str
     fields: dict[str, Any] = field(hash=False)
+    when: float = field(default_factory=time.monotonic, compare=False)
+    """When it was written down, by the monotonic clock."""
 
     def __getattr__(self, name: str) -> Any:
         try:

@@ -15,6 +15,7 @@ class Neighbour:
     """What can be done to one of them; each acts at once."""
 
     running: Callable[[], bool]
+    hanging: Callable[[], bool]
     kill: Callable[[], None]
     hang: Callable[[], None]
     release: Callable[[], None]
@@ -42,22 +43,24 @@ def neighbours(parts: Parts) -> dict[str, Neighbour]:
             found = process()
             return found is not None and found.running
 
-        return Neighbour(running, lambda: send(signal.SIGKILL), lambda: send(signal.SIGSTOP), lambda: send(signal.SIGCONT),
+        def hanging() -> bool:
+            found = process()
+            return found is not None and found.running and found.stopped
+
+        return Neighbour(running, hanging, lambda: send(signal.SIGKILL), lambda: send(signal.SIGSTOP), lambda: send(signal.SIGCONT),
                          start_again)
 
     return {
-        "hostapd": Neighbour(lambda: world.hostapd.running, lambda: loop.call(access_point.kill),
+        "hostapd": Neighbour(lambda: world.hostapd.running, lambda: access_point.hanging, lambda: loop.call(access_point.kill),
                              lambda: loop.call(access_point.hang), lambda: loop.call(access_point.release),
                              lambda: loop.call(access_point.start_again)),
-        "wpa_supplicant": Neighbour(lambda: world.wpa.present, lambda: loop.run(station.kill()),
+        "wpa_supplicant": Neighbour(lambda: world.wpa.present, lambda: station.hanging, lambda: loop.run(station.kill()),
                                     lambda: loop.call(station.hang), lambda: loop.call(station.release),
                                     lambda: loop.run(station.start_again())),
-        "systemd": Neighbour(lambda: world.systemd.present, world.systemd.go, world.systemd.hang, world.systemd.clear,
+        "systemd": Neighbour(lambda: world.systemd.present, lambda: world.systemd.hangs, world.systemd.go, world.systemd.hang, world.systemd.clear,
                              world.systemd.come_back),
         "vantora-settingsd": signals(lambda: settings_daemon.process, settings_daemon.start),
         # Its unit starts it again by itself.
         "vantora-network": signals(lambda: world.daemon, lambda: None),
     }
 
-
-NAMES = ("hostapd", "wpa_supplicant", "systemd", "vantora-settingsd", "vantora-network")

@@ -31,6 +31,11 @@ def schema() -> Path:
     return _ROOT / "docs/world.schema.json" if _IN_SOURCE_TREE else _SHARE / "world.schema.json"
 
 
+def dbus_api_page() -> Path:
+    """What the daemon's D-Bus interface means, for people."""
+    return _ROOT / "docs/dbus-api.md" if _IN_SOURCE_TREE else _SHARE / "dbus-api.md"
+
+
 def hidden_programs(build: Path) -> list[Path]:
     """Folders outside of this one in which its programs really are, and which a sandbox covers with its own."""
     folders = {(build / name).resolve().parent for name in PROGRAMS} - {build.resolve()}

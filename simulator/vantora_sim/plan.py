@@ -69,6 +69,16 @@ class Visitor:
     """Seconds after the access point is on the air; None when it comes only if told to."""
 
 
+@dataclass(frozen=True)
+class Event:
+    """Something that happens to the world by itself: a command of vantora-simctl at a time."""
+
+    at: float
+    """Seconds after the device was switched on."""
+    command: str
+    arguments: dict[str, Any]
+
+
 @dataclass
 class Plan:
     """A device and its surroundings at the beginning."""
@@ -80,6 +90,8 @@ class Plan:
     visitors: list[Visitor] = field(default_factory=list)
     settings: dict[str, dict[str, Any]] = field(default_factory=dict)
     """Initial settings by section; they hold where nothing is stored yet."""
+    events: list[Event] = field(default_factory=list)
+    """What happens later, in its order."""
 
     @property
     def hears_5_ghz(self) -> bool:

@@ -68,6 +68,12 @@ class Process:
         """What it has written to standard output so far."""
         return self._stdout.read_text(errors="surrogateescape")
 
+    def stdout_since(self, position: int) -> bytes:
+        """What it has written to standard output from this byte on."""
+        with open(self._stdout, "rb") as out:
+            out.seek(position)
+            return out.read()
+
     @property
     def stderr(self) -> str:
         """What it has written to standard error so far."""
@@ -102,6 +108,14 @@ class Process:
             else:
                 time.sleep(0.0005)
         return self._pid
+
+    @property
+    def stopped(self) -> bool:
+        """Whether a signal has stopped it, and none has let it go on."""
+        try:
+            return Path(f"/proc/{self.pid}/stat").read_text().rpartition(")")[2].split()[0] == "T"
+        except (OSError, IndexError):
+            return False  # it has just ended
 
     def waits_in(self, calls: Sequence[int]) -> bool:
         """Whether one of the threads it has started sleeps in one of these system calls (numbers).

@@ -13,16 +13,18 @@ from .plan import printable
 def snapshot(parts: Parts) -> dict[str, Any]:
     """Everything, as plain values. Not for the loop's thread."""
     world = parts.world
-    return {**world.loop.call(_on_loop, parts), "addresses": {name: _addresses(parts, name) for name in ("wlan0", "eth0")},
+    return {**world.loop.call(at_once, parts), "addresses": {name: _addresses(parts, name) for name in ("wlan0", "eth0")},
             "cable": "LOWER_UP" in world.sandbox.run(["/usr/sbin/ip", "-o", "link", "show", "eth0"]).stdout}
 
 
-def _on_loop(parts: Parts) -> dict[str, Any]:
+def at_once(parts: Parts) -> dict[str, Any]:
+    """What can be told without asking the kernel. For the loop's thread."""
     world = parts.world
-    radio, systemd = world.radio, world.systemd
+    radio, systemd, known = world.radio, world.systemd, neighbours(parts)
     return {
         "world": parts.plan.name,
-        "running": {name: neighbour.running() for name, neighbour in neighbours(parts).items()},
+        "running": {name: neighbour.running() for name, neighbour in known.items()},
+        "hanging": [name for name, neighbour in known.items() if neighbour.hanging()],
         "radio": {"soft_blocked": radio.soft_blocked, "hard_blocked": radio.hard_blocked, "interface_type": radio.interface_type,
                   "mhz": radio.frequency},
         "access_point": {"on_air": parts.access_point.on_air, "ssid": printable(radio.ap_ssid)},
@@ -32,7 +34,7 @@ def _on_loop(parts: Parts) -> dict[str, Any]:
                      for visitor in parts.plan.visitors],
         "networks": [{"ssid": network.label, "bssid": network.bssid, "band": network.band, "channel": network.channel,
                       "signal": parts.air.signal(network), "security": network.security, "passphrase": network.passphrase,
-                      "hidden": network.hidden} for network in parts.air.networks],
+                      "hidden": network.hidden, "ssid_hex": network.ssid.hex(), "address": network.address} for network in parts.air.networks],
         "units": {unit: systemd.states.get(unit) or ("active" if active else "inactive")
                   for unit, active in systemd.active.items()},
         "enabled": sorted(systemd.enabled),
@@ -45,6 +47,10 @@ def _addresses(parts: Parts, interface: str) -> list[str]:
             for address in link.get("addr_info", [])]
 
 
+def _running(found: dict[str, Any]) -> list[str]:
+    return [f"{name} (hangs)" if name in found["hanging"] else name for name, running in found["running"].items() if running]
+
+
 def as_text(found: dict[str, Any]) -> str:
     """The same for people."""
     yes = {True: "yes", False: "no"}
@@ -52,7 +58,7 @@ def as_text(found: dict[str, Any]) -> str:
     blocked = [kind for kind in ("soft", "hard") if radio[f"{kind}_blocked"]]
     lines = [
         f"world         {found['world']}",
-        f"running       {', '.join(name for name, running in found['running'].items() if running)}",
+        f"running       {', '.join(_running(found))}",
         f"radio         {' and '.join(blocked) + ' blocked' if blocked else 'on'}, wlan0 is {radio['interface_type']}, "
         f"{radio['mhz']} MHz",
         f"access point  " + (f"on the air as \"{access_point['ssid']}\"" if access_point["on_air"] else "not on the air"),

@@ -43,7 +43,8 @@ class StationSide:
         self._link = Activity()
         self._paths: dict[str, str] = {}
         """Object path of each known BSS, by its address."""
-        self._hangs = False
+        self.hanging = False
+        """Whether it was stopped in its tracks."""
         self._selected = ""
         self.joined: Network | None = None
         """The network with which an association is complete."""
@@ -83,14 +84,14 @@ class StationSide:
 
     def hang(self) -> None:
         """It stops in its tracks: no answer, no notification, whatever happens on the air."""
-        self._hangs = True
+        self.hanging = True
         for activity in (self._launch, self._scan, self._link):
             activity.cancel()
         self._world.wpa.hang()
 
     def release(self) -> None:
         """It goes on, and notices what has happened meanwhile."""
-        self._hangs = False
+        self.hanging = False
         self._world.wpa.clear()
         if not self._world.wpa.present:
             return
@@ -102,7 +103,7 @@ class StationSide:
             self._link.begin(self._connect())
 
     def _forget(self) -> None:
-        self._hangs = False
+        self.hanging = False
         self._world.wpa.clear()
         for activity in (self._launch, self._scan, self._link):
             activity.cancel()
@@ -234,7 +235,7 @@ class StationSide:
 
     def _look_at_link(self) -> None:
         """Something has changed on the air: is the joined network still there, with the same key?"""
-        if self.joined is None or self._hangs:
+        if self.joined is None or self.hanging:
             return
         if not self._air.can_hold(self.joined):
             self._link.begin(self._break(_LAST_BEACON))
@@ -267,13 +268,13 @@ class StationSide:
 
     def block(self) -> None:
         """The radio is switched off under it."""
-        if self._world.wpa.present and not self._hangs:
+        if self._world.wpa.present and not self.hanging:
             self._leave()
             self._link.cancel()
             self._report("interface_disabled", bss=NO_BSS)
 
     def unblock(self) -> None:
         """The radio is back."""
-        if self._world.wpa.present and not self._hangs:
+        if self._world.wpa.present and not self.hanging:
             self._report("disconnected")
             self._link.begin(self._connect() if self._selected else self._rest())

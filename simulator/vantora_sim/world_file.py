@@ -10,8 +10,9 @@ from typing import Any
 
 from . import places
 from .json_lines import DuplicateName, Located, loads, plain
-from .plan import Network, Plan, Visitor
+from .plan import Event, Network, Plan, Visitor, printable
 from .schema import Finding, check
+from .words import request_of_words, words_of
 
 CHANNELS = {"2.4": set(range(1, 15)), "5": {*range(36, 65, 4), *range(100, 145, 4), *range(149, 178, 4)}}
 WITH_PASSPHRASE = ("wpa2", "wpa2-wpa3", "wpa3")
@@ -100,6 +101,11 @@ def _inconsistencies(document: Located) -> Iterator[Finding]:
                     if key in seen:
                         yield Finding(item.value[field].line, f"{where}.{field}", f"is that of {seen[key]}, too")
                     seen.setdefault(key, where)
+    for index, item in enumerate(document.value["events"].value if "events" in document.value else []):
+        try:
+            request_of_words(plain(item.value["do"]))
+        except ValueError as error:
+            yield Finding(item.value["do"].line, f"events[{index}].do", str(error))
 
 
 def _made_up(taken: set[str], prefix: str, number: int) -> str:
@@ -120,4 +126,37 @@ def _plan(document: dict[str, Any]) -> Plan:
     visitors = [Visitor(station["name"], station["mac"].lower(), station.get("joins_after")) for station in stations]
     return Plan(name=document["name"], device={key: str(value) for key, value in document.get("device", {}).items()},
                 networks=[make_network(network, number) for number, network in enumerate(networks)],
-                visitors=visitors, settings=document.get("settings", {}))
+                visitors=visitors, settings=document.get("settings", {}),
+                events=sorted(map(_event, document.get("events", [])), key=lambda event: event.at))
+
+
+def _event(event: dict[str, Any]) -> Event:
+    request = request_of_words(event["do"])
+    return Event(event["at"], request.pop("command"), request)
+
+
+def as_document(plan: Plan) -> dict[str, Any]:
+    """The plan as a world file says it: read_world() makes the same of it."""
+    document: dict[str, Any] = {"name": plan.name}
+    if plan.device:
+        document["device"] = {key: int(value) if key == "radio_type" else value for key, value in plan.device.items()}
+    document["networks"] = [_network_document(network) for network in plan.networks]
+    document["stations"] = [{key: value for key, value in (("name", one.name), ("mac", one.mac), ("joins_after", one.joins_after))
+                             if value is not None} for one in plan.visitors]
+    if plan.settings:
+        document["settings"] = plan.settings
+    if plan.events:
+        document["events"] = [{"at": event.at, "do": words_of(event.command, event.arguments)} for event in plan.events]
+    return document
+
+
+def _network_document(network: Network) -> dict[str, Any]:
+    text = printable(network.ssid)
+    name = {"ssid": text} if text.encode() == network.ssid else {"ssid_hex": network.ssid.hex()}
+    found = {**name, "bssid": network.bssid, "band": network.band, "channel": network.channel, "signal": network.signal,
+             "security": network.security, "address": network.address}
+    if network.passphrase:
+        found["passphrase"] = network.passphrase
+    if network.hidden:
+        found["hidden"] = True
+    return found
