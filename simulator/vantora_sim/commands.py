@@ -34,7 +34,7 @@ def run(parts: Parts, command: str, arguments: dict[str, Any], *, by_plan: bool 
         text = COMMANDS[command](parts, **arguments)
     except CallRefused as refusal:
         raise CommandError(f"the settings daemon says: {refusal.text} ({refusal.name})") from None
-    except (KeyError, TypeError, ValueError) as error:
+    except (AttributeError, KeyError, TypeError, ValueError) as error:
         raise CommandError(f"arguments of {command}: {error!r}") from None
     if command != "show":
         parts.world.journal.add("world", command=command, arguments=arguments, text=text, **({"by_plan": True} if by_plan else {}))

@@ -42,7 +42,9 @@ FILES = {
         "/usr/share/python3/runtime.d/vantora-network-sim.rtupdate",
         "/usr/share/vantora-sim/world.schema.json",
         *(f"/usr/share/vantora-sim/worlds/{path.name}" for path in (ROOT / "simulator/worlds").glob("*.json")),
-        *(f"/usr/share/vantora-sim/vantora_sim/{path.name}" for path in (ROOT / "simulator/vantora_sim").glob("*.py")),
+        *(f"/usr/share/vantora-sim/{path.relative_to(ROOT / 'simulator')}" for path in (ROOT / "simulator/vantora_sim").rglob("*.py")),
+        *(f"/usr/share/vantora-sim/{path.relative_to(ROOT / 'simulator')}" for path in (ROOT / "simulator/vantora_sim").rglob("static/*")),
+        "/usr/share/vantora-sim/dbus-api.md",
     },
     "vantora-settingsd": {
         "/lib/systemd/system/vantora-settingsd.service",

@@ -11,7 +11,8 @@ import {TimeLine} from "./timeline.js";
 import {timeText} from "./lanes.js";
 import {startTheme} from "./theme.js";
 
-const FRAME = 100;
+const FRAME = 150;
+const REST = 4;  // a slow machine draws less often: it rests so many times as long as it has drawn
 const WORDS = {live: "live", wait: "connecting", off: "switched off", saved: "saved run"};
 
 const store = new Store();
@@ -133,15 +134,18 @@ function wire() {
   });
 }
 
+function tick() {
+  setText($("clock"), store.head.started ? timeText(timeline.now(), 1) : "");
+  if (timeline.live && !timeline.paused && !document.hidden) timeline.draw();
+  setTimeout(tick, Math.max(FRAME, REST * timeline.took));
+}
+
 async function start() {
   timeline = new TimeLine(store);
   wire();
   startTheme($("theme"), () => timeline.recolour());
   setState("wait");
-  setInterval(() => {
-    setText($("clock"), store.head.started ? timeText(timeline.now(), 1) : "");
-    if (timeline.live && !timeline.paused && !document.hidden) timeline.draw();
-  }, FRAME);
+  tick();
   try {
     await enter();
   } catch (error) {

@@ -9,7 +9,7 @@ import {EntryList} from "./list.js";
 const FIRST_SPAN = 30;
 const SHORTEST = 0.005;
 const INDEX = Object.fromEntries(LANES.map((lane, index) => [lane.id, index]));
-const CURVES_EVERY = 250;
+const CURVES_EVERY = 500;
 
 export class TimeLine {
   constructor(store) {
@@ -24,6 +24,7 @@ export class TimeLine {
     this.lanes = new Lanes($("lanes"), gutter);
     this.list = new EntryList($("list"), (entry, byKey) => this.choose(entry, byKey), () => $("detail").focus());
     this.drawnCurves = 0;
+    this.took = 0;  // milliseconds of the last picture
     this.#wire();
   }
 
@@ -116,6 +117,7 @@ export class TimeLine {
   }
 
   #draw() {
+    const began = performance.now();
     if (!this.paused) {
       const span = this.view.to - this.view.from;
       const now = this.now();
@@ -133,6 +135,7 @@ export class TimeLine {
       this.drawnCurves = time;
       this.curves.update(this.view, this.now());
     }
+    this.took = performance.now() - began;
   }
 
   #detail(entry) {
