@@ -40,7 +40,7 @@ int service_set_up()
 {
     BusPtr opened;
     int result = open_user_bus(opened);
-    bus.reset(opened.release());
+    bus = PublishedBusPtr(opened.release());
     if (result >= 0) {
         result = take_default_event();
     }

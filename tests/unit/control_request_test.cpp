@@ -49,16 +49,19 @@ public:
         }
     }
 
-    ~Daemon()
+    ~Daemon() { end(); }
+
+    Daemon(const Daemon&) = delete;
+    Daemon& operator=(const Daemon&) = delete;
+
+    /** Waits until what was begun on another thread is over. */
+    void end()
     {
         ended_ = true;
         if (thread_.joinable()) {
             thread_.join();
         }
     }
-
-    Daemon(const Daemon&) = delete;
-    Daemon& operator=(const Daemon&) = delete;
 
     /** Waits for one command on another thread, and then does this. */
     void on_command(std::function<void(const std::string&)> act)
@@ -126,6 +129,7 @@ TEST_F(ControlRequest, sends_the_command_as_it_is_and_returns_the_answer)
     EXPECT_EQ(ask("PING"), 0);
     EXPECT_EQ(reply, "PONG\n");
     EXPECT_EQ(asked.get_future().get(), "PING");
+    daemon.end();
 }
 
 TEST_F(ControlRequest, an_empty_answer_is_one)
@@ -195,11 +199,8 @@ TEST_F(ControlRequest, the_time_that_the_receiver_of_events_takes_does_not_count
 
 TEST_F(ControlRequest, a_daemon_that_has_gone_is_not_waited_for)
 {
-    std::filesystem::remove(folder.file("wlan0"));
-    const Daemon other(folder.file("wlan0"));
-    const WpaCtrlPtr toOther(wpa_ctrl_open2(folder.file("wlan0").c_str(), nullptr));
     {
-        const std::string path = folder.file("short");
+        const std::string path = folder.file("wlan1");
         const Daemon gone(path);
         connection.reset(wpa_ctrl_open2(path.c_str(), nullptr));
     }
@@ -251,6 +252,7 @@ TEST_F(ControlRequest, is_woken_up_to_be_given_up)
     });
     EXPECT_EQ(ask("ATTACH", {.givesUp = [&] { return over.load(); }, .wakeUp = wakeUp.get()}), kNotAnswered);
     EXPECT_LT(took, 9s);
+    daemon.end();
 }
 
 TEST_F(ControlRequest, an_answer_is_cut_to_the_room_for_it)
