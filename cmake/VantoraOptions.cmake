@@ -33,8 +33,6 @@ endif()
 
 if(VANTORA_FUZZ)
   # libsigc++ calls its slots through a pointer to another type of function, as do callbacks of C libraries.
-  # -Wno-c99-extensions: libsystemd's macros are made for C and for g++.
-  target_compile_options(vantora-build-flags INTERFACE
-    -fsanitize=fuzzer-no-link -fno-sanitize=function -Wno-c99-extensions)
+  target_compile_options(vantora-build-flags INTERFACE -fsanitize=fuzzer-no-link -fno-sanitize=function)
   target_link_options(vantora-build-flags INTERFACE -fno-sanitize=function)
 endif()

@@ -99,8 +99,8 @@ private:
         check(sd_bus_set_fd(bus, fd, fd));
         check(sd_bus_set_trusted(bus, 1)); // as on a user bus
         if (service) {
-            check(sd_bus_set_server(
-                bus, 1, SD_ID128_MAKE(01, 02, 03, 04, 05, 06, 07, 08, 09, 0a, 0b, 0c, 0d, 0e, 0f, 10)));
+            constexpr sd_id128_t kServer = {{1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16}};
+            check(sd_bus_set_server(bus, 1, kServer));
         }
         check(sd_bus_start(bus));
         return opened;

@@ -72,7 +72,7 @@ sd_bus_message* hand_out_message()
 void set_error(sd_bus_error* error)
 {
     if (library->errorText != nullptr) {
-        *error = SD_BUS_ERROR_MAKE_CONST("org.example.Refused", library->errorText);
+        *error = {.name = "org.example.Refused", .message = library->errorText, ._need_free = 0};
     }
 }
 

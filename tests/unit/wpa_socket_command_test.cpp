@@ -183,7 +183,7 @@ TEST(WpaSocketBufferDump, of_nothing_writes_an_empty_text)
     wpa_socket_buffer_dump(&byte, 0);
     wpa_socket_buffer_dump(&byte, -3);
     wpa_socket_buffer_dump(nullptr, 0);
-    const LogLine empty(LOG_DEBUG, "wpa_socket_buffer_dump:");
+    const LogLine empty{LOG_DEBUG, "wpa_socket_buffer_dump:"};
     EXPECT_THAT(captured_log().lines(), ElementsAre(empty, empty, empty));
 }
 

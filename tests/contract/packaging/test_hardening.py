@@ -31,8 +31,10 @@ def cache(build_dir: Path) -> dict[str, str]:
 
 @pytest.fixture(scope="module")
 def plain_release(cache: dict[str, str]) -> None:
-    """Only for builds that are meant for a device; the sanitizers have other ways."""
-    if cache["CMAKE_BUILD_TYPE"] != "Release" or cache["VANTORA_SANITIZE"] or cache["VANTORA_COVERAGE"] == "ON":
+    """Only for builds that are meant for a device. The sanitizers have other ways, and clang cannot check functions with any
+    number of arguments."""
+    if (cache["CMAKE_BUILD_TYPE"] != "Release" or cache["VANTORA_SANITIZE"] or cache["VANTORA_COVERAGE"] == "ON"
+            or "clang" in cache["CMAKE_CXX_COMPILER"]):
         pytest.skip("this build is not meant for a device")
 
 
@@ -68,7 +70,7 @@ def test_every_source_is_compiled_with_the_flags(build_dir: Path, cache: dict[st
 
 def test_this_compiler_has_the_highest_level(cache: dict[str, str], plain_release: None) -> None:
     version = subprocess.run([cache["CMAKE_CXX_COMPILER"], "-dumpversion"], check=True, capture_output=True, text=True).stdout
-    if "++" in cache["CMAKE_CXX_COMPILER"] and "clang" not in cache["CMAKE_CXX_COMPILER"] and int(version.split(".")[0]) >= 12:
+    if int(version.split(".")[0]) >= 12:
         assert cache.get("VANTORA_HAS_FORTIFY_3") == "1"
 
 

@@ -1,7 +1,11 @@
-// Preloaded into a program under test: lets one of its calls on a file fail, when and as somebody outside has asked.
+// Preloaded into a program under test: lets one of its calls on a file fail, when and as somebody outside has
+// asked.
 //
-// What is asked for stands in a small file that both have mapped (FAILING_CALLS names it). Nothing is asked for at first,
-// and a call that is not meant goes straight to the C library.
+// What is asked for stands in a small file that both have mapped (FAILING_CALLS names it). Nothing is asked
+// for at first, and a call that is not meant goes straight to the C library.
+
+// The checked variants are inline functions of the same names, which clang does not let anybody define again.
+#undef _FORTIFY_SOURCE
 
 #include <array>
 #include <atomic>
@@ -24,9 +28,9 @@ namespace {
 /** The layout is known to failing_calls.py, too. */
 struct Order
 {
-    std::atomic<uint32_t> left;  /**< So many more of the calls meant are to fail. */
-    std::atomic<uint32_t> skip;  /**< So many of them pass before. */
-    std::atomic<uint32_t> error; /**< With this errno. */
+    std::atomic<uint32_t> left;   /**< So many more of the calls meant are to fail. */
+    std::atomic<uint32_t> skip;   /**< So many of them pass before. */
+    std::atomic<uint32_t> error;  /**< With this errno. */
     std::atomic<uint32_t> failed; /**< So many have failed. */
     std::array<char, 16> call;
     std::array<char, 96> path; /**< Part of the name of the file that the call is about. */
@@ -153,8 +157,8 @@ int rename(const char* from, const char* to) noexcept
 
 int renameat2(int fromFolder, const char* from, int toFolder, const char* to, unsigned flags) noexcept
 {
-    static auto* const next =
-        reinterpret_cast<int (*)(int, const char*, int, const char*, unsigned)>(dlsym(RTLD_NEXT, "renameat2"));
+    static auto* const next = reinterpret_cast<int (*)(int, const char*, int, const char*, unsigned)>(
+        dlsym(RTLD_NEXT, "renameat2"));
     return fails("rename", to) ? -1 : next(fromFolder, from, toFolder, to, flags);
 }
 
