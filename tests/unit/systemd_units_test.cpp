@@ -121,9 +121,9 @@ void sd_bus_close(sd_bus*)
     library->steps.emplace_back("close");
 }
 
-sd_bus* sd_bus_flush_close_unref(sd_bus*)
+sd_bus* sd_bus_close_unref(sd_bus*)
 {
-    library->steps.emplace_back("flush_close_unref");
+    library->steps.emplace_back("close_unref");
     --library->buses;
     return nullptr;
 }
@@ -243,7 +243,7 @@ TEST_F(SystemdUnits, EnableSendsOneFilePersistentlyAndWithoutForce)
     EXPECT_THAT(library->steps,
                 ElementsAre("open_system", std::string("new_method_call ") + kManagerCall + "EnableUnitFiles",
                             "open_container a s", "append s /etc/a.service", "close_container", "append b 0",
-                            "append b 0", "call 5000000", "flush_close_unref"));
+                            "append b 0", "call 5000000", "close_unref"));
     EXPECT_THAT(log(),
                 ElementsAre(LogLine{LOG_INFO, "[Utils] Trying to enable /etc/a.service"},
                             LogLine{LOG_INFO, "[Utils] /etc/a.service should've been successfully enabled"}));
@@ -343,7 +343,7 @@ TEST_F(SystemdUnits, DisableSendsOneFileAndOneFlag)
                 ElementsAre("open_system",
                             std::string("new_method_call ") + kManagerCall + "DisableUnitFiles",
                             "open_container a s", "append s a.service", "close_container", "append b 0",
-                            "call 5000000", "flush_close_unref"));
+                            "call 5000000", "close_unref"));
     EXPECT_THAT(log(),
                 ElementsAre(LogLine{LOG_INFO, "[Utils] a.service should've been successfully disabled"}));
 }
@@ -441,7 +441,7 @@ TEST_P(UnitLookUp, GivesTheObjectPath)
     EXPECT_THAT(library->steps,
                 ElementsAre("open_system",
                             std::string("call_method ") + kManagerCall + GetParam().method + " s a.service",
-                            "read o", "flush_close_unref"));
+                            "read o", "close_unref"));
     EXPECT_THAT(log(), ElementsAre(LogLine{
                            LOG_INFO, "[Utils] Got unit name '/reply/path' for the service 'a.service'"}));
 }
@@ -514,7 +514,7 @@ TEST_P(UnitJobs, QueuesAJobThatReplaces)
             "open_system",
             std::string("call_method org.freedesktop.systemd1 /unit/a org.freedesktop.systemd1.Unit ") +
                 GetParam().method + " s replace",
-            "read o", "flush_close_unref"));
+            "read o", "close_unref"));
     EXPECT_THAT(log(), ElementsAre(LogLine{LOG_INFO, std::string("[Utils] ") + GetParam().succeeded +
                                                          " '/unit/a' unit with job id:/reply/path"}));
 }
