@@ -27,14 +27,9 @@ def main() -> int:
     began = time.monotonic()
     search = Search(options.build_dir, seed, lambda line: print(line, flush=True))
     search.search(steps=options.steps, seconds=None if options.steps else 60 * options.minutes, findings=options.findings)
-    journals = options.build_dir / "chaos"
     for found in search.found:
         print()
         print(report(found))
-        name = f"{found.rule}-{seed}-{found.at_step}.log"
-        journals.mkdir(exist_ok=True)
-        (journals / name).write_text(f"{report(found)}\n{found.journal}\n")
-        print(f"what happened in it: {journals / name}")
     print(f"{search.steps} steps in {search.runs} runs, {time.monotonic() - began:.0f} s: {len(search.found)} findings")
     return 1 if search.found else 0
 

@@ -52,6 +52,7 @@ class Run:
 # Values: the first of each is what a found run is made of where it does not matter.
 
 SECONDS = st.sampled_from((0.05, 0.2, 0.6))
+WHILE_ATTACHING = st.sampled_from((0.2, 0.6, 2.0))
 TIMES = st.integers(1, 3)
 STATIONS = st.integers(0, 3)
 _ALLOWED_NAMES = ("one", "two", "three", "x" * 32, "n\u00e4me", "a b=c")
@@ -74,6 +75,7 @@ PROPERTIES = st.sampled_from(("WiFiState", "Mode", "SSID", "WiFiFrequency", "WiF
                               "AccessPoints"))
 VALUES = st.one_of(st.tuples(st.just("SSID"), NAMES), st.tuples(st.just("WiFiFrequency"), BANDS), st.tuples(st.just("Mode"), MODES),
                    st.tuples(st.just("WiFiState"), STATES))
+BUSES = st.sampled_from(("",))
 CALLS = st.sampled_from(("write", "open", "fsync", "rename", "unlink", "read"))
 ERRORS = st.sampled_from((errno.EIO, errno.ENOSPC, errno.EMFILE))
 
@@ -103,8 +105,9 @@ def _act_of(name: str, values: st.SearchStrategy[tuple[Any, ...]], *more: st.Sea
     return st.builds(_joined, st.just(name), values, *more)
 
 
-ACTS: tuple[tuple[int, st.SearchStrategy[Act]], ...] = (
-    # What happens all the time
+Acts = tuple[tuple[int, st.SearchStrategy[Act]], ...]
+
+USUAL: Acts = (
     (6, _act_of("write", VALUES)),
     (3, _act("read", PROPERTIES)),
     (1, _act("read_all")),
@@ -127,16 +130,21 @@ ACTS: tuple[tuple[int, st.SearchStrategy[Act]], ...] = (
     (2, _act("address_comes", st.sampled_from(("wlan0", "eth0")), STATIONS)),
     (2, _act("address_goes", st.sampled_from(("wlan0", "eth0")), STATIONS)),
     (2, _act("a_moment_passes", SECONDS)),
-    (3, _act("daemon_restarts", st.sampled_from(("asked", "killed")), st.sampled_from((0, 1, 100, 300)))),
-    # What the device gets over
+    (1, _act("link_goes_down_and_up", st.sampled_from(("wlan0", "eth0")))),
+    (1, _act("another_daemon_starts", BUSES)),
+    (3, _act("daemon_restarts", st.sampled_from(("asked", "killed", "in the middle")), st.sampled_from((0, 1, 100, 300)))),
+    (6, _act("quiet")),
     (2, _act("hostapd_is_replaced")),
-    (3, _act("attaching_is_slow", SECONDS)),
+    (3, _act("attaching_is_slow", WHILE_ATTACHING)),
     (1, _act("counting_fails", st.sampled_from(("slow", "refused", "nonsense")))),
     (2, _act_of("is_slow", MEMBERS, SECONDS)),
     (2, _act("tool_is_slow", TOOLS, SECONDS)),
     (1, _act("system_bus_freezes", SECONDS)),
     (1, _act("user_bus_freezes", SECONDS)),
-    # What it need not get over by itself
+)
+"""What happens all the time, and what the device gets over."""
+
+HARM: Acts = (
     (1, _act("hostapd_dies")),
     (1, _act("hostapd_fails_to_start")),
     (1, _act("attaching_is_refused")),
@@ -150,10 +158,12 @@ ACTS: tuple[tuple[int, st.SearchStrategy[Act]], ...] = (
     (1, _act("tool_babbles", TOOLS)),
     (1, _act("few_descriptors_are_left", st.integers(0, 8))),
     (1, _act("system_bus_restarts")),
+    (1, _act("user_bus_restarts")),
+    (1, _act("radio_is_switched_off_by_hand")),
     (1, _act("configuration_cannot_be_written", CALLS, st.integers(0, 2), ERRORS)),
     (4, _act("settings_cannot_be_written", CALLS, st.integers(0, 2), ERRORS)),
-    (6, _act("quiet")),
 )
+"""What it need not get over by itself, or may complain of: once that is over, its mode is set anew before it is judged."""
 
 LONGEST, PARTS = 24, 4
 
@@ -161,10 +171,10 @@ LONGEST, PARTS = 24, 4
 @st.composite
 def runs(draw: st.DrawFn) -> Run:
     """A run of some length. Each leaves out some kinds of acts, so that what is in the way of others is not always there."""
-    left_out = draw(st.sets(st.integers(0, len(ACTS) - 1), max_size=len(ACTS) // 2))
-    kinds = [strategy for number, (weight, strategy) in enumerate(ACTS) for _ in range(weight) if number not in left_out]
+    acts = USUAL + HARM if draw(st.booleans()) else USUAL
+    left_out = draw(st.sets(st.integers(0, len(acts) - 1), max_size=2 * len(acts) // 3))
+    kinds = [strategy for number, (weight, strategy) in enumerate(acts) for _ in range(weight) if number not in left_out]
     # Several lists, since one would be short as a rule.
     parts = [draw(st.lists(st.one_of(kinds), max_size=LONGEST)) for _ in range(PARTS)]
     return Run(draw(st.sampled_from(("Host", "Host", "Client"))), draw(st.booleans()), draw(st.integers(0, 2)) == 2,
-               draw(st.integers(0, 3)) == 3,
-               tuple(act for part in parts for act in part))
+               draw(st.integers(0, 3)) == 3, tuple(act for part in parts for act in part))

@@ -36,6 +36,8 @@ def followed(stage: Stage, seen: dict[str, Any]) -> dict[str, Any]:
             if entry.name == "WiFiState" and entry.value == 0:
                 known = {"WiFiState": 0}
     sure = {"WiFiState", *(("Mode",) if seen["WiFiState"] else ()), *HEARD[seen["Mode"]]}
+    if "hostapd" in stage.history.complaints:
+        sure.discard("WiFiConnectedClients")  # what it answered nonsense to was announced as nonsense
     if stage.judges_addresses:
         sure.add("IPAddress")
     if seen["WiFiClientState"] not in ANNOUNCED_STATES:

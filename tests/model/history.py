@@ -15,6 +15,8 @@ class History:
         """The journal's mark at the daemon's start."""
         self.since = 0
         """The journal's mark at the end of the last quiet."""
+        self.logs_since = 0
+        """The same, though a daemon has been started meanwhile."""
         self.judged = 0
         """The journal's mark when the device was last looked at."""
         self.known: dict[str, Any] = {}
@@ -31,13 +33,15 @@ class History:
         """What the daemon has heard of the access point; None where that cannot be told."""
         self.said: list[bool] = []
         """What hostapd has said of it since then to an attached listener."""
+        self.heard: list[bool] = []
+        """Those of them that a listener has certainly read."""
         self.gap = False
         """Whether hostapd was stopped or replaced meanwhile, so that somebody may have listened in vain."""
         self.station: str | None = ""
         """What the daemon has heard of the station; None where that cannot be told."""
-        self.bus_lost = False
+        self.unprotected = False
+        """Whether hostapd has been started on a file that makes an access point without a passphrase, or none at all."""
         self.address_events = 0
-        self.wired: bool | None = None
         self.patience = 0.0
         """Seconds by which it may take longer to come to rest."""
         self.backlog = 0.0
@@ -45,30 +49,31 @@ class History:
         self.remedied = False
         """Whether the device had to be brought into order by hand."""
         self._ordered_to_stop = False
-        self._unheard_ends = 0
 
     def new_daemon(self, mark: int) -> None:
         """A daemon starts: it knows nothing, and nobody knows anything of it."""
+        if not self.started:
+            self.logs_since = mark
         self.started = self.since = mark
         self.known = {}
         self.initialised, self.station = False, ""
         self.said.clear()
+        self.heard.clear()
         self.gap = True
         self.disturbed.discard("deaf")
-        self._unheard_ends = 0
 
     def quiet(self, mark: int, known: dict[str, Any]) -> None:
         """The device is quiet, and all is as it must be."""
-        self.since, self.known = mark, known
+        self.since, self.known, self.logs_since = mark, known, mark
         self.disturbed.clear()
         self.complaints.clear()
         self.said.clear()
+        self.heard.clear()
         self.stored.clear()
         self.changed_settings.clear()
-        self.gap = self.bus_lost = self.remedied = False
+        self.gap = self.remedied = False
         self.address_events = 0
         self.patience = self.backlog = 0.0
-        self._unheard_ends = 0
 
     # hostapd
 
@@ -97,11 +102,6 @@ class History:
             self.initialised = False
         if killed and attached:
             self.disturbed.add("deaf")
-        if not attached and not attached_once:
-            self._unheard_ends += 1
-            self.patience = max(self.patience, 12.0)
-            if self._unheard_ends > 1:
-                self.disturbed.add("deaf")
         if killed:
             self.patience = max(self.patience, 12.0)
             self.complaints.add("hostapd killed")

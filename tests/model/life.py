@@ -16,7 +16,6 @@ import shutil
 import signal
 import socket
 import time
-from collections.abc import Awaitable, Callable, Iterator
 from pathlib import Path
 from typing import Any
 
@@ -30,13 +29,15 @@ from .failing_calls import FailingCalls
 from .finding import Finding
 from .history import History
 
-TIME_OUT = 2.0
+TIME_OUT = 3.0
 """Seconds that the daemon waits for an answer over D-Bus here, in place of the 25 s of a device."""
-SLACK = 5.0
+SLACK = 10.0
 """Seconds that a request may take on a loaded machine although nobody is waited for."""
-END = 3.0
+END = 5.0
 """Seconds in which the daemon has to end when it is asked to: under one on a machine with nothing else to do."""
 READY = 20.0
+UNTIL_READY = 0.03
+"""Seconds until a hostapd that has a listener reports the access point ready."""
 STATE_FILE = "/run/sim/state/settings.json"
 
 
@@ -51,7 +52,6 @@ class Life:
         self.history = History()
         self.stop_lag = self.start_lag = 0.0
         self.comes_up = True
-        self.says_enabled = True
         self.settings_daemon: Process | None = None
         self._real_settings = False
         self._unit_task: asyncio.Task[None] | None = None
@@ -118,9 +118,8 @@ class Life:
         self.settle()
 
     def end(self) -> None:
-        """End the daemon and look at what it leaves behind."""
+        """Ask the daemon to end, whatever hangs, and look at what it leaves behind."""
         assert self.world.daemon is not None
-        self.release_everything()
         began = time.monotonic()
         try:
             status = self.world.daemon.stop(timeout=2 * READY)
@@ -170,7 +169,7 @@ class Life:
         for interface in ("wlan0", "eth0"):
             world.try_ip("addr", "flush", "dev", interface)
         self.stop_lag = self.start_lag = 0.0
-        self.comes_up = self.says_enabled = True
+        self.comes_up = True
         self.history = History()
 
     async def _forget(self) -> None:
@@ -193,6 +192,7 @@ class Life:
         world.system_bus.thaw()
         world.user_bus.thaw()
         world.clear_faults()
+        world.loop.call(lambda: world.radio.block(hard=False))
         world.systemd.come_back()
         if not self._real_settings:
             world.settings.come_back()
@@ -282,10 +282,12 @@ class Life:
 
     async def _access_point(self, verb: str) -> None:
         """hostapd's unit does what it was told; it may take its time, as it does on a device."""
-        hostapd, radio = self.world.hostapd, self.world.radio
+        hostapd = self.world.hostapd
         if hostapd.running and verb in ("Stop", "Restart"):
             await self._pause(self.stop_lag)
             self._terminate()
+            if self.start_lag:
+                self._set_type("managed")
         if verb == "Stop":
             self._set_type("managed")
             return
@@ -296,10 +298,6 @@ class Life:
             self._set_type("managed")
             return
         self.open_access_point()
-        if self.says_enabled:
-            # hostapd says it before anybody can be attached.
-            await self._pause(self.start_lag)
-        radio.ap_ssid = read_hostapd_conf(self.world.hostapd_conf).get(b"ssid", b"")
 
     async def _pause(self, seconds: float) -> None:
         if seconds:
@@ -313,7 +311,9 @@ class Life:
     def open_access_point(self) -> None:
         """hostapd comes up (on the loop)."""
         with contextlib.suppress(OSError):
-            self.world.radio.ap_ssid = read_hostapd_conf(self.world.hostapd_conf).get(b"ssid", b"")
+            written = read_hostapd_conf(self.world.hostapd_conf)
+            self.world.radio.ap_ssid = written.get(b"ssid", b"")
+            self.history.unprotected |= b"wpa_passphrase" not in written or written.get(b"wpa") != b"2"
         self._set_type("AP")
         self._attached_once = False
         self.world.hostapd._start()
@@ -339,12 +339,19 @@ class Life:
 
         def answer(word: str, argument: str) -> bytes:
             if word == "ATTACH":
+                if not self._attached_once:
+                    self.world.loop.asyncio.call_later(UNTIL_READY, self._report_ready, hostapd._socket)
                 self._attached_once = True
                 self.history.listener_attached()
             return truth(word, argument)
 
         hostapd._send_to_attached = send_to_attached  # type: ignore[method-assign]
         hostapd._truth = answer  # type: ignore[method-assign]
+
+    def _report_ready(self, instance: socket.socket) -> None:
+        """hostapd, if it is still the same, is on the air: with a country code that takes a while."""
+        if self.world.hostapd._socket is instance:
+            self.world.hostapd._event(b"<3>AP-ENABLED ")
 
     def live_listeners(self) -> int:
         """How many of the clients attached to hostapd are still there (on the loop)."""
@@ -366,8 +373,8 @@ class Life:
             self.check_alive()
             raise Finding("answers", f"no answer to a ping: {type(failure).__name__} {failure}") from None
 
-    def wait_events_read(self, most: float = 1.0) -> None:
-        """Wait a moment until the daemon has read what hostapd has said, and listens again.
+    def wait_events_read(self, most: float = 1.0) -> bool:
+        """Wait a moment until the daemon has read what hostapd has said, and listens again; false where it does not.
 
         Of what it finds in one wake-up it cuts each event to the length of the one before, so what comes too quickly after
         another is lost: that is known and not to be found again.
@@ -376,11 +383,14 @@ class Life:
         world = self.world
         while time.monotonic() < deadline and world.daemon is not None and world.daemon.running:
             try:
-                if not world.hostapd.attached or not world.hostapd.unread and world.daemon.waits_in((23, 270, 72, 82, 142, 335, 413)):
-                    return
+                if not world.hostapd.attached:
+                    return False
+                if not world.hostapd.unread and world.daemon.waits_in((23, 270, 72, 82, 142, 335, 413)):
+                    return True
             except (OSError, LookupError):
-                return
+                return False
             time.sleep(0.001)
+        return False
 
     def check_alive(self) -> None:
         """The daemon runs."""
@@ -388,20 +398,3 @@ class Life:
             status = None if self.world.daemon is None else self.world.daemon.status
             said = "" if self.world.daemon is None else self.world.daemon.stderr[-2000:]
             raise Finding("alive", f"the daemon has ended with status {status}\n{said}")
-
-
-@contextlib.contextmanager
-def eventually(seconds: float) -> Iterator[Callable[[], bool]]:
-    """`again()` is true until so many seconds have passed."""
-    deadline = time.monotonic() + seconds
-
-    def again() -> bool:
-        if time.monotonic() > deadline:
-            return False
-        time.sleep(0.02)
-        return True
-
-    yield again
-
-
-__all__ = ["END", "SLACK", "TIME_OUT", "Awaitable", "Life", "eventually"]

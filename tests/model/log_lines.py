@@ -17,6 +17,7 @@ COUNTING = r"wpa_socket_cmd: |hostapd_get_num_connected_clients: |\[Main\] Readi
 METHODS = r"\[WPA\] |\[Main\] (connect_to_ap|disconnect_from_ap|scan_access_points): |\[Main\]  Something went wrong"
 """There is no wpa_supplicant in Host mode, and it may have nothing to leave."""
 BY_COMPLAINT = {"a method": METHODS, "hostapd": COUNTING, "hostapd killed": COUNTING, "wpa_supplicant restarted": METHODS,
+                "another daemon": r"\[Main\] Failed to connect to dbus: -\d+, exiting",
                 "a passphrase refused": r"Failed to connect to AP|\[WPA\] "}
 
 
@@ -29,5 +30,5 @@ def unexpected(stage: Stage) -> list[str]:
     explained = re.compile("|".join(patterns))
     if history.remedied:
         return []
-    return [text for priority, text in stage.world.journal.logs(history.since, ident="vantora-network")
+    return [text for priority, text in stage.world.journal.logs(history.logs_since, ident="vantora-network")
             if priority == "err" and not explained.match(text)]

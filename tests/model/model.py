@@ -51,6 +51,11 @@ def access_point(stage: Stage, seen: Seen) -> Iterator[str]:
         yield f"the last word of hostapd is {said}, WiFiAccessPointInitialised is {seen['WiFiAccessPointInitialised']}"
 
 
+def protection(stage: Stage, seen: Seen) -> Iterator[str]:
+    if stage.history.unprotected:
+        yield "hostapd was started on a file that is not the whole of it: an access point for everybody"
+
+
 def listener(stage: Stage, seen: Seen) -> Iterator[str]:
     """Whoever is told what hostapd says is exactly one where there is an access point, and addresses are followed."""
     if seen["Mode"] == "Host" and stage.world.hostapd.running:
@@ -82,6 +87,9 @@ def announcements(stage: Stage, seen: Seen) -> Iterator[str]:
     announced = [value for name, value in stage.world.journal.changes(stage.history.since) if name == "WiFiAccessPointInitialised"]
     if not stage.history.gap and announced != stage.history.said:
         yield f"hostapd said {stage.history.said}, announced was {announced}"
+    rest = iter(announced)
+    if not all(value in rest for value in stage.history.heard):
+        yield f"hostapd said {stage.history.heard} among others, announced was {announced}"
 
 
 def storage(stage: Stage, seen: Seen) -> Iterator[str]:
@@ -97,7 +105,7 @@ def log(stage: Stage, seen: Seen) -> Iterator[str]:
 
 
 RULES: tuple[Callable[[Stage, Seen], Iterator[str]], ...] = (
-    power, mode, access_point, listener, station, announcements, storage, log)
+    power, mode, access_point, protection, listener, station, announcements, storage, log)
 
 
 def wrong(stage: Stage, seen: Seen) -> list[tuple[str, str]]:

@@ -7,13 +7,14 @@ from collections.abc import Sequence
 from typing import Any
 
 from dbus_next import Variant
-from vantora_sim import units
+from vantora_sim import notify, units
 
 from .finding import Finding
-from .life import TIME_OUT
-from .requests import STORED, Requests
+from .life import END, READY, TIME_OUT
+from .requests import HOSTAPD_ANSWER, STORED, Requests
 
 STATION = "02:00:00:00:50:{:02x}"
+NO_BUS = "[Main] Failed to connect to dbus: "
 EVENT_COST = {"enabled": 18.0, "mode": 14.0, "frequency": 8.0, "deviceName": 4.0}
 """Calls that a notification of the settings daemon may wait for."""
 
@@ -57,12 +58,15 @@ class Neighbours(Requests):
         """hostapd reports the access point ready or not, several times in a row."""
         self.wait_events_read()
 
-        def say() -> None:
+        def say() -> int:
+            listeners = self.live_listeners()
             if self.world.hostapd.running:
                 for value in values:
                     self.world.hostapd._event(b"<3>AP-ENABLED " if value else b"<3>AP-DISABLED ")
+            return listeners
 
-        self.world.loop.call(say)
+        if self.world.loop.call(say) and self.wait_events_read() and self.world.loop.call(self.live_listeners):
+            self.history.heard += values
 
     def access_point_babbles(self, data: bytes) -> None:
         """hostapd sends an event that means nothing to the daemon."""
@@ -104,7 +108,6 @@ class Neighbours(Requests):
     def hostapd_fails_to_start(self) -> None:
         """From now on hostapd does not come up again."""
         self.comes_up = False
-        self.history.complaints.add("hostapd does not come up")
         self.history.disturbed.add("hostapd does not come up")
 
     def attaching_is_slow(self, seconds: float) -> None:
@@ -117,7 +120,7 @@ class Neighbours(Requests):
         self.world.hostapd.refuse("ATTACH", times=1)
 
     def counting_fails(self, how: str) -> None:
-        """hostapd refuses to list its stations once, is slow, or answers nonsense."""
+        """hostapd refuses to list its stations once, is slow, answers nonsense, or does not answer."""
         hostapd = self.world.hostapd
         self.history.complaints.add("hostapd")
         self.history.backlog += 1.0
@@ -125,6 +128,10 @@ class Neighbours(Requests):
             hostapd.refuse("STA-FIRST", times=1)
         elif how == "slow":
             hostapd.slow("STA-FIRST", 0.5, times=1)
+        elif how == "hangs":
+            self.history.backlog += HOSTAPD_ANSWER
+            self.history.patience = HOSTAPD_ANSWER + 2.0
+            hostapd.hang("STA-FIRST", times=1)
         else:
             hostapd.answer("STA-FIRST", b"\xff:\0:" * 300, times=1)
         if how != "slow":
@@ -178,8 +185,10 @@ class Neighbours(Requests):
     def setting_changes(self, section: str, key: str, value: Any) -> None:
         """Somebody else changes a setting."""
         from vantora_sim import CallRefused
-        if key == "deviceName" and self.world.radio.interface_type != "AP" or self.stop_lag or self.start_lag:
+        if key == "deviceName" and (self.stored("network", "mode") == "Client" or self.world.radio.interface_type != "AP"):
             self.history.disturbed.add("an access point in Client mode")
+        if key in ("mode", "frequency") and (self.stop_lag or self.start_lag):
+            self.history.disturbed.add("a setting that is compared with an interface on its way")
         self.wait_events_read()
         self.history.backlog += EVENT_COST.get(key, 0.0) * (TIME_OUT if self.history.disturbed else 0.2) + 1.0
         self.history.gap = True
@@ -290,7 +299,6 @@ class Neighbours(Requests):
         """The system bus ends, and another is there."""
         world = self.world
         self._disturb("system bus")
-        self.history.bus_lost = True
         self.history.station = None
         wpa = world.wpa.present
         world.systemd.go()
@@ -335,17 +343,21 @@ class Neighbours(Requests):
             self.history.address_events += 1
 
     def daemon_restarts(self, how: str, reads: int) -> None:
-        """The daemon is asked to end, or killed, and started again; somebody reads already while it starts."""
+        """The daemon is asked to end, or killed, perhaps with a request in hand, and started again; somebody reads already while
+        it starts."""
         world = self.world
         self.history.gap = True
         self.history.complaints.add("a new daemon")
+        if how == "in the middle":
+            self.history.disturbed.add("ended in the middle of a change")
+            self._send(("write", "WiFiFrequency", "5" if self.stored("network", "frequency") == "2.4" else "2.4"))
+            self._send(("write", "Mode", "Client"))
         if how == "killed":
             self.kill_daemon()
         else:
             self.end()
-            self._again_as_before()
         self._wait_unit_task()
-        world.journal.wait_until(lambda: not world.name_owned(), "the name to be free")
+        self._wait_name_free()
         self.history.new_daemon(world.journal.mark())
         self.launch()
         if reads:
@@ -357,13 +369,90 @@ class Neighbours(Requests):
                 self._answer(("read", "MacAddress", None), future, time.monotonic() + 30, 30, ())
         self.wait_up()
 
-    def _again_as_before(self) -> None:
-        """What was asked to end the daemon has also made everybody well."""
+    def _wait_name_free(self) -> None:
+        while self.world.name_owned():
+            time.sleep(0.002)
 
     def _wait_unit_task(self) -> None:
         deadline = time.monotonic() + 5
         while self._unit_task is not None and not self._unit_task.done() and time.monotonic() < deadline:
             time.sleep(0.01)
+
+    def another_daemon_starts(self, bus: str) -> None:
+        """A second daemon is started by mistake, or is told of a bus that is none: it says why it ends, and ends."""
+        world = self.world
+        self.history.complaints.add("another daemon")
+        mark = world.journal.mark()
+        address: dict[str, str | None] = {"DBUS_SESSION_BUS_ADDRESS": bus} if bus else {}
+        second = world.sandbox.start([self.build / "vantora-network"], {"SYSTEMD_BUS_TIMEOUT": f"{TIME_OUT:g}s", **address})
+        try:
+            status = second.wait(READY)
+        except AssertionError:
+            second.stop(9)
+            raise Finding("start", "a second daemon does not end") from None
+        said = [text for _, text in world.journal.logs(mark, ident="vantora-network") if text.startswith(NO_BUS)]
+        if status != 1 or len(said) != 1:
+            raise Finding("start", f"a second daemon has ended with status {status} and said {said}")
+
+    def daemon_starts_with_few_descriptors(self, most: int) -> None:
+        """The daemon ends, and one that may have only so many descriptors is started in its place: it serves, or says that it
+        cannot, and ends, and does so when it is asked to, before a proper one is started."""
+        world = self.world
+        self.history.disturbed.add("descriptors")
+        self.end()
+        self._wait_unit_task()
+        self._wait_name_free()
+        mark = world.journal.mark()
+        poor = world.sandbox.start(["/bin/sh", "-c", f"ulimit -n {most}; exec {self.build}/vantora-network"],
+                                   {"NOTIFY_SOCKET": "/run/sim/notify", "SYSTEMD_BUS_TIMEOUT": f"{TIME_OUT:g}s"})
+        deadline = time.monotonic() + 2 * READY
+        while poor.running and not world.journal.count(notify("READY=1"), mark):
+            if time.monotonic() > deadline:
+                poor.stop(9)
+                raise Finding("start", f"a daemon with {most} descriptors neither starts nor ends")
+            time.sleep(0.01)
+        ended_itself = not poor.running
+        poor.send_signal(15)
+        try:
+            status = poor.wait(END)
+        except AssertionError:
+            poor.stop(9)
+            raise Finding("end", f"a daemon with {most} descriptors does not end when it is asked to") from None
+        said = [text for priority, text in world.journal.logs(mark, ident="vantora-network") if priority == "err"]
+        if status != (1 if ended_itself else 0) or ended_itself and not said:
+            raise Finding("start", f"a daemon with {most} descriptors has ended with status {status} and said {said}")
+        self._wait_name_free()
+        self.start_daemon()
+
+    def user_bus_restarts(self) -> None:
+        """The user bus ends: so does the daemon, since nobody can reach it, and its unit starts it on the new one."""
+        world = self.world
+        self.history.disturbed.add("user bus")
+        world.loop.call(world.user_bus.stop)
+        assert world.daemon is not None
+        try:
+            status = world.daemon.wait(READY)
+        except AssertionError:
+            raise Finding("end", "the daemon does not end with its bus") from None
+        if status != 0:
+            raise Finding("end", f"the daemon has ended with status {status} when its bus was gone\n{world.daemon.stderr[-2000:]}")
+        if self.settings_daemon is not None:
+            self.settings_daemon.wait(READY)
+        world.bring_user_bus_back()
+        if self._real_settings:
+            self.start_settings_daemon()
+        self.start_daemon()
+
+    def radio_is_switched_off_by_hand(self) -> None:
+        """Somebody presses the switch of the radio, until the device is quiet."""
+        self._disturb("radio")
+        self.world.loop.call(lambda: self.world.radio.block(hard=True))
+
+    def link_goes_down_and_up(self, interface: str) -> None:
+        """A cable is pulled and put in again; addresses stay."""
+        self.world.try_ip("link", "set", "dev", interface, "down")
+        self.world.try_ip("link", "set", "dev", interface, "up")
+        self.history.address_events += 2
 
     def a_moment_passes(self, seconds: float) -> None:
         """Nothing happens for a while."""

@@ -113,6 +113,8 @@ class Requests(Life):
             raise Finding("answers", f"{what} is answered with {answer}")
         if expected and answer not in expected:
             raise Finding("answers", f"{what} is answered with {answer or 'success'!r} instead of {expected}")
+        if kind == "write" and name == "WiFiFrequency" and answer != GOOD and value in ("2.4", "5"):
+            self.history.disturbed.add("a band that is only stored")
         if kind == "write" and name in STORED:
             self._note_acknowledged(name, value, answer == GOOD and len(expected) == 1)
         return plain(body[0]) if body else None
@@ -162,13 +164,16 @@ class Requests(Life):
             return (GOOD,) if len(value.encode()) <= 32 else (REFUSED,)
         if value not in ("2.4", "5"):
             return (REFUSED,)
-        return (GOOD, REFUSED) if self.world.radio.interface_type != "AP" else (GOOD,)
+        sure = self.world.radio.interface_type == "AP" and not self.history.changed_settings and not self.stop_lag + self.start_lag
+        return (GOOD,) if sure else (GOOD, REFUSED)
 
     def _expected_call(self, name: str) -> Sequence[str]:
         if self.history.disturbed:
             return ()
         if name == "Scan":
             return (GOOD,)
+        if self.history.changed_settings or self.stop_lag or self.start_lag:
+            return ()  # another mode may be on its way
         if self.world.radio.blocked or self.world.radio.interface_type == "AP":
             return (FAILED,)
         return ()
@@ -177,7 +182,7 @@ class Requests(Life):
         """What this request may bring about."""
         kind, name, value = request
         radio = self.world.radio
-        client = radio.interface_type != "AP" or self.stop_lag or self.start_lag
+        client = self.stored("network", "mode") == "Client" or radio.interface_type != "AP" and not self.start_lag
         if kind == "write" and name in ("Mode", "WiFiState"):
             self.history.gap = True
             self.history.address_events += 3

@@ -4,10 +4,10 @@ from __future__ import annotations
 
 import re
 import time
+import traceback
 from collections.abc import Callable
 from dataclasses import dataclass, field
 from pathlib import Path
-from typing import Any
 
 import hypothesis
 from hypothesis import HealthCheck, Phase
@@ -19,7 +19,6 @@ from .finding import Finding
 from .stage import Stage
 
 RUNS_IN_A_WORLD = 40
-SHRINK_SECONDS = 120.0
 MOST_TRIES = 4
 """How often a shorter run is tried before it counts as one that shows nothing: what depends on time does not always come."""
 
@@ -34,6 +33,14 @@ class Found:
     at_step: int
     journal: str = ""
     times: int = 1
+    file: Path | None = None
+    """Where the run and what happened in it are kept."""
+
+
+def _line(finding: Finding) -> str:
+    """A finding in a line: of a traceback the last one says what it is."""
+    lines = finding.text.strip().splitlines()
+    return lines[-1 if finding.rule == "unexpected" else 0][:200]
 
 
 def _form(rule: str, text: str) -> str:
@@ -49,12 +56,16 @@ class Search:
     seed: int
     tell: Callable[[str], None] = print
     judges_memory: bool = True
+    shortening: float = 120.0
+    """Seconds for each of the two ways in which something found is made shorter."""
     steps: int = 0
     runs: int = 0
     found: list[Found] = field(default_factory=list)
 
-    def search(self, *, steps: int | None = None, seconds: float | None = None, findings: int | None = None, shrink: bool = True) -> None:
-        """Search until so many steps are done, so many seconds are over, or so much is found."""
+    def search(self, *, steps: int | None = None, seconds: float | None = None, findings: int | None = None,
+               until: Callable[[Found], bool] = lambda found: False, shrink: bool = True) -> None:
+        """Search until so many steps are done, so many seconds are over, so much is found, or `until` says of something found
+        that it was looked for."""
         self._shrinks = shrink
         began = time.monotonic()
         number = 0
@@ -62,7 +73,7 @@ class Search:
             with Stage(self.build, judges_memory=self.judges_memory) as stage:
                 self._round(stage, self.seed * 1_000_003 + number, lambda: (
                     (steps is not None and self.steps >= steps) or (seconds is not None and time.monotonic() - began > seconds)
-                    or (findings is not None and len(self.found) >= findings)))
+                    or (findings is not None and len(self.found) >= findings) or any(map(until, self.found))))
             number += 1
             if self._over:
                 return
@@ -86,8 +97,8 @@ class Search:
                 if finding is None or (shortest is not None and finding.rule != shortest.rule):
                     continue
                 if shortest is None:
-                    self.tell(f"step {self.steps}: {finding.rule}: {finding.text.splitlines()[0][:200]}")
-                    shrinks_until = time.monotonic() + (0 if self._known(finding.rule, finding.text) else SHRINK_SECONDS)
+                    self.tell(f"step {self.steps}: {finding.rule}: {_line(finding)}")
+                    shrinks_until = time.monotonic() + (0 if self._known(finding.rule, finding.text) else self.shortening)
                     shortest = Found(finding.rule, finding.text, run, self.steps)
                 self._keep(stage, shortest, run, finding)
                 raise finding
@@ -107,6 +118,10 @@ class Search:
             known = self._known(shortest.rule, shortest.text)
             if known is None:
                 self.found.append(shortest)
+                folder = self.build / "chaos"
+                folder.mkdir(exist_ok=True)
+                shortest.file = folder / f"{shortest.rule}-{self.seed}-{shortest.at_step}.log"
+                shortest.file.write_text(f"{report(shortest)}\n{shortest.journal}\n")
             else:
                 known.times += 1
 
@@ -119,7 +134,7 @@ class Search:
             self._keep(stage, found, run, finding)
             return True
 
-        shorten(found.run, shows, SHRINK_SECONDS)
+        shorten(found.run, shows, self.shortening)
 
     def _keep(self, stage: Stage, found: Found, run: Run, finding: Finding) -> None:
         if len(run) <= len(found.run):
@@ -143,8 +158,8 @@ class Search:
         except Finding as finding:
             return finding
         except Exception:
-            self.tell(run.as_test("that_the_search_cannot_judge"))
-            raise
+            # Nothing is hidden: what the search did not reckon with is a finding, too, if only about the search.
+            return Finding("unexpected", traceback.format_exc())
         finally:
             if counts:
                 self.runs += 1
@@ -153,7 +168,8 @@ class Search:
 
 def report(found: Found) -> str:
     """What was found, as text and as a test."""
-    return f"{found.rule} (step {found.at_step}, {found.times} times): {found.text}\n\n{found.run.as_test('found_by_the_search')}\n"
+    return (f"{found.rule} (step {found.at_step}, {found.times} times): {found.text}\n\n{found.run.as_test('found_by_the_search')}\n\n"
+            f"what happened in it: {found.file}\n")
 
 
-__all__ = ["Found", "Search", "report", "Any"]
+__all__ = ["Found", "Search", "report"]

@@ -20,7 +20,7 @@ from .finding import Finding
 from .follower import ANNOUNCED
 from .neighbours import Neighbours
 
-REST = 4.0
+REST = 8.0
 """Seconds after which the device has come to rest, where nothing is known that takes longer."""
 ADDRESS_EVENT = 1.2
 MEMORY_BOUND = 512
@@ -98,7 +98,19 @@ class Stage(Neighbours):
         if self._real_settings:
             self.kill_and_compare_settings()
         if self.history.disturbed:
+            self._check_in_disorder()
             self._remedy()
+
+    def _check_in_disorder(self) -> None:
+        """What the daemon has heard of hostapd it knows, in whatever state the device is."""
+        heard = self.history.initialised
+        if heard is None or self.history.disturbed & {"descriptors", "deaf"}:
+            return
+        deadline = time.monotonic() + REST + self.history.patience
+        while (told := self.read("WiFiAccessPointInitialised")) != self.history.initialised:
+            if time.monotonic() > deadline:
+                raise Finding("access_point", f"the last word of hostapd is {heard}, WiFiAccessPointInitialised is {told}")
+            time.sleep(0.05)
 
     def _drop_lingering(self) -> None:
         """hostapd forgets stations that have left a while ago."""
@@ -124,7 +136,10 @@ class Stage(Neighbours):
                 raise Finding("listener", "nobody is attached to hostapd although its mode was set anew")
             time.sleep(0.02)
         history.disturbed.clear()
+        self.wait_events_read()
         self.access_point_says([True])
+        self.settle()
+        history.heard.clear()
         history.station = None
         history.known = {}
         history.since = self.world.journal.mark()

@@ -20,6 +20,13 @@ def _switch_reads_as_off(stage: Stage) -> None:
     stage.world.tools.rfkill._truth = lambda arguments: Output(b"0: phy0: Wireless LAN\n\tSoft blocked: yes\n")
 
 
+def _start_on_half_a_file(stage: Stage) -> None:
+    whole = stage.world.hostapd_conf.read_text()
+    stage.world.hostapd_conf.write_text(whole[:whole.index("wpa")])
+    stage.open_access_point()
+    stage.world.hostapd_conf.write_text(whole)
+
+
 def _lose_a_descriptor(stage: Stage) -> None:
     """The daemon is taken to have had one less at first."""
     assert stage._at_rest is not None
@@ -30,6 +37,7 @@ BREAKS: dict[str, Callable[[Stage], object]] = {
     "power": _switch_reads_as_off,
     "mode": lambda stage: stage.world.settings.set("network", "mode", "Client"),
     "access_point": lambda stage: stage.world.settings.set("device", "deviceName", "another"),
+    "protection": lambda stage: stage.world.loop.call(_start_on_half_a_file, stage),
     "listener": lambda stage: stage.world.loop.call(stage.world.hostapd._attached.clear),
     "announcements": lambda stage: stage.world.journal.add("changed", name="SSID", value="another"),
     "storage": lambda stage: stage.history.stored.update(WiFiFrequency="5"),
@@ -69,8 +77,8 @@ def test_a_state_that_the_daemon_did_not_hear_is_found(stage: Stage) -> None:
 
 def test_a_request_that_is_answered_too_late_is_found(stage: Stage) -> None:
     stage.begin()
-    stage.world.tools.rfkill.slow(8.0, times=1)
-    with pytest.raises(Finding, match="read WiFiState is not answered within 5.0 s"):
+    stage.world.tools.rfkill.slow(13.0, times=1)
+    with pytest.raises(Finding, match="read WiFiState is not answered within 10.0 s"):
         stage.read("WiFiState")
 
 

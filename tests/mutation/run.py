@@ -7,12 +7,14 @@ faults.toml names for it, and wants one of them to fail.
 """
 
 import argparse
+import contextlib
 import os
 import shutil
 import subprocess
 import sys
 import time
 import tomllib
+from collections.abc import Iterator
 from dataclasses import dataclass
 from pathlib import Path
 
@@ -150,18 +152,25 @@ def check_unchanged(tree: Tree, faults: list[Fault]) -> None:
             raise Failure(f"{selection} fails without any fault")
 
 
-def check(tree: Tree, fault: Fault) -> str | None:
-    file = tree.folder / fault.file
-    sound = file.read_text()
-    if sound.count(fault.old) != 1:
-        raise Failure(f"{fault.name}: the text to replace stands {sound.count(fault.old)} times in {fault.file}")
-    file.write_text(sound.replace(fault.old, fault.new))
+@contextlib.contextmanager
+def planted(tree: Tree, name: str, file: str, old: str, new: str) -> Iterator[None]:
+    """The copy with one piece of text replaced."""
+    broken = tree.folder / file
+    sound = broken.read_text()
+    if sound.count(old) != 1:
+        raise Failure(f"{name}: the text to replace stands {sound.count(old)} times in {file}")
+    broken.write_text(sound.replace(old, new))
     try:
+        yield
+    finally:
+        broken.write_text(sound)
+
+
+def check(tree: Tree, fault: Fault) -> str | None:
+    with planted(tree, fault.name, fault.file, fault.old, fault.new):
         if not tree.make(targets_of(fault)):
             raise Failure(f"{fault.name}: does not build")
         return catcher(tree, fault)
-    finally:
-        file.write_text(sound)
 
 
 def main() -> int:
