@@ -7,14 +7,14 @@ from collections.abc import Callable
 from pathlib import Path
 from typing import Any
 
+from running import PATIENCE
 from selenium.common.exceptions import StaleElementReferenceException
 from selenium.webdriver import Chrome
 from selenium.webdriver.common.by import By
 from selenium.webdriver.common.keys import Keys
 from selenium.webdriver.remote.webelement import WebElement
 
-DEADLINE = 30.0
-_GONE = "net::ERR_CONNECTION_REFUSED"
+DEADLINE = 30.0 * PATIENCE
 
 
 class Page:
@@ -86,10 +86,10 @@ class Page:
     def put(self, selector: str, text: str) -> None:
         """Type into a field what shall stand there."""
         field = self.one(selector)
-        if field.tag_name == "input":
-            field.send_keys(Keys.CONTROL, "a")
-            field.send_keys(Keys.BACKSPACE)
+        field.clear()
         field.send_keys(text)
+        if not text:  # clearing alone tells the page only when the field is left
+            self.driver.execute_script("arguments[0].dispatchEvent(new Event('input'))", field)
 
     def value(self, name: str) -> str:
         """What a property of the device is shown as."""

@@ -9,7 +9,7 @@ from pathlib import Path
 
 import pytest
 from page import Page
-from running import ROOT, Running
+from running import PATIENCE, ROOT, Running
 from selenium.webdriver.common.action_chains import ActionChains
 from selenium.webdriver.common.keys import Keys
 from vantora_sim.world_file import read_world
@@ -283,10 +283,10 @@ def test_what_was_done_becomes_a_script_and_a_world_that_do_it_again(page: Page,
              "sys.exit(0 if gone and \"tablet\" in here else 9)'")
     (tmp_path / "again.sh").write_text(f"PATH={ROOT}/simulator:$PATH\n{script}\n{check}\n")
     run_sim = [ROOT / "simulator/vantora-sim", "--build-dir", build_dir]
-    ran = subprocess.run([*run_sim, "--", "sh", tmp_path / "again.sh"], capture_output=True, text=True, timeout=120)
+    ran = subprocess.run([*run_sim, "--", "sh", tmp_path / "again.sh"], capture_output=True, text=True, timeout=120 * PATIENCE)
     assert ran.returncode == 0, ran.stderr[-2000:]
     waited = f"PATH={ROOT}/simulator:$PATH\nfor i in $(seq 60); do {check} && exit 0; sleep 0.5; done; exit 9"
-    ran = subprocess.run([*run_sim, "--world", world, "--", "sh", "-c", waited], capture_output=True, text=True, timeout=120)
+    ran = subprocess.run([*run_sim, "--world", world, "--", "sh", "-c", waited], capture_output=True, text=True, timeout=120 * PATIENCE)
     assert ran.returncode == 0, ran.stderr[-2000:]
 
 
