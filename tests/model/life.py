@@ -205,7 +205,9 @@ class Life:
         """Let the daemon open only so many descriptors more than it has."""
         assert self.world.daemon is not None
         folder = Path(f"/proc/{self.world.daemon.pid}/fd")
-        highest = max(int(file.name) for file in folder.iterdir())
+        highest = max((int(file.name) for file in folder.iterdir()), default=-1)
+        if highest < 0:
+            return  # it is just ending, and has none
         before = resource.prlimit(self.world.daemon.pid, resource.RLIMIT_NOFILE)
         self._limit = self._limit or before
         resource.prlimit(self.world.daemon.pid, resource.RLIMIT_NOFILE, (highest + 1 + more, self._limit[1]))
