@@ -19,8 +19,8 @@ struct ReleaseWith
 
 /**
  * A connection that is closed with whatever has not been written yet: for the private connections of calls. A
- * call that was answered has been written; flushing one that was given up would wait without end for a bus that
- * does not read.
+ * call that was answered has been written; flushing one that was given up would wait without end for a bus
+ * that does not read.
  */
 using BusPtr = std::unique_ptr<sd_bus, ReleaseWith<sd_bus_close_unref>>;
 using MessagePtr = std::unique_ptr<sd_bus_message, ReleaseWith<sd_bus_message_unref>>;
