@@ -192,10 +192,16 @@ private:
                 "vantora-wifi: " + escaped(text) + "\nTry 'vantora-wifi --help'.\n"};
     }
 
-    EarlyEnd without_command() const
+    /** The screen where somebody can see it, else the usage. */
+    std::variant<Arguments, EarlyEnd> without_command() const
     {
-        return {static_cast<int>(ExitStatus::Usage),
-                "vantora-wifi: a sub-command is required\n\n" + app_.help()};
+        if (!terminal_ || arguments_.json) {
+            return EarlyEnd{static_cast<int>(ExitStatus::Usage),
+                            "vantora-wifi: a sub-command is required\n\n" + app_.help()};
+        }
+        Arguments screen = arguments_;
+        screen.command = Command::Screen;
+        return screen;
     }
 
     std::string unknown_command(const std::string& word) const

@@ -18,6 +18,7 @@ enum class Command : std::uint8_t {
     Connect,
     Disconnect,
     Monitor,
+    Screen, /**< no sub-command, on a terminal */
 };
 
 /** Where the passphrase of `connect` comes from. Never from an argument: everyone can read those. */

@@ -20,5 +20,7 @@ CommandFunction run_scan;
 CommandFunction run_connect;
 CommandFunction run_disconnect;
 CommandFunction run_monitor;
+/** Without a sub-command: everything on one screen, until the person leaves. */
+CommandFunction run_screen;
 
 } // namespace client

@@ -209,6 +209,24 @@ void Daemon::call_later(const char* method, const std::vector<std::string>& argu
         deadline);
 }
 
+void Daemon::set_later(const std::string& property, char type, const Json& value, Done done,
+                       Deadline deadline)
+{
+    auto request = make_call(kProperties, "Set");
+    if (request) {
+        sd_bus_message_append(request.value().get(), "ss", kInterface, property.c_str());
+        if (const int result = append_variant(request.value().get(), type, value); result < 0) {
+            request = failure_of_bus(result);
+        }
+    }
+    send_later(
+        std::move(request),
+        [done = std::move(done)](const Result<sd_bus_message*>& reply) {
+            done(reply ? std::nullopt : std::optional(reply.failure()));
+        },
+        deadline);
+}
+
 void Daemon::get_later(const std::string& property, Got got, Deadline deadline)
 {
     auto request = make_call(kProperties, "Get");

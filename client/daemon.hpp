@@ -65,6 +65,9 @@ public:
     void call_later(const char* method, const std::vector<std::string>& arguments, Done done,
                     Deadline deadline);
 
+    /** Writes a property without waiting, see set(): `done` is called from step(). */
+    void set_later(const std::string& property, char type, const Json& value, Done done, Deadline deadline);
+
     /** Reads a property without waiting: `got` is called from step(). */
     void get_later(const std::string& property, Got got, Deadline deadline);
 

@@ -56,6 +56,9 @@ public:
     /** Asks for everything anew. */
     void refresh();
 
+    /** Asks for one property anew: for what the daemon does not announce. */
+    void look_at(const std::string& property) { ask(property); }
+
 private:
     void ask(const std::string& property);
     void ask_next();

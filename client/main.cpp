@@ -29,6 +29,8 @@ CommandFunction* function_of(Command command)
         return run_disconnect;
     case Command::Monitor:
         return run_monitor;
+    case Command::Screen:
+        return run_screen;
     default:
         return run_setting;
     }

@@ -39,7 +39,15 @@ std::string joined(const Json& texts)
     return line;
 }
 
-bool shown(std::string_view field, std::string_view mode)
+} // namespace
+
+Result<Json> read_status(Daemon& daemon, Deadline deadline)
+{
+    auto values = read_one_by_one(daemon, deadline);
+    return values ? Result<Json>(status_fields(values.value())) : values;
+}
+
+bool is_shown(std::string_view field, std::string_view mode)
 {
     constexpr auto kHost =
         std::to_array<std::string_view>({"ssid", "band", "access_point_ready", "stations"});
@@ -48,12 +56,12 @@ bool shown(std::string_view field, std::string_view mode)
     return holds(kHost) ? mode == "Host" : !holds(kClient) || mode == "Client";
 }
 
-} // namespace
-
-Result<Json> read_status(Daemon& daemon, Deadline deadline)
+Style field_style(const Json& value)
 {
-    auto values = read_one_by_one(daemon, deadline);
-    return values ? Result<Json>(status_fields(values.value())) : values;
+    if (value == "on" || value == "completed" || value == true) {
+        return Style::Good;
+    }
+    return value == "off" || value == "failed" ? Style::Bad : Style::Plain;
 }
 
 std::string field_text(const std::string& field, const Json& value)
@@ -99,16 +107,11 @@ Table status_table(const Json& fields, const Terminal& terminal)
         fields.value("mode", Json()).is_string() ? fields["mode"].get<std::string>() : "";
     Table table;
     for (const PropertyName& property : known_properties()) {
-        if (!shown(property.field, mode)) {
+        if (!is_shown(property.field, mode)) {
             continue;
         }
         const Json& value = fields.at(property.field);
-        Style style = Style::Plain;
-        if (value == "on" || value == "completed" || value == true) {
-            style = Style::Good;
-        } else if (value == "off" || value == "failed") {
-            style = Style::Bad;
-        }
+        const Style style = field_style(value);
         table.add({{property.label, terminal.before(Style::Heading), terminal.after(Style::Heading)},
                    {field_text(property.field, value), terminal.before(style), terminal.after(style)}});
     }

@@ -158,6 +158,22 @@ std::size_t display_width(std::string_view text)
     return columns;
 }
 
+std::string fitted(std::string_view text, std::size_t columns)
+{
+    std::string result;
+    while (!text.empty()) {
+        const Unit unit = first_unit(text);
+        const int width = unit.character ? std::max(width_of(*unit.character), 0) : 1;
+        if (static_cast<std::size_t>(width) > columns) {
+            break;
+        }
+        columns -= static_cast<std::size_t>(width);
+        result += text.substr(0, unit.size);
+        text.remove_prefix(unit.size);
+    }
+    return result;
+}
+
 std::string padded(std::string_view text, std::size_t columns)
 {
     const std::size_t width = display_width(text);

@@ -23,6 +23,9 @@ std::string escaped(std::string_view bytes);
 /** Columns that an escaped text takes on the terminal, in the locale of the process. */
 std::size_t display_width(std::string_view text);
 
+/** As much of an escaped text as takes no more than so many columns; no character is cut. */
+std::string fitted(std::string_view text, std::size_t columns);
+
 /** The text with blanks behind it up to so many columns; a wider one comes back as it is. */
 std::string padded(std::string_view text, std::size_t columns);
 

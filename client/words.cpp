@@ -90,6 +90,20 @@ bool is_joining(const std::string& state)
     return std::ranges::find(kWords, state) != kWords.end();
 }
 
+std::string disconnect_meaning(const std::string& state)
+{
+    if (is_joining(state)) {
+        return "the device is still trying to join a network, which cannot be left before that is done; "
+               "'vantora-wifi off' or 'vantora-wifi mode host' ends the attempt";
+    }
+    // Between two tries it is disconnected, too.
+    if (state == "disconnected") {
+        return "there is no network to leave: the device is not connected; if it is still trying to join one, "
+               "'vantora-wifi off' or 'vantora-wifi mode host' ends that";
+    }
+    return "there is no network to leave: the device is not connected";
+}
+
 std::string way_to_end(const std::string& lastState)
 {
     if (lastState == "completed") {

@@ -21,6 +21,10 @@ std::string refused_write_meaning(Command command, bool station);
  */
 bool is_joining(const std::string& state);
 
+/** Why there is no network to leave, told by the state word: the daemon has one answer for a station without
+ * a network and for one that is still on its way into one. */
+std::string disconnect_meaning(const std::string& state);
+
 /** How an attempt whose last state word is this one is ended, as a clause; empty for none. */
 std::string way_to_end(const std::string& lastState);
 

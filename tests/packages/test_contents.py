@@ -60,9 +60,11 @@ LIBRARIES = {
     "libc.so.6": "libc6",
     "libgcc_s.so.1": "libgcc-s1",
     "libm.so.6": "libc6",
+    "libncursesw.so.6": "libncursesw6",
     "libsigc-2.0.so.0": "libsigc++-2.0-0v5",
     "libstdc++.so.6": "libstdc++6",
     "libsystemd.so.0": "libsystemd0",
+    "libtinfo.so.6": "libtinfo6",
 }
 
 DAEMON_LIMIT = {"armhf": 250 * 1024, "amd64": 400 * 1024}

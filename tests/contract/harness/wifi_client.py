@@ -9,6 +9,7 @@ import pty
 import re
 import select
 import signal
+import struct
 import subprocess
 import termios
 import threading
@@ -140,6 +141,10 @@ class Running:
     def type(self, text: str) -> None:
         """Type on its terminal."""
         os.write(self._output, text.encode())
+
+    def resize(self, rows: int, columns: int) -> None:
+        """Give its terminal another size."""
+        fcntl.ioctl(self._output, termios.TIOCSWINSZ, struct.pack("HHHH", rows, columns, 0, 0))
 
     def echoes(self) -> bool:
         """Whether its terminal shows what is typed."""

@@ -1,0 +1,414 @@
+#include "client/screen_model.hpp"
+
+#include <gtest/gtest.h>
+
+#include <clocale>
+#include <optional>
+#include <string>
+
+#include "client/properties.hpp"
+#include "client/screen_view.hpp"
+#include "client/text.hpp"
+
+namespace {
+
+using client::draw_screen;
+using client::ExitStatus;
+using client::Failure;
+using client::Json;
+using client::network_value;
+using client::ScreenAction;
+using client::ScreenKey;
+using client::ScreenModel;
+using client::ScreenState;
+using Kind = ScreenKey::Kind;
+using Action = ScreenAction::Kind;
+using Page = ScreenModel::Page;
+
+ScreenKey letter(const std::string& text)
+{
+    return {Kind::Text, text};
+}
+
+ScreenState station(Json networks, const std::string& state = "inactive")
+{
+    return {.fields =
+                client::status_fields({{"WiFiState", 1U}, {"Mode", "Client"}, {"WiFiClientState", state}}),
+            .networks = std::move(networks),
+            .running = true,
+            .silent = false,
+            .complete = true};
+}
+
+Json street()
+{
+    return Json::array({network_value("home", true, -48, true), network_value("free", false, -60, false),
+                        network_value("office", true, -70, false)});
+}
+
+Failure refused(const std::string& text)
+{
+    return {ExitStatus::Refused, "the daemon refused", "org.freedesktop.DBus.Error.Failed", text};
+}
+
+/** A model of a station with three networks around. */
+class ClientScreen : public testing::Test
+{
+protected:
+    ClientScreen()
+    {
+        std::setlocale(LC_CTYPE, "C.UTF-8");
+        model_.update(station(street()));
+    }
+    ~ClientScreen() override { std::setlocale(LC_CTYPE, "C"); }
+
+    ScreenAction press(Kind kind) { return model_.press({kind}); }
+    ScreenAction press(const std::string& text) { return model_.press(letter(text)); }
+    void type(const std::string& text)
+    {
+        for (const char byte : text) {
+            press(std::string(1, byte));
+        }
+    }
+    std::string shown(std::size_t rows = 24, std::size_t columns = 80, bool unicode = true) const
+    {
+        std::string text;
+        for (const auto& line : draw_screen(model_, rows, columns, unicode)) {
+            for (const auto& span : line) {
+                text += span.text;
+            }
+            text += "\n";
+        }
+        return text;
+    }
+
+    ScreenModel model_;
+};
+
+TEST_F(ClientScreen, ArrowsWalkThroughTheNetworksAndStopAtTheEnds)
+{
+    EXPECT_EQ(model_.chosen(), 0U);
+    press(Kind::Up);
+    EXPECT_EQ(model_.chosen(), 0U);
+    press(Kind::Down);
+    press("j");
+    EXPECT_EQ(model_.chosen(), 2U);
+    press(Kind::Down);
+    EXPECT_EQ(model_.chosen(), 2U);
+    press("k");
+    EXPECT_EQ(model_.chosen(), 1U);
+    press(Kind::End);
+    EXPECT_EQ(model_.chosen(), 2U);
+    press(Kind::Home);
+    EXPECT_EQ(model_.chosen(), 0U);
+    press(Kind::PageDown);
+    EXPECT_EQ(model_.chosen(), 2U);
+    press(Kind::PageUp);
+    EXPECT_EQ(model_.chosen(), 0U);
+}
+
+TEST_F(ClientScreen, TheNetworkChosenStaysChosenWhereverItIs)
+{
+    press(Kind::Down);
+    model_.update(
+        station(Json::array({network_value("new", true, -40, true), network_value("home", true, -48, true),
+                             network_value("free", false, -60, false)})));
+    EXPECT_EQ(model_.chosen(), 2U);
+    model_.update(station(Json::array({network_value("home", true, -48, true)})));
+    EXPECT_EQ(model_.chosen(), 0U) << "it is gone";
+    model_.update(station(Json::array()));
+    EXPECT_EQ(model_.chosen(), 0U);
+    EXPECT_EQ(press(Kind::Enter).kind, Action::None);
+    EXPECT_EQ(press(Kind::Down).kind, Action::None);
+}
+
+TEST_F(ClientScreen, AnOpenNetworkIsJoinedAtOnce)
+{
+    press(Kind::Down);
+    const ScreenAction action = press(Kind::Enter);
+    EXPECT_EQ(action.kind, Action::Connect);
+    EXPECT_EQ(action.ssid, "free");
+    EXPECT_EQ(action.passphrase, "");
+    EXPECT_EQ(model_.page(), Page::Networks);
+}
+
+TEST_F(ClientScreen, APassphraseIsAskedForAndShownToNobody)
+{
+    EXPECT_EQ(press(Kind::Enter).kind, Action::None);
+    EXPECT_EQ(model_.page(), Page::Passphrase);
+    type("quiet harbour q");
+    press("ö");
+    press("x");
+    press(Kind::Backspace);
+    EXPECT_EQ(model_.typed(), 16U);
+    EXPECT_EQ(shown().find("quiet"), std::string::npos);
+    EXPECT_NE(shown().find("Passphrase for \"home\": ****************\n"), std::string::npos);
+    const ScreenAction action = press(Kind::Enter);
+    EXPECT_EQ(action.kind, Action::Connect);
+    EXPECT_EQ(action.ssid, "home");
+    EXPECT_EQ(action.passphrase, "quiet harbour qö");
+    EXPECT_EQ(model_.page(), Page::Networks);
+    EXPECT_EQ(model_.typed(), 0U);
+}
+
+TEST_F(ClientScreen, ACharacterIsTakenBackWhole)
+{
+    press(Kind::Enter);
+    press("é");
+    press(Kind::Backspace);
+    EXPECT_EQ(model_.typed(), 0U);
+    press(Kind::Backspace);
+    type("12345678");
+    EXPECT_EQ(press(Kind::Enter).passphrase, "12345678");
+}
+
+TEST_F(ClientScreen, WhatCannotBeAPassphraseIsTold)
+{
+    press(Kind::Enter);
+    type("short");
+    EXPECT_EQ(press(Kind::Enter).kind, Action::None);
+    EXPECT_EQ(model_.page(), Page::Passphrase);
+    EXPECT_EQ(model_.message(), "a passphrase has 8 to 63 characters, this one has 5");
+    EXPECT_TRUE(model_.is_bad());
+    EXPECT_EQ(model_.typed(), 0U);
+}
+
+TEST_F(ClientScreen, EscapeLeadsBackFromThePassphrase)
+{
+    press(Kind::Enter);
+    type("12345678");
+    press(Kind::Escape);
+    EXPECT_EQ(model_.page(), Page::Networks);
+    press(Kind::Enter);
+    EXPECT_EQ(model_.typed(), 0U) << "what was typed before is forgotten";
+}
+
+TEST_F(ClientScreen, LettersAreTypedIntoThePassphraseAndDoNothingElse)
+{
+    press(Kind::Enter);
+    for (const char* key : {"q", "d", "m", "r", "?", "o"}) {
+        EXPECT_EQ(press(key).kind, Action::None) << key;
+    }
+    EXPECT_EQ(model_.typed(), 6U);
+}
+
+TEST_F(ClientScreen, WhatCannotBeJoinedIsToldAtOnce)
+{
+    press(Kind::End);
+    EXPECT_EQ(press(Kind::Enter).kind, Action::None);
+    EXPECT_EQ(model_.message(), "\"office\" is encrypted in a way that this device cannot join.");
+    EXPECT_TRUE(model_.is_bad());
+}
+
+TEST_F(ClientScreen, LettersDoWhatTheHelpSays)
+{
+    EXPECT_EQ(press("q").kind, Action::Leave);
+    EXPECT_EQ(press("x").kind, Action::None);
+    EXPECT_EQ(press("ö").kind, Action::None);
+    const ScreenAction scan = press("r");
+    EXPECT_EQ(scan.kind, Action::Scan);
+    model_.answered(scan, std::nullopt);
+    const ScreenAction leave = press("d");
+    EXPECT_EQ(leave.kind, Action::Disconnect);
+    model_.answered(leave, std::nullopt);
+    EXPECT_EQ(model_.message(), "Disconnected.");
+    const ScreenAction mode = press("m");
+    EXPECT_EQ(mode.kind, Action::Mode);
+    EXPECT_EQ(mode.value, "Host");
+    model_.answered(mode, std::nullopt);
+    const ScreenAction radio = press("o");
+    EXPECT_EQ(radio.kind, Action::Radio);
+    EXPECT_EQ(radio.value, 0U);
+}
+
+TEST_F(ClientScreen, TheModeIsTheOtherOne)
+{
+    ScreenState host = station(Json::array());
+    host.fields["mode"] = "Host";
+    host.fields["radio"] = "off";
+    model_.update(host);
+    EXPECT_EQ(press("m").value, "Client");
+    model_.answered({Action::Mode}, std::nullopt);
+    EXPECT_EQ(press("o").value, 1U);
+}
+
+TEST_F(ClientScreen, OneRequestAtATime)
+{
+    const ScreenAction scan = press("r");
+    EXPECT_EQ(press("m").kind, Action::None);
+    press(Kind::Down);
+    EXPECT_EQ(press(Kind::Enter).kind, Action::None);
+    model_.answered(scan, std::nullopt);
+    EXPECT_EQ(press("m").kind, Action::Mode);
+}
+
+TEST_F(ClientScreen, AQuestionMarkHelpsAndAnyKeyLeadsBack)
+{
+    press("?");
+    EXPECT_EQ(model_.page(), Page::Help);
+    for (const char* word :
+         {"Enter", "leave the network", "become a station", "look for networks", "Ctrl-Z"}) {
+        EXPECT_NE(shown().find(word), std::string::npos) << word;
+    }
+    EXPECT_EQ(press("q").kind, Action::None);
+    EXPECT_EQ(model_.page(), Page::Networks);
+}
+
+TEST_F(ClientScreen, RefusalsAreToldInWords)
+{
+    const ScreenAction leave = press("d");
+    model_.answered(leave, refused("Failed to connect to AP"));
+    EXPECT_EQ(model_.message(), "there is no network to leave: the device is not connected");
+    EXPECT_TRUE(model_.is_bad());
+    press(Kind::Down);
+    const ScreenAction join = press(Kind::Enter);
+    model_.answered(join, refused("Failed to connect to AP"));
+    EXPECT_EQ(model_.message(), "wpa_supplicant did not take the network, or does not run");
+    const ScreenAction again = press(Kind::Enter);
+    model_.answered(again, refused("Wifi is off"));
+    EXPECT_EQ(model_.message(), "the radio is off; switch it on with 'vantora-wifi on'");
+}
+
+TEST_F(ClientScreen, AnAttemptIsFollowedToItsEnd)
+{
+    press(Kind::Down);
+    model_.answered(press(Kind::Enter), std::nullopt);
+    EXPECT_EQ(model_.message(), "Joining \"free\"...");
+    model_.update(station(street(), "scanning"));
+    EXPECT_EQ(model_.message(), "Joining \"free\": looking for the network");
+    model_.update(station(street(), "completed"));
+    EXPECT_EQ(model_.message(), "Connected to \"free\".");
+    EXPECT_FALSE(model_.is_bad());
+    model_.update(station(street(), "disconnected"));
+    EXPECT_EQ(model_.message(), "Connected to \"free\".") << "the attempt is over";
+}
+
+TEST_F(ClientScreen, AWrongPassphraseIsTold)
+{
+    press(Kind::Enter);
+    type("12345678");
+    model_.answered(press(Kind::Enter), std::nullopt);
+    model_.update(station(street(), "4way_handshake"));
+    model_.update(station(street(), "failed"));
+    EXPECT_EQ(model_.message(), "\"home\" refused the passphrase.");
+    EXPECT_TRUE(model_.is_bad());
+}
+
+TEST_F(ClientScreen, ADaemonThatIsGoneOrSilentIsToldAndAskedNothing)
+{
+    ScreenState gone = station(Json::array());
+    gone.running = false;
+    model_.update(gone);
+    EXPECT_EQ(model_.message(), "The daemon is not running; waiting for it.");
+    EXPECT_TRUE(model_.is_bad());
+    EXPECT_EQ(press("r").kind, Action::None);
+    ScreenState silent = station(street());
+    silent.silent = true;
+    model_.update(silent);
+    EXPECT_EQ(model_.message(), "The daemon does not answer; waiting for it.");
+    press("m");
+    EXPECT_EQ(model_.message(), "Becoming an access point...") << "it has something to do";
+}
+
+TEST_F(ClientScreen, ASecondAttemptThatFailsLikeTheFirstIsTold)
+{
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        press(Kind::Enter);
+        type("12345678");
+        const ScreenAction action = press(Kind::Enter);
+        EXPECT_FALSE(model_.is_joining());
+        model_.answered(action, std::nullopt);
+        EXPECT_TRUE(model_.is_joining());
+        model_.update(station(street(), "4way_handshake"));
+        model_.update(station(street(), "failed"));
+        EXPECT_EQ(model_.message(), "\"home\" refused the passphrase.");
+        EXPECT_FALSE(model_.is_joining());
+    }
+}
+
+TEST(ClientScreenBeginning, NothingIsKnownAndEverythingCanBePressed)
+{
+    ScreenModel model;
+    EXPECT_EQ(draw_screen(model, 24, 80, true).size(), 24U);
+    for (const char* key : {"j", "k", "?", "x"}) {
+        EXPECT_EQ(model.press(letter(key)).kind, Action::None);
+    }
+    EXPECT_EQ(model.press({Kind::Enter}).kind, Action::None);
+}
+
+// The view
+
+TEST_F(ClientScreen, EveryWindowIsFilledAndNeverOverfilled)
+{
+    for (const auto& page : {"", "?"}) {
+        if (*page != '\0') {
+            press(page);
+        }
+        for (std::size_t rows = 0; rows < 40; ++rows) {
+            for (const std::size_t columns : {0U, 1U, 2U, 5U, 20U, 80U, 200U}) {
+                const auto lines = draw_screen(model_, rows, columns, true);
+                ASSERT_EQ(lines.size(), rows);
+                for (const auto& line : lines) {
+                    std::size_t width = 0;
+                    for (const auto& span : line) {
+                        width += client::display_width(span.text);
+                    }
+                    ASSERT_LE(width, columns) << rows << " rows";
+                }
+            }
+        }
+    }
+}
+
+TEST_F(ClientScreen, StateAndNetworksAreShown)
+{
+    Json networks = street();
+    networks[0]["joined"] = true;
+    model_.update(station(networks));
+    const std::string text = shown();
+    EXPECT_NE(text.find("Mode            Client (station)\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("> ▂▄▆█    -48  🔒 home  (joined)"), std::string::npos) << text;
+    EXPECT_NE(text.find("  ▂▄▆·    -60     free\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("  ▂▄··    -70  ✗  office\n"), std::string::npos) << text;
+    const std::string ascii = shown(24, 80, false);
+    EXPECT_NE(ascii.find("> ####    -48  *  home"), std::string::npos) << ascii;
+    EXPECT_NE(ascii.find("  ##..    -70  x  office\n"), std::string::npos) << ascii;
+}
+
+TEST_F(ClientScreen, TheNetworkChosenIsAlwaysShown)
+{
+    Json many = Json::array();
+    for (int number = 0; number < 100; ++number) {
+        many.push_back(network_value("net " + std::to_string(number), false, -40, false));
+    }
+    model_.update(station(many));
+    for (int step = 0; step < 99; ++step) {
+        press(Kind::Down);
+        ASSERT_NE(shown(12).find("net " + std::to_string(step + 1) + " "), std::string::npos) << step;
+    }
+}
+
+TEST_F(ClientScreen, NamesFromTheAirAreHarmless)
+{
+    model_.update(station(Json::array({network_value("\x1b[2J\u202eevil\n", true, -48, true)})));
+    const std::string text = shown();
+    EXPECT_NE(text.find("\\x1b[2J\\u{202e}evil\\n"), std::string::npos) << text;
+    EXPECT_EQ(text.find('\x1b'), std::string::npos);
+    press(Kind::Enter);
+    EXPECT_NE(shown().find("Passphrase for \"\\x1b[2J\\u{202e}evil\\n\": "), std::string::npos);
+    press(Kind::Escape);
+    model_.tell("\x1b]0;title\x07", false);
+    EXPECT_EQ(shown().find('\x1b'), std::string::npos);
+}
+
+TEST(ClientFitted, NoCharacterIsCut)
+{
+    std::setlocale(LC_CTYPE, "C.UTF-8");
+    EXPECT_EQ(client::fitted("喫茶店", 5), "喫茶");
+    EXPECT_EQ(client::fitted("a\u0301b", 1), "a\u0301");
+    EXPECT_EQ(client::fitted("abc", 0), "");
+    EXPECT_EQ(client::fitted("abc", 9), "abc");
+    std::setlocale(LC_CTYPE, "C");
+}
+
+} // namespace
