@@ -16,7 +16,7 @@ int FileLock::take(const std::string& path)
     if (file_ && ::fstat(file_.get(), &status) == 0 && status.st_nlink > 0) {
         return 0;
     }
-    constexpr mode_t kFileMode = 0640;
+    constexpr mode_t kFileMode = 0600; // whoever can open it can hold the lock, and nobody else is to
     UniqueFd file(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, kFileMode));
     if (!file) {
         return -errno;

@@ -9,7 +9,7 @@ from pathlib import Path
 import pytest
 from conftest import ROOT
 from simulated import PYTHON
-from vantora_sim.neighbours import NAMES
+from vantora_sim.words import NAMES
 from wifi_client import Running
 
 BASH = ROOT / "packaging/completions/vantora-wifi.bash"

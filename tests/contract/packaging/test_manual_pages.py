@@ -9,7 +9,7 @@ from pathlib import Path
 import pytest
 from conftest import ROOT
 from simulated import PYTHON, SIMULATOR
-from vantora_sim.neighbours import NAMES
+from vantora_sim.words import NAMES
 
 SIM = [PYTHON, str(SIMULATOR / "vantora-sim")]
 SIMCTL = [PYTHON, str(SIMULATOR / "vantora-simctl")]

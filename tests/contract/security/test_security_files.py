@@ -69,9 +69,11 @@ def test_the_settings_file_is_not_for_everybody(world: World, build_dir: Path, u
     world.set("SSID", "Kitchen")
     world.journal.wait_for(call("Restart"), mark)
     folder = world.sandbox.path(STATE).parent
-    assert [path.name for path in folder.iterdir()] == ["settings.json"]  # no temporary file is left behind
+    # No temporary file is left behind; who has the file holds a lock beside it.
+    assert sorted(path.name for path in folder.iterdir()) == ["settings.json", "settings.json.lock"]
     assert "Kitchen" in (folder / "settings.json").read_text()
     assert mode_of(folder / "settings.json") == file_mode
+    assert mode_of(folder / "settings.json.lock") & 0o077 == 0
     assert settingsd.running
 
 

@@ -49,9 +49,10 @@ def test_values_written_by_callers(guarded: Guarded) -> None:
     world.up()
     for text in HOSTILE:
         world.set("SSID", text)
-        assert world.get("SSID") == text
-        # A line break would begin a new line of hostapd's configuration, so the name ends there.
-        assert read_hostapd_conf(world.hostapd_conf)[b"ssid"].decode() == text.split("\n")[0]
+        # A line break would begin a new line of hostapd's configuration, so the name ends there, for everybody.
+        cut = text.split("\n")[0]
+        assert world.get("SSID") == cut
+        assert read_hostapd_conf(world.hostapd_conf)[b"ssid"].decode() == cut
         for name in ("Mode", "WiFiFrequency"):
             assert refusal(lambda name=name, text=text: world.set(name, text))[0] == "org.freedesktop.DBus.Error.AccessDenied"
 
@@ -66,7 +67,7 @@ def test_stored_settings_and_their_changes(guarded: Guarded) -> None:
         mark = world.journal.mark()
         world.settings.change("network", mode=text, frequency=text)
         world.settings.change("device", deviceName=text)
-        world.journal.wait_for(changed("SSID", text), mark)
+        world.journal.wait_for(changed("SSID", text.split("\n")[0]), mark)
 
 
 def test_identity_of_the_device_template_and_kernel_command_line(guarded: Guarded) -> None:
