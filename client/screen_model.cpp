@@ -233,6 +233,9 @@ void ScreenModel::answered(const ScreenAction& action, const std::optional<Failu
     case Action::Connect:
         progress_.emplace(text_of(state_.fields, "client_state"));
         break;
+    case Action::Scan:
+        tell("Asked for a scan; what it finds appears above.", false);
+        break;
     case Action::Disconnect:
         progress_.reset();
         tell("Disconnected.", false);

@@ -207,7 +207,9 @@ TEST_F(ClientScreen, LettersDoWhatTheHelpSays)
     EXPECT_EQ(press("ö").kind, Action::None);
     const ScreenAction scan = press("r");
     EXPECT_EQ(scan.kind, Action::Scan);
+    EXPECT_EQ(model_.message(), "Looking for networks...");
     model_.answered(scan, std::nullopt);
+    EXPECT_EQ(model_.message(), "Asked for a scan; what it finds appears above.");
     const ScreenAction leave = press("d");
     EXPECT_EQ(leave.kind, Action::Disconnect);
     model_.answered(leave, std::nullopt);

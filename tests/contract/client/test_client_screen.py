@@ -135,7 +135,8 @@ def test_letters_do_what_the_help_says(world: World, daemon: PlayedDaemon) -> No
         client.type("x")
         wait_seen(client, "office")
         client.type("r")
-        world.journal.wait_until(lambda: ("Scan", []) in daemon.called, "scan")
+        wait_seen(client, "Asked for a scan; what it finds appears above.")
+        assert ("Scan", []) in daemon.called
         client.type("d")
         wait_seen(client, "Disconnected.")
         assert ("Disconnect", []) in daemon.called
