@@ -52,6 +52,18 @@ def test_run_starts_nothing_that_could_not_be_built(tree: Path, tmp_path: Path) 
     assert (ran.returncode, ran.stdout) == (3, "")
 
 
+@pytest.mark.parametrize(("arguments", "wanted"), [
+    (("--desk",), True), (("--world", "office", "--desk", "--", "true"), True), (("--open", "run.jsonl"), True), (("--open=run.jsonl",), True),
+    ((), False), (("-v",), False), (("--", "browse", "--desk"), False)])
+def test_run_installs_what_the_page_needs_for_the_page_only(tree: Path, tmp_path: Path, arguments: tuple[str, ...], wanted: bool) -> None:
+    (tree / "scripts/install-packages").write_text("#!/bin/sh\necho \"install $*\"\n")
+    (tree / "scripts/install-packages").chmod(0o755)
+    ran = run(tree, tmp_path, *arguments)
+    assert ran.returncode == 7
+    assert ("install --desk-page\n" in ran.stderr) == wanted
+    assert "install --desk-page" not in ran.stdout
+
+
 # count-results
 
 PASSED = '<testcase classname="c" name="{}"/>'
