@@ -16,7 +16,9 @@ COUNTING = r"wpa_socket_cmd: |hostapd_get_num_connected_clients: |\[Main\] Readi
 """hostapd is asked while it is on its way out or in."""
 METHODS = r"\[WPA\] |\[Main\] (connect_to_ap|disconnect_from_ap|scan_access_points): |\[Main\]  Something went wrong"
 """There is no wpa_supplicant in Host mode, and it may have nothing to leave."""
-BY_COMPLAINT = {"a method": METHODS, "hostapd": COUNTING, "hostapd killed": COUNTING, "wpa_supplicant restarted": METHODS,
+SETTINGS = r".* Settingsd::|Failed to read initial wifi configuration"
+"""A listener that was just asking for the mode."""
+BY_COMPLAINT = {"a method": METHODS, "settings": SETTINGS, "hostapd": COUNTING, "hostapd killed": COUNTING, "wpa_supplicant restarted": METHODS,
                 "another daemon": r"\[Main\] Failed to connect to dbus: -\d+, exiting",
                 "a passphrase refused": r"Failed to connect to AP|\[WPA\] "}
 

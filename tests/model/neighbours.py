@@ -211,7 +211,12 @@ class Neighbours(Requests):
             self.world.settings.notify("network", {key: Variant("s", str(value)) for key, value in values.items()})
 
     def settings_daemon_restarts(self) -> None:
-        """The settings daemon ends and is there again; what it has acknowledged is what it has."""
+        """The settings daemon ends and is there again; what it has acknowledged is what it has.
+
+        Not while the daemon's main loop is asking it, which then goes on with a safe configuration; a listener may be.
+        """
+        self.settle()
+        self.history.complaints.add("settings")
         if self._real_settings:
             self.kill_and_compare_settings()
         else:
@@ -220,6 +225,7 @@ class Neighbours(Requests):
 
     def kill_and_compare_settings(self) -> None:
         """What the settings daemon tells is what the next one finds: each value that it has ever told was acknowledged."""
+        self.history.complaints.add("settings")
         self.settings_files.clear()
         before = self._all_settings()
         self.kill_settings_daemon()

@@ -14,8 +14,8 @@ from hypothesis import HealthCheck, Phase
 from hypothesis.errors import Flaky
 
 from .acts import Run, runs
-from .shorten import shorten
 from .finding import Finding
+from .shorten import shorten
 from .stage import Stage
 
 RUNS_IN_A_WORLD = 40
@@ -55,7 +55,6 @@ class Search:
     build: Path
     seed: int
     tell: Callable[[str], None] = print
-    judges_memory: bool = True
     shortening: float = 120.0
     """Seconds for each of the two ways in which something found is made shorter."""
     steps: int = 0
@@ -70,7 +69,7 @@ class Search:
         began = time.monotonic()
         number = 0
         while True:
-            with Stage(self.build, judges_memory=self.judges_memory) as stage:
+            with Stage(self.build) as stage:
                 self._round(stage, self.seed * 1_000_003 + number, lambda: (
                     (steps is not None and self.steps >= steps) or (seconds is not None and time.monotonic() - began > seconds)
                     or (findings is not None and len(self.found) >= findings) or any(map(until, self.found))))

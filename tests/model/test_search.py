@@ -6,7 +6,6 @@ from pathlib import Path
 
 import pytest
 from model.search import Search, report
-from world_fixtures import is_sanitized
 
 STEPS = 80
 
@@ -14,7 +13,7 @@ STEPS = 80
 @pytest.mark.timeout(900)
 @pytest.mark.parametrize("seed", range(1, 5))
 def test_random_steps_leave_the_device_as_the_model_says(build_dir: Path, seed: int) -> None:
-    search = Search(build_dir, seed, judges_memory=not is_sanitized(build_dir))
+    search = Search(build_dir, seed)
     search.search(steps=STEPS, findings=1)
     assert search.found == [], "\n".join(map(report, search.found))
     assert search.steps >= STEPS

@@ -91,14 +91,9 @@ def _check_end(world: World) -> None:
 @pytest.fixture
 def stage(build_dir: Path, request: pytest.FixtureRequest) -> Iterator[Stage]:
     """A device to which everything can be done, and that can be compared with the model: what the random search prints."""
-    with Stage(build_dir, judges_memory=not is_sanitized(build_dir)) as made:
+    with Stage(build_dir) as made:
         request.node.worlds = [made.world]
         yield made
-
-
-def is_sanitized(build: Path) -> bool:
-    """Whether the programs in this folder hold a sanitizer, which keeps what they have freed."""
-    return any(name in (build / "vantora-network").read_bytes() for name in (b"__asan_init", b"__tsan_init"))
 
 
 @pytest.fixture
