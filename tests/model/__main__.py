@@ -8,8 +8,6 @@ import sys
 import time
 from pathlib import Path
 
-from world_fixtures import is_sanitized
-
 from .search import Search, report
 
 ROOT = Path(__file__).resolve().parents[2]
@@ -27,8 +25,7 @@ def main() -> int:
     seed = secrets.randbits(31) if options.seed is None else options.seed
     print(f"seed {seed}", flush=True)
     began = time.monotonic()
-    search = Search(options.build_dir, seed, lambda line: print(line, flush=True),
-                    judges_memory=not is_sanitized(options.build_dir))
+    search = Search(options.build_dir, seed, lambda line: print(line, flush=True))
     search.search(steps=options.steps, seconds=None if options.steps else 60 * options.minutes, findings=options.findings)
     for found in search.found:
         print()
