@@ -9,6 +9,8 @@ constexpr const char* kObjectPath = "/com/vantora/Network1";
 constexpr const char* kInterface = "com.vantora.Network1.WiFi";
 
 constexpr const char* kStationName = "fi.w1.wpa_supplicant1";
+constexpr const char* kOlderStationName = "fi.epitest.hostap.WPASupplicant";
+constexpr const char* kStationRoot = "/fi/w1/wpa_supplicant1";
 constexpr const char* kStationPath = "/fi/w1/wpa_supplicant1/Interfaces/1";
 constexpr const char* kStationInterface = "fi.w1.wpa_supplicant1.Interface";
 constexpr const char* kBssInterface = "fi.w1.wpa_supplicant1.BSS";

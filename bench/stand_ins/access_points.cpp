@@ -1,5 +1,6 @@
 // Takes the place of wpa_supplicant on the system bus, as far as the list of access points goes: as many BSS
-// objects as its argument says, with the properties and the types that wpa_supplicant gives them.
+// objects as its argument says, with the properties and the types that wpa_supplicant gives them. It owns
+// both names; with "newer" behind the number only that one.
 
 #include <array>
 #include <cstdint>
@@ -91,6 +92,9 @@ int answer(sd_bus_message* call, void*, sd_bus_error*)
         append_bss(reply.get(), std::atoi(path.c_str() + bss_prefix().size()));
     } else if (sd_bus_message_is_method_call(call, kPropertiesInterface, "Get") > 0 && path == kStationPath) {
         append_list(reply.get());
+    } else if (path == kStationRoot &&
+               sd_bus_message_is_method_call(call, kStationName, "GetInterface") > 0) {
+        sd_bus_message_append_basic(reply.get(), 'o', kStationPath);
     } else {
         return 0;
     }
@@ -102,13 +106,14 @@ int answer(sd_bus_message* call, void*, sd_bus_error*)
 int main(int argc, char** argv)
 {
     const BareBusPtr bus = open_bare_bus(sd_bus_open_system);
-    if (argc != 2 || !bus) {
+    const bool newerNameOnly = argc == 3 && std::string_view(argv[2]) == "newer";
+    if ((argc != 2 && !newerNameOnly) || !bus) {
         return EXIT_FAILURE;
     }
     count = std::atoi(argv[1]);
-    if (sd_bus_add_fallback(bus.get(), nullptr, kStationPath, answer, nullptr) < 0 ||
+    if (sd_bus_add_fallback(bus.get(), nullptr, kStationRoot, answer, nullptr) < 0 ||
         sd_bus_request_name(bus.get(), kStationName, 0) < 0 ||
-        sd_bus_request_name(bus.get(), "fi.epitest.hostap.WPASupplicant", 0) < 0) {
+        (!newerNameOnly && sd_bus_request_name(bus.get(), kOlderStationName, 0) < 0)) {
         return EXIT_FAILURE;
     }
     std::puts("ready");

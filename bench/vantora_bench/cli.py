@@ -7,7 +7,7 @@ import sys
 from collections.abc import Callable, Sequence
 from pathlib import Path
 
-from . import access_points, events, memory, reads, report, size, starts, wakeups
+from . import access_points, events, memory, older_name, reads, report, size, starts, wakeups
 from .report import Section
 
 ROOT = Path(__file__).resolve().parents[2]
@@ -30,6 +30,7 @@ def main(arguments: Sequence[str]) -> int:
         "event": lambda: events.station_event(build, options.quick),
         LOADED: lambda: memory.memory_after_load(build, options.load_seconds),
         "wake-ups": lambda: wakeups.idle_wake_ups(build, options.quick),
+        "older-name": lambda: older_name.older_name(build, options.quick),
         "size": lambda: size.armhf_size(PACKAGES),
     }
     unknown = set(options.figures) - set(figures) - {"all"}
