@@ -145,7 +145,12 @@ void Caller::station_located(sd_bus_message* error)
         return;
     }
     if (error != nullptr) {
-        hand_back(waiting_.front().call.get(), error);
+        sd_bus_message* call = waiting_.front().call.get();
+        if (sd_bus_message_is_method_error(error, nullptr) > 0) {
+            hand_back(call, error);
+        } else {
+            answer_that_it_failed(call, -EBADMSG);
+        }
         waiting_.pop_front();
     }
     go_on();

@@ -61,18 +61,26 @@ int OlderName::taken(sd_bus_message* answer, void* userdata, sd_bus_error*)
     self->taking_.reset();
     uint32_t outcome = 0;
     if (sd_bus_message_is_method_error(answer, nullptr) > 0) {
-        const char* text = sd_bus_message_get_error(answer)->message;
-        syslog(LOG_ERR, "[Names] Failed to own %s: %s", kOlderName, text != nullptr ? text : "");
+        self->complain(sd_bus_message_get_error(answer)->message);
         self->wanted_ = false;
         self->try_later();
     } else if (sd_bus_message_read_basic(answer, 'u', &outcome) > 0 &&
                (outcome == kPrimaryOwner || outcome == kAlreadyOwner)) {
+        self->complained_ = false;
         syslog(LOG_INFO, "[Names] Standing in for %s", kOlderName);
     } else {
         self->wanted_ = false;
         syslog(LOG_INFO, "[Names] %s has an owner, stepping aside", kOlderName);
     }
     return 0;
+}
+
+void OlderName::complain(const char* text)
+{
+    // Once: it is tried again for as long as it takes.
+    if (!std::exchange(complained_, true)) {
+        syslog(LOG_ERR, "[Names] Failed to own %s: %s", kOlderName, text != nullptr ? text : "");
+    }
 }
 
 void OlderName::try_later()

@@ -43,11 +43,13 @@ private:
 
     static int retry(sd_event_source* source, uint64_t now, void* userdata);
 
+    void complain(const char* text);
     void try_later();
 
     sd_bus* bus_;
     std::function<void()> free_;
-    bool wanted_ = false;
+    bool wanted_ = false;     // ours, or asked for
+    bool complained_ = false; // of the last refusal
     SlotPtr match_;
     SlotPtr taking_;
     EventSourcePtr retry_;

@@ -92,8 +92,9 @@ bool ReadAhead::ask(sd_bus* bus, const char* destination, const std::string& pat
     }
     asked.ahead = this;
     sd_event_now(sd_bus_get_event(bus), CLOCK_MONOTONIC, &asked.since);
-    if (call_with_text(bus, asked.slot, destination, path.c_str(), kProperties, "GetAll", kBssInterface,
-                       answered, &asked) < 0) {
+    const char* what = kBssInterface;
+    if (call_with_text(bus, asked.slot, destination, path.c_str(), kProperties, "GetAll", what, answered,
+                       &asked) < 0) {
         asked_.erase(path);
         return false;
     }

@@ -11,8 +11,8 @@
 class Supplicant
 {
 public:
-    /** What a search for the station's object came to. @param error borrowed; the answer that says why there
-     * is none, or null when it is found */
+    /** What a search for the station's object came to. @param error borrowed; the answer that names none:
+     * an error, or nonsense; null when it is found */
     using Located = std::function<void(sd_bus_message* error)>;
 
     /** @param bus borrowed; the connection that calls come in on */

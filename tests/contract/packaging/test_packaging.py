@@ -33,9 +33,9 @@ def unit(path: Path) -> configparser.ConfigParser:
 
 
 def test_programs_and_files_for_integrators_are_installed(installed: Path) -> None:
-    for program in ("sbin/vantora-network", "sbin/vantora-settingsd", "bin/vantora-wifi", "bin/vantora-sim", "bin/vantora-simctl"):
+    for program in ("sbin/vantora-network", "sbin/vantora-settingsd", "sbin/vantora-supplicant-names", "bin/vantora-wifi", "bin/vantora-sim", "bin/vantora-simctl"):
         assert the_only(installed, program).stat().st_mode & 0o111, program
-    for name in ("vantora-network.service", "vantora-settingsd.service", "com.vantora.Network1.service",
+    for name in ("vantora-network.service", "vantora-settingsd.service", "vantora-supplicant-names.service", "com.vantora.Network1.service",
                  "com.vantora.common.Settings1.service", "com.vantora.Network1.WiFi.xml"):
         the_only(installed, name)
 
@@ -68,7 +68,8 @@ def test_the_user_bus_activates_the_unit_of_a_name(installed: Path, name: str) -
 
 # The sandbox and the watchdog
 
-UNITS = ("vantora-network.service", "vantora-settingsd.service")
+UNITS = ("vantora-network.service", "vantora-settingsd.service", "vantora-supplicant-names.service")
+EXPOSURES = {"vantora-network.service": 3.0, "vantora-settingsd.service": 3.0, "vantora-supplicant-names.service": 2.0}
 
 
 @pytest.mark.parametrize("name", UNITS)
@@ -76,7 +77,7 @@ def test_a_units_sandbox_is_as_tight_as_promised(installed: Path, name: str) -> 
     scored = subprocess.run(["systemd-analyze", "security", "--offline=true", "--no-pager", the_only(installed, name)],
                             env={"PATH": "/usr/bin:/bin", "LC_ALL": "C"}, capture_output=True, text=True, timeout=60)
     (exposure,) = re.findall(r"Overall exposure level for \S+: ([0-9.]+)", scored.stdout)
-    assert float(exposure) <= 3.0, scored.stdout
+    assert float(exposure) <= EXPOSURES[name], scored.stdout
 
 
 def seconds(span: str) -> int:
@@ -109,3 +110,33 @@ def test_a_daemon_ended_by_the_watchdog_is_started_anew_and_leaves_no_core(insta
         assert seconds(service["WatchdogSec"]) >= 60
         assert service["Restart"] == "always"
         assert service["LimitCORE"] == "0"
+
+
+# wpa_supplicant's older name
+
+NAMES_UNIT = "vantora-supplicant-names.service"
+
+
+def test_the_older_names_unit_waits_for_ready_and_runs_as_a_user_of_its_own(installed: Path) -> None:
+    service = unit(the_only(installed, NAMES_UNIT))["Service"]
+    assert (service["Type"], service["NotifyAccess"]) == ("notify", "main")
+    assert installed / service["ExecStart"].removeprefix("/") == the_only(installed, "sbin/vantora-supplicant-names")
+    user = service["User"]
+    assert user == service["Group"] == "_vantora-supplicant-names"
+    assert service["CapabilityBoundingSet"] == service["AmbientCapabilities"] == ""
+    sysusers = the_only(installed, "sysusers.d/vantora-supplicant-names.conf").read_text()
+    assert re.search(rf"^u {user} -", sysusers, re.MULTILINE)
+    assert f'<policy user="{user}">' in the_only(installed, "system.d/vantora-supplicant-names.conf").read_text()
+
+
+def test_the_older_names_user_can_be_made(installed: Path, tmp_path: Path) -> None:
+    made = subprocess.run(["systemd-sysusers", f"--root={tmp_path}", the_only(installed, "sysusers.d/vantora-supplicant-names.conf")],
+                          env={"PATH": "/usr/bin:/bin"}, capture_output=True, text=True, timeout=60)
+    assert made.returncode == 0, made.stderr
+    entry, = [line for line in (tmp_path / "etc/passwd").read_text().splitlines() if line.startswith("_vantora-supplicant-names:")]
+    assert entry.split(":")[2] != "0"
+
+
+def test_the_older_name_is_not_activated_since_it_is_there_only_with_wpa_supplicant(installed: Path) -> None:
+    assert list(installed.rglob("fi.epitest.hostap.WPASupplicant.service")) == []
+    assert "BusName" not in unit(the_only(installed, NAMES_UNIT))["Service"]
