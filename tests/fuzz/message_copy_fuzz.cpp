@@ -12,7 +12,7 @@ namespace {
 constexpr const char* kPath = "/fi/w1/wpa_supplicant1/Interfaces/1";
 constexpr const char* kOtherPath = "/fi/w1/wpa_supplicant1/Interfaces/7";
 
-fuzz::MessagePtr new_call(fuzz::Input& input)
+MessagePtr new_call(fuzz::Input& input)
 {
     sd_bus_message* made = nullptr;
     fuzz::require(sd_bus_message_new_method_call(fuzz::silent_bus(), &made, "a.b", kPath,
@@ -20,11 +20,11 @@ fuzz::MessagePtr new_call(fuzz::Input& input)
                   "a new call");
     sd_bus_message_set_auto_start(made, static_cast<int>(input.below(2)));
     sd_bus_message_set_allow_interactive_authorization(made, static_cast<int>(input.below(2)));
-    return fuzz::MessagePtr(made);
+    return MessagePtr(made);
 }
 
 /** A return or an error that holds nothing yet. */
-fuzz::MessagePtr new_answer(fuzz::Input& input, const fuzz::MessagePtr& call)
+MessagePtr new_answer(fuzz::Input& input, const MessagePtr& call)
 {
     static constexpr std::array<const char*, 3> kNames = {nullptr, "a.b",
                                                           "org.freedesktop.DBus.Error.ServiceUnknown"};
@@ -40,7 +40,7 @@ fuzz::MessagePtr new_answer(fuzz::Input& input, const fuzz::MessagePtr& call)
         result = sd_bus_message_new_method_error(call.get(), &made, error.get());
     }
     fuzz::require(result >= 0, "a new answer");
-    return fuzz::MessagePtr(made);
+    return MessagePtr(made);
 }
 
 bool is_text(char type)
@@ -93,7 +93,7 @@ void require_same(sd_bus_message* a, sd_bus_message* b)
 }
 
 /** Fills a message with some values and makes it readable. @return whether a bus would let it through */
-bool fill(fuzz::Input& input, const fuzz::MessagePtr& message)
+bool fill(fuzz::Input& input, const MessagePtr& message)
 {
     fuzz::MessageBuilder builder(input, {"ssid", "psk", "Type"});
     for (size_t left = input.below(4); left > 0; --left) {
@@ -103,7 +103,7 @@ bool fill(fuzz::Input& input, const fuzz::MessagePtr& message)
     return builder.valid();
 }
 
-void require_same_body(const fuzz::MessagePtr& original, const MessagePtr& copy)
+void require_same_body(const MessagePtr& original, const MessagePtr& copy)
 {
     fuzz::require(sd_bus_message_seal(copy.get(), 2, 0) >= 0, "the copy can be sent");
     fuzz::require(std::strcmp(sd_bus_message_get_signature(original.get(), 1),
@@ -114,7 +114,7 @@ void require_same_body(const fuzz::MessagePtr& original, const MessagePtr& copy)
     require_same(original.get(), copy.get());
 }
 
-void hand_on(const fuzz::MessagePtr& call)
+void hand_on(const MessagePtr& call)
 {
     MessagePtr handed;
     fuzz::require(make_handed_call(fuzz::silent_bus(), call.get(), ":1.5", kOtherPath, handed) >= 0,
@@ -135,7 +135,7 @@ void hand_on(const fuzz::MessagePtr& call)
                   "with its flags");
 }
 
-void hand_back(const fuzz::MessagePtr& call, const fuzz::MessagePtr& answer)
+void hand_back(const MessagePtr& call, const MessagePtr& answer)
 {
     MessagePtr handed;
     fuzz::require(make_answer(call.get(), answer.get(), handed) >= 0, "an answer is handed back");
@@ -157,7 +157,7 @@ void hand_back(const fuzz::MessagePtr& call, const fuzz::MessagePtr& answer)
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     fuzz::Input input(data, size);
-    const fuzz::MessagePtr call = new_call(input);
+    const MessagePtr call = new_call(input);
     MessagePtr unused;
     if (!fill(input, call)) {
         // No bus lets such a text through. Where it was, the copying ends.
@@ -165,7 +165,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         return 0;
     }
     hand_on(call);
-    const fuzz::MessagePtr answer = new_answer(input, call);
+    const MessagePtr answer = new_answer(input, call);
     if (fill(input, answer)) {
         hand_back(call, answer);
     } else {
