@@ -110,8 +110,16 @@ def furnish(world: World) -> None:
         (run / f"{interface}-udhcpd.conf").write_text(_DHCP_SERVER.format(interface=interface, network=network))
 
 
-def services(world: World, shim: Path) -> dict[str, Service]:
-    """What the device's units run."""
+def _station(shim: Path, stock: bool) -> Service:
+    if stock:
+        return Service(["/usr/sbin/wpa_supplicant", "-u", "-Dwired", "-iwlan0", "-c/run/station.conf"])
+    # The first interface is number 0, the second 1.
+    return Service(["/usr/sbin/wpa_supplicant", "-u", "-Dwired", "-ilo", "-c/run/other.conf", "-N", "-Dwired", "-iwlan0",
+                    "-c/run/station.conf"], {"LD_PRELOAD": str(shim), "VANTORA_BUS_USER": str(os.geteuid())})
+
+
+def services(world: World, shim: Path, stock: bool = False) -> dict[str, Service]:
+    """What the device's units run. A stock wpa_supplicant has only its newer bus name, and `wlan0` is its first interface."""
     def understandable() -> None:
         lines = world.hostapd_conf.read_bytes().splitlines(keepends=True)
         (world.work / "run/hostapd-debian.conf").write_bytes(
@@ -125,10 +133,7 @@ def services(world: World, shim: Path) -> dict[str, Service]:
         # -d: it says who attaches.
         units.HOSTAPD: Service(["/usr/sbin/hostapd", "-d", "/run/hostapd-debian.conf"], before_start=understandable,
                                after_stop=back_to_managed),
-        # The first interface is number 0, the second 1.
-        units.STATION: Service(["/usr/sbin/wpa_supplicant", "-u", "-Dwired", "-ilo", "-c/run/other.conf", "-N", "-Dwired",
-                                "-iwlan0", "-c/run/station.conf"],
-                               {"LD_PRELOAD": str(shim), "VANTORA_BUS_USER": str(os.geteuid())}),
+        units.STATION: _station(shim, stock),
         units.DHCP_SERVER: Service(dhcp_server("wlan0")),
         units.DHCP_CLIENT: Service(["/usr/bin/busybox", "udhcpc", "-i", "wlan0", *DHCP_CLIENT]),
     }

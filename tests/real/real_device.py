@@ -60,9 +60,9 @@ class Hostapd:
 class RealDevice:
     """One device. The other end of its air, `air0`, is a network of its own: another machine."""
 
-    def __init__(self, world: World, build: Path) -> None:
+    def __init__(self, world: World, build: Path, stock: bool = False) -> None:
         self.world = world
-        self.services = Services(world, programs.services(world, build / "tests/real/bus-names.so"))
+        self.services = Services(world, programs.services(world, build / "tests/real/bus-names.so", stock))
         self.hostapd = Hostapd(self)
         self.supplicant = Supplicant(world)
         programs.furnish(world)
