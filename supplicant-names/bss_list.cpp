@@ -24,7 +24,8 @@ void BssList::learn(sd_bus_message* call, sd_bus_message* answer)
         sd_bus_message_enter_container(answer, SD_BUS_TYPE_ARRAY, "o") <= 0) {
         return;
     }
-    forget();
+    positions_.clear();
+    paths_.clear();
     const char* path = nullptr;
     while (sd_bus_message_read_basic(answer, SD_BUS_TYPE_OBJECT_PATH, static_cast<void*>(&path)) > 0) {
         paths_.emplace_back(path);
@@ -32,12 +33,6 @@ void BssList::learn(sd_bus_message* call, sd_bus_message* answer)
     for (size_t position = 0; position < paths_.size(); ++position) {
         positions_.emplace(paths_[position], position);
     }
-}
-
-void BssList::forget()
-{
-    positions_.clear();
-    paths_.clear();
 }
 
 std::optional<size_t> BssList::position(const char* path) const

@@ -21,8 +21,6 @@ public:
     /** Looks whether an answer that has been handed back is such a list, and remembers it. */
     void learn(sd_bus_message* call, sd_bus_message* answer);
 
-    void forget();
-
     /** Where an object stands in the list, if it does. */
     std::optional<size_t> position(const char* path) const;
 

@@ -41,7 +41,7 @@ void Caller::take(sd_bus_message* call)
         answer_that_it_failed(call, -ENOBUFS);
         return;
     }
-    waiting_.push_back({MessagePtr(sd_bus_message_ref(call)), supplicant_.owner()});
+    waiting_.emplace_back(sd_bus_message_ref(call));
     if (standing_ == Standing::Unknown) {
         ask_for_user();
     }
@@ -82,8 +82,8 @@ void Caller::judge(sd_bus_message* answer)
 void Caller::refuse_all()
 {
     standing_ = Standing::Refused;
-    for (const Waiting& one : waiting_) {
-        answer_that_only_root_may(one.call.get());
+    for (const MessagePtr& call : waiting_) {
+        answer_that_only_root_may(call.get());
     }
     waiting_.clear();
 }
@@ -93,23 +93,14 @@ void Caller::go_on()
     if (standing_ != Standing::Root) {
         return;
     }
-    while (!waiting_.empty() && hand_on(waiting_.front())) {
+    while (!waiting_.empty() && hand_on(waiting_.front().get())) {
         waiting_.pop_front();
     }
 }
 
-bool Caller::hand_on(const Waiting& next)
+bool Caller::hand_on(sd_bus_message* call)
 {
-    sd_bus_message* call = next.call.get();
     awaitsStation_ = false;
-    if (next.owner.empty()) {
-        answer_that_nobody_is_there(call);
-        return true;
-    }
-    if (next.owner != supplicant_.owner()) {
-        answer_that_it_has_left(call);
-        return true;
-    }
     const char* path = sd_bus_message_get_path(call);
     if (std::string_view(path) == kFirstObject) {
         if (supplicant_.station().empty()) {
@@ -119,7 +110,7 @@ bool Caller::hand_on(const Waiting& next)
         }
         path = supplicant_.station().c_str();
     }
-    const int result = hand_on(call, next.owner.c_str(), path);
+    const int result = hand_on(call, path);
     if (result < 0) {
         syslog(LOG_ERR, "[Names] Failed to hand a call on: %d", result);
         answer_that_it_failed(call, result);
@@ -127,8 +118,9 @@ bool Caller::hand_on(const Waiting& next)
     return true;
 }
 
-int Caller::hand_on(sd_bus_message* call, const char* destination, const char* path)
+int Caller::hand_on(sd_bus_message* call, const char* path)
 {
+    const char* destination = supplicant_.name().c_str();
     if (!lane_) {
         lane_ = lanes_.take();
     }
@@ -145,7 +137,7 @@ void Caller::station_located(sd_bus_message* error)
         return;
     }
     if (error != nullptr) {
-        sd_bus_message* call = waiting_.front().call.get();
+        sd_bus_message* call = waiting_.front().get();
         if (sd_bus_message_is_method_error(error, nullptr) > 0) {
             hand_back(call, error);
         } else {

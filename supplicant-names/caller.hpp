@@ -36,9 +36,6 @@ public:
     /** Takes a call of it. */
     void take(sd_bus_message* call);
 
-    /** wpa_supplicant has come or gone: goes on with what waits. */
-    void go_on();
-
     /** wpa_supplicant has said something: what it has answered ahead of calls may hold no more. */
     void forget_answers() { ahead_.forget(); }
 
@@ -53,19 +50,14 @@ private:
         Refused,
     };
 
-    struct Waiting
-    {
-        MessagePtr call;
-        std::string owner; // of wpa_supplicant's name, when the call came in
-    };
-
     static int user_answered(sd_bus_message* answer, void* userdata, sd_bus_error* error);
 
     void ask_for_user();
     void judge(sd_bus_message* answer);
     void refuse_all();
-    bool hand_on(const Waiting& next);
-    int hand_on(sd_bus_message* call, const char* destination, const char* path);
+    void go_on();
+    bool hand_on(sd_bus_message* call);
+    int hand_on(sd_bus_message* call, const char* path);
 
     sd_bus* bus_;
     std::string name_;
@@ -75,6 +67,6 @@ private:
     ReadAhead ahead_;
     Standing standing_ = Standing::Unknown;
     SlotPtr userCall_;
-    std::deque<Waiting> waiting_;
+    std::deque<MessagePtr> waiting_;
     bool awaitsStation_ = false;
 };

@@ -1,7 +1,6 @@
 #include "callers.hpp"
 
 #include "bus_call.hpp"
-#include "bus_names.hpp"
 
 int Callers::listen()
 {
@@ -9,8 +8,8 @@ int Callers::listen()
     int result = follow_owners(bus_, leavingMatch_, "arg2=''", left, this);
     if (result >= 0) {
         sd_bus_slot* slot = nullptr;
-        result = sd_bus_match_signal_async(bus_, &slot, kNewerName, nullptr, nullptr, nullptr, spoken,
-                                           nullptr, this);
+        result = sd_bus_match_signal_async(bus_, &slot, supplicant_.name().c_str(), nullptr, nullptr, nullptr,
+                                           spoken, nullptr, this);
         speakingMatch_.reset(slot);
     }
     if (result >= 0) {
@@ -56,15 +55,6 @@ int Callers::left(sd_bus_message* signal, void* userdata, sd_bus_error*)
         }
     }
     return 0;
-}
-
-void Callers::go_on()
-{
-    list_.forget();
-    for (auto& [name, caller] : callers_) {
-        caller.forget_answers();
-        caller.go_on();
-    }
 }
 
 void Callers::station_located(sd_bus_message* error)

@@ -12,18 +12,15 @@
 #include "supplicant.hpp"
 #include "support/sd_bus_owners.hpp"
 
-/** All who call the older name, from their first call until they leave the bus. */
+/** All who call one wpa_supplicant by its older name, from their first call until they leave the bus. */
 class Callers
 {
 public:
     /**
-     * @param bus borrowed; the connection that calls come in on, served by a loop
+     * @param bus borrowed; the connection that calls come in on
      * @param supplicant borrowed; whom calls go to
      */
-    Callers(sd_bus* bus, Supplicant& supplicant)
-        : bus_(bus), supplicant_(supplicant), lanes_(sd_bus_get_event(bus), list_)
-    {
-    }
+    Callers(sd_bus* bus, Supplicant& supplicant) : bus_(bus), supplicant_(supplicant), lanes_(bus, list_) {}
 
     Callers(const Callers&) = delete;
     Callers& operator=(const Callers&) = delete;
@@ -34,9 +31,6 @@ public:
      * @return 0 or a positive number, or a negative errno
      */
     int listen();
-
-    /** wpa_supplicant has come or gone. */
-    void go_on();
 
     /** A search for the station's object is over. @param error as Supplicant::Located has it */
     void station_located(sd_bus_message* error);

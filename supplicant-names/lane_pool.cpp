@@ -11,7 +11,7 @@ constexpr size_t kMostSpare = 4;
 std::unique_ptr<Lane> LanePool::take()
 {
     if (spare_.empty()) {
-        return std::make_unique<Lane>(event_, list_);
+        return std::make_unique<Lane>(sd_bus_get_event(bus_), list_);
     }
     std::unique_ptr<Lane> lane = std::move(spare_.back());
     spare_.pop_back();

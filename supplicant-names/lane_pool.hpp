@@ -3,7 +3,7 @@
 #include <memory>
 #include <vector>
 
-#include <systemd/sd-event.h>
+#include <systemd/sd-bus.h>
 
 #include "lane.hpp"
 
@@ -12,10 +12,10 @@ class LanePool
 {
 public:
     /**
-     * @param event borrowed; the loop that serves the lanes
+     * @param bus borrowed; the connection that calls come in on, whose loop serves the lanes
      * @param list borrowed; learns from the answers
      */
-    LanePool(sd_event* event, BssList& list) : event_(event), list_(list) {}
+    LanePool(sd_bus* bus, BssList& list) : bus_(bus), list_(list) {}
 
     LanePool(const LanePool&) = delete;
     LanePool& operator=(const LanePool&) = delete;
@@ -27,7 +27,7 @@ public:
     void give_back(std::unique_ptr<Lane> lane);
 
 private:
-    sd_event* event_;
+    sd_bus* bus_;
     BssList& list_;
     std::vector<std::unique_ptr<Lane>> spare_;
 };

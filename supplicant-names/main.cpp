@@ -1,13 +1,14 @@
 #include <csignal>
 #include <cstdlib>
+#include <memory>
+#include <string>
 
 #include <syslog.h>
 #include <systemd/sd-daemon.h>
 
 #include "bus_names.hpp"
-#include "callers.hpp"
-#include "older_name.hpp"
-#include "supplicant.hpp"
+#include "stand_in.hpp"
+#include "supplicant_watch.hpp"
 #include "support/sd_bus_owners.hpp"
 
 namespace {
@@ -40,27 +41,18 @@ int open_bus(sd_event* event, BusPtr& bus)
     return result < 0 ? result : sd_bus_set_exit_on_disconnect(opened, 1);
 }
 
-/** Connects who is there, who calls and what is owned to each other. */
-int stand_in(Supplicant& supplicant, Callers& callers, OlderName& name)
+/** Lets the stand-in for a wpa_supplicant go, and has another for the one that is there now. */
+void follow(sd_event* event, const std::string& owner, std::unique_ptr<StandIn>& standIn)
 {
-    int result = callers.listen();
-    if (result >= 0) {
-        result = name.follow([&supplicant] { supplicant.locate_station(); });
+    standIn.reset();
+    if (owner.empty()) {
+        return;
     }
+    const int result = StandIn::make(event, owner, standIn);
     if (result < 0) {
-        return result;
+        syslog(LOG_ERR, "[Names] Failed to stand in: %d", result);
+        sd_event_exit(event, EXIT_FAILURE);
     }
-    const auto changed = [&supplicant, &callers, &name] {
-        name.give_up();
-        callers.go_on();
-        supplicant.locate_station();
-    };
-    // A wpa_supplicant that answers has asked for the older name before, if it ever does.
-    const auto located = [&callers, &name](sd_bus_message* error) {
-        name.take();
-        callers.station_located(error);
-    };
-    return supplicant.follow([] { sd_notify(0, "READY=1"); }, changed, located);
 }
 
 int run()
@@ -79,10 +71,10 @@ int run()
         syslog(LOG_ERR, "[Names] Failed to connect to the system bus: %d", result);
         return EXIT_FAILURE;
     }
-    Supplicant supplicant(bus.get());
-    Callers callers(bus.get(), supplicant);
-    OlderName name(bus.get());
-    result = stand_in(supplicant, callers, name);
+    std::unique_ptr<StandIn> standIn;
+    SupplicantWatch watch(bus.get());
+    result = watch.begin([] { sd_notify(0, "READY=1"); },
+                         [created, &standIn](const std::string& owner) { follow(created, owner, standIn); });
     if (result < 0) {
         syslog(LOG_ERR, "[Names] Failed to use the system bus: %d", result);
         return EXIT_FAILURE;

@@ -44,17 +44,6 @@ void OlderName::take()
     }
 }
 
-void OlderName::give_up()
-{
-    if (!std::exchange(wanted_, false)) {
-        return;
-    }
-    taking_.reset();
-    retry_.reset();
-    // Nobody waits for the answer: the bus takes the name away, or it was not ours.
-    sd_bus_release_name_async(bus_, nullptr, kOlderName, nullptr, nullptr);
-}
-
 int OlderName::taken(sd_bus_message* answer, void* userdata, sd_bus_error*)
 {
     auto* self = static_cast<OlderName*>(userdata);

@@ -8,7 +8,7 @@
 #include "support/sd_bus_owners.hpp"
 
 /**
- * The older name: ours while it is wanted and nobody else has it.
+ * The older name: ours once it is asked for and nobody else has it, for as long as the connection lasts.
  *
  * It is never waited for in the bus's queue, and never taken from somebody: a wpa_supplicant that asks for it
  * and does not get it at once gives up its start.
@@ -33,9 +33,6 @@ public:
 
     /** Takes it if nobody has it. */
     void take();
-
-    /** Gives it up, if it is ours or about to be. */
-    void give_up();
 
 private:
     static int taken(sd_bus_message* answer, void* userdata, sd_bus_error* error);

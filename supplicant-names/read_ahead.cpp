@@ -17,7 +17,7 @@ constexpr size_t kMost = 16;
 constexpr size_t kFew = 8;
 
 /** How long an answer may wait for its call, in microseconds. */
-constexpr uint64_t kFreshUsec = 200'000;
+constexpr uint64_t kFreshUsec = 5'000'000;
 
 /** Whether it asks for everything about an access point. */
 bool asks_for_a_bss(sd_bus_message* call)

@@ -6,12 +6,6 @@
 
 // sd_bus_reply_method_errorf sends nothing where no answer is expected.
 
-void answer_that_nobody_is_there(sd_bus_message* call)
-{
-    sd_bus_reply_method_errorf(call, SD_BUS_ERROR_SERVICE_UNKNOWN,
-                               "The name %s was not provided by any .service files", kOlderName);
-}
-
 void answer_that_it_has_left(sd_bus_message* call)
 {
     sd_bus_reply_method_errorf(call, SD_BUS_ERROR_NO_REPLY, "%s",

@@ -2,12 +2,9 @@
 
 #include <systemd/sd-bus.h>
 
-/** Errors that are not wpa_supplicant's: texts that the bus itself has for the same. */
+/** Errors that are not wpa_supplicant's. Nothing is sent where the caller expects no answer. */
 
-/** Nobody has the older name. */
-void answer_that_nobody_is_there(sd_bus_message* call);
-
-/** The owner of the older name left while the call was on its way to it or waiting there. */
+/** wpa_supplicant left while the call was on its way to it: the bus's own words for that. */
 void answer_that_it_has_left(sd_bus_message* call);
 
 /** The caller is not root. */

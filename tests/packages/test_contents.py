@@ -10,7 +10,7 @@ import pytest
 from conftest import ROOT, Package
 from hardening import ASSERTION, Elf, programs_below
 
-NAMES = ("vantora-network", "vantora-network-sim", "vantora-network-tools", "vantora-settingsd")
+NAMES = ("vantora-network", "vantora-network-sim", "vantora-network-tools", "vantora-settingsd", "vantora-supplicant-names")
 
 DOCUMENTED = {f"/usr/share/doc/{name}/{file}" for name in NAMES for file in ("changelog.gz", "copyright")}
 
@@ -51,6 +51,13 @@ FILES = {
         "/usr/sbin/vantora-settingsd",
         "/usr/share/dbus-1/services/com.vantora.common.Settings1.service",
         "/usr/share/man/man8/vantora-settingsd.8.gz",
+    },
+    "vantora-supplicant-names": {
+        "/lib/systemd/system/vantora-supplicant-names.service",
+        "/usr/lib/sysusers.d/vantora-supplicant-names.conf",
+        "/usr/sbin/vantora-supplicant-names",
+        "/usr/share/dbus-1/system.d/vantora-supplicant-names.conf",
+        "/usr/share/man/man8/vantora-supplicant-names.8.gz",
     },
 }
 

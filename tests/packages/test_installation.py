@@ -62,7 +62,7 @@ def test_dpkg_installs_them_where_no_systemd_runs(results: Path) -> None:
     output(results, "install")
 
 
-@pytest.mark.parametrize("unit", ["vantora-network", "vantora-settingsd"])
+@pytest.mark.parametrize("unit", ["vantora-network", "vantora-settingsd", "vantora-supplicant-names"])
 def test_units_are_enabled_by_the_installation(results: Path, unit: str) -> None:
     assert output(results, f"enabled-{unit}") == "enabled\n"
 
@@ -80,6 +80,11 @@ def test_programs_run(results: Path, program: str, first: str) -> None:
 def test_the_daemon_starts_and_finds_no_bus(results: Path) -> None:
     assert (results / "vantora-network.status").read_text() == "1\n"
     assert (results / "vantora-network.out").read_text() == ""
+
+
+def test_the_user_of_the_older_name_is_made_and_goes_with_a_purge(results: Path) -> None:
+    assert int(output(results, "names-user")) > 0
+    assert (results / "names-user-purged.status").read_text() != "0\n"
 
 
 def test_they_can_be_installed_over_themselves(results: Path) -> None:

@@ -10,7 +10,7 @@ from pathlib import Path
 import pytest
 from hardening import ASSERTION, Elf, programs_below
 
-PRODUCT = ("vantora-network", "vantora-settingsd", "vantora-wifi", "vantora-sim-sandbox", "vantora-sim-tool")
+PRODUCT = ("vantora-network", "vantora-settingsd", "vantora-supplicant-names", "vantora-wifi", "vantora-sim-sandbox", "vantora-sim-tool")
 
 COMPILER_FLAGS = {
     "x64": ["-fPIE", "-fstack-protector-strong", "-fstack-clash-protection", "-fcf-protection=full", "-D_GLIBCXX_ASSERTIONS"],

@@ -94,6 +94,18 @@ def test_nobody_waits_in_the_queue_for_the_name(names: OlderName) -> None:
     assert names.caller.ask_bus("ListQueuedOwners", OLDER)[0] == [other.name]
 
 
+def test_another_wpa_supplicant_shows_as_another_owner_of_the_older_name(names: OlderName) -> None:
+    names.start()
+    owners = set()
+    for _ in range(3):
+        names.supplicant.come_back()
+        names.wait_owned()
+        owners.add(names.caller.owner())
+        names.supplicant.go()
+        names.wait_owned(False)
+    assert len(owners) == 3
+
+
 def test_another_wpa_supplicant_takes_the_first_ones_place(names: OlderName) -> None:
     names.up()
     names.supplicant.hang("Echo")

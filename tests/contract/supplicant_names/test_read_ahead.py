@@ -86,7 +86,7 @@ def test_an_answer_is_not_used_once_it_is_old(names: OlderName) -> None:
     names.wait_call("GetAll", times=1 + AHEAD)
     names.supplicant.reply("GetAll", "a{sv}", [{"SSID": Variant("ay", b"new")}])
     # Another caller's call that is answered after so long, since nobody tells of time passing.
-    names.supplicant.slow("Wait", 0.25)
+    names.supplicant.slow("Wait", 5.2)
     assert names.another_caller().call("Wait").message_type is MessageType.METHOD_RETURN
     assert names.caller.get_all(listed[1]).body == [{"SSID": Variant("ay", b"new")}]
 

@@ -59,6 +59,18 @@ def test_a_network_is_joined_and_left(device: World) -> None:
     assert members[:3] == ["Scan", "AddNetwork", "SelectNetwork"] and members[-1] == "Disconnect"
 
 
+def test_a_network_of_a_wpa_supplicant_that_has_gone_is_not_removed_from_the_next_one(device: World) -> None:
+    device.call("Connect", "ss", ["net", "secret12"])
+    mark = device.journal.mark()
+    device.wpa.go()
+    device.wpa.start_anew()
+    device.journal.wait_for(log("info", f"[Names] Standing in for {OLDER}"), mark)
+    device.call("Connect", "ss", ["other", "secret12"])
+    assert device.journal.count(call("RemoveNetwork"), mark) == 0
+    device.call("Connect", "ss", ["third", "secret12"])
+    assert device.journal.count(call("RemoveNetwork"), mark) == 1
+
+
 def test_errors_of_wpa_supplicant_reach_the_daemon(device: World) -> None:
     with pytest.raises(CallRefused):
         device.call("Connect", "ss", ["net", "short"])
