@@ -27,7 +27,7 @@ MEMORY_BOUND = 512
 """KiB of private memory that a run may add."""
 
 
-def _is_sanitized(build: Path) -> bool:
+def is_sanitized(build: Path) -> bool:
     """Whether the programs in this folder hold a sanitizer, which keeps what they have freed."""
     return any(name in (build / "vantora-network").read_bytes() for name in (b"__asan_init", b"__tsan_init"))
 
@@ -38,7 +38,7 @@ class Stage(Neighbours):
     def __init__(self, build: Path) -> None:
         super().__init__(build)
         self.judges_addresses = False
-        self._judges_memory = not _is_sanitized(build)
+        self._judges_memory = not is_sanitized(build)
         self._at_rest: Footprint | None = None
 
     def begin(self, *, mode: str = "Host", echo: bool = False, real_settings: bool = False) -> None:
