@@ -130,6 +130,7 @@ def test_the_older_names_unit_waits_for_ready_and_runs_as_a_user_of_its_own(inst
 
 
 def test_the_older_names_user_can_be_made(installed: Path, tmp_path: Path) -> None:
+    (tmp_path / "etc").mkdir()
     made = subprocess.run(["systemd-sysusers", f"--root={tmp_path}", the_only(installed, "sysusers.d/vantora-supplicant-names.conf")],
                           env={"PATH": "/usr/bin:/bin"}, capture_output=True, text=True, timeout=60)
     assert made.returncode == 0, made.stderr
