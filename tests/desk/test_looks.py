@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import json
 import os
+import subprocess
 from collections.abc import Callable
 from pathlib import Path
 from typing import Any
@@ -11,6 +12,7 @@ from typing import Any
 import pytest
 from page import DEADLINE, Page
 from running import PATIENCE, Running
+from selenium.webdriver.common.action_chains import ActionChains
 from selenium.webdriver.common.keys import Keys
 
 START = Callable[..., Running]
@@ -75,7 +77,7 @@ def test_an_accessibility_checker_finds_nothing(start: START, look: LOOK, width:
     page.press('#lane-choice [data-lane="log"]')
     page.press("#link")
     page.one("#add-network summary").click()
-    page.press("#pause")
+    page.press("#fit")
     page.one("#list").send_keys(Keys.HOME)
     page.until_text("#detail", "lane")
     assert axe(page) == []
@@ -103,13 +105,23 @@ def test_everything_is_reached_by_keyboard_in_the_order_of_the_page(start: START
     page = look(device).opened()
     reached: list[str] = []
     for _ in range(220):
-        page.driver.switch_to.active_element.send_keys(Keys.TAB)
+        ActionChains(page.driver).send_keys(Keys.TAB).perform()
         reached.append(str(page.driver.execute_script("const a = document.activeElement; return a.id || a.getAttribute('aria-label') || a.textContent")))
         if "world-file" in reached:
             break
     wanted = ["save", "open", "theme", "read-again", "new value of Mode", "write Mode", "signal of Attic, 02:00:00:00:30:07", "let tablet join", "hard-block",
               "kill hostapd", "set network.mode", "search", "pause", "list", "detail", "script", "world-file"]
     assert [one for one in reached if one in wanted] == wanted
+
+
+@pytest.mark.parametrize(("seconds", "step", "text"), [(0, 0.01, "0.00 s"), (59.7, 1, "1:00"), (719.6, 1, "12:00"), (719.4, 1, "11:59"),
+                                                       (61.5, 0.01, "1:01.50"), (3599.999, 0.01, "1:00:00.00"), (3661, 1, "1:01:01")])
+def test_times_are_written_as_people_read_them(seconds: float, step: float, text: str) -> None:
+    module = Path(__file__).resolve().parents[2] / "simulator/vantora_sim/desk/static/lanes.js"
+    source = module.read_text(encoding="utf-8")
+    function = source[source.index("export function timeText"):source.index("// The first index")].replace("export ", "")
+    ran = subprocess.run(["node", "-e", f"{function}console.log(timeText({seconds}, {step}))"], capture_output=True, text=True, check=True)
+    assert ran.stdout.strip() == text
 
 
 def long_run(path: Path) -> None:

@@ -13,6 +13,7 @@ const STEPS = [0.001, 0.002, 0.005, 0.01, 0.02, 0.05, 0.1, 0.2, 0.5, 1, 2, 5, 10
 
 export function timeText(seconds, step = 0.01) {
   const digits = step < 0.01 ? 3 : step < 1 ? 2 : 0;
+  seconds = Number(seconds.toFixed(digits));  // before it is taken apart: 59.7 s are a minute when nothing smaller is told
   if (seconds < 60) return `${seconds.toFixed(digits)} s`;
   const minutes = Math.floor(seconds / 60);
   const rest = (seconds % 60).toFixed(digits).padStart(digits ? 3 + digits : 2, "0");
