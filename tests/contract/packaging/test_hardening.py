@@ -60,6 +60,8 @@ def test_every_source_is_compiled_with_the_flags(build_dir: Path, cache: dict[st
     level = 3 if cache.get("VANTORA_HAS_FORTIFY_3") else 2
     assert len(commands) > 50
     for command in commands:
+        if "/tests/model/failing_calls/" in command["file"]:
+            continue  # is loaded into programs of others, too, and is built without any flags of ours
         words = command["command"].split()
         loaded_library = "-fPIC" in words
         missing = [flag for flag in wanted if flag not in words and not (loaded_library and flag == "-fPIE")]
