@@ -1,4 +1,4 @@
-"""Lines of priority err that need no fault: what a request was refused for, and what a neighbour did that may be complained of."""
+"""Lines of priority err that need no fault: why a request was refused, and what a neighbour did that may be complained of."""
 
 from __future__ import annotations
 
@@ -18,8 +18,8 @@ METHODS = r"\[WPA\] |\[Main\] (connect_to_ap|disconnect_from_ap|scan_access_poin
 """There is no wpa_supplicant in Host mode, and it may have nothing to leave."""
 SETTINGS = r".* Settingsd::|Failed to read initial wifi configuration"
 """A listener that was just asking for the mode."""
-BY_COMPLAINT = {"a method": METHODS, "settings": SETTINGS, "hostapd": COUNTING, "hostapd killed": COUNTING, "wpa_supplicant restarted": METHODS,
-                "another daemon": r"\[Main\] Failed to connect to dbus: -\d+, exiting",
+BY_COMPLAINT = {"a method": METHODS, "settings": SETTINGS, "hostapd": COUNTING, "hostapd killed": COUNTING,
+                "wpa_supplicant restarted": METHODS, "another daemon": r"\[Main\] Failed to connect to dbus: -\d+, exiting",
                 "a passphrase refused": r"Failed to connect to AP|\[WPA\] "}
 
 

@@ -34,7 +34,7 @@ def mode(stage: Stage, seen: Seen) -> Iterator[str]:
 
 
 def access_point(stage: Stage, seen: Seen) -> Iterator[str]:
-    """Name and band are those of hostapd's file and of the settings; its stations are counted; what it said of itself is known."""
+    """Name and band are those of hostapd's file and of the settings; its stations are counted; its last word is known."""
     if seen["Mode"] != "Host":
         return
     world, written = stage.world, read_hostapd_conf(stage.world.hostapd_conf)
@@ -84,7 +84,8 @@ def announcements(stage: Stage, seen: Seen) -> Iterator[str]:
     for name, value in followed(stage, seen).items():
         if value != seen[name]:
             yield f"{name} was announced as {value!r}, a read yields {seen[name]!r}"
-    announced = [value for name, value in stage.world.journal.changes(stage.history.since) if name == "WiFiAccessPointInitialised"]
+    changes = stage.world.journal.changes(stage.history.since)
+    announced = [value for name, value in changes if name == "WiFiAccessPointInitialised"]
     if not stage.history.gap and announced != stage.history.said:
         yield f"hostapd said {stage.history.said}, announced was {announced}"
     rest = iter(announced)

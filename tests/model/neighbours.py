@@ -105,8 +105,9 @@ class Neighbours(Requests):
         """From now on hostapd's unit needs so many seconds to stop it and to start it."""
         self.stop_lag, self.start_lag = stop, start
 
-    def hostapd_fails_to_start(self) -> None:
-        """From now on hostapd does not come up again."""
+    def hostapd_fails_to_start(self, stop: float) -> None:
+        """From now on hostapd does not come up again, once its unit has needed so many seconds to stop it."""
+        self.stop_lag = stop
         self.comes_up = False
         self.history.disturbed.add("hostapd does not come up")
 
@@ -441,7 +442,8 @@ class Neighbours(Requests):
         except AssertionError:
             raise Finding("end", "the daemon does not end with its bus") from None
         if status != 0:
-            raise Finding("end", f"the daemon has ended with status {status} when its bus was gone\n{world.daemon.stderr[-2000:]}")
+            said = world.daemon.stderr[-2000:]
+            raise Finding("end", f"the daemon has ended with status {status} when its bus was gone\n{said}")
         if self.settings_daemon is not None:
             self.settings_daemon.wait(READY)
         world.bring_user_bus_back()

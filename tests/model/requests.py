@@ -26,8 +26,8 @@ FAILED = "org.freedesktop.DBus.Error.Failed"
 NO_ANSWER = ("org.freedesktop.DBus.Error.NoReply", "org.freedesktop.DBus.Error.ServiceUnknown")
 GOOD = ""
 
-CALLS = {"write WiFiState": 18, "write Mode": 15, "write WiFiFrequency": 9, "write SSID": 5, "Connect": 4, "Disconnect": 1, "Scan": 1,
-         "read AccessPoints": 2, "read ClientSSID": 0, "read everything": 3}
+CALLS = {"write WiFiState": 18, "write Mode": 15, "write WiFiFrequency": 9, "write SSID": 5, "Connect": 4, "Disconnect": 1,
+         "Scan": 1, "read AccessPoints": 2, "read ClientSSID": 0, "read everything": 3}
 """How many calls of somebody who does not answer each request waits for, as documented; 0 where it asks nobody."""
 HOSTAPD_ANSWER = 10.0
 SOCKET = 2.0
@@ -71,13 +71,14 @@ class Requests(Life):
     # What comes of them
 
     def _finish(self, requests: Sequence[Request]) -> list[Any]:
-        if any(kind == "write" and name in ("Mode", "WiFiState") for kind, name, _ in requests):
+        switches = any(kind == "write" and name in ("Mode", "WiFiState") for kind, name, _ in requests)
+        if switches:
             self.wait_events_read()
         faulty = bool(self.history.disturbed or self.history.complaints)
         bound = SLACK + self.history.backlog + sum(self._bound(request, faulty) for request in requests)
         before = [self._expected(request) for request in requests] if len(requests) == 1 else [()] * len(requests)
         for request in requests:
-            self._note(request)
+            self._note(request, switches)
         began = time.monotonic()
         futures = [self._send(request) for request in requests]
         values = [self._answer(request, future, began + bound, bound, expected)
@@ -164,7 +165,8 @@ class Requests(Life):
             return (GOOD,) if len(value.encode()) <= 32 else (REFUSED,)
         if value not in ("2.4", "5"):
             return (REFUSED,)
-        sure = self.world.radio.interface_type == "AP" and not self.history.changed_settings and not self.stop_lag + self.start_lag
+        under_way = self.history.changed_settings or self.stop_lag or self.start_lag
+        sure = self.world.radio.interface_type == "AP" and not under_way
         return (GOOD,) if sure else (GOOD, REFUSED)
 
     def _expected_call(self, name: str) -> Sequence[str]:
@@ -178,15 +180,16 @@ class Requests(Life):
             return (FAILED,)
         return ()
 
-    def _note(self, request: Request) -> None:
-        """What this request may bring about."""
+    def _note(self, request: Request, switches: bool) -> None:
+        """What this request may bring about, which may come while another switches the mode or the radio."""
         kind, name, value = request
         radio = self.world.radio
         client = self.stored("network", "mode") == "Client" or radio.interface_type != "AP" and not self.start_lag
+        may_be_client = switches or client and not radio.blocked
         if kind == "write" and name in ("Mode", "WiFiState"):
             self.history.gap = True
             self.history.address_events += 3
-        if kind == "write" and name == "SSID" and not radio.blocked and client:
+        if kind == "write" and name == "SSID" and may_be_client:
             self.history.disturbed.add("an access point in Client mode")
         if (kind, name, value) == ("write", "SSID", ""):
             self.history.disturbed.add("a name in use that the settings daemon does not store")

@@ -167,8 +167,8 @@ class Search:
 
 def report(found: Found) -> str:
     """What was found, as text and as a test."""
-    return (f"{found.rule} (step {found.at_step}, {found.times} times): {found.text}\n\n{found.run.as_test('found_by_the_search')}\n\n"
-            f"what happened in it: {found.file}\n")
+    return (f"{found.rule} (step {found.at_step}, {found.times} times): {found.text}\n\n"
+            f"{found.run.as_test('found_by_the_search')}\n\nwhat happened in it: {found.file}\n")
 
 
 __all__ = ["Found", "Search", "report"]
