@@ -25,14 +25,16 @@ def show(proxy: Gio.DBusProxy, name: str) -> None:
             value = f"unknown ({error.message})"
         print(f"{name} = {value}", flush=True)
 
-    proxy.call(f"{PROPERTIES}.Get", GLib.Variant("(ss)", (INTERFACE, name)), Gio.DBusCallFlags.NONE,
-               PATIENCE_MS, None, answered)
+    proxy.call(
+        f"{PROPERTIES}.Get", GLib.Variant("(ss)", (INTERFACE, name)), Gio.DBusCallFlags.NONE, PATIENCE_MS, None, answered
+    )
 
 
 def main() -> None:
     """First listen, then read: so nothing is missed in between."""
-    proxy = Gio.DBusProxy.new_for_bus_sync(Gio.BusType.SESSION, Gio.DBusProxyFlags.DO_NOT_LOAD_PROPERTIES, None, NAME, PATH,
-                                           INTERFACE, None)
+    proxy = Gio.DBusProxy.new_for_bus_sync(
+        Gio.BusType.SESSION, Gio.DBusProxyFlags.DO_NOT_LOAD_PROPERTIES, None, NAME, PATH, INTERFACE, None
+    )
 
     def changed(*signal: object) -> None:
         """These two say when the network joined may be another one."""

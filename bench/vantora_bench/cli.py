@@ -37,8 +37,11 @@ def main(arguments: Sequence[str]) -> int:
     if unknown:
         print(f"bench: unknown figure '{unknown.pop()}' (there are {', '.join(figures)}, all)", file=sys.stderr)
         return 2
-    chosen = [name for name in figures
-              if "all" in options.figures or name in options.figures or (not options.figures and name != LOADED)]
+    chosen = [
+        name
+        for name in figures
+        if "all" in options.figures or name in options.figures or (not options.figures and name != LOADED)
+    ]
     missed = 0
     for name in chosen:
         section = figures[name]()

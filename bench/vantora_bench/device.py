@@ -16,8 +16,10 @@ from vantora_sim.dbus_fake import PROPERTIES
 BARE_SERVICE = "com.vantora.bench.BareService"
 
 _RFKILL = "0: phy0: Wireless LAN\n\tSoft blocked: no\n\tHard blocked: no\n"
-_IW = ("Interface wlan0\n\tifindex 3\n\twdev 0x1\n\taddr 02:00:00:00:10:01\n\tssid Korrin One-3456\n\ttype {kind}\n\twiphy 0\n"
-       "\tchannel 6 (2437 MHz), width: 20 MHz (no HT), center1: 2437 MHz\n\ttxpower 20.00 dBm\n")
+_IW = (
+    "Interface wlan0\n\tifindex 3\n\twdev 0x1\n\taddr 02:00:00:00:10:01\n\tssid Korrin One-3456\n\ttype {kind}\n\twiphy 0\n"
+    "\tchannel 6 (2437 MHz), width: 20 MHz (no HT), center1: 2437 MHz\n\ttxpower 20.00 dBm\n"
+)
 _IW_TYPES = {"Host": "AP", "Client": "managed"}
 
 
@@ -81,8 +83,14 @@ class Device:
 
     def change_setting(self, section: str, key: str, signature: str, value: object) -> None:
         """Change a setting as another program of the device does."""
-        self.world.call_service_async(settings.SERVICE, f"{settings.BASE_PATH}/{section}", PROPERTIES, "Set", "ssv",
-                                      [settings.SERVICE, key, Variant(signature, value)]).result(DEADLINE)
+        self.world.call_service_async(
+            settings.SERVICE,
+            f"{settings.BASE_PATH}/{section}",
+            PROPERTIES,
+            "Set",
+            "ssv",
+            [settings.SERVICE, key, Variant(signature, value)],
+        ).result(DEADLINE)
 
     def _wait_for_name(self, name: str) -> None:
         deadline = time.monotonic() + DEADLINE

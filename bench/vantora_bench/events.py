@@ -19,7 +19,17 @@ def station_event(build: Path, quick: bool) -> Section:
         device.start_daemon()
         value, floor = measure(device.world, blocks, 1, "event", f"commands:{_GETTER}")
     excess = excess_of_medians(value, floor)
-    return Section("5. Station event to signal", [
-        Row("WiFiConnectedClients announced", seconds(excess.value), seconds(excess.floor),
-            f"+ {seconds(excess.relation)} ({seconds(excess.low)} to {seconds(excess.high)})", f"+ {seconds(_GOAL)}",
-            excess.relation <= _GOAL)], [f"{blocks} events"])
+    return Section(
+        "5. Station event to signal",
+        [
+            Row(
+                "WiFiConnectedClients announced",
+                seconds(excess.value),
+                seconds(excess.floor),
+                f"+ {seconds(excess.relation)} ({seconds(excess.low)} to {seconds(excess.high)})",
+                f"+ {seconds(_GOAL)}",
+                excess.relation <= _GOAL,
+            )
+        ],
+        [f"{blocks} events"],
+    )

@@ -32,8 +32,11 @@ def older_name(build: Path, quick: bool) -> Section:
             _wait_for_list(device, count)
         value, floor = _in_turns(through, direct, turns)
     more = (value.median - floor.median) / count
-    return Section("9. AccessPoints through the older name", [row(f"AccessPoints, {count:,} BSSs", ratio_of_medians(value, floor), _GOAL)],
-                   [f"each BSS costs {seconds(more)} more; the floor is a wpa_supplicant that has both names"])
+    return Section(
+        "9. AccessPoints through the older name",
+        [row(f"AccessPoints, {count:,} BSSs", ratio_of_medians(value, floor), _GOAL)],
+        [f"each BSS costs {seconds(more)} more; the floor is a wpa_supplicant that has both names"],
+    )
 
 
 def _wait_for_list(device: Device, count: int) -> None:

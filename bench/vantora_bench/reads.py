@@ -17,9 +17,14 @@ GET_ALL = "p" "pm" "s" "pm" "pm" "pm" "p" "pm" "pm" "pm"
 
 def row(name: str, comparison: Comparison, goal: float) -> Row:
     """A row whose relation is a ratio."""
-    return Row(name, seconds(comparison.value), seconds(comparison.floor),
-               f"{comparison.relation:.3f} × ({comparison.low:.3f} to {comparison.high:.3f})", f"{goal:.2f} ×",
-               comparison.relation <= goal)
+    return Row(
+        name,
+        seconds(comparison.value),
+        seconds(comparison.floor),
+        f"{comparison.relation:.3f} × ({comparison.low:.3f} to {comparison.high:.3f})",
+        f"{goal:.2f} ×",
+        comparison.relation <= goal,
+    )
 
 
 def plain_read(build: Path, quick: bool) -> Section:
@@ -29,11 +34,17 @@ def plain_read(build: Path, quick: bool) -> Section:
         device.start_bare_service()
         device.start_daemon()
         property_name = "WiFiAccessPointInitialised"
-        value, floor = measure(device.world, blocks, size, f"get:{DAEMON}:{property_name}", f"get:{BARE_SERVICE}:{property_name}")
-    return Section("1. A property read without a command", [
-        row(f"{property_name}, median", ratio_of_medians(value, floor), 1.05),
-        row(f"{property_name}, 99th percentile", ratio_of_p99(value, floor, rounds), 1.05)],
-        [f"{blocks * size:,} reads of each"])
+        value, floor = measure(
+            device.world, blocks, size, f"get:{DAEMON}:{property_name}", f"get:{BARE_SERVICE}:{property_name}"
+        )
+    return Section(
+        "1. A property read without a command",
+        [
+            row(f"{property_name}, median", ratio_of_medians(value, floor), 1.05),
+            row(f"{property_name}, 99th percentile", ratio_of_p99(value, floor, rounds), 1.05),
+        ],
+        [f"{blocks * size:,} reads of each"],
+    )
 
 
 def reads_with_commands(build: Path, quick: bool) -> Section:
@@ -43,7 +54,8 @@ def reads_with_commands(build: Path, quick: bool) -> Section:
         device.start_daemon()
         mode = measure(device.world, blocks, 2 if quick else 10, f"get:{DAEMON}:Mode", f"commands:{MODE}")
         everything = measure(device.world, blocks, 1 if quick else 2, f"getall:{DAEMON}", f"commands:{GET_ALL}")
-    return Section("2. Reads that run commands", [
-        row("Mode", ratio_of_medians(*mode), 1.10),
-        row("GetAll", ratio_of_medians(*everything), 1.10)],
-        [f"Mode runs {len(MODE)} commands, GetAll {len(GET_ALL)}"])
+    return Section(
+        "2. Reads that run commands",
+        [row("Mode", ratio_of_medians(*mode), 1.10), row("GetAll", ratio_of_medians(*everything), 1.10)],
+        [f"Mode runs {len(MODE)} commands, GetAll {len(GET_ALL)}"],
+    )

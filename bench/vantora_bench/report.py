@@ -58,8 +58,11 @@ def show(section: Section) -> None:
     """Print a section."""
     print(f"\n{section.title}")
     for row in section.rows:
-        print(f"  {row.name:<58} {row.value:>12} {row.floor:>12}  {row.relation:<28} {row.goal:<14} "
-              f"{verdict(row).strip('*')}", flush=True)
+        print(
+            f"  {row.name:<58} {row.value:>12} {row.floor:>12}  {row.relation:<28} {row.goal:<14} "
+            f"{verdict(row).strip('*')}",
+            flush=True,
+        )
     for note in section.notes:
         print(f"    {note}", flush=True)
 
@@ -80,9 +83,16 @@ def _read(path: Path) -> tuple[str, dict[str, str]]:
 
 def _text(section: Section, arguments: Sequence[str]) -> str:
     command = " ".join(["./scripts/bench", *arguments])
-    lines = ["", f"{_machine()}, {datetime.datetime.now():%Y-%m-%d %H:%M}, commit {_commit()}, `{command}`", "",
-             "| figure | daemon | floor | relation | goal | reached |", "|---|---|---|---|---|---|"]
-    lines += [f"| {row.name} | {row.value} | {row.floor} | {row.relation} | {row.goal} | {verdict(row)} |" for row in section.rows]
+    lines = [
+        "",
+        f"{_machine()}, {datetime.datetime.now():%Y-%m-%d %H:%M}, commit {_commit()}, `{command}`",
+        "",
+        "| figure | daemon | floor | relation | goal | reached |",
+        "|---|---|---|---|---|---|",
+    ]
+    lines += [
+        f"| {row.name} | {row.value} | {row.floor} | {row.relation} | {row.goal} | {verdict(row)} |" for row in section.rows
+    ]
     lines += ["", *[f"- {note}" for note in section.notes]] if section.notes else []
     return "\n".join(lines) + "\n\n"
 
@@ -91,8 +101,10 @@ def _machine() -> str:
     model = re.search(r"^model name\s*:\s*(.*)$", Path("/proc/cpuinfo").read_text(), re.MULTILINE)
     load = os.getloadavg()[0]
     priority = "real-time" if os.sched_getscheduler(0) == os.SCHED_RR else "ordinary"
-    return (f"{os.cpu_count()} cores ({model[1] if model else platform.machine()}), Linux {platform.release()}, "
-            f"load {load:.1f}, {priority} priority")
+    return (
+        f"{os.cpu_count()} cores ({model[1] if model else platform.machine()}), Linux {platform.release()}, "
+        f"load {load:.1f}, {priority} priority"
+    )
 
 
 def _commit() -> str:

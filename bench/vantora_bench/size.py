@@ -17,12 +17,16 @@ def armhf_size(packages: Path) -> Section:
     title, goal = "8. Size, armhf", f"{_GOAL} KiB"
     found = sorted(packages.glob("vantora-network_*_armhf.deb"), key=lambda path: path.stat().st_mtime)
     if not found:
-        return Section(title, [Row("stripped daemon", "", "", "", goal, None)],
-                       ["not built here: ./scripts/package armhf does that"])
+        return Section(
+            title, [Row("stripped daemon", "", "", "", goal, None)], ["not built here: ./scripts/package armhf does that"]
+        )
     with tempfile.TemporaryDirectory() as folder:
         subprocess.run(["dpkg-deb", "--extract", found[-1], folder], check=True)
         image = (Path(folder) / _DAEMON).read_bytes()
     size = len(image) / 1024
     stripped = b".symtab" not in image
-    return Section(title, [Row("stripped daemon", f"{size:.0f} KiB", "", "", goal, size <= _GOAL and stripped)],
-                   [f"{found[-1].name}, {'stripped' if stripped else 'not stripped'}"])
+    return Section(
+        title,
+        [Row("stripped daemon", f"{size:.0f} KiB", "", "", goal, size <= _GOAL and stripped)],
+        [f"{found[-1].name}, {'stripped' if stripped else 'not stripped'}"],
+    )

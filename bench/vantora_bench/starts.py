@@ -16,7 +16,9 @@ def start_to_ready(build: Path, quick: bool) -> Section:
     with Device.booted(build, "Host") as device:
         # What follows READY=1 is then over soon, and does not reach into the next start.
         device.change_setting("network", "enabled", "b", False)
-        value, floor = measure(device.world, blocks, 1, "start:" + str(build / "vantora-network"),
-                               "start:" + str(build / "vantora-bench-start"))
-    return Section("3. Start to READY=1", [row("start to READY=1", ratio_of_medians(value, floor), 1.15)],
-                   [f"{blocks} starts of each"])
+        value, floor = measure(
+            device.world, blocks, 1, "start:" + str(build / "vantora-network"), "start:" + str(build / "vantora-bench-start")
+        )
+    return Section(
+        "3. Start to READY=1", [row("start to READY=1", ratio_of_medians(value, floor), 1.15)], [f"{blocks} starts of each"]
+    )

@@ -36,8 +36,16 @@ def idle_wake_ups(build: Path, quick: bool) -> Section:
     for mode, stated in _STATED.items():
         woken = [after[mode][thread] - before[mode].get(thread, 0) for thread in after[mode]]
         rate = sum(woken) / elapsed
-        rows.append(Row(f"wake-ups a second, {mode}", f"{rate:.2f}", f"{stated:.2f}", f"{rate - stated:+.2f}", "nothing beyond",
-                        sum(woken) <= stated * elapsed + _EDGES))
+        rows.append(
+            Row(
+                f"wake-ups a second, {mode}",
+                f"{rate:.2f}",
+                f"{stated:.2f}",
+                f"{rate - stated:+.2f}",
+                "nothing beyond",
+                sum(woken) <= stated * elapsed + _EDGES,
+            )
+        )
         notes.append(f"{mode}: by thread {', '.join(f'{count / elapsed:.2f}' for count in woken)}; over {elapsed:.0f} s")
     return Section("7. Wake-ups while idle", rows, notes)
 

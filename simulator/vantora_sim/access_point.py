@@ -115,8 +115,11 @@ class AccessPoint:
     async def _arrivals(self, ssid: bytes) -> None:
         """Stations that know the network return, those that come by themselves come."""
         awaited = [(_COME_BACK, mac) for mac, known in self._known.items() if known == ssid]
-        awaited += [(visitor.joins_after, visitor.mac) for visitor in self.visitors
-                    if visitor.joins_after is not None and visitor.mac not in self._known]
+        awaited += [
+            (visitor.joins_after, visitor.mac)
+            for visitor in self.visitors
+            if visitor.joins_after is not None and visitor.mac not in self._known
+        ]
         now = 0.0
         for when, mac in sorted(awaited):
             await asyncio.sleep(max(when - now, _BETWEEN_STATIONS))

@@ -48,8 +48,14 @@ class Air:
 
         A hidden one is never found: it does not answer a question that does not call it by its name.
         """
-        fitting = [network for network in self.networks if network.ssid == ssid and not network.hidden and self.can_hold(network)
-                   and (network.takes_passphrase if with_key else network.security == "open")]
+        fitting = [
+            network
+            for network in self.networks
+            if network.ssid == ssid
+            and not network.hidden
+            and self.can_hold(network)
+            and (network.takes_passphrase if with_key else network.security == "open")
+        ]
         return max(fitting, key=self.signal, default=None)
 
     def add(self, network: Network) -> None:
@@ -71,5 +77,10 @@ class Air:
 def announced(network: Network) -> dict[str, object]:
     """How a scan describes a network: the arguments of a BSS."""
     privacy, key_mgmt = SECURITIES[network.security]
-    return {"ssid": b"" if network.hidden else network.ssid, "privacy": privacy, "key_mgmt": key_mgmt,
-            "bssid": bytes.fromhex(network.bssid.replace(":", "")), "frequency": network.frequency}
+    return {
+        "ssid": b"" if network.hidden else network.ssid,
+        "privacy": privacy,
+        "key_mgmt": key_mgmt,
+        "bssid": bytes.fromhex(network.bssid.replace(":", "")),
+        "frequency": network.frequency,
+    }

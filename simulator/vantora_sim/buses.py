@@ -35,11 +35,26 @@ class Bus:
         self.name = name
         self.socket = socket
         self.address = f"unix:path={socket}"
-        self._command = ["/usr/bin/setpriv", "--pdeathsig", "KILL", "/usr/bin/dbus-daemon", f"--config-file={configuration}",
-                         f"--address={self.address}", "--nofork", "--nopidfile", "--nosyslog", "--print-address"]
+        self._command = [
+            "/usr/bin/setpriv",
+            "--pdeathsig",
+            "KILL",
+            "/usr/bin/dbus-daemon",
+            f"--config-file={configuration}",
+            f"--address={self.address}",
+            "--nofork",
+            "--nopidfile",
+            "--nosyslog",
+            "--print-address",
+        ]
         # Nothing of the host's is to be started by a message.
-        self._environment = {"PATH": "/usr/bin:/bin", "HOME": str(home), "XDG_DATA_HOME": str(home), "XDG_DATA_DIRS": str(home),
-                             "XDG_RUNTIME_DIR": str(home)}
+        self._environment = {
+            "PATH": "/usr/bin:/bin",
+            "HOME": str(home),
+            "XDG_DATA_HOME": str(home),
+            "XDG_DATA_DIRS": str(home),
+            "XDG_RUNTIME_DIR": str(home),
+        }
         self._complaints = home / f"{name}-bus.err"
         self._daemon: subprocess.Popen[bytes] | None = None
 
@@ -48,8 +63,14 @@ class Bus:
         self.socket.parent.mkdir(parents=True, exist_ok=True)
         self.socket.unlink(missing_ok=True)
         with open(self._complaints, "ab") as complaints:
-            self._daemon = subprocess.Popen(self._command, env=self._environment, stdin=subprocess.DEVNULL,
-                                            stdout=subprocess.PIPE, stderr=complaints, process_group=0)
+            self._daemon = subprocess.Popen(
+                self._command,
+                env=self._environment,
+                stdin=subprocess.DEVNULL,
+                stdout=subprocess.PIPE,
+                stderr=complaints,
+                process_group=0,
+            )
 
     def wait_ready(self) -> None:
         """Wait until clients can connect."""

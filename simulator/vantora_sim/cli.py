@@ -33,21 +33,39 @@ and ends with its status.
 
 
 def _parser() -> argparse.ArgumentParser:
-    parser = argparse.ArgumentParser(prog="vantora-sim",
-                                     description="A whole simulated device around the unmodified network daemon.",
-                                     epilog=_EPILOG, formatter_class=argparse.RawDescriptionHelpFormatter)
-    parser.add_argument("--world", default="home", metavar="FILE",
-                        help="world file, or the name of one that is shipped: " + ", ".join(sorted(
-                            path.stem for path in places.worlds().glob("*.json"))) + " (default: home)")
+    parser = argparse.ArgumentParser(
+        prog="vantora-sim",
+        description="A whole simulated device around the unmodified network daemon.",
+        epilog=_EPILOG,
+        formatter_class=argparse.RawDescriptionHelpFormatter,
+    )
+    parser.add_argument(
+        "--world",
+        default="home",
+        metavar="FILE",
+        help="world file, or the name of one that is shipped: "
+        + ", ".join(sorted(path.stem for path in places.worlds().glob("*.json")))
+        + " (default: home)",
+    )
     parser.add_argument("--state", type=Path, metavar="DIR", help="folder in which the settings persist (default: none)")
-    parser.add_argument("--build-dir", type=Path, default=places.default_build(), metavar="DIR",
-                        help="folder with the programs (default: %(default)s)")
+    parser.add_argument(
+        "--build-dir",
+        type=Path,
+        default=places.default_build(),
+        metavar="DIR",
+        help="folder with the programs (default: %(default)s)",
+    )
     parser.add_argument("--demo", action="store_true", help="a tour through everything, which is also a test; then end")
     parser.add_argument("--desk", action="store_true", help="serve a page on this machine that shows the device and acts on it")
-    parser.add_argument("--desk-port", type=int, default=0, metavar="PORT", help="where the page is served (default: any free port)")
-    parser.add_argument("--open", type=Path, metavar="FILE", help="serve the page with a run that was saved from it, without a device")
-    parser.add_argument("-v", "--verbose", action="store_true",
-                        help="show also the daemon's log and what it asks of its surroundings")
+    parser.add_argument(
+        "--desk-port", type=int, default=0, metavar="PORT", help="where the page is served (default: any free port)"
+    )
+    parser.add_argument(
+        "--open", type=Path, metavar="FILE", help="serve the page with a run that was saved from it, without a device"
+    )
+    parser.add_argument(
+        "-v", "--verbose", action="store_true", help="show also the daemon's log and what it asks of its surroundings"
+    )
     parser.add_argument("command", nargs="*", metavar="COMMAND", help="program to run in reach of the device, after --")
     return parser
 
@@ -68,14 +86,16 @@ def main(argv: list[str]) -> int:
     if lacking:
         return _complain(f"this system lacks {', '.join(lacking)}")
     if not _has_a_name(os.getuid()):
-        return _complain(f"user id {os.getuid()} is in no user database (passwd): a message bus turns away whom it cannot look up")
+        return _complain(
+            f"user id {os.getuid()} is in no user database (passwd): a message bus turns away whom it cannot look up"
+        )
     for number in (signal.SIGTERM, signal.SIGHUP):
         signal.signal(number, _interrupt)
     try:
         plan = read_world(options.world)
         unsuited = tour.unsuited(plan) if options.demo else ""
         if unsuited:
-            return _complain(f"the tour does not fit the world \"{plan.name}\": {unsuited}")
+            return _complain(f'the tour does not fit the world "{plan.name}": {unsuited}')
         if options.demo:
             return tour.run(plan, options.build_dir, sys.stdout, verbose=options.verbose)
         if options.state is not None:
@@ -137,17 +157,23 @@ def _complain(text: str, status: int = _FAILED) -> int:
 
 
 def _introduce(device: SimulatedDevice, out: TextIO) -> None:
-    print(f"\nThe device is up: world \"{device.plan.name}\", {len(device.plan.networks)} networks around.\n\n"
-          f"{view.addresses(device)}\n\n{view.table(device)}\n\n"
-          f"Talk to it from another terminal:\n\n{view.instructions(device)}\n\n"
-          f"{_hints(device.world.build)}\n", file=out, flush=True)
+    print(
+        f'\nThe device is up: world "{device.plan.name}", {len(device.plan.networks)} networks around.\n\n'
+        f"{view.addresses(device)}\n\n{view.table(device)}\n\n"
+        f"Talk to it from another terminal:\n\n{view.instructions(device)}\n\n"
+        f"{_hints(device.world.build)}\n",
+        file=out,
+        flush=True,
+    )
 
 
 def _tools(build: Path) -> list[Path]:
     """The programs that are made for people, where they stand."""
     beside = Path(sys.argv[0]).resolve().parent
-    found = [next((folder / name for folder in (build, beside) if (folder / name).exists()), None)
-             for name in ("vantora-wifi", "vantora-simctl")]
+    found = [
+        next((folder / name for folder in (build, beside) if (folder / name).exists()), None)
+        for name in ("vantora-wifi", "vantora-simctl")
+    ]
     return [program for program in found if program is not None]
 
 

@@ -43,13 +43,17 @@ class Client:
         """Whether the bus still serves this connection."""
         return self._bus.connected
 
-    async def call(self, destination: str, path: str, interface: str, member: str, signature: str = "",
-                   args: list[Any] | None = None) -> list[Any]:
+    async def call(
+        self, destination: str, path: str, interface: str, member: str, signature: str = "", args: list[Any] | None = None
+    ) -> list[Any]:
         """Call a method and return the values of the reply; an error reply raises CallRefused, a lost bus an OSError."""
         if not self.connected:
             raise ConnectionError("the bus is gone")  # the library would wait for the answer for ever
-        reply = await self._bus.call(Message(destination=destination, path=path, interface=interface, member=member,
-                                             signature=signature, body=args or []))
+        reply = await self._bus.call(
+            Message(
+                destination=destination, path=path, interface=interface, member=member, signature=signature, body=args or []
+            )
+        )
         assert reply is not None
         if reply.message_type is MessageType.ERROR:
             raise CallRefused(reply.error_name or "", str(reply.body[0]) if reply.body else "")
@@ -104,12 +108,25 @@ class Watcher(Client):
         if message.interface == PROPERTIES and message.member == "PropertiesChanged":
             interface, values, invalidated = message.body
             for name, value in values.items():
-                self._journal.add("changed", name=name, value=plain(value), signature=value.signature, interface=interface,
-                                  alone=len(values) == 1 and not invalidated)
+                self._journal.add(
+                    "changed",
+                    name=name,
+                    value=plain(value),
+                    signature=value.signature,
+                    interface=interface,
+                    alone=len(values) == 1 and not invalidated,
+                )
             for name in invalidated:
-                self._journal.add("signal", member="PropertiesInvalidated", body=[name], path=message.path,
-                                  interface=interface, signature="s")
+                self._journal.add(
+                    "signal", member="PropertiesInvalidated", body=[name], path=message.path, interface=interface, signature="s"
+                )
         else:
-            self._journal.add("signal", member=message.member, body=plain(message.body), path=message.path,
-                              interface=message.interface, signature=message.signature)
+            self._journal.add(
+                "signal",
+                member=message.member,
+                body=plain(message.body),
+                path=message.path,
+                interface=message.interface,
+                signature=message.signature,
+            )
         return True

@@ -37,7 +37,9 @@ def run(parts: Parts, command: str, arguments: dict[str, Any], *, by_plan: bool 
     except (AttributeError, KeyError, TypeError, ValueError) as error:
         raise CommandError(f"arguments of {command}: {error!r}") from None
     if command != "show":
-        parts.world.journal.add("world", command=command, arguments=arguments, text=text, **({"by_plan": True} if by_plan else {}))
+        parts.world.journal.add(
+            "world", command=command, arguments=arguments, text=text, **({"by_plan": True} if by_plan else {})
+        )
     return text
 
 
@@ -56,12 +58,15 @@ def _add(parts: Parts, network: dict[str, Any]) -> str:
     if findings:
         raise CommandError("; ".join(findings))
     taken = {other.bssid for other in parts.air.networks}
-    made = next(one for one in (make_network(network, number) for number in range(0x8000, 0x10000))
-                if one.bssid not in taken or "bssid" in network)
+    made = next(
+        one
+        for one in (make_network(network, number) for number in range(0x8000, 0x10000))
+        if one.bssid not in taken or "bssid" in network
+    )
     if made.bssid in taken:
         raise CommandError(f"there is an access point {made.bssid} already")
     parts.world.loop.call(parts.air.add, made)
-    return f"\"{made.label}\" ({made.bssid}) is on the air"
+    return f'"{made.label}" ({made.bssid}) is on the air'
 
 
 def _remove(parts: Parts, network: str) -> str:
@@ -108,7 +113,7 @@ def _networks(parts: Parts, name: str) -> list[Network]:
 
 
 def _about(networks: list[Network], what: str) -> str:
-    shown = ", ".join(f"\"{network.label}\" ({network.bssid})" for network in networks)
+    shown = ", ".join(f'"{network.label}" ({network.bssid})' for network in networks)
     return f"{shown} {'is' if len(networks) == 1 else 'are'} {what}"
 
 
@@ -147,6 +152,7 @@ def _neighbour(verb: str, done: str) -> Callable[..., str]:
             raise CommandError(f"{neighbour} is not running")
         getattr(known[neighbour], verb)()
         return f"{neighbour} {done}"
+
     return act
 
 
@@ -194,8 +200,18 @@ def _cable(parts: Parts, plugged: bool, address: str = CABLE_ADDRESS) -> str:
 
 
 COMMANDS: dict[str, Callable[..., str]] = {
-    "show": _show, "add": _add, "remove": _remove, "signal": _signal, "key": _key, "join": _join, "leave": _leave,
-    "kill": _neighbour("kill", "is killed"), "hang": _neighbour("hang", "hangs"),
-    "release": _neighbour("release", "answers again"), "start": _neighbour("start", "is started"),
-    "radio": _radio, "set": _set, "cable": _cable,
+    "show": _show,
+    "add": _add,
+    "remove": _remove,
+    "signal": _signal,
+    "key": _key,
+    "join": _join,
+    "leave": _leave,
+    "kill": _neighbour("kill", "is killed"),
+    "hang": _neighbour("hang", "hangs"),
+    "release": _neighbour("release", "answers again"),
+    "start": _neighbour("start", "is started"),
+    "radio": _radio,
+    "set": _set,
+    "cable": _cable,
 }

@@ -55,7 +55,7 @@ class Control:
             request = json.loads(line)
             command = request.pop("command")
         except (ValueError, TypeError, AttributeError, KeyError):
-            return {"error": "a request is an object with \"command\""}
+            return {"error": 'a request is an object with "command"'}
         try:
             return {"text": self._run(command, request)}
         except CommandError as error:

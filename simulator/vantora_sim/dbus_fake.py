@@ -117,8 +117,15 @@ class DBusFake:
 
     # Scripting, from any thread
 
-    def refuse(self, member: str | None = None, *, on: str | None = None, name: str = "org.freedesktop.DBus.Error.Failed",
-               text: str | None = "refused", times: int | None = None) -> None:
+    def refuse(
+        self,
+        member: str | None = None,
+        *,
+        on: str | None = None,
+        name: str = "org.freedesktop.DBus.Error.Failed",
+        text: str | None = "refused",
+        times: int | None = None,
+    ) -> None:
         """Answer this member with an error; a text of None leaves it out of the message."""
         self._faults.add(member, on, Refuse(name, text), times)
 
@@ -145,9 +152,11 @@ class DBusFake:
 
     def release(self) -> None:
         """Answer the calls that hang; later ones hang again if the rule still holds."""
+
         def let_go() -> None:
             self._released.set()
             self._released = asyncio.Event()
+
         self._loop.call(let_go)
 
     @property
@@ -196,9 +205,11 @@ class DBusFake:
 
     def emit(self, path: str, interface: str, member: str, signature: str, body: list[Any]) -> None:
         """Send a signal, from any thread; nothing happens while the service is off the bus."""
+
         def send() -> None:
             if self._bus is not None:
                 self._bus.send(Message.new_signal(path, interface, member, signature, body))
+
         self._loop.call(send)
 
     def _receive(self, message: Message) -> bool:
@@ -206,8 +217,15 @@ class DBusFake:
             return False
         if message.interface == "org.freedesktop.DBus.Introspectable":
             return False
-        call = Call(message.destination or "", message.path or "", message.interface or "", message.member or "",
-                    message.signature or "", list(message.body), message.sender or "")
+        call = Call(
+            message.destination or "",
+            message.path or "",
+            message.interface or "",
+            message.member or "",
+            message.signature or "",
+            list(message.body),
+            message.sender or "",
+        )
         task = self._loop.asyncio.create_task(self._serve(message, call))
         self._tasks.add(task)
         task.add_done_callback(self._tasks.discard)
@@ -216,8 +234,16 @@ class DBusFake:
     async def _serve(self, message: Message, call: Call) -> None:
         bus = self._bus
         await self._catch_up()
-        self._journal.add("call", bus=self.bus_name, destination=call.destination, path=call.path, interface=call.interface,
-                          member=call.member, signature=call.signature, args=call.args)
+        self._journal.add(
+            "call",
+            bus=self.bus_name,
+            destination=call.destination,
+            path=call.path,
+            interface=call.interface,
+            member=call.member,
+            signature=call.signature,
+            args=call.args,
+        )
         action = self._faults.take(call.member, self.subjects(call))
         if isinstance(action, Vanish):
             await self.close()
@@ -245,5 +271,11 @@ class DBusFake:
 
 
 def _error(message: Message, name: str, text: str | None) -> Message:
-    return Message(message_type=MessageType.ERROR, reply_serial=message.serial, destination=message.sender, error_name=name,
-                   signature="" if text is None else "s", body=[] if text is None else [text])
+    return Message(
+        message_type=MessageType.ERROR,
+        reply_serial=message.serial,
+        destination=message.sender,
+        error_name=name,
+        signature="" if text is None else "s",
+        body=[] if text is None else [text],
+    )

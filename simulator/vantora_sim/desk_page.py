@@ -26,6 +26,7 @@ def serve(device: SimulatedDevice, port: int, page: contextlib.ExitStack) -> Non
     """Gather what happens to a device and serve it, until the stack is left. Raises Unavailable."""
     with _refusals():
         from .desk import Desk, Server
+
         desk = Desk(device.parts, device.run)
         desk.open()
         page.callback(desk.close)
@@ -36,6 +37,7 @@ def serve_saved(file: Path, port: int, page: contextlib.ExitStack) -> None:
     """Serve a saved run, until the stack is left. Raises Unavailable."""
     with _refusals():
         from .desk import Server, read_saved
+
         _open(Server(LoopThread.shared(), read_saved(file), port), page)
 
 
@@ -47,6 +49,7 @@ def _refusals() -> Iterator[None]:
         raise Unavailable(f"the page needs the packages python3-aiohttp and libjs-chart.js ({error})") from None
     except Exception as error:
         from .desk import DeskError, SavedRunError
+
         if isinstance(error, (DeskError, SavedRunError)):
             raise Unavailable(str(error)) from None
         raise
@@ -58,8 +61,13 @@ def _open(server: Server, page: contextlib.ExitStack) -> None:
     server.on_visit.append(lambda: _say(f"To open the page once more: {server.new_link()}"))
     _say(f"See the device: {server.new_link()}")
     if ("DISPLAY" in os.environ or "WAYLAND_DISPLAY" in os.environ) and shutil.which("xdg-open"):
-        subprocess.Popen(["xdg-open", server.new_link()], stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
-                         stderr=subprocess.DEVNULL, start_new_session=True)
+        subprocess.Popen(
+            ["xdg-open", server.new_link()],
+            stdin=subprocess.DEVNULL,
+            stdout=subprocess.DEVNULL,
+            stderr=subprocess.DEVNULL,
+            start_new_session=True,
+        )
 
 
 def _say(text: str) -> None:

@@ -43,8 +43,9 @@ class SimulatedDevice:
         """`state` is a folder in which the settings persist; without it every device is new."""
         self.plan = plan
         state = state.resolve() if state is not None else None
-        self.world = World(build, device=plan.device, lasting=True,
-                           exposed=[*([state] if state else []), *places.hidden_programs(build)])
+        self.world = World(
+            build, device=plan.device, lasting=True, exposed=[*([state] if state else []), *places.hidden_programs(build)]
+        )
         self.world.follow_units = False
         self.world.hostapd.before_event = None
         self.world.hostapd.spacing = _BETWEEN_EVENTS
@@ -145,8 +146,14 @@ class SimulatedDevice:
             try:
                 commands.run(self.parts, event.command, dict(event.arguments), by_plan=True)
             except commands.CommandError as error:
-                self.world.journal.add("world", command=event.command, arguments=event.arguments, text=f"failed: {error}",
-                                       by_plan=True, failed=True)
+                self.world.journal.add(
+                    "world",
+                    command=event.command,
+                    arguments=event.arguments,
+                    text=f"failed: {error}",
+                    by_plan=True,
+                    failed=True,
+                )
 
     def wait_up(self) -> None:
         """Wait until the daemon has brought the device up as its settings say; an access point is then on the air."""
@@ -165,8 +172,11 @@ class SimulatedDevice:
     @property
     def environment(self) -> dict[str, str]:
         """What a program outside needs in its environment to reach the device."""
-        return {"DBUS_SESSION_BUS_ADDRESS": self.world.user_bus.address, "DBUS_SYSTEM_BUS_ADDRESS": self.world.system_bus.address,
-                CONTROL_VARIABLE: str(self.world.work / CONTROL_SOCKET)}
+        return {
+            "DBUS_SESSION_BUS_ADDRESS": self.world.user_bus.address,
+            "DBUS_SYSTEM_BUS_ADDRESS": self.world.system_bus.address,
+            CONTROL_VARIABLE: str(self.world.work / CONTROL_SOCKET),
+        }
 
     @property
     def coming_up(self) -> bool:

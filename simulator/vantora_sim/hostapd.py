@@ -21,18 +21,22 @@ _LARGEST_REQUEST = 8192
 _LONGEST_READ = 2.0
 """Seconds for which an event that nobody reads holds up the next, where events are spaced."""
 _LOOK_AGAIN = 0.02
-_STATION = ("flags=[AUTH][ASSOC][AUTHORIZED][WMM][HT]\naid={aid}\ncapability=0x431\nlisten_interval=10\n"
-            "supported_rates=02 04 0b 16 0c 12 18 24 30 48 60 6c\ntimeout_next=NULLFUNC POLL\n"
-            "dot11RSNAStatsSTAAddress={mac}\ndot11RSNAStatsVersion=1\ndot11RSNAStatsSelectedPairwiseCipher=00-0f-ac-4\n"
-            "dot11RSNAStatsTKIPLocalMICFailures=0\ndot11RSNAStatsTKIPRemoteMICFailures=0\nwpa=2\nAKMSuiteSelector=00-0f-ac-2\n"
-            "hostapdWPAPTKState=11\nhostapdWPAPTKGroupState=0\nrx_packets=113\ntx_packets=98\nrx_bytes=11872\n"
-            "tx_bytes=10310\ninactive_msec=1200\nsignal=-45\nconnected_time=23\n")
+_STATION = (
+    "flags=[AUTH][ASSOC][AUTHORIZED][WMM][HT]\naid={aid}\ncapability=0x431\nlisten_interval=10\n"
+    "supported_rates=02 04 0b 16 0c 12 18 24 30 48 60 6c\ntimeout_next=NULLFUNC POLL\n"
+    "dot11RSNAStatsSTAAddress={mac}\ndot11RSNAStatsVersion=1\ndot11RSNAStatsSelectedPairwiseCipher=00-0f-ac-4\n"
+    "dot11RSNAStatsTKIPLocalMICFailures=0\ndot11RSNAStatsTKIPRemoteMICFailures=0\nwpa=2\nAKMSuiteSelector=00-0f-ac-2\n"
+    "hostapdWPAPTKState=11\nhostapdWPAPTKGroupState=0\nrx_packets=113\ntx_packets=98\nrx_bytes=11872\n"
+    "tx_bytes=10310\ninactive_msec=1200\nsignal=-45\nconnected_time=23\n"
+)
 
 
 class Hostapd:
     """A running or dead hostapd. `on=` of a rule takes the whole command ("STA-NEXT 02:...")."""
 
-    def __init__(self, loop: LoopThread, journal: Journal, catch_up: Callable[[], Awaitable[None]], run: Path, tmp: Path) -> None:
+    def __init__(
+        self, loop: LoopThread, journal: Journal, catch_up: Callable[[], Awaitable[None]], run: Path, tmp: Path
+    ) -> None:
         self._loop = loop
         self._journal = journal
         self._catch_up = catch_up
@@ -149,9 +153,11 @@ class Hostapd:
 
     def release(self) -> None:
         """Answer what hangs."""
+
         def let_go() -> None:
             self._released.set()
             self._released = asyncio.Event()
+
         self._loop.call(let_go)
 
     def clear(self) -> None:
@@ -207,7 +213,7 @@ class Hostapd:
         """Where the socket of a client in the sandbox is found from here."""
         for inside, outside in self._places.items():
             if client.startswith(inside):
-                return str(outside / client[len(inside):])
+                return str(outside / client[len(inside) :])
         return None
 
     def _send(self, client: str, data: bytes) -> bool:
@@ -280,7 +286,7 @@ class Hostapd:
         if word == "DETACH" and client not in self._attached:
             self._send(client, b"FAIL\n")
             return
-        self._send(client, self._truth(word, request[len(word) + 1:]))
+        self._send(client, self._truth(word, request[len(word) + 1 :]))
         if word == "ATTACH" and client not in self._attached:
             self._attached.append(client)
         elif word == "DETACH" and client in self._attached:

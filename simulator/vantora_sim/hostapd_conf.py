@@ -11,5 +11,4 @@ def read_hostapd_conf(path: Path) -> dict[bytes, bytes]:
         lines = path.read_bytes().splitlines()
     except OSError:
         return {}
-    return {key: value for key, mark, value in (line.partition(b"=") for line in lines)
-            if mark and not key.startswith(b"#")}
+    return {key: value for key, mark, value in (line.partition(b"=") for line in lines) if mark and not key.startswith(b"#")}

@@ -52,8 +52,9 @@ class Pattern:
         """Whether the entry is of this kind and every condition holds."""
         if entry.kind != self.kind:
             return False
-        return all(name in entry.fields and _holds(condition, entry.fields[name])
-                   for name, condition in self.conditions.items())
+        return all(
+            name in entry.fields and _holds(condition, entry.fields[name]) for name, condition in self.conditions.items()
+        )
 
     def __str__(self) -> str:
         conditions = ", ".join(f"{name}={condition!r}" for name, condition in self.conditions.items())
@@ -126,8 +127,10 @@ def _describe(kind: str, fields: dict[str, Any]) -> str:
         case "command":
             return str(fields["line"])
         case "call":
-            return (f"{fields['bus']} {fields['destination']} {fields['path']} "
-                    f"{fields['interface']}.{fields['member']} {fields['signature']} {fields['args']!r}")
+            return (
+                f"{fields['bus']} {fields['destination']} {fields['path']} "
+                f"{fields['interface']}.{fields['member']} {fields['signature']} {fields['args']!r}"
+            )
         case "changed":
             return f"{fields['name']} = {fields['value']!r}"
     return " ".join(f"{name}={value!r}" for name, value in fields.items())
@@ -150,7 +153,7 @@ class Journal:
             self._entries.append(entry)
             if self._keep is not None and len(self._entries) > 2 * self._keep:
                 self._forgotten += len(self._entries) - self._keep
-                del self._entries[:-self._keep]
+                del self._entries[: -self._keep]
             self._condition.notify_all()
             return entry
 
@@ -167,7 +170,7 @@ class Journal:
     def since(self, mark: int = 0) -> list[Entry]:
         """All entries from the mark on."""
         with self._condition:
-            return self._entries[max(mark - self._forgotten, 0):]
+            return self._entries[max(mark - self._forgotten, 0) :]
 
     def _end(self) -> int:
         return self._forgotten + len(self._entries)
@@ -242,8 +245,7 @@ class Journal:
             start = entry.index + 1
         return found
 
-    def expect_logs_in_order(self, lines: Iterable[tuple[str, str]], since: int = 0,
-                             timeout: float = DEADLINE) -> list[Entry]:
+    def expect_logs_in_order(self, lines: Iterable[tuple[str, str]], since: int = 0, timeout: float = DEADLINE) -> list[Entry]:
         """Wait until these lines of syslog, (priority, text), have come with no other line of syslog between them."""
         expected = list(lines)
 
@@ -251,8 +253,8 @@ class Journal:
             entries = [entry for entry in self.since(since) if entry.kind == "log"]
             texts = [(entry.priority, entry.text) for entry in entries]
             for start in range(len(texts) - len(expected) + 1):
-                if texts[start:start + len(expected)] == expected:
-                    return entries[start:start + len(expected)]
+                if texts[start : start + len(expected)] == expected:
+                    return entries[start : start + len(expected)]
             return None
 
         what = "these log lines, one directly after the other:\n" + "\n".join(f"    {line!r}" for line in expected)

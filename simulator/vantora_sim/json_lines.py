@@ -43,6 +43,7 @@ def _loads(text: str) -> Located:
             value, end = scan(string, index)
             _refuse_half_characters(value)
             return Located(value, string.count("\n", 0, index) + 1), end
+
         return scan_located
 
     reader.parse_object = lambda at, strict, scan, *hooks: decoder.JSONObject(at, strict, locate(scan), *hooks)

@@ -47,20 +47,41 @@ def neighbours(parts: Parts) -> dict[str, Neighbour]:
             found = process()
             return found is not None and found.running and found.stopped
 
-        return Neighbour(running, hanging, lambda: send(signal.SIGKILL), lambda: send(signal.SIGSTOP), lambda: send(signal.SIGCONT),
-                         start_again)
+        return Neighbour(
+            running,
+            hanging,
+            lambda: send(signal.SIGKILL),
+            lambda: send(signal.SIGSTOP),
+            lambda: send(signal.SIGCONT),
+            start_again,
+        )
 
     return {
-        "hostapd": Neighbour(lambda: world.hostapd.running, lambda: access_point.hanging, lambda: loop.call(access_point.kill),
-                             lambda: loop.call(access_point.hang), lambda: loop.call(access_point.release),
-                             lambda: loop.call(access_point.start_again)),
-        "wpa_supplicant": Neighbour(lambda: world.wpa.present, lambda: station.hanging, lambda: loop.run(station.kill()),
-                                    lambda: loop.call(station.hang), lambda: loop.call(station.release),
-                                    lambda: loop.run(station.start_again())),
-        "systemd": Neighbour(lambda: world.systemd.present, lambda: world.systemd.hangs, world.systemd.go, world.systemd.hang, world.systemd.clear,
-                             world.systemd.come_back),
+        "hostapd": Neighbour(
+            lambda: world.hostapd.running,
+            lambda: access_point.hanging,
+            lambda: loop.call(access_point.kill),
+            lambda: loop.call(access_point.hang),
+            lambda: loop.call(access_point.release),
+            lambda: loop.call(access_point.start_again),
+        ),
+        "wpa_supplicant": Neighbour(
+            lambda: world.wpa.present,
+            lambda: station.hanging,
+            lambda: loop.run(station.kill()),
+            lambda: loop.call(station.hang),
+            lambda: loop.call(station.release),
+            lambda: loop.run(station.start_again()),
+        ),
+        "systemd": Neighbour(
+            lambda: world.systemd.present,
+            lambda: world.systemd.hangs,
+            world.systemd.go,
+            world.systemd.hang,
+            world.systemd.clear,
+            world.systemd.come_back,
+        ),
         "vantora-settingsd": signals(lambda: settings_daemon.process, settings_daemon.start),
         # Its unit starts it again by itself.
         "vantora-network": signals(lambda: world.daemon, lambda: None),
     }
-

@@ -10,9 +10,18 @@ _IN_SOURCE_TREE = (_ROOT / "simulator/sandbox").is_dir()
 _SHARE = _PACKAGE.parent
 
 _COVERED = ("dev", "etc", "run", "tmp")
-_NEEDED = tuple(Path(path) for path in (
-    "/proc/self/ns", *(f"/dev/{name}" for name in ("null", "zero", "full", "random", "urandom", "tty")), "/usr/bin/dbus-daemon",
-    "/usr/share/dbus-1/session.conf", "/usr/bin/nsenter", "/usr/bin/setpriv", "/usr/sbin/ip"))
+_NEEDED = tuple(
+    Path(path)
+    for path in (
+        "/proc/self/ns",
+        *(f"/dev/{name}" for name in ("null", "zero", "full", "random", "urandom", "tty")),
+        "/usr/bin/dbus-daemon",
+        "/usr/share/dbus-1/session.conf",
+        "/usr/bin/nsenter",
+        "/usr/bin/setpriv",
+        "/usr/sbin/ip",
+    )
+)
 PROGRAMS = ("vantora-network", "vantora-settingsd", "vantora-sim-sandbox", "vantora-sim-tool")
 
 

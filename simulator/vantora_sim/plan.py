@@ -101,6 +101,17 @@ class Plan:
     @property
     def joinable(self) -> Network | None:
         """A network that the device can join with a passphrase and that gives it an address."""
-        return next((network for network in self.networks if network.takes_passphrase and network.passphrase and network.address
-                     and (network.band == "2.4" or self.hears_5_ghz) and not network.hidden and network.ssid.isascii()
-                     and network.label.isprintable()), None)
+        return next(
+            (
+                network
+                for network in self.networks
+                if network.takes_passphrase
+                and network.passphrase
+                and network.address
+                and (network.band == "2.4" or self.hears_5_ghz)
+                and not network.hidden
+                and network.ssid.isascii()
+                and network.label.isprintable()
+            ),
+            None,
+        )

@@ -99,7 +99,7 @@ class Recorder:
             self._journal.add("log", priority="none", text=text, ident="", pid=None)
             return
         pid = int(header[3]) if header[3] else None
-        self._journal.add("log", priority=PRIORITIES[int(header[1]) & 7], text=text[header.end():], ident=header[2], pid=pid)
+        self._journal.add("log", priority=PRIORITIES[int(header[1]) & 7], text=text[header.end() :], ident=header[2], pid=pid)
 
 
 def _bind(path: Path) -> socket.socket:

@@ -45,16 +45,23 @@ class Completed:
 class Process:
     """A program running in the sandbox. Its output is collected in files and can be read at any time."""
 
-    def __init__(self, name: str, command: Sequence[str], environment: Mapping[str, str], output: Path,
-                 ended: Callable[["Process"], None]) -> None:
+    def __init__(
+        self,
+        name: str,
+        command: Sequence[str],
+        environment: Mapping[str, str],
+        output: Path,
+        ended: Callable[["Process"], None],
+    ) -> None:
         self.name = name
         self._stdout = output.with_suffix(".out")
         self._stderr = output.with_suffix(".err")
         self._pid: int | None = None
         with open(self._stdout, "wb") as out, open(self._stderr, "wb") as err:
             # A process group of its own: what a terminal sends at Ctrl-C is meant for the program in front.
-            self._enter = subprocess.Popen(command, env=dict(environment), stdin=subprocess.DEVNULL, stdout=out, stderr=err,
-                                           process_group=0)
+            self._enter = subprocess.Popen(
+                command, env=dict(environment), stdin=subprocess.DEVNULL, stdout=out, stderr=err, process_group=0
+            )
         self._ended = ended
         self._waiter = threading.Thread(target=self._wait, name=f"wait for {name}", daemon=True)
         self._waiter.start()
@@ -164,15 +171,21 @@ class Process:
 class Sandbox:
     """One sandbox, alive from construction to `close()`, or until this process dies in whatever way."""
 
-    def __init__(self, work: Path, tools: Path, exposed: Sequence[Path] = (),
-                 ended: Callable[[Process], None] = lambda process: None) -> None:
+    def __init__(
+        self, work: Path, tools: Path, exposed: Sequence[Path] = (), ended: Callable[[Process], None] = lambda process: None
+    ) -> None:
         self._work = work
         self._ended = ended
         self._processes: list[Process] = []
         self._outputs = work / "output"
         self._outputs.mkdir()
-        self._keeper = subprocess.Popen([tools / "vantora-sim-sandbox", work, *exposed], stdin=subprocess.PIPE,
-                                        stdout=subprocess.PIPE, stderr=subprocess.PIPE, process_group=0)
+        self._keeper = subprocess.Popen(
+            [tools / "vantora-sim-sandbox", work, *exposed],
+            stdin=subprocess.PIPE,
+            stdout=subprocess.PIPE,
+            stderr=subprocess.PIPE,
+            process_group=0,
+        )
         self._init: int | None = None
 
     @property
@@ -206,8 +219,9 @@ class Sandbox:
         self._processes.append(process)
         return process
 
-    def run(self, argv: Sequence[str | Path], environment: Mapping[str, str | None] | None = None,
-            timeout: float = DEADLINE) -> Completed:
+    def run(
+        self, argv: Sequence[str | Path], environment: Mapping[str, str | None] | None = None, timeout: float = DEADLINE
+    ) -> Completed:
         """Run a program in the sandbox to its end."""
         process = self.start(argv, environment)
         status = process.wait(timeout)

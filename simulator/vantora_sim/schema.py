@@ -15,9 +15,33 @@ from typing import Any
 
 from .json_lines import Located
 
-_TYPES = {"object": dict, "array": list, "string": str, "boolean": bool, "integer": int, "number": (int, float), "null": type(None)}
-_WORDS = {"$defs", "$ref", "$schema", "additionalProperties", "default", "description", "enum", "items", "maximum", "minLength",
-          "minimum", "pattern", "properties", "required", "title", "type"}
+_TYPES = {
+    "object": dict,
+    "array": list,
+    "string": str,
+    "boolean": bool,
+    "integer": int,
+    "number": (int, float),
+    "null": type(None),
+}
+_WORDS = {
+    "$defs",
+    "$ref",
+    "$schema",
+    "additionalProperties",
+    "default",
+    "description",
+    "enum",
+    "items",
+    "maximum",
+    "minLength",
+    "minimum",
+    "pattern",
+    "properties",
+    "required",
+    "title",
+    "type",
+}
 
 
 @dataclass(frozen=True)
@@ -74,12 +98,12 @@ class _Checker:
                 yield from self.check(value, known[name], inner)
             elif others is False:
                 close = difflib.get_close_matches(name, known, 1)
-                yield Finding(value.line, inner, "there is no such field" + (f"; is \"{close[0]}\" meant?" if close else ""))
+                yield Finding(value.line, inner, "there is no such field" + (f'; is "{close[0]}" meant?' if close else ""))
             else:
                 yield from self.check(value, others, inner)
         for name in schema.get("required", []):
             if name not in located.value:
-                yield Finding(located.line, field, f"\"{name}\" is missing")
+                yield Finding(located.line, field, f'"{name}" is missing')
 
 
 def _is_allowed(value: Any, schema: dict[str, Any]) -> bool:

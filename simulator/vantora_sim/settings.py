@@ -104,8 +104,10 @@ class Settings(DBusFake):
     def _write(self, section: str, key: str, value: Variant) -> None:
         known = self._values[section][key]
         if known.signature != value.signature:
-            raise CallRefused("org.freedesktop.DBus.Error.InvalidArgs",
-                              f"Incorrect signature, expected {known.signature}, got {value.signature}.")
+            raise CallRefused(
+                "org.freedesktop.DBus.Error.InvalidArgs",
+                f"Incorrect signature, expected {known.signature}, got {value.signature}.",
+            )
         if (section, key) in REFUSALS and value != self.defaults.get(section, {}).get(key):
             allowed, reason = REFUSALS[section, key]
             if not allowed(value.value):

@@ -53,5 +53,6 @@ class SettingsDaemon:
         return plain(self._ask(section, "Get", "ss", key)[0])
 
     def _ask(self, section: str, member: str, signature: str, *args: Any) -> list[Any]:
-        return self._world.call_service_async(settings.SERVICE, f"{settings.BASE_PATH}/{section}", PROPERTIES, member, signature,
-                                              [settings.SERVICE, *args]).result(60)
+        return self._world.call_service_async(
+            settings.SERVICE, f"{settings.BASE_PATH}/{section}", PROPERTIES, member, signature, [settings.SERVICE, *args]
+        ).result(60)

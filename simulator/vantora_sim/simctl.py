@@ -28,8 +28,14 @@ def find_device() -> Path:
     """The control socket of the only device of this user."""
     if CONTROL_VARIABLE in os.environ:
         return Path(os.environ[CONTROL_VARIABLE])
-    found = sorted({path for folder in _folders() for path in folder.glob(f"{WORK_PREFIX}*/{CONTROL_SOCKET}")
-                    if path.parent.stat().st_uid == os.geteuid() and _answers(path)})
+    found = sorted(
+        {
+            path
+            for folder in _folders()
+            for path in folder.glob(f"{WORK_PREFIX}*/{CONTROL_SOCKET}")
+            if path.parent.stat().st_uid == os.geteuid() and _answers(path)
+        }
+    )
     if not found:
         raise NotRunning("no vantora-sim of this user is running")
     if len(found) > 1:

@@ -22,8 +22,10 @@ class Systemd(DBusFake):
 
     def __init__(self, *args: Any) -> None:
         super().__init__(*args)
-        self.active: dict[str, bool] = {name: False for name in (
-            units.HOSTAPD, units.STATION, units.DHCP_SERVER, units.DHCP_CLIENT, units.WIRED_DHCP_SERVER)}
+        self.active: dict[str, bool] = {
+            name: False
+            for name in (units.HOSTAPD, units.STATION, units.DHCP_SERVER, units.DHCP_CLIENT, units.WIRED_DHCP_SERVER)
+        }
         """Known units and whether each runs. Remove one to make it a unit that does not exist."""
         self.states: dict[str, str] = {}
         """What ActiveState says instead of active or inactive: "activating", "failed", ..."""
@@ -56,8 +58,9 @@ class Systemd(DBusFake):
             return self._property(call, unit)
         if call.interface == UNIT and call.member in ("Start", "Restart", "Stop") and call.signature == "s":
             return await self._job(call.member, unit)
-        raise CallRefused("org.freedesktop.DBus.Error.UnknownMethod",
-                          f"Unknown method {call.member} or interface {call.interface}.")
+        raise CallRefused(
+            "org.freedesktop.DBus.Error.UnknownMethod", f"Unknown method {call.member} or interface {call.interface}."
+        )
 
     def _manager(self, call: Call) -> tuple[str, list[Any]]:
         match (call.member, call.signature):
@@ -112,8 +115,11 @@ class Systemd(DBusFake):
 
     def _property(self, call: Call, unit: str) -> tuple[str, list[Any]]:
         state = self.states.get(unit) or ("active" if self.active.get(unit) else "inactive")
-        known = {"Id": Variant("s", unit), "ActiveState": Variant("s", state),
-                 "LoadState": Variant("s", "loaded" if unit in self.active else "not-found")}
+        known = {
+            "Id": Variant("s", unit),
+            "ActiveState": Variant("s", state),
+            "LoadState": Variant("s", "loaded" if unit in self.active else "not-found"),
+        }
         if call.member == "Get" and call.args[1] in known:
             return "v", [known[call.args[1]]]
         if call.member == "GetAll":

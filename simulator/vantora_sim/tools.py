@@ -90,8 +90,9 @@ class Tool:
 
     async def act(self, arguments: list[str]) -> Output | Killed | RealProgram:
         """What this run of the command shall do (on the loop)."""
-        words = [" ".join(arguments[first:last]) for first in range(len(arguments))
-                 for last in range(first + 1, len(arguments) + 1)]
+        words = [
+            " ".join(arguments[first:last]) for first in range(len(arguments)) for last in range(first + 1, len(arguments) + 1)
+        ]
         action = self._faults.take(self.name, tuple(words))
         if isinstance(action, Hang):
             await self._owner.released.wait()
@@ -114,8 +115,14 @@ class Tools:
         self._server: asyncio.AbstractServer | None = None
         self._connections: set[asyncio.Task[Any]] = set()
         self.released = asyncio.Event()
-        truths = {"rfkill": self._rfkill, "iw": self._iw, "ip": lambda arguments: RealProgram(), "killall": self._killall,
-                  "wpa_cli": self._wpa_cli, "wpa_passphrase": self._wpa_passphrase}
+        truths = {
+            "rfkill": self._rfkill,
+            "iw": self._iw,
+            "ip": lambda arguments: RealProgram(),
+            "killall": self._killall,
+            "wpa_cli": self._wpa_cli,
+            "wpa_passphrase": self._wpa_passphrase,
+        }
         self._tools = {name: Tool(name, truths[name], self) for name in NAMES}
 
     def __getitem__(self, name: str) -> Tool:
@@ -134,9 +141,11 @@ class Tools:
 
     def release(self) -> None:
         """Let all commands that hang go on."""
+
         def let_go() -> None:
             self.released.set()
             self.released = asyncio.Event()
+
         self._loop.call(let_go)
 
     def install(self, folder: Path, program: Path) -> None:
@@ -164,7 +173,7 @@ class Tools:
         assert task is not None
         self._connections.add(task)
         try:
-            size, = struct.unpack("=I", await reader.readexactly(4))
+            (size,) = struct.unpack("=I", await reader.readexactly(4))
             request = await reader.readexactly(size)
             argv = [word.decode(errors="surrogateescape") for word in request.split(b"\0")[:-1]]
             await self._catch_up()
@@ -185,8 +194,12 @@ class Tools:
                 if not self._radio.present:
                     return Output()
                 blocked = {True: "yes", False: "no"}
-                return Output((f"0: phy0: Wireless LAN\n\tSoft blocked: {blocked[self._radio.soft_blocked]}\n"
-                               f"\tHard blocked: {blocked[self._radio.hard_blocked]}\n").encode())
+                return Output(
+                    (
+                        f"0: phy0: Wireless LAN\n\tSoft blocked: {blocked[self._radio.soft_blocked]}\n"
+                        f"\tHard blocked: {blocked[self._radio.hard_blocked]}\n"
+                    ).encode()
+                )
             case ["block", "wlan" | "wifi" | "all"]:
                 self._radio.block(soft=True)
                 return Output()
@@ -207,8 +220,10 @@ class Tools:
             lines.append(b"\tssid " + printable(ssid))
         lines += [f"\ttype {radio.interface_type}".encode(), b"\twiphy 0"]
         if ssid:
-            lines.append(f"\tchannel {channel(radio.frequency)} ({radio.frequency} MHz), width: 20 MHz (no HT), "
-                         f"center1: {radio.frequency} MHz".encode())
+            lines.append(
+                f"\tchannel {channel(radio.frequency)} ({radio.frequency} MHz), width: 20 MHz (no HT), "
+                f"center1: {radio.frequency} MHz".encode()
+            )
         if radio.tx_power is not None:
             lines.append(f"\ttxpower {radio.tx_power} dBm".encode())
         return Output(b"\n".join(lines) + b"\n")
@@ -223,11 +238,21 @@ class Tools:
             return Output(b"Selected interface 'wlan0'\nUNKNOWN COMMAND\n")
         lines = [b"Selected interface 'wlan0'"]
         if self._radio.station_ssid is not None:
-            lines += [f"bssid={self._radio.station_bssid}".encode(), f"freq={self._radio.frequency}".encode(),
-                      b"ssid=" + printable(self._radio.station_ssid), b"id=0", b"mode=station", b"pairwise_cipher=CCMP",
-                      b"group_cipher=CCMP", b"key_mgmt=WPA2-PSK"]
-        lines += [f"wpa_state={self._radio.station_state}".encode(), f"address={self._radio.mac}".encode(),
-                  b"uuid=5c1e6d0e-7e4d-5b43-9a8f-3f0c2d6a1b77"]
+            lines += [
+                f"bssid={self._radio.station_bssid}".encode(),
+                f"freq={self._radio.frequency}".encode(),
+                b"ssid=" + printable(self._radio.station_ssid),
+                b"id=0",
+                b"mode=station",
+                b"pairwise_cipher=CCMP",
+                b"group_cipher=CCMP",
+                b"key_mgmt=WPA2-PSK",
+            ]
+        lines += [
+            f"wpa_state={self._radio.station_state}".encode(),
+            f"address={self._radio.mac}".encode(),
+            b"uuid=5c1e6d0e-7e4d-5b43-9a8f-3f0c2d6a1b77",
+        ]
         return Output(b"\n".join(lines) + b"\n")
 
     def _wpa_passphrase(self, arguments: list[str]) -> Output:
@@ -250,8 +275,7 @@ def channel(frequency: int) -> int:
 def printable(name: bytes) -> bytes:
     """A network name as the wireless tools print it: one line of ASCII with escapes for the rest."""
     special = {0x22: b'\\"', 0x5C: b"\\\\", 0x1B: b"\\e", 0x0A: b"\\n", 0x0D: b"\\r", 0x09: b"\\t"}
-    return b"".join(special.get(byte) or (bytes([byte]) if 32 <= byte <= 126 else f"\\x{byte:02x}".encode())
-                    for byte in name)
+    return b"".join(special.get(byte) or (bytes([byte]) if 32 <= byte <= 126 else f"\\x{byte:02x}".encode()) for byte in name)
 
 
 def _order(action: Output | Killed | RealProgram) -> bytes:
@@ -260,5 +284,10 @@ def _order(action: Output | Killed | RealProgram) -> bytes:
         return b"x" + struct.pack("=I", 0)
     if isinstance(action, Killed):
         return b"k" + struct.pack("=I", action.signal)
-    return (b"r" + struct.pack("=II", action.status, len(action.stdout)) + action.stdout
-            + struct.pack("=I", len(action.stderr)) + action.stderr)
+    return (
+        b"r"
+        + struct.pack("=II", action.status, len(action.stdout))
+        + action.stdout
+        + struct.pack("=I", len(action.stderr))
+        + action.stderr
+    )

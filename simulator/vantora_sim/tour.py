@@ -105,7 +105,7 @@ def _steps(guide: Guide, home: Network) -> None:
         guide.check("WiFiFrequency", "2.4")
 
     guide.step("Another SSID, as another program of the device stores it")
-    guide.do("store device.deviceName \"Living Room\"")
+    guide.do('store device.deviceName "Living Room"')
     device.settings_daemon.change("device", "deviceName", "Living Room")
     # Its value is announced while hostapd starts anew: there may be none just then.
     guide.expect(changed("SSID"), changed("WiFiAccessPointInitialised", True))
@@ -123,13 +123,13 @@ def _steps(guide: Guide, home: Network) -> None:
     guide.expect(signal("AccessPointsChanged"))
     guide.check("AccessPoints", lambda found: ssid in [name for name, *_ in found])
 
-    guide.step(f"Connect to \"{ssid}\" with a wrong passphrase")
-    guide.do(f"call Connect \"{ssid}\" \"{_WRONG_KEY}\"")
+    guide.step(f'Connect to "{ssid}" with a wrong passphrase')
+    guide.do(f'call Connect "{ssid}" "{_WRONG_KEY}"')
     world.call("Connect", "ss", [ssid, _WRONG_KEY])
     guide.expect(changed("WiFiClientState", "failed"))
 
     guide.step("Connect with the right one")
-    guide.do(f"call Connect \"{ssid}\" \"{home.passphrase}\"")
+    guide.do(f'call Connect "{ssid}" "{home.passphrase}"')
     world.call("Connect", "ss", [ssid, home.passphrase])
     guide.expect(changed("WiFiClientState", "completed"))
     guide.expect(changed("IPAddress", (home.address or "").partition("/")[0]))
@@ -176,8 +176,11 @@ def unsuited(plan: Plan) -> str:
 def _for_the_tour(plan: Plan) -> Plan:
     """The world as the tour finds it: an access point in the 2.4 GHz band, and nobody who comes by himself."""
     stored = {**plan.settings.get("network", {}), "enabled": True, "mode": "Host", "frequency": "2.4"}
-    return dataclasses.replace(plan, settings={**plan.settings, "network": stored},
-                               visitors=[dataclasses.replace(visitor, joins_after=None) for visitor in plan.visitors])
+    return dataclasses.replace(
+        plan,
+        settings={**plan.settings, "network": stored},
+        visitors=[dataclasses.replace(visitor, joins_after=None) for visitor in plan.visitors],
+    )
 
 
 def run(plan: Plan, build: Path, out: TextIO, *, verbose: bool = False) -> int:

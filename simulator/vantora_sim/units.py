@@ -16,8 +16,10 @@ _PREFIX = "/org/freedesktop/systemd1/unit/"
 
 def unit_path(name: str) -> str:
     """The object path of a unit: every byte that is no letter or digit, and a leading digit, as _xx."""
-    escaped = "".join(chr(byte) if chr(byte).isascii() and chr(byte).isalnum() and (position or not chr(byte).isdigit())
-                      else f"_{byte:02x}" for position, byte in enumerate(name.encode()))
+    escaped = "".join(
+        chr(byte) if chr(byte).isascii() and chr(byte).isalnum() and (position or not chr(byte).isdigit()) else f"_{byte:02x}"
+        for position, byte in enumerate(name.encode())
+    )
     return _PREFIX + (escaped or "_")
 
 
@@ -25,4 +27,4 @@ def unit_name(path: str) -> str | None:
     """The unit of an object path; None when the path is not one of a unit."""
     if not path.startswith(_PREFIX):
         return None
-    return re.sub(r"_([0-9a-f]{2})", lambda match: chr(int(match[1], 16)), path[len(_PREFIX):])
+    return re.sub(r"_([0-9a-f]{2})", lambda match: chr(int(match[1], 16)), path[len(_PREFIX) :])

@@ -12,16 +12,31 @@ from .dbus_fake import CallRefused
 from .device import SimulatedDevice
 from .journal import Entry
 
-PROPERTIES = ("WiFiState", "Mode", "SSID", "WiFiFrequency", "WiFiAccessPointInitialised", "WiFiConnectedClients", "WiFiClientState",
-              "ClientSSID", "IPAddress", "MacAddress", "WiFiSignal", "WiFiAvailableFrequencies", "AccessPoints")
+PROPERTIES = (
+    "WiFiState",
+    "Mode",
+    "SSID",
+    "WiFiFrequency",
+    "WiFiAccessPointInitialised",
+    "WiFiConnectedClients",
+    "WiFiClientState",
+    "ClientSSID",
+    "IPAddress",
+    "MacAddress",
+    "WiFiSignal",
+    "WiFiAvailableFrequencies",
+    "AccessPoints",
+)
 _MANY = 6
 
 
 def show(value: Any) -> str:
     """A property's value on one line."""
     if isinstance(value, list) and value and isinstance(value[0], list):
-        shown = ", ".join(f"{json.dumps(name, ensure_ascii=False)} {signal} dBm{'' if privacy else ' open'}"
-                          for name, privacy, signal, _ in value[:_MANY])
+        shown = ", ".join(
+            f"{json.dumps(name, ensure_ascii=False)} {signal} dBm{'' if privacy else ' open'}"
+            for name, privacy, signal, _ in value[:_MANY]
+        )
         return f"{len(value)} networks: {shown}" + (", ..." if len(value) > _MANY else "")
     return json.dumps(value, ensure_ascii=False)
 
@@ -40,8 +55,7 @@ def table(device: SimulatedDevice) -> str:
 
 def addresses(device: SimulatedDevice) -> str:
     """Where the buses are reached."""
-    return (f"  user bus    {device.world.user_bus.address}\n"
-            f"  system bus  {device.world.system_bus.address}")
+    return f"  user bus    {device.world.user_bus.address}\n" f"  system bus  {device.world.system_bus.address}"
 
 
 def instructions(device: SimulatedDevice) -> str:
@@ -49,15 +63,17 @@ def instructions(device: SimulatedDevice) -> str:
     target = f"{SERVICE} {PATH} {INTERFACE}"
     known = device.plan.joinable
     names = [known.ssid.decode(), known.passphrase] if known else ["NAME", "PASSPHRASE"]
-    return "\n".join((
-        f"  export DBUS_SESSION_BUS_ADDRESS={device.world.user_bus.address}",
-        f"  busctl --user get-property {target} Mode SSID WiFiConnectedClients",
-        f"  busctl --user set-property {target} Mode s Client",
-        f"  busctl --user call {target} Scan",
-        f"  busctl --user get-property {target} AccessPoints",
-        f"  busctl --user call {target} Connect ss {shlex.join(names)}",
-        f"  busctl --user monitor {SERVICE}",
-    ))
+    return "\n".join(
+        (
+            f"  export DBUS_SESSION_BUS_ADDRESS={device.world.user_bus.address}",
+            f"  busctl --user get-property {target} Mode SSID WiFiConnectedClients",
+            f"  busctl --user set-property {target} Mode s Client",
+            f"  busctl --user call {target} Scan",
+            f"  busctl --user get-property {target} AccessPoints",
+            f"  busctl --user call {target} Connect ss {shlex.join(names)}",
+            f"  busctl --user monitor {SERVICE}",
+        )
+    )
 
 
 class LiveView:

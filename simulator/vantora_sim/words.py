@@ -18,9 +18,12 @@ _NETWORK = "name (SSID) or address (BSSID)"
 def make_parser(kind: type[argparse.ArgumentParser] = argparse.ArgumentParser) -> argparse.ArgumentParser:
     """The command line of vantora-simctl, as a parser of this kind."""
     parser = kind(prog="vantora-simctl", description="Changes the world of a running vantora-sim.")
-    parser.add_argument("--control", type=Path, metavar="SOCKET",
-                        help=f"control socket of the device (default: ${CONTROL_VARIABLE}, else that of the only device of "
-                             "this user)")
+    parser.add_argument(
+        "--control",
+        type=Path,
+        metavar="SOCKET",
+        help=f"control socket of the device (default: ${CONTROL_VARIABLE}, else that of the only device of " "this user)",
+    )
     commands = parser.add_subparsers(dest="command", required=True, metavar="COMMAND")
 
     show = commands.add_parser("show", help="show how things really are")
@@ -33,16 +36,22 @@ def make_parser(kind: type[argparse.ArgumentParser] = argparse.ArgumentParser) -
     add.add_argument("--band", choices=("2.4", "5"))
     add.add_argument("--channel", type=int)
     add.add_argument("--signal", type=int, metavar="DBM", help="-60 when not given")
-    add.add_argument("--security", choices=("open", "wep", "wpa2", "wpa2-wpa3", "wpa3", "enterprise"),
-                     help="wpa2 with --passphrase, else open")
+    add.add_argument(
+        "--security",
+        choices=("open", "wep", "wpa2", "wpa2-wpa3", "wpa3", "enterprise"),
+        help="wpa2 with --passphrase, else open",
+    )
     add.add_argument("--passphrase")
     add.add_argument("--hidden", action="store_true", default=None)
     dhcp = add.add_mutually_exclusive_group()
     dhcp.add_argument("--address", metavar="ADDRESS/LENGTH", help="what its DHCP server gives the device")
     dhcp.add_argument("--no-dhcp", action="store_true", help="it has no DHCP server")
 
-    for name, text in (("remove", "take a network off the air"), ("signal", "change how strongly a network is received"),
-                       ("key", "change the passphrase of a network")):
+    for name, text in (
+        ("remove", "take a network off the air"),
+        ("signal", "change how strongly a network is received"),
+        ("key", "change the passphrase of a network"),
+    ):
         command = commands.add_parser(name, help=text)
         command.add_argument("network", metavar="NETWORK", help=_NETWORK)
         if name == "signal":
@@ -51,10 +60,16 @@ def make_parser(kind: type[argparse.ArgumentParser] = argparse.ArgumentParser) -
             command.add_argument("passphrase", metavar="PASSPHRASE")
 
     for name, text in (("join", "let a station join the access point"), ("leave", "let a station leave it")):
-        commands.add_parser(name, help=text).add_argument("station", metavar="STATION", help="name or address in the world file")
+        commands.add_parser(name, help=text).add_argument(
+            "station", metavar="STATION", help="name or address in the world file"
+        )
 
-    for name, text in (("kill", "kill a daemon"), ("hang", "make a daemon hang"), ("release", "let a daemon go on that hangs"),
-                       ("start", "start a daemon again")):
+    for name, text in (
+        ("kill", "kill a daemon"),
+        ("hang", "make a daemon hang"),
+        ("release", "let a daemon go on that hangs"),
+        ("start", "start a daemon again"),
+    ):
         commands.add_parser(name, help=text).add_argument("neighbour", choices=NAMES)
 
     radio = commands.add_parser("radio", help="block or unblock the radio, as rfkill does")

@@ -86,8 +86,16 @@ def _remove_tree(work: Path) -> None:
 class World:
     """One private world. Enter it to bring it up; leaving it takes everything down and leaves nothing behind."""
 
-    def __init__(self, build: Path, *, device: dict[str, str] | None = None, hostapd_template: str | None = HOSTAPD_TEMPLATE,
-                 kernel_command_line: str = KERNEL_COMMAND_LINE, exposed: Sequence[Path] = (), lasting: bool = False) -> None:
+    def __init__(
+        self,
+        build: Path,
+        *,
+        device: dict[str, str] | None = None,
+        hostapd_template: str | None = HOSTAPD_TEMPLATE,
+        kernel_command_line: str = KERNEL_COMMAND_LINE,
+        exposed: Sequence[Path] = (),
+        lasting: bool = False,
+    ) -> None:
         """`build` is the folder with the executables. `device` adds to or replaces DEVICE; a template of None means that
         /etc/hostapd.conf is missing. A lasting world is for days and for people: its journal forgets, and its neighbours
         answer at once instead of bringing the journal into order first."""
@@ -143,7 +151,12 @@ class World:
 
     def _furnish(self) -> None:
         run = self.work / "run"
-        for folder in (run / "sim/etc/upper/korrin", run / "sim/etc/upper/wpa_supplicant", run / "sim/etc/scratch", self.work / "tmp"):
+        for folder in (
+            run / "sim/etc/upper/korrin",
+            run / "sim/etc/upper/wpa_supplicant",
+            run / "sim/etc/scratch",
+            self.work / "tmp",
+        ):
             folder.mkdir(parents=True)
         for folder in (run, self.work / "tmp"):
             folder.chmod(0o755)
@@ -201,12 +214,18 @@ class World:
         """Wait until the daemon has told the service manager that it is ready."""
         ready, ended = notify("READY=1"), exited(self.daemon.name if self.daemon else ...)
         entry = self.journal.wait_until(
-            lambda: next((entry for entry in self.journal.since(self._started) if ready.matches(entry) or ended.matches(entry)),
-                         None), "the daemon to be ready", timeout)
+            lambda: next(
+                (entry for entry in self.journal.since(self._started) if ready.matches(entry) or ended.matches(entry)), None
+            ),
+            "the daemon to be ready",
+            timeout,
+        )
         if ended.matches(entry):
             assert self.daemon is not None
-            raise AssertionError(f"the daemon ended with status {entry.status} before it was ready\n{self.daemon.stderr}\n"
-                                 f"{self.journal.dump()}")
+            raise AssertionError(
+                f"the daemon ended with status {entry.status} before it was ready\n{self.daemon.stderr}\n"
+                f"{self.journal.dump()}"
+            )
 
     def wait_up(self, timeout: float = DEADLINE) -> None:
         """Wait until the daemon's deferred start-up is over: all reactions are connected, kernel addresses are followed."""
@@ -226,7 +245,10 @@ class World:
         if self.hostapd.running and self.journal.count(starting, self._started):
             self.journal.wait_until(
                 lambda: self.journal.count(attaching, self._started) or self.journal.count(given_up, self._started),
-                "the daemon to listen to hostapd", timeout, self._started)
+                "the daemon to listen to hostapd",
+                timeout,
+                self._started,
+            )
             self.loop.call(lambda: None)  # by then the request is answered
 
     def wait_follows_addresses(self, timeout: float = DEADLINE) -> None:
@@ -280,14 +302,16 @@ class World:
         """Call a method of the daemon; returns the values of the reply. A refusal raises CallRefused."""
         return self.call_async(member, signature, args).result(60)
 
-    def call_async(self, member: str, signature: str = "", args: list[Any] | None = None,
-                   interface: str = INTERFACE) -> "concurrent.futures.Future[list[Any]]":
+    def call_async(
+        self, member: str, signature: str = "", args: list[Any] | None = None, interface: str = INTERFACE
+    ) -> "concurrent.futures.Future[list[Any]]":
         """The same without waiting: `.done()`, `.result(timeout)`. Interface "org.freedesktop.DBus.Properties" works, too."""
         assert self._client
         return self.call_service_async(SERVICE, PATH, interface, member, signature, args)
 
-    def call_service_async(self, service: str, path: str, interface: str, member: str, signature: str = "",
-                           args: list[Any] | None = None) -> "concurrent.futures.Future[list[Any]]":
+    def call_service_async(
+        self, service: str, path: str, interface: str, member: str, signature: str = "", args: list[Any] | None = None
+    ) -> "concurrent.futures.Future[list[Any]]":
         """Call a method of any service on the user bus without waiting."""
         assert self._client
         return self.loop.submit(self._client.call(service, path, interface, member, signature, args))

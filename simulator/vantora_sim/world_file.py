@@ -56,7 +56,7 @@ def read_world(name: str) -> Plan:
 def check_network(network: dict[str, Any]) -> Iterator[tuple[str, str]]:
     """What is wrong with a network that the schema is content with: (field, what is wrong)."""
     if ("ssid" in network) == ("ssid_hex" in network):
-        yield "", "needs \"ssid\" or \"ssid_hex\", and not both"
+        yield "", 'needs "ssid" or "ssid_hex", and not both'
     if len(network.get("ssid", "").encode()) > LONGEST_SSID:
         yield "ssid", f"is longer than {LONGEST_SSID} bytes"
     band = network.get("band", "2.4")
@@ -64,9 +64,9 @@ def check_network(network: dict[str, Any]) -> Iterator[tuple[str, str]]:
         yield "channel", f"there is no channel {network['channel']} in the {band} GHz band"
     security = network.get("security")
     if security in WITH_PASSPHRASE and "passphrase" not in network:
-        yield "security", f"\"{security}\" needs a \"passphrase\""
+        yield "security", f'"{security}" needs a "passphrase"'
     if security in ("open", "enterprise") and "passphrase" in network:
-        yield "passphrase", f"a network with security \"{security}\" has none"
+        yield "passphrase", f'a network with security "{security}" has none'
     if network.get("address") is not None:
         try:
             ipaddress.IPv4Interface(network["address"])
@@ -118,16 +118,22 @@ def _made_up(taken: set[str], prefix: str, number: int) -> str:
 
 def _plan(document: dict[str, Any]) -> Plan:
     networks, stations = document.get("networks", []), document.get("stations", [])
-    taken = {item[field].lower() for items, field in ((networks, "bssid"), (stations, "mac")) for item in items if field in item}
+    taken = {
+        item[field].lower() for items, field in ((networks, "bssid"), (stations, "mac")) for item in items if field in item
+    }
     for number, network in enumerate(networks):
         network.setdefault("bssid", _made_up(taken, "02:00:00:01", number))
     for number, station in enumerate(stations, start=0x4001):
         station.setdefault("mac", _made_up(taken, "02:00:00:00", number))
     visitors = [Visitor(station["name"], station["mac"].lower(), station.get("joins_after")) for station in stations]
-    return Plan(name=document["name"], device={key: str(value) for key, value in document.get("device", {}).items()},
-                networks=[make_network(network, number) for number, network in enumerate(networks)],
-                visitors=visitors, settings=document.get("settings", {}),
-                events=sorted(map(_event, document.get("events", [])), key=lambda event: event.at))
+    return Plan(
+        name=document["name"],
+        device={key: str(value) for key, value in document.get("device", {}).items()},
+        networks=[make_network(network, number) for number, network in enumerate(networks)],
+        visitors=visitors,
+        settings=document.get("settings", {}),
+        events=sorted(map(_event, document.get("events", [])), key=lambda event: event.at),
+    )
 
 
 def _event(event: dict[str, Any]) -> Event:
@@ -141,8 +147,14 @@ def as_document(plan: Plan) -> dict[str, Any]:
     if plan.device:
         document["device"] = {key: int(value) if key == "radio_type" else value for key, value in plan.device.items()}
     document["networks"] = [_network_document(network) for network in plan.networks]
-    document["stations"] = [{key: value for key, value in (("name", one.name), ("mac", one.mac), ("joins_after", one.joins_after))
-                             if value is not None} for one in plan.visitors]
+    document["stations"] = [
+        {
+            key: value
+            for key, value in (("name", one.name), ("mac", one.mac), ("joins_after", one.joins_after))
+            if value is not None
+        }
+        for one in plan.visitors
+    ]
     if plan.settings:
         document["settings"] = plan.settings
     if plan.events:
@@ -153,8 +165,15 @@ def as_document(plan: Plan) -> dict[str, Any]:
 def _network_document(network: Network) -> dict[str, Any]:
     text = printable(network.ssid)
     name = {"ssid": text} if text.encode() == network.ssid else {"ssid_hex": network.ssid.hex()}
-    found = {**name, "bssid": network.bssid, "band": network.band, "channel": network.channel, "signal": network.signal,
-             "security": network.security, "address": network.address}
+    found = {
+        **name,
+        "bssid": network.bssid,
+        "band": network.band,
+        "channel": network.channel,
+        "signal": network.signal,
+        "security": network.security,
+        "address": network.address,
+    }
     if network.passphrase:
         found["passphrase"] = network.passphrase
     if network.hidden:

@@ -39,14 +39,25 @@ class Bss:
         """All properties of its D-Bus object."""
         rsn: dict[str, Variant] = {}
         if self.key_mgmt:
-            rsn = {"KeyMgmt": Variant("as", list(self.key_mgmt)), "Pairwise": Variant("as", ["ccmp"]),
-                   "Group": Variant("s", "ccmp"), "MgmtGroup": Variant("s", "")}
+            rsn = {
+                "KeyMgmt": Variant("as", list(self.key_mgmt)),
+                "Pairwise": Variant("as", ["ccmp"]),
+                "Group": Variant("s", "ccmp"),
+                "MgmtGroup": Variant("s", ""),
+            }
         known = {
-            "SSID": Variant("ay", self.ssid), "BSSID": Variant("ay", self.bssid), "Privacy": Variant("b", self.privacy),
-            "Mode": Variant("s", "infrastructure"), "Signal": Variant("n", self.signal),
-            "Frequency": Variant("q", self.frequency), "Rates": Variant("au", [54000000, 48000000, 36000000, 24000000]),
-            "WPA": Variant("a{sv}", {}), "RSN": Variant("a{sv}", rsn), "WPS": Variant("a{sv}", {}),
-            "IEs": Variant("ay", b"\0" + bytes([len(self.ssid) & 255]) + self.ssid), "Age": Variant("u", 3),
+            "SSID": Variant("ay", self.ssid),
+            "BSSID": Variant("ay", self.bssid),
+            "Privacy": Variant("b", self.privacy),
+            "Mode": Variant("s", "infrastructure"),
+            "Signal": Variant("n", self.signal),
+            "Frequency": Variant("q", self.frequency),
+            "Rates": Variant("au", [54000000, 48000000, 36000000, 24000000]),
+            "WPA": Variant("a{sv}", {}),
+            "RSN": Variant("a{sv}", rsn),
+            "WPS": Variant("a{sv}", {}),
+            "IEs": Variant("ay", b"\0" + bytes([len(self.ssid) & 255]) + self.ssid),
+            "Age": Variant("u", 3),
         }
         known.update(self.extra)
         return {name: value for name, value in known.items() if name not in self.missing}
@@ -187,9 +198,13 @@ class WpaSupplicant(DBusFake):
             interface, values = BSS, self.bss[call.path].properties()
         elif call.path == INTERFACE_PATH:
             interface, values = INTERFACE, {
-                "State": Variant("s", self.state), "CurrentBSS": Variant("o", self.current_bss),
-                "BSSs": Variant("ao", list(self.bss)), "Networks": Variant("ao", list(self.networks)),
-                "Ifname": Variant("s", "wlan0"), "Scanning": Variant("b", False)}
+                "State": Variant("s", self.state),
+                "CurrentBSS": Variant("o", self.current_bss),
+                "BSSs": Variant("ao", list(self.bss)),
+                "Networks": Variant("ao", list(self.networks)),
+                "Ifname": Variant("s", "wlan0"),
+                "Scanning": Variant("b", False),
+            }
         else:
             raise _unknown_object(call)
         if call.member == "GetAll":
@@ -203,5 +218,7 @@ class WpaSupplicant(DBusFake):
 
 def _unknown_object(call: Call) -> CallRefused:
     """What its D-Bus library says about objects that it does not know."""
-    return CallRefused("org.freedesktop.DBus.Error.UnknownMethod", f'Method "{call.member}" with signature "{call.signature}" '
-                       f'on interface "{call.interface}" doesn\'t exist\n')
+    return CallRefused(
+        "org.freedesktop.DBus.Error.UnknownMethod",
+        f'Method "{call.member}" with signature "{call.signature}" ' f'on interface "{call.interface}" doesn\'t exist\n',
+    )

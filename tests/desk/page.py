@@ -32,7 +32,10 @@ class Page:
 
     def opened(self) -> "Page":
         """Wait until it is live and shows the device."""
-        self.until(lambda: self.text("#connection") == "live" and self.all("#properties td.value") and self.all("#networks li"), "the page")
+        self.until(
+            lambda: self.text("#connection") == "live" and self.all("#properties td.value") and self.all("#networks li"),
+            "the page",
+        )
         return self
 
     def all(self, selector: str) -> list[WebElement]:
@@ -72,6 +75,7 @@ class Page:
 
     def press(self, selector: str) -> None:
         """Press a button, as a keyboard does, as soon as it can be."""
+
         def press_it() -> bool:
             # What is shown anew while it is handled is looked for again.
             button = self.one(selector)
@@ -121,9 +125,11 @@ class Page:
 
     def downloaded(self, suffix: str) -> Path:
         """The file that the browser has saved."""
+
         def look() -> Path | None:
             found = [path for path in self._downloads.glob(f"*{suffix}") if path.stat().st_size]
             return found[0] if found else None
+
         return Path(self.until(look, f"a file *{suffix}"))
 
     def complaints(self) -> list[str]:

@@ -22,9 +22,19 @@ PATIENCE = float(os.environ.get("VANTORA_DESK_PATIENCE", "1"))
 """How many times as long as usual everything may take: for machines that are busy with other things."""
 DEADLINE = 40.0 * PATIENCE
 _LINK = re.compile(r"(http://127\.0\.0\.1:\d+)/#key=(\S+)")
-_FLAGS = ("--headless=new", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run", "--disable-background-networking",
-          "--disable-component-update", "--disable-sync", "--disable-dev-shm-usage", "--hide-scrollbars",
-          "--force-device-scale-factor=1")
+_FLAGS = (
+    "--headless=new",
+    "--no-sandbox",
+    "--disable-gpu",
+    "--disable-quic",
+    "--no-first-run",
+    "--disable-background-networking",
+    "--disable-component-update",
+    "--disable-sync",
+    "--disable-dev-shm-usage",
+    "--hide-scrollbars",
+    "--force-device-scale-factor=1",
+)
 
 
 class Running:
@@ -33,8 +43,15 @@ class Running:
     def __init__(self, build: Path, *options: str) -> None:
         program = ROOT / "simulator/vantora-sim"
         environment = {name: value for name, value in os.environ.items() if name not in ("DISPLAY", "WAYLAND_DISPLAY")}
-        self.process = subprocess.Popen([program, "--build-dir", build, *options], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                                        stderr=subprocess.STDOUT, text=True, env=environment, process_group=0)
+        self.process = subprocess.Popen(
+            [program, "--build-dir", build, *options],
+            stdin=subprocess.DEVNULL,
+            stdout=subprocess.PIPE,
+            stderr=subprocess.STDOUT,
+            text=True,
+            env=environment,
+            process_group=0,
+        )
         self._links: queue.Queue[tuple[str, str]] = queue.Queue()
         self.output: list[str] = []
         self._up = threading.Event()
@@ -101,10 +118,14 @@ def browser(profile: Path, *, width: int = 1400, height: int = 1000, dark: bool 
     driver.set_script_timeout(60 * PATIENCE)
     try:
         # The window of a headless browser has frames of its own; this is the page's size.
-        driver.execute_cdp_cmd("Emulation.setDeviceMetricsOverride",
-                               {"width": width, "height": height, "deviceScaleFactor": 1, "mobile": width < 600})
+        driver.execute_cdp_cmd(
+            "Emulation.setDeviceMetricsOverride",
+            {"width": width, "height": height, "deviceScaleFactor": 1, "mobile": width < 600},
+        )
         if dark:
-            driver.execute_cdp_cmd("Emulation.setEmulatedMedia", {"features": [{"name": "prefers-color-scheme", "value": "dark"}]})
+            driver.execute_cdp_cmd(
+                "Emulation.setEmulatedMedia", {"features": [{"name": "prefers-color-scheme", "value": "dark"}]}
+            )
         yield driver
     finally:
         driver.quit()

@@ -28,9 +28,14 @@ def axe(page: Page) -> list[str]:
     # The page's policy forbids scripts from elsewhere; the browser's own debugger may bring one in all the same.
     page.driver.execute_cdp_cmd("Runtime.evaluate", {"expression": Path(os.environ["VANTORA_AXE"]).read_text(encoding="utf-8")})
     found = page.driver.execute_async_script(
-        "const done = arguments[0]; axe.run(document, {resultTypes: ['violations']}).then((result) => done(result.violations), (e) => done(String(e)))")
+        "const done = arguments[0]; axe.run(document, {resultTypes: ['violations']}).then((result) => done(result.violations), (e) => done(String(e)))"
+    )
     assert isinstance(found, list), found
-    return [f"{finding['id']}: {finding['help']}: {node['html'][:160]} {node.get('failureSummary', '')[:200]}" for finding in found for node in finding["nodes"]]
+    return [
+        f"{finding['id']}: {finding['help']}: {node['html'][:160]} {node.get('failureSummary', '')[:200]}"
+        for finding in found
+        for node in finding["nodes"]
+    ]
 
 
 def test_the_names_of_an_office_are_text_wherever_they_are_shown(start: START, look: LOOK) -> None:
@@ -38,7 +43,9 @@ def test_the_names_of_an_office_are_text_wherever_they_are_shown(start: START, l
     device.wait_up()
     page = look(device).opened()
     for name in MARKUP:
-        page.put('#add-form [name="ssid"]', "") if page.one("#add-network").get_attribute("open") else page.one("#add-network summary").click()
+        page.put('#add-form [name="ssid"]', "") if page.one("#add-network").get_attribute("open") else page.one(
+            "#add-network summary"
+        ).click()
         page.driver.execute_script("document.querySelector('#add-form [name=ssid]').value = arguments[0]", name)
         page.press("#add-form button")
         page.until_text("#air-answer", "is on the air")
@@ -53,7 +60,9 @@ def test_the_names_of_an_office_are_text_wherever_they_are_shown(start: START, l
     page.until(lambda: page.one('[data-daemon="wpa_supplicant"]').get_attribute("data-how") == "running", "wpa_supplicant")
     page.press(".method:nth-of-type(2) button")  # Scan
     page.until(lambda: "networks" in page.value("AccessPoints"), "the list of networks")
-    made = page.driver.execute_script("return [document.images.length, document.scripts.length, document.title, document.querySelectorAll('bdi *').length]")
+    made = page.driver.execute_script(
+        "return [document.images.length, document.scripts.length, document.title, document.querySelectorAll('bdi *').length]"
+    )
     assert made == [1, 1, "Desk: office", 0]
     page.entries("<img src=x")
     page.one("#list").send_keys(Keys.HOME)
@@ -83,8 +92,10 @@ def test_an_accessibility_checker_finds_nothing(start: START, look: LOOK, width:
     assert axe(page) == []
     overflow = page.driver.execute_script("return document.documentElement.scrollWidth - document.documentElement.clientWidth")
     assert overflow == 0, "nothing sticks out to the side"
-    wide = page.driver.execute_script("return [...document.querySelectorAll('main *')].filter((one) => one.checkVisibility() && !one.closest('.scroll, .list, .detail, svg') "
-                                      "&& one.getBoundingClientRect().right > innerWidth + 1).map((one) => one.tagName + '#' + one.id + '.' + one.className)")
+    wide = page.driver.execute_script(
+        "return [...document.querySelectorAll('main *')].filter((one) => one.checkVisibility() && !one.closest('.scroll, .list, .detail, svg') "
+        "&& one.getBoundingClientRect().right > innerWidth + 1).map((one) => one.tagName + '#' + one.id + '.' + one.className)"
+    )
     assert wide == []
     bright = page.driver.execute_script("return getComputedStyle(document.body).backgroundColor")
     assert bright == ("rgb(14, 19, 27)" if dark else "rgb(243, 245, 249)")
@@ -94,7 +105,10 @@ def test_a_person_chooses_light_or_dark(start: START, look: LOOK) -> None:
     device = start("--desk")
     page = look(device).opened()
     page.one("#theme").send_keys("dark")
-    page.until(lambda: page.driver.execute_script("return getComputedStyle(document.body).backgroundColor") == "rgb(14, 19, 27)", "dark")
+    page.until(
+        lambda: page.driver.execute_script("return getComputedStyle(document.body).backgroundColor") == "rgb(14, 19, 27)",
+        "dark",
+    )
     page.driver.refresh()
     page.opened()
     assert page.driver.execute_script("return getComputedStyle(document.body).backgroundColor") == "rgb(14, 19, 27)"
@@ -106,21 +120,56 @@ def test_everything_is_reached_by_keyboard_in_the_order_of_the_page(start: START
     reached: list[str] = []
     for _ in range(220):
         ActionChains(page.driver).send_keys(Keys.TAB).perform()
-        reached.append(str(page.driver.execute_script("const a = document.activeElement; return a.id || a.getAttribute('aria-label') || a.textContent")))
+        reached.append(
+            str(
+                page.driver.execute_script(
+                    "const a = document.activeElement; return a.id || a.getAttribute('aria-label') || a.textContent"
+                )
+            )
+        )
         if "world-file" in reached:
             break
-    wanted = ["save", "open", "theme", "read-again", "new value of Mode", "write Mode", "signal of Attic, 02:00:00:00:30:07", "let tablet join", "hard-block",
-              "kill hostapd", "set network.mode", "search", "pause", "list", "detail", "script", "world-file"]
+    wanted = [
+        "save",
+        "open",
+        "theme",
+        "read-again",
+        "new value of Mode",
+        "write Mode",
+        "signal of Attic, 02:00:00:00:30:07",
+        "let tablet join",
+        "hard-block",
+        "kill hostapd",
+        "set network.mode",
+        "search",
+        "pause",
+        "list",
+        "detail",
+        "script",
+        "world-file",
+    ]
     assert [one for one in reached if one in wanted] == wanted
 
 
-@pytest.mark.parametrize(("seconds", "step", "text"), [(0, 0.01, "0.00 s"), (59.7, 1, "1:00"), (719.6, 1, "12:00"), (719.4, 1, "11:59"),
-                                                       (61.5, 0.01, "1:01.50"), (3599.999, 0.01, "1:00:00.00"), (3661, 1, "1:01:01")])
+@pytest.mark.parametrize(
+    ("seconds", "step", "text"),
+    [
+        (0, 0.01, "0.00 s"),
+        (59.7, 1, "1:00"),
+        (719.6, 1, "12:00"),
+        (719.4, 1, "11:59"),
+        (61.5, 0.01, "1:01.50"),
+        (3599.999, 0.01, "1:00:00.00"),
+        (3661, 1, "1:01:01"),
+    ],
+)
 def test_times_are_written_as_people_read_them(seconds: float, step: float, text: str) -> None:
     module = Path(__file__).resolve().parents[2] / "simulator/vantora_sim/desk/static/lanes.js"
     source = module.read_text(encoding="utf-8")
-    function = source[source.index("export function timeText"):source.index("// The first index")].replace("export ", "")
-    ran = subprocess.run(["node", "-e", f"{function}console.log(timeText({seconds}, {step}))"], capture_output=True, text=True, check=True)
+    function = source[source.index("export function timeText") : source.index("// The first index")].replace("export ", "")
+    ran = subprocess.run(
+        ["node", "-e", f"{function}console.log(timeText({seconds}, {step}))"], capture_output=True, text=True, check=True
+    )
     assert ran.stdout.strip() == text
 
 
@@ -131,8 +180,16 @@ def long_run(path: Path) -> None:
         file.write(json.dumps({"k": "run", "format": 1, "world": "long", "started": 1_700_000_000}) + "\n")
         for number in range(MANY):
             time = number * 3600 / MANY
-            entry: dict[str, Any] = {"k": "e", "i": number, "t": time, "lane": lanes[number * 7 % 8], "what": "log", "title": f"entry {number} of many",
-                                     "level": "err" if number % 997 == 0 else "info", "body": {"text": f"entry {number} of many", "priority": "info"}}
+            entry: dict[str, Any] = {
+                "k": "e",
+                "i": number,
+                "t": time,
+                "lane": lanes[number * 7 % 8],
+                "what": "log",
+                "title": f"entry {number} of many",
+                "level": "err" if number % 997 == 0 else "info",
+                "body": {"text": f"entry {number} of many", "priority": "info"},
+            }
             file.write(json.dumps(entry) + "\n")
             if number % 10 == 0:
                 file.write(json.dumps({"k": "sig", "t": time, "v": {"02:00:00:00:30:01": -40 - number // 10 % 40}}) + "\n")
@@ -165,7 +222,8 @@ def test_a_hundred_thousand_entries_are_drawn_searched_and_walked_quickly(start:
     page.press("#fit")
     searched = page.driver.execute_script(
         "const field = document.getElementById('search'); const began = performance.now(); field.value = 'entry 7777 of'; "
-        "field.dispatchEvent(new Event('input')); return performance.now() - began")
+        "field.dispatchEvent(new Event('input')); return performance.now() - began"
+    )
     print(f"search: {searched:.0f} ms")
     assert searched < 4 * SLOWEST
     page.until(lambda: page.titles() == ["entry 7777 of many"], "the entry")

@@ -49,7 +49,9 @@ def test_the_device_is_shown_as_it_publishes_itself_and_follows_what_it_announce
     page.until(lambda: page.value("WiFiConnectedClients") in ("1", "2"), "the station to be counted")
     page.until_text("#hero", "station")
     join_home(page)
-    page.until(lambda: page.value("IPAddress") == '"192.168.1.50"' and page.value("ClientSSID") == '"Casa Marisol"', "the address")
+    page.until(
+        lambda: page.value("IPAddress") == '"192.168.1.50"' and page.value("ClientSSID") == '"Casa Marisol"', "the address"
+    )
     page.until_text("#hero", "Station, connected")
     assert page.all(f'[data-bssid="{HOME}"].joined')
 
@@ -120,8 +122,12 @@ def test_stations_join_and_leave_and_radio_and_cable_are_switched(page: Page) ->
     page.press("#cable-plug")
     page.until_text("#switches", "eth0: 192.168.2.20/24")
     page.press("#hard-block")
-    page.until(lambda: page.value("WiFiState") == "0" or "Radio off" in page.text("#hero")
-               or page.one("#hard-block").get_attribute("aria-pressed") == "true", "the radio to be blocked")
+    page.until(
+        lambda: page.value("WiFiState") == "0"
+        or "Radio off" in page.text("#hero")
+        or page.one("#hard-block").get_attribute("aria-pressed") == "true",
+        "the radio to be blocked",
+    )
     page.until_text("#air-answer", "vantora-simctl radio block --hard")
 
 
@@ -167,8 +173,16 @@ def test_a_daemon_that_dies_is_gone_and_comes_back(page: Page) -> None:
 
 def test_each_lane_has_what_belongs_to_it_and_a_click_shows_all_of_it(page: Page) -> None:
     join_home(page)
-    wanted = {"world": "is received with -47 dBm", "dbus": 'Mode = "Client"', "log": "[WiFi] Start Client mode", "command": "rfkill list wlan",
-              "unit": "Stop hostapd.service", "hostapd": "AP-ENABLED", "wpa": 'State = "completed"', "address": "wlan0 has 192.168.8.1/24"}
+    wanted = {
+        "world": "is received with -47 dBm",
+        "dbus": 'Mode = "Client"',
+        "log": "[WiFi] Start Client mode",
+        "command": "rfkill list wlan",
+        "unit": "Stop hostapd.service",
+        "hostapd": "AP-ENABLED",
+        "wpa": 'State = "completed"',
+        "address": "wlan0 has 192.168.8.1/24",
+    }
     page.slide(f'[data-bssid="{HOME}"] input[type="range"]', 1)
     page.until_text("#air-answer", "is received with -47 dBm")
     for lane, text in wanted.items():
@@ -219,11 +233,16 @@ def test_the_curves_show_the_signals_and_above_them_the_station(page: Page) -> N
     join_home(page)
     page.allowed.append("getImageData")
     # What is drawn cannot be read from a canvas, so its picture is: it changes where the curves are when the view does.
-    painted = ("const c = document.getElementById(arguments[0]); const d = c.getContext('2d').getImageData(0, 0, c.width, c.height).data;"
-               "const seen = new Set(); for (let i = 0; i < d.length; i += 4) if (d[i + 3] > 200) seen.add(`${d[i]},${d[i+1]},${d[i+2]}`);"
-               "return [...seen]")
-    colours = page.until(lambda: {"36,86,201", "22,32,46", "176,48,124"} <= set(page.driver.execute_script(painted, "curves"))
-                         and page.driver.execute_script(painted, "curves"), "the curves")
+    painted = (
+        "const c = document.getElementById(arguments[0]); const d = c.getContext('2d').getImageData(0, 0, c.width, c.height).data;"
+        "const seen = new Set(); for (let i = 0; i < d.length; i += 4) if (d[i + 3] > 200) seen.add(`${d[i]},${d[i+1]},${d[i+2]}`);"
+        "return [...seen]"
+    )
+    colours = page.until(
+        lambda: {"36,86,201", "22,32,46", "176,48,124"} <= set(page.driver.execute_script(painted, "curves"))
+        and page.driver.execute_script(painted, "curves"),
+        "the curves",
+    )
     assert "22,32,46" in colours, "the station's state"
     assert {"36,86,201", "93,106,128"} <= set(page.driver.execute_script(painted, "lanes"))
 
@@ -256,7 +275,9 @@ def test_a_run_is_saved_and_opened_again_without_a_device(page: Page, start: STA
 # Record and replay
 
 
-def test_what_was_done_becomes_a_script_and_a_world_that_do_it_again(page: Page, start: START, build_dir: Path, tmp_path: Path) -> None:
+def test_what_was_done_becomes_a_script_and_a_world_that_do_it_again(
+    page: Page, start: START, build_dir: Path, tmp_path: Path
+) -> None:
     page.press('[aria-label="switch off Upstairs, 02:00:00:00:30:04"]')
     page.until(lambda: page.all(".network.removed"), "the network to be off")
     page.press('[data-station="tablet"]')
@@ -265,28 +286,37 @@ def test_what_was_done_becomes_a_script_and_a_world_that_do_it_again(page: Page,
     page.until_text("#deeds", 'Set WiFiFrequency = "5"')
     page.press("#script")
     script = page.downloaded(".txt").read_text()
-    for line in ("vantora-simctl remove 02:00:00:00:30:04", "vantora-simctl join tablet",
-                 "busctl --user set-property com.vantora.Network1 /com/vantora/Network1 com.vantora.Network1.WiFi WiFiFrequency s 5"):
+    for line in (
+        "vantora-simctl remove 02:00:00:00:30:04",
+        "vantora-simctl join tablet",
+        "busctl --user set-property com.vantora.Network1 /com/vantora/Network1 com.vantora.Network1.WiFi WiFiFrequency s 5",
+    ):
         assert line in script.splitlines()
     page.press("#world-file")
     world = tmp_path / "again.json"
     world.write_bytes(page.downloaded(".json").read_bytes())
     plan = read_world(str(world))
     assert [(event.command, event.arguments) for event in plan.events] == [
-        ("remove", {"network": "02:00:00:00:30:04"}), ("join", {"station": "tablet"})]
+        ("remove", {"network": "02:00:00:00:30:04"}),
+        ("join", {"station": "tablet"}),
+    ]
     assert "02:00:00:00:30:04" in [network.bssid for network in plan.networks], "as it was at first"
 
     # Both do it again.
-    check = ("vantora-simctl show --json | python3 -c 'import json, sys; found = json.load(sys.stdin); "
-             "here = [one[\"name\"] for one in found[\"stations\"] if one[\"here\"]]; "
-             "gone = \"02:00:00:00:30:04\" not in [one[\"bssid\"] for one in found[\"networks\"]]; "
-             "sys.exit(0 if gone and \"tablet\" in here else 9)'")
+    check = (
+        "vantora-simctl show --json | python3 -c 'import json, sys; found = json.load(sys.stdin); "
+        'here = [one["name"] for one in found["stations"] if one["here"]]; '
+        'gone = "02:00:00:00:30:04" not in [one["bssid"] for one in found["networks"]]; '
+        'sys.exit(0 if gone and "tablet" in here else 9)\''
+    )
     (tmp_path / "again.sh").write_text(f"PATH={ROOT}/simulator:$PATH\n{script}\n{check}\n")
     run_sim = [ROOT / "simulator/vantora-sim", "--build-dir", build_dir]
     ran = subprocess.run([*run_sim, "--", "sh", tmp_path / "again.sh"], capture_output=True, text=True, timeout=120 * PATIENCE)
     assert ran.returncode == 0, ran.stderr[-2000:]
     waited = f"PATH={ROOT}/simulator:$PATH\nfor i in $(seq 60); do {check} && exit 0; sleep 0.5; done; exit 9"
-    ran = subprocess.run([*run_sim, "--world", world, "--", "sh", "-c", waited], capture_output=True, text=True, timeout=120 * PATIENCE)
+    ran = subprocess.run(
+        [*run_sim, "--world", world, "--", "sh", "-c", waited], capture_output=True, text=True, timeout=120 * PATIENCE
+    )
     assert ran.returncode == 0, ran.stderr[-2000:]
 
 

@@ -29,7 +29,9 @@ class Outside:
         self.port = urlsplit(device.base).port or 0
         self.visit = self.ask("POST", "/api/enter", body=json.dumps({"key": device.key()}))[1]["visit"]
 
-    def raw(self, method: str, path: str, headers: dict[str, str], body: str | None = None) -> tuple[int, dict[str, str], bytes]:
+    def raw(
+        self, method: str, path: str, headers: dict[str, str], body: str | None = None
+    ) -> tuple[int, dict[str, str], bytes]:
         """Status, headers and body of an answer to exactly these headers."""
         connection = http.client.HTTPConnection("127.0.0.1", self.port, timeout=20)
         connection.putrequest(method, path, skip_host=True, skip_accept_encoding=True)
@@ -44,8 +46,12 @@ class Outside:
 
     def headers(self, **changes: str | None) -> dict[str, str]:
         """Those of the page; with changes, or without one where it is None."""
-        usual: dict[str, str | None] = {"Host": f"127.0.0.1:{self.port}", "Origin": self.base, "Content-Type": "application/json",
-                                        "Authorization": f"Bearer {getattr(self, 'visit', '')}"}
+        usual: dict[str, str | None] = {
+            "Host": f"127.0.0.1:{self.port}",
+            "Origin": self.base,
+            "Content-Type": "application/json",
+            "Authorization": f"Bearer {getattr(self, 'visit', '')}",
+        }
         usual.update({name.replace("_", "-"): value for name, value in changes.items()})
         return {name: value for name, value in usual.items() if value is not None}
 
@@ -63,12 +69,16 @@ def outside(served: Running) -> Outside:
 
 def test_the_page_itself_may_do_everything(outside: Outside) -> None:
     assert outside.ask("GET", "/api/settings")[0] == 200
-    status, answer = outside.ask("POST", "/api/command", json.dumps({"command": "signal", "arguments": {"network": "Attic", "dbm": -80}}))
+    status, answer = outside.ask(
+        "POST", "/api/command", json.dumps({"command": "signal", "arguments": {"network": "Attic", "dbm": -80}})
+    )
     assert (status, answer["text"]) == (200, '"Attic" (02:00:00:00:30:07) is received with -80 dBm')
     assert outside.ask("GET", "/api/replay/script", Host=f"localhost:{outside.port}", Origin=None)[0] == 200
 
 
-@pytest.mark.parametrize("host", ["desk.example:{port}", "127.0.0.1", "127.0.0.1:1", "localhost.:{port}", "[::1]:{port}", "0.0.0.0:{port}", ""])
+@pytest.mark.parametrize(
+    "host", ["desk.example:{port}", "127.0.0.1", "127.0.0.1:1", "localhost.:{port}", "[::1]:{port}", "0.0.0.0:{port}", ""]
+)
 @pytest.mark.parametrize("path", ["/", "/static/main.js", "/api/settings"])
 def test_who_asks_for_another_host_is_turned_away(outside: Outside, host: str, path: str) -> None:
     assert outside.raw("GET", path, outside.headers(Host=host.format(port=outside.port), Origin=None))[0] in (400, 403)
@@ -76,10 +86,17 @@ def test_who_asks_for_another_host_is_turned_away(outside: Outside, host: str, p
         assert outside.raw("GET", path, outside.headers(Host=None, Origin=None))[0] in (400, 403)
 
 
-@pytest.mark.parametrize("origin", ["http://evil.example", "https://127.0.0.1:{port}", "http://127.0.0.1:1", "http://localhost:{port}", "null", ""])
-@pytest.mark.parametrize("method, path", [("POST", path) for path in (*POSTS, "/api/enter")] + [("GET", "/api/stream"), ("GET", "/")])
+@pytest.mark.parametrize(
+    "origin", ["http://evil.example", "https://127.0.0.1:{port}", "http://127.0.0.1:1", "http://localhost:{port}", "null", ""]
+)
+@pytest.mark.parametrize(
+    "method, path", [("POST", path) for path in (*POSTS, "/api/enter")] + [("GET", "/api/stream"), ("GET", "/")]
+)
 def test_another_page_is_turned_away(outside: Outside, origin: str, method: str, path: str) -> None:
-    assert outside.raw(method, path, outside.headers(Origin=origin.format(port=outside.port)), DO if method == "POST" else None)[0] == 403
+    assert (
+        outside.raw(method, path, outside.headers(Origin=origin.format(port=outside.port)), DO if method == "POST" else None)[0]
+        == 403
+    )
 
 
 @pytest.mark.parametrize("site", ["cross-site", "same-site"])
@@ -87,7 +104,9 @@ def test_what_a_browser_says_about_other_sites_is_believed(outside: Outside, sit
     assert outside.raw("GET", "/static/main.js", outside.headers(Sec_Fetch_Site=site, Origin=None))[0] == 403
 
 
-@pytest.mark.parametrize("authorization", [None, "", "Bearer", "Bearer ", "Bearer {wrong}", "Basic {visit}", "Bearer {visit}x", "Bearer \u00e9"])
+@pytest.mark.parametrize(
+    "authorization", [None, "", "Bearer", "Bearer ", "Bearer {wrong}", "Basic {visit}", "Bearer {visit}x", "Bearer \u00e9"]
+)
 @pytest.mark.parametrize("method, path", [("GET", path) for path in GETS] + [("POST", path) for path in POSTS])
 def test_without_the_key_nothing_is_told_or_done(outside: Outside, authorization: str | None, method: str, path: str) -> None:
     given = authorization.format(visit=outside.visit, wrong=outside.visit[::-1]) if authorization is not None else None
@@ -113,17 +132,40 @@ def test_the_key_of_a_link_works_once_and_guesses_never(outside: Outside, served
     assert outside.ask("GET", "/api/settings", Authorization=f"Bearer {first['visit']}")[0] == 200
 
 
-@pytest.mark.parametrize("method, path, status", [
-    ("GET", "/", 200), ("GET", "/static/main.js", 200), ("GET", "/lib/chart.mjs", 200), ("GET", "/lib/chunks/helpers.segment.mjs", 200),
-    ("GET", "/api/settings", 200), ("GET", "/nothing", 404), ("PUT", "/", 405), ("POST", "/api/enter", 400)])
+@pytest.mark.parametrize(
+    "method, path, status",
+    [
+        ("GET", "/", 200),
+        ("GET", "/static/main.js", 200),
+        ("GET", "/lib/chart.mjs", 200),
+        ("GET", "/lib/chunks/helpers.segment.mjs", 200),
+        ("GET", "/api/settings", 200),
+        ("GET", "/nothing", 404),
+        ("PUT", "/", 405),
+        ("POST", "/api/enter", 400),
+    ],
+)
 def test_every_answer_forbids_what_the_page_does_not_need(outside: Outside, method: str, path: str, status: int) -> None:
     found, headers, _ = outside.raw(method, path, outside.headers(), "{}" if method == "POST" else None)
     assert found == status
     policy = dict(part.strip().partition(" ")[::2] for part in headers["content-security-policy"].split(";"))
-    assert policy == {"default-src": "'none'", "script-src": "'self'", "style-src": "'self'", "img-src": "'self'", "connect-src": "'self'",
-                      "base-uri": "'none'", "form-action": "'none'", "frame-ancestors": "'none'",
-                      "require-trusted-types-for": "'script'", "trusted-types": "'none'"}
-    assert (headers["x-content-type-options"], headers["referrer-policy"], headers["x-frame-options"]) == ("nosniff", "no-referrer", "DENY")
+    assert policy == {
+        "default-src": "'none'",
+        "script-src": "'self'",
+        "style-src": "'self'",
+        "img-src": "'self'",
+        "connect-src": "'self'",
+        "base-uri": "'none'",
+        "form-action": "'none'",
+        "frame-ancestors": "'none'",
+        "require-trusted-types-for": "'script'",
+        "trusted-types": "'none'",
+    }
+    assert (headers["x-content-type-options"], headers["referrer-policy"], headers["x-frame-options"]) == (
+        "nosniff",
+        "no-referrer",
+        "DENY",
+    )
     assert (headers["cross-origin-opener-policy"], headers["cross-origin-resource-policy"]) == ("same-origin", "same-origin")
     assert headers["cache-control"] == "no-store"
     assert not {"set-cookie", "server", "access-control-allow-origin"} & set(headers)
@@ -136,54 +178,101 @@ def test_also_who_is_turned_away_gets_no_more_than_that(outside: Outside) -> Non
         assert len(body) < 120 and b"evil" not in body
 
 
-@pytest.mark.parametrize("path", [
-    "/static/../server.py", "/static/..%2fserver.py", "/static/%2e%2e/server.py", "/static/", "/lib/../../../../etc/passwd",
-    "/lib/..%2f..%2f..%2f..%2fetc%2fpasswd", "/lib//etc/passwd", "/lib/chart.js", "/lib/", "/desk.py", "/api/replay/passwd"])
+@pytest.mark.parametrize(
+    "path",
+    [
+        "/static/../server.py",
+        "/static/..%2fserver.py",
+        "/static/%2e%2e/server.py",
+        "/static/",
+        "/lib/../../../../etc/passwd",
+        "/lib/..%2f..%2f..%2f..%2fetc%2fpasswd",
+        "/lib//etc/passwd",
+        "/lib/chart.js",
+        "/lib/",
+        "/desk.py",
+        "/api/replay/passwd",
+    ],
+)
 def test_only_the_files_of_the_page_are_served(outside: Outside, path: str) -> None:
     status, _, body = outside.raw("GET", path, outside.headers())
     assert status == 404 and b"root:" not in body and b"import" not in body
 
 
-@pytest.mark.parametrize("body", ["", "[]", "nonsense", '{"command": 1, "arguments": {}}', '{"command": "remove", "arguments": []}', "[" * 5000,
-                                  '{"command": "show"}'])
+@pytest.mark.parametrize(
+    "body",
+    [
+        "",
+        "[]",
+        "nonsense",
+        '{"command": 1, "arguments": {}}',
+        '{"command": "remove", "arguments": []}',
+        "[" * 5000,
+        '{"command": "show"}',
+    ],
+)
 def test_nonsense_is_refused_and_changes_nothing(outside: Outside, body: str) -> None:
     assert outside.ask("POST", "/api/command", body)[0] == 400
     assert outside.ask("GET", "/api/settings")[0] == 200
 
 
 def test_odd_arguments_are_refused_in_words(outside: Outside) -> None:
-    for request in ({"command": "remove", "arguments": {}}, {"command": "remove", "arguments": {"network": "x", "more": 1}},
-                    {"command": "_show", "arguments": {}}, {"command": "add", "arguments": {"network": "x"}},
-                    {"command": "signal", "arguments": {"network": "Attic", "dbm": "loud"}}, {"command": "radio", "arguments": {}},
-                    {"command": "remove", "arguments": {"network": 7}}):
+    for request in (
+        {"command": "remove", "arguments": {}},
+        {"command": "remove", "arguments": {"network": "x", "more": 1}},
+        {"command": "_show", "arguments": {}},
+        {"command": "add", "arguments": {"network": "x"}},
+        {"command": "signal", "arguments": {"network": "Attic", "dbm": "loud"}},
+        {"command": "radio", "arguments": {}},
+        {"command": "remove", "arguments": {"network": 7}},
+    ):
         status, answer = outside.ask("POST", "/api/command", json.dumps(request))
         assert status == 200 and "error" in answer, request
-    for path, request in (("/api/write", {"name": "Nothing", "value": "1"}), ("/api/call", {"member": "Nothing", "arguments": []}),
-                          ("/api/call", {"member": "Connect", "arguments": ["one"]})):
+    for path, request in (
+        ("/api/write", {"name": "Nothing", "value": "1"}),
+        ("/api/call", {"member": "Nothing", "arguments": []}),
+        ("/api/call", {"member": "Connect", "arguments": ["one"]}),
+    ):
         status, answer = outside.ask("POST", path, json.dumps(request))
         assert status == 200 and "error" in answer, request
 
 
 def test_a_request_that_is_too_large_is_refused(outside: Outside) -> None:
-    assert outside.raw("POST", "/api/command", outside.headers(), json.dumps({"command": "x" * 100_000, "arguments": {}}))[0] == 413
+    assert (
+        outside.raw("POST", "/api/command", outside.headers(), json.dumps({"command": "x" * 100_000, "arguments": {}}))[0]
+        == 413
+    )
 
 
 def test_it_listens_on_the_loopback_address_only(outside: Outside) -> None:
-    listening = [line.split()[1] for name in ("tcp", "tcp6") for line in Path(f"/proc/net/{name}").read_text().splitlines()[1:]
-                 if line.split()[3] == "0A"]
+    listening = [
+        line.split()[1]
+        for name in ("tcp", "tcp6")
+        for line in Path(f"/proc/net/{name}").read_text().splitlines()[1:]
+        if line.split()[3] == "0A"
+    ]
     assert [address for address in listening if address.endswith(f":{outside.port:04X}")] == [f"0100007F:{outside.port:04X}"]
     with socket.socket(socket.AF_INET6) as other, pytest.raises(OSError):
         other.connect(("::1", outside.port))
 
 
-@pytest.mark.parametrize("origin, protocols", [("{base}", ()), ("{base}", ("vantora-desk",)), ("{base}", ("vantora-desk", "wrong")),
-                                               ("http://evil.example", ("vantora-desk", "{visit}")), (None, ("vantora-desk", "{visit}")),
-                                               ("{base}", ("other", "{visit}"))])
+@pytest.mark.parametrize(
+    "origin, protocols",
+    [
+        ("{base}", ()),
+        ("{base}", ("vantora-desk",)),
+        ("{base}", ("vantora-desk", "wrong")),
+        ("http://evil.example", ("vantora-desk", "{visit}")),
+        (None, ("vantora-desk", "{visit}")),
+        ("{base}", ("other", "{visit}")),
+    ],
+)
 def test_the_stream_is_for_the_page_only(outside: Outside, origin: str | None, protocols: tuple[str, ...]) -> None:
     async def open_stream() -> None:
         headers = {"Origin": origin.format(base=outside.base)} if origin else {}
         async with aiohttp.ClientSession() as session, session.ws_connect(
-                f"{outside.base}/api/stream", headers=headers, protocols=[one.format(visit=outside.visit) for one in protocols]):
+            f"{outside.base}/api/stream", headers=headers, protocols=[one.format(visit=outside.visit) for one in protocols]
+        ):
             pass
 
     with pytest.raises(aiohttp.WSServerHandshakeError) as refused:
@@ -193,18 +282,25 @@ def test_the_stream_is_for_the_page_only(outside: Outside, origin: str | None, p
 
 def stream(outside: Outside, enough: Callable[[dict[str, Any]], bool]) -> list[dict[str, Any]]:
     """What the stream says until a message is enough."""
+
     async def read() -> list[dict[str, Any]]:
         found: list[dict[str, Any]] = []
         async with aiohttp.ClientSession(headers={"Origin": outside.base}) as session, session.ws_connect(
-                f"{outside.base}/api/stream", protocols=["vantora-desk", outside.visit]) as socket_:
+            f"{outside.base}/api/stream", protocols=["vantora-desk", outside.visit]
+        ) as socket_:
             while not found or not enough(found[-1]):
                 found.append(await asyncio.wait_for(socket_.receive_json(), 20))
         return found
+
     return asyncio.run(read())
 
 
 def test_the_stream_begins_with_how_things_are_and_goes_on_with_what_happened(outside: Outside) -> None:
-    messages = stream(outside, lambda message: message["type"] == "records" and any(record.get("title") == 'Mode = "Host"' for record in message["records"]))
+    messages = stream(
+        outside,
+        lambda message: message["type"] == "records"
+        and any(record.get("title") == 'Mode = "Host"' for record in message["records"]),
+    )
     assert [message["type"] for message in messages[:3]] == ["hello", "now", "records"]
     assert messages[0]["world"] == "home" and messages[1]["device"]["values"]["Mode"] == "Host"
     records = [record for message in messages if message["type"] == "records" for record in message["records"]]
@@ -215,11 +311,16 @@ def test_the_stream_begins_with_how_things_are_and_goes_on_with_what_happened(ou
 def test_a_talkative_page_is_cut_off(outside: Outside) -> None:
     async def talk() -> int | None:
         async with aiohttp.ClientSession(headers={"Origin": outside.base}) as session, session.ws_connect(
-                f"{outside.base}/api/stream", protocols=["vantora-desk", outside.visit]) as socket_:
+            f"{outside.base}/api/stream", protocols=["vantora-desk", outside.visit]
+        ) as socket_:
             await socket_.send_str("x" * 10_000)
-            while (await asyncio.wait_for(socket_.receive(), 20)).type not in (aiohttp.WSMsgType.CLOSE, aiohttp.WSMsgType.CLOSED):
+            while (await asyncio.wait_for(socket_.receive(), 20)).type not in (
+                aiohttp.WSMsgType.CLOSE,
+                aiohttp.WSMsgType.CLOSED,
+            ):
                 pass
             return socket_.close_code
+
     assert asyncio.run(talk()) == 1009
     assert outside.ask("GET", "/api/settings")[0] == 200
 
@@ -228,6 +329,8 @@ def test_the_files_of_the_page_load_nothing_from_elsewhere_and_make_no_markup() 
     folder = Path(__file__).resolve().parents[2] / "simulator/vantora_sim/desk/static"
     for path in folder.iterdir():
         text = path.read_text()
-        assert not re.search(r"innerHTML|outerHTML|insertAdjacentHTML|document\.write|\beval\(|new Function|DOMParser", text), path.name
+        assert not re.search(
+            r"innerHTML|outerHTML|insertAdjacentHTML|document\.write|\beval\(|new Function|DOMParser", text
+        ), path.name
         assert not re.search(r"(?:src|href|from|import|url|fetch)\W{0,3}[\"'(](?:https?:)?//", text), path.name
         assert not re.search(r"<script(?![^>]*\bsrc=)|\son\w+=[\"']|style=[\"']", text) or path.suffix == ".js", path.name

@@ -22,10 +22,14 @@ TIME_OUT = 900
 
 
 def pytest_addoption(parser: pytest.Parser) -> None:
-    parser.addoption("--image", default=os.environ.get("VANTORA_DEVICE_IMAGE"),
-                     help="folder that tests/device/image/make-device printed (default: $VANTORA_DEVICE_IMAGE)")
-    parser.addoption("--evidence", default=os.environ.get("VANTORA_DEVICE_EVIDENCE"),
-                     help="folder for what the results page is made from")
+    parser.addoption(
+        "--image",
+        default=os.environ.get("VANTORA_DEVICE_IMAGE"),
+        help="folder that tests/device/image/make-device printed (default: $VANTORA_DEVICE_IMAGE)",
+    )
+    parser.addoption(
+        "--evidence", default=os.environ.get("VANTORA_DEVICE_EVIDENCE"), help="folder for what the results page is made from"
+    )
 
 
 def pytest_collection_modifyitems(items: list[pytest.Item]) -> None:
@@ -50,9 +54,15 @@ def pytest_runtest_makereport(item: pytest.Item, call: pytest.CallInfo[None]) ->
     folder = item.config.getoption("--evidence")
     if folder and (report.when == "call" or report.failed):
         evidence = getattr(item, "evidence", Evidence())
-        Result(Path(item.path).stem, item.name, report.outcome, report.duration,
-               inspect.getdoc(getattr(item, "obj", None)) or "", evidence.entries,
-               report.longreprtext[-4000:] if report.failed else "").write(Path(folder))
+        Result(
+            Path(item.path).stem,
+            item.name,
+            report.outcome,
+            report.duration,
+            inspect.getdoc(getattr(item, "obj", None)) or "",
+            evidence.entries,
+            report.longreprtext[-4000:] if report.failed else "",
+        ).write(Path(folder))
 
 
 @pytest.fixture(scope="session")

@@ -33,8 +33,13 @@ def shortened(text: str) -> list[str]:
 def scenario(result: dict[str, Any]) -> list[str]:
     """One scenario: what it is about, how it ended, and what it saw."""
     name = result["name"].removeprefix("test_").replace("_", " ")
-    page = [f"### {name[0].upper()}{name[1:]}", "",
-            f"**{result['outcome']}** in {result['seconds']:.0f} s. {' '.join(result['story'].split())}", "", "```text"]
+    page = [
+        f"### {name[0].upper()}{name[1:]}",
+        "",
+        f"**{result['outcome']}** in {result['seconds']:.0f} s. {' '.join(result['story'].split())}",
+        "",
+        "```text",
+    ]
     for kind, text in result["entries"]:
         first, *rest = shortened(text)
         if kind in KINDS:
@@ -49,8 +54,16 @@ def figures(results: list[dict[str, Any]]) -> list[str]:
     rows = [text.split(": ", 1) for result in results for kind, text in result["entries"] if kind == "figure"]
     if not rows:
         return []
-    return ["## Figures", "", "By the machine's own clock, at 500 million instructions a second.", "",
-            "| What | Measured |", "|---|---|", *(f"| {name} | {value} |" for name, value in rows), ""]
+    return [
+        "## Figures",
+        "",
+        "By the machine's own clock, at 500 million instructions a second.",
+        "",
+        "| What | Measured |",
+        "|---|---|",
+        *(f"| {name} | {value} |" for name, value in rows),
+        "",
+    ]
 
 
 def main(evidence: Path, page: Path) -> None:
@@ -59,11 +72,17 @@ def main(evidence: Path, page: Path) -> None:
     noted = Path("build/packages/armhf/commit")
     commit = noted.read_text()[:12] if noted.exists() else "unknown"
     passed = sum(result["outcome"] == "passed" for result in results)
-    lines = ["# What a booted device showed", "",
-             f"Packages of commit {commit}, {datetime.now(timezone.utc):%Y-%m-%d %H:%M} UTC: {passed} of {len(results)} "
-             "scenarios passed. Written by `scripts/test-device`.", "",
-             "`bus` is what the daemon's and the settings daemon's objects said, `log` the journal with the seconds since",
-             "the machine's start, `tool` what other programs saw.", "", *figures(results)]
+    lines = [
+        "# What a booted device showed",
+        "",
+        f"Packages of commit {commit}, {datetime.now(timezone.utc):%Y-%m-%d %H:%M} UTC: {passed} of {len(results)} "
+        "scenarios passed. Written by `scripts/test-device`.",
+        "",
+        "`bus` is what the daemon's and the settings daemon's objects said, `log` the journal with the seconds since",
+        "the machine's start, `tool` what other programs saw.",
+        "",
+        *figures(results),
+    ]
     for module in sorted({result["module"] for result in results}, key=lambda name: [*TITLES, name].index(name)):
         lines += [f"## {TITLES.get(module, module)}", ""]
         for result in results:

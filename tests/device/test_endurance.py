@@ -25,8 +25,10 @@ class Cost:
 def cost(device: Device) -> Cost:
     """Reads it from the kernel."""
     process = device.process()
-    output = device.see(f"ls /proc/{process}/fd | wc -l; ls /proc/{process}/task | wc -l; "
-                        f"awk '/^(Rss|Pss):/ {{ print $2 }}' /proc/{process}/smaps_rollup")
+    output = device.see(
+        f"ls /proc/{process}/fd | wc -l; ls /proc/{process}/task | wc -l; "
+        f"awk '/^(Rss|Pss):/ {{ print $2 }}' /proc/{process}/smaps_rollup"
+    )
     return Cost(*(int(word) for word in output.split()))
 
 
@@ -61,8 +63,9 @@ def test_twenty_mode_switches_leak_nothing_and_stick_nowhere(device: Device, wor
     assert after.resident_kib <= before.resident_kib + 128, f"{before} {after}"
     device.evidence.figure("switch to Client mode", f"{min(to_client):.2f} to {max(to_client):.2f} s")
     device.evidence.figure("switch to Host mode", f"{min(to_host):.2f} to {max(to_host):.2f} s")
-    device.evidence.figure("memory before and after 20 mode switches",
-                           f"{before.resident_kib} and {after.resident_kib} KiB resident")
+    device.evidence.figure(
+        "memory before and after 20 mode switches", f"{before.resident_kib} and {after.resident_kib} KiB resident"
+    )
 
 
 def test_a_daemon_restarted_as_a_station_reads_its_state_back(device: Device, world: World) -> None:
@@ -94,8 +97,12 @@ def test_the_daemon_costs_little(device: Device) -> None:
     """Time to READY, memory, size and wake-ups, measured where nothing else happens."""
     started = int(device.see("systemctl show --value --property=ExecMainStartTimestampMonotonic vantora-network")) / 1e6
     # The first thing after READY; systemd itself counts what the unit runs after the start, too.
-    first = json.loads(device.see("journalctl --identifier=vantora-network --output=json --output-fields=MESSAGE | "
-                                  "grep -m 1 -F 'Setup initial WiFi mode'"))
+    first = json.loads(
+        device.see(
+            "journalctl --identifier=vantora-network --output=json --output-fields=MESSAGE | "
+            "grep -m 1 -F 'Setup initial WiFi mode'"
+        )
+    )
     ready = int(first["__MONOTONIC_TIMESTAMP"]) / 1e6
     device.evidence.figure("start of the process to READY", f"{ready - started:.2f} s")
     device.evidence.figure("start of the kernel to READY", f"{ready:.1f} s")

@@ -81,9 +81,11 @@ def test_a_daemon_that_hangs_is_replaced_by_the_watchdog(device: Device) -> None
     """
     assert device.see("systemctl show --property=WatchdogUSec vantora-network") != "WatchdogUSec=0"
     mark = device.mark()
-    device.guest.run("mkdir -p /run/systemd/system/vantora-network.service.d && printf '[Service]\\nWatchdogSec=10s\\n' "
-                     ">/run/systemd/system/vantora-network.service.d/test.conf && systemctl daemon-reload && "
-                     "systemctl restart vantora-network")
+    device.guest.run(
+        "mkdir -p /run/systemd/system/vantora-network.service.d && printf '[Service]\\nWatchdogSec=10s\\n' "
+        ">/run/systemd/system/vantora-network.service.d/test.conf && systemctl daemon-reload && "
+        "systemctl restart vantora-network"
+    )
     device.wait_for_change("Mode", "Host", since=mark)
     mark = device.mark()
     before = device.process()
@@ -133,8 +135,7 @@ def test_a_boot_with_stored_host_settings_puts_the_access_point_on_air(device: D
     assert again.see("systemctl is-system-running") == "running"
 
 
-def test_kill_wifi_on_boot_silences_the_radio_until_the_settings_are_read(device: Device,
-                                                                          boot: Callable[..., Device]) -> None:
+def test_kill_wifi_on_boot_silences_the_radio_until_the_settings_are_read(device: Device, boot: Callable[..., Device]) -> None:
     """Cold boot with killWifiOnBoot: first the radio is blocked, then, Wi-Fi being enabled, unblocked and on air."""
     device.store("development", "killWifiOnBoot", "b", "true")
     device.machine.cut_power()

@@ -26,8 +26,9 @@ def wait_until_connected(device: Device, ssid: str, network: str, since: tuple[i
     """Waits for everything that a connection brings, on both sides."""
     device.wait_for_change("WiFiClientState", "completed", since=since)
     device.wait_for_log("[WPA Supplicant] Restarting udhcpc", since=since, priority="info")
-    found = device.signals.wait_for(lambda event: announces_address(event, network), since=since[1],
-                                    what=f"an address of {network}")
+    found = device.signals.wait_for(
+        lambda event: announces_address(event, network), since=since[1], what=f"an address of {network}"
+    )
     device.evidence.add("bus", f"announced: {plain(found.fields['payload'])[1]}")
     assert device.get("IPAddress").startswith(network)
     assert device.get("ClientSSID") == ssid
@@ -40,12 +41,16 @@ def wait_until_connected(device: Device, ssid: str, network: str, since: tuple[i
 def announces_address(event: Event, network: str) -> bool:
     """Whether an address of a network is announced for the device."""
     payload = plain(event.fields.get("payload", {}))
-    return (event.fields.get("member") == "PropertiesChanged" and isinstance(payload, list)
-            and str(payload[1].get("IPAddress", "")).startswith(network))
+    return (
+        event.fields.get("member") == "PropertiesChanged"
+        and isinstance(payload, list)
+        and str(payload[1].get("IPAddress", "")).startswith(network)
+    )
 
 
 def test_client_mode_ends_the_access_point_and_lists_others_strongest_first_without_hidden_ones(
-        device: Device, world: World) -> None:
+    device: Device, world: World
+) -> None:
     """Nothing of the own access point is left on air; a scan lists the others by signal, and no hidden ones."""
     world.access_point(HARBOUR, radio=1, passphrase=HARBOUR_KEY, dbm=10, channel=1)
     world.access_point(ATTIC, radio=2, dbm=20, channel=6)
@@ -62,8 +67,11 @@ def test_client_mode_ends_the_access_point_and_lists_others_strongest_first_with
 
     mark = device.mark()
     device.call("Scan")
-    device.wait_for_signal("AccessPointsChanged", since=mark, match=lambda event: {ATTIC, HARBOUR} <= {
-        entry[0] for entry in plain(event.fields["payload"])[0]})
+    device.wait_for_signal(
+        "AccessPointsChanged",
+        since=mark,
+        match=lambda event: {ATTIC, HARBOUR} <= {entry[0] for entry in plain(event.fields["payload"])[0]},
+    )
     results = device.see_once(f"wpa_cli -i wlan0 scan_results | grep -B9 {ATTIC}; wpa_cli -i wlan0 scan_results | grep -c :")
     found = [entry for entry in device.get("AccessPoints") if entry[0] in (HARBOUR, ATTIC, CELLAR, "")]
     assert [entry[0] for entry in found] == [ATTIC, HARBOUR], results

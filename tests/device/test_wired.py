@@ -12,8 +12,7 @@ STOPPED = f"Successfully stopped and disabled {UNIT}"
 GIVE_ADDRESS = "ip link set eth0 up && ip address add 192.168.7.1/24 dev eth0"
 
 
-def test_an_address_on_the_cable_starts_its_dhcp_server_and_one_lost_on_the_air_stops_it(
-        device: Device, world: World) -> None:
+def test_an_address_on_the_cable_starts_its_dhcp_server_and_one_lost_on_the_air_stops_it(device: Device, world: World) -> None:
     """eth0 gets an address: enabled, started, and a computer gets a lease; wlan0 loses one: stopped and disabled."""
     mark = device.mark()
     device.guest.run(GIVE_ADDRESS)

@@ -123,8 +123,10 @@ class LiveBusFuzzer:
         except asyncio.TimeoutError:
             raise AssertionError(f"no answer after {LONGEST_ANSWER:.0f} s: {what}") from None
         error = reply.error_name if reply.message_type is MessageType.ERROR else None
-        assert error not in ("org.freedesktop.DBus.Error.NoReply", "org.freedesktop.DBus.Error.ServiceUnknown"), \
-            f"the daemon went away at {what}\n{self._world.journal.dump(last=60)}"
+        assert error not in (
+            "org.freedesktop.DBus.Error.NoReply",
+            "org.freedesktop.DBus.Error.ServiceUnknown",
+        ), f"the daemon went away at {what}\n{self._world.journal.dump(last=60)}"
         answer = error or "reply"
         assert expected in (None, answer), f"{answer} in the place of {expected}: {what}"
         self.answers[answer] += 1

@@ -19,16 +19,58 @@ DBUS = "org.freedesktop.DBus"
 METHODS = ("Connect", "Scan", "Disconnect")
 QUICK = ("MacAddress", "WiFiAvailableFrequencies", "WiFiAccessPointInitialised")
 """Properties that are read without running a command."""
-SLOWER = ("IPAddress", "AccessPoints", "WiFiSignal", "WiFiConnectedClients", "WiFiClientState", "ClientSSID", "WiFiState",
-          "Mode", "WiFiFrequency", "SSID")
+SLOWER = (
+    "IPAddress",
+    "AccessPoints",
+    "WiFiSignal",
+    "WiFiConnectedClients",
+    "WiFiClientState",
+    "ClientSSID",
+    "WiFiState",
+    "Mode",
+    "WiFiFrequency",
+    "SSID",
+)
 WRITABLE = {"WiFiState": "u", "Mode": "s", "WiFiFrequency": "s", "SSID": "s"}
 
-TEXTS = ("", "Host", "Client", "host", "Ad-hoc", "2.4", "5", "6", "Korrin One", "%s%n%x", "$(reboot)", "`reboot`",
-         "'; reboot #", "a\nb=c", "\u00e9" * 17, "x" * 33, "y" * 300, "z" * 20_000, "\U0001f4f6", "\ufdd0", "\ufffe", "\u202e",
-         "\x01\x1b[2J", "wpa=0", INTERFACE)
+TEXTS = (
+    "",
+    "Host",
+    "Client",
+    "host",
+    "Ad-hoc",
+    "2.4",
+    "5",
+    "6",
+    "Korrin One",
+    "%s%n%x",
+    "$(reboot)",
+    "`reboot`",
+    "'; reboot #",
+    "a\nb=c",
+    "\u00e9" * 17,
+    "x" * 33,
+    "y" * 300,
+    "z" * 20_000,
+    "\U0001f4f6",
+    "\ufdd0",
+    "\ufffe",
+    "\u202e",
+    "\x01\x1b[2J",
+    "wpa=0",
+    INTERFACE,
+)
 NUMBERS = (0, 1, 2, 3, 127, 128, 255, 2**15, 2**31 - 1, 2**31, 2**32 - 1, 2**62)
 BASIC = "ybnqiuxtdsog"
-_BITS = {"y": (8, False), "n": (16, True), "q": (16, False), "i": (32, True), "u": (32, False), "x": (64, True), "t": (64, False)}
+_BITS = {
+    "y": (8, False),
+    "n": (16, True),
+    "q": (16, False),
+    "i": (32, True),
+    "u": (32, False),
+    "x": (64, True),
+    "t": (64, False),
+}
 
 
 REFUSED = f"{DBUS}.Error.AccessDenied"
@@ -42,10 +84,18 @@ class RandomCalls:
     def __init__(self, seed: int) -> None:
         self._chance = random.Random(seed)
         shares: list[tuple[float, Callable[[], Message], str | None]] = [
-            (18, self._get_quick, "reply"), (8, self._get_slower, "reply"), (0.4, self._get_all, "reply"),
-            (8, self._get_nonsense, None), (14, self._set_wrong_type, WRONG_TYPE), (10, self._set_wrong_value, REFUSED),
-            (8, self._set_elsewhere, None), (0.6, self._set_good, None), (4, self._method, None),
-            (13, self._method_wrong_type, None), (7, self._standard, None), (9, self._nowhere, None),
+            (18, self._get_quick, "reply"),
+            (8, self._get_slower, "reply"),
+            (0.4, self._get_all, "reply"),
+            (8, self._get_nonsense, None),
+            (14, self._set_wrong_type, WRONG_TYPE),
+            (10, self._set_wrong_value, REFUSED),
+            (8, self._set_elsewhere, None),
+            (0.6, self._set_good, None),
+            (4, self._method, None),
+            (13, self._method_wrong_type, None),
+            (7, self._standard, None),
+            (9, self._nowhere, None),
         ]
         self._makers = [(maker, answer) for _, maker, answer in shares]
         self._weights = [share for share, _, _ in shares]
@@ -67,8 +117,12 @@ class RandomCalls:
         if self._chance.random() < 0.7:
             return self._chance.choice(TEXTS)
         # NUL and surrogates are what D-Bus cannot carry at all.
-        codes = (self._chance.choice((self._chance.randrange(1, 128), self._chance.randrange(1, 0xD800),
-                                      self._chance.randrange(0xE000, 0x110000))) for _ in range(self._chance.randrange(48)))
+        codes = (
+            self._chance.choice(
+                (self._chance.randrange(1, 128), self._chance.randrange(1, 0xD800), self._chance.randrange(0xE000, 0x110000))
+            )
+            for _ in range(self._chance.randrange(48))
+        )
         return "".join(map(chr, codes))
 
     def _signature(self, depth: int = 4) -> str:
@@ -120,8 +174,9 @@ class RandomCalls:
 
     # Calls
 
-    def _call(self, interface: str | None, member: str, signature: str = "", body: list[Any] | None = None,
-              path: str = PATH) -> Message:
+    def _call(
+        self, interface: str | None, member: str, signature: str = "", body: list[Any] | None = None, path: str = PATH
+    ) -> Message:
         return Message(destination=SERVICE, path=path, interface=interface, member=member, signature=signature, body=body or [])
 
     def _random_arguments(self) -> tuple[str, list[Any]]:
@@ -167,8 +222,12 @@ class RandomCalls:
 
     def _set_good(self) -> Message:
         name = self._chance.choice(("WiFiState", "Mode", "WiFiFrequency", "SSID", "SSID"))
-        values: dict[str, Any] = {"WiFiState": self._chance.choice((0, 1, 1)), "Mode": self._chance.choice(("Host", "Client")),
-                                  "WiFiFrequency": self._chance.choice(("2.4", "5")), "SSID": self._text()}
+        values: dict[str, Any] = {
+            "WiFiState": self._chance.choice((0, 1, 1)),
+            "Mode": self._chance.choice(("Host", "Client")),
+            "WiFiFrequency": self._chance.choice(("2.4", "5")),
+            "SSID": self._text(),
+        }
         return self._set(name, Variant(WRITABLE[name], values[name]))
 
     def _method(self) -> Message:
@@ -180,15 +239,29 @@ class RandomCalls:
         return self._call(self._chance.choice((INTERFACE, INTERFACE, None)), self._chance.choice(METHODS), signature, body)
 
     def _standard(self) -> Message:
-        interface, member = self._chance.choice((("Introspectable", "Introspect"), ("Peer", "Ping"), ("Peer", "GetMachineId"),
-                                                 ("ObjectManager", "GetManagedObjects"), ("Peer", "Nothing")))
+        interface, member = self._chance.choice(
+            (
+                ("Introspectable", "Introspect"),
+                ("Peer", "Ping"),
+                ("Peer", "GetMachineId"),
+                ("ObjectManager", "GetManagedObjects"),
+                ("Peer", "Nothing"),
+            )
+        )
         arguments = self._random_arguments() if self._chance.random() < 0.5 else ("", [])
         return self._call(f"{DBUS}.{interface}", member, *arguments)
 
     def _nowhere(self) -> Message:
-        interface, member = self._chance.choice((
-            (INTERFACE, "Reboot"), (INTERFACE, "connect"), ("a.b", "Connect"), (None, "Mode"),
-            (INTERFACE, "AccessPointsChanged"), ("com.vantora.Network1", "Scan")))
+        interface, member = self._chance.choice(
+            (
+                (INTERFACE, "Reboot"),
+                (INTERFACE, "connect"),
+                ("a.b", "Connect"),
+                (None, "Mode"),
+                (INTERFACE, "AccessPointsChanged"),
+                ("com.vantora.Network1", "Scan"),
+            )
+        )
         path = self._chance.choice((PATH, PATH, "/", "/com", "/com/vantora", PATH + "/0", "/com/vantora/Network2"))
         return self._call(interface, member, *self._random_arguments(), path=path)
 
@@ -200,6 +273,6 @@ def split(signature: str) -> list[str]:
     for at, character in enumerate(signature):
         depth += (character in "({") - (character in ")}")
         if depth == 0 and character != "a":
-            types.append(signature[start:at + 1])
+            types.append(signature[start : at + 1])
             start = at + 1
     return types

@@ -32,14 +32,77 @@ CORPUS = ROOT / "tests/fuzz/corpus/world_file"
 LARGEST = 20_000
 _ADDRESS = re.compile("[0-9a-f]{2}(:[0-9a-f]{2}){5}")
 _WORDS = [
-    '"name"', '"networks"', '"stations"', '"device"', '"settings"', '"ssid"', '"ssid_hex"', '"bssid"', '"band"', '"channel"',
-    '"signal"', '"security"', '"passphrase"', '"hidden"', '"address"', '"mac"', '"joins_after"', '"model"', '"serial"',
-    '"radio_type"', '"5"', '"2.4"', '"wpa2"', '"open"', "null", "true", "1e999", "-0", "1" * 5000, '"\\ud800"', '"\\u0000"',
-    '"a\\n"', '"02:00:00:01:00:01"', '"10.0.0.1/24"', "[" * 3000, '{"a":' * 3000, "NaN", "-1", "36", "\u00e9", "\\", "{}",
-    "[]", ",", ":"]
+    '"name"',
+    '"networks"',
+    '"stations"',
+    '"device"',
+    '"settings"',
+    '"ssid"',
+    '"ssid_hex"',
+    '"bssid"',
+    '"band"',
+    '"channel"',
+    '"signal"',
+    '"security"',
+    '"passphrase"',
+    '"hidden"',
+    '"address"',
+    '"mac"',
+    '"joins_after"',
+    '"model"',
+    '"serial"',
+    '"radio_type"',
+    '"5"',
+    '"2.4"',
+    '"wpa2"',
+    '"open"',
+    "null",
+    "true",
+    "1e999",
+    "-0",
+    "1" * 5000,
+    '"\\ud800"',
+    '"\\u0000"',
+    '"a\\n"',
+    '"02:00:00:01:00:01"',
+    '"10.0.0.1/24"',
+    "[" * 3000,
+    '{"a":' * 3000,
+    "NaN",
+    "-1",
+    "36",
+    "\u00e9",
+    "\\",
+    "{}",
+    "[]",
+    ",",
+    ":",
+]
 _VALUES: list[Any] = [
-    None, True, 0, -1, 1e300, math.inf, 2**70, "", "x" * 33, "\u00e9" * 17, "a\n", "\ud800", "\0", "02:00:00:01:00:01\n", [], {},
-    "0.0.0.0/0", "12345678", "1" * 63, "00" * 33, [[]], {"ssid": "a"}, {"name": "v"}]
+    None,
+    True,
+    0,
+    -1,
+    1e300,
+    math.inf,
+    2**70,
+    "",
+    "x" * 33,
+    "\u00e9" * 17,
+    "a\n",
+    "\ud800",
+    "\0",
+    "02:00:00:01:00:01\n",
+    [],
+    {},
+    "0.0.0.0/0",
+    "12345678",
+    "1" * 63,
+    "00" * 33,
+    [[]],
+    {"ssid": "a"},
+    {"name": "v"},
+]
 
 
 class Finding(Exception):
@@ -118,14 +181,14 @@ class Mutator:
             case 0:
                 return data[:at] + self._chance.randbytes(length) + data[at:]
             case 1:
-                return data[:at] + data[at + length:]
+                return data[:at] + data[at + length :]
             case 2:
                 return data[:at] + self._chance.choice(_WORDS).encode() + data[at:]
             case 3:
-                return data[:at] + data[at:at + length] * 2 + data[at + length:]
+                return data[:at] + data[at : at + length] * 2 + data[at + length :]
             case 4:
-                return data[:at] + self._chance.choice(_WORDS).encode() + data[at + length:]
-        return data[:at] + other[self._chance.randrange(len(other) + 1):]
+                return data[:at] + self._chance.choice(_WORDS).encode() + data[at + length :]
+        return data[:at] + other[self._chance.randrange(len(other) + 1) :]
 
     def _in_values(self, data: bytes) -> bytes:
         """Put another value in the place of one, where the bytes are JSON."""

@@ -63,19 +63,42 @@ BANDS = st.sampled_from(("5", "2.4", "6", ""))
 MODES = st.sampled_from(("Client", "Host", "host"))
 STATES = st.sampled_from((1, 0, 2))
 NETWORKS = st.lists(st.sampled_from(("cafe", "home", "attic")), unique=True, max_size=3)
-WORDS = st.sampled_from(("completed", "disconnected", "scanning", "authenticating", "associating", "4way_handshake", "inactive"))
+WORDS = st.sampled_from(
+    ("completed", "disconnected", "scanning", "authenticating", "associating", "4way_handshake", "inactive")
+)
 SYSTEMD = st.sampled_from(("LoadUnit", "Start", "Stop", "Restart", "EnableUnitFiles"))
 SETTINGS = st.sampled_from(("Get", "Set"))
 STATION = st.sampled_from(("Get", "GetAll", "Scan", "AddNetwork", "SelectNetwork", "RemoveNetwork", "Disconnect"))
-MEMBERS = st.one_of(st.tuples(st.just("systemd"), SYSTEMD), st.tuples(st.just("settings"), SETTINGS),
-                    st.tuples(st.just("wpa_supplicant"), STATION))
+MEMBERS = st.one_of(
+    st.tuples(st.just("systemd"), SYSTEMD),
+    st.tuples(st.just("settings"), SETTINGS),
+    st.tuples(st.just("wpa_supplicant"), STATION),
+)
 WHO = st.sampled_from(("systemd", "settings", "wpa_supplicant"))
 TOOLS = st.sampled_from(("rfkill", "iw", "ip", "wpa_cli"))
-PROPERTIES = st.sampled_from(("WiFiState", "Mode", "SSID", "WiFiFrequency", "WiFiConnectedClients", "WiFiAccessPointInitialised",
-                              "WiFiClientState", "ClientSSID", "IPAddress", "MacAddress", "WiFiSignal", "WiFiAvailableFrequencies",
-                              "AccessPoints"))
-VALUES = st.one_of(st.tuples(st.just("SSID"), NAMES), st.tuples(st.just("WiFiFrequency"), BANDS), st.tuples(st.just("Mode"), MODES),
-                   st.tuples(st.just("WiFiState"), STATES))
+PROPERTIES = st.sampled_from(
+    (
+        "WiFiState",
+        "Mode",
+        "SSID",
+        "WiFiFrequency",
+        "WiFiConnectedClients",
+        "WiFiAccessPointInitialised",
+        "WiFiClientState",
+        "ClientSSID",
+        "IPAddress",
+        "MacAddress",
+        "WiFiSignal",
+        "WiFiAvailableFrequencies",
+        "AccessPoints",
+    )
+)
+VALUES = st.one_of(
+    st.tuples(st.just("SSID"), NAMES),
+    st.tuples(st.just("WiFiFrequency"), BANDS),
+    st.tuples(st.just("Mode"), MODES),
+    st.tuples(st.just("WiFiState"), STATES),
+)
 BABBLE = st.sampled_from((b"", b"AP-STA-POSSIBLE-PSK-MISMATCH 02:00:00:00:50:00", b"\xff" * 8))
 BUSES = st.sampled_from(("",))
 CALLS = st.sampled_from(("write", "open", "fsync", "rename", "unlink", "read"))
@@ -90,9 +113,13 @@ CHANGES = st.one_of(
     st.tuples(st.just("device"), st.just("deviceName"), ALLOWED_NAMES),
     st.tuples(st.just("network"), st.just("frequency"), st.sampled_from(("5", "2.4"))),
     st.tuples(st.just("network"), st.just("mode"), st.sampled_from(("Client", "Host"))),
-    st.tuples(st.just("network"), st.just("enabled"), st.booleans()))
-REQUESTS = st.one_of(st.builds(_write, VALUES), st.tuples(st.just("read"), PROPERTIES, st.none()),
-                     st.sampled_from((("call", "Scan", ()), ("call", "Disconnect", ()))))
+    st.tuples(st.just("network"), st.just("enabled"), st.booleans()),
+)
+REQUESTS = st.one_of(
+    st.builds(_write, VALUES),
+    st.tuples(st.just("read"), PROPERTIES, st.none()),
+    st.sampled_from((("call", "Scan", ()), ("call", "Disconnect", ()))),
+)
 
 
 def _act(name: str, *values: st.SearchStrategy[Any]) -> st.SearchStrategy[Act]:
@@ -179,5 +206,10 @@ def runs(draw: st.DrawFn) -> Run:
     kinds = [strategy for number in (0, *sorted(chosen)) for weight, strategy in (acts[number],) for _ in range(weight)]
     # Several lists, since one would be short as a rule.
     parts = [draw(st.lists(st.one_of(kinds), max_size=LONGEST)) for _ in range(PARTS)]
-    return Run(draw(st.sampled_from(("Host", "Host", "Client"))), draw(st.booleans()), draw(st.integers(0, 2)) == 2,
-               draw(st.integers(0, 3)) == 3, tuple(act for part in parts for act in part))
+    return Run(
+        draw(st.sampled_from(("Host", "Host", "Client"))),
+        draw(st.booleans()),
+        draw(st.integers(0, 2)) == 2,
+        draw(st.integers(0, 3)) == 3,
+        tuple(act for part in parts for act in part),
+    )

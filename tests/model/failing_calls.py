@@ -21,7 +21,7 @@ class FailingCalls:
     def order(self, call: str, path: str, error: int, *, skip: int = 0, times: int = 1) -> None:
         """Let `call` ("open", "read", "write", "fsync", "rename", "unlink") fail on files whose path has `path` in it, so many
         times, but pass so many times before."""
-        self._shared[:_LAYOUT.size] = _LAYOUT.pack(0, skip, error, 0, call.encode(), path.encode())
+        self._shared[: _LAYOUT.size] = _LAYOUT.pack(0, skip, error, 0, call.encode(), path.encode())
         self._shared[:4] = struct.pack("=I", times)
 
     def clear(self) -> None:

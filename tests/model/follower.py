@@ -7,8 +7,16 @@ from typing import TYPE_CHECKING, Any
 if TYPE_CHECKING:
     from .stage import Stage
 
-ANNOUNCED = ("WiFiState", "Mode", "WiFiFrequency", "SSID", "WiFiConnectedClients", "WiFiAccessPointInitialised", "WiFiClientState",
-             "IPAddress")
+ANNOUNCED = (
+    "WiFiState",
+    "Mode",
+    "WiFiFrequency",
+    "SSID",
+    "WiFiConnectedClients",
+    "WiFiAccessPointInitialised",
+    "WiFiClientState",
+    "IPAddress",
+)
 OF_THE_MODE = ("WiFiFrequency", "SSID", "WiFiConnectedClients", "WiFiAccessPointInitialised", "WiFiClientState")
 OF_THE_INTERFACE = ("Mode", "WiFiFrequency", "SSID", "WiFiConnectedClients")
 HEARD = {"unknown": (), "Host": OF_THE_MODE[:4], "Client": ("WiFiClientState",)}

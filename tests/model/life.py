@@ -71,7 +71,10 @@ class Life:
         return self
 
     def _environment(self, files: FailingCalls) -> dict[str, str | None]:
-        environment: dict[str, str | None] = {"LD_PRELOAD": str(self.build / "tests/model/failing-calls.so"), **files.environment}
+        environment: dict[str, str | None] = {
+            "LD_PRELOAD": str(self.build / "tests/model/failing-calls.so"),
+            **files.environment,
+        }
         if options := os.environ.get("ASAN_OPTIONS"):
             environment["ASAN_OPTIONS"] = f"{options}:verify_asan_link_order=0"
         return environment
@@ -111,8 +114,13 @@ class Life:
         try:
             self.world.wait_ready(READY)
             self.world.journal.wait_until(
-                lambda: any(text.startswith("[NETLINK] Starting kernel netlink task") for _, text in
-                            self.world.journal.logs(self.history.started)), "the end of the start-up", READY)
+                lambda: any(
+                    text.startswith("[NETLINK] Starting kernel netlink task")
+                    for _, text in self.world.journal.logs(self.history.started)
+                ),
+                "the end of the start-up",
+                READY,
+            )
         except AssertionError as failure:
             raise Finding("start", str(failure).splitlines()[0]) from None
         self.settle()
@@ -220,8 +228,9 @@ class Life:
         world.settings.go()
         self.kill_settings_daemon()
         world.sandbox.run(["/bin/mkdir", "-p", str(Path(STATE_FILE).parent)])
-        self.settings_daemon = world.sandbox.start([self.build / "vantora-settingsd", "--state", STATE_FILE],
-                                                   self._environment(self.settings_files))
+        self.settings_daemon = world.sandbox.start(
+            [self.build / "vantora-settingsd", "--state", STATE_FILE], self._environment(self.settings_files)
+        )
         deadline = time.monotonic() + READY
         while not world.name_owned(SERVICE):
             if not self.settings_daemon.running or time.monotonic() > deadline:
@@ -246,15 +255,20 @@ class Life:
     def _store(self, section: str, key: str, value: Any) -> None:
         """Change a setting at the settings daemon as another program does; a refusal raises CallRefused."""
         from vantora_sim.settings import as_variant
-        self.world.call_service_async(SERVICE, f"{BASE_PATH}/{section}", PROPERTIES, "Set", "ssv",
-                                      [SERVICE, key, as_variant(value)]).result(30)
+
+        self.world.call_service_async(
+            SERVICE, f"{BASE_PATH}/{section}", PROPERTIES, "Set", "ssv", [SERVICE, key, as_variant(value)]
+        ).result(30)
 
     def stored(self, section: str, key: str) -> Any:
         """A setting as the settings daemon tells it."""
         if not self._real_settings:
             return self.world.settings.get(section, key)
-        return plain(self.world.call_service_async(SERVICE, f"{BASE_PATH}/{section}", PROPERTIES, "Get", "ss",
-                                                   [SERVICE, key]).result(30)[0])
+        return plain(
+            self.world.call_service_async(SERVICE, f"{BASE_PATH}/{section}", PROPERTIES, "Get", "ss", [SERVICE, key]).result(
+                30
+            )[0]
+        )
 
     # The services that systemd runs
 

@@ -8,8 +8,10 @@ from typing import TYPE_CHECKING
 if TYPE_CHECKING:
     from .stage import Stage
 
-REQUESTS = (r"\[Main\] set_wifi_\w+: (Unsupported state|already |Unknown mode|Invalid WiFi|This device do not|Cannot change mode|"
-            r"Failed, Wifi is not|SSID is too long)|\[Main\] get_wifi_access_points: Wifi is not enabled")
+REQUESTS = (
+    r"\[Main\] set_wifi_\w+: (Unsupported state|already |Unknown mode|Invalid WiFi|This device do not|Cannot change mode|"
+    r"Failed, Wifi is not|SSID is too long)|\[Main\] get_wifi_access_points: Wifi is not enabled"
+)
 """What a request asked for is not done, or is done already."""
 FAREWELLS = r"wifi_host_terminated: "
 COUNTING = r"wpa_socket_cmd: |hostapd_get_num_connected_clients: |\[Main\] Reading 'WiFiFrequency'|ListenTask: "
@@ -18,9 +20,15 @@ METHODS = r"\[WPA\] |\[Main\] (connect_to_ap|disconnect_from_ap|scan_access_poin
 """There is no wpa_supplicant in Host mode, and it may have nothing to leave."""
 SETTINGS = r".* Settingsd::|Failed to read initial wifi configuration"
 """A listener that was just asking for the mode."""
-BY_COMPLAINT = {"a method": METHODS, "settings": SETTINGS, "hostapd": COUNTING, "hostapd killed": COUNTING,
-                "wpa_supplicant restarted": METHODS, "another daemon": r"\[Main\] Failed to connect to dbus: -\d+, exiting",
-                "a passphrase refused": r"Failed to connect to AP|\[WPA\] "}
+BY_COMPLAINT = {
+    "a method": METHODS,
+    "settings": SETTINGS,
+    "hostapd": COUNTING,
+    "hostapd killed": COUNTING,
+    "wpa_supplicant restarted": METHODS,
+    "another daemon": r"\[Main\] Failed to connect to dbus: -\d+, exiting",
+    "a passphrase refused": r"Failed to connect to AP|\[WPA\] ",
+}
 
 
 def unexpected(stage: Stage) -> list[str]:
@@ -32,5 +40,8 @@ def unexpected(stage: Stage) -> list[str]:
     explained = re.compile("|".join(patterns))
     if history.remedied:
         return []
-    return [text for priority, text in stage.world.journal.logs(history.logs_since, ident="vantora-network")
-            if priority == "err" and not explained.match(text)]
+    return [
+        text
+        for priority, text in stage.world.journal.logs(history.logs_since, ident="vantora-network")
+        if priority == "err" and not explained.match(text)
+    ]

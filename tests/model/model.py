@@ -39,8 +39,10 @@ def access_point(stage: Stage, seen: Seen) -> Iterator[str]:
         return
     world, written = stage.world, read_hostapd_conf(stage.world.hostapd_conf)
     band = {b"a": "5", b"g": "2.4"}.get(written.get(b"hw_mode", b""))
-    for name, file, section, key in (("SSID", written.get(b"ssid", b"").decode(), "device", "deviceName"),
-                                     ("WiFiFrequency", band, "network", "frequency")):
+    for name, file, section, key in (
+        ("SSID", written.get(b"ssid", b"").decode(), "device", "deviceName"),
+        ("WiFiFrequency", band, "network", "frequency"),
+    ):
         if not seen[name] == file == stage.stored(section, key):
             yield f"{name} is {seen[name]!r}, hostapd's file has {file!r}, stored is {stage.stored(section, key)!r}"
     joined = len(world.hostapd._joined())
@@ -106,7 +108,16 @@ def log(stage: Stage, seen: Seen) -> Iterator[str]:
 
 
 RULES: tuple[Callable[[Stage, Seen], Iterator[str]], ...] = (
-    power, mode, access_point, protection, listener, station, announcements, storage, log)
+    power,
+    mode,
+    access_point,
+    protection,
+    listener,
+    station,
+    announcements,
+    storage,
+    log,
+)
 
 
 def wrong(stage: Stage, seen: Seen) -> list[tuple[str, str]]:

@@ -186,6 +186,7 @@ class Neighbours(Requests):
     def setting_changes(self, section: str, key: str, value: Any) -> None:
         """Somebody else changes a setting."""
         from vantora_sim import CallRefused
+
         if key == "deviceName" and (self.stored("network", "mode") == "Client" or self.world.radio.interface_type != "AP"):
             self.history.disturbed.add("an access point in Client mode")
         if key in ("mode", "frequency") and (self.stop_lag or self.start_lag):
@@ -235,9 +236,16 @@ class Neighbours(Requests):
             raise Finding("storage", f"the settings were {before}, after a kill they are {after}")
 
     def _all_settings(self) -> dict[str, Any]:
-        return {f"{section}.{key}": self.stored(section, key) for section, key in
-                (("network", "enabled"), ("network", "mode"), ("network", "frequency"), ("device", "deviceName"),
-                 ("display", "brightness"))}
+        return {
+            f"{section}.{key}": self.stored(section, key)
+            for section, key in (
+                ("network", "enabled"),
+                ("network", "mode"),
+                ("network", "frequency"),
+                ("device", "deviceName"),
+                ("display", "brightness"),
+            )
+        }
 
     # Faults that last until the device is quiet
 
@@ -410,8 +418,10 @@ class Neighbours(Requests):
         self._wait_unit_task()
         self._wait_name_free()
         mark = world.journal.mark()
-        poor = world.sandbox.start(["/bin/sh", "-c", f"ulimit -n {most}; exec {self.build}/vantora-network"],
-                                   {"NOTIFY_SOCKET": "/run/sim/notify", "SYSTEMD_BUS_TIMEOUT": f"{TIME_OUT:g}s"})
+        poor = world.sandbox.start(
+            ["/bin/sh", "-c", f"ulimit -n {most}; exec {self.build}/vantora-network"],
+            {"NOTIFY_SOCKET": "/run/sim/notify", "SYSTEMD_BUS_TIMEOUT": f"{TIME_OUT:g}s"},
+        )
         deadline = time.monotonic() + 2 * READY
         while poor.running and not world.journal.count(notify("READY=1"), mark):
             if time.monotonic() > deadline:

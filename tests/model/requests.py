@@ -16,8 +16,21 @@ from .finding import Finding
 from .life import SLACK, TIME_OUT, Life
 
 WRITABLE = {"WiFiState": "u", "Mode": "s", "WiFiFrequency": "s", "SSID": "s"}
-READABLE = ("WiFiState", "Mode", "SSID", "WiFiFrequency", "WiFiConnectedClients", "WiFiAccessPointInitialised", "WiFiClientState",
-            "ClientSSID", "IPAddress", "MacAddress", "WiFiSignal", "WiFiAvailableFrequencies", "AccessPoints")
+READABLE = (
+    "WiFiState",
+    "Mode",
+    "SSID",
+    "WiFiFrequency",
+    "WiFiConnectedClients",
+    "WiFiAccessPointInitialised",
+    "WiFiClientState",
+    "ClientSSID",
+    "IPAddress",
+    "MacAddress",
+    "WiFiSignal",
+    "WiFiAvailableFrequencies",
+    "AccessPoints",
+)
 STORED = {"Mode": ("network", "mode"), "WiFiFrequency": ("network", "frequency"), "SSID": ("device", "deviceName")}
 
 REFUSED = "org.freedesktop.DBus.Error.AccessDenied"
@@ -26,8 +39,18 @@ FAILED = "org.freedesktop.DBus.Error.Failed"
 NO_ANSWER = ("org.freedesktop.DBus.Error.NoReply", "org.freedesktop.DBus.Error.ServiceUnknown")
 GOOD = ""
 
-CALLS = {"write WiFiState": 18, "write Mode": 15, "write WiFiFrequency": 9, "write SSID": 5, "Connect": 4, "Disconnect": 1,
-         "Scan": 1, "read AccessPoints": 2, "read ClientSSID": 0, "read everything": 3}
+CALLS = {
+    "write WiFiState": 18,
+    "write Mode": 15,
+    "write WiFiFrequency": 9,
+    "write SSID": 5,
+    "Connect": 4,
+    "Disconnect": 1,
+    "Scan": 1,
+    "read AccessPoints": 2,
+    "read ClientSSID": 0,
+    "read everything": 3,
+}
 """How many calls of somebody who does not answer each request waits for, as documented; 0 where it asks nobody."""
 HOSTAPD_ANSWER = 10.0
 SOCKET = 2.0
@@ -81,8 +104,10 @@ class Requests(Life):
             self._note(request, switches)
         began = time.monotonic()
         futures = [self._send(request) for request in requests]
-        values = [self._answer(request, future, began + bound, bound, expected)
-                  for request, future, expected in zip(requests, futures, before)]
+        values = [
+            self._answer(request, future, began + bound, bound, expected)
+            for request, future, expected in zip(requests, futures, before)
+        ]
         self.history.backlog = 0.0
         return values
 
@@ -97,8 +122,14 @@ class Requests(Life):
             return self.world.call_async("GetAll", "s", [INTERFACE], PROPERTIES)
         return self.world.call_async("Get", "ss", [INTERFACE, name], PROPERTIES)
 
-    def _answer(self, request: Request, future: "concurrent.futures.Future[list[Any]]", until: float, bound: float,
-                expected: Sequence[str]) -> Any:
+    def _answer(
+        self,
+        request: Request,
+        future: "concurrent.futures.Future[list[Any]]",
+        until: float,
+        bound: float,
+        expected: Sequence[str],
+    ) -> Any:
         kind, name, value = request
         what = f"{kind} {name}" + ("" if value is None else f" {str(value)[:60]!r}")
         try:

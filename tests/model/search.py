@@ -61,8 +61,15 @@ class Search:
     runs: int = 0
     found: list[Found] = field(default_factory=list)
 
-    def search(self, *, steps: int | None = None, seconds: float | None = None, findings: int | None = None,
-               until: Callable[[Found], bool] = lambda found: False, shrink: bool = True) -> None:
+    def search(
+        self,
+        *,
+        steps: int | None = None,
+        seconds: float | None = None,
+        findings: int | None = None,
+        until: Callable[[Found], bool] = lambda found: False,
+        shrink: bool = True,
+    ) -> None:
         """Search until so many steps are done, so many seconds are over, so much is found, or `until` says of something found
         that it was looked for."""
         self._shrinks = shrink
@@ -70,9 +77,16 @@ class Search:
         number = 0
         while True:
             with Stage(self.build) as stage:
-                self._round(stage, self.seed * 1_000_003 + number, lambda: (
-                    (steps is not None and self.steps >= steps) or (seconds is not None and time.monotonic() - began > seconds)
-                    or (findings is not None and len(self.found) >= findings) or any(map(until, self.found))))
+                self._round(
+                    stage,
+                    self.seed * 1_000_003 + number,
+                    lambda: (
+                        (steps is not None and self.steps >= steps)
+                        or (seconds is not None and time.monotonic() - began > seconds)
+                        or (findings is not None and len(self.found) >= findings)
+                        or any(map(until, self.found))
+                    ),
+                )
             number += 1
             if self._over:
                 return
@@ -103,10 +117,18 @@ class Search:
                 raise finding
 
         phases = [Phase.generate, Phase.shrink] if self._shrinks else [Phase.generate]
-        test = hypothesis.seed(seed)(hypothesis.settings(
-            database=None, deadline=None, max_examples=RUNS_IN_A_WORLD, phases=phases, report_multiple_bugs=False,
-            print_blob=False, verbosity=hypothesis.Verbosity.quiet,
-            suppress_health_check=list(HealthCheck))(hypothesis.given(runs())(attempt)))
+        test = hypothesis.seed(seed)(
+            hypothesis.settings(
+                database=None,
+                deadline=None,
+                max_examples=RUNS_IN_A_WORLD,
+                phases=phases,
+                report_multiple_bugs=False,
+                print_blob=False,
+                verbosity=hypothesis.Verbosity.quiet,
+                suppress_health_check=list(HealthCheck),
+            )(hypothesis.given(runs())(attempt))
+        )
         try:
             test()
         except (Finding, Flaky):
@@ -126,6 +148,7 @@ class Search:
 
     def _shorten(self, stage: Stage, found: Found) -> None:
         """Leave out what can be left out, also where Hypothesis has given up because the finding does not come each time."""
+
         def shows(run: Run) -> bool:
             finding = self._try(stage, run, False)
             if finding is None or finding.rule != found.rule:
@@ -138,8 +161,9 @@ class Search:
     def _keep(self, stage: Stage, found: Found, run: Run, finding: Finding) -> None:
         if len(run) <= len(found.run):
             found.run, found.text = run, finding.text
-            found.journal = "\n".join(str(entry) for entry in stage.world.journal.since(stage.history.started)
-                                      if entry.kind != "command")
+            found.journal = "\n".join(
+                str(entry) for entry in stage.world.journal.since(stage.history.started) if entry.kind != "command"
+            )
 
     def _known(self, rule: str, text: str) -> Found | None:
         """The earlier finding that says the same but for values."""
@@ -167,8 +191,10 @@ class Search:
 
 def report(found: Found) -> str:
     """What was found, as text and as a test."""
-    return (f"{found.rule} (step {found.at_step}, {found.times} times): {found.text}\n\n"
-            f"{found.run.as_test('found_by_the_search')}\n\nwhat happened in it: {found.file}\n")
+    return (
+        f"{found.rule} (step {found.at_step}, {found.times} times): {found.text}\n\n"
+        f"{found.run.as_test('found_by_the_search')}\n\nwhat happened in it: {found.file}\n"
+    )
 
 
 __all__ = ["Found", "Search", "report"]

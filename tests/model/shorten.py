@@ -31,7 +31,7 @@ def shorten(run: Run, shows: Callable[[Run], bool], seconds: float) -> Run:
         while start < len(run):
             if time.monotonic() > until:
                 return run
-            shorter = dataclasses.replace(run, acts=run.acts[:start] + run.acts[start + size:])
+            shorter = dataclasses.replace(run, acts=run.acts[:start] + run.acts[start + size :])
             if any(shows(shorter) for _ in range(tries)):
                 run = shorter
             else:

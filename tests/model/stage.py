@@ -177,7 +177,10 @@ class Stage(Neighbours):
             if (now.descriptors, now.threads) == (before.descriptors, before.threads):
                 break
             if time.monotonic() > deadline:
-                raise Finding("flat", f"{before.descriptors} descriptors and {before.threads} threads at first, "
-                                      f"{now.descriptors} and {now.threads} in the end")
+                raise Finding(
+                    "flat",
+                    f"{before.descriptors} descriptors and {before.threads} threads at first, "
+                    f"{now.descriptors} and {now.threads} in the end",
+                )
         if self._judges_memory and now.private_dirty > before.private_dirty + MEMORY_BOUND:
             raise Finding("flat", f"{before.private_dirty} KiB of private memory at first, {now.private_dirty} in the end")

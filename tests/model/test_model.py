@@ -22,7 +22,7 @@ def _switch_reads_as_off(stage: Stage) -> None:
 
 def _start_on_half_a_file(stage: Stage) -> None:
     whole = stage.world.hostapd_conf.read_text()
-    stage.world.hostapd_conf.write_text(whole[:whole.index("wpa")])
+    stage.world.hostapd_conf.write_text(whole[: whole.index("wpa")])
     stage.open_access_point()
     stage.world.hostapd_conf.write_text(whole)
 
@@ -120,11 +120,13 @@ ALL_WELL = Run("Client", True, False, True, (Act("write", ("SSID", "one")), Act(
 
 def test_a_run_is_written_down_as_a_test_that_does_the_same(stage: Stage) -> None:
     text = ALL_WELL.as_test("of_two_acts")
-    assert text == ("def test_of_two_acts(stage: Stage) -> None:\n"
-                    "    stage.begin(mode='Client', echo=True)\n"
-                    "    stage.write('SSID', 'one')\n"
-                    "    stage.together((('read', 'Mode', None),))\n"
-                    "    stage.finish(addresses=True)")
+    assert text == (
+        "def test_of_two_acts(stage: Stage) -> None:\n"
+        "    stage.begin(mode='Client', echo=True)\n"
+        "    stage.write('SSID', 'one')\n"
+        "    stage.together((('read', 'Mode', None),))\n"
+        "    stage.finish(addresses=True)"
+    )
     names: dict[str, object] = {"Stage": Stage, "Variant": Variant}
     exec(text, names)
     test = names["test_of_two_acts"]
@@ -150,8 +152,15 @@ def test_the_same_seed_makes_the_same_runs(stage: Stage, monkeypatch: pytest.Mon
     done: list[list[Run]] = [[], []]
     for runs in done:
         search = Search(stage.build, seed=7)
-        monkeypatch.setattr(search, "_try", lambda stage, run, counts, runs=runs, search=search: (
-            runs.append(run), setattr(search, "steps", search.steps + len(run)))[2:] or None)
+        monkeypatch.setattr(
+            search,
+            "_try",
+            lambda stage, run, counts, runs=runs, search=search: (
+                runs.append(run),
+                setattr(search, "steps", search.steps + len(run)),
+            )[2:]
+            or None,
+        )
         search.search(steps=300)
     assert done[0] == done[1]
     assert len(done[0]) > 3

@@ -30,9 +30,17 @@ ROOT = Path(__file__).resolve().parents[2]
 SURVIVORS = Path(__file__).with_name("survivors.toml")
 FOLDERS = ("src/", "platform/", "client/", "support/")
 ROOMS = {
-    "src/core": ("core", "faults"), "src/config": ("config",), "src/radio": ("radio", "core"), "src/listeners": ("listeners", "core"),
-    "src/utils": ("utils", "core"), "src/main.cpp": ("core",), "client": ("client",), "platform/settingsd": ("config", "faults"),
-    "platform/korrin-info": ("core",), "platform/dbus-helper": ("config", "listeners"), "support": ("core", "faults"),
+    "src/core": ("core", "faults"),
+    "src/config": ("config",),
+    "src/radio": ("radio", "core"),
+    "src/listeners": ("listeners", "core"),
+    "src/utils": ("utils", "core"),
+    "src/main.cpp": ("core",),
+    "client": ("client",),
+    "platform/settingsd": ("config", "faults"),
+    "platform/korrin-info": ("core",),
+    "platform/dbus-helper": ("config", "listeners"),
+    "support": ("core", "faults"),
 }
 """Contract tests' folders, nearest first, for the folders of the code."""
 UNIT_TESTS = "tests/unit/"
@@ -83,14 +91,28 @@ def contract_files(tree: Tree, file: str) -> tuple[list[Path], list[Path]]:
     """Contract tests for a source: those of its rooms, nearest first, and all others."""
     every = sorted((tree.folder / "tests/contract").glob("*/test_*.py"))
     rooms = next((rooms for folder, rooms in ROOMS.items() if file.startswith(folder)), ())
-    near = sorted((path for path in every if path.parent.name in rooms),
-                  key=lambda path: (nearness(file, path.name), rooms.index(path.parent.name)))
+    near = sorted(
+        (path for path in every if path.parent.name in rooms),
+        key=lambda path: (nearness(file, path.name), rooms.index(path.parent.name)),
+    )
     return near, [path for path in every if path not in near]
 
 
 def fails_contract(tree: Tree, files: list[Path]) -> bool:
-    command = [PYTHON, "-m", "pytest", *map(str, files), "-x", "-q", "-n", "3", "-p", "no:cacheprovider", "--build-dir",
-               str(tree.build)]
+    command = [
+        PYTHON,
+        "-m",
+        "pytest",
+        *map(str, files),
+        "-x",
+        "-q",
+        "-n",
+        "3",
+        "-p",
+        "no:cacheprovider",
+        "--build-dir",
+        str(tree.build),
+    ]
     status, output = timed(command, tree.folder, 1200)
     if status != 0 and " failed" not in output and " error" not in output and "had to be ended" not in output:
         raise Failure(f"pytest ended with {status}:\n{output[-2000:]}")
@@ -107,7 +129,7 @@ def judge(tree: Tree, mutant: Mutant, units: list[str]) -> Verdict:
     def verdict(caught_by: str | None, compiles: bool = True) -> Verdict:
         return Verdict(mutant, caught_by, compiles, time.monotonic() - began)
 
-    path.write_bytes(sound[:mutant.begin] + mutant.new.encode() + sound[mutant.end:])
+    path.write_bytes(sound[: mutant.begin] + mutant.new.encode() + sound[mutant.end :])
     try:
         units = sorted(units, key=lambda name: (nearness(mutant.file, name), name))
         if not tree.make([*(UNIT_TESTS + name for name in units), *DAEMONS]):
@@ -128,7 +150,10 @@ def judge(tree: Tree, mutant: Mutant, units: list[str]) -> Verdict:
 def excused() -> dict[tuple[str, str, str], tuple[bool, str]]:
     """Mutants that are known to survive: (file, function, change) -> (whether nobody can tell it from the sound code, reason)."""
     listed = tomllib.loads(SURVIVORS.read_text()).get("survivor", []) if SURVIVORS.exists() else []
-    return {(each["file"], each["function"], each["change"]): (bool(each.get("equivalent", False)), each["reason"]) for each in listed}
+    return {
+        (each["file"], each["function"], each["change"]): (bool(each.get("equivalent", False)), each["reason"])
+        for each in listed
+    }
 
 
 def prepare(number: int, preset: str) -> Tree:
@@ -187,8 +212,11 @@ class Rounds:
         mutant = found.mutant
         equivalent, reason = self._reason(mutant)
         text = f"caught by {found.caught_by}" if found.caught_by else f"SURVIVED{' (no difference)' if equivalent else ''}"
-        print(f"{text}: {mutant.file}:{mutant.line} {mutant.function}: {mutant.title} ({found.seconds:.0f} s)"
-              + (f"; {reason}" if reason and not found.caught_by else ""), flush=True)
+        print(
+            f"{text}: {mutant.file}:{mutant.line} {mutant.function}: {mutant.title} ({found.seconds:.0f} s)"
+            + (f"; {reason}" if reason and not found.caught_by else ""),
+            flush=True,
+        )
 
 
 def main() -> int:
@@ -223,7 +251,9 @@ def main() -> int:
         if inside:
             print(f"{folder} {sum(1 for each in inside if each.caught_by)} of {len(inside)} caught")
     for mutant in survivors:
-        print(f'[[survivor]]\nfile = "{mutant.file}"\nfunction = "{mutant.function}"\nchange = {json.dumps(mutant.title)}\nreason = ""\n')
+        print(
+            f'[[survivor]]\nfile = "{mutant.file}"\nfunction = "{mutant.function}"\nchange = {json.dumps(mutant.title)}\nreason = ""\n'
+        )
     print(f"kill rate: {rate:.1f} % of {len(counted)}, {len(rounds.verdicts) - len(counted)} without a difference")
     print(f"{len(counted) - len(survivors)} passed, {len(survivors)} failed")
     return 0 if counted and not rounds.failures and rate >= arguments.want else 1

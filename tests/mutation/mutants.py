@@ -12,13 +12,42 @@ from pathlib import Path
 
 from clang.cindex import Cursor, CursorKind, Index, TokenKind, TranslationUnit, TypeKind
 
-OPERATORS = {"<": "<=", "<=": "<", ">": ">=", ">=": ">", "==": "!=", "!=": "==", "&&": "||", "||": "&&", "+": "-", "-": "+",
-             "*": "/", "/": "*", "%": "*", "&": "|", "|": "&", "+=": "-=", "-=": "+="}
+OPERATORS = {
+    "<": "<=",
+    "<=": "<",
+    ">": ">=",
+    ">=": ">",
+    "==": "!=",
+    "!=": "==",
+    "&&": "||",
+    "||": "&&",
+    "+": "-",
+    "-": "+",
+    "*": "/",
+    "/": "*",
+    "%": "*",
+    "&": "|",
+    "|": "&",
+    "+=": "-=",
+    "-=": "+=",
+}
 BRANCHES = (CursorKind.IF_STMT, CursorKind.WHILE_STMT, CursorKind.CONDITIONAL_OPERATOR)
-LEFT_OUT = (CursorKind.CALL_EXPR, CursorKind.BINARY_OPERATOR, CursorKind.COMPOUND_ASSIGNMENT_OPERATOR, CursorKind.UNARY_OPERATOR,
-            CursorKind.BREAK_STMT, CursorKind.CONTINUE_STMT)
-FUNCTIONS = (CursorKind.FUNCTION_DECL, CursorKind.CXX_METHOD, CursorKind.CONSTRUCTOR, CursorKind.DESTRUCTOR,
-             CursorKind.FUNCTION_TEMPLATE, CursorKind.CONVERSION_FUNCTION)
+LEFT_OUT = (
+    CursorKind.CALL_EXPR,
+    CursorKind.BINARY_OPERATOR,
+    CursorKind.COMPOUND_ASSIGNMENT_OPERATOR,
+    CursorKind.UNARY_OPERATOR,
+    CursorKind.BREAK_STMT,
+    CursorKind.CONTINUE_STMT,
+)
+FUNCTIONS = (
+    CursorKind.FUNCTION_DECL,
+    CursorKind.CXX_METHOD,
+    CursorKind.CONSTRUCTOR,
+    CursorKind.DESTRUCTOR,
+    CursorKind.FUNCTION_TEMPLATE,
+    CursorKind.CONVERSION_FUNCTION,
+)
 WHOLE_NUMBERS = (TypeKind.INT, TypeKind.LONG, TypeKind.LONGLONG, TypeKind.UINT, TypeKind.ULONG, TypeKind.USHORT, TypeKind.SHORT)
 
 
@@ -135,7 +164,7 @@ def _returned(value: Cursor, text: bytes) -> Iterator[tuple[int, int, str]]:
 def _negated(cursor: Cursor, children: list[Cursor], text: bytes) -> Iterator[tuple[int, int, str]]:
     condition = children[0]
     begin, end = _span(condition)
-    whole = text[cursor.extent.start.offset:begin].decode(errors="replace")
+    whole = text[cursor.extent.start.offset : begin].decode(errors="replace")
     # A condition that declares something, or one behind an initialiser, cannot be put into parentheses as it stands.
     if condition.kind not in (CursorKind.DECL_STMT, CursorKind.VAR_DECL) and ";" not in whole and "constexpr" not in whole:
         yield begin, end, f"!({text[begin:end].decode()})"

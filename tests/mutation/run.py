@@ -46,8 +46,14 @@ class Fault:
 
     @staticmethod
     def read(table: dict) -> "Fault":
-        fault = Fault(table["name"], table["file"], table["old"], table["new"], tuple(table.get("unit", ())),
-                      tuple(table.get("contract", ())))
+        fault = Fault(
+            table["name"],
+            table["file"],
+            table["old"],
+            table["new"],
+            tuple(table.get("unit", ())),
+            tuple(table.get("contract", ())),
+        )
         unknown = set(table) - set(Fault.__dataclass_fields__)
         if unknown:
             raise Failure(f"{fault.name}: unknown keys {', '.join(sorted(unknown))}")
@@ -91,15 +97,32 @@ class Tree:
 
 
 def run(command: list[str], folder: Path) -> subprocess.CompletedProcess[str]:
-    return subprocess.run(command, cwd=folder, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
-                          errors="replace", timeout=1800, check=False)
+    return subprocess.run(
+        command,
+        cwd=folder,
+        stdout=subprocess.PIPE,
+        stderr=subprocess.STDOUT,
+        text=True,
+        errors="replace",
+        timeout=1800,
+        check=False,
+    )
 
 
 def timed(command: list[str], folder: Path, limit: float = TIME_LIMIT) -> tuple[int, str]:
     """Status and output; one that had to be ended has failed."""
     try:
-        ended = subprocess.run(command, cwd=folder, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
-                               errors="replace", timeout=limit, env={**os.environ, **SANITIZERS}, check=False)
+        ended = subprocess.run(
+            command,
+            cwd=folder,
+            stdout=subprocess.PIPE,
+            stderr=subprocess.STDOUT,
+            text=True,
+            errors="replace",
+            timeout=limit,
+            env={**os.environ, **SANITIZERS},
+            check=False,
+        )
     except subprocess.TimeoutExpired:
         return 1, "had to be ended"
     return ended.returncode, ended.stdout
@@ -114,9 +137,21 @@ def fails_unit(tree: Tree, name: str) -> bool:
 
 def fails_contract(tree: Tree, selection: str) -> bool:
     file, _, narrowed = selection.partition(" -k ")
-    path, = (tree.folder / "tests" / "contract").glob(f"*/{file}")
-    command = [PYTHON, "-m", "pytest", str(path), "-x", "-q", "-n", "4", "-p", "no:cacheprovider",
-               "--build-dir", str(tree.build)]
+    (path,) = (tree.folder / "tests" / "contract").glob(f"*/{file}")
+    command = [
+        PYTHON,
+        "-m",
+        "pytest",
+        str(path),
+        "-x",
+        "-q",
+        "-n",
+        "4",
+        "-p",
+        "no:cacheprovider",
+        "--build-dir",
+        str(tree.build),
+    ]
     if narrowed:
         command += ["-k", narrowed]
     status, output = timed(command, tree.folder)

@@ -47,13 +47,23 @@ class Package:
         return folder
 
     def _dpkg_deb(self, action: str, *arguments: str) -> str:
-        return subprocess.run(["dpkg-deb", action, self.path, *arguments], check=True, capture_output=True, text=True, timeout=60,
-                              env={"PATH": "/usr/bin:/bin", "LC_ALL": "C"}).stdout
+        return subprocess.run(
+            ["dpkg-deb", action, self.path, *arguments],
+            check=True,
+            capture_output=True,
+            text=True,
+            timeout=60,
+            env={"PATH": "/usr/bin:/bin", "LC_ALL": "C"},
+        ).stdout
 
 
 def pytest_addoption(parser: pytest.Parser) -> None:
-    parser.addoption("--architecture", default="amd64", choices=["amd64", "armhf"],
-                     help="whose packages to test: those in build/packages/ARCHITECTURE")
+    parser.addoption(
+        "--architecture",
+        default="amd64",
+        choices=["amd64", "armhf"],
+        help="whose packages to test: those in build/packages/ARCHITECTURE",
+    )
 
 
 @pytest.fixture(scope="session")

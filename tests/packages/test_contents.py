@@ -42,8 +42,14 @@ FILES = {
         "/usr/share/python3/runtime.d/vantora-network-sim.rtupdate",
         "/usr/share/vantora-sim/world.schema.json",
         *(f"/usr/share/vantora-sim/worlds/{path.name}" for path in (ROOT / "simulator/worlds").glob("*.json")),
-        *(f"/usr/share/vantora-sim/{path.relative_to(ROOT / 'simulator')}" for path in (ROOT / "simulator/vantora_sim").rglob("*.py")),
-        *(f"/usr/share/vantora-sim/{path.relative_to(ROOT / 'simulator')}" for path in (ROOT / "simulator/vantora_sim").rglob("static/*")),
+        *(
+            f"/usr/share/vantora-sim/{path.relative_to(ROOT / 'simulator')}"
+            for path in (ROOT / "simulator/vantora_sim").rglob("*.py")
+        ),
+        *(
+            f"/usr/share/vantora-sim/{path.relative_to(ROOT / 'simulator')}"
+            for path in (ROOT / "simulator/vantora_sim").rglob("static/*")
+        ),
         "/usr/share/vantora-sim/dbus-api.md",
     },
     "vantora-settingsd": {
@@ -84,8 +90,14 @@ def programs(unpacked: dict[str, Path], name: str) -> list[Path]:
 
 
 def readelf(option: str, path: Path) -> str:
-    return subprocess.run(["readelf", "--wide", option, path], check=True, capture_output=True, text=True, timeout=60,
-                          env={"PATH": "/usr/bin:/bin", "LC_ALL": "C"}).stdout
+    return subprocess.run(
+        ["readelf", "--wide", option, path],
+        check=True,
+        capture_output=True,
+        text=True,
+        timeout=60,
+        env={"PATH": "/usr/bin:/bin", "LC_ALL": "C"},
+    ).stdout
 
 
 def test_there_is_one_package_for_each_purpose(packages: dict[str, Package], architecture: str) -> None:
@@ -134,8 +146,9 @@ def test_the_daemons_are_built_with_the_standard_librarys_checks(unpacked: dict[
 
 
 @pytest.mark.parametrize("name", NAMES)
-def test_a_package_depends_on_the_libraries_of_its_programs(packages: dict[str, Package], unpacked: dict[str, Path],
-                                                           name: str) -> None:
+def test_a_package_depends_on_the_libraries_of_its_programs(
+    packages: dict[str, Package], unpacked: dict[str, Path], name: str
+) -> None:
     depends = {re.split(r"[ (|:]", dependency.strip())[0] for dependency in packages[name].field("Depends").split(",")}
     for path in programs(unpacked, name):
         needed = re.findall(r"\(NEEDED\) +Shared library: \[(\S+)\]", readelf("--dynamic", path))

@@ -33,16 +33,39 @@ def results(packages: dict[str, Package], tmp_path_factory: pytest.TempPathFacto
     for package in packages.values():
         shutil.copy(package.path, work / "packages")
     shutil.copy(STEPS, work / "packages/steps")
-    mirror = subprocess.run(["bash", "-c", "source scripts/common.sh; source scripts/debian-mirror.sh; "
-                             "debian_sources; echo; debian_apt_options >$0", str(work / "apt.conf")],
-                            cwd=ROOT, check=True, capture_output=True, text=True, timeout=60).stdout
+    mirror = subprocess.run(
+        [
+            "bash",
+            "-c",
+            "source scripts/common.sh; source scripts/debian-mirror.sh; " "debian_sources; echo; debian_apt_options >$0",
+            str(work / "apt.conf"),
+        ],
+        cwd=ROOT,
+        check=True,
+        capture_output=True,
+        text=True,
+        timeout=60,
+    ).stdout
     (work / "sources.list").write_text(mirror)
     made = subprocess.run(
-        ["mmdebstrap", "--variant=minbase", "--format=null", f"--include={outside_packages(packages)}",
-         f"--aptopt={work}/apt.conf", "--dpkgopt=force-unsafe-io",
-         f"--customize-hook=copy-in {work}/packages /", '--customize-hook=chroot "$1" sh /packages/steps',
-         f"--customize-hook=sync-out /results {work}", "bookworm", "-", work / "sources.list"],
-        capture_output=True, text=True, timeout=500)
+        [
+            "mmdebstrap",
+            "--variant=minbase",
+            "--format=null",
+            f"--include={outside_packages(packages)}",
+            f"--aptopt={work}/apt.conf",
+            "--dpkgopt=force-unsafe-io",
+            f"--customize-hook=copy-in {work}/packages /",
+            '--customize-hook=chroot "$1" sh /packages/steps',
+            f"--customize-hook=sync-out /results {work}",
+            "bookworm",
+            "-",
+            work / "sources.list",
+        ],
+        capture_output=True,
+        text=True,
+        timeout=500,
+    )
     assert made.returncode == 0, made.stderr
     return work
 
@@ -67,12 +90,15 @@ def test_units_are_enabled_by_the_installation(results: Path, unit: str) -> None
     assert output(results, f"enabled-{unit}") == "enabled\n"
 
 
-@pytest.mark.parametrize(("program", "first"), [
-    ("vantora-settingsd", "vantora-settingsd 1"),
-    ("vantora-wifi", "vantora-wifi 1"),
-    ("vantora-sim", "usage: vantora-sim"),
-    ("vantora-simctl", "usage: vantora-simctl"),
-])
+@pytest.mark.parametrize(
+    ("program", "first"),
+    [
+        ("vantora-settingsd", "vantora-settingsd 1"),
+        ("vantora-wifi", "vantora-wifi 1"),
+        ("vantora-sim", "usage: vantora-sim"),
+        ("vantora-simctl", "usage: vantora-simctl"),
+    ],
+)
 def test_programs_run(results: Path, program: str, first: str) -> None:
     assert output(results, program).startswith(first)
 

@@ -114,16 +114,30 @@ def _station(shim: Path, stock: bool) -> Service:
     if stock:
         return Service(["/usr/sbin/wpa_supplicant", "-u", "-Dwired", "-iwlan0", "-c/run/station.conf"])
     # The first interface is number 0, the second 1.
-    return Service(["/usr/sbin/wpa_supplicant", "-u", "-Dwired", "-ilo", "-c/run/other.conf", "-N", "-Dwired", "-iwlan0",
-                    "-c/run/station.conf"], {"LD_PRELOAD": str(shim), "VANTORA_BUS_USER": str(os.geteuid())})
+    return Service(
+        [
+            "/usr/sbin/wpa_supplicant",
+            "-u",
+            "-Dwired",
+            "-ilo",
+            "-c/run/other.conf",
+            "-N",
+            "-Dwired",
+            "-iwlan0",
+            "-c/run/station.conf",
+        ],
+        {"LD_PRELOAD": str(shim), "VANTORA_BUS_USER": str(os.geteuid())},
+    )
 
 
 def services(world: World, shim: Path, stock: bool = False) -> dict[str, Service]:
     """What the device's units run. A stock wpa_supplicant has only its newer bus name, and `wlan0` is its first interface."""
+
     def understandable() -> None:
         lines = world.hostapd_conf.read_bytes().splitlines(keepends=True)
         (world.work / "run/hostapd-debian.conf").write_bytes(
-            b"".join(line for line in lines if not line.startswith(VENDOR_KEY)))
+            b"".join(line for line in lines if not line.startswith(VENDOR_KEY))
+        )
         world.radio.interface_type = "AP"
 
     def back_to_managed() -> None:
@@ -131,8 +145,9 @@ def services(world: World, shim: Path, stock: bool = False) -> dict[str, Service
 
     return {
         # -d: it says who attaches.
-        units.HOSTAPD: Service(["/usr/sbin/hostapd", "-d", "/run/hostapd-debian.conf"], before_start=understandable,
-                               after_stop=back_to_managed),
+        units.HOSTAPD: Service(
+            ["/usr/sbin/hostapd", "-d", "/run/hostapd-debian.conf"], before_start=understandable, after_stop=back_to_managed
+        ),
         units.STATION: _station(shim, stock),
         units.DHCP_SERVER: Service(dhcp_server("wlan0")),
         units.DHCP_CLIENT: Service(["/usr/bin/busybox", "udhcpc", "-i", "wlan0", *DHCP_CLIENT]),

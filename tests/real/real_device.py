@@ -14,8 +14,10 @@ _PEER = ["/usr/bin/nsenter", "--net=/run/netns/air"]
 PEER_ADDRESS = "02:00:00:00:60:09"
 """Of the other machine on the air."""
 
-_SEPARATE_AIR = (f"ip link set air0 address {PEER_ADDRESS} && ip netns add air && ip link set air0 netns air"
-                 " && ip -n air link set lo up && ip -n air link set air0 up")
+_SEPARATE_AIR = (
+    f"ip link set air0 address {PEER_ADDRESS} && ip netns add air && ip link set air0 netns air"
+    " && ip -n air link set lo up && ip -n air link set air0 up"
+)
 
 
 class Hostapd:
@@ -48,13 +50,17 @@ class Hostapd:
 
     def wait_attached(self, times: int = 1) -> None:
         """Wait until clients have attached so often to the latest process."""
-        wait_until(lambda: self.said("CTRL_IFACE monitor attached") >= times,
-                   lambda: f"a client of hostapd, which says\n{self.process.stdout}")
+        wait_until(
+            lambda: self.said("CTRL_IFACE monitor attached") >= times,
+            lambda: f"a client of hostapd, which says\n{self.process.stdout}",
+        )
 
     def wait_serves(self) -> None:
         """Wait until the latest process answers."""
-        wait_until(lambda: not self.process.running or self.cli("ping") == "PONG",
-                   lambda: f"hostapd, which says\n{self.process.stdout}")
+        wait_until(
+            lambda: not self.process.running or self.cli("ping") == "PONG",
+            lambda: f"hostapd, which says\n{self.process.stdout}",
+        )
 
 
 class RealDevice:

@@ -62,6 +62,7 @@ class Supplicant:
 
     def wait_present(self, other_than: str | None = None) -> str:
         """Wait until it is on the bus and has made interface 1 for `wlan0`; returns its unique name."""
+
         def look() -> str | None:
             owner = self.owner()
             if owner is None or owner == other_than:
@@ -74,8 +75,15 @@ class Supplicant:
         owner: str = wait_until(look, "wpa_supplicant")
         return owner
 
-    def call(self, member: str, signature: str = "", args: list[Any] | None = None, *, path: str = INTERFACE_PATH,
-             interface: str = INTERFACE) -> list[Any]:
+    def call(
+        self,
+        member: str,
+        signature: str = "",
+        args: list[Any] | None = None,
+        *,
+        path: str = INTERFACE_PATH,
+        interface: str = INTERFACE,
+    ) -> list[Any]:
         """Call a method; a refusal raises CallRefused."""
         return self._world.loop.run(self._client.call(SERVICE, path, interface, member, signature, args))
 
@@ -90,11 +98,15 @@ class Supplicant:
 
     def own_changes(self) -> list[dict[str, Variant]]:
         """The properties in each of its own PropertiesChanged signals, of whichever object, in order."""
-        return [notice.body[0] for notice in self.notices
-                if notice.interface == INTERFACE and notice.member == "PropertiesChanged"]
+        return [
+            notice.body[0] for notice in self.notices if notice.interface == INTERFACE and notice.member == "PropertiesChanged"
+        ]
 
     def states(self) -> list[str]:
         """The state words of interface 1 in the order in which they were announced."""
-        return [notice.body[0]["State"].value for notice in self.notices
-                if (notice.path, notice.interface, notice.member) == (INTERFACE_PATH, INTERFACE, "PropertiesChanged")
-                and "State" in notice.body[0]]
+        return [
+            notice.body[0]["State"].value
+            for notice in self.notices
+            if (notice.path, notice.interface, notice.member) == (INTERFACE_PATH, INTERFACE, "PropertiesChanged")
+            and "State" in notice.body[0]
+        ]

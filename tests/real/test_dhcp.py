@@ -40,5 +40,7 @@ def test_access_point_gives_addresses(make_device: Callable[..., RealDevice]) ->
     device = make_device("Host", hostapd_template=ACCESS_POINT)
     assert device.addresses() == ["192.168.8.1/24"]
     device.start_peer("/usr/bin/busybox", "udhcpc", "-i", "air0", *DHCP_CLIENT)
-    wait_until(lambda: "192.168.8.10/24" in device.run_peer("/usr/sbin/ip", "-o", "-4", "addr", "show", "dev", "air0"),
-               "an address for the other machine")
+    wait_until(
+        lambda: "192.168.8.10/24" in device.run_peer("/usr/sbin/ip", "-o", "-4", "addr", "show", "dev", "air0"),
+        "an address for the other machine",
+    )

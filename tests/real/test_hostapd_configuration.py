@@ -8,8 +8,19 @@ from programs import ACCESS_POINT, SECURED_ACCESS_POINT
 from real_device import RealDevice
 from vantora_sim import changed, log, units
 
-NAMES = ['a "quoted" name', "# no comment", "Kaffee \u2615 K\u00fcche", "\u00e9" * 16, "  blanks at both ends  ",
-         "back\\slash \\x41 \\n", "key=value", "'; reboot #", "%s %n", "tab\there", "P\"C\"ssid2"]
+NAMES = [
+    'a "quoted" name',
+    "# no comment",
+    "Kaffee \u2615 K\u00fcche",
+    "\u00e9" * 16,
+    "  blanks at both ends  ",
+    "back\\slash \\x41 \\n",
+    "key=value",
+    "'; reboot #",
+    "%s %n",
+    "tab\there",
+    'P"C"ssid2',
+]
 """Each holds something that a configuration file could misread; the fourth is as long as a name can be."""
 
 
@@ -59,8 +70,10 @@ def test_hostapd_without_the_vendors_key_refuses_that_one_line_and_no_other(make
     refused = device.world.sandbox.run(["/usr/sbin/hostapd", "/run/hostapd.conf"])
     assert refused.status == 1
     complaints = [line for line in refused.stdout.splitlines() if "Line " in line or "errors found" in line]
-    assert complaints == ["Line 1: unknown configuration item 'acs_blacklist'",
-                          "1 errors found in configuration file '/run/hostapd.conf'"]
+    assert complaints == [
+        "Line 1: unknown configuration item 'acs_blacklist'",
+        "1 errors found in configuration file '/run/hostapd.conf'",
+    ]
 
 
 def test_line_break_in_a_name_adds_no_line(make_device: Callable[..., RealDevice]) -> None:
@@ -71,7 +84,8 @@ def test_line_break_in_a_name_adds_no_line(make_device: Callable[..., RealDevice
 
 
 def test_hostapd_that_refused_a_name_takes_the_next_and_is_heard_after_a_change_of_mode(
-        make_device: Callable[..., RealDevice]) -> None:
+    make_device: Callable[..., RealDevice]
+) -> None:
     """The listener looks for the successor of a hostapd that ends, once; a change of the name is no reason to look again."""
     device = make_device("Host", hostapd_template=ACCESS_POINT)
     device.hostapd.wait_attached()
@@ -92,10 +106,12 @@ def test_hostapd_that_refused_a_name_takes_the_next_and_is_heard_after_a_change_
 
 
 def test_access_point_that_first_waits_for_its_country_is_announced_when_it_is_on_the_air(
-        make_device: Callable[..., RealDevice]) -> None:
+    make_device: Callable[..., RealDevice]
+) -> None:
     device = make_device("Host", hostapd_template=SECURED_ACCESS_POINT)
     device.hostapd.wait_attached()
     assert device.world.get("WiFiAccessPointInitialised") is False
-    device.world.journal.expect_in_order([log("info", "ListenTask: Recv <3>AP-ENABLED "),  # after five seconds
-                                          changed("WiFiAccessPointInitialised", True)])
+    device.world.journal.expect_in_order(
+        [log("info", "ListenTask: Recv <3>AP-ENABLED "), changed("WiFiAccessPointInitialised", True)]  # after five seconds
+    )
     assert "state=ENABLED" in device.hostapd.cli("status").splitlines()

@@ -17,16 +17,18 @@ def join(device: RealDevice, mac: str, expected: int) -> None:
     """Let a station join and wait until the daemon has announced the number of stations."""
     mark = device.world.journal.mark()
     device.hostapd.order("new_sta", mac)
-    device.world.journal.expect_in_order([log("info", f"ListenTask: Recv <3>AP-STA-CONNECTED {mac}"),
-                                          changed("WiFiConnectedClients", expected)], mark)
+    device.world.journal.expect_in_order(
+        [log("info", f"ListenTask: Recv <3>AP-STA-CONNECTED {mac}"), changed("WiFiConnectedClients", expected)], mark
+    )
 
 
 def leave(device: RealDevice, mac: str, expected: int) -> None:
     """Throw a station out and wait until the daemon has announced the number of stations."""
     mark = device.world.journal.mark()
     device.hostapd.order("deauthenticate", mac)
-    device.world.journal.expect_in_order([log("info", f"ListenTask: Recv <3>AP-STA-DISCONNECTED {mac}"),
-                                          changed("WiFiConnectedClients", expected)], mark)
+    device.world.journal.expect_in_order(
+        [log("info", f"ListenTask: Recv <3>AP-STA-DISCONNECTED {mac}"), changed("WiFiConnectedClients", expected)], mark
+    )
 
 
 def test_stations_that_join_are_counted_and_announced(access_point: RealDevice) -> None:
@@ -60,7 +62,9 @@ def test_access_point_that_goes_off_and_on_the_air_is_announced(access_point: Re
     journal = access_point.world.journal
     mark = journal.mark()
     access_point.hostapd.order("disable")
-    journal.expect_in_order([log("info", "ListenTask: Recv <3>AP-DISABLED "), changed("WiFiAccessPointInitialised", False)], mark)
+    journal.expect_in_order(
+        [log("info", "ListenTask: Recv <3>AP-DISABLED "), changed("WiFiAccessPointInitialised", False)], mark
+    )
     mark = journal.mark()
     access_point.hostapd.order("enable")
     journal.expect_in_order([log("info", "ListenTask: Recv <3>AP-ENABLED "), changed("WiFiAccessPointInitialised", True)], mark)
@@ -72,9 +76,13 @@ def test_event_that_follows_at_once_is_cut_to_the_length_of_the_one_before(acces
     join(access_point, PHONE, 1)
     mark = access_point.world.journal.mark()
     access_point.hostapd.order("disable")
-    second = access_point.world.journal.expect_in_order([
-        log("info", "ListenTask: Recv <3>AP-DISABLED "),
-        log("info", lambda text: text.startswith("ListenTask: Recv <3>AP-STA-DISC"))], mark)[1]
+    second = access_point.world.journal.expect_in_order(
+        [
+            log("info", "ListenTask: Recv <3>AP-DISABLED "),
+            log("info", lambda text: text.startswith("ListenTask: Recv <3>AP-STA-DISC")),
+        ],
+        mark,
+    )[1]
     assert second.text in ("ListenTask: Recv <3>AP-STA-DISCO", f"ListenTask: Recv <3>AP-STA-DISCONNECTED {PHONE}")
     assert access_point.world.get("WiFiConnectedClients") == 0  # either way
 
@@ -89,8 +97,9 @@ def test_station_that_really_authenticates_is_counted(make_device: Callable[...,
     device.hostapd.wait_attached()
     phone = start_phone(device)
     journal = device.world.journal
-    journal.expect_in_order([log("info", f"ListenTask: Recv <3>AP-STA-CONNECTED {PEER_ADDRESS}"),
-                             changed("WiFiConnectedClients", 1)])
+    journal.expect_in_order(
+        [log("info", f"ListenTask: Recv <3>AP-STA-CONNECTED {PEER_ADDRESS}"), changed("WiFiConnectedClients", 1)]
+    )
     wait_until(lambda: "CTRL-EVENT-CONNECTED" in phone.stdout, lambda: f"the phone to be let in\n{phone.stdout}")
     assert device.hostapd.stations() == [PEER_ADDRESS]
     leave(device, PEER_ADDRESS, 0)

@@ -43,9 +43,15 @@ def test_hostapd_that_is_restarted_says_farewell_and_is_attached_to_again(access
     mark = journal.mark()
     device.services.job("Restart", units.HOSTAPD)
     assert device.services.started(units.HOSTAPD) == 2
-    journal.expect_in_order([log("info", "ListenTask: Recv <3>AP-DISABLED "), log("info", FAREWELL),
-                             log("err", "wifi_host_terminated: hostapd terminated."),
-                             log("info", "restart_wifi_host_listener_callback: Restarting...")], mark)
+    journal.expect_in_order(
+        [
+            log("info", "ListenTask: Recv <3>AP-DISABLED "),
+            log("info", FAREWELL),
+            log("err", "wifi_host_terminated: hostapd terminated."),
+            log("info", "restart_wifi_host_listener_callback: Restarting..."),
+        ],
+        mark,
+    )
     device.hostapd.wait_attached()
     announced(device, PHONE)
 

@@ -39,9 +39,11 @@ def station(make_world: Callable[..., World], build_dir: Path) -> Iterator[RealD
     assert device.services.failures == []
 
 
-def outcome(device: RealDevice, name: str, path: str, interface: str, member: str, signature: str = "",
-            args: list[Any] | None = None) -> Any:
+def outcome(
+    device: RealDevice, name: str, path: str, interface: str, member: str, signature: str = "", args: list[Any] | None = None
+) -> Any:
     """What a call by one of the names comes to: values, or name and text of an error."""
+
     async def ask() -> Any:
         return await device.supplicant._client.call(name, path, interface, member, signature, args)
 
@@ -51,23 +53,27 @@ def outcome(device: RealDevice, name: str, path: str, interface: str, member: st
         return refused.name, refused.text
 
 
-@pytest.mark.parametrize(("interface", "member", "signature", "args"), [
-    (INTERFACE, "Scan", "a{sv}", [{}]),
-    (INTERFACE, "Scan", "a{sv}", [{"Type": Variant("s", "sideways")}]),
-    (INTERFACE, "AddNetwork", "a{sv}", [{"ssid": Variant("s", "net"), "psk": Variant("s", "short")}]),
-    (INTERFACE, "AddNetwork", "a{sv}", [{"unknown": Variant("s", "net")}]),
-    (INTERFACE, "AddNetwork", "s", ["net"]),
-    (INTERFACE, "RemoveNetwork", "o", [f"{STATION}/Networks/99"]),
-    (INTERFACE, "SelectNetwork", "o", ["/"]),
-    (INTERFACE, "Disconnect", "", []),
-    (INTERFACE, "NoSuchMethod", "", []),
-    ("no.such.Interface", "Scan", "", []),
-    (PROPERTIES, "Get", "ss", [INTERFACE, "BSSs"]),
-    (PROPERTIES, "Get", "ss", [INTERFACE, "NoSuchProperty"]),
-    (PROPERTIES, "Get", "ss", [INTERFACE, "Ifname"]),
-    (PROPERTIES, "GetAll", "s", [INTERFACE]),
-    ("org.freedesktop.DBus.Introspectable", "Introspect", "", []),
-], ids=str)
+@pytest.mark.parametrize(
+    ("interface", "member", "signature", "args"),
+    [
+        (INTERFACE, "Scan", "a{sv}", [{}]),
+        (INTERFACE, "Scan", "a{sv}", [{"Type": Variant("s", "sideways")}]),
+        (INTERFACE, "AddNetwork", "a{sv}", [{"ssid": Variant("s", "net"), "psk": Variant("s", "short")}]),
+        (INTERFACE, "AddNetwork", "a{sv}", [{"unknown": Variant("s", "net")}]),
+        (INTERFACE, "AddNetwork", "s", ["net"]),
+        (INTERFACE, "RemoveNetwork", "o", [f"{STATION}/Networks/99"]),
+        (INTERFACE, "SelectNetwork", "o", ["/"]),
+        (INTERFACE, "Disconnect", "", []),
+        (INTERFACE, "NoSuchMethod", "", []),
+        ("no.such.Interface", "Scan", "", []),
+        (PROPERTIES, "Get", "ss", [INTERFACE, "BSSs"]),
+        (PROPERTIES, "Get", "ss", [INTERFACE, "NoSuchProperty"]),
+        (PROPERTIES, "Get", "ss", [INTERFACE, "Ifname"]),
+        (PROPERTIES, "GetAll", "s", [INTERFACE]),
+        ("org.freedesktop.DBus.Introspectable", "Introspect", "", []),
+    ],
+    ids=str,
+)
 def test_both_names_come_to_the_same(station: RealDevice, interface: str, member: str, signature: str, args: list[Any]) -> None:
     newer = outcome(station, SERVICE, STATION, interface, member, signature, args)
     older = outcome(station, OLDER_NAME, INTERFACE_PATH, interface, member, signature, args)
@@ -76,13 +82,13 @@ def test_both_names_come_to_the_same(station: RealDevice, interface: str, member
 
 def test_the_daemon_adds_and_selects_a_network(station: RealDevice) -> None:
     station.world.call("Connect", "ss", ["some net", "secret12"])
-    path, = station.supplicant.get("Networks", path=STATION)
+    (path,) = station.supplicant.get("Networks", path=STATION)
     assert path.startswith(f"{STATION}/Networks/")
     settings = station.supplicant.network(path)
     assert (settings["ssid"], settings["key_mgmt"]) == ('"some net"', "WPA-PSK")
     assert station.supplicant.get("Enabled", path=path, interface=NETWORK) is True
     station.world.call("Connect", "ss", ["other net", "secret12"])
-    other, = station.supplicant.get("Networks", path=STATION)
+    (other,) = station.supplicant.get("Networks", path=STATION)
     assert station.supplicant.network(other)["ssid"] == '"other net"'
 
 
@@ -94,17 +100,28 @@ def test_wpa_supplicant_is_killed_and_started_anew(station: RealDevice) -> None:
         world.journal.wait_for(log("info", "[Names] wpa_supplicant has gone"), mark)
         wait_until(lambda: station.supplicant.owner(OLDER_NAME) is None, "the older name to go")
         assert outcome(station, OLDER_NAME, INTERFACE_PATH, INTERFACE, "Disconnect") == (
-            "org.freedesktop.DBus.Error.ServiceUnknown", f"The name {OLDER_NAME} was not provided by any .service files")
+            "org.freedesktop.DBus.Error.ServiceUnknown",
+            f"The name {OLDER_NAME} was not provided by any .service files",
+        )
         station.services.job("Start", units.STATION)
         wait_until(lambda: station.supplicant.owner(OLDER_NAME), "the older name")
-        assert outcome(station, OLDER_NAME, INTERFACE_PATH, PROPERTIES, "Get", "ss", [INTERFACE, "Ifname"]) == [Variant("s", "wlan0")]
+        assert outcome(station, OLDER_NAME, INTERFACE_PATH, PROPERTIES, "Get", "ss", [INTERFACE, "Ifname"]) == [
+            Variant("s", "wlan0")
+        ]
 
 
 def test_another_interface_that_is_number_1_is_not_taken_for_wlan0(station: RealDevice) -> None:
-    made = station.supplicant.call("CreateInterface", "a{sv}", [{"Ifname": Variant("s", "lo"), "Driver": Variant("s", "wired")}],
-                                   path=ROOT_PATH, interface=SERVICE)
+    made = station.supplicant.call(
+        "CreateInterface",
+        "a{sv}",
+        [{"Ifname": Variant("s", "lo"), "Driver": Variant("s", "wired")}],
+        path=ROOT_PATH,
+        interface=SERVICE,
+    )
     assert made == [INTERFACE_PATH]
-    assert outcome(station, OLDER_NAME, INTERFACE_PATH, PROPERTIES, "Get", "ss", [INTERFACE, "Ifname"]) == [Variant("s", "wlan0")]
+    assert outcome(station, OLDER_NAME, INTERFACE_PATH, PROPERTIES, "Get", "ss", [INTERFACE, "Ifname"]) == [
+        Variant("s", "wlan0")
+    ]
 
 
 def test_wlan0_is_found_again_under_another_number(station: RealDevice) -> None:
@@ -112,7 +129,14 @@ def test_wlan0_is_found_again_under_another_number(station: RealDevice) -> None:
     refused = outcome(station, OLDER_NAME, INTERFACE_PATH, INTERFACE, "Disconnect")
     assert refused == outcome(station, SERVICE, ROOT_PATH, SERVICE, "GetInterface", "s", ["wlan0"])
     for interface in ("lo", "wlan0"):
-        made = station.supplicant.call("CreateInterface", "a{sv}", [{"Ifname": Variant("s", interface), "Driver": Variant("s", "wired")}],
-                                       path=ROOT_PATH, interface=SERVICE)
+        made = station.supplicant.call(
+            "CreateInterface",
+            "a{sv}",
+            [{"Ifname": Variant("s", interface), "Driver": Variant("s", "wired")}],
+            path=ROOT_PATH,
+            interface=SERVICE,
+        )
     assert made == [f"{ROOT_PATH}/Interfaces/2"]
-    assert outcome(station, OLDER_NAME, INTERFACE_PATH, PROPERTIES, "Get", "ss", [INTERFACE, "Ifname"]) == [Variant("s", "wlan0")]
+    assert outcome(station, OLDER_NAME, INTERFACE_PATH, PROPERTIES, "Get", "ss", [INTERFACE, "Ifname"]) == [
+        Variant("s", "wlan0")
+    ]

@@ -39,8 +39,11 @@ def saved(device: RealDevice) -> list[str]:
     """What the one network is, as wpa_supplicant writes it into its configuration on order."""
     assert device.world.sandbox.run(["/usr/sbin/wpa_cli", "-i", "wlan0", "save_config"]).stdout == "OK\n"
     text = (device.world.work / "run/station.conf").read_text()
-    return [line.strip() for line in text.partition("network={")[2].partition("}")[0].splitlines()
-            if line.strip().startswith(("ssid=", "psk=", "key_mgmt="))]
+    return [
+        line.strip()
+        for line in text.partition("network={")[2].partition("}")[0].splitlines()
+        if line.strip().startswith(("ssid=", "psk=", "key_mgmt="))
+    ]
 
 
 def refusal(device: RealDevice, member: str, *args: str) -> tuple[str, str]:
@@ -137,7 +140,9 @@ def test_scan_that_cannot_work_is_begun_all_the_same_and_finds_nothing(station: 
     mark = station.world.journal.mark()
     station.world.call("Scan")
     assert [line for line in station.world.journal.logs(mark) if line[1].startswith("[WPA] ")] == [("info", "[WPA] Scan APs")]
-    wait_until(lambda: [notice.body for notice in station.supplicant.notices if notice.member == "ScanDone"] == [[False]],
-               "the end of the scan")
+    wait_until(
+        lambda: [notice.body for notice in station.supplicant.notices if notice.member == "ScanDone"] == [[False]],
+        "the end of the scan",
+    )
     assert station.world.get("AccessPoints") == []
     assert station.supplicant.get("BSSs") == []

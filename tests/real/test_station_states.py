@@ -7,15 +7,21 @@ from vantora_sim import Process, Variant, changed, log, units
 from vantora_sim.wpa_supplicant import INTERFACE
 from waiting import wait_until
 
-CERTIFICATE = {"key_mgmt": Variant("s", "IEEE8021X"), "eap": Variant("s", "MD5"), "identity": Variant("s", "phone"),
-               "password": Variant("s", "secret"), "eapol_flags": Variant("i", 0)}
+CERTIFICATE = {
+    "key_mgmt": Variant("s", "IEEE8021X"),
+    "eap": Variant("s", "MD5"),
+    "identity": Variant("s", "phone"),
+    "password": Variant("s", "secret"),
+    "eapol_flags": Variant("i", 0),
+}
 
 
 def start_authenticator(device: RealDevice) -> Process:
     """An access point on the other end of the cable that asks for a proof of identity."""
     (device.world.work / "run/peer-hostapd.conf").write_text(
         "interface=air0\ndriver=wired\nctrl_interface=/run/peer-hostapd\nieee8021x=1\neap_server=1\n"
-        "eap_user_file=/run/eap_users\nuse_pae_group_addr=1\n")
+        "eap_user_file=/run/eap_users\nuse_pae_group_addr=1\n"
+    )
     authenticator = device.start_peer("/usr/sbin/hostapd", "-t", "/run/peer-hostapd.conf")
     wait_until(lambda: "AP-ENABLED" in authenticator.stdout, lambda: f"the authenticator\n{authenticator.stdout}")
     return authenticator
@@ -36,11 +42,15 @@ def authenticate(device: RealDevice, password: str = "secret") -> None:
 def test_open_connection_is_announced_and_disconnecting_too(station: RealDevice) -> None:
     mark = station.world.journal.mark()
     station.world.call("Connect", "ss", ["open", ""])
-    station.world.journal.expect_in_order([
-        log("info", "[WPE supplicant] BSS changed: / SSID: <none>"),  # a cable has no access point
-        log("info", "[WPA Supplicant] State change: 'disconnected' -> 'completed'"),
-        log("info", "StateChangeHandler: Emitting state change: state = completed ssid = "),
-        changed("WiFiClientState", "completed")], mark)
+    station.world.journal.expect_in_order(
+        [
+            log("info", "[WPE supplicant] BSS changed: / SSID: <none>"),  # a cable has no access point
+            log("info", "[WPA Supplicant] State change: 'disconnected' -> 'completed'"),
+            log("info", "StateChangeHandler: Emitting state change: state = completed ssid = "),
+            changed("WiFiClientState", "completed"),
+        ],
+        mark,
+    )
     assert station.world.get("WiFiClientState") == "completed"
     assert station.world.get("ClientSSID") == "open"
 
@@ -53,11 +63,14 @@ def test_open_connection_is_announced_and_disconnecting_too(station: RealDevice)
 def test_connection_that_is_really_authenticated_is_announced_step_by_step(station: RealDevice) -> None:
     authenticator = start_authenticator(station)
     authenticate(station)
-    station.world.journal.expect_in_order([
-        log("info", "[WPA Supplicant] State change: 'disconnected' -> 'associated'"),
-        log("info", "[WPA Supplicant] State change: 'associated' -> 'completed'"),
-        log("info", "[WPA Supplicant] Restarting udhcpc"),
-        changed("WiFiClientState", "completed")])
+    station.world.journal.expect_in_order(
+        [
+            log("info", "[WPA Supplicant] State change: 'disconnected' -> 'associated'"),
+            log("info", "[WPA Supplicant] State change: 'associated' -> 'completed'"),
+            log("info", "[WPA Supplicant] Restarting udhcpc"),
+            changed("WiFiClientState", "completed"),
+        ]
+    )
     assert "CTRL-EVENT-EAP-SUCCESS 02:00:00:00:10:01" in authenticator.stdout
     assert station.supplicant.states()[-2:] == ["associated", "completed"]
 
@@ -112,9 +125,15 @@ def test_every_change_it_reports_is_understood(station: RealDevice) -> None:
     station.world.call("Connect", "ss", ["open", ""])
     station.world.journal.wait_for(changed("WiFiClientState", "completed"))
     station.world.call("Disconnect")
-    for name, value in (("ApScan", Variant("u", 1)), ("BSSExpireAge", Variant("u", 20)), ("BSSExpireCount", Variant("u", 3)),
-                        ("ScanInterval", Variant("i", 7)), ("FastReauth", Variant("b", False)), ("Country", Variant("s", "DE")),
-                        ("Pmf", Variant("s", "1"))):
+    for name, value in (
+        ("ApScan", Variant("u", 1)),
+        ("BSSExpireAge", Variant("u", 20)),
+        ("BSSExpireCount", Variant("u", 3)),
+        ("ScanInterval", Variant("i", 7)),
+        ("FastReauth", Variant("b", False)),
+        ("Country", Variant("s", "DE")),
+        ("Pmf", Variant("s", "1")),
+    ):
         try_set(station, name, value)
     authenticate(station)
     wait_until(lambda: station.supplicant.states()[-1:] == ["completed"], "the authenticated connection")
@@ -136,5 +155,4 @@ def test_every_change_it_reports_is_understood(station: RealDevice) -> None:
 
 def try_set(device: RealDevice, name: str, value: Variant) -> None:
     """Write a property of interface 1, as another program could."""
-    device.supplicant.call("Set", "ssv", [INTERFACE, name, value],
-                           interface="org.freedesktop.DBus.Properties")
+    device.supplicant.call("Set", "ssv", [INTERFACE, name, value], interface="org.freedesktop.DBus.Properties")

@@ -29,8 +29,12 @@ def arguments() -> argparse.Namespace:
 
 def show(sample: Sample) -> None:
     cost = sample.footprint
-    print(f"{sample.seconds:7.0f} s  {sample.answered:8d} answered  {sample.mode:6s}  {cost.descriptors} descriptors  "
-          f"{cost.threads} threads  private dirty {cost.private_dirty} KiB", file=sys.stderr, flush=True)
+    print(
+        f"{sample.seconds:7.0f} s  {sample.answered:8d} answered  {sample.mode:6s}  {cost.descriptors} descriptors  "
+        f"{cost.threads} threads  private dirty {cost.private_dirty} KiB",
+        file=sys.stderr,
+        flush=True,
+    )
 
 
 def main() -> int:

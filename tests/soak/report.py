@@ -24,8 +24,14 @@ def table(head: list[str], rows: Iterable[Iterable[object]]) -> str:
 
 def machine() -> str:
     """This machine in a few words."""
-    model = next((line.split(":", 1)[1].strip() for line in Path("/proc/cpuinfo").read_text().splitlines()
-                  if line.startswith("model name")), "unknown processor")
+    model = next(
+        (
+            line.split(":", 1)[1].strip()
+            for line in Path("/proc/cpuinfo").read_text().splitlines()
+            if line.startswith("model name")
+        ),
+        "unknown processor",
+    )
     cores = len(os.sched_getaffinity(0))
     busy = ", ".join(f"{load:.1f}" for load in os.getloadavg())
     return f"{model}, {cores} cores, Linux {platform.release()}, {platform.machine()}, load averages at the end {busy}"
@@ -39,8 +45,16 @@ def _some(samples: list[Sample]) -> list[Sample]:
 
 def _row(sample: Sample) -> list[object]:
     seen = sample.footprint
-    return [f"{sample.answered:,}", f"{sample.seconds:.0f}", sample.mode, seen.descriptors, seen.threads, seen.rss, seen.pss,
-            seen.private_dirty]
+    return [
+        f"{sample.answered:,}",
+        f"{sample.seconds:.0f}",
+        sample.mode,
+        seen.descriptors,
+        seen.threads,
+        seen.rss,
+        seen.pss,
+        seen.private_dirty,
+    ]
 
 
 def _range(values: list[int]) -> str:
@@ -56,8 +70,13 @@ def _flatness(outcome: Outcome) -> list[list[object]]:
     settled = outcome.settled()
     for name, bound in (("private_dirty", f"at most {MEMORY_BOUND} KiB above the first"), ("pss", ""), ("rss", "")):
         values = [getattr(look, name) for look in settled]
-        rows.append([f"{name.replace('_', ' ')} after the first {WARM_UP:.0%}, KiB",
-                     f"{values[0]} at first, {max(values)} at most, {values[-1]} in the end", bound or "(no bound)"])
+        rows.append(
+            [
+                f"{name.replace('_', ' ')} after the first {WARM_UP:.0%}, KiB",
+                f"{values[0]} at first, {max(values)} at most, {values[-1]} in the end",
+                bound or "(no bound)",
+            ]
+        )
     return rows
 
 
@@ -75,8 +94,10 @@ def page(outcome: Outcome, command: str) -> str:
         "## Flat",
         table(["", "Seen", "Required"], _flatness(outcome)),
         f"Some of the {len(outcome.samples)} samples, the first and the last among them (memory in KiB):",
-        table(["Requests answered", "Second", "Mode", "Descriptors", "Threads", "RSS", "PSS", "Private dirty"],
-              [_row(sample) for sample in _some(outcome.samples)]),
+        table(
+            ["Requests answered", "Second", "Mode", "Descriptors", "Threads", "RSS", "PSS", "Private dirty"],
+            [_row(sample) for sample in _some(outcome.samples)],
+        ),
         "## What was asked and answered",
         table(["Request", "Answer", "Times"], [[kind, answer, f"{count:,}"] for kind, answer, count in outcome.answers]),
         "## What happened meanwhile",
@@ -84,8 +105,11 @@ def page(outcome: Outcome, command: str) -> str:
         "## What was announced",
         table(["Property or signal", "Times"], [[name, f"{count:,}"] for name, count in sorted(outcome.announced.items())]),
         "## The state right after the last answer",
-        table(["", "Is", "Should be"], [[name, f"`{is_}`", f"`{should}`"] for name, (is_, should) in outcome.state.items()]
-              + [["exit status on SIGTERM", f"`{outcome.exit_status}`", "`0`"]]),
+        table(
+            ["", "Is", "Should be"],
+            [[name, f"`{is_}`", f"`{should}`"] for name, (is_, should) in outcome.state.items()]
+            + [["exit status on SIGTERM", f"`{outcome.exit_status}`", "`0`"]],
+        ),
     ]
     return "\n\n".join(part if part.startswith(("|", "#")) else _wrapped(part) for part in parts) + "\n"
 

@@ -105,8 +105,13 @@ class LoadClient:
     """The program that asks. It waits for orders between two samples, so that the daemon can rest."""
 
     def __init__(self, program: Path, address: str, plan: Plan) -> None:
-        self._process = subprocess.Popen([program, address, str(plan.clients), str(plan.step)], stdin=subprocess.PIPE,
-                                         stdout=subprocess.PIPE, text=True, bufsize=1)
+        self._process = subprocess.Popen(
+            [program, address, str(plan.clients), str(plan.step)],
+            stdin=subprocess.PIPE,
+            stdout=subprocess.PIPE,
+            text=True,
+            bufsize=1,
+        )
         assert self._process.stdin and self._process.stdout
         self._orders, self._output = self._process.stdin, self._process.stdout
 

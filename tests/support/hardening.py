@@ -21,7 +21,7 @@ ASSERTION = "_ZSt21__glibcxx_assert_failPKciS0_S0_"
 """What a failed check of the standard library calls."""
 
 _X86_LANDING_PADS = (b"\xf3\x0f\x1e\xfa",)
-_ARM64_LANDING_PADS = tuple(word.to_bytes(4, "little") for word in (0xd503245f, 0xd50324df, 0xd503233f, 0xd503237f))
+_ARM64_LANDING_PADS = tuple(word.to_bytes(4, "little") for word in (0xD503245F, 0xD50324DF, 0xD503233F, 0xD503237F))
 _RELATIVE = {"x64": 8, "AArch64": 1027}
 """The relocation that puts the address of something of the program itself into a table."""
 
@@ -92,7 +92,7 @@ class Elf:
         without, with_pad = 0, 0
         for target in set(self._addresses_in_tables()):
             if start <= target < start + len(code):
-                if code[target - start:target - start + 4] in pads:
+                if code[target - start : target - start + 4] in pads:
                     with_pad += 1
                 else:
                     without += 1

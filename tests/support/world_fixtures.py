@@ -25,8 +25,11 @@ TIME_OUT = 120
 
 
 def pytest_addoption(parser: pytest.Parser) -> None:
-    parser.addoption("--build-dir", default=os.environ.get("VANTORA_BUILD_DIR", str(ROOT / "build/release")),
-                     help="folder with the executables (default: $VANTORA_BUILD_DIR, else build/release)")
+    parser.addoption(
+        "--build-dir",
+        default=os.environ.get("VANTORA_BUILD_DIR", str(ROOT / "build/release")),
+        help="folder with the executables (default: $VANTORA_BUILD_DIR, else build/release)",
+    )
 
 
 def pytest_collection_modifyitems(items: list[pytest.Item]) -> None:

@@ -53,14 +53,22 @@ class Addresses:
                 known.remove(address[3])
             elif not gone and address[3] not in known:
                 known.append(address[3])
-            self._recording.entry("address", f"{address[2]} {'loses' if gone else 'has'} {address[3]}",
-                                  {"interface": address[2], "address": address[3], "present": not gone, "line": line}, what="address",
-                                  level="warning" if gone else "info")
+            self._recording.entry(
+                "address",
+                f"{address[2]} {'loses' if gone else 'has'} {address[3]}",
+                {"interface": address[2], "address": address[3], "present": not gone, "line": line},
+                what="address",
+                level="warning" if gone else "info",
+            )
             self._changed()
         elif link is not None and link[1] == "eth0":
             plugged = "LOWER_UP" in link[2].split(",")
             if plugged != self.cable:
                 self.cable = plugged
-                self._recording.entry("address", f"eth0: cable {'plugged' if plugged else 'unplugged'}",
-                                      {"interface": "eth0", "flags": link[2], "line": line}, what="link")
+                self._recording.entry(
+                    "address",
+                    f"eth0: cable {'plugged' if plugged else 'unplugged'}",
+                    {"interface": "eth0", "flags": link[2], "line": line},
+                    what="link",
+                )
                 self._changed()

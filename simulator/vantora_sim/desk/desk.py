@@ -71,7 +71,9 @@ class Desk:
         await self._monitors[0].open(world.user_bus.address)
         await self._monitors[1].open(world.system_bus.address)
         world.hostapd.on_event.append(self._hostapd_event)
-        self._tasks = [asyncio.get_running_loop().create_task(work) for work in (self._look(), self._sample(), self._addresses.follow())]
+        self._tasks = [
+            asyncio.get_running_loop().create_task(work) for work in (self._look(), self._sample(), self._addresses.follow())
+        ]
 
     def close(self) -> None:
         """Gather no more. Not for the loop's thread."""
@@ -89,10 +91,13 @@ class Desk:
     @property
     def head(self) -> dict[str, Any]:
         """What the page is told first, and the first line of a saved run."""
-        return {"world": self._parts.plan.name, "started": self.recording.started, "stations": [
-            {"name": visitor.name, "mac": visitor.mac} for visitor in self._parts.plan.visitors],
-            "daemons": list(words.NAMES), "facts": {"properties": self.facts.properties, "methods": self.facts.methods,
-                                                    "writes": self.facts.writes}}
+        return {
+            "world": self._parts.plan.name,
+            "started": self.recording.started,
+            "stations": [{"name": visitor.name, "mac": visitor.mac} for visitor in self._parts.plan.visitors],
+            "daemons": list(words.NAMES),
+            "facts": {"properties": self.facts.properties, "methods": self.facts.methods, "writes": self.facts.writes},
+        }
 
     def device(self) -> dict[str, Any]:
         """The daemon's object as it is known now."""
@@ -107,8 +112,13 @@ class Desk:
 
     def _hostapd_event(self, data: bytes) -> None:
         text = data.decode(errors="backslashreplace")
-        self.recording.entry("hostapd", shorten(text), {"event": text}, what="event",
-                             level="warning" if "DISABLED" in text or "TERMINATING" in text else "info")
+        self.recording.entry(
+            "hostapd",
+            shorten(text),
+            {"event": text},
+            what="event",
+            level="warning" if "DISABLED" in text or "TERMINATING" in text else "info",
+        )
 
     async def _look(self) -> None:
         while True:
@@ -153,19 +163,40 @@ class Desk:
         fields, add = wire(entry.fields), self.recording.entry
         match entry.kind:
             case "log":
-                add("log", shorten(entry.text), fields, what=entry.ident or "log", level=_level(entry.priority), when=entry.when)
+                add(
+                    "log", shorten(entry.text), fields, what=entry.ident or "log", level=_level(entry.priority), when=entry.when
+                )
             case "command":
                 add("command", shorten(entry.line), fields, what="command", when=entry.when)
             case "hostapd":
                 add("hostapd", f"asked: {shorten(entry.request)}", fields, what="request", when=entry.when)
             case "notify":
-                add("log", shorten(f"to the service manager: {entry.text}"), fields, what="notify", level="debug", when=entry.when)
+                add(
+                    "log",
+                    shorten(f"to the service manager: {entry.text}"),
+                    fields,
+                    what="notify",
+                    level="debug",
+                    when=entry.when,
+                )
             case "exit" if entry.program in _PROGRAMS:
-                add("world", f"{entry.program} has ended with status {entry.status}", fields, what="exit",
-                    level="err" if entry.status else "warning", when=entry.when)
+                add(
+                    "world",
+                    f"{entry.program} has ended with status {entry.status}",
+                    fields,
+                    what="exit",
+                    level="err" if entry.status else "warning",
+                    when=entry.when,
+                )
             case "world":
-                add("world", shorten(entry.text), fields, what=entry.command, level="err" if fields.get("failed") else "notice",
-                    when=entry.when)
+                add(
+                    "world",
+                    shorten(entry.text),
+                    fields,
+                    what=entry.command,
+                    level="err" if fields.get("failed") else "notice",
+                    when=entry.when,
+                )
                 if not fields.get("by_plan"):
                     self.deeds.command(self.recording.time(entry.when), entry.command, entry.arguments)
 
@@ -202,8 +233,12 @@ class Desk:
         except ValueError as error:
             return {"error": str(error), "line": line}
         except CallRefused as refusal:
-            return {"error": refusal.text, "name": refusal.name, "about": self.facts.about_error(refusal.name, refusal.text, member),
-                    "line": line}
+            return {
+                "error": refusal.text,
+                "name": refusal.name,
+                "about": self.facts.about_error(refusal.name, refusal.text, member),
+                "line": line,
+            }
         except OSError as error:
             return {"error": str(error), "line": line}
         self.deeds.line(at, line)
@@ -212,15 +247,20 @@ class Desk:
     async def stored(self) -> dict[str, Any]:
         """All stored settings by section, or why they cannot be had."""
         try:
-            asking = self._parts.world.call_service_async(settings.SERVICE, settings.BASE_PATH, "org.freedesktop.DBus.ObjectManager",
-                                                          "GetManagedObjects")
+            asking = self._parts.world.call_service_async(
+                settings.SERVICE, settings.BASE_PATH, "org.freedesktop.DBus.ObjectManager", "GetManagedObjects"
+            )
             reply = wire(await asyncio.wait_for(asyncio.wrap_future(asking), _STORED))
         except CallRefused as refusal:
             return {"error": refusal.text}
         except asyncio.TimeoutError:
             return {"error": "the settings daemon does not answer"}
-        found = {path.rsplit("/", 1)[-1]: values for path, interfaces in reply[0].items()
-                 for name, values in interfaces.items() if name == settings.SERVICE}
+        found = {
+            path.rsplit("/", 1)[-1]: values
+            for path, interfaces in reply[0].items()
+            for name, values in interfaces.items()
+            if name == settings.SERVICE
+        }
         return {"settings": {section: dict(sorted(values.items())) for section, values in sorted(found.items()) if values}}
 
 

@@ -28,14 +28,17 @@ class Facts:
             text = page.read_text(encoding="utf-8")
         except OSError:
             text = ""
-        self.properties = {_plain(row[0]): {"value": _plain(row[3]), "changes": _plain(row[4]),
-                                            "words": re.findall(r"`([^`\[\]]+)`", row[3])}
-                           for row in _table(text, "Property", "Type", "Access")}
+        self.properties = {
+            _plain(row[0]): {"value": _plain(row[3]), "changes": _plain(row[4]), "words": re.findall(r"`([^`\[\]]+)`", row[3])}
+            for row in _table(text, "Property", "Type", "Access")
+        }
         self.methods: dict[str, dict[str, Any]] = {}
         for row in _table(text, "Method", "Does"):
             name, _, arguments = _plain(row[0]).partition("(")
             self.methods[name] = {"does": _plain(row[1]), "arguments": re.findall(r"\w+ (\w+)", arguments)}
-        self.writes = {_plain(row[0]): {"does": _plain(row[2]), "refused": _plain(row[3])} for row in _table(text, "Write", "Stored?")}
+        self.writes = {
+            _plain(row[0]): {"does": _plain(row[2]), "refused": _plain(row[3])} for row in _table(text, "Write", "Stored?")
+        }
         self._errors = [_error(row) for row in _table(text, "Error", "Text")]
 
     def about_error(self, name: str, text: str, member: str) -> dict[str, str] | None:
@@ -52,7 +55,7 @@ def _table(text: str, *head: str) -> list[list[str]]:
     for line in text.splitlines():
         cells = [cell.strip() for cell in line.strip().strip("|").split("|")] if line.startswith("|") else []
         if not inside:
-            inside = tuple(cells[:len(head)]) == head
+            inside = tuple(cells[: len(head)]) == head
         elif not cells:
             break
         elif not set(line) <= set("|- :"):

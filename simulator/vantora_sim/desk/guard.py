@@ -19,8 +19,8 @@ PROTOCOL = "vantora-desk"
 
 HEADERS = {
     "Content-Security-Policy": "default-src 'none'; script-src 'self'; style-src 'self'; img-src 'self'; connect-src 'self'; "
-                               "base-uri 'none'; form-action 'none'; frame-ancestors 'none'; "
-                               "require-trusted-types-for 'script'; trusted-types 'none'",
+    "base-uri 'none'; form-action 'none'; frame-ancestors 'none'; "
+    "require-trusted-types-for 'script'; trusted-types 'none'",
     "X-Content-Type-Options": "nosniff",
     "X-Frame-Options": "DENY",
     "Referrer-Policy": "no-referrer",
@@ -74,12 +74,14 @@ class Guard:
     @property
     def middleware(self) -> Callable[[web.Request, Handler], Awaitable[web.StreamResponse]]:
         """For the application."""
+
         @web.middleware
         async def check(request: web.Request, handler: Handler) -> web.StreamResponse:
             refusal = self._refusal(request)
             if refusal is not None:
                 raise web.HTTPForbidden(text=refusal)
             return await handler(request)
+
         return check
 
     async def add_headers(self, request: web.Request, response: web.StreamResponse) -> None:

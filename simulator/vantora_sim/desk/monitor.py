@@ -53,8 +53,16 @@ class BusMonitor:
         finally:
             await asking.close()
         self._bus = await connect(address)
-        await self._bus.call(Message(destination=_BUS, path=_BUS_PATH, interface=f"{_BUS}.Monitoring", member="BecomeMonitor",
-                                     signature="asu", body=[[], 0]))
+        await self._bus.call(
+            Message(
+                destination=_BUS,
+                path=_BUS_PATH,
+                interface=f"{_BUS}.Monitoring",
+                member="BecomeMonitor",
+                signature="asu",
+                body=[[], 0],
+            )
+        )
         self._bus.add_message_handler(self._receive)
 
     async def close(self) -> None:
@@ -91,14 +99,23 @@ class BusMonitor:
         return next((_LANE_OF_NAME[party] for party in parties if party in _LANE_OF_NAME), "dbus")
 
     def _body(self, message: Message) -> dict[str, Any]:
-        return {"bus": self._name, "from": self._who(message.sender), "to": self._who(message.destination), "path": message.path,
-                "interface": message.interface, "member": message.member, "signature": message.signature,
-                "arguments": wire(message.body)}
+        return {
+            "bus": self._name,
+            "from": self._who(message.sender),
+            "to": self._who(message.destination),
+            "path": message.path,
+            "interface": message.interface,
+            "member": message.member,
+            "signature": message.signature,
+            "arguments": wire(message.body),
+        }
 
     def _call(self, message: Message) -> None:
         body = self._body(message)
         unit = unit_name(message.path or "")
-        title = f"{message.member} {unit}" if unit else call_title(message.interface or "", message.member or "", body["arguments"])
+        title = (
+            f"{message.member} {unit}" if unit else call_title(message.interface or "", message.member or "", body["arguments"])
+        )
         number = self._recording.entry(self._lane((body["to"], body["from"])), title, body, what="call")
         if len(self._pending) >= _MOST_PENDING:
             self._pending.clear()  # of calls that nobody ever answered
@@ -147,9 +164,13 @@ class BusMonitor:
             self._names.pop(before, None)
         if now:
             self._names[now] = name
-        self._recording.entry(self._lane((name,)), f"{name} {'is there' if now else 'has gone'}",
-                              {"bus": self._name, "name": name, "owner": now, "before": before}, what="name",
-                              level="info" if now else "warning")
+        self._recording.entry(
+            self._lane((name,)),
+            f"{name} {'is there' if now else 'has gone'}",
+            {"bus": self._name, "name": name, "owner": now, "before": before},
+            what="name",
+            level="info" if now else "warning",
+        )
         if name == "fi.w1.wpa_supplicant1" and not now:
             self._recording.station("off")
         for hook in self.on_owner:

@@ -30,12 +30,24 @@ class Recording:
         self._entries = 0
         self._changed = asyncio.Event()
 
-    def entry(self, lane: str, title: str, body: dict[str, Any], *, what: str, level: str = "info", when: float | None = None) -> int:
+    def entry(
+        self, lane: str, title: str, body: dict[str, Any], *, what: str, level: str = "info", when: float | None = None
+    ) -> int:
         """Add an entry; returns its number."""
         number = self._entries
         self._entries += 1
-        self._add({"k": "e", "i": number, "t": self.time(when), "lane": lane, "what": what, "title": title, "level": level,
-                   "body": body})
+        self._add(
+            {
+                "k": "e",
+                "i": number,
+                "t": self.time(when),
+                "lane": lane,
+                "what": what,
+                "title": title,
+                "level": level,
+                "body": body,
+            }
+        )
         return number
 
     def done(self, number: int, began: float, *, reply: Any = None, error: dict[str, str] | None = None) -> None:
@@ -58,7 +70,7 @@ class Recording:
         """Up to so many records from the position on, the position after them, and how many had been forgotten before."""
         lost = max(self._forgotten - position, 0)
         start = max(position - self._forgotten, 0)
-        found = self._records[start:start + most]
+        found = self._records[start : start + most]
         return found, self._forgotten + start + len(found), lost
 
     def poke(self) -> None:

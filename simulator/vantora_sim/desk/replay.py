@@ -33,8 +33,11 @@ def write_line(name: str, signature: str, text: str) -> str:
 
 def call_line(member: str, signature: str, texts: list[str]) -> str:
     """The shell's line for a call. What begins with a hyphen is no option."""
-    call = f"busctl --user call -- {_TARGET} {member}" if any(text.startswith("-") for text in texts) else (
-        f"busctl --user call {_TARGET} {member}")
+    call = (
+        f"busctl --user call -- {_TARGET} {member}"
+        if any(text.startswith("-") for text in texts)
+        else (f"busctl --user call {_TARGET} {member}")
+    )
     return " ".join([call, *([signature] if signature else []), *map(shlex.quote, texts)])
 
 
@@ -56,8 +59,12 @@ class Deeds:
 
     def script(self) -> str:
         """A script for a shell in reach of a device, with the pauses that there were."""
-        lines = ["#!/bin/sh", f"# What was done to the world {json.dumps(self.plan.name)}. To do it again, with its pauses:",
-                 f"#   vantora-sim --world {shlex.quote(self.plan.name)} -- sh THIS-FILE", "set -e"]
+        lines = [
+            "#!/bin/sh",
+            f"# What was done to the world {json.dumps(self.plan.name)}. To do it again, with its pauses:",
+            f"#   vantora-sim --world {shlex.quote(self.plan.name)} -- sh THIS-FILE",
+            "set -e",
+        ]
         before = self._done[0].at if self._done else 0.0
         for deed in self._done:
             if deed.at - before >= 0.1:
@@ -68,5 +75,10 @@ class Deeds:
 
     def world_file(self) -> str:
         """The world as it was at first, in which the same happens by itself. What was asked of the device is not the world's."""
-        events = [Event(round(deed.at, 1), deed.command, deed.arguments or {}) for deed in self._done if deed.command is not None]
-        return json.dumps(as_document(replace(self.plan, events=[*self.plan.events, *events])), indent=2, ensure_ascii=False) + "\n"
+        events = [
+            Event(round(deed.at, 1), deed.command, deed.arguments or {}) for deed in self._done if deed.command is not None
+        ]
+        return (
+            json.dumps(as_document(replace(self.plan, events=[*self.plan.events, *events])), indent=2, ensure_ascii=False)
+            + "\n"
+        )

@@ -21,7 +21,13 @@ from .saved import FORMAT, SavedRun
 STATIC = Path(__file__).resolve().parent / "static"
 _LIBRARY = Path("/usr/share/javascript/chart.js")
 _LIBRARY_FILES = ("chart.mjs", "chunks/helpers.segment.mjs")
-_TYPES = {".html": "text/html", ".css": "text/css", ".js": "text/javascript", ".mjs": "text/javascript", ".svg": "image/svg+xml"}
+_TYPES = {
+    ".html": "text/html",
+    ".css": "text/css",
+    ".js": "text/javascript",
+    ".mjs": "text/javascript",
+    ".svg": "image/svg+xml",
+}
 _BATCH = 2000
 """Records in one message."""
 _BETWEEN = 0.05
@@ -207,7 +213,7 @@ class Server:
         await _send(stream, {**self._saved.head, "type": "hello", "run": self._run, "live": False})
         records = self._saved.records
         for start in range(0, len(records), _BATCH):
-            await _send(stream, {"type": "records", "records": records[start:start + _BATCH], "lost": 0})
+            await _send(stream, {"type": "records", "records": records[start : start + _BATCH], "lost": 0})
         await _send(stream, {"type": "end"})
 
 

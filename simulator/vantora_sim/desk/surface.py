@@ -21,8 +21,12 @@ _READING = 5.0
 _QUIET = 0.3
 """Seconds after an announcement until what is never announced is read again."""
 _NUMBERS = "ynqiuxt"
-_FOLLOWS: dict[str, tuple[str, ...] | None] = {"Mode": None, "WiFiState": None, "SSID": ("ClientSSID",),
-                                               "WiFiClientState": ("ClientSSID",)}
+_FOLLOWS: dict[str, tuple[str, ...] | None] = {
+    "Mode": None,
+    "WiFiState": None,
+    "SSID": ("ClientSSID",),
+    "WiFiClientState": ("ClientSSID",),
+}
 """What to read after an announcement because it is not announced itself; None: everything. No more than that, because each
 reading makes the daemon ask its surroundings, and all of that is on the time line."""
 
@@ -127,17 +131,22 @@ class Surface:
     async def _introspect(self) -> None:
         assert self._reader
         try:
-            reply = await asyncio.wait_for(self._reader.call(SERVICE, PATH, "org.freedesktop.DBus.Introspectable", "Introspect"),
-                                           _READING)
+            reply = await asyncio.wait_for(
+                self._reader.call(SERVICE, PATH, "org.freedesktop.DBus.Introspectable", "Introspect"), _READING
+            )
         except (CallRefused, OSError, asyncio.TimeoutError):
             return  # the daemon is not there yet, or hangs; the next reading asks again
         interface = next((one for one in introspection.Node.parse(reply[0]).interfaces if one.name == INTERFACE), None)
         if interface is None:
             return
         self.members = {
-            "properties": [{"name": one.name, "signature": one.signature, "access": one.access.value} for one in interface.properties],
-            "methods": [{"name": one.name, "in": [arg.signature for arg in one.in_args], "out": [arg.signature for arg in one.out_args]}
-                        for one in interface.methods],
+            "properties": [
+                {"name": one.name, "signature": one.signature, "access": one.access.value} for one in interface.properties
+            ],
+            "methods": [
+                {"name": one.name, "in": [arg.signature for arg in one.in_args], "out": [arg.signature for arg in one.out_args]}
+                for one in interface.methods
+            ],
             "signals": [{"name": one.name, "signature": [arg.signature for arg in one.args]} for one in interface.signals],
         }
 
@@ -148,7 +157,9 @@ class Surface:
         found = next((one for one in self.members["properties"] if one["name"] == name), None)
         if found is None:
             raise ValueError(f"there is no property {name!r}")
-        await self._ask(PROPERTIES, "Set", "ssv", [INTERFACE, name, Variant(found["signature"], value_of(found["signature"], text))])
+        await self._ask(
+            PROPERTIES, "Set", "ssv", [INTERFACE, name, Variant(found["signature"], value_of(found["signature"], text))]
+        )
 
     async def call(self, member: str, texts: list[str]) -> Any:
         """Call a method with arguments as a person writes them; returns the reply. Raises CallRefused and ValueError."""
@@ -165,8 +176,9 @@ class Surface:
         try:
             return await asyncio.wait_for(self._actor.call(SERVICE, PATH, interface, member, signature, arguments), _TIME_OUT)
         except asyncio.TimeoutError:
-            raise CallRefused("org.freedesktop.DBus.Error.NoReply",
-                              f"Did not receive a reply. {_TIME_OUT:g} s were waited for it.") from None
+            raise CallRefused(
+                "org.freedesktop.DBus.Error.NoReply", f"Did not receive a reply. {_TIME_OUT:g} s were waited for it."
+            ) from None
 
 
 def value_of(signature: str, text: str) -> Any:

@@ -41,7 +41,7 @@ def brief(value: Any) -> str:
 def shorten(text: str) -> str:
     """A text that fits on a line, with what is no letter made visible."""
     line = printable(text.encode(errors="surrogateescape"))
-    return line if len(line) <= _LONGEST else line[:_LONGEST - 1] + "…"
+    return line if len(line) <= _LONGEST else line[: _LONGEST - 1] + "…"
 
 
 def call_title(interface: str, member: str, body: list[Any]) -> str:

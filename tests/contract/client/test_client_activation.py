@@ -10,8 +10,18 @@ from vantora_sim.dbus_fake import CallRefused
 from wifi_client import UNREACHABLE, Way
 
 NAME = "com.vantora.Network1"
-COMMANDS = [["status"], ["on"], ["off"], ["mode", "host"], ["band", "5"], ["ssid", "x"], ["scan"],
-            ["connect", "x", "--open"], ["disconnect"], ["monitor", "--timeout", "8"]]
+COMMANDS = [
+    ["status"],
+    ["on"],
+    ["off"],
+    ["mode", "host"],
+    ["band", "5"],
+    ["ssid", "x"],
+    ["scan"],
+    ["connect", "x", "--open"],
+    ["disconnect"],
+    ["monitor", "--timeout", "8"],
+]
 
 
 @pytest.fixture
@@ -21,14 +31,17 @@ def started(world: World) -> Path:
     folder = world.work / "dbus-1/services"
     folder.mkdir(parents=True, exist_ok=True)
     (folder / f"{NAME}.service").write_text(f"[D-BUS Service]\nName={NAME}\nExec=/bin/sh -c '/usr/bin/touch {trace}; exit 1'\n")
-    world.call_service_async("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "ReloadConfig").result(DEADLINE)
+    world.call_service_async("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "ReloadConfig").result(
+        DEADLINE
+    )
     return trace
 
 
 def test_no_command_starts_the_daemon(world: World, started: Path, way: Way) -> None:
     for arguments in COMMANDS:
         assert way.run(world, *arguments) == way.ended(
-            UNREACHABLE, stderr=f"vantora-wifi: the daemon is not running (nobody owns {NAME})\n"), arguments
+            UNREACHABLE, stderr=f"vantora-wifi: the daemon is not running (nobody owns {NAME})\n"
+        ), arguments
     assert not started.exists()
 
 

@@ -20,38 +20,49 @@ COMMANDS = ["status", "on", "off", "mode", "band", "ssid", "scan", "connect", "d
 def bash_offers(*words: str) -> set[str]:
     """What bash offers for the last of these words."""
     script = f'source {BASH}; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _vantora_wifi; printf "%s\\n" "${{COMPREPLY[@]}}"'
-    completed = subprocess.run(["/bin/bash", "--norc", "-c", script, "bash", "vantora-wifi", *words], check=True,
-                               capture_output=True, text=True, timeout=60)
+    completed = subprocess.run(
+        ["/bin/bash", "--norc", "-c", script, "bash", "vantora-wifi", *words],
+        check=True,
+        capture_output=True,
+        text=True,
+        timeout=60,
+    )
     assert completed.stderr == ""
     return set(completed.stdout.split())
 
 
 def help_of(build_dir: Path, *words: str) -> str:
     """What the program says about itself."""
-    return subprocess.run([build_dir / "vantora-wifi", *words, "--help"], check=True, capture_output=True, text=True,
-                          timeout=60).stdout
+    return subprocess.run(
+        [build_dir / "vantora-wifi", *words, "--help"], check=True, capture_output=True, text=True, timeout=60
+    ).stdout
 
 
-@pytest.mark.parametrize(("words", "offers"), [
-    ([""], set(COMMANDS)),
-    (["s"], {"status", "ssid", "scan"}),
-    (["--json", "con"], {"connect"}),
-    (["--timeout", ""], set()),
-    (["--timeout", "5", "mon"], {"monitor"}),
-    (["--"], {"--json", "--timeout", "--help", "--version"}),
-    (["mode", ""], {"host", "client"}),
-    (["mode", "h"], {"host"}),
-    (["band", ""], {"2.4", "5"}),
-    (["band", "5", ""], set()),
-    (["ssid", ""], set()),
-    (["connect", ""], set()),
-    (["connect", "cafe", "--pass"], {"--passphrase-file", "--passphrase-stdin"}),
-    (["connect", "--o"], {"--open"}),
-    (["connect", "--f"], {"--force"}),
-    (["status", "--o"], set()),
-    (["status", "--w"], {"--watch"}),
-    (["scan", "--n"], {"--names"}),
-    (["connect", "--open", "--", "-"], set())], ids=lambda value: " ".join(value) if isinstance(value, list) else "offers")
+@pytest.mark.parametrize(
+    ("words", "offers"),
+    [
+        ([""], set(COMMANDS)),
+        (["s"], {"status", "ssid", "scan"}),
+        (["--json", "con"], {"connect"}),
+        (["--timeout", ""], set()),
+        (["--timeout", "5", "mon"], {"monitor"}),
+        (["--"], {"--json", "--timeout", "--help", "--version"}),
+        (["mode", ""], {"host", "client"}),
+        (["mode", "h"], {"host"}),
+        (["band", ""], {"2.4", "5"}),
+        (["band", "5", ""], set()),
+        (["ssid", ""], set()),
+        (["connect", ""], set()),
+        (["connect", "cafe", "--pass"], {"--passphrase-file", "--passphrase-stdin"}),
+        (["connect", "--o"], {"--open"}),
+        (["connect", "--f"], {"--force"}),
+        (["status", "--o"], set()),
+        (["status", "--w"], {"--watch"}),
+        (["scan", "--n"], {"--names"}),
+        (["connect", "--open", "--", "-"], set()),
+    ],
+    ids=lambda value: " ".join(value) if isinstance(value, list) else "offers",
+)
 def test_bash_offers_what_fits(words: list[str], offers: set[str]) -> None:
     assert bash_offers(*words) == offers
 
@@ -66,24 +77,38 @@ def networks(tmp_path: Path) -> Path:
     """A folder with a vantora-wifi in it that knows some networks."""
     program = tmp_path / "bin/vantora-wifi"
     program.parent.mkdir()
-    program.write_text("#!/bin/sh\n[ \"$*\" = \"--timeout 2 scan --names\" ] && printf '%s\\n' home \"Café & Söhne\" 'hot spot' '-x'\n")
+    program.write_text(
+        "#!/bin/sh\n[ \"$*\" = \"--timeout 2 scan --names\" ] && printf '%s\\n' home \"Café & Söhne\" 'hot spot' '-x'\n"
+    )
     program.chmod(0o755)
     return program.parent
 
 
-@pytest.mark.parametrize(("words", "offers"), [
-    (["connect", ""], {"home", r"Café\ \&\ Söhne", r"hot\ spot", "-x"}),
-    (["connect", "ho"], {"home", r"hot\ spot"}),
-    (["connect", r"hot\ s"], {r"hot\ spot"}),
-    (["connect", '"hot'], {r"hot\ spot"}),
-    (["connect", "--open", "hom"], {"home"}),
-    (["connect", "home", ""], set())], ids=lambda value: " ".join(value) if isinstance(value, list) else "offers")
-def test_bash_offers_the_names_in_range(networks: Path, monkeypatch: pytest.MonkeyPatch, words: list[str], offers: set[str]) -> None:
+@pytest.mark.parametrize(
+    ("words", "offers"),
+    [
+        (["connect", ""], {"home", r"Café\ \&\ Söhne", r"hot\ spot", "-x"}),
+        (["connect", "ho"], {"home", r"hot\ spot"}),
+        (["connect", r"hot\ s"], {r"hot\ spot"}),
+        (["connect", '"hot'], {r"hot\ spot"}),
+        (["connect", "--open", "hom"], {"home"}),
+        (["connect", "home", ""], set()),
+    ],
+    ids=lambda value: " ".join(value) if isinstance(value, list) else "offers",
+)
+def test_bash_offers_the_names_in_range(
+    networks: Path, monkeypatch: pytest.MonkeyPatch, words: list[str], offers: set[str]
+) -> None:
     monkeypatch.setenv("PATH", f"{networks}:/usr/bin:/bin")
     monkeypatch.setenv("LC_ALL", "C.UTF-8")
     script = f'source {BASH}; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _vantora_wifi; printf "%s\\n" "${{COMPREPLY[@]}}"'
-    completed = subprocess.run(["/bin/bash", "--norc", "-c", script, "bash", "vantora-wifi", *words], check=True,
-                               capture_output=True, text=True, timeout=60)
+    completed = subprocess.run(
+        ["/bin/bash", "--norc", "-c", script, "bash", "vantora-wifi", *words],
+        check=True,
+        capture_output=True,
+        text=True,
+        timeout=60,
+    )
     assert (set(filter(None, completed.stdout.splitlines())), completed.stderr) == (offers, "")
 
 
@@ -95,30 +120,61 @@ SIMCTL_BASH = ROOT / "packaging/completions/vantora-simctl.bash"
 SIMCTL_ZSH = ROOT / "packaging/completions/_vantora-simctl"
 
 
-@pytest.mark.parametrize(("words", "offers"), [
-    (["jo"], {"join"}), (["r"], {"remove", "release", "radio"}), (["kill", "vantora-n"], {"vantora-network"}),
-    (["radio", ""], {"block", "unblock"}), (["radio", "block", ""], set()), (["cable", "p"], {"plug"}),
-    (["add", "x", "--sec"], {"--security"}), (["add", "x", "--security", "wpa3"], {"wpa3"}), (["join", ""], set()),
-    (["--control", "/no/such", "sh"], {"show"}), (["set", "network.m"], {"network.mode"}), (["show", "--j"], {"--json"})],
-    ids=lambda value: " ".join(value) if isinstance(value, list) else "offers")
+@pytest.mark.parametrize(
+    ("words", "offers"),
+    [
+        (["jo"], {"join"}),
+        (["r"], {"remove", "release", "radio"}),
+        (["kill", "vantora-n"], {"vantora-network"}),
+        (["radio", ""], {"block", "unblock"}),
+        (["radio", "block", ""], set()),
+        (["cable", "p"], {"plug"}),
+        (["add", "x", "--sec"], {"--security"}),
+        (["add", "x", "--security", "wpa3"], {"wpa3"}),
+        (["join", ""], set()),
+        (["--control", "/no/such", "sh"], {"show"}),
+        (["set", "network.m"], {"network.mode"}),
+        (["show", "--j"], {"--json"}),
+    ],
+    ids=lambda value: " ".join(value) if isinstance(value, list) else "offers",
+)
 def test_bash_completes_the_worlds_commands(words: list[str], offers: set[str]) -> None:
-    script = f'source {SIMCTL_BASH}; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _vantora_simctl; printf "%s\\n" "${{COMPREPLY[@]}}"'
-    completed = subprocess.run(["/bin/bash", "--norc", "-c", script, "bash", "vantora-simctl", *words], check=True,
-                               capture_output=True, text=True, timeout=60)
+    script = (
+        f'source {SIMCTL_BASH}; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _vantora_simctl; printf "%s\\n" "${{COMPREPLY[@]}}"'
+    )
+    completed = subprocess.run(
+        ["/bin/bash", "--norc", "-c", script, "bash", "vantora-simctl", *words],
+        check=True,
+        capture_output=True,
+        text=True,
+        timeout=60,
+    )
     assert (set(completed.stdout.split()), completed.stderr) == (offers, "")
 
 
-@pytest.mark.parametrize(("typed", "completed"), [
-    ("vantora-simctl jo", "join"), ("vantora-simctl kill vantora-n", "kill vantora-network"),
-    ("vantora-simctl radio unb", "radio unblock"), ("vantora-simctl add x --hid", "add x --hidden")])
+@pytest.mark.parametrize(
+    ("typed", "completed"),
+    [
+        ("vantora-simctl jo", "join"),
+        ("vantora-simctl kill vantora-n", "kill vantora-network"),
+        ("vantora-simctl radio unb", "radio unblock"),
+        ("vantora-simctl add x --hid", "add x --hidden"),
+    ],
+)
 def test_zsh_completes_the_worlds_commands(tmp_path: Path, typed: str, completed: str) -> None:
     assert zsh_completes(tmp_path, typed) == completed
 
 
 def test_completions_know_every_command_and_option_of_the_world() -> None:
     def help_of_simctl(*words: str) -> str:
-        return subprocess.run([PYTHON, ROOT / "simulator/vantora-simctl", *words, "--help"], check=True, capture_output=True,
-                              text=True, timeout=60).stdout
+        return subprocess.run(
+            [PYTHON, ROOT / "simulator/vantora-simctl", *words, "--help"],
+            check=True,
+            capture_output=True,
+            text=True,
+            timeout=60,
+        ).stdout
+
     commands = re.findall(r"(?m)^    ([a-z]+) ", help_of_simctl())
     options = set(re.findall(r"--[a-z-]+", "".join(help_of_simctl(command) for command in commands)))
     assert "join" in commands and "--no-dhcp" in options
@@ -131,11 +187,21 @@ def zsh_completes(tmp_path: Path, typed: str, tools: Path | None = None) -> str:
     """What zsh makes of a line after the tab key."""
     (tmp_path / ".zshrc").write_text(
         f"fpath=({ZSH.parent} $fpath)\nPS1='> '\nunsetopt zle_bracketed_paste prompt_sp 2>/dev/null\n"
-        f"autoload -Uz compinit && compinit -u -d {tmp_path}/dump\naccept() {{ print; print -r -- \"RAN[${{(Q)${{(z)BUFFER}}[2,-1]}}]\"; exit 0 }}\n"
+        f'autoload -Uz compinit && compinit -u -d {tmp_path}/dump\naccept() {{ print; print -r -- "RAN[${{(Q)${{(z)BUFFER}}[2,-1]}}]"; exit 0 }}\n'
         "zle -N accept-line accept\n"
-        "print READY\n")
-    with Running(["/usr/bin/zsh", "-i"], {"PATH": f"{tools}:/usr/bin:/bin" if tools else "/usr/bin:/bin", "HOME": str(tmp_path), "ZDOTDIR": str(tmp_path),
-                                          "TERM": "dumb", "LC_ALL": "C.UTF-8"}, terminal=True) as shell:
+        "print READY\n"
+    )
+    with Running(
+        ["/usr/bin/zsh", "-i"],
+        {
+            "PATH": f"{tools}:/usr/bin:/bin" if tools else "/usr/bin:/bin",
+            "HOME": str(tmp_path),
+            "ZDOTDIR": str(tmp_path),
+            "TERM": "dumb",
+            "LC_ALL": "C.UTF-8",
+        },
+        terminal=True,
+    ) as shell:
         shell.wait_for("READY")
         shell.wait_for("> ")
         shell.type(typed + "\t\n")
@@ -144,10 +210,17 @@ def zsh_completes(tmp_path: Path, typed: str, tools: Path | None = None) -> str:
     return str(ran[1])
 
 
-@pytest.mark.parametrize(("typed", "completed"), [
-    ("vantora-wifi stat", "status"), ("vantora-wifi disc", "disconnect"), ("vantora-wifi mode cl", "mode client"),
-    ("vantora-wifi band 2", "band 2.4"), ("vantora-wifi --js", "--json"),
-    ("vantora-wifi connect cafe --op", "connect cafe --open")])
+@pytest.mark.parametrize(
+    ("typed", "completed"),
+    [
+        ("vantora-wifi stat", "status"),
+        ("vantora-wifi disc", "disconnect"),
+        ("vantora-wifi mode cl", "mode client"),
+        ("vantora-wifi band 2", "band 2.4"),
+        ("vantora-wifi --js", "--json"),
+        ("vantora-wifi connect cafe --op", "connect cafe --open"),
+    ],
+)
 def test_zsh_completes_what_fits(tmp_path: Path, typed: str, completed: str) -> None:
     assert zsh_completes(tmp_path, typed) == completed
 

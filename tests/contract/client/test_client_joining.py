@@ -10,17 +10,21 @@ from pathlib import Path
 import pytest
 from station import bring_up_station
 from vantora_sim import Variant, World, call, changed
-from wifi_client import (DONE, REFUSED, TIMED_OUT, UNREACHABLE, USAGE, Running, Way, objects_in, on_terminal, run,
-                         start)
+from wifi_client import DONE, REFUSED, TIMED_OUT, UNREACHABLE, USAGE, Running, Way, objects_in, on_terminal, run, start
 
 SECRET = "Tr0ub4dor-3 ö"
 WAITING = "  waiting           the station does not take the network yet\n"
 STATES = ["scanning", "authenticating", "associating", "associated", "4way_handshake", "group_handshake"]
 SHOWN = {
-    "disconnected": "not connected", "scanning": "looking for the network",
-    "authenticating": "introducing itself to the access point", "associating": "asking the access point to be let in",
-    "associated": "let in by the access point", "4way_handshake": "proving that it knows the passphrase",
-    "group_handshake": "getting the network's keys", "completed": "connected", "failed": "the passphrase was refused",
+    "disconnected": "not connected",
+    "scanning": "looking for the network",
+    "authenticating": "introducing itself to the access point",
+    "associating": "asking the access point to be let in",
+    "associated": "let in by the access point",
+    "4way_handshake": "proving that it knows the passphrase",
+    "group_handshake": "getting the network's keys",
+    "completed": "connected",
+    "failed": "the passphrase was refused",
 }
 
 
@@ -68,8 +72,11 @@ def test_progress_is_shown_state_by_state_up_to_the_address(world: World, tmp_pa
         walk(world, client, STATES)
         complete(world)
         assert client.end() == DONE
-        assert client.plain == ('Connecting to "cafe"\n' + "".join(shown(state) for state in [*STATES, "completed"]) +
-                               'Connected to "cafe", address 10.0.0.7\n')
+        assert client.plain == (
+            'Connecting to "cafe"\n'
+            + "".join(shown(state) for state in [*STATES, "completed"])
+            + 'Connected to "cafe", address 10.0.0.7\n'
+        )
 
 
 def test_progress_for_programs_is_one_object_a_state(world: World, tmp_path: Path) -> None:
@@ -82,7 +89,8 @@ def test_progress_for_programs_is_one_object_a_state(world: World, tmp_path: Pat
         assert objects_in(client.text) == [
             {"type": "connecting", "ssid": "cafe"},
             *[{"type": "state", "state": state} for state in [*STATES, "completed"]],
-            {"type": "connected", "ssid": "cafe", "address": "10.0.0.7"}]
+            {"type": "connected", "ssid": "cafe", "address": "10.0.0.7"},
+        ]
 
 
 def test_a_wrong_passphrase_is_told(world: World, tmp_path: Path, way: Way) -> None:
@@ -92,8 +100,13 @@ def test_a_wrong_passphrase_is_told(world: World, tmp_path: Path, way: Way) -> N
         walk(world, client, ["scanning", "4way_handshake"])
         world.wpa.report_state("disconnected")
         assert client.end() == REFUSED
-        assert client.plain == ('Connecting to "cafe"\n' + shown("scanning") + shown("4way_handshake") + shown("failed") +
-                               'vantora-wifi: "cafe" refused the passphrase\n')
+        assert client.plain == (
+            'Connecting to "cafe"\n'
+            + shown("scanning")
+            + shown("4way_handshake")
+            + shown("failed")
+            + 'vantora-wifi: "cafe" refused the passphrase\n'
+        )
 
 
 def test_a_wrong_passphrase_for_programs_is_an_error_object(world: World, tmp_path: Path, way: Way) -> None:
@@ -105,7 +118,8 @@ def test_a_wrong_passphrase_for_programs_is_an_error_object(world: World, tmp_pa
         assert client.end() == REFUSED
         assert objects_in(client.plain)[-2:] == [
             {"type": "state", "state": "failed"},
-            {"type": "error", "status": 1, "text": '"cafe" refused the passphrase', "daemon_error": "", "daemon_text": ""}]
+            {"type": "error", "status": 1, "text": '"cafe" refused the passphrase', "daemon_error": "", "daemon_text": ""},
+        ]
 
 
 def test_an_attempt_that_is_broken_off_in_between_goes_on(world: World, tmp_path: Path) -> None:
@@ -149,11 +163,15 @@ def test_the_connection_lost_before_the_address_came_is_followed_on(world: World
         assert client.text.count("  completed") == 2
 
 
-@pytest.mark.parametrize(("state", "reason"), [
-    ("scanning", 'no access point of "cafe" that can be joined was found in time'),
-    ("associating", 'an access point of "cafe" was found, but did not let the device in in time'),
-    ("4way_handshake", 'the exchange of keys with "cafe" did not end in time'),
-    ("completed", 'connected to "cafe", but the network gave no address in time')])
+@pytest.mark.parametrize(
+    ("state", "reason"),
+    [
+        ("scanning", 'no access point of "cafe" that can be joined was found in time'),
+        ("associating", 'an access point of "cafe" was found, but did not let the device in in time'),
+        ("4way_handshake", 'the exchange of keys with "cafe" did not end in time'),
+        ("completed", 'connected to "cafe", but the network gave no address in time'),
+    ],
+)
 def test_a_timeout_ends_with_4_and_says_how_far_it_came(world: World, state: str, reason: str, way: Way) -> None:
     bring_up_station(world)
     with way.start(world, "connect", "cafe", "--force", "--open", "--timeout", "8") as client:
@@ -170,8 +188,9 @@ def test_the_mode_switched_in_the_middle_is_a_failure(world: World, way: Way) ->
         walk(world, client, ["scanning"])
         world.set("Mode", "Host")
         assert client.end() == REFUSED
-        assert client.plain.endswith("vantora-wifi: the device stopped being a station in the middle of this: the radio or "
-                                    "the mode was switched\n")
+        assert client.plain.endswith(
+            "vantora-wifi: the device stopped being a station in the middle of this: the radio or " "the mode was switched\n"
+        )
 
 
 def test_the_daemon_dying_in_the_middle_ends_with_3(world: World, way: Way) -> None:
@@ -225,8 +244,11 @@ def test_the_bus_going_away_in_the_middle_ends_with_3(world: World, way: Way) ->
 def test_an_access_point_does_not_join(world: World, way: Way) -> None:
     world.up()
     ended = way.run(world, "connect", "cafe", "--force", "--open")
-    assert ended == way.ended(REFUSED, stderr="vantora-wifi: the device is an access point, which cannot join a network; make "
-                              "it a station with 'vantora-wifi mode client'\n")
+    assert ended == way.ended(
+        REFUSED,
+        stderr="vantora-wifi: the device is an access point, which cannot join a network; make "
+        "it a station with 'vantora-wifi mode client'\n",
+    )
 
 
 def test_a_radio_that_is_off_does_not_join(world: World, way: Way) -> None:
@@ -235,17 +257,23 @@ def test_a_radio_that_is_off_does_not_join(world: World, way: Way) -> None:
     ended = way.run(world, "connect", "cafe", "--force", "--open", "--json")
     assert ended.status == REFUSED
     assert ended.objects[-1] == {
-        "type": "error", "status": 1, "text": "the radio is off; switch it on with 'vantora-wifi on'",
-        "daemon_error": "", "daemon_text": ""}
+        "type": "error",
+        "status": 1,
+        "text": "the radio is off; switch it on with 'vantora-wifi on'",
+        "daemon_error": "",
+        "daemon_text": "",
+    }
 
 
 def test_a_network_that_is_not_taken_is_told(world: World, way: Way) -> None:
     bring_up_station(world)
     world.wpa.refuse("AddNetwork")
     ended = way.run(world, "connect", "cafe", "--force", "--open")
-    assert ended == way.ended(REFUSED, 'Connecting to "cafe"\n' + WAITING,
-                              "vantora-wifi: wpa_supplicant did not take the network, or does not run "
-                              '(the daemon: "Failed to connect to AP")\n')
+    assert ended == way.ended(
+        REFUSED,
+        'Connecting to "cafe"\n' + WAITING,
+        "vantora-wifi: wpa_supplicant did not take the network, or does not run " '(the daemon: "Failed to connect to AP")\n',
+    )
 
 
 # The passphrase
@@ -280,12 +308,17 @@ def test_an_open_network_gets_no_passphrase(world: World) -> None:
     assert given(world) == {"ssid": Variant("s", "free"), "key_mgmt": Variant("s", "NONE")}
 
 
-@pytest.mark.parametrize(("text", "fault"), [
-    ("", "the passphrase is empty; a network without one is joined with --open"),
-    ("\n", "the passphrase is empty; a network without one is joined with --open"),
-    ("short", "a passphrase has 8 to 63 characters, this one has 5"),
-    ("x" * 64, "a passphrase has 8 to 63 characters, this one has 64"),
-    ("with\0nul in it", "the passphrase is not text")], ids=repr)
+@pytest.mark.parametrize(
+    ("text", "fault"),
+    [
+        ("", "the passphrase is empty; a network without one is joined with --open"),
+        ("\n", "the passphrase is empty; a network without one is joined with --open"),
+        ("short", "a passphrase has 8 to 63 characters, this one has 5"),
+        ("x" * 64, "a passphrase has 8 to 63 characters, this one has 64"),
+        ("with\0nul in it", "the passphrase is not text"),
+    ],
+    ids=repr,
+)
 def test_what_cannot_be_a_passphrase_is_wrong_usage(world: World, text: str, fault: str) -> None:
     bring_up_station(world)
     ended = run(world, "connect", "cafe", "--force", "--passphrase-stdin", stdin=text)
@@ -304,8 +337,9 @@ def test_without_a_terminal_nobody_is_asked(world: World) -> None:
     bring_up_station(world)
     ended = run(world, "connect", "cafe", "--force", stdin=SECRET + "\n")
     assert ended.status == USAGE
-    assert ended.stderr == ("vantora-wifi: there is no terminal to ask for the passphrase; use --passphrase-file, "
-                            "--passphrase-stdin or --open\n")
+    assert ended.stderr == (
+        "vantora-wifi: there is no terminal to ask for the passphrase; use --passphrase-file, " "--passphrase-stdin or --open\n"
+    )
 
 
 def test_the_prompt_takes_the_passphrase_without_showing_it(world: World) -> None:
@@ -320,7 +354,7 @@ def test_the_prompt_takes_the_passphrase_without_showing_it(world: World) -> Non
         complete(world)
         assert client.end() == DONE
         assert SECRET not in client.text
-        assert "\x1b[32mConnected to \"cafe\", address 10.0.0.7\x1b[0m" in client.text
+        assert '\x1b[32mConnected to "cafe", address 10.0.0.7\x1b[0m' in client.text
     assert given(world)["psk"] == Variant("s", SECRET)
 
 

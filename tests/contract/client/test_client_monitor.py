@@ -16,7 +16,8 @@ TIME = r"^\d\d:\d\d:\d\d  "
 def wait_object(client: Running, **expected: object) -> dict[str, object]:
     """Wait for an object with these fields."""
     return client.wait_until(
-        lambda text: next((found for found in objects_in(text) if expected.items() <= found.items()), None), str(expected))
+        lambda text: next((found for found in objects_in(text) if expected.items() <= found.items()), None), str(expected)
+    )
 
 
 def wait_printed(process: Process) -> None:
@@ -77,8 +78,9 @@ def test_monitor_shows_networks(world: World) -> None:
         world.wpa.report_bsss()
         people.wait_for(re.escape('1 in range, strongest "cafe\\x1b[2J" -41 dBm'))
         found = wait_object(client, type="networks")
-        assert found["networks"] == [{"ssid": "cafe\x1b[2J", "signal": -41, "bars": 4, "encrypted": True, "wpa_psk": True,
-                                      "joinable": True}]
+        assert found["networks"] == [
+            {"ssid": "cafe\x1b[2J", "signal": -41, "bars": 4, "encrypted": True, "wpa_psk": True, "joinable": True}
+        ]
 
 
 def test_monitor_waits_for_a_daemon_that_died_and_shows_its_state_again(world: World) -> None:

@@ -18,10 +18,30 @@ from wifi_client import DONE, REFUSED, TIMED_OUT, UNREACHABLE, USAGE, Running, W
 
 Simctl = Callable[..., tuple[int, str]]
 
-COMMANDS = [["status"], ["on"], ["off"], ["mode", "client"], ["band", "5"], ["ssid", "Kitchen"], ["scan"],
-            ["connect", "open", "--open"], ["disconnect"], ["monitor"]]
-WRONG = [["status", "now"], ["on", "2"], ["off", "--open"], ["mode", "router"], ["band", "6"], ["ssid", ""], ["scan", "all"],
-         ["connect", "secured", "right and proper"], ["disconnect", "open"], ["monitor", "--timeout", "0"]]
+COMMANDS = [
+    ["status"],
+    ["on"],
+    ["off"],
+    ["mode", "client"],
+    ["band", "5"],
+    ["ssid", "Kitchen"],
+    ["scan"],
+    ["connect", "open", "--open"],
+    ["disconnect"],
+    ["monitor"],
+]
+WRONG = [
+    ["status", "now"],
+    ["on", "2"],
+    ["off", "--open"],
+    ["mode", "router"],
+    ["band", "6"],
+    ["ssid", ""],
+    ["scan", "all"],
+    ["connect", "secured", "right and proper"],
+    ["disconnect", "open"],
+    ["monitor", "--timeout", "0"],
+]
 NOT_RUNNING = "vantora-wifi: the daemon is not running (nobody owns com.vantora.Network1)\n"
 GONE = "vantora-wifi: the daemon has left the bus in the middle of this\n"
 NO_ANSWER = "vantora-wifi: the daemon did not answer in time\n"
@@ -57,10 +77,18 @@ def test_status_shows_what_is_so(access_point: SharedDevice, way: Way) -> None:
     shown = way.run(world, "status")
     assert (shown.status, shown.stderr) == (DONE, "")
     rows = dict(re.split(r" {2,}", line, maxsplit=1) for line in shown.stdout.splitlines())
-    assert (rows["Radio"], rows["Mode"], rows["SSID"], rows["Address"]) == ("on", "Host (access point)", "Hallway", "192.168.8.1")
+    assert (rows["Radio"], rows["Mode"], rows["SSID"], rows["Address"]) == (
+        "on",
+        "Host (access point)",
+        "Hallway",
+        "192.168.8.1",
+    )
     shown = way.run(world, "status", "--json")
     assert shown.status == DONE and [shown.objects[0][name] for name in ("mode", "ssid", "address")] == [
-        "Host", "Hallway", "192.168.8.1"]
+        "Host",
+        "Hallway",
+        "192.168.8.1",
+    ]
 
 
 def test_off_and_on_switch_the_radio(access_point: SharedDevice, way: Way) -> None:
@@ -68,7 +96,8 @@ def test_off_and_on_switch_the_radio(access_point: SharedDevice, way: Way) -> No
     assert way.run(world, "off") == way.ended(DONE, "The radio is off.\n")
     assert world.radio.soft_blocked
     assert way.run(world, "disconnect") == way.ended(
-        REFUSED, stderr=told("the radio is off; switch it on with 'vantora-wifi on'", "Wifi is off"))
+        REFUSED, stderr=told("the radio is off; switch it on with 'vantora-wifi on'", "Wifi is off")
+    )
     assert way.run(world, "on") == way.ended(DONE, "The radio is on.\n")
     assert not world.radio.blocked and world.get("Mode") == "Host"
 
@@ -102,13 +131,22 @@ def test_mode_makes_it_a_station_and_an_access_point_again(access_point: SharedD
 
 def test_what_only_a_station_can_do_is_refused(access_point: SharedDevice, way: Way) -> None:
     world = access_point.device.world
-    assert way.run(world, "disconnect") == way.ended(REFUSED, stderr=told(
-        "the device is an access point; make it a station with 'vantora-wifi mode client'", "WiFi is not in client mode"))
-    for arguments, what in ((["connect", "open"], "join a network"), (["connect", "x", "--force"], "join a network"),
-                            (["scan"], "look for networks")):
+    assert way.run(world, "disconnect") == way.ended(
+        REFUSED,
+        stderr=told(
+            "the device is an access point; make it a station with 'vantora-wifi mode client'", "WiFi is not in client mode"
+        ),
+    )
+    for arguments, what in (
+        (["connect", "open"], "join a network"),
+        (["connect", "x", "--force"], "join a network"),
+        (["scan"], "look for networks"),
+    ):
         assert way.run(world, *arguments) == way.ended(
-            REFUSED, stderr=f"vantora-wifi: the device is an access point, which cannot {what}; make it a station with "
-            "'vantora-wifi mode client'\n"), arguments
+            REFUSED,
+            stderr=f"vantora-wifi: the device is an access point, which cannot {what}; make it a station with "
+            "'vantora-wifi mode client'\n",
+        ), arguments
 
 
 def test_wrong_usage_of_any_command_ends_with_2_and_changes_nothing(access_point: SharedDevice, way: Way) -> None:
@@ -141,7 +179,11 @@ def test_scan_lists_what_is_around(station: SharedDevice, way: Way) -> None:
     head, *lines = shown.stdout.splitlines()
     assert head == "SIGNAL  DBM  SECURITY  NETWORK"
     assert {re.split(r" {2,}", line)[3]: re.split(r" {2,}", line)[2] for line in lines} == {
-        "secured": "WPA-PSK", "open": "open", "no dhcp": "WPA-PSK", "fast": "WPA-PSK"}
+        "secured": "WPA-PSK",
+        "open": "open",
+        "no dhcp": "WPA-PSK",
+        "fast": "WPA-PSK",
+    }
     shown = way.run(world, "scan", "--json")
     assert shown.status == DONE and {network["ssid"] for network in shown.objects} == {"secured", "open", "no dhcp", "fast"}
 
@@ -170,27 +212,30 @@ def test_connect_shows_the_way_to_the_address_and_disconnect_leaves(station: Sha
 def test_connect_for_programs_moves_from_network_to_network(station: SharedDevice, way: Way) -> None:
     world = station.device.world
     for ssid, options, address in (("fast", [], "192.168.1.50"), ("open", ["--open"], "10.8.0.2")):
-        with way.start(world, "--json", "connect", ssid, *options) if options else \
-                way.connect(world, ssid, KEY, "--json") as client:
+        with way.start(world, "--json", "connect", ssid, *options) if options else way.connect(
+            world, ssid, KEY, "--json"
+        ) as client:
             assert client.end() == DONE
             found = objects_in(client.plain.removeprefix(way.prompt(ssid)))
-        assert (found[0], found[-1]) == ({"type": "connecting", "ssid": ssid},
-                                         {"type": "connected", "ssid": ssid, "address": address})
+        assert (found[0], found[-1]) == (
+            {"type": "connecting", "ssid": ssid},
+            {"type": "connected", "ssid": ssid, "address": address},
+        )
         assert {entry["type"] for entry in found[1:-1]} == {"state"} and found[-2]["state"] == "completed"
 
 
 def test_connect_with_a_wrong_passphrase_ends_with_1(station: SharedDevice, way: Way) -> None:
     with way.connect(station.device.world, "secured", "not the right one") as client:
         assert client.end() == REFUSED
-        assert client.plain.endswith("  failed            the passphrase was refused\n"
-                                     'vantora-wifi: "secured" refused the passphrase\n')
+        assert client.plain.endswith(
+            "  failed            the passphrase was refused\n" 'vantora-wifi: "secured" refused the passphrase\n'
+        )
 
 
 def test_connect_to_a_network_that_gives_no_address_ends_with_4(station: SharedDevice, way: Way) -> None:
     with way.connect(station.device.world, "no dhcp", KEY, "--timeout", "12") as client:
         assert client.end() == TIMED_OUT
-        assert client.plain.endswith(
-            f'\nvantora-wifi: connected to "no dhcp", but the network gave no address in time{STAYS}')
+        assert client.plain.endswith(f'\nvantora-wifi: connected to "no dhcp", but the network gave no address in time{STAYS}')
 
 
 def test_connect_with_something_that_is_no_passphrase_ends_with_2(station: SharedDevice, way: Way) -> None:
@@ -203,16 +248,26 @@ def test_band_of_a_station_is_refused_and_stored(shared: SharedDevice, way: Way)
     # Another one than the access point had last: that one is taken without a word.
     band = "5" if shared.be("Host").world.get("WiFiFrequency") == "2.4" else "2.4"
     device = shared.be("Client")
-    assert way.run(device.world, "band", band) == way.ended(REFUSED, stderr=told(
-        "the device is not an access point at the moment; the band is stored and used when it next is", "Operation not permitted"))
+    assert way.run(device.world, "band", band) == way.ended(
+        REFUSED,
+        stderr=told(
+            "the device is not an access point at the moment; the band is stored and used when it next is",
+            "Operation not permitted",
+        ),
+    )
     assert device.settings_daemon.read("network", "frequency") == band
 
 
 def test_mode_is_refused_where_the_interface_does_not_obey(station: SharedDevice, way: Way) -> None:
     world = station.device.world
     world.tools.ip.fail(on="addr add")
-    assert way.run(world, "mode", "host") == way.ended(REFUSED, stderr=told(
-        "the mode could not be changed; it is stored all the same, and tried again at the next start", "Operation not permitted"))
+    assert way.run(world, "mode", "host") == way.ended(
+        REFUSED,
+        stderr=told(
+            "the mode could not be changed; it is stored all the same, and tried again at the next start",
+            "Operation not permitted",
+        ),
+    )
 
 
 # Monitor
@@ -223,8 +278,9 @@ def wait_monitoring(client: Running) -> None:
     client.wait_for("Transmit power.*\r?\n")
 
 
-def test_monitor_follows_a_person_and_ends_at_an_interrupt(access_point: SharedDevice, way: Way,
-                                                           simctl: Simctl) -> None:  # noqa: F811
+def test_monitor_follows_a_person_and_ends_at_an_interrupt(
+    access_point: SharedDevice, way: Way, simctl: Simctl
+) -> None:  # noqa: F811
     world = access_point.device.world
     with way.start(world, "monitor", NO_COLOR="1") as client:
         wait_monitoring(client)
@@ -266,8 +322,9 @@ def test_a_hanging_daemon_ends_every_command_with_4(shared: SharedDevice, way: W
         simctl("kill", "vantora-network")
 
 
-def test_the_daemon_dying_while_connect_waits_for_the_network_ends_with_3(station: SharedDevice, way: Way,
-                                                                          simctl: Simctl) -> None:  # noqa: F811
+def test_the_daemon_dying_while_connect_waits_for_the_network_ends_with_3(
+    station: SharedDevice, way: Way, simctl: Simctl
+) -> None:  # noqa: F811
     with way.connect(station.device.world, "nowhere to be found", KEY, "--force") as client:
         client.wait_for("  scanning ")
         assert simctl("kill", "vantora-network") == (0, "vantora-network is killed")
@@ -275,19 +332,24 @@ def test_the_daemon_dying_while_connect_waits_for_the_network_ends_with_3(statio
         assert client.plain.endswith("\n" + GONE)
 
 
-def test_the_daemon_dying_while_connect_waits_for_the_address_ends_with_3(station: SharedDevice, way: Way,
-                                                                          simctl: Simctl) -> None:  # noqa: F811
+def test_the_daemon_dying_while_connect_waits_for_the_address_ends_with_3(
+    station: SharedDevice, way: Way, simctl: Simctl
+) -> None:  # noqa: F811
     with way.connect(station.device.world, "no dhcp", KEY, "--json") as client:
         client.wait_for('"state":"completed"')
         assert simctl("kill", "vantora-network")[0] == 0
         assert client.end() == UNREACHABLE
         last = objects_in(client.plain.removeprefix(way.prompt("no dhcp")))[-1]
         assert (last["type"], last["status"], last["text"]) == (
-            "error", UNREACHABLE, "the daemon has left the bus in the middle of this")
+            "error",
+            UNREACHABLE,
+            "the daemon has left the bus in the middle of this",
+        )
 
 
-def test_the_daemon_dying_while_it_is_asked_to_connect_ends_with_3(station: SharedDevice, way: Way,
-                                                                   simctl: Simctl) -> None:  # noqa: F811
+def test_the_daemon_dying_while_it_is_asked_to_connect_ends_with_3(
+    station: SharedDevice, way: Way, simctl: Simctl
+) -> None:  # noqa: F811
     world = station.device.world
     assert simctl("hang", "wpa_supplicant")[0] == 0
     mark = world.journal.mark()
@@ -298,18 +360,21 @@ def test_the_daemon_dying_while_it_is_asked_to_connect_ends_with_3(station: Shar
         assert client.plain == way.prompt("secured") + 'Connecting to "secured"\n' + GONE
 
 
-def test_the_daemon_hanging_in_the_middle_of_connect_ends_with_4(station: SharedDevice, way: Way,
-                                                                 simctl: Simctl) -> None:  # noqa: F811
+def test_the_daemon_hanging_in_the_middle_of_connect_ends_with_4(
+    station: SharedDevice, way: Way, simctl: Simctl
+) -> None:  # noqa: F811
     with way.connect(station.device.world, "nowhere to be found", KEY, "--force", "--timeout", "12") as client:
         client.wait_for("  scanning ")
         assert simctl("hang", "vantora-network")[0] == 0
         assert client.end() == TIMED_OUT
         assert client.plain.endswith(
-            f'\nvantora-wifi: no access point of "nowhere to be found" that can be joined was found in time{ON_AND_ON}')
+            f'\nvantora-wifi: no access point of "nowhere to be found" that can be joined was found in time{ON_AND_ON}'
+        )
 
 
-def test_monitor_outlives_the_daemon_and_shows_the_state_of_the_next(access_point: SharedDevice, way: Way,
-                                                                     simctl: Simctl) -> None:  # noqa: F811
+def test_monitor_outlives_the_daemon_and_shows_the_state_of_the_next(
+    access_point: SharedDevice, way: Way, simctl: Simctl
+) -> None:  # noqa: F811
     world = access_point.device.world
     with way.start(world, "monitor", NO_COLOR="1") as client:
         wait_monitoring(client)
@@ -324,8 +389,9 @@ def test_monitor_outlives_the_daemon_and_shows_the_state_of_the_next(access_poin
         assert client.running
 
 
-def test_monitor_is_silent_while_the_daemon_hangs_and_goes_on_after(access_point: SharedDevice, way: Way,
-                                                                    simctl: Simctl) -> None:  # noqa: F811
+def test_monitor_is_silent_while_the_daemon_hangs_and_goes_on_after(
+    access_point: SharedDevice, way: Way, simctl: Simctl
+) -> None:  # noqa: F811
     world = access_point.device.world
     with way.start(world, "monitor", "--json") as client:
         client.wait_for('"type":"status"')

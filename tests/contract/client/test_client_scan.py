@@ -54,12 +54,25 @@ def test_scan_for_programs_is_one_object_a_network(world: World, way: Way) -> No
     shown = way.run(world, "scan", "--json")
     assert (shown.status, shown.stderr) == (DONE, "")
     assert all(set(network) == NETWORK_FIELDS for network in shown.objects)
-    assert shown.objects[0] == {"type": "network", "ssid": "home", "signal": -48, "bars": 4, "encrypted": True,
-                                "wpa_psk": True, "joinable": True, "joined": False}
-    assert [(network["ssid"], network["bars"], network["encrypted"], network["wpa_psk"], network["joinable"])
-            for network in shown.objects[1:]] == [
-        ("Café Öl 喫茶店", 3, True, True, True), ("free", 2, False, False, True), ("office", 1, True, False, False),
-        ("far away", 0, True, True, True)]
+    assert shown.objects[0] == {
+        "type": "network",
+        "ssid": "home",
+        "signal": -48,
+        "bars": 4,
+        "encrypted": True,
+        "wpa_psk": True,
+        "joinable": True,
+        "joined": False,
+    }
+    assert [
+        (network["ssid"], network["bars"], network["encrypted"], network["wpa_psk"], network["joinable"])
+        for network in shown.objects[1:]
+    ] == [
+        ("Café Öl 喫茶店", 3, True, True, True),
+        ("free", 2, False, False, True),
+        ("office", 1, True, False, False),
+        ("far away", 0, True, True, True),
+    ]
 
 
 def test_hostile_names_cannot_play_with_the_terminal(world: World) -> None:
@@ -108,7 +121,8 @@ def test_a_scan_that_finds_nothing_new_shows_what_is_known(world: World) -> None
 def test_a_scan_that_finds_nothing_new_in_time_ends_with_4(world: World, way: Way) -> None:
     bring_up_station(world)
     assert way.run(world, "scan", "--timeout", "7.5") == way.ended(
-        TIMED_OUT, stderr="vantora-wifi: the scan found nothing new in time\n")
+        TIMED_OUT, stderr="vantora-wifi: the scan found nothing new in time\n"
+    )
 
 
 def test_nothing_in_range_is_said_to_people_only(world: World) -> None:
@@ -130,8 +144,10 @@ def test_an_access_point_does_not_scan(world: World, way: Way) -> None:
     world.up()
     mark = world.journal.mark()
     assert way.run(world, "scan") == way.ended(
-        REFUSED, stderr="vantora-wifi: the device is an access point, which cannot look for networks; make it a station "
-        "with 'vantora-wifi mode client'\n")
+        REFUSED,
+        stderr="vantora-wifi: the device is an access point, which cannot look for networks; make it a station "
+        "with 'vantora-wifi mode client'\n",
+    )
     assert world.journal.count(call("Scan"), mark) == 0
 
 
@@ -139,7 +155,8 @@ def test_a_radio_that_is_off_does_not_scan(world: World, way: Way) -> None:
     world.settings.set("network", "enabled", False)
     world.up()
     assert way.run(world, "scan") == way.ended(
-        REFUSED, stderr="vantora-wifi: the radio is off; switch it on with 'vantora-wifi on'\n")
+        REFUSED, stderr="vantora-wifi: the radio is off; switch it on with 'vantora-wifi on'\n"
+    )
 
 
 def test_a_scan_that_the_station_refuses_shows_what_is_known(world: World) -> None:

@@ -61,7 +61,11 @@ def started(world: World, **changes: str | None) -> Running:
 def given_back(client: Running) -> bool:
     """Whether the terminal is as it was: its contents, its cursor, and how it takes what is typed."""
     shown = client.text
-    return shown.rfind(BACK) > shown.rfind("\x1b[?1049h") and shown.rfind("\x1b[?25h") > shown.rfind("\x1b[?25l") and client.echoes()
+    return (
+        shown.rfind(BACK) > shown.rfind("\x1b[?1049h")
+        and shown.rfind("\x1b[?25h") > shown.rfind("\x1b[?25l")
+        and client.echoes()
+    )
 
 
 def joined(daemon: PlayedDaemon) -> list[list[str]]:
@@ -177,11 +181,27 @@ def wait_until_quiet_and_right(client: Running, mark: int, rows: int, columns: i
     client.wait_until(lambda text: lines_of(text[mark:], rows, columns)[rows - 1] == hint, "last line")
 
 
-@pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM, signal.SIGHUP, signal.SIGQUIT, signal.SIGSEGV, signal.SIGABRT,
-                                    signal.SIGBUS, signal.SIGFPE, signal.SIGILL], ids=lambda number: number.name)
+@pytest.mark.parametrize(
+    "number",
+    [
+        signal.SIGINT,
+        signal.SIGTERM,
+        signal.SIGHUP,
+        signal.SIGQUIT,
+        signal.SIGSEGV,
+        signal.SIGABRT,
+        signal.SIGBUS,
+        signal.SIGFPE,
+        signal.SIGILL,
+    ],
+    ids=lambda number: number.name,
+)
 def test_the_terminal_is_given_back_at_every_end(world: World, daemon: PlayedDaemon, number: int) -> None:
-    with started(world, ASAN_OPTIONS="handle_segv=0:handle_abort=0:handle_sigbus=0:handle_sigfpe=0:handle_sigill=0",
-                 TSAN_OPTIONS="handle_segv=0:handle_abort=0:handle_sigbus=0:handle_sigfpe=0:handle_sigill=0") as client:
+    with started(
+        world,
+        ASAN_OPTIONS="handle_segv=0:handle_abort=0:handle_sigbus=0:handle_sigfpe=0:handle_sigill=0",
+        TSAN_OPTIONS="handle_segv=0:handle_abort=0:handle_sigbus=0:handle_sigfpe=0:handle_sigill=0",
+    ) as client:
         assert not client.echoes()
         client.send_signal(number)
         assert client.end() == -number
@@ -200,7 +220,7 @@ def test_a_lost_bus_ends_it_with_words_on_the_terminal_that_was(world: World, da
         world.user_bus.stop()
         assert client.end() == UNREACHABLE
         assert given_back(client)
-        assert "vantora-wifi: " in client.plain[client.plain.rfind(BACK):]
+        assert "vantora-wifi: " in client.plain[client.plain.rfind(BACK) :]
 
 
 def test_control_z_gives_the_terminal_back_for_a_while(world: World, daemon: PlayedDaemon) -> None:
@@ -213,9 +233,13 @@ def test_control_z_gives_the_terminal_back_for_a_while(world: World, daemon: Pla
         mark = len(client.text)
         daemon.announce("IPAddress", Variant("s", "10.0.0.9"))
         client.type("\n")
-        client.wait_until(lambda text: "\x1b[?1049h" in text[mark:] or any("office" in line for line in lines_of(text[mark:], 24, 80)),
-                          "screen")
-        client.wait_until(lambda text: any("10.0.0.9" in line for line in lines_of(text[mark:], 24, 80)), "what has changed meanwhile")
+        client.wait_until(
+            lambda text: "\x1b[?1049h" in text[mark:] or any("office" in line for line in lines_of(text[mark:], 24, 80)),
+            "screen",
+        )
+        client.wait_until(
+            lambda text: any("10.0.0.9" in line for line in lines_of(text[mark:], 24, 80)), "what has changed meanwhile"
+        )
         assert not client.echoes()
         client.type("q")
         client.wait_for(r"ENDED\[0\]")
@@ -296,11 +320,14 @@ def test_bars_and_locks_are_ascii_where_the_locale_has_nothing_else(world: World
 def test_a_terminal_that_cannot_be_drawn_on_is_told(world: World, daemon: PlayedDaemon, term: str | None) -> None:
     ended = TERMINAL.run(world, TERM=term)
     assert (ended.status, ended.stdout) == (
-        USAGE, "vantora-wifi: this terminal cannot be drawn on; 'vantora-wifi --help' tells what else there is\n")
+        USAGE,
+        "vantora-wifi: this terminal cannot be drawn on; 'vantora-wifi --help' tells what else there is\n",
+    )
 
 
-def test_on_the_device_a_person_joins_a_network_and_leaves_it(make_device: Callable[..., SimulatedDevice],  # noqa: F811
-                                                             tmp_path: Path) -> None:
+def test_on_the_device_a_person_joins_a_network_and_leaves_it(
+    make_device: Callable[..., SimulatedDevice], tmp_path: Path  # noqa: F811
+) -> None:
     device = make_device(small_plan("Client"))
     device.world.journal.wait_until(lambda: device.world.wpa.present, "wpa_supplicant")
     with TERMINAL.start(device.world, TERM=TERM) as client:

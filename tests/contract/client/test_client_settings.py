@@ -59,7 +59,9 @@ def test_on_for_programs_is_one_object(world: World, run: Run) -> None:
 def test_a_radio_that_cannot_be_switched_is_told(world: World, run: Run, way: Way) -> None:
     world.up()
     world.tools.rfkill.fail(on="block wlan")
-    check_refused(way, run(world, "off"), "the radio could not be switched; the daemon's log says why", "Operation not permitted")
+    check_refused(
+        way, run(world, "off"), "the radio could not be switched; the daemon's log says why", "Operation not permitted"
+    )
 
 
 def test_a_refusal_for_programs_carries_what_the_daemon_answered(world: World, run: Run) -> None:
@@ -67,9 +69,15 @@ def test_a_refusal_for_programs_carries_what_the_daemon_answered(world: World, r
     world.tools.rfkill.fail(on="block wlan")
     ended = run(world, "--json", "off")
     assert (ended.status, ended.stderr) == (REFUSED, "")
-    assert ended.objects == [{
-        "type": "error", "status": 1, "text": "the radio could not be switched; the daemon's log says why",
-        "daemon_error": DENIED, "daemon_text": "Operation not permitted"}]
+    assert ended.objects == [
+        {
+            "type": "error",
+            "status": 1,
+            "text": "the radio could not be switched; the daemon's log says why",
+            "daemon_error": DENIED,
+            "daemon_text": "Operation not permitted",
+        }
+    ]
 
 
 @pytest.mark.parametrize("word", ["client", "Client", "CLIENT"])
@@ -98,9 +106,12 @@ def test_mode_with_the_radio_off_is_only_stored(world: World, run: Run) -> None:
 def test_a_mode_that_cannot_be_switched_to_is_told(world: World, run: Run, way: Way) -> None:
     bring_up_station(world)
     world.tools.ip.fail(on="addr add")
-    check_refused(way, run(world, "mode", "host"),
-                  "the mode could not be changed; it is stored all the same, and tried again at the next start",
-                  "Operation not permitted")
+    check_refused(
+        way,
+        run(world, "mode", "host"),
+        "the mode could not be changed; it is stored all the same, and tried again at the next start",
+        "Operation not permitted",
+    )
 
 
 def test_band_changes_the_access_points_band(world: World, run: Run) -> None:
@@ -117,9 +128,12 @@ def test_band_5_on_a_radio_without_it_is_told(make_world: Callable[..., World], 
 
 def test_band_of_a_station_is_stored_and_that_is_told(world: World, run: Run, way: Way) -> None:
     bring_up_station(world)
-    check_refused(way, run(world, "band", "5"),
-                  "the device is not an access point at the moment; the band is stored and used when it next is",
-                  "Operation not permitted")
+    check_refused(
+        way,
+        run(world, "band", "5"),
+        "the device is not an access point at the moment; the band is stored and used when it next is",
+        "Operation not permitted",
+    )
     assert world.settings.get("network", "frequency") == "5"
 
 
@@ -129,8 +143,9 @@ def test_band_with_the_radio_off_is_only_stored(world: World, run: Run) -> None:
     check_done(run(world, "band", "5"), "Stored: the access point's band will be 5 GHz when the radio is on.")
 
 
-@pytest.mark.parametrize("name", ["Kitchen", "Zwölf Boxkämpfer 👍", "-x --open", "status", '"quoted"', "[a,b]", "{}", "a\\b",
-                                  " ", "x" * 32])
+@pytest.mark.parametrize(
+    "name", ["Kitchen", "Zwölf Boxkämpfer 👍", "-x --open", "status", '"quoted"', "[a,b]", "{}", "a\\b", " ", "x" * 32]
+)
 def test_ssid_takes_any_text_as_it_is(world: World, name: str, run: Run) -> None:
     world.up()
     ended = run(world, "--json", "ssid", "--", name)
@@ -141,7 +156,7 @@ def test_ssid_takes_any_text_as_it_is(world: World, name: str, run: Run) -> None
 
 def test_ssid_may_be_the_name_of_another_command(world: World, run: Run) -> None:
     world.up()
-    check_done(run(world, "ssid", "scan"), "The access point's name is \"scan\".")
+    check_done(run(world, "ssid", "scan"), 'The access point\'s name is "scan".')
     assert world.get("SSID") == "scan"
 
 
@@ -161,35 +176,48 @@ def test_disconnect_leaves_the_network(world: World, run: Run) -> None:
 
 def test_disconnect_without_a_connection_is_told(world: World, run: Run, way: Way) -> None:
     bring_up_station(world)
-    check_refused(way, run(world, "disconnect"), "there is no network to leave: the device is not connected; if it is still "
-                  "trying to join one, 'vantora-wifi off' or 'vantora-wifi mode host' ends that", "Failed to connect to AP")
+    check_refused(
+        way,
+        run(world, "disconnect"),
+        "there is no network to leave: the device is not connected; if it is still "
+        "trying to join one, 'vantora-wifi off' or 'vantora-wifi mode host' ends that",
+        "Failed to connect to AP",
+    )
 
 
 def test_disconnect_of_an_idle_station_is_told(world: World, run: Run, way: Way) -> None:
     bring_up_station(world)
     world.wpa.report_state("inactive")
     wait_state(world, "inactive")
-    check_refused(way, run(world, "disconnect"), "there is no network to leave: the device is not connected",
-                  "Failed to connect to AP")
+    check_refused(
+        way, run(world, "disconnect"), "there is no network to leave: the device is not connected", "Failed to connect to AP"
+    )
 
 
-@pytest.mark.parametrize("state", ["scanning", "authenticating", "associating", "associated", "4way_handshake",
-                                   "group_handshake"])
+@pytest.mark.parametrize(
+    "state", ["scanning", "authenticating", "associating", "associated", "4way_handshake", "group_handshake"]
+)
 def test_disconnect_during_an_attempt_says_what_ends_it(world: World, run: Run, way: Way, state: str) -> None:
     bring_up_station(world)
     world.wpa.report_state(state)
     wait_state(world, state)
     world.wpa.refuse("Disconnect", name="fi.w1.wpa_supplicant1.NotConnected", text="This interface is not connected")
-    check_refused(way, run(world, "disconnect"), "the device is still trying to join a network, which cannot be left before "
-                  "that is done; 'vantora-wifi off' or 'vantora-wifi mode host' ends the attempt", "Failed to connect to AP")
+    check_refused(
+        way,
+        run(world, "disconnect"),
+        "the device is still trying to join a network, which cannot be left before "
+        "that is done; 'vantora-wifi off' or 'vantora-wifi mode host' ends the attempt",
+        "Failed to connect to AP",
+    )
 
 
 def test_disconnect_of_an_access_point_is_told(world: World, run: Run, way: Way) -> None:
     world.up()
     words = "the device is an access point; make it a station with 'vantora-wifi mode client'"
     check_refused(way, run(world, "disconnect"), words, "WiFi is not in client mode")
-    assert run(world, "disconnect", "--json").objects == [{
-        "type": "error", "status": 1, "text": words, "daemon_error": FAILED, "daemon_text": "WiFi is not in client mode"}]
+    assert run(world, "disconnect", "--json").objects == [
+        {"type": "error", "status": 1, "text": words, "daemon_error": FAILED, "daemon_text": "WiFi is not in client mode"}
+    ]
 
 
 def test_disconnect_with_the_radio_off_is_told(world: World, run: Run, way: Way) -> None:
@@ -201,16 +229,20 @@ def test_disconnect_with_the_radio_off_is_told(world: World, run: Run, way: Way)
 def test_disconnect_in_no_mode_at_all_is_told(world: World, run: Run, way: Way) -> None:
     world.up()
     world.radio.interface_type = "monitor"
-    check_refused(way, run(world, "disconnect"),
-                  "the device is neither access point nor station at the moment; try again, or set the mode",
-                  "WiFi is in unknown mode")
+    check_refused(
+        way,
+        run(world, "disconnect"),
+        "the device is neither access point nor station at the moment; try again, or set the mode",
+        "WiFi is in unknown mode",
+    )
 
 
 def test_a_switch_that_takes_too_long_ends_with_4(world: World, way: Way) -> None:
     world.up()
     world.systemd.hang("Start", on="wpa_supplicant-nl80211@wlan0.service")
     assert way.run(world, "mode", "client", "--timeout", "8") == way.ended(
-        TIMED_OUT, stderr="vantora-wifi: the daemon did not answer in time\n")
+        TIMED_OUT, stderr="vantora-wifi: the daemon did not answer in time\n"
+    )
 
 
 def test_the_daemon_dying_during_a_switch_ends_with_3(world: World, way: Way) -> None:

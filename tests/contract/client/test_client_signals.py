@@ -37,12 +37,14 @@ def monitoring(world: World, *arguments: str) -> Running:
 
 def test_signals_of_a_stranger_are_not_shown(world: World, daemon: PlayedDaemon) -> None:
     with monitoring(world) as client:
-        send_to_everybody_alone(world, PROPERTIES, "PropertiesChanged", "sa{sv}as",
-                                [INTERFACE, {"Mode": Variant("s", "forged")}, []])
+        send_to_everybody_alone(
+            world, PROPERTIES, "PropertiesChanged", "sa{sv}as", [INTERFACE, {"Mode": Variant("s", "forged")}, []]
+        )
         send_to_everybody_alone(world, INTERFACE, "AccessPointsChanged", "a(siib)", [[["forged", 1, -40, True]]])
         send_to_everybody_alone(world, INTERFACE, "AccessPointsChanged", "s", ["forged and wrong"])
-        send_to_everybody_alone(world, "org.freedesktop.DBus", "NameOwnerChanged", "sss", [SERVICE, ":1.1", ""],
-                                "/org/freedesktop/DBus")
+        send_to_everybody_alone(
+            world, "org.freedesktop.DBus", "NameOwnerChanged", "sss", [SERVICE, ":1.1", ""], "/org/freedesktop/DBus"
+        )
         daemon.announce("IPAddress", Variant("s", "10.0.0.1"))
         client.wait_for("10.0.0.1")
         assert changes(client.text) == [("address", "10.0.0.1")]
@@ -60,29 +62,36 @@ def test_the_next_owner_of_the_name_is_believed_and_the_last_one_no_more(world: 
             daemon.names = ()
             daemon.come_back()
             daemon.announce("IPAddress", Variant("s", "10.0.0.1"))
-            send_to_everybody_alone(world, PROPERTIES, "PropertiesChanged", "sa{sv}as",
-                                    [INTERFACE, {"IPAddress": Variant("s", "10.0.0.1")}, []])
+            send_to_everybody_alone(
+                world, PROPERTIES, "PropertiesChanged", "sa{sv}as", [INTERFACE, {"IPAddress": Variant("s", "10.0.0.1")}, []]
+            )
             successor.announce("IPAddress", Variant("s", "10.0.0.2"))
             client.wait_for("10.0.0.2")
             assert changes(client.text) == [("address", "10.0.0.2")]
 
 
-@pytest.mark.parametrize(("interface", "member", "signature", "body"), [
-    (PROPERTIES, "PropertiesChanged", "s", [INTERFACE]),
-    (PROPERTIES, "PropertiesChanged", "u", [7]),
-    (PROPERTIES, "PropertiesChanged", "sa{sv}as", [INTERFACE, {"Mode": Variant("u", 1)}, []]),
-    (PROPERTIES, "PropertiesChanged", "sa{sv}as", [INTERFACE, {"WiFiState": Variant("s", "on")}, []]),
-    (PROPERTIES, "PropertiesChanged", "sa{sv}as", [INTERFACE, {"WiFiConnectedClients": Variant("i", 3)}, []]),
-    (PROPERTIES, "PropertiesChanged", "sa{sv}as", [INTERFACE, {"IPAddress": Variant("as", ["10.0.0.1"])}, []]),
-    (PROPERTIES, "PropertiesChanged", "sa{sv}as", [INTERFACE, {"WiFiAccessPointInitialised": Variant("u", 1)}, []]),
-    (PROPERTIES, "PropertiesChanged", "sa{sv}as", [INTERFACE, {"Mode": Variant("d", 1.5)}, []]),
-    (INTERFACE, "AccessPointsChanged", "s", ["home"]),
-    (INTERFACE, "AccessPointsChanged", "as", [["home"]]),
-    (INTERFACE, "AccessPointsChanged", "(siib)", [["home", 1, -40, True]]),
-    (INTERFACE, "AccessPointsChanged", "u", [3]),
-    (INTERFACE, "AccessPointsChanged", "", [])], ids=lambda value: str(value)[:40])
+@pytest.mark.parametrize(
+    ("interface", "member", "signature", "body"),
+    [
+        (PROPERTIES, "PropertiesChanged", "s", [INTERFACE]),
+        (PROPERTIES, "PropertiesChanged", "u", [7]),
+        (PROPERTIES, "PropertiesChanged", "sa{sv}as", [INTERFACE, {"Mode": Variant("u", 1)}, []]),
+        (PROPERTIES, "PropertiesChanged", "sa{sv}as", [INTERFACE, {"WiFiState": Variant("s", "on")}, []]),
+        (PROPERTIES, "PropertiesChanged", "sa{sv}as", [INTERFACE, {"WiFiConnectedClients": Variant("i", 3)}, []]),
+        (PROPERTIES, "PropertiesChanged", "sa{sv}as", [INTERFACE, {"IPAddress": Variant("as", ["10.0.0.1"])}, []]),
+        (PROPERTIES, "PropertiesChanged", "sa{sv}as", [INTERFACE, {"WiFiAccessPointInitialised": Variant("u", 1)}, []]),
+        (PROPERTIES, "PropertiesChanged", "sa{sv}as", [INTERFACE, {"Mode": Variant("d", 1.5)}, []]),
+        (INTERFACE, "AccessPointsChanged", "s", ["home"]),
+        (INTERFACE, "AccessPointsChanged", "as", [["home"]]),
+        (INTERFACE, "AccessPointsChanged", "(siib)", [["home", 1, -40, True]]),
+        (INTERFACE, "AccessPointsChanged", "u", [3]),
+        (INTERFACE, "AccessPointsChanged", "", []),
+    ],
+    ids=lambda value: str(value)[:40],
+)
 def test_a_wrongly_typed_signal_is_passed_over_with_one_warning(
-        world: World, daemon: PlayedDaemon, way: Way, interface: str, member: str, signature: str, body: list[Any]) -> None:
+    world: World, daemon: PlayedDaemon, way: Way, interface: str, member: str, signature: str, body: list[Any]
+) -> None:
     with way.start(world, "monitor") as people, monitoring(world) as programs:
         people.wait_for("Transmit power")
         daemon.emit(PATH, interface, member, signature, body)
@@ -93,11 +102,14 @@ def test_a_wrongly_typed_signal_is_passed_over_with_one_warning(
         assert f"{WARNING}{member}\n" in people.plain
         assert changes(programs.text) == [("address", "10.0.0.2")]
         assert [entry for entry in objects_in(programs.text) if entry["type"] == "warning"] == [
-            {"type": "warning", "text": f"a signal of the daemon cannot be read and is passed over: {member}"}]
+            {"type": "warning", "text": f"a signal of the daemon cannot be read and is passed over: {member}"}
+        ]
         assert people.running and programs.running
 
 
-def test_a_signal_about_another_interface_of_the_object_is_no_business_of_the_client(world: World, daemon: PlayedDaemon) -> None:
+def test_a_signal_about_another_interface_of_the_object_is_no_business_of_the_client(
+    world: World, daemon: PlayedDaemon
+) -> None:
     with monitoring(world) as client:
         daemon.emit(PATH, PROPERTIES, "PropertiesChanged", "sa{sv}as", ["com.example.Other", {"Mode": Variant("d", 1.5)}, []])
         daemon.announce("IPAddress", Variant("s", "10.0.0.2"))
@@ -105,11 +117,14 @@ def test_a_signal_about_another_interface_of_the_object_is_no_business_of_the_cl
         assert {entry["type"] for entry in objects_in(client.text)} == {"status", "changed"}
 
 
-@pytest.mark.parametrize(("name", "value"), [
-    ("Mode", Variant("u", 1)), ("WiFiState", Variant("s", "on")), ("WiFiAvailableFrequencies", Variant("a(siib)", [SECURED]))],
-    ids=lambda value: str(value)[:20])
-def test_a_wrongly_typed_answer_is_a_value_that_nobody_knows(world: World, daemon: PlayedDaemon, way: Way, name: str,
-                                                            value: Variant) -> None:
+@pytest.mark.parametrize(
+    ("name", "value"),
+    [("Mode", Variant("u", 1)), ("WiFiState", Variant("s", "on")), ("WiFiAvailableFrequencies", Variant("a(siib)", [SECURED]))],
+    ids=lambda value: str(value)[:20],
+)
+def test_a_wrongly_typed_answer_is_a_value_that_nobody_knows(
+    world: World, daemon: PlayedDaemon, way: Way, name: str, value: Variant
+) -> None:
     daemon.properties[name] = value
     shown = way.run(world, "status")
     assert shown.status == DONE

@@ -10,10 +10,32 @@ from vantora_sim import World, changed
 from wifi_client import DONE, REFUSED, TIMED_OUT, UNREACHABLE, USAGE, on_terminal, program, run
 
 STATUS_FIELDS = {
-    "type", "radio", "mode", "ssid", "band", "bands", "access_point_ready", "stations", "client_state", "client_ssid",
-    "address", "mac_address", "transmit_power"}
-COMMANDS = [["status"], ["on"], ["off"], ["mode", "host"], ["band", "5"], ["ssid", "x"], ["scan"],
-            ["connect", "x", "--open"], ["disconnect"], ["monitor"]]
+    "type",
+    "radio",
+    "mode",
+    "ssid",
+    "band",
+    "bands",
+    "access_point_ready",
+    "stations",
+    "client_state",
+    "client_ssid",
+    "address",
+    "mac_address",
+    "transmit_power",
+}
+COMMANDS = [
+    ["status"],
+    ["on"],
+    ["off"],
+    ["mode", "host"],
+    ["band", "5"],
+    ["ssid", "x"],
+    ["scan"],
+    ["connect", "x", "--open"],
+    ["disconnect"],
+    ["monitor"],
+]
 
 
 def rows(text: str) -> dict[str, str]:
@@ -26,9 +48,17 @@ def test_status_of_an_access_point_shows_what_makes_sense_there(world: World) ->
     shown = run(world, "status")
     assert (shown.status, shown.stderr) == (DONE, "")
     assert rows(shown.stdout) == {
-        "Radio": "on", "Mode": "Host (access point)", "SSID": "Korrin One", "Band": "2.4 GHz", "Bands": "5, 2.4",
-        "On the air": rows(shown.stdout)["On the air"], "Stations": "0", "Address": "192.168.8.1",
-        "MAC address": "02:00:00:00:10:01", "Transmit power": rows(shown.stdout)["Transmit power"]}
+        "Radio": "on",
+        "Mode": "Host (access point)",
+        "SSID": "Korrin One",
+        "Band": "2.4 GHz",
+        "Bands": "5, 2.4",
+        "On the air": rows(shown.stdout)["On the air"],
+        "Stations": "0",
+        "Address": "192.168.8.1",
+        "MAC address": "02:00:00:00:10:01",
+        "Transmit power": rows(shown.stdout)["Transmit power"],
+    }
     assert rows(shown.stdout)["Transmit power"].startswith("20.00 dB")
     columns = {re.match(r"[A-Z].*? {2,}", line).end() for line in shown.stdout.splitlines()}  # type: ignore[union-attr]
     assert len(columns) == 1, "the values stand below each other"
@@ -53,10 +83,34 @@ def test_status_for_programs_is_one_object_with_all_fields(world: World) -> None
     assert (shown.status, shown.stderr, shown.stdout.count("\n")) == (DONE, "", 1)
     status = shown.objects[0]
     assert set(status) == STATUS_FIELDS
-    assert {name: status[name] for name in ("type", "radio", "mode", "ssid", "band", "bands", "stations", "client_state",
-                                            "client_ssid", "address", "mac_address")} == {
-        "type": "status", "radio": "on", "mode": "Host", "ssid": "Korrin One", "band": "2.4", "bands": ["5", "2.4"],
-        "stations": 0, "client_state": "off", "client_ssid": "", "address": "192.168.8.1", "mac_address": "02:00:00:00:10:01"}
+    assert {
+        name: status[name]
+        for name in (
+            "type",
+            "radio",
+            "mode",
+            "ssid",
+            "band",
+            "bands",
+            "stations",
+            "client_state",
+            "client_ssid",
+            "address",
+            "mac_address",
+        )
+    } == {
+        "type": "status",
+        "radio": "on",
+        "mode": "Host",
+        "ssid": "Korrin One",
+        "band": "2.4",
+        "bands": ["5", "2.4"],
+        "stations": 0,
+        "client_state": "off",
+        "client_ssid": "",
+        "address": "192.168.8.1",
+        "mac_address": "02:00:00:00:10:01",
+    }
     assert isinstance(status["access_point_ready"], bool)
 
 
@@ -99,9 +153,15 @@ def test_without_a_daemon_every_command_ends_with_3(world: World, command: list[
 def test_without_a_daemon_programs_get_an_error_object(world: World, command: list[str]) -> None:
     ended = run(world, "--json", *command)
     assert (ended.status, ended.stderr) == (UNREACHABLE, "")
-    assert ended.objects == [{
-        "type": "error", "status": 3, "text": "the daemon is not running (nobody owns com.vantora.Network1)",
-        "daemon_error": ended.objects[0]["daemon_error"], "daemon_text": ""}]
+    assert ended.objects == [
+        {
+            "type": "error",
+            "status": 3,
+            "text": "the daemon is not running (nobody owns com.vantora.Network1)",
+            "daemon_error": ended.objects[0]["daemon_error"],
+            "daemon_text": "",
+        }
+    ]
 
 
 def test_without_a_bus_it_ends_with_3(world: World) -> None:
@@ -126,12 +186,31 @@ def test_a_hanging_bus_ends_with_4(world: World) -> None:
     assert (ended.status, ended.stderr) == (TIMED_OUT, "vantora-wifi: the user bus did not answer in time\n")
 
 
-@pytest.mark.parametrize("arguments", [
-    ["nonsense"], ["status", "more"], ["mode", "both"], ["band", "6"], ["ssid", ""], ["scan", "--names", "--watch"],
-    ["ssid", "x" * 33], ["connect"], ["connect", "x" * 33, "--open"], ["connect", "a", "b"], ["--timeout", "0", "status"],
-    ["--timeout", "soon", "status"], ["--timeout", "nan", "status"], ["--timeout", "5s", "status"], ["--colour", "status"],
-    ["connect", "a", "--open", "--passphrase-stdin"], ["connect", "a", "--passphrase-file", "f", "--open"],
-    ["status", "on"], [b"ssid", b"caf\xe9"]], ids=repr)
+@pytest.mark.parametrize(
+    "arguments",
+    [
+        ["nonsense"],
+        ["status", "more"],
+        ["mode", "both"],
+        ["band", "6"],
+        ["ssid", ""],
+        ["scan", "--names", "--watch"],
+        ["ssid", "x" * 33],
+        ["connect"],
+        ["connect", "x" * 33, "--open"],
+        ["connect", "a", "b"],
+        ["--timeout", "0", "status"],
+        ["--timeout", "soon", "status"],
+        ["--timeout", "nan", "status"],
+        ["--timeout", "5s", "status"],
+        ["--colour", "status"],
+        ["connect", "a", "--open", "--passphrase-stdin"],
+        ["connect", "a", "--passphrase-file", "f", "--open"],
+        ["status", "on"],
+        [b"ssid", b"caf\xe9"],
+    ],
+    ids=repr,
+)
 def test_wrong_usage_ends_with_2_and_does_not_even_look_for_the_bus(world: World, arguments: list[str]) -> None:
     ended = run(world, *arguments, DBUS_SESSION_BUS_ADDRESS="unix:path=/nonexistent/bus")
     assert (ended.status, ended.stdout) == (USAGE, "")
@@ -197,8 +276,6 @@ def test_errors_on_a_terminal_are_red_unless_no_color(world: World) -> None:
 
 def test_script_of_util_linux_counts_as_a_terminal(world: World) -> None:
     world.up()
-    completed = world.sandbox.run(
-        ["/usr/bin/script", "-qec", f"{program(world)} status", "/tmp/recorded"],
-        {"TERM": "xterm"})
+    completed = world.sandbox.run(["/usr/bin/script", "-qec", f"{program(world)} status", "/tmp/recorded"], {"TERM": "xterm"})
     assert completed.status == DONE
     assert "\x1b[1mMode\x1b[0m" in world.sandbox.path("/tmp/recorded").read_text()

@@ -9,7 +9,9 @@ from vantora_sim.device import SimulatedDevice
 from wifi_client import DONE, REFUSED, run
 
 
-def test_a_person_gets_from_access_point_to_a_network_and_back(make_device: Callable[..., SimulatedDevice]) -> None:  # noqa: F811
+def test_a_person_gets_from_access_point_to_a_network_and_back(
+    make_device: Callable[..., SimulatedDevice]
+) -> None:  # noqa: F811
     world = make_device(small_plan()).world
     assert run(world, "--json", "status").objects[0]["mode"] == "Host"
     assert run(world, "band", "5").status == DONE

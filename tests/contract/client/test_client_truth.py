@@ -32,20 +32,43 @@ def access_point(daemon: PlayedDaemon) -> None:
 # Settings
 
 
-@pytest.mark.parametrize(("arguments", "name", "value", "words"), [
-    (["on"], "WiFiState", Variant("u", 0), "the radio is still off: something else blocks it, such as a switch on the device, "
-     "which no program can overrule ('rfkill list' tells)"),
-    (["off"], "WiFiState", Variant("u", 1), "the radio is still on, although the daemon has switched it off"),
-    (["mode", "client"], "Mode", Variant("s", "unknown"), "the mode is stored, but the device is neither access point nor station: "
-     "its Wi-Fi interface (wlan0) may be missing, or its access point not start"),
-    (["mode", "client"], "Mode", Variant("s", "Host"), "the mode is stored, but the device is still an access point; the daemon's "
-     "log says why"),
-    (["mode", "host"], "Mode", Variant("s", "Client"), "the mode is stored, but the device is still a station; the daemon's log "
-     "says why"),
-    (["band", "5"], "WiFiFrequency", Variant("s", "2.4"), "the band is stored, but the access point does not have it yet")],
-    ids=lambda value: str(value)[:30])
-def test_a_setting_without_effect_is_not_called_done(world: World, daemon: PlayedDaemon, way: Way, arguments: list[str], name: str,
-                                                     value: Variant, words: str) -> None:
+@pytest.mark.parametrize(
+    ("arguments", "name", "value", "words"),
+    [
+        (
+            ["on"],
+            "WiFiState",
+            Variant("u", 0),
+            "the radio is still off: something else blocks it, such as a switch on the device, "
+            "which no program can overrule ('rfkill list' tells)",
+        ),
+        (["off"], "WiFiState", Variant("u", 1), "the radio is still on, although the daemon has switched it off"),
+        (
+            ["mode", "client"],
+            "Mode",
+            Variant("s", "unknown"),
+            "the mode is stored, but the device is neither access point nor station: "
+            "its Wi-Fi interface (wlan0) may be missing, or its access point not start",
+        ),
+        (
+            ["mode", "client"],
+            "Mode",
+            Variant("s", "Host"),
+            "the mode is stored, but the device is still an access point; the daemon's " "log says why",
+        ),
+        (
+            ["mode", "host"],
+            "Mode",
+            Variant("s", "Client"),
+            "the mode is stored, but the device is still a station; the daemon's log " "says why",
+        ),
+        (["band", "5"], "WiFiFrequency", Variant("s", "2.4"), "the band is stored, but the access point does not have it yet"),
+    ],
+    ids=lambda value: str(value)[:30],
+)
+def test_a_setting_without_effect_is_not_called_done(
+    world: World, daemon: PlayedDaemon, way: Way, arguments: list[str], name: str, value: Variant, words: str
+) -> None:
     access_point(daemon)
     daemon.obeys = False
     daemon.properties[name] = value
@@ -57,8 +80,11 @@ def test_an_access_point_that_does_not_get_its_name_is_told(world: World, daemon
     access_point(daemon)
     daemon.obeys = False
     ended = way.run(world, "ssid", "Kitchen", "--timeout", "3")
-    assert ended == way.ended(REFUSED, stderr="vantora-wifi: the name is stored, but the access point does not have it yet; "
-                              "'vantora-wifi status' tells whether it is on the air\n")
+    assert ended == way.ended(
+        REFUSED,
+        stderr="vantora-wifi: the name is stored, but the access point does not have it yet; "
+        "'vantora-wifi status' tells whether it is on the air\n",
+    )
 
 
 def test_a_value_that_takes_its_time_is_waited_for(world: World, daemon: PlayedDaemon, way: Way) -> None:
@@ -75,15 +101,20 @@ def test_a_value_that_takes_its_time_is_waited_for(world: World, daemon: PlayedD
 
 def test_the_name_of_the_access_point_waits_for_one(world: World, daemon: PlayedDaemon, way: Way) -> None:
     assert way.run(world, "ssid", "Kitchen") == way.ended(
-        DONE, 'Stored: the access point\'s name will be "Kitchen" when the device is an access point.\n')
+        DONE, 'Stored: the access point\'s name will be "Kitchen" when the device is an access point.\n'
+    )
     assert way.run(world, "ssid", "Kitchen", "--json").objects == [
-        {"type": "done", "command": "ssid", "applied": False, "value": "Kitchen"}]
+        {"type": "done", "command": "ssid", "applied": False, "value": "Kitchen"}
+    ]
 
 
-@pytest.mark.parametrize(("command", "shown", "field", "value"), [
-    ("mode", "host", "mode", "Host"), ("band", "5", "band", "5"), ("ssid", "Hallway", "ssid", "Hallway")])
-def test_a_bare_setting_prints_the_present_value(world: World, daemon: PlayedDaemon, way: Way, command: str, shown: str, field: str,
-                                                 value: str) -> None:
+@pytest.mark.parametrize(
+    ("command", "shown", "field", "value"),
+    [("mode", "host", "mode", "Host"), ("band", "5", "band", "5"), ("ssid", "Hallway", "ssid", "Hallway")],
+)
+def test_a_bare_setting_prints_the_present_value(
+    world: World, daemon: PlayedDaemon, way: Way, command: str, shown: str, field: str, value: str
+) -> None:
     access_point(daemon)
     assert way.run(world, command) == way.ended(DONE, f"{shown}\n")
     assert way.run(world, "--json", command).objects == [{"type": "value", "name": field, "value": value}]
@@ -93,8 +124,10 @@ def test_a_bare_setting_prints_the_present_value(world: World, daemon: PlayedDae
 def test_a_bare_setting_that_there_is_not_is_a_failure(world: World, daemon: PlayedDaemon, way: Way) -> None:
     for command in ("band", "ssid"):
         assert way.run(world, command) == way.ended(
-            REFUSED, stderr=f"vantora-wifi: there is no {command} at the moment: the device is no access point, or the radio is "
-            "off\n")
+            REFUSED,
+            stderr=f"vantora-wifi: there is no {command} at the moment: the device is no access point, or the radio is "
+            "off\n",
+        )
     assert way.run(world, "mode") == way.ended(DONE, "client\n")
 
 
@@ -118,8 +151,10 @@ def test_status_shows_how_the_access_point_does(world: World, daemon: PlayedDaem
 
 def test_nothing_in_range_is_told_from_a_station_that_is_not_heard(world: World, daemon: PlayedDaemon, way: Way) -> None:
     assert way.run(world, "scan") == way.ended(
-        SILENT, stderr="vantora-wifi: nothing was found, and nothing was heard from the station daemon (wpa_supplicant): it may "
-        "not run\n")
+        SILENT,
+        stderr="vantora-wifi: nothing was found, and nothing was heard from the station daemon (wpa_supplicant): it may "
+        "not run\n",
+    )
     assert run(world, "--json", "scan").objects[0]["status"] == SILENT
 
 
@@ -140,7 +175,8 @@ def test_a_station_that_says_how_it_does_is_there(world: World, daemon: PlayedDa
 def test_a_station_that_does_not_answer_is_told(world: World, daemon: PlayedDaemon, way: Way) -> None:
     daemon.slow("Scan", 20.5)
     assert way.run(world, "scan") == way.ended(
-        SILENT, stderr="vantora-wifi: the station daemon (wpa_supplicant) does not answer\n")
+        SILENT, stderr="vantora-wifi: the station daemon (wpa_supplicant) does not answer\n"
+    )
 
 
 def test_the_network_joined_is_marked(world: World, daemon: PlayedDaemon, way: Way) -> None:
@@ -154,7 +190,9 @@ def test_the_network_joined_is_marked(world: World, daemon: PlayedDaemon, way: W
 
 
 def test_names_are_those_that_a_shell_can_be_offered(world: World, daemon: PlayedDaemon, way: Way) -> None:
-    daemon.properties["AccessPoints"] = Variant("a(siib)", [SECURED, ["evil\x1b[2J", 0, -40, False], ["two words", 0, -70, False]])
+    daemon.properties["AccessPoints"] = Variant(
+        "a(siib)", [SECURED, ["evil\x1b[2J", 0, -40, False], ["two words", 0, -70, False]]
+    )
     assert way.run(world, "scan", "--names") == way.ended(DONE, "secured\ntwo words\n")
     assert daemon.called == [], "nothing is looked for"
 
@@ -182,13 +220,22 @@ def test_an_open_network_asks_for_no_passphrase(world: World, daemon: PlayedDaem
         assert client.plain.endswith('Connected to "free", address 10.0.0.3\n') and "Passphrase" not in client.plain
 
 
-@pytest.mark.parametrize(("arguments", "words"), [
-    (["office"], '"office" is encrypted in a way that this device cannot join'),
-    (["secured", "--open"], '"secured" wants a passphrase; --force tries without one'),
-    (["free", "--passphrase-file", "/dev/null"], '"free" is open where the device is: it takes no passphrase, and may be another '
-     "network than you think; --open joins it, --force tries with the passphrase")], ids=lambda value: str(value)[:20])
+@pytest.mark.parametrize(
+    ("arguments", "words"),
+    [
+        (["office"], '"office" is encrypted in a way that this device cannot join'),
+        (["secured", "--open"], '"secured" wants a passphrase; --force tries without one'),
+        (
+            ["free", "--passphrase-file", "/dev/null"],
+            '"free" is open where the device is: it takes no passphrase, and may be another '
+            "network than you think; --open joins it, --force tries with the passphrase",
+        ),
+    ],
+    ids=lambda value: str(value)[:20],
+)
 def test_what_cannot_be_joined_is_refused_before_anything_is_asked_or_dropped(
-        world: World, daemon: PlayedDaemon, way: Way, arguments: list[str], words: str) -> None:
+    world: World, daemon: PlayedDaemon, way: Way, arguments: list[str], words: str
+) -> None:
     in_range(daemon)
     assert way.run(world, "connect", *arguments) == way.ended(REFUSED, stderr=f"vantora-wifi: {words}\n")
     assert joined(daemon) == []
@@ -200,8 +247,10 @@ def test_a_network_out_of_range_is_looked_for_and_then_refused(world: World, dae
         world.journal.wait_until(lambda: ("Scan", []) in daemon.called, "scan")
         daemon.announce_networks(SECURED)
         assert client.end() == REFUSED
-        assert client.plain == ('vantora-wifi: "nowhere" is not in range; with --hidden (it does not tell its name) or --force the '
-                                "device tries all the same\n")
+        assert client.plain == (
+            'vantora-wifi: "nowhere" is not in range; with --hidden (it does not tell its name) or --force the '
+            "device tries all the same\n"
+        )
     assert joined(daemon) == []
 
 
@@ -224,8 +273,10 @@ def test_whoever_insists_goes_on(world: World, daemon: PlayedDaemon, way: Way, o
 def test_an_access_point_joins_nothing(world: World, daemon: PlayedDaemon, way: Way, options: list[str]) -> None:
     access_point(daemon)
     assert way.run(world, "connect", "secured", *options) == way.ended(
-        REFUSED, stderr="vantora-wifi: the device is an access point, which cannot join a network; make it a station with "
-        "'vantora-wifi mode client'\n")
+        REFUSED,
+        stderr="vantora-wifi: the device is an access point, which cannot join a network; make it a station with "
+        "'vantora-wifi mode client'\n",
+    )
     assert daemon.called == []
 
 
@@ -247,7 +298,8 @@ def test_it_is_waited_for_no_longer_than_the_time_out(world: World, daemon: Play
     ended = way.run(world, "connect", "free", "--timeout", "3")
     assert ended.status == REFUSED
     assert (ended.stdout + ended.stderr).endswith(
-        'vantora-wifi: wpa_supplicant did not take the network, or does not run (the daemon: "Failed to connect to AP")\n')
+        'vantora-wifi: wpa_supplicant did not take the network, or does not run (the daemon: "Failed to connect to AP")\n'
+    )
 
 
 def test_control_c_says_that_the_device_goes_on(world: World, daemon: PlayedDaemon, way: Way) -> None:
@@ -259,7 +311,8 @@ def test_control_c_says_that_the_device_goes_on(world: World, daemon: PlayedDaem
         client.type("\x03") if way.terminal else client.send_signal(2)
         assert client.end() == -2
         assert client.plain.endswith(
-            "vantora-wifi: the device goes on trying until 'vantora-wifi off' or 'vantora-wifi mode host'\n")
+            "vantora-wifi: the device goes on trying until 'vantora-wifi off' or 'vantora-wifi mode host'\n"
+        )
 
 
 def test_control_c_for_programs_is_a_warning_object(world: World, daemon: PlayedDaemon) -> None:
@@ -271,7 +324,9 @@ def test_control_c_for_programs_is_a_warning_object(world: World, daemon: Played
         client.send_signal(15)
         assert client.end() == -15
         assert objects_in(client.text)[-1] == {
-            "type": "warning", "text": "the device goes on trying until 'vantora-wifi off' or 'vantora-wifi mode host'"}
+            "type": "warning",
+            "text": "the device goes on trying until 'vantora-wifi off' or 'vantora-wifi mode host'",
+        }
 
 
 def test_without_a_name_one_is_picked_on_a_terminal(world: World, daemon: PlayedDaemon) -> None:
@@ -355,16 +410,20 @@ def test_networks_are_watched(world: World, daemon: PlayedDaemon, way: Way) -> N
         assert client.running
 
 
-def test_watching_ends_as_the_command_does_where_there_is_nothing_to_watch(world: World, daemon: PlayedDaemon, way: Way) -> None:
+def test_watching_ends_as_the_command_does_where_there_is_nothing_to_watch(
+    world: World, daemon: PlayedDaemon, way: Way
+) -> None:
     daemon.hang("Get")
     assert way.run(world, "status", "--watch", "--timeout", "1") == way.ended(
-        TIMED_OUT, stderr="vantora-wifi: the daemon did not answer in time\n")
+        TIMED_OUT, stderr="vantora-wifi: the daemon did not answer in time\n"
+    )
     daemon.clear()
     access_point(daemon)
     assert way.run(world, "scan", "--watch").status == REFUSED
     daemon.go()
     assert way.run(world, "status", "--watch") == way.ended(
-        UNREACHABLE, stderr="vantora-wifi: the daemon is not running (nobody owns com.vantora.Network1)\n")
+        UNREACHABLE, stderr="vantora-wifi: the daemon is not running (nobody owns com.vantora.Network1)\n"
+    )
 
 
 def test_a_list_longer_than_the_window_is_cut(world: World, daemon: PlayedDaemon) -> None:
@@ -378,8 +437,10 @@ def test_a_list_longer_than_the_window_is_cut(world: World, daemon: PlayedDaemon
 
 
 def test_mistyped_words_are_told_from_what_was_meant(world: World, way: Way) -> None:
-    for arguments, words in ((["statsu"], 'there is no sub-command "statsu"; did you mean status?'),
-                             (["mode", "hosst"], 'mode: "hosst" is neither host nor client; did you mean host?')):
+    for arguments, words in (
+        (["statsu"], 'there is no sub-command "statsu"; did you mean status?'),
+        (["mode", "hosst"], 'mode: "hosst" is neither host nor client; did you mean host?'),
+    ):
         ended = way.run(world, *arguments)
         assert ended == way.ended(USAGE, stderr=f"vantora-wifi: {words}\nTry 'vantora-wifi --help'.\n")
 
@@ -404,6 +465,6 @@ def test_an_ordinary_user_of_a_device_is_told_of_roots_bus(world: World, daemon:
         assert (ended.status, ended.stderr) == (UNREACHABLE, told)
     elsewhere = world.sandbox.run(as_other, {"DBUS_SESSION_BUS_ADDRESS": "unix:path=/nonexistent", "XDG_RUNTIME_DIR": None})
     assert (elsewhere.status, elsewhere.stderr) == (
-        UNREACHABLE, "vantora-wifi: the user bus cannot be reached: No such file or directory\n")
-
-
+        UNREACHABLE,
+        "vantora-wifi: the user bus cannot be reached: No such file or directory\n",
+    )

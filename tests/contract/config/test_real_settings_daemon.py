@@ -53,7 +53,11 @@ def announced(world: World, since: int) -> list[tuple[str, object]]:
 def test_the_device_comes_up_with_its_defaults(world: World) -> None:
     world.up()
     assert (world.get("WiFiState"), world.get("Mode"), world.get("WiFiFrequency"), world.get("SSID")) == (
-        1, "Host", "2.4", "Korrin One-3456")
+        1,
+        "Host",
+        "2.4",
+        "Korrin One-3456",
+    )
     assert [line for line in world.journal.logs() if line[0] in ("err", "warning")] == []
 
 
@@ -77,8 +81,12 @@ def test_writes_are_stored_and_each_is_announced_once_though_the_writer_is_notif
 def test_two_writes_right_after_each_other_are_not_undone_by_the_notification_of_the_first(world: World) -> None:
     world.up()
     mark = world.journal.mark()
-    writes = [world.call_async("Set", "ssv", ["com.vantora.Network1.WiFi", "Mode", Variant("s", mode)],
-                               interface="org.freedesktop.DBus.Properties") for mode in ("Client", "Host")]
+    writes = [
+        world.call_async(
+            "Set", "ssv", ["com.vantora.Network1.WiFi", "Mode", Variant("s", mode)], interface="org.freedesktop.DBus.Properties"
+        )
+        for mode in ("Client", "Host")
+    ]
     for write in writes:
         write.result(DEADLINE)
     world.journal.wait_for(log("err", "[Main] set_wifi_mode: already in wifi mode Host"), mark)
@@ -100,8 +108,14 @@ def test_another_programs_changes_reach_the_radio(world: World) -> None:
     assert world.radio.soft_blocked
     store(world, "network", "enabled", "b", "true")
     world.journal.wait_for(changed("WiFiState", 1), mark)
-    assert announced(world, mark) == [("SSID", "Cellar"), ("WiFiFrequency", "5"), ("Mode", "Client"), ("WiFiState", 0),
-                                      ("Mode", "Client"), ("WiFiState", 1)]
+    assert announced(world, mark) == [
+        ("SSID", "Cellar"),
+        ("WiFiFrequency", "5"),
+        ("Mode", "Client"),
+        ("WiFiState", 0),
+        ("Mode", "Client"),
+        ("WiFiState", 1),
+    ]
 
 
 def test_values_survive_the_end_of_both_daemons(world: World, settingsd: Process, build_dir: Path) -> None:
@@ -116,8 +130,9 @@ def test_values_survive_the_end_of_both_daemons(world: World, settingsd: Process
     assert stored(world, "device", "deviceName") == 's "Attic"'
 
 
-def test_the_settings_daemon_may_be_killed_and_come_back_while_the_device_runs(world: World, settingsd: Process,
-                                                                               build_dir: Path) -> None:
+def test_the_settings_daemon_may_be_killed_and_come_back_while_the_device_runs(
+    world: World, settingsd: Process, build_dir: Path
+) -> None:
     world.up()
     world.set("SSID", "Attic")
     settingsd.stop(9)
@@ -147,5 +162,10 @@ def test_a_reset_by_another_program_brings_the_radio_back_to_the_default(world: 
 def test_kill_on_boot_is_read_from_it(world: World) -> None:
     store(world, "development", "killWifiOnBoot", "b", "true")
     world.up()
-    world.journal.expect_in_order([log("info", "[Main] main: Killing Wi-Fi on boot"), log("info", "[WiFi] Enable wifi: False"),
-                                   log("info", "[WiFi] Enable wifi: True")])
+    world.journal.expect_in_order(
+        [
+            log("info", "[Main] main: Killing Wi-Fi on boot"),
+            log("info", "[WiFi] Enable wifi: False"),
+            log("info", "[WiFi] Enable wifi: True"),
+        ]
+    )

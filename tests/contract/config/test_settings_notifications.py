@@ -14,13 +14,27 @@ BASE = "/com/vantora/common/Settings1"
 SERVICE = "com.vantora.common.Settings1"
 
 EVERY_TYPE = {
-    "byte": Variant("y", 1), "int16": Variant("n", -1), "uint16": Variant("q", 1), "int32": Variant("i", -1),
-    "uint32": Variant("u", 1), "int64": Variant("x", -1), "uint64": Variant("t", 1), "double": Variant("d", 1.5),
-    "path": Variant("o", "/a"), "signature": Variant("g", "a{sv}"), "bytes": Variant("ay", b"\x00\xff"),
-    "texts": Variant("as", ["a", ""]), "truths": Variant("ab", [True]), "paths": Variant("ao", ["/"]),
-    "empty": Variant("as", []), "struct": Variant("(sib)", ["a", 1, True]), "structs": Variant("a(si)", [["a", 1]]),
-    "map": Variant("a{sv}", {"a": Variant("s", "b")}), "other map": Variant("a{is}", {1: "a"}),
-    "variant": Variant("v", Variant("v", Variant("(ss)", ["a", "b"]))), "lists": Variant("aas", [["a"], []]),
+    "byte": Variant("y", 1),
+    "int16": Variant("n", -1),
+    "uint16": Variant("q", 1),
+    "int32": Variant("i", -1),
+    "uint32": Variant("u", 1),
+    "int64": Variant("x", -1),
+    "uint64": Variant("t", 1),
+    "double": Variant("d", 1.5),
+    "path": Variant("o", "/a"),
+    "signature": Variant("g", "a{sv}"),
+    "bytes": Variant("ay", b"\x00\xff"),
+    "texts": Variant("as", ["a", ""]),
+    "truths": Variant("ab", [True]),
+    "paths": Variant("ao", ["/"]),
+    "empty": Variant("as", []),
+    "struct": Variant("(sib)", ["a", 1, True]),
+    "structs": Variant("a(si)", [["a", 1]]),
+    "map": Variant("a{sv}", {"a": Variant("s", "b")}),
+    "other map": Variant("a{is}", {1: "a"}),
+    "variant": Variant("v", Variant("v", Variant("(ss)", ["a", "b"]))),
+    "lists": Variant("aas", [["a"], []]),
 }
 
 
@@ -28,8 +42,15 @@ def test_two_settings_of_one_notification_are_taken_in_key_order(world: World) -
     bring_up_quietly(world)
     mark = world.journal.mark()
     world.settings.change("network", mode="Host", frequency="5")
-    assert steps(world, mark) == [READ_POWER, READ_MODE, *RESTART_HOSTAPD, READ_POWER, READ_MODE, "announce WiFiFrequency=5",
-                                  READ_MODE]
+    assert steps(world, mark) == [
+        READ_POWER,
+        READ_MODE,
+        *RESTART_HOSTAPD,
+        READ_POWER,
+        READ_MODE,
+        "announce WiFiFrequency=5",
+        READ_MODE,
+    ]
     assert control_logs(world, mark) == [("err", "[Main] set_wifi_mode: already in wifi mode Host")]
 
 
@@ -62,7 +83,9 @@ def test_only_the_last_part_of_the_path_and_no_interface_name_counts(world: Worl
 def test_known_names_of_another_type_are_ignored(world: World) -> None:
     bring_up_quietly(world)
     mark = world.journal.mark()
-    world.settings.notify("network", {"enabled": Variant("s", "false"), "mode": Variant("o", "/Client"), "frequency": Variant("d", 5.0)})
+    world.settings.notify(
+        "network", {"enabled": Variant("s", "false"), "mode": Variant("o", "/Client"), "frequency": Variant("d", 5.0)}
+    )
     world.settings.notify("device", {"deviceName": Variant("ay", b"Kitchen")})
     assert steps(world, mark) == []
     assert logs(world, mark) == []
@@ -99,16 +122,20 @@ def test_notifications_without_settings_do_nothing(world: World) -> None:
     assert logs(world, mark) == []
 
 
-@pytest.mark.parametrize(("path", "signature", "body", "text"), [
-    ("/", "sa{sv}as", [SERVICE, {"enabled": Variant("b", False)}, []], "Mallformed path string"),
-    (f"{BASE}/network", "u", [1], "Failed to skip interface string"),
-    (f"{BASE}/network", "", [], "Failed to skip interface string"),
-    (f"{BASE}/network", "ss", [SERVICE, "enabled"], "ParsePropertiesWithType failed:-6"),
-    (f"{BASE}/network", "sa{ss}", [SERVICE, {"mode": "Client"}], "ParsePropertiesWithType failed:-6"),
-    (f"{BASE}/network", "s", [SERVICE], "ParsePropertiesWithType failed:-6"),
-])
-def test_a_malformed_notification_is_dropped_with_a_message(world: World, path: str, signature: str, body: list[object],
-                                                            text: str) -> None:
+@pytest.mark.parametrize(
+    ("path", "signature", "body", "text"),
+    [
+        ("/", "sa{sv}as", [SERVICE, {"enabled": Variant("b", False)}, []], "Mallformed path string"),
+        (f"{BASE}/network", "u", [1], "Failed to skip interface string"),
+        (f"{BASE}/network", "", [], "Failed to skip interface string"),
+        (f"{BASE}/network", "ss", [SERVICE, "enabled"], "ParsePropertiesWithType failed:-6"),
+        (f"{BASE}/network", "sa{ss}", [SERVICE, {"mode": "Client"}], "ParsePropertiesWithType failed:-6"),
+        (f"{BASE}/network", "s", [SERVICE], "ParsePropertiesWithType failed:-6"),
+    ],
+)
+def test_a_malformed_notification_is_dropped_with_a_message(
+    world: World, path: str, signature: str, body: list[object], text: str
+) -> None:
     bring_up_quietly(world)
     mark = world.journal.mark()
     world.settings.notify_raw(path, signature, body)
@@ -127,8 +154,9 @@ WRITES = [
 
 
 @pytest.mark.parametrize(("name", "section", "key", "values"), WRITES)
-def test_the_echo_of_a_first_write_does_not_undo_a_second_one(world: World, name: str, section: str, key: str,
-                                                              values: tuple[str, str]) -> None:
+def test_the_echo_of_a_first_write_does_not_undo_a_second_one(
+    world: World, name: str, section: str, key: str, values: tuple[str, str]
+) -> None:
     bring_up_quietly(world)
     for value in values:
         world.set(name, value)
@@ -146,8 +174,9 @@ def test_the_echo_of_a_first_write_does_not_undo_a_second_one(world: World, name
 
 
 @pytest.mark.parametrize(("name", "section", "key", "values"), WRITES)
-def test_a_first_value_that_somebody_else_has_stored_again_is_taken(world: World, name: str, section: str, key: str,
-                                                                    values: tuple[str, str]) -> None:
+def test_a_first_value_that_somebody_else_has_stored_again_is_taken(
+    world: World, name: str, section: str, key: str, values: tuple[str, str]
+) -> None:
     bring_up_quietly(world)
     for value in values:
         world.set(name, value)
@@ -185,7 +214,9 @@ def test_a_flood_of_notifications_keeps_a_request_waiting_for_less_than_a_second
     try:
         for _ in range(1500):
             world.settings.notify("network", {"mode": "Host"})
-        asked = world.call_async("Get", "ss", ["com.vantora.Network1.WiFi", "Mode"], interface="org.freedesktop.DBus.Properties")
+        asked = world.call_async(
+            "Get", "ss", ["com.vantora.Network1.WiFi", "Mode"], interface="org.freedesktop.DBus.Properties"
+        )
         world.name_owned()  # the bus has taken all that by now
     finally:
         daemon.send_signal(signal.SIGCONT)
@@ -206,8 +237,9 @@ def daemon_connections(world: World) -> list[str]:
 def test_a_forged_notification_of_another_client_is_ignored(world: World) -> None:
     bring_up_quietly(world)
     mark = world.journal.mark()
-    forged = (f"emit {BASE}/network org.freedesktop.DBus.Properties PropertiesChanged "
-              f"'sa{{sv}}as' {SERVICE} 1 mode s Client 0")
+    forged = (
+        f"emit {BASE}/network org.freedesktop.DBus.Properties PropertiesChanged " f"'sa{{sv}}as' {SERVICE} 1 mode s Client 0"
+    )
     everybody = world.sandbox.sh(f"busctl --user {forged}")
     assert everybody.status == 0, everybody.stderr
     # Straight to the daemon's connections, past the matches of the bus.

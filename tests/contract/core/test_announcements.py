@@ -24,8 +24,9 @@ def announced(world: World, act: Callable[[], Any], *expected: Change, apart_fro
     """
     mark = world.journal.mark()
     act()
-    world.journal.expect_in_order([changed(name, value, alone=True, interface="com.vantora.Network1.WiFi") for name, value in expected],
-                                  mark)
+    world.journal.expect_in_order(
+        [changed(name, value, alone=True, interface="com.vantora.Network1.WiFi") for name, value in expected], mark
+    )
     world.settle()
     assert [change for change in world.journal.changes(mark) if change[0] not in apart_from] == list(expected)
 
@@ -98,7 +99,9 @@ def test_mode_that_is_so_already_or_is_stored_only(world: World) -> None:
 
 def test_frequency_applied(world: World) -> None:
     bring_up_access_point(world)
-    announced(world, lambda: world.set("WiFiFrequency", "5"), ("WiFiFrequency", "5"), apart_from=("WiFiAccessPointInitialised",))
+    announced(
+        world, lambda: world.set("WiFiFrequency", "5"), ("WiFiFrequency", "5"), apart_from=("WiFiAccessPointInitialised",)
+    )
 
 
 def test_frequency_refused_or_the_same(world: World) -> None:
@@ -126,7 +129,9 @@ def test_connect_that_succeeds_announces_nothing_yet(world: World) -> None:
 def test_connect_that_fails_at_selecting(world: World) -> None:
     bring_up_scanning(world)
     world.wpa.refuse("SelectNetwork")
-    announced(world, lambda: refusal(lambda: world.call("Connect", "ss", ["cafe", "secret12"])), ("WiFiClientState", "scanning"))
+    announced(
+        world, lambda: refusal(lambda: world.call("Connect", "ss", ["cafe", "secret12"])), ("WiFiClientState", "scanning")
+    )
 
 
 def test_connect_that_fails_before(world: World) -> None:
@@ -182,15 +187,20 @@ def test_address_of_wlan0(world: World) -> None:
     announced(world, lambda: world.remove_address("10.0.0.5/24"), ("IPAddress", ""))
 
 
-@pytest.mark.parametrize(("section", "setting", "expected"), [
-    ("network", {"enabled": False}, [("WiFiState", 0)]),
-    ("network", {"mode": "Client"}, [("Mode", "Client")]),
-    ("network", {"frequency": "5"}, [("WiFiFrequency", "5")]),
-    ("device", {"deviceName": "Attic"}, [("SSID", "Attic")])])
-def test_settings_changed_by_another_program(world: World, section: str, setting: dict[str, Any], expected: list[Change]) -> None:
+@pytest.mark.parametrize(
+    ("section", "setting", "expected"),
+    [
+        ("network", {"enabled": False}, [("WiFiState", 0)]),
+        ("network", {"mode": "Client"}, [("Mode", "Client")]),
+        ("network", {"frequency": "5"}, [("WiFiFrequency", "5")]),
+        ("device", {"deviceName": "Attic"}, [("SSID", "Attic")]),
+    ],
+)
+def test_settings_changed_by_another_program(
+    world: World, section: str, setting: dict[str, Any], expected: list[Change]
+) -> None:
     bring_up_access_point(world)
-    announced(world, lambda: world.settings.change(section, **setting), *expected,
-              apart_from=OF_A_SWITCH)
+    announced(world, lambda: world.settings.change(section, **setting), *expected, apart_from=OF_A_SWITCH)
 
 
 def test_settings_changed_to_nothing_known(world: World) -> None:

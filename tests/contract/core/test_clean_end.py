@@ -106,8 +106,9 @@ def test_a_hanging_call_of_systemd_on_the_main_thread_is_not_waited_for(world: W
     world.up()
     world.systemd.hang("LoadUnit")
     mark = world.journal.mark()
-    world.call_async("Set", "ssv", ["com.vantora.Network1.WiFi", "Mode", Variant("s", "Client")],
-                     interface="org.freedesktop.DBus.Properties")
+    world.call_async(
+        "Set", "ssv", ["com.vantora.Network1.WiFi", "Mode", Variant("s", "Client")], interface="org.freedesktop.DBus.Properties"
+    )
     world.journal.wait_for(call("LoadUnit"), mark)
     assert_ends_in_time(world)
 
@@ -124,8 +125,9 @@ def test_a_hostapd_that_does_not_answer_is_not_waited_for(world: World) -> None:
     world.hostapd.wait_attached()
     world.hostapd.hang("STA-FIRST")
     mark = world.journal.mark()
-    world.call_async("Get", "ss", ["com.vantora.Network1.WiFi", "WiFiConnectedClients"],
-                     interface="org.freedesktop.DBus.Properties")
+    world.call_async(
+        "Get", "ss", ["com.vantora.Network1.WiFi", "WiFiConnectedClients"], interface="org.freedesktop.DBus.Properties"
+    )
     world.journal.wait_for(hostapd_request("STA-FIRST"), mark)
     assert_ends_in_time(world)
 
@@ -146,6 +148,7 @@ def test_a_wired_reaction_that_hangs_on_its_thread_is_not_waited_for(world: Worl
 
 
 # The user bus is lost
+
 
 def test_without_its_user_bus_the_daemon_ends_with_status_0(world: World) -> None:
     world.up()

@@ -16,14 +16,22 @@ POWER_OFF_LOGS = [("info", "[WiFi] Enable wifi: False"), ("info", 'utils_do_syst
 
 def dump_logs(enabled: str, mode: str, band: str, ssid: str) -> list[tuple[str, str]]:
     """The record as it is written to the log."""
-    return [LINE, ("info", "WiFi config dump"), LINE, ("info", f"Enabled:          {enabled}"), ("info", f"Mode:             {mode}"),
-            ("info", f"Frequency band:   {band}"), ("info", f"Host SSID:        {ssid}"), ("info", "Client SSID:      ")]
+    return [
+        LINE,
+        ("info", "WiFi config dump"),
+        LINE,
+        ("info", f"Enabled:          {enabled}"),
+        ("info", f"Mode:             {mode}"),
+        ("info", f"Frequency band:   {band}"),
+        ("info", f"Host SSID:        {ssid}"),
+        ("info", "Client SSID:      "),
+    ]
 
 
 def startup_logs(world: World) -> list[tuple[str, str]]:
     """The log from the first line of the deferred start-up on."""
     lines = world.journal.logs()
-    return lines[lines.index(("info", "Setup initial WiFi mode")):]
+    return lines[lines.index(("info", "Setup initial WiFi mode")) :]
 
 
 def jobs(world: World) -> list[tuple[str, str]]:
@@ -36,15 +44,28 @@ def test_a_stored_access_point_is_started(world: World) -> None:
     lines = startup_logs(world)
     assert lines[:2] == [("info", "Setup initial WiFi mode"), ("info", "Read settings from Settings Daemon")]
     assert lines[2:14] == [
-        *dump_logs("Enabled", "Host", "2.4 GHz", "Korrin One"), *POWER_ON_LOGS,
-        ("info", "[Main] WiFi is on, start in 'Host' mode"), ("info", "[WiFi] Switch wifi mode to 0")]
+        *dump_logs("Enabled", "Host", "2.4 GHz", "Korrin One"),
+        *POWER_ON_LOGS,
+        ("info", "[Main] WiFi is on, start in 'Host' mode"),
+        ("info", "[WiFi] Switch wifi mode to 0"),
+    ]
     assert NETLINK_LOG in lines
-    world.journal.expect_in_order([
-        notify("READY=1"), log("info", "Setup initial WiFi mode"), command("rfkill unblock wlan"), command("rfkill list wlan"),
-        changed("WiFiState", 1, alone=True), call("Stop", path=unit_path("udhcpc@wlan0.service")),
-        call("Stop", path=unit_path("wpa_supplicant-nl80211@wlan0.service")), command("ip addr flush dev wlan0"),
-        command("ip addr add 192.168.8.1/24 dev wlan0"), call("Start", path=unit_path("hostapd.service")),
-        call("Start", path=unit_path("udhcpd.service")), changed("Mode", "Host", alone=True)])
+    world.journal.expect_in_order(
+        [
+            notify("READY=1"),
+            log("info", "Setup initial WiFi mode"),
+            command("rfkill unblock wlan"),
+            command("rfkill list wlan"),
+            changed("WiFiState", 1, alone=True),
+            call("Stop", path=unit_path("udhcpc@wlan0.service")),
+            call("Stop", path=unit_path("wpa_supplicant-nl80211@wlan0.service")),
+            command("ip addr flush dev wlan0"),
+            command("ip addr add 192.168.8.1/24 dev wlan0"),
+            call("Start", path=unit_path("hostapd.service")),
+            call("Start", path=unit_path("udhcpd.service")),
+            changed("Mode", "Host", alone=True),
+        ]
+    )
     assert world.journal.changes() == [("WiFiState", 1), ("Mode", "Host")]
 
 
@@ -53,11 +74,16 @@ def test_a_stored_station_is_started(world: World) -> None:
     world.settings.set("network", "frequency", "5")
     world.up()
     assert startup_logs(world)[2:14] == [
-        *dump_logs("Enabled", "Client", "5.0 GHz", "Korrin One"), *POWER_ON_LOGS,
-        ("info", "[Main] WiFi is on, start in 'Client' mode"), ("info", "[WiFi] Switch wifi mode to 1")]
+        *dump_logs("Enabled", "Client", "5.0 GHz", "Korrin One"),
+        *POWER_ON_LOGS,
+        ("info", "[Main] WiFi is on, start in 'Client' mode"),
+        ("info", "[WiFi] Switch wifi mode to 1"),
+    ]
     assert jobs(world) == [
-        ("Stop", unit_path("udhcpd.service")), ("Stop", unit_path("hostapd.service")),
-        ("Start", unit_path("wpa_supplicant-nl80211@wlan0.service"))]
+        ("Stop", unit_path("udhcpd.service")),
+        ("Stop", unit_path("hostapd.service")),
+        ("Start", unit_path("wpa_supplicant-nl80211@wlan0.service")),
+    ]
     world.journal.expect_in_order([changed("WiFiState", 1, alone=True), changed("Mode", "Client", alone=True)])
     wait_first_state(world)
     assert sorted(name for name, _ in world.journal.changes()) == ["Mode", "WiFiClientState", "WiFiState"]
@@ -69,8 +95,11 @@ def test_a_stored_radio_off_stays_off(world: World, mode: str) -> None:
     world.settings.set("network", "mode", mode)
     world.up()
     assert startup_logs(world)[2:14] == [
-        *dump_logs("Disabled", mode, "2.4 GHz", "Korrin One"), *POWER_OFF_LOGS,
-        ("info", "[Main] WiFi is disabled, do nothing..."), NETLINK_LOG]
+        *dump_logs("Disabled", mode, "2.4 GHz", "Korrin One"),
+        *POWER_OFF_LOGS,
+        ("info", "[Main] WiFi is disabled, do nothing..."),
+        NETLINK_LOG,
+    ]
     assert world.radio.soft_blocked
     assert jobs(world) == []
     assert world.journal.changes() == [("WiFiState", 0)]
@@ -96,15 +125,23 @@ def test_unreadable_settings_mean_an_access_point_with_the_default_name(world: W
         case "no name":
             world.settings.remove("device", "deviceName")
     world.up()
-    world.journal.expect_logs_in_order([
-        ("err", "[Main] Failed to read initial wifi configuration, use safe config"),
-        ("info", "model name: Korrin One"), ("info", "serial number : 12-3456"), ("info", "default ssid: Korrin One-3456"),
-        *dump_logs("Enabled", "Host", "5.0 GHz", "Korrin One-3456"), *POWER_ON_LOGS,
-        ("info", "[Main] WiFi is on, start in 'Host' mode")])
+    world.journal.expect_logs_in_order(
+        [
+            ("err", "[Main] Failed to read initial wifi configuration, use safe config"),
+            ("info", "model name: Korrin One"),
+            ("info", "serial number : 12-3456"),
+            ("info", "default ssid: Korrin One-3456"),
+            *dump_logs("Enabled", "Host", "5.0 GHz", "Korrin One-3456"),
+            *POWER_ON_LOGS,
+            ("info", "[Main] WiFi is on, start in 'Host' mode"),
+        ]
+    )
     assert world.journal.changes() == [("WiFiState", 1), ("Mode", "Host")]
     assert world.get("Mode") == "Host"
     readable_name = trouble not in ("absent", "refusing", "no name")
-    assert world.get("SSID") == ("Korrin One" if readable_name else "Korrin One-3456"), "hostapd's own look-up takes what it can get"
+    assert world.get("SSID") == (
+        "Korrin One" if readable_name else "Korrin One-3456"
+    ), "hostapd's own look-up takes what it can get"
 
 
 def test_the_safe_band_of_a_radio_without_5_ghz_is_the_other(make_world: Callable[..., World]) -> None:
@@ -117,11 +154,14 @@ def test_the_safe_band_of_a_radio_without_5_ghz_is_the_other(make_world: Callabl
 def test_a_radio_that_can_not_be_switched_is_hoped_for(world: World) -> None:
     world.tools.rfkill.fail(status=1, on="unblock wlan")
     world.up()
-    world.journal.expect_logs_in_order([
-        ("err", 'utils_do_system_call: retrying "rfkill unblock wlan"...'),
-        ("err", "[WiFi] wifi_set_enabled: Unable to power on wifi, error: 256"),
-        ("info", "[Main] init_wifi_callback: Failed to change wifi state, hope for best and continue"),
-        ("info", "[Main] WiFi is on, start in 'Host' mode")])
+    world.journal.expect_logs_in_order(
+        [
+            ("err", 'utils_do_system_call: retrying "rfkill unblock wlan"...'),
+            ("err", "[WiFi] wifi_set_enabled: Unable to power on wifi, error: 256"),
+            ("info", "[Main] init_wifi_callback: Failed to change wifi state, hope for best and continue"),
+            ("info", "[Main] WiFi is on, start in 'Host' mode"),
+        ]
+    )
     assert world.journal.count(command("rfkill unblock wlan")) == 3
     assert world.journal.changes() == [("WiFiState", 1), ("Mode", "Host")]
 
@@ -130,8 +170,11 @@ def test_a_radio_that_stays_blocked_is_announced_off_and_left_alone(world: World
     world.radio.hard_blocked = True
     world.up()
     assert startup_logs(world)[10:] == [
-        *POWER_ON_LOGS, ("info", "[Main] WiFi is disabled, do nothing..."), NETLINK_LOG,
-        ("info", "[NETLINK] Starting kernel netlink task...")]
+        *POWER_ON_LOGS,
+        ("info", "[Main] WiFi is disabled, do nothing..."),
+        NETLINK_LOG,
+        ("info", "[NETLINK] Starting kernel netlink task..."),
+    ]
     assert world.journal.changes() == [("WiFiState", 0)]
     assert jobs(world) == []
 
@@ -140,10 +183,13 @@ def test_a_radio_that_can_not_be_switched_off_is_started_all_the_same(world: Wor
     world.settings.set("network", "enabled", False)
     world.tools.rfkill.fail(status=1, on="block wlan")
     world.up()
-    world.journal.expect_logs_in_order([
-        ("err", "wifi_set_enabled: Unable to power off wifi, error: 256"),
-        ("info", "[Main] init_wifi_callback: Failed to change wifi state, hope for best and continue"),
-        ("info", "[Main] WiFi is on, start in 'Host' mode")])
+    world.journal.expect_logs_in_order(
+        [
+            ("err", "wifi_set_enabled: Unable to power off wifi, error: 256"),
+            ("info", "[Main] init_wifi_callback: Failed to change wifi state, hope for best and continue"),
+            ("info", "[Main] WiFi is on, start in 'Host' mode"),
+        ]
+    )
 
 
 @pytest.mark.parametrize("mode", ["Host", "Client"])
@@ -151,9 +197,17 @@ def test_a_radio_killed_at_boot_is_brought_back_when_it_is_stored_as_on(world: W
     world.settings.set("development", "killWifiOnBoot", True)
     world.settings.set("network", "mode", mode)
     world.up()
-    world.journal.expect_in_order([
-        log("info", "[Main] main: Killing Wi-Fi on boot"), command("rfkill block wlan"), notify("READY=1"),
-        log("info", "Setup initial WiFi mode"), command("rfkill unblock wlan"), changed("WiFiState", 1), changed("Mode", mode)])
+    world.journal.expect_in_order(
+        [
+            log("info", "[Main] main: Killing Wi-Fi on boot"),
+            command("rfkill block wlan"),
+            notify("READY=1"),
+            log("info", "Setup initial WiFi mode"),
+            command("rfkill unblock wlan"),
+            changed("WiFiState", 1),
+            changed("Mode", mode),
+        ]
+    )
     assert not world.radio.soft_blocked
 
 
@@ -161,7 +215,9 @@ def test_a_radio_killed_at_boot_stays_off_when_it_is_stored_as_off(world: World)
     world.settings.set("development", "killWifiOnBoot", True)
     world.settings.set("network", "enabled", False)
     world.up()
-    assert [line for line in world.journal.commands() if line.startswith("rfkill") and "list" not in line] == ["rfkill block wlan"] * 2
+    assert [line for line in world.journal.commands() if line.startswith("rfkill") and "list" not in line] == [
+        "rfkill block wlan"
+    ] * 2
     assert world.radio.soft_blocked
     assert world.journal.changes() == [("WiFiState", 0)]
 
@@ -169,9 +225,14 @@ def test_a_radio_killed_at_boot_stays_off_when_it_is_stored_as_off(world: World)
 def test_a_failing_mode_is_hoped_for_and_the_events_are_followed(world: World) -> None:
     world.tools.ip.fail(status=1, on="addr add")
     world.up()
-    world.journal.expect_logs_in_order([
-        ("err", "[WiFi] wifi_host_start: Failed to add IP address"), ("err", "[WiFi] wifi_mode_switch: Failed to start Host mode"),
-        ("info", "[Main] init_wifi_callback: Failed to change wifi mode, hope for best and continue"), NETLINK_LOG])
+    world.journal.expect_logs_in_order(
+        [
+            ("err", "[WiFi] wifi_host_start: Failed to add IP address"),
+            ("err", "[WiFi] wifi_mode_switch: Failed to start Host mode"),
+            ("info", "[Main] init_wifi_callback: Failed to change wifi mode, hope for best and continue"),
+            NETLINK_LOG,
+        ]
+    )
     assert world.journal.changes() == [("WiFiState", 1)]
     mark = world.journal.mark()
     world.add_address("10.0.0.5/24")

@@ -37,8 +37,15 @@ def pattern(text: str) -> str:
     return ".+".join(map(re.escape, text.split("…")))
 
 
-def answer(world: World, member: str, signature: str = "", args: list[Any] | None = None, *, interface: str = INTERFACE,
-           path: str = PATH) -> Error:
+def answer(
+    world: World,
+    member: str,
+    signature: str = "",
+    args: list[Any] | None = None,
+    *,
+    interface: str = INTERFACE,
+    path: str = PATH,
+) -> Error:
     """Name and text of the error that a call is answered with."""
     return error_of(world.call_service_async(SERVICE, path, interface, member, signature, args))
 
@@ -141,8 +148,9 @@ def no_daemon(world: World) -> Error:
 
 def dbus_send(world: World, *options: str) -> Error:
     """Ask with a program of libdbus."""
-    said = world.sandbox.run(["/usr/bin/dbus-send", "--session", "--print-reply", *options, f"--dest={SERVICE}", PATH,
-                              f"{INTERFACE}.Disconnect"]).stderr
+    said = world.sandbox.run(
+        ["/usr/bin/dbus-send", "--session", "--print-reply", *options, f"--dest={SERVICE}", PATH, f"{INTERFACE}.Disconnect"]
+    ).stderr
     found = re.fullmatch(r"Error ([\w.]+): (.*)\n", said, re.DOTALL)
     assert found, said
     return found[1], found[2]
@@ -152,8 +160,9 @@ def no_daemon_and_no_activation(world: World) -> Error:
     said = world.sandbox.run(["/usr/bin/busctl", "--user", "--auto-start=no", "call", SERVICE, PATH, INTERFACE, "Scan"]).stderr
     assert said.startswith("Call failed: ")
     # busctl tells the text alone; the name is that of a question about a name that nobody owns.
-    asked = world.call_service_async("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "GetNameOwner", "s",
-                                     [SERVICE])
+    asked = world.call_service_async(
+        "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "GetNameOwner", "s", [SERVICE]
+    )
     return error_of(asked)[0], said.removeprefix("Call failed: ").rstrip("\n")
 
 
@@ -217,6 +226,9 @@ def test_the_page_lists_no_error_that_is_not_provoked_here_or_unit_tested() -> N
 
 
 def test_every_error_text_of_the_daemon_is_on_the_page() -> None:
-    texts = {found for source in (ROOT / "src/core").glob("*.cpp")
-             for found in re.findall(r'reply_failure\(\w+, "(.*?)"\)', source.read_text())}
+    texts = {
+        found
+        for source in (ROOT / "src/core").glob("*.cpp")
+        for found in re.findall(r'reply_failure\(\w+, "(.*?)"\)', source.read_text())
+    }
     assert texts and texts <= {text for _, text, _ in documented()}

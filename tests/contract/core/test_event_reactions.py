@@ -46,7 +46,11 @@ def test_a_newer_completed_takes_the_place_of_a_pending_announcement(world: Worl
     world.wpa.report_state("completed")
     entry = wait_ssid(world, mark)
     assert time.monotonic() - begin >= 2
-    assert [value for name, value in world.journal.changes(mark) if name == "WiFiClientState"] == ["completed", "disconnected", "completed"]
+    assert [value for name, value in world.journal.changes(mark) if name == "WiFiClientState"] == [
+        "completed",
+        "disconnected",
+        "completed",
+    ]
     world.wpa.report_state("scanning")
     world.wpa.report_state("completed")  # and the next one works as the first
     wait_ssid(world, entry.index + 1)
@@ -76,8 +80,13 @@ def test_the_daemon_ends_cleanly_with_an_announcement_pending(world: World) -> N
 
 def reaction_logs(world: World, since: int) -> list[tuple[str, str]]:
     """The lines that the end of hostapd causes in the reaction, up to the restart of its listener."""
-    wanted = (TERMINATED_LOG, READ_LOG, RESTART_LOG, RESTARTING_LOG,
-              ("err", "Failed to read initial wifi configuration, use safe config"))
+    wanted = (
+        TERMINATED_LOG,
+        READ_LOG,
+        RESTART_LOG,
+        RESTARTING_LOG,
+        ("err", "Failed to read initial wifi configuration, use safe config"),
+    )
     return [line for line in world.journal.logs(since) if line in wanted]
 
 
@@ -89,8 +98,9 @@ def test_the_end_of_hostapd_restarts_the_listener_of_a_stored_access_point(world
     world.journal.wait_for(log(*RESTARTING_LOG), mark)
     assert reaction_logs(world, mark) == [TERMINATED_LOG, READ_LOG, RESTART_LOG, RESTARTING_LOG]
     assert world.journal.count(changed("WiFiAccessPointInitialised"), mark) <= 1
-    assert [entry.member for entry in world.journal.since(mark) if entry.kind == "call" and entry.bus == "system"] == [], (
-        "hostapd itself is systemd's business")
+    assert [
+        entry.member for entry in world.journal.since(mark) if entry.kind == "call" and entry.bus == "system"
+    ] == [], "hostapd itself is systemd's business"
 
 
 def test_the_restarted_listener_hears_a_restarted_hostapd(world: World) -> None:
@@ -123,7 +133,12 @@ def test_the_end_of_hostapd_with_unreadable_settings_counts_as_a_stored_access_p
     world.hostapd.terminate()
     world.journal.wait_for(log(*RESTARTING_LOG), mark)
     assert reaction_logs(world, mark) == [
-        TERMINATED_LOG, READ_LOG, ("err", "Failed to read initial wifi configuration, use safe config"), RESTART_LOG, RESTARTING_LOG]
+        TERMINATED_LOG,
+        READ_LOG,
+        ("err", "Failed to read initial wifi configuration, use safe config"),
+        RESTART_LOG,
+        RESTARTING_LOG,
+    ]
 
 
 def test_a_ready_and_a_lost_access_point_are_announced(world: World) -> None:
@@ -134,7 +149,10 @@ def test_a_ready_and_a_lost_access_point_are_announced(world: World) -> None:
     world.hostapd.disable()
     world.journal.wait_for(changed("WiFiAccessPointInitialised", False, alone=True), mark)
     states = [line for line in world.journal.logs(mark) if line[1].startswith("wifi_host_ap_initialised")]
-    assert states == [("info", "wifi_host_ap_initialised: AP State: READY"), ("info", "wifi_host_ap_initialised: AP State: NOT READY")]
+    assert states == [
+        ("info", "wifi_host_ap_initialised: AP State: READY"),
+        ("info", "wifi_host_ap_initialised: AP State: NOT READY"),
+    ]
     assert [name for name, _ in world.journal.changes(mark)] == ["WiFiAccessPointInitialised"] * 2
 
 

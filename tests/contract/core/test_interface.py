@@ -17,10 +17,19 @@ INVALID_ARGUMENTS = "org.freedesktop.DBus.Error.InvalidArgs"
 
 METHODS = [("Connect", ["s", "s"]), ("Scan", []), ("Disconnect", [])]
 PROPERTIES = [
-    ("IPAddress", "s", "read"), ("MacAddress", "s", "read"), ("AccessPoints", "a(siib)", "read"), ("WiFiSignal", "s", "read"),
-    ("WiFiAvailableFrequencies", "as", "read"), ("WiFiConnectedClients", "u", "read"), ("WiFiClientState", "s", "read"),
-    ("WiFiAccessPointInitialised", "b", "read"), ("ClientSSID", "s", "read"), ("WiFiState", "u", "readwrite"),
-    ("Mode", "s", "readwrite"), ("WiFiFrequency", "s", "readwrite"), ("SSID", "s", "readwrite"),
+    ("IPAddress", "s", "read"),
+    ("MacAddress", "s", "read"),
+    ("AccessPoints", "a(siib)", "read"),
+    ("WiFiSignal", "s", "read"),
+    ("WiFiAvailableFrequencies", "as", "read"),
+    ("WiFiConnectedClients", "u", "read"),
+    ("WiFiClientState", "s", "read"),
+    ("WiFiAccessPointInitialised", "b", "read"),
+    ("ClientSSID", "s", "read"),
+    ("WiFiState", "u", "readwrite"),
+    ("Mode", "s", "readwrite"),
+    ("WiFiFrequency", "s", "readwrite"),
+    ("SSID", "s", "readwrite"),
 ]
 READ_ONLY = [name for name, _, access in PROPERTIES if access == "read"]
 
@@ -43,7 +52,11 @@ def test_members_are_introspected_in_order_with_signatures_access_and_flags(worl
     world.up()
     root = xml.fromstring(introspect(world))
     assert [item.get("name") for item in root] == [
-        "org.freedesktop.DBus.Peer", "org.freedesktop.DBus.Introspectable", "org.freedesktop.DBus.Properties", INTERFACE]
+        "org.freedesktop.DBus.Peer",
+        "org.freedesktop.DBus.Introspectable",
+        "org.freedesktop.DBus.Properties",
+        INTERFACE,
+    ]
     members = list(root[-1])
     no_reply = [("org.freedesktop.DBus.Method.NoReply", "true")]
     found = []
@@ -74,14 +87,21 @@ def test_methods_with_other_arguments_are_refused_by_the_bus_library(world: Worl
     attached_up(world)
     mark = world.journal.mark()
     for member, signature, args, expected in [
-        ("Connect", "", [], "ss"), ("Connect", "s", ["net"], "ss"), ("Connect", "sss", ["a", "b", "c"], "ss"),
-        ("Connect", "su", ["net", 1], "ss"), ("Connect", "ay", [b"net"], "ss"),
-        ("Scan", "s", ["active"], ""), ("Scan", "a{sv}", [{}], ""), ("Disconnect", "b", [True], ""),
+        ("Connect", "", [], "ss"),
+        ("Connect", "s", ["net"], "ss"),
+        ("Connect", "sss", ["a", "b", "c"], "ss"),
+        ("Connect", "su", ["net", 1], "ss"),
+        ("Connect", "ay", [b"net"], "ss"),
+        ("Scan", "s", ["active"], ""),
+        ("Scan", "a{sv}", [{}], ""),
+        ("Disconnect", "b", [True], ""),
     ]:
         with pytest.raises(CallRefused) as refused:
             world.call(member, signature, args)
         assert (refused.value.name, refused.value.text) == (
-            INVALID_ARGUMENTS, f"Invalid arguments '{signature}' to call {INTERFACE}.{member}(), expecting '{expected}'.")
+            INVALID_ARGUMENTS,
+            f"Invalid arguments '{signature}' to call {INTERFACE}.{member}(), expecting '{expected}'.",
+        )
     world.settle()
     assert world.journal.since(mark) == []
 
@@ -90,16 +110,23 @@ def test_writes_of_another_type_are_refused_by_the_bus_library(world: World) -> 
     attached_up(world)
     mark = world.journal.mark()
     for name, expected, value in [
-        ("WiFiState", "u", Variant("i", 1)), ("WiFiState", "u", Variant("b", True)), ("WiFiState", "u", Variant("s", "1")),
-        ("Mode", "s", Variant("u", 1)), ("Mode", "s", Variant("ay", b"Host")), ("Mode", "s", Variant("v", Variant("s", "Host"))),
-        ("WiFiFrequency", "s", Variant("d", 2.4)), ("WiFiFrequency", "s", Variant("as", ["5"])),
-        ("SSID", "s", Variant("ay", b"net")), ("SSID", "s", Variant("(s)", ["net"])),
+        ("WiFiState", "u", Variant("i", 1)),
+        ("WiFiState", "u", Variant("b", True)),
+        ("WiFiState", "u", Variant("s", "1")),
+        ("Mode", "s", Variant("u", 1)),
+        ("Mode", "s", Variant("ay", b"Host")),
+        ("Mode", "s", Variant("v", Variant("s", "Host"))),
+        ("WiFiFrequency", "s", Variant("d", 2.4)),
+        ("WiFiFrequency", "s", Variant("as", ["5"])),
+        ("SSID", "s", Variant("ay", b"net")),
+        ("SSID", "s", Variant("(s)", ["net"])),
     ]:
         with pytest.raises(CallRefused) as refused:
             world.set(name, value)
         assert (refused.value.name, refused.value.text) == (
             INVALID_ARGUMENTS,
-            f"Incorrect parameters for property '{name}', expected '{expected}', got '{value.signature}'.")
+            f"Incorrect parameters for property '{name}', expected '{expected}', got '{value.signature}'.",
+        )
     world.settle()
     assert world.journal.since(mark) == []
 
@@ -111,7 +138,9 @@ def test_read_only_properties_cannot_be_written(world: World) -> None:
         with pytest.raises(CallRefused) as refused:
             world.set(name, Variant(dict((name, kind) for name, kind, _ in PROPERTIES)[name], default_of(name)))
         assert (refused.value.name, refused.value.text) == (
-            "org.freedesktop.DBus.Error.PropertyReadOnly", f"Property '{name}' is not writable.")
+            "org.freedesktop.DBus.Error.PropertyReadOnly",
+            f"Property '{name}' is not writable.",
+        )
     world.settle()
     assert world.journal.since(mark) == []
 
@@ -126,11 +155,15 @@ def test_what_does_not_exist_is_refused(world: World) -> None:
     with pytest.raises(CallRefused) as refused:
         world.get("Password")
     assert (refused.value.name, refused.value.text) == (
-        "org.freedesktop.DBus.Error.UnknownProperty", "Unknown interface com.vantora.Network1.WiFi or property Password.")
+        "org.freedesktop.DBus.Error.UnknownProperty",
+        "Unknown interface com.vantora.Network1.WiFi or property Password.",
+    )
     with pytest.raises(CallRefused) as refused:
         world.call("Reboot")
     assert (refused.value.name, refused.value.text) == (
-        "org.freedesktop.DBus.Error.UnknownMethod", f"Unknown method Reboot or interface {INTERFACE}.")
+        "org.freedesktop.DBus.Error.UnknownMethod",
+        f"Unknown method Reboot or interface {INTERFACE}.",
+    )
 
 
 def test_methods_answer_in_spite_of_their_annotation_and_also_when_no_answer_is_wanted(world: World) -> None:
@@ -138,8 +171,9 @@ def test_methods_answer_in_spite_of_their_annotation_and_also_when_no_answer_is_
     world.up()
     assert world.call("Scan") == []
     mark = world.journal.mark()
-    sent = world.sandbox.sh("busctl --user --expect-reply=no call com.vantora.Network1 /com/vantora/Network1 "
-                            f"{INTERFACE} Scan")
+    sent = world.sandbox.sh(
+        "busctl --user --expect-reply=no call com.vantora.Network1 /com/vantora/Network1 " f"{INTERFACE} Scan"
+    )
     assert (sent.status, sent.stdout) == (0, "")
     world.settle()
     assert ("info", "[WPA] Scan APs") in world.journal.logs(mark)
@@ -151,8 +185,7 @@ def test_access_points_changed_carries_an_array_that_may_be_empty(world: World) 
     mark = world.journal.mark()
     world.wpa.report_bsss()
     empty = world.journal.wait_for(signal("AccessPointsChanged"), mark)
-    assert (empty.body, empty.signature, empty.path, empty.interface) == (
-        [[]], "a(siib)", "/com/vantora/Network1", INTERFACE)
+    assert (empty.body, empty.signature, empty.path, empty.interface) == ([[]], "a(siib)", "/com/vantora/Network1", INTERFACE)
     mark = world.journal.mark()
     world.wpa.add_bss(b"weak", signal=-80, privacy=False, key_mgmt=())
     world.wpa.add_bss(b"strong", signal=-30)

@@ -70,34 +70,43 @@ def host_world(world: World) -> None:
 def test_values_while_the_radio_is_off(world: World) -> None:
     host_world(world)
     world.radio.soft_blocked = True
-    expected = neutral([RFKILL]) | SAME_IN_ALL_STATES | {
-        "AccessPoints": Reading("a(siib)", [], [("err", "[Main] get_wifi_access_points: Wifi is not enabled")], [RFKILL]),
-        "IPAddress": Reading("s", "", commands=[RFKILL]),
-        "WiFiState": Reading("u", 0, commands=[RFKILL]),
-    }
+    expected = (
+        neutral([RFKILL])
+        | SAME_IN_ALL_STATES
+        | {
+            "AccessPoints": Reading("a(siib)", [], [("err", "[Main] get_wifi_access_points: Wifi is not enabled")], [RFKILL]),
+            "IPAddress": Reading("s", "", commands=[RFKILL]),
+            "WiFiState": Reading("u", 0, commands=[RFKILL]),
+        }
+    )
     assert_readings(world, expected)
 
 
 def test_values_while_the_mode_cannot_be_read(world: World) -> None:
     host_world(world)
     world.radio.interface_type = "monitor"
-    expected = neutral([RFKILL, TYPE], UNREADABLE) | SAME_IN_ALL_STATES | {
-        "IPAddress": Reading("s", ADDRESS, [ADDRESS_FOUND], [RFKILL]),
-        "WiFiState": Reading("u", 1, commands=[RFKILL]),
-    }
+    expected = (
+        neutral([RFKILL, TYPE], UNREADABLE)
+        | SAME_IN_ALL_STATES
+        | {"IPAddress": Reading("s", ADDRESS, [ADDRESS_FOUND], [RFKILL]), "WiFiState": Reading("u", 1, commands=[RFKILL])}
+    )
     assert_readings(world, expected)
 
 
 def test_values_in_host_mode(world: World) -> None:
     host_world(world)
-    expected = neutral([RFKILL, TYPE]) | SAME_IN_ALL_STATES | {
-        "IPAddress": Reading("s", ADDRESS, [ADDRESS_FOUND], [RFKILL]),
-        "WiFiState": Reading("u", 1, commands=[RFKILL]),
-        "Mode": Reading("s", "Host", commands=[RFKILL, TYPE]),
-        "WiFiFrequency": Reading("s", "2.4", commands=[RFKILL, TYPE]),
-        "SSID": Reading("s", "Korrin One", commands=[RFKILL, TYPE]),
-        "WiFiConnectedClients": Reading("u", 1, [CLIENTS_READ], [RFKILL, TYPE]),
-    }
+    expected = (
+        neutral([RFKILL, TYPE])
+        | SAME_IN_ALL_STATES
+        | {
+            "IPAddress": Reading("s", ADDRESS, [ADDRESS_FOUND], [RFKILL]),
+            "WiFiState": Reading("u", 1, commands=[RFKILL]),
+            "Mode": Reading("s", "Host", commands=[RFKILL, TYPE]),
+            "WiFiFrequency": Reading("s", "2.4", commands=[RFKILL, TYPE]),
+            "SSID": Reading("s", "Korrin One", commands=[RFKILL, TYPE]),
+            "WiFiConnectedClients": Reading("u", 1, [CLIENTS_READ], [RFKILL, TYPE]),
+        }
+    )
     assert_readings(world, expected)
 
 
@@ -111,15 +120,19 @@ def test_values_in_client_mode(world: World) -> None:
     world.radio.station_ssid = b"net"
     world.settle()
     found = [["net", 1, -40, True], ["cafe", 0, -70, False]]
-    expected = neutral([RFKILL, TYPE]) | SAME_IN_ALL_STATES | {
-        "IPAddress": Reading("s", "", [NO_ADDRESS, ("warning", "[Main] Interface does not have IP address")], [RFKILL]),
-        "AccessPoints": Reading("a(siib)", found, [("info", "[WPA] Get access points")], [RFKILL, TYPE]),
-        "WiFiClientState": Reading("s", "associating", [STATE_READ], [RFKILL, TYPE]),
-        "WiFiAccessPointInitialised": Reading("b", False),
-        "ClientSSID": Reading("s", "net", [SSID_READ], [RFKILL, TYPE, "wpa_cli status"]),
-        "WiFiState": Reading("u", 1, commands=[RFKILL]),
-        "Mode": Reading("s", "Client", commands=[RFKILL, TYPE]),
-    }
+    expected = (
+        neutral([RFKILL, TYPE])
+        | SAME_IN_ALL_STATES
+        | {
+            "IPAddress": Reading("s", "", [NO_ADDRESS, ("warning", "[Main] Interface does not have IP address")], [RFKILL]),
+            "AccessPoints": Reading("a(siib)", found, [("info", "[WPA] Get access points")], [RFKILL, TYPE]),
+            "WiFiClientState": Reading("s", "associating", [STATE_READ], [RFKILL, TYPE]),
+            "WiFiAccessPointInitialised": Reading("b", False),
+            "ClientSSID": Reading("s", "net", [SSID_READ], [RFKILL, TYPE, "wpa_cli status"]),
+            "WiFiState": Reading("u", 1, commands=[RFKILL]),
+            "Mode": Reading("s", "Client", commands=[RFKILL, TYPE]),
+        }
+    )
     assert_readings(world, expected)
 
 
@@ -156,11 +169,16 @@ def test_access_point_flag_is_the_listeners_in_every_state(world: World) -> None
 def test_station_count_without_hostapd_is_0_and_the_message_names_another_property(world: World) -> None:
     world.up()
     world.hostapd.kill()  # its socket file stays, so nobody waits for it
-    assert read(world, "WiFiConnectedClients") == Reading("u", 0, [
-        CLIENTS_READ,
-        ("err", "hostapd_get_num_connected_clients: Could not connect to hostapd socket."),
-        ("err", "[Main] Reading 'WiFiFrequency' while not in Host mode"),
-    ], [RFKILL, TYPE])
+    assert read(world, "WiFiConnectedClients") == Reading(
+        "u",
+        0,
+        [
+            CLIENTS_READ,
+            ("err", "hostapd_get_num_connected_clients: Could not connect to hostapd socket."),
+            ("err", "[Main] Reading 'WiFiFrequency' while not in Host mode"),
+        ],
+        [RFKILL, TYPE],
+    )
 
 
 def test_access_points_that_cannot_be_fetched_are_an_empty_list(world: World) -> None:
@@ -171,9 +189,14 @@ def test_access_points_that_cannot_be_fetched_are_an_empty_list(world: World) ->
     world.system_bus.stop()
     value = world.get_variant("AccessPoints")
     assert (value.signature, value.value) == ("a(siib)", [])
-    world.journal.expect_in_order([log("info", "[WPA] Get access points"),
-                                   log("err", "wpa_supplicant_get_access_points: Failed to open system bus"),
-                                   log("err", "[Main]  Something went wrong with getting APs")], mark)
+    world.journal.expect_in_order(
+        [
+            log("info", "[WPA] Get access points"),
+            log("err", "wpa_supplicant_get_access_points: Failed to open system bus"),
+            log("err", "[Main]  Something went wrong with getting APs"),
+        ],
+        mark,
+    )
 
 
 def test_an_interface_that_is_gone_reads_as_empty_texts(world: World) -> None:
@@ -188,7 +211,9 @@ def test_a_power_that_cannot_be_read_is_an_empty_text_without_a_message_of_the_g
     world.up()
     world.radio.tx_power = None
     tried = "[Utils] utils_get_signal_strength: could not read AP Tx Power, "
-    assert read(world, "WiFiSignal") == Reading("s", "", [("err", tried + "retrying..."), ("err", tried + "timed out.")], [POWER])
+    assert read(world, "WiFiSignal") == Reading(
+        "s", "", [("err", tried + "retrying..."), ("err", tried + "timed out.")], [POWER]
+    )
 
 
 @pytest.mark.parametrize(("radio_type", "bands"), [("0", ["2.4"]), ("1", ["5", "2.4"])])
@@ -208,7 +233,6 @@ def test_bands_of_an_unknown_radio_cannot_be_read_nor_all_properties_at_once(mak
     denied = ("org.freedesktop.DBus.Error.AccessDenied", "Operation not permitted")
     assert (refused.value.name, refused.value.text) == denied
     with pytest.raises(CallRefused) as refused:
-        world.call_async("GetAll", "s", ["com.vantora.Network1.WiFi"],
-                         interface="org.freedesktop.DBus.Properties").result(20)
+        world.call_async("GetAll", "s", ["com.vantora.Network1.WiFi"], interface="org.freedesktop.DBus.Properties").result(20)
     assert (refused.value.name, refused.value.text) == denied
     assert world.get("Mode") == "Host"

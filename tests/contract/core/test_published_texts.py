@@ -70,15 +70,21 @@ def test_names_that_are_published_alike_stay_different_networks(make_world: Any)
 
 def test_name_of_the_joined_network_is_a_text(make_world: Any) -> None:
     world = client_world(make_world)
-    for printed, text in {b"ssid=\xff\xfenet\n": f"{LOST}{LOST}net", b"ssid=caf\xc3\xa9\n": "caf\u00e9",
-                          b"ssid=" + b"\xe2" * 300 + b"\n": LOST * 256}.items():
+    for printed, text in {
+        b"ssid=\xff\xfenet\n": f"{LOST}{LOST}net",
+        b"ssid=caf\xc3\xa9\n": "caf\u00e9",
+        b"ssid=" + b"\xe2" * 300 + b"\n": LOST * 256,
+    }.items():
         world.tools.wpa_cli.output(printed)
         assert read(world, "ClientSSID").value == text
 
 
 def test_transmit_power_is_a_text(world: World) -> None:
     world.up(NO_LOCALE)
-    for printed, text in {b"\ttxpower \xff\xfe dBm\n": f"txpower {LOST}{LOST} dB", b"\ttxpower 1\xc2\xb2 dBm\n": "txpower 1\u00b2 dB"}.items():
+    for printed, text in {
+        b"\ttxpower \xff\xfe dBm\n": f"txpower {LOST}{LOST} dB",
+        b"\ttxpower 1\xc2\xb2 dBm\n": "txpower 1\u00b2 dB",
+    }.items():
         world.tools.iw.output(printed, on="wlan0 info")
         assert read(world, "WiFiSignal").value == text
 

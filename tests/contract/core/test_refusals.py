@@ -21,19 +21,23 @@ def refusal(world: World, member: str, *args: str) -> tuple[str, str]:
     return refused.value.name, refused.value.text
 
 
-@pytest.mark.parametrize(("name", "value", "logs"), [
-    ("WiFiState", 2, [("err", "[Main] set_wifi_state: Unsupported state: 2")]),
-    ("WiFiState", 4294967295, [("err", "[Main] set_wifi_state: Unsupported state: 4294967295")]),
-    ("Mode", "host", [MODE_CALLED, ("err", "[Main] set_wifi_mode: Unknown mode:host")]),
-    ("Mode", "unknown", [MODE_CALLED, ("err", "[Main] set_wifi_mode: Unknown mode:unknown")]),
-    ("Mode", "", [MODE_CALLED, ("err", "[Main] set_wifi_mode: Unknown mode:")]),
-    ("WiFiFrequency", "6", [FREQUENCY_CALLED, ("err", "[Main] set_wifi_frequency: Invalid WiFi requency")]),
-    ("WiFiFrequency", "", [FREQUENCY_CALLED, ("err", "[Main] set_wifi_frequency: Invalid WiFi requency")]),
-    ("SSID", "x" * 33, [SSID_CALLED, ("err", "[Main] set_wifi_ssid: SSID is too long")]),
-    ("SSID", "\u00e9" * 17, [SSID_CALLED, ("err", "[Main] set_wifi_ssid: SSID is too long")]),
-])
-def test_a_value_that_cannot_be_is_refused_and_changes_nothing(world: World, name: str, value: object,
-                                                               logs: list[tuple[str, str]]) -> None:
+@pytest.mark.parametrize(
+    ("name", "value", "logs"),
+    [
+        ("WiFiState", 2, [("err", "[Main] set_wifi_state: Unsupported state: 2")]),
+        ("WiFiState", 4294967295, [("err", "[Main] set_wifi_state: Unsupported state: 4294967295")]),
+        ("Mode", "host", [MODE_CALLED, ("err", "[Main] set_wifi_mode: Unknown mode:host")]),
+        ("Mode", "unknown", [MODE_CALLED, ("err", "[Main] set_wifi_mode: Unknown mode:unknown")]),
+        ("Mode", "", [MODE_CALLED, ("err", "[Main] set_wifi_mode: Unknown mode:")]),
+        ("WiFiFrequency", "6", [FREQUENCY_CALLED, ("err", "[Main] set_wifi_frequency: Invalid WiFi requency")]),
+        ("WiFiFrequency", "", [FREQUENCY_CALLED, ("err", "[Main] set_wifi_frequency: Invalid WiFi requency")]),
+        ("SSID", "x" * 33, [SSID_CALLED, ("err", "[Main] set_wifi_ssid: SSID is too long")]),
+        ("SSID", "\u00e9" * 17, [SSID_CALLED, ("err", "[Main] set_wifi_ssid: SSID is too long")]),
+    ],
+)
+def test_a_value_that_cannot_be_is_refused_and_changes_nothing(
+    world: World, name: str, value: object, logs: list[tuple[str, str]]
+) -> None:
     attached_up(world)
     mark = world.journal.mark()
     with pytest.raises(CallRefused) as refused:
@@ -44,14 +48,18 @@ def test_a_value_that_cannot_be_is_refused_and_changes_nothing(world: World, nam
     assert [entry.kind for entry in world.journal.since(mark)] == ["log"] * len(logs)
 
 
-@pytest.mark.parametrize(("name", "value", "logs"), [
-    ("WiFiState", 1, [("err", "[Main] set_wifi_state: already in wifi state 1")]),
-    ("Mode", "Host", [MODE_CALLED, ("err", "[Main] set_wifi_mode: already in wifi mode Host")]),
-    ("WiFiFrequency", "2.4", [FREQUENCY_CALLED, ("err", "[Main] set_wifi_frequency: already on wifi frequency 2.4")]),
-    ("SSID", "Korrin One", [SSID_CALLED]),
-])
-def test_a_value_that_holds_already_is_accepted_and_changes_nothing(world: World, name: str, value: object,
-                                                                    logs: list[tuple[str, str]]) -> None:
+@pytest.mark.parametrize(
+    ("name", "value", "logs"),
+    [
+        ("WiFiState", 1, [("err", "[Main] set_wifi_state: already in wifi state 1")]),
+        ("Mode", "Host", [MODE_CALLED, ("err", "[Main] set_wifi_mode: already in wifi mode Host")]),
+        ("WiFiFrequency", "2.4", [FREQUENCY_CALLED, ("err", "[Main] set_wifi_frequency: already on wifi frequency 2.4")]),
+        ("SSID", "Korrin One", [SSID_CALLED]),
+    ],
+)
+def test_a_value_that_holds_already_is_accepted_and_changes_nothing(
+    world: World, name: str, value: object, logs: list[tuple[str, str]]
+) -> None:
     world.up()
     mark = world.journal.mark()
     world.set(name, value)
@@ -88,10 +96,9 @@ def test_station_methods_want_a_radio_that_is_on_before_they_look_at_its_mode(wo
 
 
 @pytest.mark.parametrize("method", [CONNECT, DISCONNECT], ids=["Connect", "Disconnect"])
-@pytest.mark.parametrize(("interface_type", "text"), [
-    ("monitor", "WiFi is in unknown mode"),
-    ("AP", "WiFi is not in client mode"),
-])
+@pytest.mark.parametrize(
+    ("interface_type", "text"), [("monitor", "WiFi is in unknown mode"), ("AP", "WiFi is not in client mode")]
+)
 def test_station_methods_want_client_mode(world: World, method: tuple[str, ...], interface_type: str, text: str) -> None:
     world.up()
     world.radio.interface_type = interface_type

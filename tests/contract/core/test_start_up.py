@@ -20,7 +20,9 @@ KILL = "killWifiOnBoot"
 def logs_until_setup(world: World) -> list[tuple[str, str]]:
     """All log lines before the deferred start-up, the listener's address in memory made the same for all."""
     last = world.journal.wait_for(log("info", "Setup initial WiFi mode"))
-    lines = [(entry.priority, entry.text) for entry in world.journal.since() if entry.kind == "log" and entry.index <= last.index]
+    lines = [
+        (entry.priority, entry.text) for entry in world.journal.since() if entry.kind == "log" and entry.index <= last.index
+    ]
     return [(priority, re.sub(r"0x[0-9a-f]+$", "ADDRESS", text)) for priority, text in lines]
 
 
@@ -41,15 +43,25 @@ def test_log_lines_come_under_the_programs_own_name_without_a_process_id(world: 
 def test_start_up_takes_its_steps_in_order_and_logs_nothing_else(world: World) -> None:
     world.up()
     assert logs_until_setup(world) == [STARTING, *STATION_LISTENER, SETUP]
-    world.journal.expect_in_order([
-        log(*STARTING),
-        log("info", "[WPA] Initialize WPA Supplicant"),
-        log("info", "[WPA Listener] Start completed"),
-        call("Get", BASE, KILL, bus="user", destination=BASE, path="/com/vantora/common/Settings1/development",
-             interface="org.freedesktop.DBus.Properties", signature="ss"),
-        READY,
-        log(*SETUP),
-    ])
+    world.journal.expect_in_order(
+        [
+            log(*STARTING),
+            log("info", "[WPA] Initialize WPA Supplicant"),
+            log("info", "[WPA Listener] Start completed"),
+            call(
+                "Get",
+                BASE,
+                KILL,
+                bus="user",
+                destination=BASE,
+                path="/com/vantora/common/Settings1/development",
+                interface="org.freedesktop.DBus.Properties",
+                signature="ss",
+            ),
+            READY,
+            log(*SETUP),
+        ]
+    )
     first_command = world.journal.find(command())[0]
     assert first_command.index > world.journal.find(READY)[0].index, "the radio was touched before the deferred start-up"
 
@@ -83,11 +95,14 @@ def test_arguments_are_ignored(world: World, build_dir: Path) -> None:
 BUS_LOST = {"DBUS_SESSION_BUS_ADDRESS": None, "XDG_RUNTIME_DIR": None}
 
 
-@pytest.mark.parametrize(("environment", "error"), [
-    pytest.param(BUS_LOST, -123, id="no address"),
-    pytest.param({"DBUS_SESSION_BUS_ADDRESS": "unix:path=/run/user/0/absent"}, -2, id="no socket"),
-    pytest.param({"DBUS_SESSION_BUS_ADDRESS": None, "XDG_RUNTIME_DIR": "/run"}, -2, id="no bus in the runtime folder"),
-])
+@pytest.mark.parametrize(
+    ("environment", "error"),
+    [
+        pytest.param(BUS_LOST, -123, id="no address"),
+        pytest.param({"DBUS_SESSION_BUS_ADDRESS": "unix:path=/run/user/0/absent"}, -2, id="no socket"),
+        pytest.param({"DBUS_SESSION_BUS_ADDRESS": None, "XDG_RUNTIME_DIR": "/run"}, -2, id="no bus in the runtime folder"),
+    ],
+)
 def test_without_a_user_bus_it_says_so_once_and_exits_1(world: World, environment: dict[str, str | None], error: int) -> None:
     daemon = world.start_daemon(environment=environment)
     assert daemon.wait() == 1
@@ -96,7 +111,8 @@ def test_without_a_user_bus_it_says_so_once_and_exits_1(world: World, environmen
 
 def test_a_user_bus_at_which_nobody_listens_any_more_ends_it_likewise(world: World) -> None:
     world.sandbox.path("/run/listen").write_text(
-        "import socket; s = socket.socket(socket.AF_UNIX); s.bind('/run/dead'); s.listen(); s.close()")
+        "import socket; s = socket.socket(socket.AF_UNIX); s.bind('/run/dead'); s.listen(); s.close()"
+    )
     assert world.sandbox.run(["/usr/bin/python3", "/run/listen"]).status == 0
     daemon = world.start_daemon(environment={"DBUS_SESSION_BUS_ADDRESS": "unix:path=/run/dead"})
     assert daemon.wait() == 1
@@ -156,12 +172,14 @@ def assert_failed_start(world: World, error: int, since: int = 0) -> None:
 
 # Killing the radio at boot
 
+
 def test_radio_is_blocked_before_ready_when_the_setting_says_so(world: World) -> None:
     world.settings.set("development", KILL, True)
     world.settings.set("network", "enabled", False)
     world.up()
     assert logs_until_setup(world) == [
-        STARTING, *STATION_LISTENER,
+        STARTING,
+        *STATION_LISTENER,
         ("info", "[Main] main: Killing Wi-Fi on boot"),
         ("info", "[WiFi] Enable wifi: False"),
         ("info", 'utils_do_system_call: trying "rfkill block wlan"...'),
@@ -182,9 +200,11 @@ def test_a_radio_that_cannot_be_killed_holds_up_nothing(world: World) -> None:
     world.settings.set("development", KILL, True)
     world.tools.rfkill.fail(on="block wlan")
     world.up()
-    failed = [("err", "utils_do_system_call: system call failed: 256"),
-              ("err", 'utils_do_system_call: retrying "rfkill block wlan"...')]
-    assert logs_until_setup(world)[len(STATION_LISTENER) + 1:] == [
+    failed = [
+        ("err", "utils_do_system_call: system call failed: 256"),
+        ("err", 'utils_do_system_call: retrying "rfkill block wlan"...'),
+    ]
+    assert logs_until_setup(world)[len(STATION_LISTENER) + 1 :] == [
         ("info", "[Main] main: Killing Wi-Fi on boot"),
         ("info", "[WiFi] Enable wifi: False"),
         ("info", 'utils_do_system_call: trying "rfkill block wlan"...'),
@@ -204,7 +224,7 @@ def test_a_setting_that_cannot_be_read_counts_as_false(world: World, fault: str)
         world.settings.set("development", KILL, "true")
     world.start_daemon()
     lines = logs_until_setup(world)
-    assert lines[:len(STATION_LISTENER) + 1] == [STARTING, *STATION_LISTENER]
+    assert lines[: len(STATION_LISTENER) + 1] == [STARTING, *STATION_LISTENER]
     assert lines[-2:] == [("warning", f"Failed to get '{KILL}' setting"), SETUP]
     assert len(lines) == len(STATION_LISTENER) + 4  # and one line of the settings client itself
     assert world.journal.count(READY) == 1
@@ -212,6 +232,7 @@ def test_a_setting_that_cannot_be_read_counts_as_false(world: World, fault: str)
 
 
 # The heartbeat
+
 
 def voluntary_switches(daemon: Process, thread: int) -> int:
     """How often a thread has gone to sleep by itself: once for each time that it was woken."""

@@ -28,7 +28,8 @@ def ready_or_ended(world: World, daemon: Process, since: int) -> bool:
     ended = exited(daemon.name)
     entry = world.journal.wait_until(
         lambda: next((entry for entry in world.journal.since(since) if READY.matches(entry) or ended.matches(entry)), None),
-        "the daemon to be ready, or to end")
+        "the daemon to be ready, or to end",
+    )
     return READY.matches(entry)
 
 
@@ -68,8 +69,10 @@ def test_a_thread_that_cannot_be_created_ends_the_start(world: World, build_dir:
     # A thread's stack is as large as the limit, and of this size there is none to be had.
     daemon = start_limited(world, build_dir, "-s 70000000000")
     assert daemon.wait() == 1
-    assert world.journal.logs() == [("info", "[Main] Starting Vantora Network service"),
-                                    ("err", "[Main] Failed to create a thread: -11, exiting ...")]
+    assert world.journal.logs() == [
+        ("info", "[Main] Starting Vantora Network service"),
+        ("err", "[Main] Failed to create a thread: -11, exiting ..."),
+    ]
     assert world.journal.count(READY) == 0
 
 

@@ -85,8 +85,10 @@ def test_buses_that_answer_everything_late_are_waited_for_as_often_as_documented
 
 @pytest.mark.parametrize("verb", ["enable", "disable"])
 def test_enabling_and_disabling_are_over_after_five_seconds_also_when_the_bus_lets_nobody_in(world: World, verb: str) -> None:
-    begun = {"enable": log("info", "[Utils] Trying to enable /etc/korrin/udhcpd_eth0.service"),
-             "disable": log("err", "[Utils] Failed to stop '' unit. Invalid argument (r = -22)")}[verb]
+    begun = {
+        "enable": log("info", "[Utils] Trying to enable /etc/korrin/udhcpd_eth0.service"),
+        "disable": log("err", "[Utils] Failed to stop '' unit. Invalid argument (r = -22)"),
+    }[verb]
     text = f"[Utils] utils_{verb}_service Error building/calling {verb.capitalize()}UnitFiles: -107"
     # A little longer than five seconds: what comes before is waited for so long, and it shows what ends the wait.
     world.start_daemon(environment={"SYSTEMD_BUS_TIMEOUT": "7s"})

@@ -3,8 +3,18 @@
 from __future__ import annotations
 
 import pytest
-from station import (FAILED, FLUSH_FAILED_LOGS, FLUSH_LOGS, STATION, add_network_call, bring_up_station, network, radio_checks,
-                     refusal, station_call)
+from station import (
+    FAILED,
+    FLUSH_FAILED_LOGS,
+    FLUSH_LOGS,
+    STATION,
+    add_network_call,
+    bring_up_station,
+    network,
+    radio_checks,
+    refusal,
+    station_call,
+)
 from vantora_sim import World, changed, command, log
 
 OPENING = [("info", "[Main] Connect to the AP")]
@@ -30,9 +40,16 @@ def test_connect_flushes_adds_and_selects(world: World) -> None:
 
     assert world.call("Connect", "ss", ["cafe", "secret12"]) == []
 
-    world.journal.expect_in_order([
-        log("info", "[Main] Connect to the AP"), *radio_checks(), command("ip addr flush dev wlan0"),
-        add_network_call("cafe", "secret12"), station_call("SelectNetwork", network(0))], mark)
+    world.journal.expect_in_order(
+        [
+            log("info", "[Main] Connect to the AP"),
+            *radio_checks(),
+            command("ip addr flush dev wlan0"),
+            add_network_call("cafe", "secret12"),
+            station_call("SelectNetwork", network(0)),
+        ],
+        mark,
+    )
     assert "10.0.0.5" not in world.sandbox.sh("ip -4 addr show dev wlan0").stdout
 
 
@@ -41,8 +58,7 @@ def test_connect_writes_its_steps_into_the_log(world: World) -> None:
     mark = world.journal.mark()
     world.call("Connect", "ss", ["cafe", "secret12"])
     world.settle()
-    assert world.journal.logs(mark) == [
-        *OPENING, *FLUSHING, *adding("cafe", "secret12", network(0)), *selecting(network(0))]
+    assert world.journal.logs(mark) == [*OPENING, *FLUSHING, *adding("cafe", "secret12", network(0)), *selecting(network(0))]
     assert world.journal.changes(mark) == []
 
 
@@ -73,11 +89,21 @@ def test_a_second_connect_removes_the_first_network_between_flush_and_add(world:
 
     world.settle()
     assert world.journal.logs(mark) == [
-        *OPENING, *FLUSHING, ("info", f"[WPA] Remove network: {network(0)}"),
-        *adding("second", "secret34", network(0)), *selecting(network(0))]
-    world.journal.expect_in_order([
-        command("ip addr flush dev wlan0"), station_call("RemoveNetwork", network(0)),
-        add_network_call("second", "secret34"), station_call("SelectNetwork", network(0))], mark)
+        *OPENING,
+        *FLUSHING,
+        ("info", f"[WPA] Remove network: {network(0)}"),
+        *adding("second", "secret34", network(0)),
+        *selecting(network(0)),
+    ]
+    world.journal.expect_in_order(
+        [
+            command("ip addr flush dev wlan0"),
+            station_call("RemoveNetwork", network(0)),
+            add_network_call("second", "secret34"),
+            station_call("SelectNetwork", network(0)),
+        ],
+        mark,
+    )
     assert [entries["ssid"].value for entries in world.wpa.networks.values()] == ["second"]
 
 
@@ -98,9 +124,13 @@ def test_connect_goes_on_when_the_earlier_network_can_not_be_removed(world: Worl
 
     world.settle()
     assert world.journal.logs(mark) == [
-        *OPENING, *FLUSHING, ("info", f"[WPA] Remove network: {network(0)}"),
+        *OPENING,
+        *FLUSHING,
+        ("info", f"[WPA] Remove network: {network(0)}"),
         ("err", "[WPA] wpa_supplicant_remove_network: Failed to call dbus method"),
-        *adding("second", "secret34", network(1)), *selecting(network(1))]
+        *adding("second", "secret34", network(1)),
+        *selecting(network(1)),
+    ]
 
 
 def test_connect_goes_on_when_the_addresses_can_not_be_flushed(world: World) -> None:
@@ -110,8 +140,12 @@ def test_connect_goes_on_when_the_addresses_can_not_be_flushed(world: World) -> 
     assert world.call("Connect", "ss", ["cafe", "secret12"]) == []
     world.settle()
     assert world.journal.logs(mark) == [
-        *OPENING, ("info", "[Main] Flush IP address"), *FLUSH_FAILED_LOGS,
-        *adding("cafe", "secret12", network(0)), *selecting(network(0))]
+        *OPENING,
+        ("info", "[Main] Flush IP address"),
+        *FLUSH_FAILED_LOGS,
+        *adding("cafe", "secret12", network(0)),
+        *selecting(network(0)),
+    ]
     assert world.journal.count(command("ip addr flush dev wlan0"), mark) == 3
 
 
@@ -122,16 +156,27 @@ def test_a_refused_select_removes_the_network_and_announces_the_state(world: Wor
 
     assert refusal(lambda: world.call("Connect", "ss", ["cafe", "secret12"])) == (FAILED, "Failed to connect to AP")
 
-    world.journal.expect_in_order([
-        add_network_call("cafe", "secret12"), station_call("SelectNetwork", network(0)),
-        station_call("RemoveNetwork", network(0)), *radio_checks(), changed("WiFiClientState", "disconnected", alone=True)], mark)
+    world.journal.expect_in_order(
+        [
+            add_network_call("cafe", "secret12"),
+            station_call("SelectNetwork", network(0)),
+            station_call("RemoveNetwork", network(0)),
+            *radio_checks(),
+            changed("WiFiClientState", "disconnected", alone=True),
+        ],
+        mark,
+    )
     world.settle()
     assert world.journal.logs(mark) == [
-        *OPENING, *FLUSHING, *adding("cafe", "secret12", network(0)), *selecting(network(0)),
+        *OPENING,
+        *FLUSHING,
+        *adding("cafe", "secret12", network(0)),
+        *selecting(network(0)),
         ("err", "[WPA] wpa_supplicant_select_network: Failed to call dbus method"),
         ("err", "[Main] connect_to_ap: Failed to connect to AP"),
         ("info", f"[WPA] Remove network: {network(0)}"),
-        ("info", "Get 'WiFiClientState' property")]
+        ("info", "Get 'WiFiClientState' property"),
+    ]
     assert world.journal.changes(mark) == [("WiFiClientState", "disconnected")]
     assert world.wpa.networks == {}
 
@@ -155,15 +200,18 @@ def test_a_refused_network_fails_at_its_empty_path(world: World, ssid: str, pass
 
     world.settle()
     assert world.journal.logs(mark) == [
-        *OPENING, *FLUSHING,
-        ("info", "[Main] Add new network"), ("info", f"[WPA] Add network '{ssid}', passphrase '{passphrase}'"),
+        *OPENING,
+        *FLUSHING,
+        ("info", "[Main] Add new network"),
+        ("info", f"[WPA] Add network '{ssid}', passphrase '{passphrase}'"),
         ("err", "[WPA] wpa_supplicant_add_network: Method call failed"),
         *selecting(""),
         ("err", "[WPA] wpa_supplicant_select_network: Failed to call dbus method"),
         ("err", "[Main] connect_to_ap: Failed to connect to AP"),
         ("info", "[WPA] Remove network: "),
         ("err", "[WPA] wpa_supplicant_remove_network: Failed to call dbus method"),
-        ("info", "Get 'WiFiClientState' property")]
+        ("info", "Get 'WiFiClientState' property"),
+    ]
     assert world.journal.changes(mark) == [("WiFiClientState", "disconnected")]
     sent = [entry.member for entry in world.journal.since(mark) if entry.kind == "call"]
     assert sent == ["AddNetwork"], "an empty path is no object path and never reaches the bus"
@@ -175,10 +223,14 @@ def test_an_answer_without_a_path_fails_at_the_empty_path(world: World, signatur
     world.wpa.reply("AddNetwork", signature, body)
     mark = world.journal.mark()
     assert refusal(lambda: world.call("Connect", "ss", ["cafe", "secret12"])) == (FAILED, "Failed to connect to AP")
-    world.journal.expect_logs_in_order([
-        ("info", "[WPA] Add network 'cafe', passphrase 'secret12'"),
-        ("err", "[WPA] wpa_supplicant_add_network: Failed to read response"),
-        *selecting("")], mark)
+    world.journal.expect_logs_in_order(
+        [
+            ("info", "[WPA] Add network 'cafe', passphrase 'secret12'"),
+            ("err", "[WPA] wpa_supplicant_add_network: Failed to read response"),
+            *selecting(""),
+        ],
+        mark,
+    )
 
 
 def test_connect_is_refused_while_the_radio_is_off(world: World) -> None:

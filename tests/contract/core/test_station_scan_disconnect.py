@@ -70,11 +70,24 @@ def test_disconnect_flushes_and_announces_ssid_before_address(world: World) -> N
 
     assert world.call("Disconnect") == []
 
-    world.journal.expect_in_order([
-        *radio_checks(), call("Disconnect", bus="system", destination="fi.epitest.hostap.WPASupplicant",
-                              path="/fi/w1/wpa_supplicant1/Interfaces/1", interface="fi.w1.wpa_supplicant1.Interface",
-                              signature="", args=[]),
-        command("ip addr flush dev wlan0"), changed("SSID", "", alone=True), changed("IPAddress", "10.0.0.5", alone=True)], mark)
+    world.journal.expect_in_order(
+        [
+            *radio_checks(),
+            call(
+                "Disconnect",
+                bus="system",
+                destination="fi.epitest.hostap.WPASupplicant",
+                path="/fi/w1/wpa_supplicant1/Interfaces/1",
+                interface="fi.w1.wpa_supplicant1.Interface",
+                signature="",
+                args=[],
+            ),
+            command("ip addr flush dev wlan0"),
+            changed("SSID", "", alone=True),
+            changed("IPAddress", "10.0.0.5", alone=True),
+        ],
+        mark,
+    )
     world.settle()
     assert world.journal.changes(mark) == [("SSID", ""), ("IPAddress", "10.0.0.5")]
     assert list(world.wpa.networks) == [network(0)], "the network stays configured"
@@ -106,8 +119,10 @@ def test_disconnect_refused_by_the_station_answers_with_the_words_of_connect(wor
     assert refusal(lambda: world.call("Disconnect")) == (FAILED, "Failed to connect to AP")
     world.settle()
     assert world.journal.logs(mark) == [
-        DISCONNECT_LOG, ("err", "[WPA] wpa_supplicant_disconnect_network: Failed to call dbus method"),
-        ("err", "[Main] disconnect_from_ap: Failed to connect to AP")]
+        DISCONNECT_LOG,
+        ("err", "[WPA] wpa_supplicant_disconnect_network: Failed to call dbus method"),
+        ("err", "[Main] disconnect_from_ap: Failed to connect to AP"),
+    ]
     assert world.journal.changes(mark) == []
     assert world.journal.count(command("ip addr flush dev wlan0"), mark) == 0
 

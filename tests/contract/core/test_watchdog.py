@@ -74,11 +74,14 @@ def test_a_daemon_that_hangs_in_a_tool_falls_silent_until_the_tool_is_let_go(wor
 
 
 @pytest.mark.parametrize("environment", [pytest.param(WATCHED, id="watched"), pytest.param({}, id="not watched")])
-def test_the_settings_daemon_reports_itself_alive_where_it_is_watched(world: World, build_dir: Path,
-                                                                      environment: dict[str, str]) -> None:
+def test_the_settings_daemon_reports_itself_alive_where_it_is_watched(
+    world: World, build_dir: Path, environment: dict[str, str]
+) -> None:
     world.settings.go()
-    settingsd = world.sandbox.start([build_dir / "vantora-settingsd", "--state", "/etc/korrin/settings.json"],
-                                    {"NOTIFY_SOCKET": "/run/sim/notify", **environment})
+    settingsd = world.sandbox.start(
+        [build_dir / "vantora-settingsd", "--state", "/etc/korrin/settings.json"],
+        {"NOTIFY_SOCKET": "/run/sim/notify", **environment},
+    )
     world.journal.wait_for(notify("READY=1"))
     if environment:
         assert max(reports_in_time(world, 3)) < PERIOD

@@ -42,11 +42,20 @@ def test_hostapds_control_socket_is_followed_and_asked(world: World) -> None:
 def test_a_stored_access_point_runs_with_its_configuration(world: World) -> None:
     world.up()
     assert world.hostapd_conf.read_text() == RUNTIME_CONFIGURATION
-    world.journal.expect_in_order([
-        notify("READY=1"), command("rfkill unblock wlan"), changed("WiFiState", 1),
-        call("Stop", "replace", path=DHCP_CLIENT), call("Stop", "replace", path=STATION),
-        command("ip addr flush dev wlan0"), command("ip addr add 192.168.8.1/24 dev wlan0"),
-        call("Start", "replace", path=HOSTAPD), call("Start", "replace", path=DHCP_SERVER), changed("Mode", "Host")])
+    world.journal.expect_in_order(
+        [
+            notify("READY=1"),
+            command("rfkill unblock wlan"),
+            changed("WiFiState", 1),
+            call("Stop", "replace", path=DHCP_CLIENT),
+            call("Stop", "replace", path=STATION),
+            command("ip addr flush dev wlan0"),
+            command("ip addr add 192.168.8.1/24 dev wlan0"),
+            call("Start", "replace", path=HOSTAPD),
+            call("Start", "replace", path=DHCP_SERVER),
+            changed("Mode", "Host"),
+        ]
+    )
     assert "192.168.8.1/24" in world.sandbox.sh("ip -4 addr show dev wlan0").stdout
     assert (world.get("Mode"), world.get("SSID"), world.get("WiFiFrequency")) == ("Host", "Korrin One", "2.4")
 
@@ -93,9 +102,18 @@ def test_the_station_joins_open_and_protected_networks_and_leaves_them(world: Wo
     world.call("Connect", "ss", ["Free Wi-Fi", ""])
     world.wpa.state = "completed"
     world.call("Disconnect")
-    world.journal.expect_in_order([
-        call("Scan"), call("AddNetwork"), call("SelectNetwork", network(0)), call("RemoveNetwork", network(0)), call("AddNetwork"),
-        call("SelectNetwork", network(0)), call("Disconnect")], mark)
+    world.journal.expect_in_order(
+        [
+            call("Scan"),
+            call("AddNetwork"),
+            call("SelectNetwork", network(0)),
+            call("RemoveNetwork", network(0)),
+            call("AddNetwork"),
+            call("SelectNetwork", network(0)),
+            call("Disconnect"),
+        ],
+        mark,
+    )
     assert [sorted(entries) for entries in world.wpa.networks.values()] == [["key_mgmt", "ssid"]]
     mark = world.journal.mark()
     world.set("Mode", "Host")
@@ -108,7 +126,9 @@ def test_power_and_mode_are_read_live_and_switched(world: World) -> None:
     assert (world.get("WiFiState"), world.get("Mode")) == (1, "Host")
     mark = world.journal.mark()
     world.set("WiFiState", 0)
-    world.journal.expect_in_order([command("rfkill block wlan"), call("Stop", path=DHCP_SERVER), call("Stop", path=HOSTAPD)], mark)
+    world.journal.expect_in_order(
+        [command("rfkill block wlan"), call("Stop", path=DHCP_SERVER), call("Stop", path=HOSTAPD)], mark
+    )
     assert (world.get("WiFiState"), world.get("Mode")) == (0, "unknown")
     world.radio.soft_blocked = False  # another program's doing
     assert world.get("WiFiState") == 1
@@ -116,9 +136,15 @@ def test_power_and_mode_are_read_live_and_switched(world: World) -> None:
     assert world.get("Mode") == "Host"
     mark = world.journal.mark()
     world.set("Mode", "Client")
-    world.journal.expect_in_order([
-        call("Stop", path=DHCP_SERVER), call("Stop", path=HOSTAPD), call("Start", path=STATION), command("ip addr flush dev wlan0")],
-        mark)
+    world.journal.expect_in_order(
+        [
+            call("Stop", path=DHCP_SERVER),
+            call("Stop", path=HOSTAPD),
+            call("Start", path=STATION),
+            command("ip addr flush dev wlan0"),
+        ],
+        mark,
+    )
     assert world.get("Mode") == "Client"
 
 
@@ -131,8 +157,11 @@ def test_written_properties_change_the_device_and_are_stored(world: World) -> No
     world.set("WiFiState", 0)
     changes = [change for change in world.journal.changes(mark) if change[0] in ("SSID", "WiFiFrequency", "Mode", "WiFiState")]
     assert changes == [("SSID", "Attic"), ("WiFiFrequency", "5"), ("Mode", "Client"), ("WiFiState", 0)]
-    stored = (world.settings.get("device", "deviceName"), world.settings.get("network", "frequency"),
-              world.settings.get("network", "mode"))
+    stored = (
+        world.settings.get("device", "deviceName"),
+        world.settings.get("network", "frequency"),
+        world.settings.get("network", "mode"),
+    )
     assert stored == ("Attic", "5", "Client")
     assert "ssid=Attic\n" in world.hostapd_conf.read_text()
 
@@ -176,9 +205,14 @@ def test_addresses_are_followed_on_both_interfaces(world: World) -> None:
     world.add_address("10.1.0.5/24", "eth0")
     world.journal.wait_for(log("info", "Successfully enabled and started udhcpd_eth0.service"), mark)
     world.remove_address("10.1.0.5/24", "eth0")
-    world.journal.expect_in_order([
-        call("Start", "replace", path=WIRED_DHCP_SERVER), call("Stop", "replace", path=WIRED_DHCP_SERVER),
-        log("info", "Successfully stopped and disabled udhcpd_eth0.service")], mark)
+    world.journal.expect_in_order(
+        [
+            call("Start", "replace", path=WIRED_DHCP_SERVER),
+            call("Stop", "replace", path=WIRED_DHCP_SERVER),
+            log("info", "Successfully stopped and disabled udhcpd_eth0.service"),
+        ],
+        mark,
+    )
 
 
 def test_the_device_comes_up_as_stored_and_follows_every_neighbour(world: World) -> None:

@@ -83,8 +83,9 @@ def test_while_the_radio_is_off_the_band_is_only_stored(world: World) -> None:
     assert logs(world, mark) == [disabled]
 
 
-@pytest.mark.parametrize(("interface_type", "text"), [("managed", "Failed, Wifi is not in host mode"),
-                                                      ("monitor", "Failed to read wifi mode")])
+@pytest.mark.parametrize(
+    ("interface_type", "text"), [("managed", "Failed, Wifi is not in host mode"), ("monitor", "Failed to read wifi mode")]
+)
 def test_where_there_is_no_access_point_the_band_is_stored_but_refused(world: World, interface_type: str, text: str) -> None:
     bring_up_quietly(world)
     world.radio.interface_type = interface_type

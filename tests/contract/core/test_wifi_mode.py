@@ -3,8 +3,20 @@
 from __future__ import annotations
 
 import pytest
-from control import (DHCP_SERVER, READ_MODE, READ_POWER, REFUSED, START_CLIENT, START_HOST, STOP_CLIENT, STOP_HOST,
-                     bring_up_quietly, control_logs, logs, steps)
+from control import (
+    DHCP_SERVER,
+    READ_MODE,
+    READ_POWER,
+    REFUSED,
+    START_CLIENT,
+    START_HOST,
+    STOP_CLIENT,
+    STOP_HOST,
+    bring_up_quietly,
+    control_logs,
+    logs,
+    steps,
+)
 from settings_texts import set_failed
 from vantora_sim import CallRefused, Variant, World, call
 
@@ -37,10 +49,20 @@ def test_the_mode_is_stored_by_one_set_of_its_property(world: World) -> None:
     bring_up_quietly(world)
     mark = world.journal.mark()
     world.set("Mode", "Client")
-    world.journal.wait_for(call("Set", "com.vantora.common.Settings1", "mode", Variant("s", "Client"),
-                                bus="user", destination="com.vantora.common.Settings1",
-                                path="/com/vantora/common/Settings1/network", interface="org.freedesktop.DBus.Properties",
-                                signature="ssv"), mark)
+    world.journal.wait_for(
+        call(
+            "Set",
+            "com.vantora.common.Settings1",
+            "mode",
+            Variant("s", "Client"),
+            bus="user",
+            destination="com.vantora.common.Settings1",
+            path="/com/vantora/common/Settings1/network",
+            interface="org.freedesktop.DBus.Properties",
+            signature="ssv",
+        ),
+        mark,
+    )
 
 
 def test_the_mode_that_is_there_already_succeeds_and_is_not_stored(world: World) -> None:
@@ -106,11 +128,21 @@ def test_a_switch_that_fails_is_refused_not_announced_and_stays_stored(world: Wo
         world.set("Mode", "Host")
     assert (refused.value.name, refused.value.text) == REFUSED
     add = "ip addr add 192.168.8.1/24 dev wlan0"
-    assert steps(world, mark) == [READ_MODE, "set network.mode=Host", READ_POWER, *STOP_CLIENT, "ip addr flush dev wlan0",
-                                  add, add, add]
-    assert logs(world, mark)[-3:] == [("err", "[WiFi] wifi_host_start: Failed to add IP address"),
-                                      ("err", "[WiFi] wifi_mode_switch: Failed to start Host mode"),
-                                      ("err", "[Main] set_wifi_mode: Mode switch failed")]
+    assert steps(world, mark) == [
+        READ_MODE,
+        "set network.mode=Host",
+        READ_POWER,
+        *STOP_CLIENT,
+        "ip addr flush dev wlan0",
+        add,
+        add,
+        add,
+    ]
+    assert logs(world, mark)[-3:] == [
+        ("err", "[WiFi] wifi_host_start: Failed to add IP address"),
+        ("err", "[WiFi] wifi_mode_switch: Failed to start Host mode"),
+        ("err", "[Main] set_wifi_mode: Mode switch failed"),
+    ]
     assert world.settings.get("network", "mode") == "Host"
 
 
@@ -137,6 +169,13 @@ def test_the_echo_of_a_write_changes_and_announces_nothing_further(world: World)
     bring_up_quietly(world)
     mark = world.journal.mark()
     world.set("Mode", "Client")
-    assert steps(world, mark) == [READ_MODE, "set network.mode=Client", READ_POWER, *STOP_HOST, *START_CLIENT, *ANNOUNCE_CLIENT,
-                                  READ_MODE]
+    assert steps(world, mark) == [
+        READ_MODE,
+        "set network.mode=Client",
+        READ_POWER,
+        *STOP_HOST,
+        *START_CLIENT,
+        *ANNOUNCE_CLIENT,
+        READ_MODE,
+    ]
     assert control_logs(world, mark) == [WRITTEN, ("err", "[Main] set_wifi_mode: already in wifi mode Client")]

@@ -5,8 +5,21 @@ from __future__ import annotations
 from collections.abc import Callable
 
 import pytest
-from control import (HOSTAPD, READ_CONFIG, READ_MODE, READ_POWER, REFUSED, START_CLIENT, START_HOST, STOP_CLIENT, STOP_HOST,
-                     bring_up_quietly, control_logs, logs, steps)
+from control import (
+    HOSTAPD,
+    READ_CONFIG,
+    READ_MODE,
+    READ_POWER,
+    REFUSED,
+    START_CLIENT,
+    START_HOST,
+    STOP_CLIENT,
+    STOP_HOST,
+    bring_up_quietly,
+    control_logs,
+    logs,
+    steps,
+)
 from vantora_sim import CallRefused, Variant, World
 
 Switch = Callable[[World, bool], None]
@@ -35,7 +48,8 @@ def test_switching_off_blocks_the_radio_then_stops_the_stored_mode_then_announce
     assert logs(world, mark)[:3] == [
         ("info", "Read settings from Settings Daemon"),
         ("info", "[WiFi] Enable wifi: False"),
-        ("info", 'utils_do_system_call: trying "rfkill block wlan"...')]
+        ("info", 'utils_do_system_call: trying "rfkill block wlan"...'),
+    ]
 
 
 @both_ways
@@ -44,8 +58,18 @@ def test_switching_on_starts_the_stored_mode_and_announces_mode_then_state(world
     bring_up_quietly(world)
     mark = world.journal.mark()
     switch(world, True)
-    assert steps(world, mark) == [READ_POWER, *READ_CONFIG, "rfkill unblock wlan", *STOP_CLIENT, *START_HOST,
-                                  READ_POWER, READ_MODE, "announce Mode=Host", READ_POWER, "announce WiFiState=1"]
+    assert steps(world, mark) == [
+        READ_POWER,
+        *READ_CONFIG,
+        "rfkill unblock wlan",
+        *STOP_CLIENT,
+        *START_HOST,
+        READ_POWER,
+        READ_MODE,
+        "announce Mode=Host",
+        READ_POWER,
+        "announce WiFiState=1",
+    ]
     assert control_logs(world, mark) == []
 
 
@@ -64,8 +88,18 @@ def test_switching_on_takes_the_stored_mode_not_the_one_of_the_interface(world: 
     world.settings.set("network", "mode", "Client")
     mark = world.journal.mark()
     world.set("WiFiState", 1)
-    assert steps(world, mark) == [READ_POWER, *READ_CONFIG, "rfkill unblock wlan", *STOP_HOST, *START_CLIENT,
-                                  READ_POWER, READ_MODE, "announce Mode=Client", READ_POWER, "announce WiFiState=1"]
+    assert steps(world, mark) == [
+        READ_POWER,
+        *READ_CONFIG,
+        "rfkill unblock wlan",
+        *STOP_HOST,
+        *START_CLIENT,
+        READ_POWER,
+        READ_MODE,
+        "announce Mode=Client",
+        READ_POWER,
+        "announce WiFiState=1",
+    ]
 
 
 def test_switching_off_stops_the_stored_mode_though_the_interface_is_in_the_other(world: World) -> None:
@@ -73,7 +107,14 @@ def test_switching_off_stops_the_stored_mode_though_the_interface_is_in_the_othe
     world.settings.set("network", "mode", "Client")
     mark = world.journal.mark()
     world.set("WiFiState", 0)
-    assert steps(world, mark) == [READ_POWER, *READ_CONFIG, "rfkill block wlan", *STOP_CLIENT, READ_POWER, "announce WiFiState=0"]
+    assert steps(world, mark) == [
+        READ_POWER,
+        *READ_CONFIG,
+        "rfkill block wlan",
+        *STOP_CLIENT,
+        READ_POWER,
+        "announce WiFiState=0",
+    ]
 
 
 @both_ways
@@ -121,7 +162,8 @@ def test_a_mode_that_can_not_be_started_is_logged_and_only_the_state_announced(w
     assert logs(world, mark)[-3:] == [
         ("err", "[WiFi] wifi_host_start: Failed to add IP address"),
         ("err", "[WiFi] wifi_mode_switch: Failed to start Host mode"),
-        ("err", "[Main] set_wifi_state: Failed to switch wifi mode")]
+        ("err", "[Main] set_wifi_state: Failed to switch wifi mode"),
+    ]
 
 
 def test_a_refused_stop_is_passed_over(world: World) -> None:
@@ -146,7 +188,8 @@ def test_switching_on_without_settings_brings_up_the_safe_access_point(world: Wo
         ("info", "model name: Korrin One"),
         ("info", "serial number : 12-3456"),
         ("info", "default ssid: Korrin One-3456"),
-        ("info", "[WiFi] Enable wifi: True")]
+        ("info", "[WiFi] Enable wifi: True"),
+    ]
     assert world.journal.changes(mark) == [("Mode", "Host"), ("WiFiState", 1)]
 
 

@@ -55,14 +55,9 @@ def test_address_added_on_the_wire_enables_and_starts_the_server(still_world: Wo
     world = still_world
     mark = world.journal.mark()
     world.add_address("10.0.0.1/24", "eth0")
-    world.journal.expect_logs_in_order([
-        event("eth0", "10.0.0.1", "Added"),
-        TRYING,
-        ENABLED,
-        LOADED,
-        queued_log("Start", WIRED_DHCP_SERVER, 5),
-        STARTED,
-    ], mark)
+    world.journal.expect_logs_in_order(
+        [event("eth0", "10.0.0.1", "Added"), TRYING, ENABLED, LOADED, queued_log("Start", WIRED_DHCP_SERVER, 5), STARTED], mark
+    )
     world.journal.expect_in_order([ENABLE_CALL, LOAD_CALL, job_call("Start", WIRED_DHCP_SERVER)], mark)
     assert world.journal.count(call(bus="system"), mark) == 3
     assert world.systemd.enabled == {WIRED_DHCP_SERVER}
@@ -83,13 +78,7 @@ def test_address_removed_from_the_wire_stops_and_disables_the_server(still_world
 
 def expect_stopped_and_disabled(world: World, first: tuple[str, str], mark: int) -> None:
     """The whole reaction to every event but an address added on the wire."""
-    world.journal.expect_logs_in_order([
-        first,
-        LOADED,
-        queued_log("Stop", WIRED_DHCP_SERVER, 5),
-        DISABLED,
-        STOPPED,
-    ], mark)
+    world.journal.expect_logs_in_order([first, LOADED, queued_log("Stop", WIRED_DHCP_SERVER, 5), DISABLED, STOPPED], mark)
     world.journal.expect_in_order([LOAD_CALL, job_call("Stop", WIRED_DHCP_SERVER), DISABLE_CALL], mark)
     assert world.journal.count(call(bus="system"), mark) == 3
     assert world.systemd.enabled == set()
@@ -108,17 +97,22 @@ def test_address_of_any_other_interface_stops_and_disables_the_server(still_worl
 
 def test_address_of_wlan0_stops_the_server_until_the_next_address_on_the_wire(still_world: World) -> None:
     world = still_world
-    for address, interface, last in (("10.0.0.1/24", "eth0", STARTED), ("10.1.0.1/24", "wlan0", STOPPED),
-                                     ("10.0.0.2/24", "eth0", STARTED)):
+    for address, interface, last in (
+        ("10.0.0.1/24", "eth0", STARTED),
+        ("10.1.0.1/24", "wlan0", STOPPED),
+        ("10.0.0.2/24", "eth0", STARTED),
+    ):
         mark = world.journal.mark()
         world.add_address(address, interface)
         world.journal.wait_for(log(*last), mark)
         assert world.systemd.active[WIRED_DHCP_SERVER] == (interface == "eth0")
 
 
-@pytest.mark.parametrize("line", ["console=tty0 root=/dev/nfs rw\n", "root=/dev/nfs", "x" * 486 + "root=/dev/nfs",
-                                  "noroot=/dev/nfsroot=1\nsecond line\n"],
-                         ids=["among others", "alone", "last of 499 characters", "within a word"])
+@pytest.mark.parametrize(
+    "line",
+    ["console=tty0 root=/dev/nfs rw\n", "root=/dev/nfs", "x" * 486 + "root=/dev/nfs", "noroot=/dev/nfsroot=1\nsecond line\n"],
+    ids=["among others", "alone", "last of 499 characters", "within a word"],
+)
 def test_on_a_network_root_an_address_added_on_the_wire_stops_and_disables_the_server(world: World, line: str) -> None:
     world.set_kernel_command_line(line)
     world.tools.ip.output("")
@@ -129,8 +123,11 @@ def test_on_a_network_root_an_address_added_on_the_wire_stops_and_disables_the_s
     assert world.journal.count(call("EnableUnitFiles")) == 0
 
 
-@pytest.mark.parametrize("line", ["", "\nroot=/dev/nfs\n", "x" * 487 + "root=/dev/nfs", "root=/dev/nf s", "ROOT=/dev/nfs\n"],
-                         ids=["empty", "in the second line", "beyond 499 characters", "with a blank", "in capitals"])
+@pytest.mark.parametrize(
+    "line",
+    ["", "\nroot=/dev/nfs\n", "x" * 487 + "root=/dev/nfs", "root=/dev/nf s", "ROOT=/dev/nfs\n"],
+    ids=["empty", "in the second line", "beyond 499 characters", "with a blank", "in capitals"],
+)
 def test_on_any_other_root_an_address_added_on_the_wire_starts_the_server(world: World, line: str) -> None:
     world.set_kernel_command_line(line)
     world.tools.ip.output("")
@@ -146,12 +143,9 @@ def test_unreadable_kernel_command_line_is_logged_and_taken_for_no_network_root(
     world.up()
     mark = world.journal.mark()
     world.add_address("10.0.0.1/24", "eth0")
-    world.journal.expect_logs_in_order([
-        event("eth0", "10.0.0.1", "Added"),
-        ("err", "Failed to open /proc/cmdline"),
-        TRYING,
-        ENABLED,
-    ], mark)
+    world.journal.expect_logs_in_order(
+        [event("eth0", "10.0.0.1", "Added"), ("err", "Failed to open /proc/cmdline"), TRYING, ENABLED], mark
+    )
 
 
 def expect_reaction(world: World, number: int, added: bool, lines: list[tuple[str, str]]) -> None:
@@ -209,10 +203,10 @@ def test_refused_look_ups_and_jobs_are_taken_for_success(still_world: World) -> 
     expect_reaction(world, 1, False, [not_loaded, empty_path_log("Stop"), DISABLED, STOPPED])
     world.systemd.refuse("Start", text="no")
     world.systemd.refuse("Stop", text="no")
-    expect_reaction(world, 2, True, [TRYING, ENABLED, LOADED,
-                                     job_failed_log("Start", WIRED_DHCP_SERVER, "no (r = -13)"), STARTED])
-    expect_reaction(world, 2, False, [LOADED, job_failed_log("Stop", WIRED_DHCP_SERVER, "no (r = -13)"),
-                                      DISABLED, STOPPED])
+    expect_reaction(
+        world, 2, True, [TRYING, ENABLED, LOADED, job_failed_log("Start", WIRED_DHCP_SERVER, "no (r = -13)"), STARTED]
+    )
+    expect_reaction(world, 2, False, [LOADED, job_failed_log("Stop", WIRED_DHCP_SERVER, "no (r = -13)"), DISABLED, STOPPED])
 
 
 def test_enable_that_is_not_answered_ends_after_five_seconds_and_holds_up_nobody(still_world: World) -> None:
@@ -254,12 +248,15 @@ def test_a_server_that_was_never_enabled_is_not_known_by_name_until_it_is(still_
     world.systemd.forget_wired_dhcp_server()
     mark = world.journal.mark()
     world.add_address("10.0.9.1/24", "lo")
-    world.journal.expect_logs_in_order([
-        event("lo", "10.0.9.1", "Added"),
-        LOADED,
-        job_failed_log("Stop", WIRED_DHCP_SERVER, "Unit udhcpd_eth0.service not loaded. (r = -2)"),
-        *disable_failed(-2),
-    ], mark)
+    world.journal.expect_logs_in_order(
+        [
+            event("lo", "10.0.9.1", "Added"),
+            LOADED,
+            job_failed_log("Stop", WIRED_DHCP_SERVER, "Unit udhcpd_eth0.service not loaded. (r = -2)"),
+            *disable_failed(-2),
+        ],
+        mark,
+    )
     mark = world.journal.mark()
     world.add_address("10.0.0.1/24", "eth0")
     world.journal.wait_for(log(*STARTED), mark)

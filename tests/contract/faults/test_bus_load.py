@@ -46,7 +46,9 @@ def test_properties_are_announced_while_four_clients_hammer_the_bus(world: World
     hammering = world.loop.submit(on_four_connections(world, hammer))
     for number in range(events):
         (world.hostapd.disable if number % 2 else world.hostapd.enable)()
-        world.journal.wait_until(lambda count=number: world.journal.count(announced, mark) > count, "the announcement", since=mark)
+        world.journal.wait_until(
+            lambda count=number: world.journal.count(announced, mark) > count, "the announcement", since=mark
+        )
     assert hammering.result(100) == [reads] * CLIENTS
     # The signal carries the value that holds while it is built, so only their number is certain, and the last.
     values = [entry.value for entry in world.journal.find(announced, mark)]
@@ -57,9 +59,17 @@ def random_request(chance: random.Random) -> Message:
     """A request that is wrong in most ways that the bus lets through; it never changes the state of the device."""
     values: dict[str, Any] = {
         "s": chance.choice(["", "x" * 40, "Ad-hoc", "\u00e9" * 20, "%s%n%x", "a\nb", "$(reboot)", "y" * 20_000]),
-        "u": chance.choice([2, 3, 2**31, 2**32 - 1]), "i": -1, "b": True, "d": 2.4, "ay": bytes(chance.randbytes(20)),
-        "as": ["5", "2.4"], "a{sv}": {"Type": Variant("s", "active")}, "(siib)": ["net", 1, -40, True],
-        "v": Variant("s", "Client"), "o": "/", "x": 2**62,
+        "u": chance.choice([2, 3, 2**31, 2**32 - 1]),
+        "i": -1,
+        "b": True,
+        "d": 2.4,
+        "ay": bytes(chance.randbytes(20)),
+        "as": ["5", "2.4"],
+        "a{sv}": {"Type": Variant("s", "active")},
+        "(siib)": ["net", 1, -40, True],
+        "v": Variant("s", "Client"),
+        "o": "/",
+        "x": 2**62,
     }
     kind = chance.choice(list(values))
     name = chance.choice(["WiFiState", "Mode", "WiFiFrequency", "SSID", "MacAddress", "AccessPoints", "Nothing", ""])
@@ -74,7 +84,11 @@ def random_request(chance: random.Random) -> Message:
             message.interface, message.member, message.signature = PROPERTIES, chance.choice(["Get", "Set", "GetAll"]), kind
             message.body = [values[kind]]
         case 2:
-            message.member, message.signature, message.body = chance.choice(["Scan", "Disconnect", "Connect"]), kind, [values[kind]]
+            message.member, message.signature, message.body = (
+                chance.choice(["Scan", "Disconnect", "Connect"]),
+                kind,
+                [values[kind]],
+            )
         case 3:
             message.member = chance.choice(["Scan2", "connect", "Introspect", "Get", "AccessPointsChanged"])
         case 4:

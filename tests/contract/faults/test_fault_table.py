@@ -17,8 +17,13 @@ CONTRACT = HERE.parent
 
 def rows() -> list[tuple[str, Row]]:
     """Every row with the file it is in."""
-    return [(module, row) for module in MODULES for neighbour in neighbours_of(module) for row in neighbour.rows
-            if isinstance(row, Row)]
+    return [
+        (module, row)
+        for module in MODULES
+        for neighbour in neighbours_of(module)
+        for row in neighbour.rows
+        if isinstance(row, Row)
+    ]
 
 
 @pytest.fixture(scope="module")

@@ -21,7 +21,9 @@ def test_neighbours_that_hang_are_waited_for_as_long_as_on_a_device(make_world: 
     assert len(rows) == 8
     worlds = [make_world() for _ in rows]
     with ThreadPoolExecutor(len(rows)) as pool:
-        tried = [(f"{neighbour.title}: {row.how}", pool.submit(try_row, world, row, neighbour.prepare))
-                 for (neighbour, row), world in zip(rows, worlds)]
+        tried = [
+            (f"{neighbour.title}: {row.how}", pool.submit(try_row, world, row, neighbour.prepare))
+            for (neighbour, row), world in zip(rows, worlds)
+        ]
     failed = {name: future.exception() for name, future in tried if future.exception() is not None}
     assert failed == {}

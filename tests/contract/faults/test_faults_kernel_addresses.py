@@ -7,7 +7,7 @@ import time
 from pathlib import Path
 
 import pytest
-from faults import (ABSENT, DIES, FLOODS, GARBAGE, HANGS, REFUSES, RESTARTS, WRONG_TYPE, Impossible, Line, Neighbour, Row)
+from faults import ABSENT, DIES, FLOODS, GARBAGE, HANGS, REFUSES, RESTARTS, WRONG_TYPE, Impossible, Line, Neighbour, Row
 from kernel_events import EVENT, event
 from vantora_sim import World, changed, log
 
@@ -23,37 +23,85 @@ for data in sys.argv[2:]:
 INVALID = ("err", "[NETLINK] Invalid message length: 4")
 REMOVED = "Successfully stopped and disabled udhcpd_eth0.service"
 
-NOT_BOUND = [("err", "[NETLINK] Failed to bind netlink socket: Address already in use"),
-             ("err", "[NETLINK] OpenSocket() failed, exiting.")]
-ABOUT = ("One netlink socket that is looked at every 2 s, and 1 s after each datagram. `IPAddress` itself is read anew each "
-         "time and needs none of it.")
-POINTLESS = ("a datagram that is short, empty, or of attributes that lead nowhere (sent by a program with "
-             "CAP_NET_ADMIN: the kernel sends none)")
+NOT_BOUND = [
+    ("err", "[NETLINK] Failed to bind netlink socket: Address already in use"),
+    ("err", "[NETLINK] OpenSocket() failed, exiting."),
+]
+ABOUT = (
+    "One netlink socket that is looked at every 2 s, and 1 s after each datagram. `IPAddress` itself is read anew each "
+    "time and needs none of it."
+)
+POINTLESS = (
+    "a datagram that is short, empty, or of attributes that lead nowhere (sent by a program with "
+    "CAP_NET_ADMIN: the kernel sends none)"
+)
 
-NEIGHBOUR = Neighbour("Kernel addresses", ABOUT, [
-    Impossible((ABSENT,), "a kernel without netlink has no interfaces either"),
-    Row(REFUSES, "the socket cannot be bound", text="read `IPAddress`: right; changes are not announced", takes="at once",
-        lines=NOT_BOUND, test=EXISTING + "test_port_that_is_taken_ends_the_listener_and_nothing_else",
-        after="announced from the daemon's next start on"),
-    Impossible((HANGS,), "it is asked nothing: silence is the rule"),
-    Row(WRONG_TYPE, "notifies of links and of IPv6", text="nothing is announced", takes="at once",
-        test=EXISTING + "test_changes_of_links_and_ipv6_addresses_are_passed_over", after="the next address is"),
-    Row(GARBAGE, POINTLESS, name="garbage", text="nothing is announced", takes="1 s each", test="test_garbage_is_passed_over",
-        after="the next address is"),
-    Row(GARBAGE, "a datagram with an impossible length, from the same", name="impossible length", lines=[INVALID],
-        text="requests are answered; addresses are no longer announced",
-        takes="until the daemon ends: the line is repeated without end",
-        test="test_an_impossible_length_is_complained_of_until_the_daemon_is_started_again",
-        after="a restart of the daemon ends it"),
-    Row(DIES, "cannot die, but takes `wlan0` away", name="takes the interface away", text='read `IPAddress`, `MacAddress`: ""',
-        lines=[("warning", "[Main] Interface does not have IP address"), ("warning", "[Main] Interface does not have MAC address")],
-        takes="at once", test="test_an_interface_that_is_gone_reads_as_empty_and_is_followed_when_it_is_back",
-        after="read and announced again when it is back"),
-    Impossible((RESTARTS,), "the daemon goes with it"),
-    Row(FLOODS, "2,000 addresses at once: more than the socket holds", text="those that fit are announced, one a second",
-        takes="1 s each", test=EXISTING + "test_addresses_are_followed_again_after_the_kernel_dropped_notifications",
-        after="the next address is announced"),
-])
+NEIGHBOUR = Neighbour(
+    "Kernel addresses",
+    ABOUT,
+    [
+        Impossible((ABSENT,), "a kernel without netlink has no interfaces either"),
+        Row(
+            REFUSES,
+            "the socket cannot be bound",
+            text="read `IPAddress`: right; changes are not announced",
+            takes="at once",
+            lines=NOT_BOUND,
+            test=EXISTING + "test_port_that_is_taken_ends_the_listener_and_nothing_else",
+            after="announced from the daemon's next start on",
+        ),
+        Impossible((HANGS,), "it is asked nothing: silence is the rule"),
+        Row(
+            WRONG_TYPE,
+            "notifies of links and of IPv6",
+            text="nothing is announced",
+            takes="at once",
+            test=EXISTING + "test_changes_of_links_and_ipv6_addresses_are_passed_over",
+            after="the next address is",
+        ),
+        Row(
+            GARBAGE,
+            POINTLESS,
+            name="garbage",
+            text="nothing is announced",
+            takes="1 s each",
+            test="test_garbage_is_passed_over",
+            after="the next address is",
+        ),
+        Row(
+            GARBAGE,
+            "a datagram with an impossible length, from the same",
+            name="impossible length",
+            lines=[INVALID],
+            text="requests are answered; addresses are no longer announced",
+            takes="until the daemon ends: the line is repeated without end",
+            test="test_an_impossible_length_is_complained_of_until_the_daemon_is_started_again",
+            after="a restart of the daemon ends it",
+        ),
+        Row(
+            DIES,
+            "cannot die, but takes `wlan0` away",
+            name="takes the interface away",
+            text='read `IPAddress`, `MacAddress`: ""',
+            lines=[
+                ("warning", "[Main] Interface does not have IP address"),
+                ("warning", "[Main] Interface does not have MAC address"),
+            ],
+            takes="at once",
+            test="test_an_interface_that_is_gone_reads_as_empty_and_is_followed_when_it_is_back",
+            after="read and announced again when it is back",
+        ),
+        Impossible((RESTARTS,), "the daemon goes with it"),
+        Row(
+            FLOODS,
+            "2,000 addresses at once: more than the socket holds",
+            text="those that fit are announced, one a second",
+            takes="1 s each",
+            test=EXISTING + "test_addresses_are_followed_again_after_the_kernel_dropped_notifications",
+            after="the next address is announced",
+        ),
+    ],
+)
 
 
 @pytest.fixture
@@ -128,8 +176,10 @@ def test_an_interface_that_is_gone_reads_as_empty_and_is_followed_when_it_is_bac
     assert (world.get("IPAddress"), world.get("MacAddress")) == ("", "")
     world.settle()
     assert [line for line in world.journal.logs(mark) if not EVENT.match(line[1])] == [
-        ("info", "utils_get_ip_address: addr_found: 0"), ("warning", "[Main] Interface does not have IP address"),
-        ("warning", "[Main] Interface does not have MAC address")]
+        ("info", "utils_get_ip_address: addr_found: 0"),
+        ("warning", "[Main] Interface does not have IP address"),
+        ("warning", "[Main] Interface does not have MAC address"),
+    ]
     mark = world.journal.mark()
     run(world, "link set gone0 name wlan0")
     run(world, "link set wlan0 up")

@@ -7,11 +7,44 @@ from collections.abc import Callable, Sequence
 
 
 import pytest
-from fault_requests import (ADD_LOGS, BLOCK, CHANGE_MODE, CLIENT_SSID, DISCONNECT, DISCONNECT_CALLED, POWER_OFF, READ_MODE,
-                            READ_POWER, READ_SETTINGS, READ_SIGNAL, REFUSED, STOP_CLIENT, TO_HOST, TO_HOST_MODE, still_station)
+from fault_requests import (
+    ADD_LOGS,
+    BLOCK,
+    CHANGE_MODE,
+    CLIENT_SSID,
+    DISCONNECT,
+    DISCONNECT_CALLED,
+    POWER_OFF,
+    READ_MODE,
+    READ_POWER,
+    READ_SETTINGS,
+    READ_SIGNAL,
+    REFUSED,
+    STOP_CLIENT,
+    TO_HOST,
+    TO_HOST_MODE,
+    still_station,
+)
 from access_point import heading
-from faults import (ABSENT, DIES, FLOODS, GARBAGE, HANGS, KINDS, REFUSES, RESTARTS, WRONG_TYPE, Asked, Impossible, Line, Neighbour,
-                    Request, Row, check, try_row)
+from faults import (
+    ABSENT,
+    DIES,
+    FLOODS,
+    GARBAGE,
+    HANGS,
+    KINDS,
+    REFUSES,
+    RESTARTS,
+    WRONG_TYPE,
+    Asked,
+    Impossible,
+    Line,
+    Neighbour,
+    Request,
+    Row,
+    check,
+    try_row,
+)
 from station import FLUSH_LOGS
 from vantora_sim import World, command
 
@@ -48,39 +81,58 @@ def behave(world: World) -> None:
 
 def tries(line: str, status: int) -> list[Line]:
     """The lines after each of the three runs that fail."""
-    return [("err", f"utils_do_system_call: system call failed: {status}"),
-            ("err", f'utils_do_system_call: retrying "{line}"...')] * 3
+    return [
+        ("err", f"utils_do_system_call: system call failed: {status}"),
+        ("err", f'utils_do_system_call: retrying "{line}"...'),
+    ] * 3
 
 
 # What comes of each request when the tool fails with a status
 
+
 def not_blocked(status: int) -> list[Line]:
-    return [READ_SETTINGS, *BLOCK, *tries("rfkill block wlan", status),
-            ("err", f"wifi_set_enabled: Unable to power off wifi, error: {status}"),
-            ("err", "[Main] set_wifi_state: Failed to set wifi state")]
+    return [
+        READ_SETTINGS,
+        *BLOCK,
+        *tries("rfkill block wlan", status),
+        ("err", f"wifi_set_enabled: Unable to power off wifi, error: {status}"),
+        ("err", "[Main] set_wifi_state: Failed to set wifi state"),
+    ]
 
 
 def not_flushed(status: int, tag: str) -> list[Line]:
-    return [*FLUSH_LOGS[:2], *tries("ip addr flush dev wlan0", status),
-            ("err", f"utils_flush_ip: Unable to flush wlan0 address, error: {status}"),
-            ("warning", f"[{tag}] Failed to flush IP, interface might have inavlid IP")]
+    return [
+        *FLUSH_LOGS[:2],
+        *tries("ip addr flush dev wlan0", status),
+        ("err", f"utils_flush_ip: Unable to flush wlan0 address, error: {status}"),
+        ("warning", f"[{tag}] Failed to flush IP, interface might have inavlid IP"),
+    ]
 
 
 def not_left(status: int) -> list[Line]:
-    return [DISCONNECT_CALLED, *not_flushed(status, "Main"), *DISCONNECT.logs[1 + len(FLUSH_LOGS):]]
+    return [DISCONNECT_CALLED, *not_flushed(status, "Main"), *DISCONNECT.logs[1 + len(FLUSH_LOGS) :]]
 
 
 def no_address(status: int) -> list[Line]:
-    return [CHANGE_MODE, TO_HOST, *STOP_CLIENT, *heading("[WiFi] Start Host mode"), *not_flushed(status, "WiFi"), *ADD_LOGS[:2],
-            *tries("ip addr add 192.168.8.1/24 dev wlan0", status),
-            ("err", f"utils_add_ip: Unable to add wlan0 address, error: {status}"),
-            ("err", "[WiFi] wifi_host_start: Failed to add IP address"),
-            ("err", "[WiFi] wifi_mode_switch: Failed to start Host mode"),
-            ("err", "[Main] set_wifi_mode: Mode switch failed")]
+    return [
+        CHANGE_MODE,
+        TO_HOST,
+        *STOP_CLIENT,
+        *heading("[WiFi] Start Host mode"),
+        *not_flushed(status, "WiFi"),
+        *ADD_LOGS[:2],
+        *tries("ip addr add 192.168.8.1/24 dev wlan0", status),
+        ("err", f"utils_add_ip: Unable to add wlan0 address, error: {status}"),
+        ("err", "[WiFi] wifi_host_start: Failed to add IP address"),
+        ("err", "[WiFi] wifi_mode_switch: Failed to start Host mode"),
+        ("err", "[Main] set_wifi_mode: Mode switch failed"),
+    ]
 
 
-NO_POWER = [("err", "[Utils] utils_get_signal_strength: could not read AP Tx Power, retrying..."),
-            ("err", "[Utils] utils_get_signal_strength: could not read AP Tx Power, timed out.")]
+NO_POWER = [
+    ("err", "[Utils] utils_get_signal_strength: could not read AP Tx Power, retrying..."),
+    ("err", "[Utils] utils_get_signal_strength: could not read AP Tx Power, timed out."),
+]
 NO_MODE = ("err", "[Main] Failed to read wifi mode")
 UNKNOWN = [Asked(READ_MODE, '"unknown"', [NO_MODE]), Asked(READ_SIGNAL, '""', NO_POWER, 0.5)]
 
@@ -92,9 +144,9 @@ FAILURES: dict[str, Callable[[int], list[Asked]]] = {
 }
 ABOUT = {
     "rfkill": "Read through a pipe (the first 256 bytes count), and run up to three times to switch.",
-    "iw": "Read through a pipe: the first 256 bytes of the lines with \"type\", the first line with \"txpower\".",
+    "iw": 'Read through a pipe: the first 256 bytes of the lines with "type", the first line with "txpower".',
     "ip": "Run up to three times; its output goes to the daemon's own.",
-    "wpa_cli": "Read through a pipe: the first 256 bytes of the line with \"ssid=\".",
+    "wpa_cli": 'Read through a pipe: the first 256 bytes of the line with "ssid=".',
 }
 GARBLED: dict[str, tuple[bytes, Sequence[Asked]]] = {
     "rfkill": (b"\n\xff\xfe\0yes\n", [Asked(READ_POWER), Asked(POWER_OFF)]),
@@ -116,21 +168,57 @@ def rows(tool: str) -> list[Row | Impossible]:
     garbage, garbled = GARBLED[tool]
     flood, flooding = FLOODING[tool]
     return [
-        Row(ABSENT, "not installed", FAILURES[tool](NOT_FOUND), end=behave,
+        Row(
+            ABSENT,
+            "not installed",
+            FAILURES[tool](NOT_FOUND),
+            end=behave,
             before=lambda world: (world.work / TOOLBOX / tool).unlink(),
-            environment={"PATH": f"/{TOOLBOX}"}, name=f"{tool} {ABSENT}"),
-        Row(REFUSES, "ends with status 1 and prints nothing", FAILURES[tool](256), lambda world: world.tools[tool].fail(1),
-            end=behave, name=f"{tool} {REFUSES}"),
-        Row(HANGS, "does not end", text=HOLDS, takes="as long as it hangs: a command has no time-out",
-            name=f"{tool} {HANGS}", test=f"test_a_command_that_hangs_holds_all_requests_until_it_ends[{tool}]"),
+            environment={"PATH": f"/{TOOLBOX}"},
+            name=f"{tool} {ABSENT}",
+        ),
+        Row(
+            REFUSES,
+            "ends with status 1 and prints nothing",
+            FAILURES[tool](256),
+            lambda world: world.tools[tool].fail(1),
+            end=behave,
+            name=f"{tool} {REFUSES}",
+        ),
+        Row(
+            HANGS,
+            "does not end",
+            text=HOLDS,
+            takes="as long as it hangs: a command has no time-out",
+            name=f"{tool} {HANGS}",
+            test=f"test_a_command_that_hangs_holds_all_requests_until_it_ends[{tool}]",
+        ),
         Impossible((WRONG_TYPE,), "text has no types; see garbage"),
-        Row(GARBAGE, "prints bytes that mean nothing", garbled, lambda world: world.tools[tool].output(garbage), end=behave,
-            name=f"{tool} {GARBAGE}"),
-        Row(DIES, "is killed", FAILURES[tool](KILLED), lambda world: world.tools[tool].die(signals.SIGKILL), end=behave,
-            name=f"{tool} {DIES}"),
+        Row(
+            GARBAGE,
+            "prints bytes that mean nothing",
+            garbled,
+            lambda world: world.tools[tool].output(garbage),
+            end=behave,
+            name=f"{tool} {GARBAGE}",
+        ),
+        Row(
+            DIES,
+            "is killed",
+            FAILURES[tool](KILLED),
+            lambda world: world.tools[tool].die(signals.SIGKILL),
+            end=behave,
+            name=f"{tool} {DIES}",
+        ),
         Impossible((RESTARTS,), "it is run anew for each question"),
-        Row(FLOODS, "prints a megabyte", flooding, lambda world: world.tools[tool].output(flood), end=behave,
-            name=f"{tool} {FLOODS}"),
+        Row(
+            FLOODS,
+            "prints a megabyte",
+            flooding,
+            lambda world: world.tools[tool].output(flood),
+            end=behave,
+            name=f"{tool} {FLOODS}",
+        ),
     ]
 
 
@@ -154,25 +242,51 @@ def with_helpers(world: World) -> None:
 
 
 SHELL_ROWS: list[Row | Impossible] = [
-    Row(ABSENT, "cannot be started, which reads as a radio that is off", [
-        Asked(READ_POWER, "0"),
-        Asked(READ_MODE, '"unknown"'), Asked(READ_SIGNAL, '""', NO_POWER, 0.5), Asked(CLIENT_SSID, '""'),
-        Asked(DISCONNECT, 'org.freedesktop.DBus.Error.Failed "Wifi is off"', [
-            DISCONNECT_CALLED, ("err", "[Main] disconnect_from_ap: Wifi is off")]),
-        Asked(TO_HOST_MODE, logs=[CHANGE_MODE, ("err", "[Main] set_wifi_mode: Failed to read wifi mode"),
-                                  ("err", "[Main] set_wifi_mode: Cannot change mode, wifi is disabled")]),
-        Asked(POWER_OFF, logs=[("err", "[Main] set_wifi_state: already in wifi state 0")])],
-        without_shell, end=with_shell, name=f"sh {ABSENT}"),
-    Row(REFUSES, "finds none of `tail`, `grep`, `egrep`, `cut` and `tr`", [
-        Asked(READ_POWER), *UNKNOWN, Asked(CLIENT_SSID, '""', [*CLIENT_SSID.logs, NO_MODE]), Asked(POWER_OFF)],
-        before=without_helpers, end=with_helpers, environment={"PATH": f"/{TOOLBOX}"}, name="sh without its helpers"),
+    Row(
+        ABSENT,
+        "cannot be started, which reads as a radio that is off",
+        [
+            Asked(READ_POWER, "0"),
+            Asked(READ_MODE, '"unknown"'),
+            Asked(READ_SIGNAL, '""', NO_POWER, 0.5),
+            Asked(CLIENT_SSID, '""'),
+            Asked(
+                DISCONNECT,
+                'org.freedesktop.DBus.Error.Failed "Wifi is off"',
+                [DISCONNECT_CALLED, ("err", "[Main] disconnect_from_ap: Wifi is off")],
+            ),
+            Asked(
+                TO_HOST_MODE,
+                logs=[
+                    CHANGE_MODE,
+                    ("err", "[Main] set_wifi_mode: Failed to read wifi mode"),
+                    ("err", "[Main] set_wifi_mode: Cannot change mode, wifi is disabled"),
+                ],
+            ),
+            Asked(POWER_OFF, logs=[("err", "[Main] set_wifi_state: already in wifi state 0")]),
+        ],
+        without_shell,
+        end=with_shell,
+        name=f"sh {ABSENT}",
+    ),
+    Row(
+        REFUSES,
+        "finds none of `tail`, `grep`, `egrep`, `cut` and `tr`",
+        [Asked(READ_POWER), *UNKNOWN, Asked(CLIENT_SSID, '""', [*CLIENT_SSID.logs, NO_MODE]), Asked(POWER_OFF)],
+        before=without_helpers,
+        end=with_helpers,
+        environment={"PATH": f"/{TOOLBOX}"},
+        name="sh without its helpers",
+    ),
     Impossible(tuple(kind for kind in KINDS if kind not in (ABSENT, REFUSES)), "it does what the command in it does"),
 ]
 
 ABOUT_SHELL = "Runs each command line. (`killall` and `wpa_passphrase` stand in the code, but nothing runs them.)"
 
-NEIGHBOURS = [*(Neighbour(f"`{tool}`", ABOUT[tool], rows(tool), prepare) for tool in TOOLS),
-              Neighbour("`/bin/sh`", ABOUT_SHELL, SHELL_ROWS, prepare)]
+NEIGHBOURS = [
+    *(Neighbour(f"`{tool}`", ABOUT[tool], rows(tool), prepare) for tool in TOOLS),
+    Neighbour("`/bin/sh`", ABOUT_SHELL, SHELL_ROWS, prepare),
+]
 
 
 @pytest.mark.parametrize("row", [parameter for neighbour in NEIGHBOURS for parameter in neighbour.parameters()])

@@ -7,10 +7,37 @@ import time
 import pytest
 from access_point import SEPARATOR, heading
 from dbus_next import Message
-from fault_requests import (ACCESS_POINTS, CHANGE_MODE, CONNECT, DISCONNECT, NOT_CONNECTED, SCAN, TO_CLIENT, TO_CLIENT_MODE,
-                            still_station)
-from faults import (ABSENT, DIES, FLOODS, GARBAGE, HANGS, REAL_TIMEOUT, REFUSES, RESTARTS, SHORT, SHORT_TIMEOUT, SLACK, WRONG_TYPE,
-                    Asked, Neighbour, Row, check, seen_by_caller, try_row)
+from fault_requests import (
+    ACCESS_POINTS,
+    CHANGE_MODE,
+    CONNECT,
+    DISCONNECT,
+    NOT_CONNECTED,
+    SCAN,
+    TO_CLIENT,
+    TO_CLIENT_MODE,
+    still_station,
+)
+from faults import (
+    ABSENT,
+    DIES,
+    FLOODS,
+    GARBAGE,
+    HANGS,
+    REAL_TIMEOUT,
+    REFUSES,
+    RESTARTS,
+    SHORT,
+    SHORT_TIMEOUT,
+    SLACK,
+    WRONG_TYPE,
+    Asked,
+    Neighbour,
+    Row,
+    check,
+    seen_by_caller,
+    try_row,
+)
 from odd_bus import OddBus, odd_bus
 from station import FLUSH_LOGS, INTERFACE, STATION
 from test_faults_systemd import not_found
@@ -27,17 +54,33 @@ NOT_SENT = ("err", "[WPA] wpa_supplicant_add_network: Method call failed")
 def at_each_call(failed: Asked) -> Asked:
     """The same, with the words for a bus that cannot even be opened."""
     assert failed.logs is not None
-    changed = [(priority, text.replace("Failed to call dbus method", NOT_OPENED).replace("Method call failed", NOT_OPENED))
-               for priority, text in failed.logs]
+    changed = [
+        (priority, text.replace("Failed to call dbus method", NOT_OPENED).replace("Method call failed", NOT_OPENED))
+        for priority, text in failed.logs
+    ]
     if NO_LIST in changed:
         changed.insert(1, ("err", f"wpa_supplicant_get_access_points: {NOT_OPENED}"))
     return Asked(failed.request, failed.seen, changed)
 
 
-WITHOUT_A_BUS = [*(at_each_call(failed) for failed in answers_nothing()), Asked(TO_CLIENT_MODE, logs=[
-    CHANGE_MODE, TO_CLIENT, *heading("[WiFi] Stop Host mode"), ("info", "Stoping UDHCP daemon service"),
-    ("info", "Stopping Hostapd daemon service"), SEPARATOR, *heading("[WiFi] Start Client mode"),
-    ("info", "Starting WPA Supplicant daemon service"), *FLUSH_LOGS, SEPARATOR])]
+WITHOUT_A_BUS = [
+    *(at_each_call(failed) for failed in answers_nothing()),
+    Asked(
+        TO_CLIENT_MODE,
+        logs=[
+            CHANGE_MODE,
+            TO_CLIENT,
+            *heading("[WiFi] Stop Host mode"),
+            ("info", "Stoping UDHCP daemon service"),
+            ("info", "Stopping Hostapd daemon service"),
+            SEPARATOR,
+            *heading("[WiFi] Start Client mode"),
+            ("info", "Starting WPA Supplicant daemon service"),
+            *FLUSH_LOGS,
+            SEPARATOR,
+        ],
+    ),
+]
 
 
 def all_fail(reason: str, waits: float = 0.0) -> list[Asked]:
@@ -83,30 +126,97 @@ def ask_and_stop_bus(world: World) -> None:
     assert answer.result(DEADLINE) == []
 
 
-NEIGHBOUR = Neighbour("System bus", "Each call opens a connection of its own; one more stays, for wpa_supplicant's signals.", [
-    Row(ABSENT, "no socket", WITHOUT_A_BUS, before=stop_bus, end=start_bus, after="used as soon as it is there; the signals of "
-        "wpa_supplicant are heard from the daemon's next start on", name=ABSENT),
-    Row(REFUSES, "lets nobody in", all_fail(NOT_LET_IN), lambda world: odd_bus(world).reject(),
-        end=lambda world: odd_bus(world).behave(), environment=ODD),
-    Row(HANGS, "takes connections and messages, and never answers", all_fail(NOT_LET_IN, SHORT_TIMEOUT),
-        lambda world: world.system_bus.freeze(), end=lambda world: world.system_bus.thaw(), environment=SHORT),
-    Row(HANGS, "the same, at the real time-out", [Asked(SCAN, logs=SCAN_FAILED, waits=REAL_TIMEOUT)],
-        lambda world: world.system_bus.freeze(), end=lambda world: world.system_bus.thaw(), slow=True, name="hangs for 25 s"),
-    Row(HANGS, "stops reading in the middle of a message that its socket cannot hold", name="stops reading", takes="25 s",
-        text=f"`Connect` with a name of 30 MB: `{NOT_CONNECTED}`", lines=[NOT_SENT],
-        test="test_a_bus_that_stops_reading_in_the_middle_of_a_call_is_given_up_in_time"),
-    Row(WRONG_TYPE, "greets with a value of another type", all_fail(NOT_LET_IN),
-        lambda world: odd_bus(world).retype("Hello"), end=lambda world: odd_bus(world).behave(), environment=ODD),
-    Row(GARBAGE, "greets with bytes that mean nothing", all_fail(NOT_LET_IN),
-        lambda world: odd_bus(world).garble(), end=lambda world: odd_bus(world).behave(), environment=ODD),
-    Row(GARBAGE, "sends such bytes to the connection that stays", EVERYTHING, lambda world: odd_bus(world).inject_garbage(),
-        environment=ODD, name="garbage on the connection that stays", after="signals are heard again after 1 s"),
-    Row(DIES, "its connections break in the middle of a call", [Asked(SCAN, logs=SCAN_FAILED, ask=ask_and_stop_bus)], end=start_bus,
-        after="signals are heard again after 1 s, or up to 30 s where it stays away long"),
-    Row(RESTARTS, "its connections break", EVERYTHING, restart_bus, after="signals are heard again after 1 s"),
-    Row(FLOODS, "3,000 signals of somebody else, sent straight to the daemon", name="floods",
-        test="test_a_flood_of_signals_of_somebody_else_is_passed_over", text="`Scan`: success", takes="under 20 s in all"),
-], prepare)
+NEIGHBOUR = Neighbour(
+    "System bus",
+    "Each call opens a connection of its own; one more stays, for wpa_supplicant's signals.",
+    [
+        Row(
+            ABSENT,
+            "no socket",
+            WITHOUT_A_BUS,
+            before=stop_bus,
+            end=start_bus,
+            after="used as soon as it is there; the signals of " "wpa_supplicant are heard from the daemon's next start on",
+            name=ABSENT,
+        ),
+        Row(
+            REFUSES,
+            "lets nobody in",
+            all_fail(NOT_LET_IN),
+            lambda world: odd_bus(world).reject(),
+            end=lambda world: odd_bus(world).behave(),
+            environment=ODD,
+        ),
+        Row(
+            HANGS,
+            "takes connections and messages, and never answers",
+            all_fail(NOT_LET_IN, SHORT_TIMEOUT),
+            lambda world: world.system_bus.freeze(),
+            end=lambda world: world.system_bus.thaw(),
+            environment=SHORT,
+        ),
+        Row(
+            HANGS,
+            "the same, at the real time-out",
+            [Asked(SCAN, logs=SCAN_FAILED, waits=REAL_TIMEOUT)],
+            lambda world: world.system_bus.freeze(),
+            end=lambda world: world.system_bus.thaw(),
+            slow=True,
+            name="hangs for 25 s",
+        ),
+        Row(
+            HANGS,
+            "stops reading in the middle of a message that its socket cannot hold",
+            name="stops reading",
+            takes="25 s",
+            text=f"`Connect` with a name of 30 MB: `{NOT_CONNECTED}`",
+            lines=[NOT_SENT],
+            test="test_a_bus_that_stops_reading_in_the_middle_of_a_call_is_given_up_in_time",
+        ),
+        Row(
+            WRONG_TYPE,
+            "greets with a value of another type",
+            all_fail(NOT_LET_IN),
+            lambda world: odd_bus(world).retype("Hello"),
+            end=lambda world: odd_bus(world).behave(),
+            environment=ODD,
+        ),
+        Row(
+            GARBAGE,
+            "greets with bytes that mean nothing",
+            all_fail(NOT_LET_IN),
+            lambda world: odd_bus(world).garble(),
+            end=lambda world: odd_bus(world).behave(),
+            environment=ODD,
+        ),
+        Row(
+            GARBAGE,
+            "sends such bytes to the connection that stays",
+            EVERYTHING,
+            lambda world: odd_bus(world).inject_garbage(),
+            environment=ODD,
+            name="garbage on the connection that stays",
+            after="signals are heard again after 1 s",
+        ),
+        Row(
+            DIES,
+            "its connections break in the middle of a call",
+            [Asked(SCAN, logs=SCAN_FAILED, ask=ask_and_stop_bus)],
+            end=start_bus,
+            after="signals are heard again after 1 s, or up to 30 s where it stays away long",
+        ),
+        Row(RESTARTS, "its connections break", EVERYTHING, restart_bus, after="signals are heard again after 1 s"),
+        Row(
+            FLOODS,
+            "3,000 signals of somebody else, sent straight to the daemon",
+            name="floods",
+            test="test_a_flood_of_signals_of_somebody_else_is_passed_over",
+            text="`Scan`: success",
+            takes="under 20 s in all",
+        ),
+    ],
+    prepare,
+)
 
 
 @pytest.mark.parametrize("row", NEIGHBOUR.parameters())
@@ -151,8 +261,11 @@ async def flood(world: World, count: int) -> None:
     bus = await connect(world.system_bus.address)
     try:
         names = (await ask(bus, "ListNames"))[0]
-        own = [name for name in names if name.startswith(":")
-               and (await ask(bus, "GetConnectionUnixProcessID", "s", [name]))[0] == world.daemon.pid]
+        own = [
+            name
+            for name in names
+            if name.startswith(":") and (await ask(bus, "GetConnectionUnixProcessID", "s", [name]))[0] == world.daemon.pid
+        ]
         assert len(own) == 1
         for number in range(count):
             if number % 100 == 0:
@@ -167,8 +280,16 @@ async def flood(world: World, count: int) -> None:
 
 async def ask(bus: object, member: str, signature: str = "", body: list[object] | None = None) -> list[object]:
     """Ask the bus itself."""
-    reply = await bus.call(Message(destination="org.freedesktop.DBus", path="/org/freedesktop/DBus",  # type: ignore[attr-defined]
-                                   interface="org.freedesktop.DBus", member=member, signature=signature, body=body or []))
+    reply = await bus.call(
+        Message(
+            destination="org.freedesktop.DBus",
+            path="/org/freedesktop/DBus",  # type: ignore[attr-defined]
+            interface="org.freedesktop.DBus",
+            member=member,
+            signature=signature,
+            body=body or [],
+        )
+    )
     return list(reply.body)
 
 

@@ -20,28 +20,67 @@ LOGGED = log("info", "Set 'SSID' property")
 ANSWERED = "every request is answered"
 LOST = "what is logged meanwhile is lost; the next line arrives"
 
-NEIGHBOUR = Neighbour("System log", "`/dev/log`, to which syslog(3) writes every line before the daemon goes on.", [
-    Row(ABSENT, "no socket", text=ANSWERED, takes="at once", test="test_without_a_log_everything_else_works", after=LOST),
-    Row(REFUSES, "nobody is behind the socket", text=ANSWERED, takes="at once", name="dead log",
-        test="test_a_log_that_is_dead_holds_nothing_up", after=LOST),
-    Row(HANGS, "takes nothing out of a queue that is full (10 lines, 512 with systemd)", takes="as long as it hangs, until the "
-        "watchdog or SIGTERM ends the daemon", text="requests are answered when it goes on", after="nothing is lost",
-        test="test_a_log_that_hangs_stops_the_daemon_until_it_goes_on"),
-    Row(HANGS, "the same, when the daemon is to end", takes="under 1 s", text="exit status 0", name="hangs at the end",
-        after="the next start after the fault succeeds", test="test_a_log_that_hangs_does_not_keep_the_daemon_from_ending"),
-    Impossible((WRONG_TYPE, GARBAGE), "it is told and says nothing"),
-    Row(DIES, "ends while the daemon waits for it", text="requests that waited are answered at once", takes="at once",
-        after=LOST, test="test_a_log_that_dies_lets_go_of_the_daemon"),
-    Row(RESTARTS, "its socket is replaced by a new one", text=ANSWERED, takes="at once",
-        after="the next line arrives at the new one", test="test_a_log_that_restarts_is_found_again"),
-    Impossible((FLOODS,), "it says nothing"),
-])
+NEIGHBOUR = Neighbour(
+    "System log",
+    "`/dev/log`, to which syslog(3) writes every line before the daemon goes on.",
+    [
+        Row(ABSENT, "no socket", text=ANSWERED, takes="at once", test="test_without_a_log_everything_else_works", after=LOST),
+        Row(
+            REFUSES,
+            "nobody is behind the socket",
+            text=ANSWERED,
+            takes="at once",
+            name="dead log",
+            test="test_a_log_that_is_dead_holds_nothing_up",
+            after=LOST,
+        ),
+        Row(
+            HANGS,
+            "takes nothing out of a queue that is full (10 lines, 512 with systemd)",
+            takes="as long as it hangs, until the " "watchdog or SIGTERM ends the daemon",
+            text="requests are answered when it goes on",
+            after="nothing is lost",
+            test="test_a_log_that_hangs_stops_the_daemon_until_it_goes_on",
+        ),
+        Row(
+            HANGS,
+            "the same, when the daemon is to end",
+            takes="under 1 s",
+            text="exit status 0",
+            name="hangs at the end",
+            after="the next start after the fault succeeds",
+            test="test_a_log_that_hangs_does_not_keep_the_daemon_from_ending",
+        ),
+        Impossible((WRONG_TYPE, GARBAGE), "it is told and says nothing"),
+        Row(
+            DIES,
+            "ends while the daemon waits for it",
+            text="requests that waited are answered at once",
+            takes="at once",
+            after=LOST,
+            test="test_a_log_that_dies_lets_go_of_the_daemon",
+        ),
+        Row(
+            RESTARTS,
+            "its socket is replaced by a new one",
+            text=ANSWERED,
+            takes="at once",
+            after="the next line arrives at the new one",
+            test="test_a_log_that_restarts_is_found_again",
+        ),
+        Impossible((FLOODS,), "it says nothing"),
+    ],
+)
 
 
 def write_name(world: World) -> "Future[list[Any]]":
     """Write the SSID that the access point has: one line of the log, and nothing else is asked or done."""
-    return world.call_async("Set", "ssv", ["com.vantora.Network1.WiFi", "SSID", Variant("s", "Korrin One")],
-                            interface="org.freedesktop.DBus.Properties")
+    return world.call_async(
+        "Set",
+        "ssv",
+        ["com.vantora.Network1.WiFi", "SSID", Variant("s", "Korrin One")],
+        interface="org.freedesktop.DBus.Properties",
+    )
 
 
 def queue_length() -> int:

@@ -10,8 +10,23 @@ from collections.abc import Callable
 
 import pytest
 from dbus_next.aio import MessageBus
-from faults import (ABSENT, DIES, FLOODS, GARBAGE, HANGS, REFUSES, RESTARTS, SHORT, SHORT_TIMEOUT, SLACK, WRONG_TYPE, Line,
-                    Neighbour, Row, try_row)
+from faults import (
+    ABSENT,
+    DIES,
+    FLOODS,
+    GARBAGE,
+    HANGS,
+    REFUSES,
+    RESTARTS,
+    SHORT,
+    SHORT_TIMEOUT,
+    SLACK,
+    WRONG_TYPE,
+    Line,
+    Neighbour,
+    Row,
+    try_row,
+)
 from odd_bus import OddBus, odd_bus
 from supervisor import Supervisor
 from test_faults_settings_daemon import asked as settings_fail
@@ -34,42 +49,135 @@ def failed_start(error: int) -> Line:
 
 ABOUT = "A daemon that nobody can reach is worth nothing: without its bus it ends, and its unit starts it anew."
 
-NEIGHBOUR = Neighbour("User bus", ABOUT, [
-    Row(ABSENT, "no socket", test="test_without_a_bus_it_is_started_until_there_is_one", text="nobody can ask; exit status 1",
-        lines=[failed_start(-2)], takes="at once", after=COMES_UP),
-    Row(REFUSES, "lets nobody in", name="lets nobody in", test="test_a_bus_that_lets_nobody_in_is_tried_again",
-        text="nobody can ask; exit status 1", lines=[failed_start(-107)], takes="at once", after=COMES_UP),
-    Row(REFUSES, "the name is somebody else's", name="name taken", test="test_a_name_that_is_taken_is_asked_for_again",
-        text="the other one answers; exit status 1", lines=[failed_start(-17)], takes="at once", after=COMES_UP),
-    Row(REFUSES, "refuses further connections, and so those to the settings daemon", settings_fail(NOT_LET_IN),
-        lambda world: odd_bus(world).reject(), end=lambda world: odd_bus(world).behave(), environment=ODD,
-        name="refuses further connections"),
-    Row(HANGS, "takes the connection and says nothing, at the start", name="hangs at the start",
-        test="test_a_bus_that_hangs_at_the_start_is_given_up_and_tried_again", text="nobody can ask; exit status 1",
-        lines=[failed_start(-107)], takes="25 s", after=COMES_UP),
-    Row(HANGS, "passes nothing on for a while", name="hangs while the daemon runs",
-        test="test_a_bus_that_hangs_for_a_while_loses_nothing", text="requests and announcements come when it goes on",
-        takes="as long as it hangs"),
-    Row(HANGS, "takes no further connection in, and so none to the settings daemon", settings_fail(NOT_LET_IN, SHORT_TIMEOUT),
-        lambda world: odd_bus(world).be_silent(), end=lambda world: odd_bus(world).behave(), environment={**ODD, **SHORT},
-        name="hangs for further connections"),
-    Row(WRONG_TYPE, "answers the request for the name with another type", test="test_an_answer_of_another_type_ends_the_start",
-        text="nobody can ask; exit status 1", lines=[failed_start(-6)], takes="at once", after=COMES_UP),
-    Row(GARBAGE, "sends bytes that mean nothing", test="test_bytes_that_mean_nothing_end_the_daemon_which_comes_back", text=ENDS,
-        takes="at once", after=COMES_BACK),
-    Row(DIES, "is killed while a mode is being changed",
-        test="test_a_bus_that_dies_in_the_middle_of_a_change_keeps_what_was_stored", text=ENDS + ", after the change",
-        takes="at once", after=COMES_BACK + "; the mode is the new one"),
-    Row(DIES, "hangs up on the daemon that is being let in, at the start", name="hangs up at the start",
-        test="test_start_up.py::test_a_user_bus_that_takes_the_connection_and_hangs_up_ends_it_likewise",
-        text="nobody can ask; exit status 1", lines=[failed_start(-107)], takes="at once", after=COMES_UP),
-    Row(RESTARTS, "with `user@0.service`", test="test_a_restart_of_the_bus_is_one_of_the_daemon", text=ENDS,
-        takes="under 1 s (`test_clean_end.py`)", after=COMES_BACK),
-    Row(FLOODS, "1,500 notifications of the settings daemon", text="a request is answered between two of them", takes="under 1 s",
-        test="test_settings_notifications.py::test_a_flood_of_notifications_keeps_a_request_waiting_for_less_than_a_second"),
-    Row(FLOODS, "2,000 requests of four clients, wrong in most ways", text="each is answered; nothing is changed", takes="at once",
-        test="test_bus_load.py::test_two_thousand_random_requests_are_all_answered_and_change_nothing"),
-], prepare)
+NEIGHBOUR = Neighbour(
+    "User bus",
+    ABOUT,
+    [
+        Row(
+            ABSENT,
+            "no socket",
+            test="test_without_a_bus_it_is_started_until_there_is_one",
+            text="nobody can ask; exit status 1",
+            lines=[failed_start(-2)],
+            takes="at once",
+            after=COMES_UP,
+        ),
+        Row(
+            REFUSES,
+            "lets nobody in",
+            name="lets nobody in",
+            test="test_a_bus_that_lets_nobody_in_is_tried_again",
+            text="nobody can ask; exit status 1",
+            lines=[failed_start(-107)],
+            takes="at once",
+            after=COMES_UP,
+        ),
+        Row(
+            REFUSES,
+            "the name is somebody else's",
+            name="name taken",
+            test="test_a_name_that_is_taken_is_asked_for_again",
+            text="the other one answers; exit status 1",
+            lines=[failed_start(-17)],
+            takes="at once",
+            after=COMES_UP,
+        ),
+        Row(
+            REFUSES,
+            "refuses further connections, and so those to the settings daemon",
+            settings_fail(NOT_LET_IN),
+            lambda world: odd_bus(world).reject(),
+            end=lambda world: odd_bus(world).behave(),
+            environment=ODD,
+            name="refuses further connections",
+        ),
+        Row(
+            HANGS,
+            "takes the connection and says nothing, at the start",
+            name="hangs at the start",
+            test="test_a_bus_that_hangs_at_the_start_is_given_up_and_tried_again",
+            text="nobody can ask; exit status 1",
+            lines=[failed_start(-107)],
+            takes="25 s",
+            after=COMES_UP,
+        ),
+        Row(
+            HANGS,
+            "passes nothing on for a while",
+            name="hangs while the daemon runs",
+            test="test_a_bus_that_hangs_for_a_while_loses_nothing",
+            text="requests and announcements come when it goes on",
+            takes="as long as it hangs",
+        ),
+        Row(
+            HANGS,
+            "takes no further connection in, and so none to the settings daemon",
+            settings_fail(NOT_LET_IN, SHORT_TIMEOUT),
+            lambda world: odd_bus(world).be_silent(),
+            end=lambda world: odd_bus(world).behave(),
+            environment={**ODD, **SHORT},
+            name="hangs for further connections",
+        ),
+        Row(
+            WRONG_TYPE,
+            "answers the request for the name with another type",
+            test="test_an_answer_of_another_type_ends_the_start",
+            text="nobody can ask; exit status 1",
+            lines=[failed_start(-6)],
+            takes="at once",
+            after=COMES_UP,
+        ),
+        Row(
+            GARBAGE,
+            "sends bytes that mean nothing",
+            test="test_bytes_that_mean_nothing_end_the_daemon_which_comes_back",
+            text=ENDS,
+            takes="at once",
+            after=COMES_BACK,
+        ),
+        Row(
+            DIES,
+            "is killed while a mode is being changed",
+            test="test_a_bus_that_dies_in_the_middle_of_a_change_keeps_what_was_stored",
+            text=ENDS + ", after the change",
+            takes="at once",
+            after=COMES_BACK + "; the mode is the new one",
+        ),
+        Row(
+            DIES,
+            "hangs up on the daemon that is being let in, at the start",
+            name="hangs up at the start",
+            test="test_start_up.py::test_a_user_bus_that_takes_the_connection_and_hangs_up_ends_it_likewise",
+            text="nobody can ask; exit status 1",
+            lines=[failed_start(-107)],
+            takes="at once",
+            after=COMES_UP,
+        ),
+        Row(
+            RESTARTS,
+            "with `user@0.service`",
+            test="test_a_restart_of_the_bus_is_one_of_the_daemon",
+            text=ENDS,
+            takes="under 1 s (`test_clean_end.py`)",
+            after=COMES_BACK,
+        ),
+        Row(
+            FLOODS,
+            "1,500 notifications of the settings daemon",
+            text="a request is answered between two of them",
+            takes="under 1 s",
+            test="test_settings_notifications.py::test_a_flood_of_notifications_keeps_a_request_waiting_for_less_than_a_second",
+        ),
+        Row(
+            FLOODS,
+            "2,000 requests of four clients, wrong in most ways",
+            text="each is answered; nothing is changed",
+            takes="at once",
+            test="test_bus_load.py::test_two_thousand_random_requests_are_all_answered_and_change_nothing",
+        ),
+    ],
+    prepare,
+)
 
 
 @pytest.mark.parametrize("row", NEIGHBOUR.parameters())
@@ -94,8 +202,9 @@ def assert_state_is_back(world: World, since: int, mode: str = "Host") -> None:
         world.hostapd.wait_attached()
 
 
-def assert_comes_up_after(world: World, error: int, mend: Callable[[], None], environment: dict[str, str | None] | None = None,
-                          waits: float = 0.0) -> None:
+def assert_comes_up_after(
+    world: World, error: int, mend: Callable[[], None], environment: dict[str, str | None] | None = None, waits: float = 0.0
+) -> None:
     """Each start fails with this error; after the mending one succeeds."""
     furnish(world)
     begin = time.monotonic()
@@ -154,7 +263,9 @@ def test_a_bus_that_hangs_for_a_while_loses_nothing(world: World) -> None:
     mark = world.journal.mark()
     world.user_bus.freeze()
     try:
-        asked = world.call_async("Get", "ss", ["com.vantora.Network1.WiFi", "Mode"], interface="org.freedesktop.DBus.Properties")
+        asked = world.call_async(
+            "Get", "ss", ["com.vantora.Network1.WiFi", "Mode"], interface="org.freedesktop.DBus.Properties"
+        )
         world.hostapd.enable()
         world.journal.wait_for(log("info", "wifi_host_ap_initialised: AP State: READY"), mark)
         assert daemon.running and not asked.done()
@@ -162,8 +273,10 @@ def test_a_bus_that_hangs_for_a_while_loses_nothing(world: World) -> None:
         world.user_bus.thaw()
     assert asked.result(DEADLINE)[0].value == "Host"
     world.journal.wait_for(changed("WiFiAccessPointInitialised", True), mark)
-    assert world.journal.logs(mark) == [("info", "ListenTask: Recv <3>AP-ENABLED "),
-                                        ("info", "wifi_host_ap_initialised: AP State: READY")]
+    assert world.journal.logs(mark) == [
+        ("info", "ListenTask: Recv <3>AP-ENABLED "),
+        ("info", "wifi_host_ap_initialised: AP State: READY"),
+    ]
 
 
 def test_bytes_that_mean_nothing_end_the_daemon_which_comes_back(world: World) -> None:
@@ -201,8 +314,12 @@ def test_a_bus_that_dies_in_the_middle_of_a_change_keeps_what_was_stored(world: 
         with supervisor.holding_back():
             mark = world.journal.mark()
             world.systemd.hang("Stop", times=1)
-            write = world.call_async("Set", "ssv", ["com.vantora.Network1.WiFi", "Mode", Variant("s", "Client")],
-                                     interface="org.freedesktop.DBus.Properties")
+            write = world.call_async(
+                "Set",
+                "ssv",
+                ["com.vantora.Network1.WiFi", "Mode", Variant("s", "Client")],
+                interface="org.freedesktop.DBus.Properties",
+            )
             world.journal.wait_for(call("Stop"), mark)
             world.user_bus.stop()
             world.systemd.release()

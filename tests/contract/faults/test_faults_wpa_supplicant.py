@@ -6,10 +6,39 @@ import signal as signals
 import time
 
 import pytest
-from fault_requests import (ACCESS_POINTS, ADD_NETWORK, CONNECT, CONNECT_OPENING, DISCONNECT, DISCONNECT_CALLED, GET_ACCESS_POINTS,
-                            NETWORK_ADDED, NOT_CONNECTED, SCAN, select, still_station)
-from faults import (ABSENT, DIES, FLOODS, GARBAGE, HANGS, REAL_TIMEOUT, REFUSES, RESTARTS, SHORT, SHORT_TIMEOUT, WRONG_TYPE, Asked,
-                    Line, Neighbour, Row, check, try_row)
+from fault_requests import (
+    ACCESS_POINTS,
+    ADD_NETWORK,
+    CONNECT,
+    CONNECT_OPENING,
+    DISCONNECT,
+    DISCONNECT_CALLED,
+    GET_ACCESS_POINTS,
+    NETWORK_ADDED,
+    NOT_CONNECTED,
+    SCAN,
+    select,
+    still_station,
+)
+from faults import (
+    ABSENT,
+    DIES,
+    FLOODS,
+    GARBAGE,
+    HANGS,
+    REAL_TIMEOUT,
+    REFUSES,
+    RESTARTS,
+    SHORT,
+    SHORT_TIMEOUT,
+    WRONG_TYPE,
+    Asked,
+    Line,
+    Neighbour,
+    Row,
+    check,
+    try_row,
+)
 from station import network, wait_first_state
 from supervisor import Supervisor
 from vantora_sim import DEADLINE, Variant, World, call, changed, log
@@ -24,27 +53,43 @@ def call_failed(function: str) -> Line:
 
 
 SCAN_FAILED = [*SCAN.logs, call_failed("wpa_supplicant_scan")]
-DISCONNECT_FAILED = [DISCONNECT_CALLED, call_failed("wpa_supplicant_disconnect_network"),
-                     ("err", "[Main] disconnect_from_ap: Failed to connect to AP")]
+DISCONNECT_FAILED = [
+    DISCONNECT_CALLED,
+    call_failed("wpa_supplicant_disconnect_network"),
+    ("err", "[Main] disconnect_from_ap: Failed to connect to AP"),
+]
 
 
 def not_selected(path: str) -> list[Line]:
     """The lines of a network that could not be selected and is removed again."""
-    return [*select(path), call_failed("wpa_supplicant_select_network"), ("err", "[Main] connect_to_ap: Failed to connect to AP"),
-            ("info", f"[WPA] Remove network: {path}"), call_failed("wpa_supplicant_remove_network"), STATE_READ]
+    return [
+        *select(path),
+        call_failed("wpa_supplicant_select_network"),
+        ("err", "[Main] connect_to_ap: Failed to connect to AP"),
+        ("info", f"[WPA] Remove network: {path}"),
+        call_failed("wpa_supplicant_remove_network"),
+        STATE_READ,
+    ]
 
 
 NOT_ADDED = [*CONNECT_OPENING, *ADD_NETWORK, ("err", "[WPA] wpa_supplicant_add_network: Method call failed"), *not_selected("")]
-UNREADABLE = [*CONNECT_OPENING, *ADD_NETWORK, ("err", "[WPA] wpa_supplicant_add_network: Failed to read response"),
-              *not_selected("")]
+UNREADABLE = [
+    *CONNECT_OPENING,
+    *ADD_NETWORK,
+    ("err", "[WPA] wpa_supplicant_add_network: Failed to read response"),
+    *not_selected(""),
+]
 ADDED_IN_VAIN = [*CONNECT_OPENING, *ADD_NETWORK, NETWORK_ADDED]
 
 
 def answers_nothing(waits: float = 0.0) -> list[Asked]:
     """What comes of each request when every call of wpa_supplicant fails after a while."""
-    return [Asked(SCAN, logs=SCAN_FAILED, waits=waits), Asked(CONNECT, NOT_CONNECTED, NOT_ADDED, waits),
-            Asked(DISCONNECT, NOT_CONNECTED, DISCONNECT_FAILED, waits),
-            Asked(ACCESS_POINTS, "[]", [GET_ACCESS_POINTS, NO_LIST], waits)]
+    return [
+        Asked(SCAN, logs=SCAN_FAILED, waits=waits),
+        Asked(CONNECT, NOT_CONNECTED, NOT_ADDED, waits),
+        Asked(DISCONNECT, NOT_CONNECTED, DISCONNECT_FAILED, waits),
+        Asked(ACCESS_POINTS, "[]", [GET_ACCESS_POINTS, NO_LIST], waits),
+    ]
 
 
 def prepare(world: World) -> None:
@@ -56,6 +101,7 @@ def dies(member: str, request: object, seen: str | None, logs: list[Line], on: s
     def cause(world: World) -> None:
         world.wpa.come_back()
         world.wpa.vanish(member, on=on)
+
     return Asked(request, seen, logs, cause=cause)  # type: ignore[arg-type]
 
 
@@ -98,37 +144,108 @@ def no_longer_hang(world: World) -> None:
 
 ABOUT = "Each call opens a connection to the system bus of its own. Its signals come over one that stays."
 
-NEIGHBOUR = Neighbour("wpa_supplicant", ABOUT, [
-    Row(ABSENT, "its unit never started", answers_nothing(), before=lambda world: world.wpa.go(),
-        end=lambda world: world.wpa.come_back(), after="used and heard as soon as it is there"),
-    Row(REFUSES, "answers every call with an error", answers_nothing(), lambda world: world.wpa.refuse()),
-    Row(HANGS, "answers no call", answers_nothing(SHORT_TIMEOUT), lambda world: world.wpa.hang(), environment=SHORT),
-    Row(HANGS, "answers no call, at the real time-out", [Asked(SCAN, logs=SCAN_FAILED, waits=REAL_TIMEOUT)],
-        lambda world: world.wpa.hang(), slow=True, name="hangs for 25 s"),
-    Row(HANGS, "answers for the list, not for its BSSs: given up after two", [Asked(ACCESS_POINTS, "[]", waits=2 * SHORT_TIMEOUT)],
-        hang_in_a_list, environment=SHORT, name="hangs in the middle of a list", end=no_longer_hang),
-    Row(WRONG_TYPE, "answers with other types", [
-        Asked(SCAN), Asked(CONNECT, NOT_CONNECTED, UNREADABLE), Asked(DISCONNECT),
-        Asked(ACCESS_POINTS, "[]", [GET_ACCESS_POINTS, NO_LIST])], odd_types),
-    Row(WRONG_TYPE, '`State`, `CurrentBSS`, `BSSs` or a property of a BSS of a type that it never has', name="signals a wrong type",
-        test="test_a_wrong_type_in_a_signal_ends_the_daemon_which_comes_back", text="the daemon ends by SIGABRT, with the C++ runtime's last words on standard error",
-        takes="at once", after="started again by its unit; the stored mode and all announcements are back"),
-    Row(GARBAGE, "names what does not exist, signals what cannot be read", [
-        Asked(SCAN), Asked(CONNECT, NOT_CONNECTED, [
-            *CONNECT_OPENING, *ADD_NETWORK, ("info", "[WPA] Network object added '/no/such/network'"),
-            *not_selected("/no/such/network")]),
-        Asked(DISCONNECT), Asked(ACCESS_POINTS)], odd_values),
-    Row(DIES, "ends instead of answering", [
-        dies("Scan", SCAN, None, SCAN_FAILED), dies("AddNetwork", CONNECT, NOT_CONNECTED, NOT_ADDED),
-        dies("SelectNetwork", CONNECT, NOT_CONNECTED, [*ADDED_IN_VAIN, *not_selected(network(0))]),
-        dies("Disconnect", DISCONNECT, NOT_CONNECTED, DISCONNECT_FAILED),
-        dies("Get", ACCESS_POINTS, "[]", [GET_ACCESS_POINTS, NO_LIST], on="BSSs"),
-        dies("GetAll", ACCESS_POINTS, "[]", [GET_ACCESS_POINTS])], end=lambda world: world.wpa.come_back()),
-    Row(RESTARTS, "forgets the network that was selected", [
-        Asked(CONNECT), Asked(DISCONNECT), Asked(SCAN), Asked(ACCESS_POINTS)], start_again, after="its signals are heard from the new one"),
-    Row(FLOODS, "3,000 notifications at once", test="test_a_flood_of_notifications_holds_requests_up_for_a_moment_and_loses_none",
-        text="`Scan`: success", lines=[NOTIFIED], takes="under 20 s in all"),
-], prepare)
+NEIGHBOUR = Neighbour(
+    "wpa_supplicant",
+    ABOUT,
+    [
+        Row(
+            ABSENT,
+            "its unit never started",
+            answers_nothing(),
+            before=lambda world: world.wpa.go(),
+            end=lambda world: world.wpa.come_back(),
+            after="used and heard as soon as it is there",
+        ),
+        Row(REFUSES, "answers every call with an error", answers_nothing(), lambda world: world.wpa.refuse()),
+        Row(HANGS, "answers no call", answers_nothing(SHORT_TIMEOUT), lambda world: world.wpa.hang(), environment=SHORT),
+        Row(
+            HANGS,
+            "answers no call, at the real time-out",
+            [Asked(SCAN, logs=SCAN_FAILED, waits=REAL_TIMEOUT)],
+            lambda world: world.wpa.hang(),
+            slow=True,
+            name="hangs for 25 s",
+        ),
+        Row(
+            HANGS,
+            "answers for the list, not for its BSSs: given up after two",
+            [Asked(ACCESS_POINTS, "[]", waits=2 * SHORT_TIMEOUT)],
+            hang_in_a_list,
+            environment=SHORT,
+            name="hangs in the middle of a list",
+            end=no_longer_hang,
+        ),
+        Row(
+            WRONG_TYPE,
+            "answers with other types",
+            [
+                Asked(SCAN),
+                Asked(CONNECT, NOT_CONNECTED, UNREADABLE),
+                Asked(DISCONNECT),
+                Asked(ACCESS_POINTS, "[]", [GET_ACCESS_POINTS, NO_LIST]),
+            ],
+            odd_types,
+        ),
+        Row(
+            WRONG_TYPE,
+            "`State`, `CurrentBSS`, `BSSs` or a property of a BSS of a type that it never has",
+            name="signals a wrong type",
+            test="test_a_wrong_type_in_a_signal_ends_the_daemon_which_comes_back",
+            text="the daemon ends by SIGABRT, with the C++ runtime's last words on standard error",
+            takes="at once",
+            after="started again by its unit; the stored mode and all announcements are back",
+        ),
+        Row(
+            GARBAGE,
+            "names what does not exist, signals what cannot be read",
+            [
+                Asked(SCAN),
+                Asked(
+                    CONNECT,
+                    NOT_CONNECTED,
+                    [
+                        *CONNECT_OPENING,
+                        *ADD_NETWORK,
+                        ("info", "[WPA] Network object added '/no/such/network'"),
+                        *not_selected("/no/such/network"),
+                    ],
+                ),
+                Asked(DISCONNECT),
+                Asked(ACCESS_POINTS),
+            ],
+            odd_values,
+        ),
+        Row(
+            DIES,
+            "ends instead of answering",
+            [
+                dies("Scan", SCAN, None, SCAN_FAILED),
+                dies("AddNetwork", CONNECT, NOT_CONNECTED, NOT_ADDED),
+                dies("SelectNetwork", CONNECT, NOT_CONNECTED, [*ADDED_IN_VAIN, *not_selected(network(0))]),
+                dies("Disconnect", DISCONNECT, NOT_CONNECTED, DISCONNECT_FAILED),
+                dies("Get", ACCESS_POINTS, "[]", [GET_ACCESS_POINTS, NO_LIST], on="BSSs"),
+                dies("GetAll", ACCESS_POINTS, "[]", [GET_ACCESS_POINTS]),
+            ],
+            end=lambda world: world.wpa.come_back(),
+        ),
+        Row(
+            RESTARTS,
+            "forgets the network that was selected",
+            [Asked(CONNECT), Asked(DISCONNECT), Asked(SCAN), Asked(ACCESS_POINTS)],
+            start_again,
+            after="its signals are heard from the new one",
+        ),
+        Row(
+            FLOODS,
+            "3,000 notifications at once",
+            test="test_a_flood_of_notifications_holds_requests_up_for_a_moment_and_loses_none",
+            text="`Scan`: success",
+            lines=[NOTIFIED],
+            takes="under 20 s in all",
+        ),
+    ],
+    prepare,
+)
 
 
 @pytest.mark.parametrize("row", NEIGHBOUR.parameters())
@@ -140,8 +257,11 @@ def test_fault(world: World, row: Row) -> None:
     world.journal.wait_for(changed("WiFiClientState", "disconnected"), mark)
 
 
-@pytest.mark.parametrize("wrong", [{"State": Variant("u", 9)}, {"CurrentBSS": Variant("u", 9)}, {"BSSs": Variant("s", "/")}, None],
-                         ids=["State", "CurrentBSS", "BSSs", "a property of a BSS"])
+@pytest.mark.parametrize(
+    "wrong",
+    [{"State": Variant("u", 9)}, {"CurrentBSS": Variant("u", 9)}, {"BSSs": Variant("s", "/")}, None],
+    ids=["State", "CurrentBSS", "BSSs", "a property of a BSS"],
+)
 def test_a_wrong_type_in_a_signal_ends_the_daemon_which_comes_back(world: World, wrong: dict[str, Variant] | None) -> None:
     prepare(world)
     with Supervisor(world) as supervisor:

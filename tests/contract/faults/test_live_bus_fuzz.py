@@ -20,5 +20,13 @@ def test_random_calls_leave_the_daemon_as_its_settings_say(world: World) -> None
     fuzzer.run(2_000)
     # All kinds of refusals were met, so the calls were not all of one kind.
     assert {error.rsplit(".", 1)[-1] for error in fuzzer.answers} >= {
-        "reply", "none wanted", "InvalidArgs", "AccessDenied", "UnknownObject", "UnknownProperty", "UnknownMethod",
-        "PropertyReadOnly", "Failed"}
+        "reply",
+        "none wanted",
+        "InvalidArgs",
+        "AccessDenied",
+        "UnknownObject",
+        "UnknownProperty",
+        "UnknownMethod",
+        "PropertyReadOnly",
+        "Failed",
+    }

@@ -29,7 +29,6 @@ def folder() -> Iterator[Path]:
         yield Path(made)
 
 
-
 @dataclass(frozen=True)
 class Request:
     """Something that changes the mode, and what the mode is before and after."""
@@ -64,8 +63,12 @@ FAULTS = {
     "EMFILE": "error=EMFILE:when={}",
     "EPERM": "error=EPERM:when={}",
 }
-TRIED = [(request, fault) for request in REQUESTS for fault in FAULTS
-         if request.name == "a later write" or fault in ("kill", "EIO", "EIO from then on")]
+TRIED = [
+    (request, fault)
+    for request in REQUESTS
+    for fault in FAULTS
+    if request.name == "a later write" or fault in ("kill", "EIO", "EIO from then on")
+]
 """Each fault for one request; those that matter most for the others, whose steps differ little."""
 
 ATTEMPTS = 5
@@ -94,10 +97,13 @@ async def _steps_of(settings: TracedSettings, request: Request) -> list[Step]:
 
 async def _check(settings: TracedSettings, request: Request, answer: Answer) -> None:
     """Memory, disk and acknowledgement agree, now and after a restart, and all works again."""
+
     def mode() -> str:
         return str(settings.stored("network", "mode", DEFAULT))
 
-    allowed = {request.after} if answer.acknowledged else {request.before} if answer.refused else {request.before, request.after}
+    allowed = (
+        {request.after} if answer.acknowledged else {request.before} if answer.refused else {request.before, request.after}
+    )
     if not answer.lost and (in_effect := await settings.read_unless_it_ends("network", "mode")) is not None:
         assert in_effect in allowed
         assert mode() == in_effect, "the disk holds something else than a read yields"
@@ -143,8 +149,9 @@ def test_a_write_takes_the_steps_that_are_tried_here(request_: Request, folder: 
 
 
 @pytest.mark.parametrize("request_, fault", TRIED, ids=str)
-def test_a_write_happens_or_does_not_whichever_system_call_fails(request_: Request, fault: str, folder: Path,
-                                                                 build_dir: Path) -> None:
+def test_a_write_happens_or_does_not_whichever_system_call_fails(
+    request_: Request, fault: str, folder: Path, build_dir: Path
+) -> None:
     async def run() -> None:
         async with TracedSettings(folder, build_dir) as settings:
             for step in await _steps_of(settings, request_):
@@ -159,6 +166,7 @@ def test_a_write_happens_or_does_not_whichever_system_call_fails(request_: Reque
 
 def test_a_refused_write_is_taken_back_where_its_old_file_could_not_be_at_once(folder: Path, build_dir: Path) -> None:
     """The folder cannot be synced, and the old file not be given its name back: two faults of one write."""
+
     async def run() -> None:
         request = REQUESTS[1]
         async with TracedSettings(folder, build_dir) as settings:
@@ -196,6 +204,7 @@ def test_a_passing_error_at_the_start_loses_no_setting(call: str, error: str, fo
 
 def test_a_lasting_error_at_the_start_refuses_changes_until_it_has_passed(folder: Path, build_dir: Path) -> None:
     """The fifth attempt succeeds: the first three are made at once, the others a second apart."""
+
     async def run() -> None:
         async with TracedSettings(folder, build_dir) as settings:
             settings.file.parent.mkdir()

@@ -5,7 +5,7 @@ from __future__ import annotations
 import time
 
 import pytest
-from station import (FAILED, FLUSH_LOGS, STATION_UNIT, bring_up_station, network, refusal, state_log, station_call, wait_logged)
+from station import FAILED, FLUSH_LOGS, STATION_UNIT, bring_up_station, network, refusal, state_log, station_call, wait_logged
 from vantora_sim import DEADLINE, Variant, World, call, changed, command, log
 
 SCAN_LOGS = [("info", "[WPA] Scan APs"), ("err", "[WPA] wpa_supplicant_scan: Failed to call dbus method")]
@@ -13,15 +13,20 @@ CONNECT_OPENING = [("info", "[Main] Connect to the AP"), ("info", "[Main] Flush 
 DISCONNECT_LOGS = [
     ("info", "[Main] Disconnect from AP called"),
     ("err", "[WPA] wpa_supplicant_disconnect_network: Failed to call dbus method"),
-    ("err", "[Main] disconnect_from_ap: Failed to connect to AP")]
+    ("err", "[Main] disconnect_from_ap: Failed to connect to AP"),
+]
 CONNECT_LOGS = [
-    ("info", "[Main] Add new network"), ("info", "[WPA] Add network 'cafe', passphrase 'secret12'"),
+    ("info", "[Main] Add new network"),
+    ("info", "[WPA] Add network 'cafe', passphrase 'secret12'"),
     ("err", "[WPA] wpa_supplicant_add_network: Method call failed"),
-    ("info", "[Main] Select just added network"), ("info", "[WPA] Select network:"),
+    ("info", "[Main] Select just added network"),
+    ("info", "[WPA] Select network:"),
     ("err", "[WPA] wpa_supplicant_select_network: Failed to call dbus method"),
     ("err", "[Main] connect_to_ap: Failed to connect to AP"),
-    ("info", "[WPA] Remove network: "), ("err", "[WPA] wpa_supplicant_remove_network: Failed to call dbus method"),
-    ("info", "Get 'WiFiClientState' property")]
+    ("info", "[WPA] Remove network: "),
+    ("err", "[WPA] wpa_supplicant_remove_network: Failed to call dbus method"),
+    ("info", "Get 'WiFiClientState' property"),
+]
 NOT_CONNECTED = (FAILED, "Failed to connect to AP")
 
 
@@ -125,9 +130,15 @@ def test_a_station_that_vanishes_in_the_middle_of_a_call_leaves_no_caller_waitin
         case _:
             assert refusal(lambda: connect(world)) == NOT_CONNECTED
             expected = [
-                *CONNECT_OPENING, *CONNECT_LOGS[:2], ("info", f"[WPA] Network object added '{network(0)}'"),
-                ("info", "[Main] Select just added network"), ("info", f"[WPA] Select network:{network(0)}"), *CONNECT_LOGS[5:7],
-                ("info", f"[WPA] Remove network: {network(0)}"), *CONNECT_LOGS[8:]]
+                *CONNECT_OPENING,
+                *CONNECT_LOGS[:2],
+                ("info", f"[WPA] Network object added '{network(0)}'"),
+                ("info", "[Main] Select just added network"),
+                ("info", f"[WPA] Select network:{network(0)}"),
+                *CONNECT_LOGS[5:7],
+                ("info", f"[WPA] Remove network: {network(0)}"),
+                *CONNECT_LOGS[8:],
+            ]
     world.settle()
     assert world.journal.logs(mark) == expected
     world.wpa.come_back()
@@ -148,13 +159,17 @@ def test_a_hanging_station_holds_the_caller_until_it_answers(world: World, membe
         case "Scan" | "Disconnect":
             answer = world.call_async(member)
         case "GetAll":
-            answer = world.call_async("Get", "ss", ["com.vantora.Network1.WiFi", "AccessPoints"], interface="org.freedesktop.DBus.Properties")
+            answer = world.call_async(
+                "Get", "ss", ["com.vantora.Network1.WiFi", "AccessPoints"], interface="org.freedesktop.DBus.Properties"
+            )
         case _:
             answer = world.call_async("Connect", "ss", ["cafe", "secret12"])
     world.journal.wait_for(call(member), mark)
     assert not answer.done()
     world.wpa.clear()
-    assert [getattr(value, "value", value) for value in answer.result(20)] == ([[["cafe", 1, -50, True]]] if member == "GetAll" else [])
+    assert [getattr(value, "value", value) for value in answer.result(20)] == (
+        [[["cafe", 1, -50, True]]] if member == "GetAll" else []
+    )
     assert world.journal.logs(mark, priority="err") == []
 
 
@@ -179,13 +194,17 @@ def test_without_a_system_bus_every_function_says_so(world: World) -> None:
     assert world.call("Scan") == []
     world.settle()
     assert world.journal.logs(mark) == [
-        ("info", "[WPA] Scan APs"), ("err", "[WPA] wpa_supplicant_scan: Failed to open system bus")]
+        ("info", "[WPA] Scan APs"),
+        ("err", "[WPA] wpa_supplicant_scan: Failed to open system bus"),
+    ]
 
     mark = world.journal.mark()
     assert world.get("AccessPoints") == []
     assert world.journal.logs(mark) == [
-        ("info", "[WPA] Get access points"), ("err", "wpa_supplicant_get_access_points: Failed to open system bus"),
-        ("err", "[Main]  Something went wrong with getting APs")]
+        ("info", "[WPA] Get access points"),
+        ("err", "wpa_supplicant_get_access_points: Failed to open system bus"),
+        ("err", "[Main]  Something went wrong with getting APs"),
+    ]
 
     mark = world.journal.mark()
     assert refusal(lambda: world.call("Disconnect")) == NOT_CONNECTED
@@ -193,21 +212,27 @@ def test_without_a_system_bus_every_function_says_so(world: World) -> None:
     assert world.journal.logs(mark) == [
         ("info", "[Main] Disconnect from AP called"),
         ("err", "[WPA] wpa_supplicant_disconnect_network: Failed to open system bus"),
-        ("err", "[Main] disconnect_from_ap: Failed to connect to AP")]
+        ("err", "[Main] disconnect_from_ap: Failed to connect to AP"),
+    ]
 
     mark = world.journal.mark()
     assert refusal(lambda: connect(world)) == NOT_CONNECTED
     world.settle()
     assert world.journal.logs(mark) == [
         *CONNECT_OPENING,
-        ("info", f"[WPA] Remove network: {network(0)}"), ("err", "[WPA] wpa_supplicant_remove_network: Failed to open system bus"),
-        ("info", "[Main] Add new network"), ("info", "[WPA] Add network 'cafe', passphrase 'secret12'"),
+        ("info", f"[WPA] Remove network: {network(0)}"),
+        ("err", "[WPA] wpa_supplicant_remove_network: Failed to open system bus"),
+        ("info", "[Main] Add new network"),
+        ("info", "[WPA] Add network 'cafe', passphrase 'secret12'"),
         ("err", "[WPA] wpa_supplicant_add_network: Failed to open system bus"),
-        ("info", "[Main] Select just added network"), ("info", "[WPA] Select network:"),
+        ("info", "[Main] Select just added network"),
+        ("info", "[WPA] Select network:"),
         ("err", "[WPA] wpa_supplicant_select_network: Failed to open system bus"),
         ("err", "[Main] connect_to_ap: Failed to connect to AP"),
-        ("info", "[WPA] Remove network: "), ("err", "[WPA] wpa_supplicant_remove_network: Failed to open system bus"),
-        ("info", "Get 'WiFiClientState' property")]
+        ("info", "[WPA] Remove network: "),
+        ("err", "[WPA] wpa_supplicant_remove_network: Failed to open system bus"),
+        ("info", "Get 'WiFiClientState' property"),
+    ]
 
 
 def test_the_network_is_kept_when_no_bus_could_carry_its_removal(world: World) -> None:
@@ -228,9 +253,11 @@ def test_without_a_system_bus_at_start_the_listener_says_so(world: World) -> Non
     world.up()
     lines = world.journal.logs()
     start = next(number for number, line in enumerate(lines) if line[1].startswith("[WPA Listener] Start. 0x"))
-    assert lines[start + 1:start + 4] == [
-        ("err", "Start: Could not connect to DBus: -2"), ("err", "Start: Could not listen to signal: -2"),
-        ("info", "[WPA Listener] Start completed")]
+    assert lines[start + 1 : start + 4] == [
+        ("err", "Start: Could not connect to DBus: -2"),
+        ("err", "Start: Could not listen to signal: -2"),
+        ("info", "[WPA Listener] Start completed"),
+    ]
     assert ("info", "[WPA Listener] Start listening") not in lines
 
 
@@ -250,12 +277,19 @@ def test_a_restarted_system_bus_is_followed(world: World) -> None:
 
 
 def test_a_unit_that_does_not_start_leaves_a_device_without_a_station(world: World) -> None:
-    world.systemd.refuse("Start", on="wpa_supplicant-nl80211@wlan0.service", name="org.freedesktop.systemd1.LoadFailed", text="no")
+    world.systemd.refuse(
+        "Start", on="wpa_supplicant-nl80211@wlan0.service", name="org.freedesktop.systemd1.LoadFailed", text="no"
+    )
     world.settings.set("network", "mode", "Client")
     world.up()
-    world.journal.expect_in_order([
-        log("info", "Starting WPA Supplicant daemon service"), call("Start", "replace", path=STATION_UNIT),
-        command("ip addr flush dev wlan0"), changed("Mode", "Client")])
+    world.journal.expect_in_order(
+        [
+            log("info", "Starting WPA Supplicant daemon service"),
+            call("Start", "replace", path=STATION_UNIT),
+            command("ip addr flush dev wlan0"),
+            changed("Mode", "Client"),
+        ]
+    )
     mark = world.journal.mark()
     assert world.call("Scan") == []
     world.settle()
@@ -266,10 +300,24 @@ def test_leaving_client_mode_stops_the_unit(world: World) -> None:
     bring_up_station(world)
     mark = world.journal.mark()
     world.set("Mode", "Host")
-    world.journal.expect_in_order([
-        log("info", "Stoping WPA Supplicant daemon service"),
-        call("LoadUnit", "wpa_supplicant-nl80211@wlan0.service", path="/org/freedesktop/systemd1",
-             interface="org.freedesktop.systemd1.Manager", destination="org.freedesktop.systemd1"),
-        call("Stop", "replace", path=STATION_UNIT, interface="org.freedesktop.systemd1.Unit", destination="org.freedesktop.systemd1")],
-        mark)
+    world.journal.expect_in_order(
+        [
+            log("info", "Stoping WPA Supplicant daemon service"),
+            call(
+                "LoadUnit",
+                "wpa_supplicant-nl80211@wlan0.service",
+                path="/org/freedesktop/systemd1",
+                interface="org.freedesktop.systemd1.Manager",
+                destination="org.freedesktop.systemd1",
+            ),
+            call(
+                "Stop",
+                "replace",
+                path=STATION_UNIT,
+                interface="org.freedesktop.systemd1.Unit",
+                destination="org.freedesktop.systemd1",
+            ),
+        ],
+        mark,
+    )
     wait_logged(world, "info", "[WiFi] Start Host mode", mark)

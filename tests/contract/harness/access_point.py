@@ -9,8 +9,17 @@ CHANNELS = "52 56 60 64 100 104 108 112 116 120 124 128 132 136 140 144"
 DASHES = "-" * 33
 SEPARATOR = ("info", "-" * 44)
 
-USUAL = {"channel": "0", "country_code": "NL", "ctrl_interface": "/var/run/hostapd", "driver": "nl80211", "interface": "wlan0",
-         "rsn_pairwise": "CCMP", "wpa": "2", "wpa_key_mgmt": "WPA-PSK", "wpa_passphrase": "korrin-secret"}
+USUAL = {
+    "channel": "0",
+    "country_code": "NL",
+    "ctrl_interface": "/var/run/hostapd",
+    "driver": "nl80211",
+    "interface": "wlan0",
+    "rsn_pairwise": "CCMP",
+    "wpa": "2",
+    "wpa_key_mgmt": "WPA-PSK",
+    "wpa_passphrase": "korrin-secret",
+}
 """What the usual template holds beside what the daemon sets."""
 
 

@@ -15,8 +15,15 @@ DHCP_CLIENT = "udhcpc@wlan0.service"
 STOP_CLIENT = [f"LoadUnit {DHCP_CLIENT}", f"Stop {DHCP_CLIENT}", f"LoadUnit {STATION}", f"Stop {STATION}"]
 STOP_HOST = [f"LoadUnit {DHCP_SERVER}", f"Stop {DHCP_SERVER}", f"LoadUnit {HOSTAPD}", f"Stop {HOSTAPD}"]
 READ_OVERRIDES = ["get device.deviceName", "get network.frequency"]
-START_HOST = ["ip addr flush dev wlan0", "ip addr add 192.168.8.1/24 dev wlan0", *READ_OVERRIDES,
-              f"LoadUnit {HOSTAPD}", f"Start {HOSTAPD}", f"LoadUnit {DHCP_SERVER}", f"Start {DHCP_SERVER}"]
+START_HOST = [
+    "ip addr flush dev wlan0",
+    "ip addr add 192.168.8.1/24 dev wlan0",
+    *READ_OVERRIDES,
+    f"LoadUnit {HOSTAPD}",
+    f"Start {HOSTAPD}",
+    f"LoadUnit {DHCP_SERVER}",
+    f"Start {DHCP_SERVER}",
+]
 START_CLIENT = [f"LoadUnit {STATION}", f"Start {STATION}", "ip addr flush dev wlan0"]
 RESTART_HOSTAPD = [*READ_OVERRIDES, f"LoadUnit {HOSTAPD}", f"Restart {HOSTAPD}"]
 READ_CONFIG = ["get network.enabled", "get network.mode", "get network.frequency", "get device.deviceName"]
@@ -35,6 +42,7 @@ def bring_up_quietly(world: World) -> None:
 
     Units only change the interface's type; hostapd never opens its socket, and no address reaches the kernel.
     """
+
     async def take_type_along(verb: str, unit: str) -> None:
         if verb == "Start" and unit == HOSTAPD:
             world.radio.interface_type = "AP"

@@ -37,39 +37,66 @@ def still_access_point(world: World) -> None:
 
 # Units
 
+
 def stopped(line: str, unit: str, *more: Line) -> list[Line]:
     return [("info", line), loaded_log(unit), queued_log("Stop", unit, 0), *more]
 
 
-STOP_HOST = [*heading("[WiFi] Stop Host mode"), *stopped("Stoping UDHCP daemon service", DHCP_SERVER),
-             *stopped("Stopping Hostapd daemon service", HOSTAPD, SEPARATOR)]
-STOP_CLIENT = [*heading("[WiFi] Stop Client mode"), *stopped("Stoping UDHCP client service", DHCP_CLIENT),
-               *stopped("Stoping WPA Supplicant daemon service", STATION, SEPARATOR)]
-START_CLIENT = [*heading("[WiFi] Start Client mode"), ("info", "Starting WPA Supplicant daemon service"), loaded_log(STATION),
-                queued_log("Start", STATION, 0), *FLUSH_LOGS, SEPARATOR]
+STOP_HOST = [
+    *heading("[WiFi] Stop Host mode"),
+    *stopped("Stoping UDHCP daemon service", DHCP_SERVER),
+    *stopped("Stopping Hostapd daemon service", HOSTAPD, SEPARATOR),
+]
+STOP_CLIENT = [
+    *heading("[WiFi] Stop Client mode"),
+    *stopped("Stoping UDHCP client service", DHCP_CLIENT),
+    *stopped("Stoping WPA Supplicant daemon service", STATION, SEPARATOR),
+]
+START_CLIENT = [
+    *heading("[WiFi] Start Client mode"),
+    ("info", "Starting WPA Supplicant daemon service"),
+    loaded_log(STATION),
+    queued_log("Start", STATION, 0),
+    *FLUSH_LOGS,
+    SEPARATOR,
+]
 CHANGE_MODE = ("info", "[Main] 'ChangeMode' d-bus method called")
 TO_CLIENT, TO_HOST = ("info", "[WiFi] Switch wifi mode to 1"), ("info", "[WiFi] Switch wifi mode to 0")
 
 
 def set_mode(mode: str, interface_type: str) -> Request:
     """A write of `Mode` to an interface of another type, which stays as it was."""
+
     def ask(world: World) -> None:
         before, world.radio.interface_type = world.radio.interface_type, interface_type
         try:
             world.set("Mode", mode)
         finally:
             world.radio.interface_type = before
-    logs = {"Client": [CHANGE_MODE, TO_CLIENT, *STOP_HOST, *START_CLIENT],
-            "Host": [CHANGE_MODE, TO_HOST, *STOP_CLIENT, *START_HOST]}
+
+    logs = {
+        "Client": [CHANGE_MODE, TO_CLIENT, *STOP_HOST, *START_CLIENT],
+        "Host": [CHANGE_MODE, TO_HOST, *STOP_CLIENT, *START_HOST],
+    }
     return Request(f'`Mode` = "{mode}"', ask, logs=logs[mode])
 
 
-ADD_LOGS = [("info", "[Utils] Add IP addr of wlan0: 192.168.8.1/24"),
-            ("info", 'utils_do_system_call: trying "ip addr add 192.168.8.1/24 dev wlan0"...'),
-            ("info", "utils_add_ip: wlan0 ip address added successfully")]
-START_SERVERS = [("info", "Starting Hostapd daemon service"), *override_logs(), *dump_logs(configuration(USUAL)),
-                 loaded_log(HOSTAPD), queued_log("Start", HOSTAPD, 0),
-                 ("info", "Starting UDHCP daemon service"), loaded_log(DHCP_SERVER), queued_log("Start", DHCP_SERVER, 0), SEPARATOR]
+ADD_LOGS = [
+    ("info", "[Utils] Add IP addr of wlan0: 192.168.8.1/24"),
+    ("info", 'utils_do_system_call: trying "ip addr add 192.168.8.1/24 dev wlan0"...'),
+    ("info", "utils_add_ip: wlan0 ip address added successfully"),
+]
+START_SERVERS = [
+    ("info", "Starting Hostapd daemon service"),
+    *override_logs(),
+    *dump_logs(configuration(USUAL)),
+    loaded_log(HOSTAPD),
+    queued_log("Start", HOSTAPD, 0),
+    ("info", "Starting UDHCP daemon service"),
+    loaded_log(DHCP_SERVER),
+    queued_log("Start", DHCP_SERVER, 0),
+    SEPARATOR,
+]
 START_HOST = [*heading("[WiFi] Start Host mode"), *FLUSH_LOGS, *ADD_LOGS, *START_SERVERS]
 
 TO_CLIENT_MODE = set_mode("Client", "AP")
@@ -94,6 +121,7 @@ POWER_OFF = Request("`WiFiState` = 0", power_off, logs=[READ_SETTINGS, *BLOCK, *
 
 # The station
 
+
 def method(world: World, member: str, signature: str = "", args: list[str] | None = None) -> None:
     """Call a method, whose answer carries nothing."""
     assert world.call(member, signature, args) == []
@@ -111,17 +139,28 @@ def select(path: str) -> list[Line]:
     return [SELECT, ("info", f"[WPA] Select network:{path}")]
 
 
-CONNECT = Request("`Connect`", lambda world: method(world, "Connect", "ss", ["cafe", "secret12"]),
-                  logs=[*CONNECT_OPENING, *ADD_NETWORK, NETWORK_ADDED, *select(network(0))])
+CONNECT = Request(
+    "`Connect`",
+    lambda world: method(world, "Connect", "ss", ["cafe", "secret12"]),
+    logs=[*CONNECT_OPENING, *ADD_NETWORK, NETWORK_ADDED, *select(network(0))],
+)
 
 DISCONNECT_CALLED = ("info", "[Main] Disconnect from AP called")
-DISCONNECT = Request("`Disconnect`", lambda world: method(world, "Disconnect"), logs=[
-    DISCONNECT_CALLED, *FLUSH_LOGS, ("info", "utils_get_ip_address: addr_found: 0"),
-    ("warning", "[Main] Interface does not have IP address")])
+DISCONNECT = Request(
+    "`Disconnect`",
+    lambda world: method(world, "Disconnect"),
+    logs=[
+        DISCONNECT_CALLED,
+        *FLUSH_LOGS,
+        ("info", "utils_get_ip_address: addr_found: 0"),
+        ("warning", "[Main] Interface does not have IP address"),
+    ],
+)
 
 GET_ACCESS_POINTS = ("info", "[WPA] Get access points")
-ACCESS_POINTS = Request("read `AccessPoints`", lambda world: world.get("AccessPoints"), '[["cafe", 1, -50, true]]',
-                        [GET_ACCESS_POINTS])
+ACCESS_POINTS = Request(
+    "read `AccessPoints`", lambda world: world.get("AccessPoints"), '[["cafe", 1, -50, true]]', [GET_ACCESS_POINTS]
+)
 
 NOT_CONNECTED = 'org.freedesktop.DBus.Error.Failed "Failed to connect to AP"'
 REFUSED = 'org.freedesktop.DBus.Error.AccessDenied "Operation not permitted"'
@@ -135,8 +174,9 @@ CLIENTS = Request("read `WiFiConnectedClients`", lambda world: world.get("WiFiCo
 
 # Reads that ask a tool
 
-CLIENT_SSID = Request("read `ClientSSID`", lambda world: world.get("ClientSSID"), '"cafe"',
-                      [("info", "Get 'WiFiClientSSID' property")])
+CLIENT_SSID = Request(
+    "read `ClientSSID`", lambda world: world.get("ClientSSID"), '"cafe"', [("info", "Get 'WiFiClientSSID' property")]
+)
 
 
 def read_power(world: World) -> int:

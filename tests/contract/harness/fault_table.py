@@ -20,15 +20,32 @@ from faults import REAL_TIMEOUT, SHORT_TIMEOUT, SUCCESS, Asked, Impossible, Line
 from settings_texts import GET_BOOL, GET_STRING, PROPERTIES_CHANGED, SET_STRING  # noqa: E402
 
 PAGE = ROOT / "docs/reliability.md"
-BEGIN, END = "<!-- The table of faults: written by tests/contract/harness/fault_table.py -->", "<!-- end of the table of faults -->"
-MODULES = ("test_faults_user_bus", "test_faults_system_bus", "test_faults_settings_daemon", "test_faults_systemd",
-           "test_faults_wpa_supplicant", "test_faults_hostapd", "test_faults_kernel_addresses", "test_faults_shell_tools", "test_faults_system_log")
+BEGIN, END = (
+    "<!-- The table of faults: written by tests/contract/harness/fault_table.py -->",
+    "<!-- end of the table of faults -->",
+)
+MODULES = (
+    "test_faults_user_bus",
+    "test_faults_system_bus",
+    "test_faults_settings_daemon",
+    "test_faults_systemd",
+    "test_faults_wpa_supplicant",
+    "test_faults_hostapd",
+    "test_faults_kernel_addresses",
+    "test_faults_shell_tools",
+    "test_faults_system_log",
+)
 """The tests of faults, in the order of the table."""
 
 SLOW_TEST = "test_faults_in_real_time.py::test_neighbours_that_hang_are_waited_for_as_long_as_on_a_device"
 """The test that tries all slow rows at once."""
 
-ABBREVIATIONS = {GET_BOOL: "(GetSetting)", GET_STRING: "(GetSetting)", SET_STRING: "(SetSetting)", PROPERTIES_CHANGED: "(PropertiesChanged)"}
+ABBREVIATIONS = {
+    GET_BOOL: "(GetSetting)",
+    GET_STRING: "(GetSetting)",
+    SET_STRING: "(SetSetting)",
+    PROPERTIES_CHANGED: "(PropertiesChanged)",
+}
 """Names of functions that fill more than a line."""
 
 _LONGEST_ANSWER = 100
@@ -103,7 +120,9 @@ def _logged(row: Row) -> str:
     found: list[Line] = []
     for asked in row.asked:
         usual = shown(asked.request.logs)
-        found += [line for line in shown(usual if asked.logs is None else asked.logs) if line not in usual and line[0] != "info"]
+        found += [
+            line for line in shown(usual if asked.logs is None else asked.logs) if line not in usual and line[0] != "info"
+        ]
     found += row.lines
     return "<br>".join(dict.fromkeys(f"{priority} `{_abbreviated(text)}`" for priority, text in found)) or "nothing"
 

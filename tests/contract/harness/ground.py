@@ -59,5 +59,8 @@ def start_monitor(world: World, bus: str, rule: str) -> Process:
 def seen_signals(monitor: Process) -> list[tuple[str, str, list[object]]]:
     """Path, member and body of the signals printed so far."""
     messages = [json.loads(line) for line in monitor.stdout.splitlines()]
-    return [(message["path"], message["member"], message["payload"]["data"]) for message in messages
-            if message.get("path") not in (None, "/org/freedesktop/DBus")]
+    return [
+        (message["path"], message["member"], message["payload"]["data"])
+        for message in messages
+        if message.get("path") not in (None, "/org/freedesktop/DBus")
+    ]

@@ -18,7 +18,7 @@ from vantora_sim.buses import Bus
 
 GARBAGE = bytes(range(256)) * 16
 _GARBLED = GARBAGE + b"\r\n"
-_REJECTION = [b"DATA\r\n", b"REJECTED EXTERNAL\r\n", b"ERROR \"no\"\r\n"]
+_REJECTION = [b"DATA\r\n", b"REJECTED EXTERNAL\r\n", b'ERROR "no"\r\n']
 """What a bus says to the lines with which a client asks to be let in."""
 _ADMISSION = b"DATA\r\nOK 0123456789abcdef0123456789abcdef\r\nAGREE_UNIX_FD\r\n"
 """What it says to them to let a client in."""
@@ -109,9 +109,11 @@ class OddBus:
 
     def inject_garbage(self) -> None:
         """Send bytes that mean nothing to everybody who is connected."""
+
         def send() -> None:
             for writer in self._to_daemon:
                 writer.write(GARBAGE)
+
         self._world.loop.call(send)
 
     # On the loop
@@ -203,7 +205,13 @@ async def _pass_on(reader: asyncio.StreamReader, writer: asyncio.StreamWriter) -
 
 def _odd_reply(call: bytes) -> bytes:
     """An answer to a call of the bus, well made and of no use."""
-    serial, = struct.unpack_from("<I", call, 8)
-    reply = Message(message_type=MessageType.METHOD_RETURN, sender="org.freedesktop.DBus", reply_serial=serial, signature="d",
-                    body=[0.5], serial=1_000_000)
+    (serial,) = struct.unpack_from("<I", call, 8)
+    reply = Message(
+        message_type=MessageType.METHOD_RETURN,
+        sender="org.freedesktop.DBus",
+        reply_serial=serial,
+        signature="d",
+        body=[0.5],
+        serial=1_000_000,
+    )
     return bytes(reply._marshall())

@@ -60,8 +60,14 @@ class Supplicant(DBusFake):
     async def _decide(self, message: Message, call: Call, action: Any) -> Message:
         if call.member == "Own":
             kind, name, signature, body = self.own
-            return Message(message_type=kind, reply_serial=message.serial, destination=message.sender, error_name=name,
-                           signature=signature, body=body)
+            return Message(
+                message_type=kind,
+                reply_serial=message.serial,
+                destination=message.sender,
+                error_name=name,
+                signature=signature,
+                body=body,
+            )
         return await super()._decide(message, call, action)
 
     def _receive(self, message: Message) -> bool:
@@ -103,7 +109,7 @@ class RenumberedSupplicant(WpaSupplicant):
 def _renamed(value: Any, old: str, new: str) -> Any:
     """A value in which each path below an object is below another one."""
     if isinstance(value, str):
-        return new + value[len(old):] if value == old or value.startswith(f"{old}/") else value
+        return new + value[len(old) :] if value == old or value.startswith(f"{old}/") else value
     if isinstance(value, Variant):
         return Variant(value.signature, _renamed(value.value, old, new))
     if isinstance(value, dict):
@@ -113,8 +119,15 @@ def _renamed(value: Any, old: str, new: str) -> Any:
     if isinstance(value, tuple):
         return tuple(_renamed(item, old, new) for item in value)
     if isinstance(value, Call):
-        return Call(value.destination, _renamed(value.path, old, new), value.interface, value.member, value.signature,
-                    _renamed(value.args, old, new), value.sender)
+        return Call(
+            value.destination,
+            _renamed(value.path, old, new),
+            value.interface,
+            value.member,
+            value.signature,
+            _renamed(value.args, old, new),
+            value.sender,
+        )
     return value
 
 
@@ -131,12 +144,27 @@ class Caller:
         """Its unique name."""
         return self.bus.unique_name or ""
 
-    def start(self, member: str, signature: str = "", body: list[Any] | None = None, *, path: str = FIRST,
-              interface: str | None = INTERFACE, destination: str = OLDER,
-              flags: MessageFlag = MessageFlag.NONE) -> "Any":
+    def start(
+        self,
+        member: str,
+        signature: str = "",
+        body: list[Any] | None = None,
+        *,
+        path: str = FIRST,
+        interface: str | None = INTERFACE,
+        destination: str = OLDER,
+        flags: MessageFlag = MessageFlag.NONE,
+    ) -> "Any":
         """Make a call; a future of the whole answer."""
-        message = Message(destination=destination, path=path, interface=interface, member=member, signature=signature,
-                          body=body or [], flags=flags)
+        message = Message(
+            destination=destination,
+            path=path,
+            interface=interface,
+            member=member,
+            signature=signature,
+            body=body or [],
+            flags=flags,
+        )
         return self.world.loop.submit(self.bus.call(message))
 
     def call(self, member: str, signature: str = "", body: list[Any] | None = None, **more: Any) -> Message:
@@ -150,8 +178,15 @@ class Caller:
 
     def send(self, member: str, signature: str = "", body: list[Any] | None = None, *, path: str = FIRST) -> None:
         """Make a call that expects no answer."""
-        message = Message(destination=OLDER, path=path, interface=INTERFACE, member=member, signature=signature, body=body or [],
-                          flags=MessageFlag.NO_REPLY_EXPECTED)
+        message = Message(
+            destination=OLDER,
+            path=path,
+            interface=INTERFACE,
+            member=member,
+            signature=signature,
+            body=body or [],
+            flags=MessageFlag.NO_REPLY_EXPECTED,
+        )
         self.world.loop.call(lambda: self.bus.send(message))
 
     def ask_bus(self, member: str, *args: str) -> Any:
@@ -230,14 +265,21 @@ class OlderName:
 
     def wait_call(self, member: str, since: int = 0, times: int = 1, **more: Any) -> None:
         """Wait until wpa_supplicant has been called so often."""
-        self.journal.wait_until(lambda: len(self.calls(member, since, **more)) >= times, f"{times} calls of {member}", since=since)
+        self.journal.wait_until(
+            lambda: len(self.calls(member, since, **more)) >= times, f"{times} calls of {member}", since=since
+        )
 
     def calls(self, member: str | None = None, since: int = 0, **fields: Any) -> list[Any]:
         """The calls that have reached wpa_supplicant, without the questions for `wlan0`'s object."""
-        return [entry for entry in self.journal.since(since)
-                if entry.kind == "call" and entry.bus == "system" and (member or entry.member) == entry.member
-                and (entry.member != "GetInterface" or member == "GetInterface")
-                and all(getattr(entry, name) == value for name, value in fields.items())]
+        return [
+            entry
+            for entry in self.journal.since(since)
+            if entry.kind == "call"
+            and entry.bus == "system"
+            and (member or entry.member) == entry.member
+            and (entry.member != "GetInterface" or member == "GetInterface")
+            and all(getattr(entry, name) == value for name, value in fields.items())
+        ]
 
     def settle(self) -> None:
         """Return when the program has handled all that had reached it: it hands a call on and the answer back."""
@@ -260,7 +302,9 @@ class OlderName:
 
     def wait_log_count(self, priority: str, text: str, times: int) -> None:
         """Wait until a line has been written so often."""
-        self.journal.wait_until(lambda: self.journal.count(log(priority, text, ident=PROGRAM)) >= times, f"{text!r} {times} times")
+        self.journal.wait_until(
+            lambda: self.journal.count(log(priority, text, ident=PROGRAM)) >= times, f"{text!r} {times} times"
+        )
 
     @staticmethod
     def limit_descriptors(pid: int, limit: int) -> None:

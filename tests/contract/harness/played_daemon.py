@@ -12,17 +12,30 @@ from vantora_sim.client import INTERFACE, PATH, SERVICE
 from vantora_sim.dbus_fake import PROPERTIES, Call, CallRefused, DBusFake, connect, disconnect
 
 STATION = {
-    "WiFiState": Variant("u", 1), "Mode": Variant("s", "Client"), "SSID": Variant("s", ""), "WiFiFrequency": Variant("s", ""),
-    "WiFiAvailableFrequencies": Variant("as", ["5", "2.4"]), "WiFiAccessPointInitialised": Variant("b", False),
-    "WiFiConnectedClients": Variant("u", 0), "ClientSSID": Variant("s", ""), "WiFiClientState": Variant("s", "inactive"),
-    "IPAddress": Variant("s", ""), "MacAddress": Variant("s", "02:00:00:00:10:01"), "WiFiSignal": Variant("s", "txpower 20.00 dB"),
+    "WiFiState": Variant("u", 1),
+    "Mode": Variant("s", "Client"),
+    "SSID": Variant("s", ""),
+    "WiFiFrequency": Variant("s", ""),
+    "WiFiAvailableFrequencies": Variant("as", ["5", "2.4"]),
+    "WiFiAccessPointInitialised": Variant("b", False),
+    "WiFiConnectedClients": Variant("u", 0),
+    "ClientSSID": Variant("s", ""),
+    "WiFiClientState": Variant("s", "inactive"),
+    "IPAddress": Variant("s", ""),
+    "MacAddress": Variant("s", "02:00:00:00:10:01"),
+    "WiFiSignal": Variant("s", "txpower 20.00 dB"),
     "AccessPoints": Variant("a(siib)", []),
 }
 """The properties of a station that is not connected."""
 
 ACCESS_POINT = {
-    **STATION, "Mode": Variant("s", "Host"), "SSID": Variant("s", "Hallway"), "WiFiFrequency": Variant("s", "5"),
-    "WiFiAccessPointInitialised": Variant("b", True), "WiFiConnectedClients": Variant("u", 2), "WiFiClientState": Variant("s", "off"),
+    **STATION,
+    "Mode": Variant("s", "Host"),
+    "SSID": Variant("s", "Hallway"),
+    "WiFiFrequency": Variant("s", "5"),
+    "WiFiAccessPointInitialised": Variant("b", True),
+    "WiFiConnectedClients": Variant("u", 2),
+    "WiFiClientState": Variant("s", "off"),
     "IPAddress": Variant("s", "192.168.8.1"),
 }
 """The properties of an access point on the air."""
@@ -78,8 +91,10 @@ class PlayedDaemon(DBusFake):
 @contextmanager
 def played_daemon(world: World) -> Iterator[PlayedDaemon]:
     """Has a played daemon in place of the real one, which must not run."""
+
     async def at_once() -> None:
         pass
+
     daemon = PlayedDaemon(world.loop, world.journal, at_once)
     world.loop.run(daemon.open(world.user_bus.address))
     try:
@@ -90,11 +105,16 @@ def played_daemon(world: World) -> Iterator[PlayedDaemon]:
         world.loop.call(daemon.end)
 
 
-def send_to_everybody_alone(world: World, interface: str, member: str, signature: str, body: list[Any], path: str = PATH) -> None:
+def send_to_everybody_alone(
+    world: World, interface: str, member: str, signature: str, body: list[Any], path: str = PATH
+) -> None:
     """A stranger on the bus sends a signal to each connection directly, past what they asked the bus for."""
+
     async def send() -> None:
         stranger = await connect(world.user_bus.address)
-        reply = await stranger.call(Message("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "ListNames"))
+        reply = await stranger.call(
+            Message("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "ListNames")
+        )
         assert reply
         for name in reply.body[0]:
             if name.startswith(":") and name != stranger.unique_name:
@@ -104,4 +124,5 @@ def send_to_everybody_alone(world: World, interface: str, member: str, signature
         # Answered after all of these have been passed on.
         await stranger.call(Message("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "GetId"))
         await disconnect(stranger)
+
     world.loop.run(send())

@@ -11,8 +11,17 @@ CANARY = "/tmp/c"
 """Comes into being when one of the texts is run."""
 
 HOSTILE = [
-    f"$(touch {CANARY})", f"`touch {CANARY}`", f"';touch {CANARY};'", f'";touch {CANARY};"', f"|touch {CANARY}",
-    f"&&touch {CANARY} #", f"\ntouch {CANARY}\n", f">{CANARY}", f"../../..{CANARY}", "-e%s%n%x%99999d\\", "caf\u00e9'\"$IFS",
+    f"$(touch {CANARY})",
+    f"`touch {CANARY}`",
+    f"';touch {CANARY};'",
+    f'";touch {CANARY};"',
+    f"|touch {CANARY}",
+    f"&&touch {CANARY} #",
+    f"\ntouch {CANARY}\n",
+    f">{CANARY}",
+    f"../../..{CANARY}",
+    "-e%s%n%x%99999d\\",
+    "caf\u00e9'\"$IFS",
 ]
 """Texts of at most 32 bytes, the length of an SSID."""
 

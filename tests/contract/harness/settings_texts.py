@@ -18,11 +18,15 @@ MISSING = "Unknown property or interface."
 def get_failed(key: str, text: str) -> list[tuple[str, str]]:
     """The two lines of a setting that could not be read."""
     function = GET_BOOL if key in ("enabled", "killWifiOnBoot") else GET_STRING
-    return [("err", f"{function}: ERROR sdbus_utils::GetProperty {key} failed {text}"),
-            ("warning", f"Failed to get '{key}' setting")]
+    return [
+        ("err", f"{function}: ERROR sdbus_utils::GetProperty {key} failed {text}"),
+        ("warning", f"Failed to get '{key}' setting"),
+    ]
 
 
 def set_failed(key: str, text: str) -> list[tuple[str, str]]:
     """The two lines of a setting that could not be written."""
-    return [("err", f"{SET_STRING}: ERROR sdbus_utils::SetProperty {key} failed {text}"),
-            ("warning", f"Failed to set '{key}' setting")]
+    return [
+        ("err", f"{SET_STRING}: ERROR sdbus_utils::SetProperty {key} failed {text}"),
+        ("warning", f"Failed to set '{key}' setting"),
+    ]

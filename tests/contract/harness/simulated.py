@@ -108,7 +108,9 @@ class SharedDevice:
                 world.call("Disconnect")
             except CallRefused:
                 pass  # there was nothing to leave
-            wait_until(device, lambda: world.get("WiFiClientState") in ("", "inactive", "disconnected", "failed"), "a free station")
+            wait_until(
+                device, lambda: world.get("WiFiClientState") in ("", "inactive", "disconnected", "failed"), "a free station"
+            )
         else:
             wait_until(device, lambda: not device.coming_up, "the access point to be on the air")
         return device
@@ -141,9 +143,11 @@ def shared(module_device: SharedDevice, request: pytest.FixtureRequest) -> Share
 
 
 @pytest.fixture
-def simctl(monkeypatch: pytest.MonkeyPatch, capsys: pytest.CaptureFixture[str],
-           request: pytest.FixtureRequest) -> Callable[..., tuple[int, str]]:
+def simctl(
+    monkeypatch: pytest.MonkeyPatch, capsys: pytest.CaptureFixture[str], request: pytest.FixtureRequest
+) -> Callable[..., tuple[int, str]]:
     """Runs vantora-simctl against the test's device: `simctl("join", "phone")` gives exit status and what was printed."""
+
     def run(*arguments: str) -> tuple[int, str]:
         world = request.node.worlds[0]
         monkeypatch.setenv("VANTORA_SIM_CONTROL", str(world.work / "control"))
@@ -151,6 +155,7 @@ def simctl(monkeypatch: pytest.MonkeyPatch, capsys: pytest.CaptureFixture[str],
         status = simctl_main(list(arguments))
         printed = capsys.readouterr()
         return status, (printed.out + printed.err).strip()
+
     return run
 
 
@@ -201,6 +206,24 @@ def names(value: Any) -> list[str]:
     return [name for name, *_ in plain(value)]
 
 
-__all__ = ["KEY", "OTHER_ADDRESS", "PYTHON", "SIMULATOR", "SharedDevice", "client", "connect", "device", "kernel_addresses",
-           "make_device", "module_device", "names", "shared", "shown", "simctl", "small_plan", "state_words", "wait_for_state",
-           "wait_until"]
+__all__ = [
+    "KEY",
+    "OTHER_ADDRESS",
+    "PYTHON",
+    "SIMULATOR",
+    "SharedDevice",
+    "client",
+    "connect",
+    "device",
+    "kernel_addresses",
+    "make_device",
+    "module_device",
+    "names",
+    "shared",
+    "shown",
+    "simctl",
+    "small_plan",
+    "state_words",
+    "wait_for_state",
+    "wait_until",
+]

@@ -28,8 +28,11 @@ FLUSH_LOGS = [
 FLUSH_FAILED_LOGS = [
     ("info", "[Utils] Flush IP addr of wlan0"),
     ("info", 'utils_do_system_call: trying "ip addr flush dev wlan0"...'),
-    *[("err", "utils_do_system_call: system call failed: 256"),
-      ("err", 'utils_do_system_call: retrying "ip addr flush dev wlan0"...')] * 3,
+    *[
+        ("err", "utils_do_system_call: system call failed: 256"),
+        ("err", 'utils_do_system_call: retrying "ip addr flush dev wlan0"...'),
+    ]
+    * 3,
     ("err", "utils_flush_ip: Unable to flush wlan0 address, error: 256"),
     ("warning", "[Main] Failed to flush IP, interface might have inavlid IP"),
 ]
@@ -78,8 +81,15 @@ def add_network_call(ssid: str, passphrase: str) -> Pattern:
     entries = [("ssid", Variant("s", ssid)), ("key_mgmt", Variant("s", "WPA-PSK")), ("psk", Variant("s", passphrase))]
     if not passphrase:
         entries = [("ssid", Variant("s", ssid)), ("key_mgmt", Variant("s", "NONE"))]
-    return call("AddNetwork", bus="system", destination=CALLED_NAME, path=STATION, interface=INTERFACE, signature="a{sv}",
-                args=lambda args: len(args) == 1 and list(args[0].items()) == entries)
+    return call(
+        "AddNetwork",
+        bus="system",
+        destination=CALLED_NAME,
+        path=STATION,
+        interface=INTERFACE,
+        signature="a{sv}",
+        args=lambda args: len(args) == 1 and list(args[0].items()) == entries,
+    )
 
 
 def radio_checks() -> list[Pattern]:

@@ -60,8 +60,11 @@ class Answer:
     @property
     def lost(self) -> bool:
         """Nobody can know: the daemon ended before it answered. The bus says so, or nobody does."""
-        return self.error in ("org.freedesktop.DBus.Error.NoReply", "org.freedesktop.DBus.Error.ServiceUnknown",
-                              "org.freedesktop.DBus.Error.NameHasNoOwner")
+        return self.error in (
+            "org.freedesktop.DBus.Error.NoReply",
+            "org.freedesktop.DBus.Error.ServiceUnknown",
+            "org.freedesktop.DBus.Error.NameHasNoOwner",
+        )
 
     @property
     def refused(self) -> bool:
@@ -93,13 +96,20 @@ class TracedSettings:
         self._ready.settimeout(DEADLINE)
         configuration = self._folder / "bus.conf"
         configuration.write_text(_BUS_CONFIGURATION.format(socket=self._bus_socket))
-        self._bus = subprocess.Popen(["dbus-daemon", f"--config-file={configuration}", "--nofork", "--nopidfile", "--print-address"],
-                                     stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True, preexec_fn=_let_anybody_trace)
+        self._bus = subprocess.Popen(
+            ["dbus-daemon", f"--config-file={configuration}", "--nofork", "--nopidfile", "--print-address"],
+            stdout=subprocess.PIPE,
+            stderr=subprocess.DEVNULL,
+            text=True,
+            preexec_fn=_let_anybody_trace,
+        )
         assert self._bus.stdout is not None and self._bus.stdout.readline(), "no bus"
         self._client = await MessageBus(bus_address=f"unix:path={self._bus_socket}").connect()
         return self
 
-    async def __aexit__(self, kind: type[BaseException] | None, value: BaseException | None, trace: TracebackType | None) -> None:
+    async def __aexit__(
+        self, kind: type[BaseException] | None, value: BaseException | None, trace: TracebackType | None
+    ) -> None:
         if self._client is not None:
             self._client.disconnect()
         self.kill()
@@ -121,11 +131,20 @@ class TracedSettings:
     def start(self, *tracer: str) -> None:
         """Start the daemon, under a tracer that becomes a child of it if one is given, and wait until it is ready."""
         sanitizers = os.environ.get("ASAN_OPTIONS", "") + ":detect_leaks=0"  # which it cannot look for while it is traced
-        environment = {**os.environ, "DBUS_SESSION_BUS_ADDRESS": f"unix:path={self._bus_socket}",
-                       "NOTIFY_SOCKET": str(self._folder / "notify"), "ASAN_OPTIONS": sanitizers}
+        environment = {
+            **os.environ,
+            "DBUS_SESSION_BUS_ADDRESS": f"unix:path={self._bus_socket}",
+            "NOTIFY_SOCKET": str(self._folder / "notify"),
+            "ASAN_OPTIONS": sanitizers,
+        }
         with (self._folder / "daemon.log").open("ab") as log:
-            self._daemon = subprocess.Popen([*tracer, self._program, "--state", self.file], env=environment, stdout=log, stderr=log,
-                                            preexec_fn=_let_anybody_trace)
+            self._daemon = subprocess.Popen(
+                [*tracer, self._program, "--state", self.file],
+                env=environment,
+                stdout=log,
+                stderr=log,
+                preexec_fn=_let_anybody_trace,
+            )
         while (said := self._ready.recv(100)) != b"READY=1":
             assert said == b"STOPPING=1", said  # by the one before
 
@@ -165,7 +184,9 @@ class TracedSettings:
             reply = await asyncio.wait_for(self._client.call(request), DEADLINE)
         except TimeoutError:
             log = self._folder / "trace"
-            raise AssertionError("no answer; the daemon's last calls:\n" + (log.read_text()[-3000:] if log.exists() else "")) from None
+            raise AssertionError(
+                "no answer; the daemon's last calls:\n" + (log.read_text()[-3000:] if log.exists() else "")
+            ) from None
         assert reply is not None
         return reply
 
@@ -237,7 +258,7 @@ class Tracer:
         answered = max(index for index, name in enumerate(names) if name == "sendmsg")
         seen: Counter[str] = Counter()
         steps = []
-        for name in names[:answered + 1]:
+        for name in names[: answered + 1]:
             seen[name] += 1
             if name not in _OF_THE_ALLOCATOR:
                 steps.append(Step(name, seen[name]))

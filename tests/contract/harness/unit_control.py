@@ -23,14 +23,28 @@ JOB_QUEUED = {"Start": "Started", "Restart": "Restarted", "Stop": "Stopped"}
 
 def manager_call(member: str, signature: str, *args: Any) -> Pattern:
     """A call of systemd's manager, with every name it must carry."""
-    return call(member, *args, bus="system", destination=SYSTEMD, path="/org/freedesktop/systemd1",
-                interface="org.freedesktop.systemd1.Manager", signature=signature)
+    return call(
+        member,
+        *args,
+        bus="system",
+        destination=SYSTEMD,
+        path="/org/freedesktop/systemd1",
+        interface="org.freedesktop.systemd1.Manager",
+        signature=signature,
+    )
 
 
 def job_call(verb: str, unit: str) -> Pattern:
     """A job asked of a unit, with every name it must carry."""
-    return call(verb, "replace", bus="system", destination=SYSTEMD, path=unit_path(unit),
-                interface="org.freedesktop.systemd1.Unit", signature="s")
+    return call(
+        verb,
+        "replace",
+        bus="system",
+        destination=SYSTEMD,
+        path=unit_path(unit),
+        interface="org.freedesktop.systemd1.Unit",
+        signature="s",
+    )
 
 
 def loaded_log(unit: str) -> tuple[str, str]:

@@ -42,8 +42,13 @@ def environment(world: World | None, **changes: str | None) -> dict[str, str]:
     """What the client finds in its environment: the world's bus, a UTF-8 locale, and the changes (None removes)."""
     address = world.user_bus.address if world is not None else "unix:path=/nonexistent/bus"
     full: dict[str, str | None] = {
-        "PATH": "/usr/bin:/bin", "LC_ALL": "C.UTF-8", "TERM": "xterm-256color", "DBUS_SESSION_BUS_ADDRESS": address,
-        **{name: os.environ.get(name) for name in ("ASAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS")}, **changes}
+        "PATH": "/usr/bin:/bin",
+        "LC_ALL": "C.UTF-8",
+        "TERM": "xterm-256color",
+        "DBUS_SESSION_BUS_ADDRESS": address,
+        **{name: os.environ.get(name) for name in ("ASAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS")},
+        **changes,
+    }
     return {name: value for name, value in full.items() if value is not None}
 
 
@@ -54,8 +59,14 @@ def program(world: World) -> str:
 
 def run(world: World, *arguments: str | bytes, stdin: str = "", **changes: str | None) -> Ended:
     """Run the client on pipes to its end."""
-    completed = subprocess.run([program(world), *arguments], env=environment(world, **changes), input=stdin.encode(),
-                               capture_output=True, timeout=90, check=False)
+    completed = subprocess.run(
+        [program(world), *arguments],
+        env=environment(world, **changes),
+        input=stdin.encode(),
+        capture_output=True,
+        timeout=90,
+        check=False,
+    )
     return Ended(completed.returncode, completed.stdout.decode("utf-8"), completed.stderr.decode("utf-8"))
 
 
@@ -74,21 +85,39 @@ def _begin_on_terminal() -> None:
 class Running:
     """A client in the background. `wait_for` reads what it writes as it comes."""
 
-    def __init__(self, command: Sequence[str | bytes], full_environment: Mapping[str, str], *, terminal: bool = False,
-                 stdin: str | None = None) -> None:
+    def __init__(
+        self,
+        command: Sequence[str | bytes],
+        full_environment: Mapping[str, str],
+        *,
+        terminal: bool = False,
+        stdin: str | None = None,
+    ) -> None:
         """`stdin` is what a client on a pipe finds on standard input."""
         self._text = b""
         self._more = threading.Condition()
         if terminal:
             self._output, inner = pty.openpty()
-            self._process = subprocess.Popen(command, env=dict(full_environment), stdin=inner, stdout=inner, stderr=inner,
-                                             start_new_session=True, preexec_fn=_begin_on_terminal)
+            self._process = subprocess.Popen(
+                command,
+                env=dict(full_environment),
+                stdin=inner,
+                stdout=inner,
+                stderr=inner,
+                start_new_session=True,
+                preexec_fn=_begin_on_terminal,
+            )
             os.close(inner)
         else:
-            self._process = subprocess.Popen(command, env=dict(full_environment),
-                                             stdin=subprocess.DEVNULL if stdin is None else subprocess.PIPE,
-                                             stdout=subprocess.PIPE, stderr=subprocess.STDOUT, process_group=0,
-                                             preexec_fn=_forget_ignored_signals)
+            self._process = subprocess.Popen(
+                command,
+                env=dict(full_environment),
+                stdin=subprocess.DEVNULL if stdin is None else subprocess.PIPE,
+                stdout=subprocess.PIPE,
+                stderr=subprocess.STDOUT,
+                process_group=0,
+                preexec_fn=_forget_ignored_signals,
+            )
             if stdin is not None:
                 assert self._process.stdin
                 self._process.stdin.write(stdin.encode())

@@ -50,16 +50,26 @@ def test_each_event_is_logged_and_has_its_reaction(world: World, prefix: str) ->
         assert len(world.journal.changes(mark)) == 1
     mark = world.journal.mark()
     world.hostapd.datagram((prefix + "CTRL-EVENT-TERMINATING ").encode())
-    world.journal.expect_logs_in_order([received(prefix + "CTRL-EVENT-TERMINATING "),
-                                        ("err", "wifi_host_terminated: hostapd terminated."),
-                                        ("info", "Read settings from Settings Daemon")], mark)
+    world.journal.expect_logs_in_order(
+        [
+            received(prefix + "CTRL-EVENT-TERMINATING "),
+            ("err", "wifi_host_terminated: hostapd terminated."),
+            ("info", "Read settings from Settings Daemon"),
+        ],
+        mark,
+    )
 
 
 def test_events_without_a_meaning_are_logged_and_nothing_else(world: World) -> None:
     attached_up(world)
     mark = world.journal.mark()
-    texts = ["<3>AP-STA-POSSIBLE-PSK-MISMATCH 02:00:00:00:00:01", "<3>ap-enabled", "<3>CTRL-EVENT-EAP-STARTED 02:00", "<3>",
-             "%s%n"]
+    texts = [
+        "<3>AP-STA-POSSIBLE-PSK-MISMATCH 02:00:00:00:00:01",
+        "<3>ap-enabled",
+        "<3>CTRL-EVENT-EAP-STARTED 02:00",
+        "<3>",
+        "%s%n",
+    ]
     for text in texts:
         before = world.journal.mark()
         world.hostapd.datagram(text.encode())
@@ -71,9 +81,12 @@ def test_events_without_a_meaning_are_logged_and_nothing_else(world: World) -> N
 
 def test_station_text_is_all_behind_the_first_blank_or_the_whole_event(world: World) -> None:
     attached_up(world)
-    for text, station in ((f"AP-STA-CONNECTED {ONE} keyid=phone x", f"{ONE} keyid=phone x"),
-                          ("AP-STA-CONNECTED", "<3>AP-STA-CONNECTED"), ("AP-STA-CONNECTED ", ""),
-                          ("AP-STA-DISCONNECTED", "<3>AP-STA-DISCONNECTED")):
+    for text, station in (
+        (f"AP-STA-CONNECTED {ONE} keyid=phone x", f"{ONE} keyid=phone x"),
+        ("AP-STA-CONNECTED", "<3>AP-STA-CONNECTED"),
+        ("AP-STA-CONNECTED ", ""),
+        ("AP-STA-DISCONNECTED", "<3>AP-STA-DISCONNECTED"),
+    ):
         mark = receive(world, text)
         name = "disconnected" if "DIS" in text else "connected"
         world.journal.wait_for(log("info", f"wifi_host_station_{name}: {station}"), mark)
@@ -83,12 +96,19 @@ def test_station_text_is_all_behind_the_first_blank_or_the_whole_event(world: Wo
 def test_first_text_of_the_table_wins_wherever_it_stands(world: World) -> None:
     attached_up(world)
     for text, line, name in (
-            ("CTRL-EVENT-T AP-DISABLED AP-ENABLED AP-STA-DISCONNECTED AP-STA-CONNECTED",
-             "wifi_host_station_connected: AP-DISABLED AP-ENABLED AP-STA-DISCONNECTED AP-STA-CONNECTED", "WiFiConnectedClients"),
-            ("CTRL-EVENT-T AP-ENABLED AP-STA-DISCONNECTED", "wifi_host_station_disconnected: AP-ENABLED AP-STA-DISCONNECTED",
-             "WiFiConnectedClients"),
-            ("CTRL-EVENT-T AP-DISABLED AP-ENABLED", "wifi_host_ap_initialised: AP State: READY", "WiFiAccessPointInitialised"),
-            ("CTRL-EVENT-T AP-DISABLED", "wifi_host_ap_initialised: AP State: NOT READY", "WiFiAccessPointInitialised")):
+        (
+            "CTRL-EVENT-T AP-DISABLED AP-ENABLED AP-STA-DISCONNECTED AP-STA-CONNECTED",
+            "wifi_host_station_connected: AP-DISABLED AP-ENABLED AP-STA-DISCONNECTED AP-STA-CONNECTED",
+            "WiFiConnectedClients",
+        ),
+        (
+            "CTRL-EVENT-T AP-ENABLED AP-STA-DISCONNECTED",
+            "wifi_host_station_disconnected: AP-ENABLED AP-STA-DISCONNECTED",
+            "WiFiConnectedClients",
+        ),
+        ("CTRL-EVENT-T AP-DISABLED AP-ENABLED", "wifi_host_ap_initialised: AP State: READY", "WiFiAccessPointInitialised"),
+        ("CTRL-EVENT-T AP-DISABLED", "wifi_host_ap_initialised: AP State: NOT READY", "WiFiAccessPointInitialised"),
+    ):
         mark = receive(world, text)
         world.journal.expect_logs_in_order([received(f"<3>{text}"), ("info", line)], mark)
         world.journal.wait_for(changed(name), mark)
@@ -115,10 +135,16 @@ def test_later_event_of_one_wake_up_is_cut_to_the_length_of_the_one_before(world
     world.settings.clear()
     world.journal.wait_until(lambda: world.journal.count(log(*received("<3>AP")), mark) == 2, "the last event", since=mark)
     assert [line for line in world.journal.logs(mark) if line[1].startswith(("ListenTask: ", "wifi_host_"))] == [
-        received("<3>CTRL-EVENT-TERMINATING "), ("err", "wifi_host_terminated: hostapd terminated."),
-        received(f"<3>AP-STA-CONNECTED {ONE}"[:26]), ("info", "wifi_host_station_connected: 02:00:"),
-        received("<3>AP-ENABLED"), ("info", "wifi_host_ap_initialised: AP State: READY"),
-        received("<3>AP-STA-DIS"), received("<3>AP"), received("<3>AP")]
+        received("<3>CTRL-EVENT-TERMINATING "),
+        ("err", "wifi_host_terminated: hostapd terminated."),
+        received(f"<3>AP-STA-CONNECTED {ONE}"[:26]),
+        ("info", "wifi_host_station_connected: 02:00:"),
+        received("<3>AP-ENABLED"),
+        ("info", "wifi_host_ap_initialised: AP State: READY"),
+        received("<3>AP-STA-DIS"),
+        received("<3>AP"),
+        received("<3>AP"),
+    ]
 
     world.hostapd.before_event = spaced  # the next event has a wake-up of its own
     receive(world, f"AP-STA-CONNECTED {ONE}")
@@ -146,8 +172,11 @@ def test_events_that_wait_while_the_thread_is_blocked_are_not_lost(world: World)
         world.hostapd.event("AP-ENABLED ")
         world.hostapd.event("AP-DISABLED")
     world.settings.clear()
-    world.journal.wait_until(lambda: world.journal.count(log(text=lambda text: text.startswith("wifi_host_ap_init")), mark) == 10,
-                             "all ten reactions", since=mark)
+    world.journal.wait_until(
+        lambda: world.journal.count(log(text=lambda text: text.startswith("wifi_host_ap_init")), mark) == 10,
+        "all ten reactions",
+        since=mark,
+    )
 
 
 def test_blocked_listener_thread_does_not_hold_up_the_main_loop(world: World) -> None:

@@ -58,8 +58,9 @@ def test_garbled_answer_to_attach_is_no_consent(world: World) -> None:
 def test_farewell_in_host_mode_restarts_the_listener(world: World) -> None:
     attached_up(world)
     mark = receive(world, "CTRL-EVENT-TERMINATING ")
-    world.journal.expect_logs_in_order([("info", "ListenTask: Recv <3>CTRL-EVENT-TERMINATING "), TERMINATED, READING, RESTART,
-                                        RESTARTING], mark)
+    world.journal.expect_logs_in_order(
+        [("info", "ListenTask: Recv <3>CTRL-EVENT-TERMINATING "), TERMINATED, READING, RESTART, RESTARTING], mark
+    )
     world.journal.wait_for(hostapd_request("ATTACH"), mark)
     mark = receive(world, "AP-ENABLED ")
     world.journal.wait_for(changed("WiFiAccessPointInitialised", True), mark)
@@ -168,8 +169,12 @@ def test_daemon_ends_at_once_while_it_waits_for_hostapds_socket(world: World) ->
     shutil.rmtree(world.work / "run/hostapd")
     world.follow_units = False
     mark = world.journal.mark()
-    answer = world.call_async("Set", "ssv", ["com.vantora.Network1.WiFi", "WiFiFrequency", Variant("s", "5")],
-                              interface="org.freedesktop.DBus.Properties")
+    answer = world.call_async(
+        "Set",
+        "ssv",
+        ["com.vantora.Network1.WiFi", "WiFiFrequency", Variant("s", "5")],
+        interface="org.freedesktop.DBus.Properties",
+    )
     world.journal.wait_for(log("info", lambda text: text.startswith("[Utils] Restarted ")), mark)
     before = time.monotonic()
     assert world.stop_daemon() == 0
@@ -179,10 +184,12 @@ def test_daemon_ends_at_once_while_it_waits_for_hostapds_socket(world: World) ->
 
 def on_restart(world: World, *steps: tuple[float, Callable[[], None]]) -> None:
     """The next restart of hostapd's unit is answered at once and carried out later: each step so many seconds after."""
+
     async def carry_out(verb: str, unit: str) -> None:
         if (verb, unit) == ("Restart", units.HOSTAPD):
             for seconds, step in steps:
                 world.loop.asyncio.call_later(seconds, step)
+
     world.follow_units = False
     world.systemd.on_job.append(carry_out)
 

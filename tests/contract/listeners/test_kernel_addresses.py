@@ -68,7 +68,9 @@ def test_address_of_eth0_is_logged_and_not_announced(still_world: World) -> None
     world.journal.wait_for(log("info", "Successfully stopped and disabled udhcpd_eth0.service"), mark)
     world.settle()
     assert [line for line in world.journal.logs(mark) if EVENT.match(line[1])] == [
-        event("eth0", "10.0.0.5", "Added"), event("eth0", "10.0.0.5", "Removed")]
+        event("eth0", "10.0.0.5", "Added"),
+        event("eth0", "10.0.0.5", "Removed"),
+    ]
     assert world.journal.changes(mark) == []
 
 
@@ -136,12 +138,14 @@ def test_port_that_is_taken_ends_the_listener_and_nothing_else(world: World) -> 
         assert time.monotonic() < deadline, holder.stderr
         time.sleep(0.01)
     world.start_daemon()
-    world.journal.expect_in_order([
-        log(*STARTING),
-        log(*TASK),
-        log("err", "[NETLINK] Failed to bind netlink socket: Address already in use\n"),
-        log("err", "[NETLINK] OpenSocket() failed, exiting."),
-    ])
+    world.journal.expect_in_order(
+        [
+            log(*STARTING),
+            log(*TASK),
+            log("err", "[NETLINK] Failed to bind netlink socket: Address already in use\n"),
+            log("err", "[NETLINK] OpenSocket() failed, exiting."),
+        ]
+    )
     assert world.get("Mode") == "Host"
     mark = world.journal.mark()
     world.add_address("10.0.0.5/24")
@@ -160,8 +164,12 @@ def test_reads_that_wait_for_the_start_do_not_take_the_listeners_port(world: Wor
         daemon = world.start_daemon()
         os.sched_setaffinity(daemon.pid, {min(os.sched_getaffinity(0))})
         world.journal.wait_for(call("Start", path=unit_path(units.DHCP_SERVER)), mark)
-        reads = [world.call_async("Get", "ss", ["com.vantora.Network1.WiFi", "MacAddress"],
-                                  interface="org.freedesktop.DBus.Properties") for _ in range(300)]
+        reads = [
+            world.call_async(
+                "Get", "ss", ["com.vantora.Network1.WiFi", "MacAddress"], interface="org.freedesktop.DBus.Properties"
+            )
+            for _ in range(300)
+        ]
         world.systemd.release()
         world.wait_follows_addresses()
         assert len({read.result(DEADLINE)[0].value for read in reads}) == 1

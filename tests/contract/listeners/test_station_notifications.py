@@ -11,12 +11,24 @@ from vantora_sim import Variant, World, call, changed, log, signal
 CHANGED_LOG = ("info", "[WPA Supplicant] Properties changed")
 READ_LOG = ("info", "Get 'WiFiClientState' property")
 OTHER_TYPES = {
-    "ApScan": Variant("u", 1), "Scanning": Variant("b", False), "ScanInterval": Variant("i", 5), "Capabilities": Variant("a{sv}", {
-        "Pairwise": Variant("as", ["ccmp", "tkip"]), "MaxScanSSID": Variant("i", 4), "Nested": Variant("a{sv}", {})}),
-    "AKMList": Variant("as", []), "CurrentNetwork": Variant("o", f"{STATION}/Networks/0"), "Stations": Variant("ao", []),
-    "MACAddress": Variant("ay", b"\x02\0\0\0\x10\x01"), "Frequency": Variant("q", 2412), "Level": Variant("n", -40),
-    "Total": Variant("t", 1 << 63), "Ratio": Variant("d", 0.5), "Pairs": Variant("a(ss)", [["a", "b"]]),
-    "Blobs": Variant("a{say}", {"blob": b"\0\xff"}), "Inner": Variant("v", Variant("s", "x")), "Many": Variant("aas", [["x"], []]),
+    "ApScan": Variant("u", 1),
+    "Scanning": Variant("b", False),
+    "ScanInterval": Variant("i", 5),
+    "Capabilities": Variant(
+        "a{sv}", {"Pairwise": Variant("as", ["ccmp", "tkip"]), "MaxScanSSID": Variant("i", 4), "Nested": Variant("a{sv}", {})}
+    ),
+    "AKMList": Variant("as", []),
+    "CurrentNetwork": Variant("o", f"{STATION}/Networks/0"),
+    "Stations": Variant("ao", []),
+    "MACAddress": Variant("ay", b"\x02\0\0\0\x10\x01"),
+    "Frequency": Variant("q", 2412),
+    "Level": Variant("n", -40),
+    "Total": Variant("t", 1 << 63),
+    "Ratio": Variant("d", 0.5),
+    "Pairs": Variant("a(ss)", [["a", "b"]]),
+    "Blobs": Variant("a{say}", {"blob": b"\0\xff"}),
+    "Inner": Variant("v", Variant("s", "x")),
+    "Many": Variant("aas", [["x"], []]),
 }
 
 
@@ -42,9 +54,17 @@ def test_other_properties_alone_are_ignored(world: World) -> None:
     assert world.journal.changes(mark) == []
 
 
-@pytest.mark.parametrize(("signature", "body"), [
-    ("", []), ("s", ["State"]), ("a{ss}", [{"State": "completed"}]), ("a{sv}", [{}]), ("as", [["State", "completed"]]),
-    ("(sv)", [["State", Variant("s", "completed")]])])
+@pytest.mark.parametrize(
+    ("signature", "body"),
+    [
+        ("", []),
+        ("s", ["State"]),
+        ("a{ss}", [{"State": "completed"}]),
+        ("a{sv}", [{}]),
+        ("as", [["State", "completed"]]),
+        ("(sv)", [["State", Variant("s", "completed")]]),
+    ],
+)
 def test_a_body_that_can_not_be_read_is_ignored(world: World, signature: str, body: list[object]) -> None:
     bring_up_station(world)
     mark = world.journal.mark()
@@ -73,8 +93,7 @@ def test_the_standard_signal_beside_its_own_is_not_counted_twice(world: World) -
 def test_nobody_else_is_believed(world: World) -> None:
     bring_up_station(world)
     mark = world.journal.mark()
-    emitted = world.sandbox.sh(
-        f"busctl --system emit {STATION} {INTERFACE} PropertiesChanged 'a{{sv}}' 1 State s completed")
+    emitted = world.sandbox.sh(f"busctl --system emit {STATION} {INTERFACE} PropertiesChanged 'a{{sv}}' 1 State s completed")
     assert emitted.status == 0, emitted.stderr
     world.wpa.report_state("scanning")
     wait_logged(world, *state_log("disconnected", "scanning"), mark)
@@ -109,8 +128,12 @@ def test_no_bss_asks_nobody_for_its_name(world: World) -> None:
     mark = world.journal.mark()
     world.wpa.report_state("disconnected", bss="/")
     assert notified(world, mark) == [
-        CHANGED_LOG, ("info", "[WPE supplicant] BSS changed: / SSID: <none>"), state_log("scanning", "disconnected"),
-        emitting_log("disconnected"), READ_LOG]
+        CHANGED_LOG,
+        ("info", "[WPE supplicant] BSS changed: / SSID: <none>"),
+        state_log("scanning", "disconnected"),
+        emitting_log("disconnected"),
+        READ_LOG,
+    ]
     assert world.journal.count(call(bus="system"), mark) == 0
 
 
@@ -145,20 +168,36 @@ def test_a_name_that_can_not_be_read_is_none(world: World, trouble: str) -> None
     mark = world.journal.mark()
     world.wpa.report_state("disconnected", bss=bss)
     assert notified(world, mark) == [
-        CHANGED_LOG, ("info", f"[WPE supplicant] BSS changed: {bss} SSID: <none>"), state_log("scanning", "disconnected"),
-        emitting_log("disconnected"), READ_LOG]
+        CHANGED_LOG,
+        ("info", f"[WPE supplicant] BSS changed: {bss} SSID: <none>"),
+        state_log("scanning", "disconnected"),
+        emitting_log("disconnected"),
+        READ_LOG,
+    ]
 
 
-@pytest.mark.parametrize(("ssid", "written"), [
-    (b"caf\xc3\xa9", "caf\u00e9"), (b"\xff" * 32, "\udcff" * 32), (b'"%s%n"\\', '"%s%n"\\'), (b"cut\0here", "cut"), (b"<none>", "<none>")])
+@pytest.mark.parametrize(
+    ("ssid", "written"),
+    [
+        (b"caf\xc3\xa9", "caf\u00e9"),
+        (b"\xff" * 32, "\udcff" * 32),
+        (b'"%s%n"\\', '"%s%n"\\'),
+        (b"cut\0here", "cut"),
+        (b"<none>", "<none>"),
+    ],
+)
 def test_an_odd_name_is_logged_up_to_its_first_nul(world: World, ssid: bytes, written: str) -> None:
     bring_up_scanning(world)
     bss = world.wpa.add_bss(ssid)
     mark = world.journal.mark()
     world.wpa.report_state("disconnected", bss=bss)
     assert notified(world, mark) == [
-        CHANGED_LOG, ("info", f"[WPE supplicant] BSS changed: {bss} SSID: {written}"), state_log("scanning", "disconnected"),
-        emitting_log("disconnected", written), READ_LOG]
+        CHANGED_LOG,
+        ("info", f"[WPE supplicant] BSS changed: {bss} SSID: {written}"),
+        state_log("scanning", "disconnected"),
+        emitting_log("disconnected", written),
+        READ_LOG,
+    ]
 
 
 def test_a_name_that_hangs_holds_the_notification_until_it_is_answered(world: World) -> None:
@@ -180,18 +219,37 @@ def test_all_properties_of_one_notification_are_handled_in_the_order_of_their_na
     mark = world.journal.mark()
     world.wpa.changed(State=Variant("s", "disconnected"), CurrentBSS=Variant("o", bss), BSSs=Variant("ao", [bss]))
     assert notified(world, mark) == [
-        CHANGED_LOG, ("info", "[Main] Access points changed"), ("info", f"[WPE supplicant] BSS changed: {bss} SSID: cafe"),
-        state_log("scanning", "disconnected"), emitting_log("disconnected", "cafe"), READ_LOG]
-    world.journal.expect_in_order([
-        call("GetAll", path=bss, destination="fi.epitest.hostap.WPASupplicant"), signal("AccessPointsChanged"),
-        call("Get", path=bss, destination=SIGNAL_NAME), changed("WiFiClientState", "disconnected")], mark)
+        CHANGED_LOG,
+        ("info", "[Main] Access points changed"),
+        ("info", f"[WPE supplicant] BSS changed: {bss} SSID: cafe"),
+        state_log("scanning", "disconnected"),
+        emitting_log("disconnected", "cafe"),
+        READ_LOG,
+    ]
+    world.journal.expect_in_order(
+        [
+            call("GetAll", path=bss, destination="fi.epitest.hostap.WPASupplicant"),
+            signal("AccessPointsChanged"),
+            call("Get", path=bss, destination=SIGNAL_NAME),
+            changed("WiFiClientState", "disconnected"),
+        ],
+        mark,
+    )
 
 
-@pytest.mark.parametrize("wrong", [
-    {"State": Variant("u", 9)}, {"CurrentBSS": Variant("as", ["/"])}, {"BSSs": Variant("s", "/")},
-    {"BSSs": Variant("a{sv}", {})}, {"State": Variant("ay", b"completed")}])
+@pytest.mark.parametrize(
+    "wrong",
+    [
+        {"State": Variant("u", 9)},
+        {"CurrentBSS": Variant("as", ["/"])},
+        {"BSSs": Variant("s", "/")},
+        {"BSSs": Variant("a{sv}", {})},
+        {"State": Variant("ay", b"completed")},
+    ],
+)
 def test_a_value_of_an_unexpected_type_ends_the_process_and_the_restart_brings_the_device_back(
-        world: World, wrong: dict[str, Variant]) -> None:
+    world: World, wrong: dict[str, Variant]
+) -> None:
     bring_up_station(world)
     assert world.daemon is not None
     world.wpa.changed(**wrong)

@@ -3,8 +3,17 @@
 from __future__ import annotations
 
 import pytest
-from station import (DHCP_CLIENT_UNIT, DHCP_RESTART_LOGS, SIGNAL_NAME, bring_up_station, emitting_log, network, state_log,
-                     station_call, wait_logged)
+from station import (
+    DHCP_CLIENT_UNIT,
+    DHCP_RESTART_LOGS,
+    SIGNAL_NAME,
+    bring_up_station,
+    emitting_log,
+    network,
+    state_log,
+    station_call,
+    wait_logged,
+)
 from vantora_sim import Variant, World, call, changed, log
 
 CHANGED_LOG = ("info", "[WPA Supplicant] Properties changed")
@@ -66,13 +75,32 @@ def test_completed_with_its_bss_restarts_dhcp_and_announces(world: World) -> Non
 
     world.wpa.report_state("completed", bss=bss)
 
-    world.journal.expect_in_order([
-        call("Get", "fi.w1.wpa_supplicant1.BSS", "SSID", bus="system", destination=SIGNAL_NAME, path=bss,
-             interface="org.freedesktop.DBus.Properties"),
-        call("LoadUnit", "udhcpc@wlan0.service"), RESTART, changed("WiFiClientState", "completed", alone=True)], mark)
+    world.journal.expect_in_order(
+        [
+            call(
+                "Get",
+                "fi.w1.wpa_supplicant1.BSS",
+                "SSID",
+                bus="system",
+                destination=SIGNAL_NAME,
+                path=bss,
+                interface="org.freedesktop.DBus.Properties",
+            ),
+            call("LoadUnit", "udhcpc@wlan0.service"),
+            RESTART,
+            changed("WiFiClientState", "completed", alone=True),
+        ],
+        mark,
+    )
     assert world.journal.logs(mark)[:9] == [
-        CHANGED_LOG, ("info", f"[WPE supplicant] BSS changed: {bss} SSID: cafe"), state_log("associated", "completed"),
-        *DHCP_RESTART_LOGS, job_log(4), emitting_log("completed", "cafe"), READ_LOG]
+        CHANGED_LOG,
+        ("info", f"[WPE supplicant] BSS changed: {bss} SSID: cafe"),
+        state_log("associated", "completed"),
+        *DHCP_RESTART_LOGS,
+        job_log(4),
+        emitting_log("completed", "cafe"),
+        READ_LOG,
+    ]
 
 
 def test_completed_without_a_bss_hands_on_an_empty_ssid(world: World) -> None:
@@ -80,7 +108,13 @@ def test_completed_without_a_bss_hands_on_an_empty_ssid(world: World) -> None:
     mark = world.journal.mark()
     report(world, "completed")
     assert world.journal.logs(mark)[:8] == [
-        CHANGED_LOG, state_log("disconnected", "completed"), *DHCP_RESTART_LOGS, job_log(4), emitting_log("completed"), READ_LOG]
+        CHANGED_LOG,
+        state_log("disconnected", "completed"),
+        *DHCP_RESTART_LOGS,
+        job_log(4),
+        emitting_log("completed"),
+        READ_LOG,
+    ]
 
 
 def test_a_refused_passphrase_is_the_state_failed_and_removes_the_network(world: World) -> None:
@@ -93,10 +127,14 @@ def test_a_refused_passphrase_is_the_state_failed_and_removes_the_network(world:
 
     world.journal.expect_in_order([station_call("RemoveNetwork", network(0)), changed("WiFiClientState", "failed")], mark)
     assert world.journal.logs(mark) == [
-        CHANGED_LOG, state_log("4way_handshake", "disconnected"),
+        CHANGED_LOG,
+        state_log("4way_handshake", "disconnected"),
         ("warning", "[WPE supplicant] PropertyChangedCallback: Failed to connect to the accesspoint"),
-        ("err", "Failed to connect to AP"), ("info", f"[WPA] Remove network: {network(0)}"),
-        emitting_log("failed"), READ_LOG]
+        ("err", "Failed to connect to AP"),
+        ("info", f"[WPA] Remove network: {network(0)}"),
+        emitting_log("failed"),
+        READ_LOG,
+    ]
     assert world.get("WiFiClientState") == "failed"
     assert world.wpa.networks == {}
 
@@ -107,7 +145,9 @@ def test_a_refused_passphrase_of_no_network_of_ours_removes_nothing(world: World
     report(world, "disconnected")
     assert world.journal.logs(mark)[2:5] == [
         ("warning", "[WPE supplicant] PropertyChangedCallback: Failed to connect to the accesspoint"),
-        ("err", "Failed to connect to AP"), emitting_log("failed")]
+        ("err", "Failed to connect to AP"),
+        emitting_log("failed"),
+    ]
     assert world.journal.count(call("RemoveNetwork"), mark) == 0
 
 
@@ -128,7 +168,11 @@ def test_a_state_after_failed_is_compared_with_failed(world: World) -> None:
     mark = world.journal.mark()
     report(world, "disconnected")
     assert world.journal.logs(mark) == [
-        CHANGED_LOG, state_log("failed", "disconnected"), emitting_log("disconnected"), READ_LOG]
+        CHANGED_LOG,
+        state_log("failed", "disconnected"),
+        emitting_log("disconnected"),
+        READ_LOG,
+    ]
     assert world.journal.changes(mark) == [("WiFiClientState", "disconnected")]
 
 
@@ -138,12 +182,26 @@ def test_disconnected_from_any_other_state_is_just_that(world: World, before: st
     mark = world.journal.mark()
     report(world, "disconnected")
     assert [line for line in world.journal.logs(mark) if line != READ_LOG] == [
-        CHANGED_LOG, state_log(before, "disconnected"), emitting_log("disconnected")]
+        CHANGED_LOG,
+        state_log(before, "disconnected"),
+        emitting_log("disconnected"),
+    ]
     assert world.journal.changes(mark) == [("WiFiClientState", "disconnected")]
 
 
-@pytest.mark.parametrize("state", ["scanning", "authenticating", "4way_handshake", "inactive", "interface_disabled", "no such word",
-                                   "Completed", "completed "])
+@pytest.mark.parametrize(
+    "state",
+    [
+        "scanning",
+        "authenticating",
+        "4way_handshake",
+        "inactive",
+        "interface_disabled",
+        "no such word",
+        "Completed",
+        "completed ",
+    ],
+)
 def test_other_states_are_remembered_without_a_word_to_anybody(world: World, state: str) -> None:
     bring_up_station(world)
     mark = world.journal.mark()
@@ -166,7 +224,11 @@ def test_states_out_of_order_are_followed_as_they_come(world: World) -> None:
     mark = world.journal.mark()
     report(world, "completed", "scanning", "disconnected", "4way_handshake", "4way_handshake", "disconnected", "completed")
     assert [line for line in world.journal.logs(mark) if line[1].startswith("StateChangeHandler")] == [
-        emitting_log("completed"), emitting_log("disconnected"), emitting_log("failed"), emitting_log("completed")]
+        emitting_log("completed"),
+        emitting_log("disconnected"),
+        emitting_log("failed"),
+        emitting_log("completed"),
+    ]
     values = [value for name, value in world.journal.changes(mark) if name == "WiFiClientState"]
     assert values == ["completed", "disconnected", "failed", "completed"]
 
@@ -184,7 +246,10 @@ def test_a_repeated_completed_restarts_dhcp_each_time(world: World) -> None:
     mark = world.journal.mark()
     report(world, "completed", "completed")
     assert [line for line in world.journal.logs(mark) if not line[1].startswith("[Utils] Restarted")] == [
-        CHANGED_LOG, state_log("completed", "completed"), *DHCP_RESTART_LOGS] * 2
+        CHANGED_LOG,
+        state_log("completed", "completed"),
+        *DHCP_RESTART_LOGS,
+    ] * 2
     assert world.journal.count(RESTART, mark) == 2
     assert world.journal.count(changed("WiFiClientState"), mark) == 0
 

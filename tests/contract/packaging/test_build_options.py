@@ -14,8 +14,13 @@ HEADERS = {"libKorrinInfo": "korrin-info/korrin_info.hpp", "libdbus-helper": "db
 
 def configure(folder: Path, *options: str) -> subprocess.CompletedProcess[str]:
     """Configure a build of this tree in a folder."""
-    return subprocess.run(["/usr/bin/cmake", "-G", "Ninja", "-S", ROOT, "-B", folder, "-DCMAKE_BUILD_TYPE=Release", *options],
-                          env={"PATH": "/usr/bin:/bin"}, capture_output=True, text=True, timeout=110)
+    return subprocess.run(
+        ["/usr/bin/cmake", "-G", "Ninja", "-S", ROOT, "-B", folder, "-DCMAKE_BUILD_TYPE=Release", *options],
+        env={"PATH": "/usr/bin:/bin"},
+        capture_output=True,
+        text=True,
+        timeout=110,
+    )
 
 
 def installed_by(folder: Path) -> str:
@@ -55,9 +60,10 @@ def test_a_platform_that_is_not_there_is_said_with_what_to_do(tmp_path: Path, pl
     variable = {"libKorrinInfo": "VANTORA_KORRIN_INFO", "libdbus-helper": "VANTORA_DBUS_HELPER"}[library]
     variable += "_LIBRARY" if lost == "library" else "_INCLUDE_DIR"
     assert done.returncode == 1
-    assert (f"VANTORA_PLATFORM=installed, but {library} (header <{HEADERS[library]}>) was not found: {variable} is empty. Set it, "
-            "or CMAKE_PREFIX_PATH, to where the device's libraries are, or build with VANTORA_PLATFORM=bundled."
-            ) in " ".join(done.stderr.split())
+    assert (
+        f"VANTORA_PLATFORM=installed, but {library} (header <{HEADERS[library]}>) was not found: {variable} is empty. Set it, "
+        "or CMAKE_PREFIX_PATH, to where the device's libraries are, or build with VANTORA_PLATFORM=bundled."
+    ) in " ".join(done.stderr.split())
 
 
 def test_a_platform_of_another_kind_is_refused(tmp_path: Path) -> None:
@@ -72,7 +78,11 @@ def test_the_settings_daemon_can_be_left_out(tmp_path: Path, wanted: bool) -> No
     done = configure(build, *([] if wanted else ["-DVANTORA_SETTINGSD=OFF"]))
     assert done.returncode == 0, done.stderr
     plan = (build / "build.ninja").read_text()
-    found = ("build vantora-settingsd: " in plan, "settingsd_test" in plan, "vantora-settingsd" in installed_by(build),
-             "com.vantora.common.Settings1.service" in installed_by(build))
+    found = (
+        "build vantora-settingsd: " in plan,
+        "settingsd_test" in plan,
+        "vantora-settingsd" in installed_by(build),
+        "com.vantora.common.Settings1.service" in installed_by(build),
+    )
     assert found == (wanted,) * 4
     assert "build vantora-network: " in plan and "settings_store_test" in plan

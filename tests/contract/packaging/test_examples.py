@@ -67,8 +67,9 @@ def test_the_example_without_remembered_values_shows_what_is_never_announced(wor
     with Running([PYTHON, str(ROOT / "examples/fresh_values.py")], environment(world)) as example:
         example.wait_for("(?m)^ClientSSID = $")
         world.settle()
-        assert [text for _, text in world.journal.logs(mark) if text.startswith("Get ")] == ["Get 'WiFiClientSSID' property"], (
-            "nothing else is loaded")
+        assert [text for _, text in world.journal.logs(mark) if text.startswith("Get ")] == [
+            "Get 'WiFiClientSSID' property"
+        ], "nothing else is loaded"
         world.radio.station_ssid = b"cafe"
         world.wpa.report_state("completed", world.wpa.add_bss("cafe"))
         example.wait_for("(?m)^ClientSSID = cafe$", 2)  # for the state, and two seconds later for SSID
@@ -81,8 +82,9 @@ def test_the_example_without_remembered_values_shows_what_is_never_announced(wor
 
 def test_a_proxy_that_remembers_values_is_wrong_as_the_page_says(world: World) -> None:
     bring_up_station(world)
-    with subprocess.Popen([PYTHON, "-c", REMEMBERING], env=environment(world), stdin=subprocess.PIPE, stdout=subprocess.PIPE,
-                          text=True) as proxy:
+    with subprocess.Popen(
+        [PYTHON, "-c", REMEMBERING], env=environment(world), stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True
+    ) as proxy:
         assert proxy.stdout and proxy.stdin
         assert proxy.stdout.readline() == "remembered at the start: \n"
         world.radio.station_ssid = b"cafe"
@@ -126,7 +128,10 @@ def test_the_busctl_examples_of_the_page_work(world: World) -> None:
     run_line(world, alias, connect)
     added = world.journal.wait_for(call("AddNetwork"), mark)
     assert {name: value.value for name, value in added.args[0].items()} == {
-        "ssid": "my network", "key_mgmt": "WPA-PSK", "psk": "my passphrase"}
+        "ssid": "my network",
+        "key_mgmt": "WPA-PSK",
+        "psk": "my passphrase",
+    }
 
     command = monitor.replace("net", "busctl --user", 1).split()
     with Running(command, environment(world)) as watching:
@@ -142,8 +147,11 @@ def start_python_example(world: World, *arguments: str) -> Process:
     return world.sandbox.start([PYTHON, "-c", found[0], *arguments])
 
 
-@pytest.mark.parametrize(("states", "outcome"), [
-    (["4way_handshake", "completed"], "completed"), (["4way_handshake", "disconnected"], "failed")], ids=lambda value: str(value))
+@pytest.mark.parametrize(
+    ("states", "outcome"),
+    [(["4way_handshake", "completed"], "completed"), (["4way_handshake", "disconnected"], "failed")],
+    ids=lambda value: str(value),
+)
 def test_the_python_example_of_the_page_tells_the_outcome(world: World, states: list[str], outcome: str) -> None:
     bring_up_station(world)
     example = start_python_example(world, "cafe", "secret12")

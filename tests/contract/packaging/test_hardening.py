@@ -10,12 +10,24 @@ from pathlib import Path
 import pytest
 from hardening import ASSERTION, Elf, programs_below
 
-PRODUCT = ("vantora-network", "vantora-settingsd", "vantora-supplicant-names", "vantora-wifi", "vantora-sim-sandbox", "vantora-sim-tool")
+PRODUCT = (
+    "vantora-network",
+    "vantora-settingsd",
+    "vantora-supplicant-names",
+    "vantora-wifi",
+    "vantora-sim-sandbox",
+    "vantora-sim-tool",
+)
 
 COMPILER_FLAGS = {
     "x64": ["-fPIE", "-fstack-protector-strong", "-fstack-clash-protection", "-fcf-protection=full", "-D_GLIBCXX_ASSERTIONS"],
-    "AArch64": ["-fPIE", "-fstack-protector-strong", "-fstack-clash-protection", "-mbranch-protection=standard",
-                "-D_GLIBCXX_ASSERTIONS"],
+    "AArch64": [
+        "-fPIE",
+        "-fstack-protector-strong",
+        "-fstack-clash-protection",
+        "-mbranch-protection=standard",
+        "-D_GLIBCXX_ASSERTIONS",
+    ],
     "ARM": ["-fPIE", "-fstack-protector-strong", "-fstack-clash-protection", "-D_GLIBCXX_ASSERTIONS"],
 }
 
@@ -33,8 +45,12 @@ def cache(build_dir: Path) -> dict[str, str]:
 def plain_release(cache: dict[str, str]) -> None:
     """Only for builds that are meant for a device. The sanitizers have other ways, and clang cannot check functions with any
     number of arguments."""
-    if (cache["CMAKE_BUILD_TYPE"] != "Release" or cache["VANTORA_SANITIZE"] or cache["VANTORA_COVERAGE"] == "ON"
-            or "clang" in cache["CMAKE_CXX_COMPILER"]):
+    if (
+        cache["CMAKE_BUILD_TYPE"] != "Release"
+        or cache["VANTORA_SANITIZE"]
+        or cache["VANTORA_COVERAGE"] == "ON"
+        or "clang" in cache["CMAKE_CXX_COMPILER"]
+    ):
         pytest.skip("this build is not meant for a device")
 
 
@@ -79,24 +95,37 @@ def test_this_compiler_has_the_highest_level(cache: dict[str, str], plain_releas
 def compiled(tmp_path: Path, *flags: str) -> Elf:
     """A small program, built with these flags only."""
     source, program = tmp_path / "small.cpp", tmp_path / "small"
-    source.write_text('#include <cstdio>\nint main(int count, char**) { char text[64];\n'
-                      '    std::snprintf(text, sizeof text, "%d", count); std::puts(text); }\n')
+    source.write_text(
+        "#include <cstdio>\nint main(int count, char**) { char text[64];\n"
+        '    std::snprintf(text, sizeof text, "%d", count); std::puts(text); }\n'
+    )
     subprocess.run(["c++", "-O2", *flags, "-o", program, source], check=True, capture_output=True, timeout=60)
     return Elf(program)
 
 
-HARDENED = ["-fPIE", "-pie", "-Wl,-z,relro,-z,now,-z,noexecstack", "-fstack-protector-all", "-U_FORTIFY_SOURCE", "-D_FORTIFY_SOURCE=2"]
+HARDENED = [
+    "-fPIE",
+    "-pie",
+    "-Wl,-z,relro,-z,now,-z,noexecstack",
+    "-fstack-protector-all",
+    "-U_FORTIFY_SOURCE",
+    "-D_FORTIFY_SOURCE=2",
+]
 X86 = ["-fcf-protection=full", "-Wl,-z,shstk"]
 
 
-@pytest.mark.parametrize(("flags", "flaw"), [
-    (["-fno-pie", "-no-pie"], "is no position-independent program"),
-    (["-Wl,-z,norelro"], "leaves its tables of addresses writable"),
-    (["-Wl,-z,lazy"], "binds functions while it runs"),
-    (["-Wl,-z,execstack"], "runs code on its stack"),
-    (["-fno-stack-protector"], "does not protect its stack"),
-    (["-U_FORTIFY_SOURCE"], "calls snprintf unchecked"),
-], ids=lambda value: " ".join(value) if isinstance(value, list) else "")
+@pytest.mark.parametrize(
+    ("flags", "flaw"),
+    [
+        (["-fno-pie", "-no-pie"], "is no position-independent program"),
+        (["-Wl,-z,norelro"], "leaves its tables of addresses writable"),
+        (["-Wl,-z,lazy"], "binds functions while it runs"),
+        (["-Wl,-z,execstack"], "runs code on its stack"),
+        (["-fno-stack-protector"], "does not protect its stack"),
+        (["-U_FORTIFY_SOURCE"], "calls snprintf unchecked"),
+    ],
+    ids=lambda value: " ".join(value) if isinstance(value, list) else "",
+)
 def test_a_program_that_lacks_one_of_them_is_noticed(tmp_path: Path, flags: list[str], flaw: str) -> None:
     x86 = X86 if compiled(tmp_path).architecture == "x64" else []
     assert compiled(tmp_path, *HARDENED, *x86).flaws() == []
@@ -108,9 +137,13 @@ def test_an_unmarked_program_without_landing_pads_is_noticed(tmp_path: Path) -> 
         pytest.skip("for x86")
     assert compiled(tmp_path, *HARDENED, "-fcf-protection=full").flaws() == ["is not marked for shadow stacks"]
     source, program = tmp_path / "table.cpp", tmp_path / "table"
-    source.write_text("#include <cstdlib>\nnamespace { void a() { std::abort(); } }\n"
-                      "void (*volatile table[])() = {a};\nint main() { table[0](); }\n")
-    subprocess.run(["c++", "-O2", *HARDENED, "-fcf-protection=none", "-Wl,-z,shstk", "-o", program, source], check=True, timeout=60)
+    source.write_text(
+        "#include <cstdlib>\nnamespace { void a() { std::abort(); } }\n"
+        "void (*volatile table[])() = {a};\nint main() { table[0](); }\n"
+    )
+    subprocess.run(
+        ["c++", "-O2", *HARDENED, "-fcf-protection=none", "-Wl,-z,shstk", "-o", program, source], check=True, timeout=60
+    )
     assert [flaw for flaw in Elf(program).flaws() if "no landing pads" in flaw] != []
 
 

@@ -42,24 +42,41 @@ def test_the_tree_as_it_is_has_no_finding(tree: Path) -> None:
     assert check(tree) == (0, [])
 
 
-@pytest.mark.parametrize("file, line, finding", [
-    ("src/utils/pause.hpp", '#include "core/service.hpp"', "src/utils must not know of core"),
-    ("src/listeners/hostapd_socket_listener.cpp", '#  include "radio/hostapd.hpp"', "src/listeners must not know of radio"),
-    ("src/radio/hostapd.cpp", "#include <core/service.hpp>", "src/radio must not know of core"),
-    ("client/main.cpp", '#include "utils/utf8.hpp"', "client must not know of utils"),
-    ("platform/settingsd/src/main.cpp", '#include "dbus-helper/DBusHelper.hpp"', "platform/settingsd must not know of dbus-helper"),
-    ("src/config/wifi_config.cpp", '#include "../core/service.hpp"',
-     '"../core/service.hpp" leaves its folder: name it by its room'),
-])
+@pytest.mark.parametrize(
+    "file, line, finding",
+    [
+        ("src/utils/pause.hpp", '#include "core/service.hpp"', "src/utils must not know of core"),
+        ("src/listeners/hostapd_socket_listener.cpp", '#  include "radio/hostapd.hpp"', "src/listeners must not know of radio"),
+        ("src/radio/hostapd.cpp", "#include <core/service.hpp>", "src/radio must not know of core"),
+        ("client/main.cpp", '#include "utils/utf8.hpp"', "client must not know of utils"),
+        (
+            "platform/settingsd/src/main.cpp",
+            '#include "dbus-helper/DBusHelper.hpp"',
+            "platform/settingsd must not know of dbus-helper",
+        ),
+        (
+            "src/config/wifi_config.cpp",
+            '#include "../core/service.hpp"',
+            '"../core/service.hpp" leaves its folder: name it by its room',
+        ),
+    ],
+)
 def test_an_include_that_goes_up_is_named_with_its_line(tree: Path, file: str, line: str, finding: str) -> None:
     where = plant(tree, file, line)
     assert check(tree) == (1, [f"{where}: {finding}"])
 
 
-@pytest.mark.parametrize("line", [
-    "from .device import SimulatedDevice", "from . import device", "import vantora_sim.device",
-    "from vantora_sim.device import SimulatedDevice", "if False:\n    from .device import SimulatedDevice",
-    "def later() -> None:\n    from .device import SimulatedDevice"])
+@pytest.mark.parametrize(
+    "line",
+    [
+        "from .device import SimulatedDevice",
+        "from . import device",
+        "import vantora_sim.device",
+        "from vantora_sim.device import SimulatedDevice",
+        "if False:\n    from .device import SimulatedDevice",
+        "def later() -> None:\n    from .device import SimulatedDevice",
+    ],
+)
 def test_an_import_that_goes_up_is_named_however_it_is_written(tree: Path, line: str) -> None:
     where = plant(tree, f"{SIMULATOR}/air.py", line)
     status, findings = check(tree)
@@ -79,8 +96,13 @@ def test_a_new_module_or_room_must_be_given_its_place(tree: Path) -> None:
     plant(tree, f"{SIMULATOR}/novel.py", "")
     (tree / "src/novel").mkdir()
     plant(tree, "src/novel/thing.hpp", "")
-    assert check(tree) == (1, ["src/novel/thing.hpp: is in no room of scripts/layers.toml",
-                               f"{SIMULATOR}/novel.py: is in no layer of scripts/layers.toml"])
+    assert check(tree) == (
+        1,
+        [
+            "src/novel/thing.hpp: is in no room of scripts/layers.toml",
+            f"{SIMULATOR}/novel.py: is in no layer of scripts/layers.toml",
+        ],
+    )
 
 
 def test_lint_runs_it(tree: Path) -> None:

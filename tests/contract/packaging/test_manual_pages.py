@@ -56,8 +56,12 @@ def test_what_changes_the_world_is_documented_command_by_command() -> None:
     entries = "".join(line for line in text.splitlines(keepends=True) if not line.startswith("\t")).split("world file.\n", 1)[1]
     commands = simctl_commands()
     assert len(commands) == 14
-    words = {choice for name in ("radio", "cable") for found in re.findall(r"\{([a-z,]+)\}", commands[name])
-             for choice in found.split(",")}
+    words = {
+        choice
+        for name in ("radio", "cable")
+        for found in re.findall(r"\{([a-z,]+)\}", commands[name])
+        for choice in found.split(",")
+    }
     assert set(re.findall(r"\*([a-z]+)\*", entries)) == set(commands) | words
     assert all(f"*{name}*" in text for name in NAMES)
 
@@ -69,14 +73,18 @@ def test_shipped_worlds_are_documented() -> None:
     assert worlds <= set(re.findall(r"[a-z-]+", help_of(*SIM)))
 
 
-@pytest.mark.parametrize(("page", "program", "commands"), [
-    ("vantora-settingsd.8", "vantora-settingsd", []), ("vantora-wifi.1", "vantora-wifi", ["connect", "scan", "status"])])
+@pytest.mark.parametrize(
+    ("page", "program", "commands"),
+    [("vantora-settingsd.8", "vantora-settingsd", []), ("vantora-wifi.1", "vantora-wifi", ["connect", "scan", "status"])],
+)
 def test_a_program_is_documented_option_by_option(build_dir: Path, page: str, program: str, commands: list[str]) -> None:
     told = help_of(build_dir / program) + "".join(help_of(build_dir / program, command) for command in commands)
     assert options_in(without_examples(page)) == options_in(told)
 
 
-@pytest.mark.parametrize(("page", "program"), [("vantora-settingsd.8", "vantora-settingsd"), ("vantora-wifi.1", "vantora-wifi")])
+@pytest.mark.parametrize(
+    ("page", "program"), [("vantora-settingsd.8", "vantora-settingsd"), ("vantora-wifi.1", "vantora-wifi")]
+)
 def test_exit_statuses_are_those_of_the_help(build_dir: Path, page: str, program: str) -> None:
     told = re.search(r"(?s)Exit status: (.*)", help_of(build_dir / program))
     assert told
@@ -86,4 +94,6 @@ def test_exit_statuses_are_those_of_the_help(build_dir: Path, page: str, program
 def test_the_settings_file_is_where_the_page_says(build_dir: Path) -> None:
     default = re.search(r"\(default: (/.*?)\)", help_of(build_dir / "vantora-settingsd"))
     assert default
-    assert f"*{default[1]}*\n" in section("vantora-settingsd.8", "FILES") and default[1] in section("vantora-settingsd.8", "OPTIONS")
+    assert f"*{default[1]}*\n" in section("vantora-settingsd.8", "FILES") and default[1] in section(
+        "vantora-settingsd.8", "OPTIONS"
+    )

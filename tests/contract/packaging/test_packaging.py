@@ -15,8 +15,14 @@ BUS_NAMES = {"com.vantora.Network1": "vantora-network.service", "com.vantora.com
 def installed(build_dir: Path, tmp_path_factory: pytest.TempPathFactory) -> Path:
     """The root of an installation of the whole build."""
     root = tmp_path_factory.mktemp("installed")
-    subprocess.run(["cmake", "--install", build_dir], env={"DESTDIR": str(root), "PATH": "/usr/bin:/bin"},
-                   check=True, capture_output=True, text=True, timeout=60)
+    subprocess.run(
+        ["cmake", "--install", build_dir],
+        env={"DESTDIR": str(root), "PATH": "/usr/bin:/bin"},
+        check=True,
+        capture_output=True,
+        text=True,
+        timeout=60,
+    )
     return root
 
 
@@ -33,10 +39,23 @@ def unit(path: Path) -> configparser.ConfigParser:
 
 
 def test_programs_and_files_for_integrators_are_installed(installed: Path) -> None:
-    for program in ("sbin/vantora-network", "sbin/vantora-settingsd", "sbin/vantora-supplicant-names", "bin/vantora-wifi", "bin/vantora-sim", "bin/vantora-simctl"):
+    for program in (
+        "sbin/vantora-network",
+        "sbin/vantora-settingsd",
+        "sbin/vantora-supplicant-names",
+        "bin/vantora-wifi",
+        "bin/vantora-sim",
+        "bin/vantora-simctl",
+    ):
         assert the_only(installed, program).stat().st_mode & 0o111, program
-    for name in ("vantora-network.service", "vantora-settingsd.service", "vantora-supplicant-names.service", "com.vantora.Network1.service",
-                 "com.vantora.common.Settings1.service", "com.vantora.Network1.WiFi.xml"):
+    for name in (
+        "vantora-network.service",
+        "vantora-settingsd.service",
+        "vantora-supplicant-names.service",
+        "com.vantora.Network1.service",
+        "com.vantora.common.Settings1.service",
+        "com.vantora.Network1.WiFi.xml",
+    ):
         the_only(installed, name)
 
 
@@ -74,8 +93,13 @@ EXPOSURES = {"vantora-network.service": 3.0, "vantora-settingsd.service": 3.0, "
 
 @pytest.mark.parametrize("name", UNITS)
 def test_a_units_sandbox_is_as_tight_as_promised(installed: Path, name: str) -> None:
-    scored = subprocess.run(["systemd-analyze", "security", "--offline=true", "--no-pager", the_only(installed, name)],
-                            env={"PATH": "/usr/bin:/bin", "LC_ALL": "C"}, capture_output=True, text=True, timeout=60)
+    scored = subprocess.run(
+        ["systemd-analyze", "security", "--offline=true", "--no-pager", the_only(installed, name)],
+        env={"PATH": "/usr/bin:/bin", "LC_ALL": "C"},
+        capture_output=True,
+        text=True,
+        timeout=60,
+    )
     (exposure,) = re.findall(r"Overall exposure level for \S+: ([0-9.]+)", scored.stdout)
     assert float(exposure) <= EXPOSURES[name], scored.stdout
 
@@ -131,10 +155,17 @@ def test_the_older_names_unit_waits_for_ready_and_runs_as_a_user_of_its_own(inst
 
 def test_the_older_names_user_can_be_made(installed: Path, tmp_path: Path) -> None:
     (tmp_path / "etc").mkdir()
-    made = subprocess.run(["systemd-sysusers", f"--root={tmp_path}", the_only(installed, "sysusers.d/vantora-supplicant-names.conf")],
-                          env={"PATH": "/usr/bin:/bin"}, capture_output=True, text=True, timeout=60)
+    made = subprocess.run(
+        ["systemd-sysusers", f"--root={tmp_path}", the_only(installed, "sysusers.d/vantora-supplicant-names.conf")],
+        env={"PATH": "/usr/bin:/bin"},
+        capture_output=True,
+        text=True,
+        timeout=60,
+    )
     assert made.returncode == 0, made.stderr
-    entry, = [line for line in (tmp_path / "etc/passwd").read_text().splitlines() if line.startswith("_vantora-supplicant-names:")]
+    (entry,) = [
+        line for line in (tmp_path / "etc/passwd").read_text().splitlines() if line.startswith("_vantora-supplicant-names:")
+    ]
     assert entry.split(":")[2] != "0"
 
 

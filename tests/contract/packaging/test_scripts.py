@@ -20,16 +20,24 @@ def tree(tmp_path: Path) -> Path:
         (root / folder).mkdir(parents=True)
     for name in ("run", "common.sh"):
         shutil.copy(ROOT / "scripts" / name, root / "scripts")
-    for name, script in {"scripts/build": 'echo "build $*"; exit "${BUILD_STATUS:-0}"',
-                         "simulator/vantora-sim": 'printf "<%s>" "$@"; echo; pwd; echo "$PATH"; exit 7'}.items():
+    for name, script in {
+        "scripts/build": 'echo "build $*"; exit "${BUILD_STATUS:-0}"',
+        "simulator/vantora-sim": 'printf "<%s>" "$@"; echo; pwd; echo "$PATH"; exit 7',
+    }.items():
         (root / name).write_text(f"#!/bin/sh\n{script}\n")
         (root / name).chmod(0o755)
     return root
 
 
 def run(tree: Path, folder: Path, *arguments: str, **environment: str) -> subprocess.CompletedProcess[str]:
-    return subprocess.run([tree / "scripts/run", *arguments], cwd=folder, env={"PATH": f"{folder}:/usr/bin:/bin", **environment},
-                          capture_output=True, text=True, timeout=60)
+    return subprocess.run(
+        [tree / "scripts/run", *arguments],
+        cwd=folder,
+        env={"PATH": f"{folder}:/usr/bin:/bin", **environment},
+        capture_output=True,
+        text=True,
+        timeout=60,
+    )
 
 
 def test_run_hands_everything_on_and_ends_with_the_status_of_the_command(tree: Path, tmp_path: Path) -> None:
@@ -52,11 +60,22 @@ def test_run_starts_nothing_that_could_not_be_built(tree: Path, tmp_path: Path) 
     assert (ran.returncode, ran.stdout) == (3, "")
 
 
-@pytest.mark.parametrize(("arguments", "wanted"), [
-    (("--desk",), True), (("--world", "office", "--desk", "--", "true"), True), (("--open", "run.jsonl"), True), (("--open=run.jsonl",), True),
-    ((), False), (("-v",), False), (("--", "browse", "--desk"), False)])
-def test_run_installs_what_the_page_needs_for_the_page_only(tree: Path, tmp_path: Path, arguments: tuple[str, ...], wanted: bool) -> None:
-    (tree / "scripts/install-packages").write_text("#!/bin/sh\necho \"install $*\"\n")
+@pytest.mark.parametrize(
+    ("arguments", "wanted"),
+    [
+        (("--desk",), True),
+        (("--world", "office", "--desk", "--", "true"), True),
+        (("--open", "run.jsonl"), True),
+        (("--open=run.jsonl",), True),
+        ((), False),
+        (("-v",), False),
+        (("--", "browse", "--desk"), False),
+    ],
+)
+def test_run_installs_what_the_page_needs_for_the_page_only(
+    tree: Path, tmp_path: Path, arguments: tuple[str, ...], wanted: bool
+) -> None:
+    (tree / "scripts/install-packages").write_text('#!/bin/sh\necho "install $*"\n')
     (tree / "scripts/install-packages").chmod(0o755)
     ran = run(tree, tmp_path, *arguments)
     assert ran.returncode == 7
@@ -90,15 +109,19 @@ def count(folder: Path) -> tuple[int, list[str]]:
     return ran.returncode, ran.stdout.splitlines()
 
 
-@pytest.mark.parametrize(("status", "cases", "exit_status", "total"), [
-    (0, [PASSED, PASSED], 0, "2 passed, 0 failed"),
-    (0, [PASSED, SKIPPED, DISABLED], 0, "1 passed, 0 failed, 2 skipped"),
-    (1, [PASSED, FAILED], 1, "1 passed, 1 failed"),
-    (0, [PASSED, FAILED], 1, "1 passed, 1 failed"),
-    (1, [PASSED, BROKEN], 1, "1 passed, 1 failed"),
-    (8, [PASSED, NOT_RUN], 1, "1 passed, 1 failed"),
-    (0, [SKIPPED], 1, "0 passed, 0 failed, 1 skipped"),
-], ids=["all passed", "some skipped", "one failed", "failed unnoticed", "broken fixture", "program missing", "all skipped"])
+@pytest.mark.parametrize(
+    ("status", "cases", "exit_status", "total"),
+    [
+        (0, [PASSED, PASSED], 0, "2 passed, 0 failed"),
+        (0, [PASSED, SKIPPED, DISABLED], 0, "1 passed, 0 failed, 2 skipped"),
+        (1, [PASSED, FAILED], 1, "1 passed, 1 failed"),
+        (0, [PASSED, FAILED], 1, "1 passed, 1 failed"),
+        (1, [PASSED, BROKEN], 1, "1 passed, 1 failed"),
+        (8, [PASSED, NOT_RUN], 1, "1 passed, 1 failed"),
+        (0, [SKIPPED], 1, "0 passed, 0 failed, 1 skipped"),
+    ],
+    ids=["all passed", "some skipped", "one failed", "failed unnoticed", "broken fixture", "program missing", "all skipped"],
+)
 def test_outcomes_are_counted_one_by_one(tmp_path: Path, status: int, cases: list[str], exit_status: int, total: str) -> None:
     write_run(tmp_path, "unit-1", status, cases)
     found, lines = count(tmp_path)
@@ -106,14 +129,19 @@ def test_outcomes_are_counted_one_by_one(tmp_path: Path, status: int, cases: lis
     assert len(lines) == (2 if "1 failed" in total else 1), "a failed test is named"
 
 
-@pytest.mark.parametrize(("status", "cases", "words"), [
-    (139, None, "no readable results (runner status 139)"),
-    (0, None, "no readable results (runner status 0)"),
-    (134, [PASSED], "the runner ended with status 134 without naming a failed test"),
-    (0, [], "no test ran"),
-], ids=["crash before results", "results lost", "crash at the end", "empty"])
-def test_a_runner_that_crashes_or_runs_nothing_counts_as_a_failure(tmp_path: Path, status: int, cases: list[str] | None,
-                                                                   words: str) -> None:
+@pytest.mark.parametrize(
+    ("status", "cases", "words"),
+    [
+        (139, None, "no readable results (runner status 139)"),
+        (0, None, "no readable results (runner status 0)"),
+        (134, [PASSED], "the runner ended with status 134 without naming a failed test"),
+        (0, [], "no test ran"),
+    ],
+    ids=["crash before results", "results lost", "crash at the end", "empty"],
+)
+def test_a_runner_that_crashes_or_runs_nothing_counts_as_a_failure(
+    tmp_path: Path, status: int, cases: list[str] | None, words: str
+) -> None:
     write_run(tmp_path, "unit-1", 0, [PASSED])
     write_run(tmp_path, "contract-1", status, cases)
     found, lines = count(tmp_path)

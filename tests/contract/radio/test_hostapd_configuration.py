@@ -13,8 +13,10 @@ from vantora_sim import World, log
 
 READ_FAILED = ("err", "[Hostapd] Failed to open '/etc/hostapd.conf' config file for read")
 PARSE_FAILED = ("err", "[Hostapd] Failed to parse default hostapd config file")
-WRITE_FAILED = [("err", "[Hostapd] Failed to open '/run/hostapd.conf' config file for write"),
-                ("err", "[Hostapd] Failed to write runtime hostapd config file")]
+WRITE_FAILED = [
+    ("err", "[Hostapd] Failed to open '/run/hostapd.conf' config file for write"),
+    ("err", "[Hostapd] Failed to write runtime hostapd config file"),
+]
 NOT_SET = ("warning", "[WiFi] Failed to set hostapd configuration")
 PAGE = 4096
 NO_5_GHZ = ("warning", "[Hostapd] hostapd_set_conf: This device do not support 5GHz, ovverride and set to 2.4ghz")
@@ -23,26 +25,54 @@ NO_5_GHZ = ("warning", "[Hostapd] hostapd_set_conf: This device do not support 5
 def test_usual_template_is_written_in_key_order_with_ssid_band_and_channels_and_logged(world: World) -> None:
     world.up()
     entries = configuration(USUAL)
-    assert world.hostapd_conf.read_bytes() == as_file(entries) == (
-        b"acs_blacklist=52 56 60 64 100 104 108 112 116 120 124 128 132 136 140 144\nchannel=0\ncountry_code=NL\n"
-        b"ctrl_interface=/var/run/hostapd\ndriver=nl80211\nhw_mode=g\ninterface=wlan0\nrsn_pairwise=CCMP\nssid=Korrin One\n"
-        b"wpa=2\nwpa_key_mgmt=WPA-PSK\nwpa_passphrase=korrin-secret\n")
+    assert (
+        world.hostapd_conf.read_bytes()
+        == as_file(entries)
+        == (
+            b"acs_blacklist=52 56 60 64 100 104 108 112 116 120 124 128 132 136 140 144\nchannel=0\ncountry_code=NL\n"
+            b"ctrl_interface=/var/run/hostapd\ndriver=nl80211\nhw_mode=g\ninterface=wlan0\nrsn_pairwise=CCMP\nssid=Korrin One\n"
+            b"wpa=2\nwpa_key_mgmt=WPA-PSK\nwpa_passphrase=korrin-secret\n"
+        )
+    )
     assert stat.S_IMODE(world.hostapd_conf.stat().st_mode) == 0o600
-    world.journal.expect_logs_in_order([("info", "Starting Hostapd daemon service"), *override_logs(), *dump_logs(entries),
-                                        loaded_log(HOSTAPD)])
+    world.journal.expect_logs_in_order(
+        [("info", "Starting Hostapd daemon service"), *override_logs(), *dump_logs(entries), loaded_log(HOSTAPD)]
+    )
 
 
 def test_odd_lines_of_the_template_are_kept_as_they_are(make_world: Callable[..., World]) -> None:
-    world = make_world(hostapd_template=(
-        "# comment\n\n#ssid=comment\nssid=my=net\nwpa_passphrase=a=b==\nfoo\n  # note\nwpa=1\nZeta=upper\nwpa=2\n"
-        "crlf=yes\r\n\r\n blank = kept \n=no key\nno value=\nhw_mode=b\nlast"))
+    world = make_world(
+        hostapd_template=(
+            "# comment\n\n#ssid=comment\nssid=my=net\nwpa_passphrase=a=b==\nfoo\n  # note\nwpa=1\nZeta=upper\nwpa=2\n"
+            "crlf=yes\r\n\r\n blank = kept \n=no key\nno value=\nhw_mode=b\nlast"
+        )
+    )
     world.up()
-    entries = configuration({"wpa_passphrase": "a=b==", "foo": "foo", "  # note": "  # note", "wpa": "2", "Zeta": "upper",
-                             "crlf": "yes\r", "\r": "\r", " blank ": " kept ", "": "no key", "no value": "", "last": "last"})
+    entries = configuration(
+        {
+            "wpa_passphrase": "a=b==",
+            "foo": "foo",
+            "  # note": "  # note",
+            "wpa": "2",
+            "Zeta": "upper",
+            "crlf": "yes\r",
+            "\r": "\r",
+            " blank ": " kept ",
+            "": "no key",
+            "no value": "",
+            "last": "last",
+        }
+    )
     assert world.hostapd_conf.read_bytes() == as_file(entries)
     text = world.hostapd_conf.read_bytes()
-    for kept in (b"\n  # note=  # note\n", b"foo=foo\n", b"wpa_passphrase=a=b==\n", b"\ncrlf=yes\r\n", b"\r=\r\n",
-                 b" blank = kept \n"):
+    for kept in (
+        b"\n  # note=  # note\n",
+        b"foo=foo\n",
+        b"wpa_passphrase=a=b==\n",
+        b"\ncrlf=yes\r\n",
+        b"\r=\r\n",
+        b" blank = kept \n",
+    ):
         assert kept in text
     assert text.index(b"Zeta=") < text.index(b"acs_blacklist=") < text.index(b"hw_mode=") < text.index(b"ssid=")
     assert text.count(b"wpa=") == 1
@@ -73,8 +103,9 @@ def test_bytes_of_the_template_that_are_no_text_are_kept(make_world: Callable[..
 def test_without_a_template_nothing_is_written_and_the_unit_started_all_the_same(make_world: Callable[..., World]) -> None:
     world = make_world(hostapd_template=None)
     world.up()
-    world.journal.expect_logs_in_order([("info", "Starting Hostapd daemon service"), READ_FAILED, PARSE_FAILED, NOT_SET,
-                                        loaded_log(HOSTAPD)])
+    world.journal.expect_logs_in_order(
+        [("info", "Starting Hostapd daemon service"), READ_FAILED, PARSE_FAILED, NOT_SET, loaded_log(HOSTAPD)]
+    )
     assert world.journal.count(job_call("Start", HOSTAPD)) == 1
     assert not world.hostapd_conf.exists()
     assert world.get("Mode") == "Host"
@@ -116,8 +147,9 @@ def test_change_of_ssid_and_band_goes_on_when_the_runtime_file_can_not_be_writte
 
 
 @pytest.mark.parametrize("radio_type", ["0", "2"])
-def test_radio_without_5_ghz_has_hw_mode_g_written_while_the_band_is_remembered(make_world: Callable[..., World],
-                                                                               radio_type: str) -> None:
+def test_radio_without_5_ghz_has_hw_mode_g_written_while_the_band_is_remembered(
+    make_world: Callable[..., World], radio_type: str
+) -> None:
     world = make_world(device={"radio_type": radio_type})
     world.settings.set("network", "frequency", "5")
     world.up()
@@ -142,9 +174,14 @@ def test_line_break_in_the_ssid_cuts_the_written_value_and_nothing_else(world: W
     world.up()
     assert world.hostapd_conf.read_bytes() == as_file(configuration(USUAL, ssid="net"))
     shown = dump_logs(configuration(USUAL, ssid=name))
-    world.journal.expect_logs_in_order([
-        *override_logs(ssid=name), *shown, ("warning", "[Hostapd] Value of 'ssid' holds a line break and is cut there"),
-        loaded_log(HOSTAPD)])
+    world.journal.expect_logs_in_order(
+        [
+            *override_logs(ssid=name),
+            *shown,
+            ("warning", "[Hostapd] Value of 'ssid' holds a line break and is cut there"),
+            loaded_log(HOSTAPD),
+        ]
+    )
     assert world.get("SSID") == "net"
     assert world.journal.count(log("warning")) == 1
 
@@ -157,7 +194,9 @@ def test_the_name_that_is_published_and_compared_is_the_one_that_hostapd_was_giv
     assert world.get("SSID") == "net"
     world.settle()
     assert [value for name, value in world.journal.changes(mark) if name == "SSID"] == ["net"]
-    assert world.journal.count(job_call("Restart", HOSTAPD), mark) == 1, "what the settings daemon tells of the write is no news"
+    assert (
+        world.journal.count(job_call("Restart", HOSTAPD), mark) == 1
+    ), "what the settings daemon tells of the write is no news"
     for same in ("net", "net\nwpa=2"):
         world.set("SSID", same)
     world.settle()
@@ -216,8 +255,9 @@ exec {program} "$@"
 def up_with_a_full_run(world: World, pages: int, fill: str = "") -> Path:
     """Start the daemon where /run has room for so many pages; returns where that folder is reached from outside."""
     script = world.work / "run/sim/full-run"
-    script.write_text(FULL_RUN.format(options=f"size={pages * PAGE},nr_inodes=64", fill=fill,
-                                      program=world.build / "vantora-network"))
+    script.write_text(
+        FULL_RUN.format(options=f"size={pages * PAGE},nr_inodes=64", fill=fill, program=world.build / "vantora-network")
+    )
     script.chmod(0o755)
     world.follow_units = False  # the radio of the simulator would look for the file elsewhere
     world.radio.interface_type = "AP"
@@ -227,11 +267,15 @@ def up_with_a_full_run(world: World, pages: int, fill: str = "") -> Path:
     return Path(f"/proc/{daemon.pid}/root/run")
 
 
-@pytest.mark.parametrize(("pages", "fill"), [
-    (2, f"head -c {PAGE} /dev/zero >/run/filler"),
-    (2, ""),
-    (4, "i=0; while touch /run/filler-$i 2>/dev/null; do i=$((i + 1)); done"),
-], ids=["no room", "room for a part", "no name"])
+@pytest.mark.parametrize(
+    ("pages", "fill"),
+    [
+        (2, f"head -c {PAGE} /dev/zero >/run/filler"),
+        (2, ""),
+        (4, "i=0; while touch /run/filler-$i 2>/dev/null; do i=$((i + 1)); done"),
+    ],
+    ids=["no room", "room for a part", "no name"],
+)
 def test_a_full_run_keeps_the_configuration_of_before(make_world: Callable[..., World], pages: int, fill: str) -> None:
     template = "interface=wlan0\nwpa=2\n" + "".join(f"a{number}={'x' * 80}\n" for number in range(60))
     assert len(template) > PAGE
@@ -263,11 +307,14 @@ def test_unreadable_name_and_band_fall_back_to_the_defaults(world: World) -> Non
     expected = [
         ("warning", "Failed to get 'deviceName' setting"),
         ("warning", "[WiFi] Failed to get AP ssid, use default"),
-        ("info", "model name: Korrin One"), ("info", "serial number : 12-3456"), ("info", "default ssid: Korrin One-3456"),
+        ("info", "model name: Korrin One"),
+        ("info", "serial number : 12-3456"),
+        ("info", "default ssid: Korrin One-3456"),
         ("warning", "Failed to get 'frequency' setting"),
         ("warning", "[WiFi] Failed to get AP freq, use default (2.4)"),
-        *override_logs(ssid="Korrin One-3456")]
-    assert lines[start:start + len(expected)] == expected
+        *override_logs(ssid="Korrin One-3456"),
+    ]
+    assert lines[start : start + len(expected)] == expected
     assert world.hostapd_conf.read_bytes() == as_file(configuration(USUAL, ssid="Korrin One-3456"))
     assert (world.get("SSID"), world.get("WiFiFrequency")) == ("Korrin One-3456", "2.4")
 

@@ -20,9 +20,14 @@ def remembered(world: World) -> tuple[str, str]:
 def test_start_loads_and_starts_the_unit_and_then_attaches(world: World) -> None:
     world.settings.set("network", "frequency", "5")
     attached_up(world)
-    world.journal.expect_in_order([
-        log("info", "Starting Hostapd daemon service"), manager_call("LoadUnit", "s", HOSTAPD), job_call("Start", HOSTAPD),
-        hostapd_request("ATTACH")])
+    world.journal.expect_in_order(
+        [
+            log("info", "Starting Hostapd daemon service"),
+            manager_call("LoadUnit", "s", HOSTAPD),
+            job_call("Start", HOSTAPD),
+            hostapd_request("ATTACH"),
+        ]
+    )
     assert remembered(world) == ("Korrin One", "5")
 
 
@@ -39,8 +44,15 @@ def test_stop_stops_the_listener_and_the_unit_and_pauses_half_a_second(world: Wo
     before = time.monotonic()
     world.set("Mode", "Client")
     assert time.monotonic() - before >= 0.5
-    world.journal.expect_in_order([log("info", "Stopping Hostapd daemon service"), manager_call("LoadUnit", "s", HOSTAPD),
-                                   job_call("Stop", HOSTAPD), log("info", "[WiFi] Start Client mode")], mark)
+    world.journal.expect_in_order(
+        [
+            log("info", "Stopping Hostapd daemon service"),
+            manager_call("LoadUnit", "s", HOSTAPD),
+            job_call("Stop", HOSTAPD),
+            log("info", "[WiFi] Start Client mode"),
+        ],
+        mark,
+    )
     # The listener was gone before hostapd was: nobody has heard it say goodbye.
     assert world.journal.count(log(text=lambda text: text.startswith("ListenTask: ")), mark) == 0
     world.radio.interface_type = "AP"
@@ -57,8 +69,9 @@ def test_refused_start_counts_as_one_and_name_and_band_are_remembered(world: Wor
     if verb == "LoadUnit":
         world.journal.expect_logs_in_order([load_failed_log(HOSTAPD, REFUSED), empty_path_log("Start")])
     else:
-        world.journal.expect_logs_in_order([loaded_log(HOSTAPD),
-                                            ("err", JOB_FAILED["Start"].format(unit_path(HOSTAPD), REFUSED))])
+        world.journal.expect_logs_in_order(
+            [loaded_log(HOSTAPD), ("err", JOB_FAILED["Start"].format(unit_path(HOSTAPD), REFUSED))]
+        )
     assert world.journal.count(log("warning", "[WiFi] Failed to start hostapd service")) == 0
     world.journal.wait_for(log("info", "Starting UDHCP daemon service"))
     assert remembered(world) == ("Korrin One", "2.4")
@@ -100,9 +113,15 @@ def test_refused_stop_is_paused_after_like_one_that_was_done(world: World) -> No
     before = time.monotonic()
     world.set("Mode", "Client")
     assert time.monotonic() - before >= 0.5
-    world.journal.expect_logs_in_order([
-        ("info", "Stopping Hostapd daemon service"), loaded_log(HOSTAPD),
-        ("err", JOB_FAILED["Stop"].format(unit_path(HOSTAPD), REFUSED)), ("info", "-" * 44)], mark)
+    world.journal.expect_logs_in_order(
+        [
+            ("info", "Stopping Hostapd daemon service"),
+            loaded_log(HOSTAPD),
+            ("err", JOB_FAILED["Stop"].format(unit_path(HOSTAPD), REFUSED)),
+            ("info", "-" * 44),
+        ],
+        mark,
+    )
 
 
 def test_new_band_is_taken_whatever_the_settings_hold(world: World) -> None:

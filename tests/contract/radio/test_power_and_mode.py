@@ -14,26 +14,44 @@ TO_CLIENT, TO_HOST = ("info", "[WiFi] Switch wifi mode to 1"), ("info", "[WiFi] 
 
 def tries(line: str, failures: int, status: int = 256) -> list[tuple[str, str]]:
     """The lines of a command that fails so many times."""
-    return [("info", f'utils_do_system_call: trying "{line}"...'),
-            *[("err", f"utils_do_system_call: system call failed: {status}"),
-              ("err", f'utils_do_system_call: retrying "{line}"...')] * failures]
+    return [
+        ("info", f'utils_do_system_call: trying "{line}"...'),
+        *[
+            ("err", f"utils_do_system_call: system call failed: {status}"),
+            ("err", f'utils_do_system_call: retrying "{line}"...'),
+        ]
+        * failures,
+    ]
 
 
 # Power
 
 
-@pytest.mark.parametrize(("listing", "on"), [
-    ("0: phy0: Wireless LAN\n\tSoft blocked: no\n\tHard blocked: no\n", 1),
-    ("0: phy0: Wireless LAN\n\tSoft blocked: yes\n\tHard blocked: no\n", 0),
-    ("0: phy0: Wireless LAN\n\tSoft blocked: no\n\tHard blocked: yes\n", 0),
-    ("0: yes: Wireless LAN\n\tSoft blocked: no\n\tHard blocked: no\n", 1),
-    ("", 1),
-    ("first line\n" + "." * 253 + "yes\n", 0),
-    ("first line\n" + "." * 254 + "yes\n", 1),
-    ("first line\n" + "." * 100_000 + "yes\n", 1),
-    ("garbage", 1),
-], ids=["on", "soft-blocked", "hard-blocked", "yes in the first line", "no WLAN", "yes ends at byte 256", "yes after byte 256",
-        "much output", "garbage"])
+@pytest.mark.parametrize(
+    ("listing", "on"),
+    [
+        ("0: phy0: Wireless LAN\n\tSoft blocked: no\n\tHard blocked: no\n", 1),
+        ("0: phy0: Wireless LAN\n\tSoft blocked: yes\n\tHard blocked: no\n", 0),
+        ("0: phy0: Wireless LAN\n\tSoft blocked: no\n\tHard blocked: yes\n", 0),
+        ("0: yes: Wireless LAN\n\tSoft blocked: no\n\tHard blocked: no\n", 1),
+        ("", 1),
+        ("first line\n" + "." * 253 + "yes\n", 0),
+        ("first line\n" + "." * 254 + "yes\n", 1),
+        ("first line\n" + "." * 100_000 + "yes\n", 1),
+        ("garbage", 1),
+    ],
+    ids=[
+        "on",
+        "soft-blocked",
+        "hard-blocked",
+        "yes in the first line",
+        "no WLAN",
+        "yes ends at byte 256",
+        "yes after byte 256",
+        "much output",
+        "garbage",
+    ],
+)
 def test_power_is_on_unless_the_first_256_bytes_behind_the_first_line_say_yes(world: World, listing: str, on: int) -> None:
     world.up()
     world.tools.rfkill.output(listing, on="list wlan")
@@ -56,8 +74,13 @@ def test_power_command_that_fails_at_first_is_retried(world: World, failures: in
     world.radio.soft_blocked = True
     world.tools.rfkill.fail(on="unblock wlan", times=failures)
     world.up()
-    world.journal.expect_logs_in_order([("info", "[WiFi] Enable wifi: True"), *tries("rfkill unblock wlan", failures),
-                                        ("info", "[Main] WiFi is on, start in 'Host' mode")])
+    world.journal.expect_logs_in_order(
+        [
+            ("info", "[WiFi] Enable wifi: True"),
+            *tries("rfkill unblock wlan", failures),
+            ("info", "[Main] WiFi is on, start in 'Host' mode"),
+        ]
+    )
     assert world.journal.count(command("rfkill unblock wlan")) == failures + 1
     assert world.get("WiFiState") == 1
 
@@ -66,11 +89,15 @@ def test_power_on_that_fails_three_times_is_given_up(world: World) -> None:
     world.radio.soft_blocked = True
     world.tools.rfkill.fail(7, on="unblock wlan")
     world.up()
-    world.journal.expect_logs_in_order([
-        ("info", "[WiFi] Enable wifi: True"), *tries("rfkill unblock wlan", 3, status=7 << 8),
-        ("err", "[WiFi] wifi_set_enabled: Unable to power on wifi, error: 1792"),
-        ("info", "[Main] init_wifi_callback: Failed to change wifi state, hope for best and continue"),
-        ("info", "[Main] WiFi is disabled, do nothing...")])
+    world.journal.expect_logs_in_order(
+        [
+            ("info", "[WiFi] Enable wifi: True"),
+            *tries("rfkill unblock wlan", 3, status=7 << 8),
+            ("err", "[WiFi] wifi_set_enabled: Unable to power on wifi, error: 1792"),
+            ("info", "[Main] init_wifi_callback: Failed to change wifi state, hope for best and continue"),
+            ("info", "[Main] WiFi is disabled, do nothing..."),
+        ]
+    )
     assert world.journal.count(command("rfkill unblock wlan")) == 3
     assert world.get("WiFiState") == 0
 
@@ -81,10 +108,15 @@ def test_power_off_that_fails_is_reported_without_the_tag_and_stops_nothing(worl
     mark = world.journal.mark()
     with pytest.raises(CallRefused):
         world.set("WiFiState", 0)
-    world.journal.expect_logs_in_order([
-        ("info", "[WiFi] Enable wifi: False"), *tries("rfkill block wlan", 3, status=137 << 8),
-        ("err", f"wifi_set_enabled: Unable to power off wifi, error: {137 << 8}"),
-        ("err", "[Main] set_wifi_state: Failed to set wifi state")], mark)
+    world.journal.expect_logs_in_order(
+        [
+            ("info", "[WiFi] Enable wifi: False"),
+            *tries("rfkill block wlan", 3, status=137 << 8),
+            ("err", f"wifi_set_enabled: Unable to power off wifi, error: {137 << 8}"),
+            ("err", "[Main] set_wifi_state: Failed to set wifi state"),
+        ],
+        mark,
+    )
     assert world.journal.count(job_call("Stop", HOSTAPD), mark) == 0
 
 
@@ -92,7 +124,9 @@ def test_power_off_blocks_first_and_then_stops_the_stored_mode(world: World) -> 
     attached_up(world)
     mark = world.journal.mark()
     world.set("WiFiState", 0)
-    world.journal.expect_in_order([command("rfkill block wlan"), job_call("Stop", DHCP_SERVER), job_call("Stop", HOSTAPD)], mark)
+    world.journal.expect_in_order(
+        [command("rfkill block wlan"), job_call("Stop", DHCP_SERVER), job_call("Stop", HOSTAPD)], mark
+    )
     assert world.journal.count(job_call("Stop", STATION), mark) == 0
     assert world.get("WiFiState") == 0
 
@@ -100,21 +134,37 @@ def test_power_off_blocks_first_and_then_stops_the_stored_mode(world: World) -> 
 # Mode
 
 
-@pytest.mark.parametrize(("output", "mode"), [
-    ("Interface wlan0\n\ttype AP\n", "Host"),
-    ("Interface wlan0\n\ttype managed\n", "Client"),
-    ("Interface wlan0\n\ttype monitor\n", "unknown"),
-    ("\ttype managed AP\n", "Host"),
-    ("\ttype AP managed\n", "Host"),
-    ("\ttype managed\n\tssid AP type\n", "Host"),
-    ("\tssid AP\n\ttype managed\n", "Client"),
-    ("\ttype ap\n\ttype Managed\n", "unknown"),
-    ("type " + "." * 249 + "AP\n", "Host"),
-    ("type " + "." * 250 + "AP\n", "unknown"),
-    ("AP managed\n", "unknown"),
-    ("", "unknown"),
-], ids=["AP", "managed", "monitor", "both", "both, other order", "AP in an SSID with the word type", "AP in an SSID", "other case",
-        "ends at byte 256", "after byte 256", "no line with type", "nothing"])
+@pytest.mark.parametrize(
+    ("output", "mode"),
+    [
+        ("Interface wlan0\n\ttype AP\n", "Host"),
+        ("Interface wlan0\n\ttype managed\n", "Client"),
+        ("Interface wlan0\n\ttype monitor\n", "unknown"),
+        ("\ttype managed AP\n", "Host"),
+        ("\ttype AP managed\n", "Host"),
+        ("\ttype managed\n\tssid AP type\n", "Host"),
+        ("\tssid AP\n\ttype managed\n", "Client"),
+        ("\ttype ap\n\ttype Managed\n", "unknown"),
+        ("type " + "." * 249 + "AP\n", "Host"),
+        ("type " + "." * 250 + "AP\n", "unknown"),
+        ("AP managed\n", "unknown"),
+        ("", "unknown"),
+    ],
+    ids=[
+        "AP",
+        "managed",
+        "monitor",
+        "both",
+        "both, other order",
+        "AP in an SSID with the word type",
+        "AP in an SSID",
+        "other case",
+        "ends at byte 256",
+        "after byte 256",
+        "no line with type",
+        "nothing",
+    ],
+)
 def test_mode_is_the_interface_type_and_ap_goes_first(world: World, output: str, mode: str) -> None:
     world.up()
     world.tools.iw.output(output)
@@ -135,27 +185,49 @@ def test_iw_that_fails_reads_as_unknown_mode(world: World) -> None:
 
 def jobs(world: World, since: int) -> list[tuple[str, str]]:
     """The unit jobs asked for, in order, as (verb, object path)."""
-    return [(entry.member, entry.path) for entry in world.journal.since(since)
-            if entry.kind == "call" and entry.member in ("Start", "Stop", "Restart")]
+    return [
+        (entry.member, entry.path)
+        for entry in world.journal.since(since)
+        if entry.kind == "call" and entry.member in ("Start", "Stop", "Restart")
+    ]
 
 
 def test_switch_to_client_stops_the_access_point_and_starts_the_station(world: World) -> None:
     attached_up(world)
     mark = world.journal.mark()
     world.set("Mode", "Client")
-    world.journal.expect_logs_in_order([
-        TO_CLIENT, *heading("[WiFi] Stop Host mode"),
-        ("info", "Stoping UDHCP daemon service"), loaded_log(DHCP_SERVER),
-        ("info", f"[Utils] Stopped '{unit_path(DHCP_SERVER)}' unit with job id:/org/freedesktop/systemd1/job/5"),
-        ("info", "Stopping Hostapd daemon service"), loaded_log(HOSTAPD),
-        ("info", f"[Utils] Stopped '{unit_path(HOSTAPD)}' unit with job id:/org/freedesktop/systemd1/job/6"),
-        SEPARATOR, *heading("[WiFi] Start Client mode"),
-        ("info", "Starting WPA Supplicant daemon service"), loaded_log(STATION),
-        ("info", f"[Utils] Started '{unit_path(STATION)}' unit with job id:/org/freedesktop/systemd1/job/7"),
-        ("info", "[Utils] Flush IP addr of wlan0"), ("info", 'utils_do_system_call: trying "ip addr flush dev wlan0"...'),
-        ("info", "utils_flush_ip: wlan0 ip address deleted successfully"), SEPARATOR], mark)
-    world.journal.expect_in_order([job_call("Stop", DHCP_SERVER), job_call("Stop", HOSTAPD), job_call("Start", STATION),
-                                   command("ip addr flush dev wlan0"), changed("Mode", "Client")], mark)
+    world.journal.expect_logs_in_order(
+        [
+            TO_CLIENT,
+            *heading("[WiFi] Stop Host mode"),
+            ("info", "Stoping UDHCP daemon service"),
+            loaded_log(DHCP_SERVER),
+            ("info", f"[Utils] Stopped '{unit_path(DHCP_SERVER)}' unit with job id:/org/freedesktop/systemd1/job/5"),
+            ("info", "Stopping Hostapd daemon service"),
+            loaded_log(HOSTAPD),
+            ("info", f"[Utils] Stopped '{unit_path(HOSTAPD)}' unit with job id:/org/freedesktop/systemd1/job/6"),
+            SEPARATOR,
+            *heading("[WiFi] Start Client mode"),
+            ("info", "Starting WPA Supplicant daemon service"),
+            loaded_log(STATION),
+            ("info", f"[Utils] Started '{unit_path(STATION)}' unit with job id:/org/freedesktop/systemd1/job/7"),
+            ("info", "[Utils] Flush IP addr of wlan0"),
+            ("info", 'utils_do_system_call: trying "ip addr flush dev wlan0"...'),
+            ("info", "utils_flush_ip: wlan0 ip address deleted successfully"),
+            SEPARATOR,
+        ],
+        mark,
+    )
+    world.journal.expect_in_order(
+        [
+            job_call("Stop", DHCP_SERVER),
+            job_call("Stop", HOSTAPD),
+            job_call("Start", STATION),
+            command("ip addr flush dev wlan0"),
+            changed("Mode", "Client"),
+        ],
+        mark,
+    )
     assert len(jobs(world, mark)) == 3  # the DHCP client is not started here
 
 
@@ -167,12 +239,22 @@ def test_switch_to_host_stops_the_station_and_starts_the_access_point(world: Wor
     lines = world.journal.logs(mark)
     assert TO_HOST in lines
     world.journal.expect_logs_in_order([*heading("[WiFi] Stop Client mode"), ("info", "Stoping UDHCP client service")], mark)
-    world.journal.expect_logs_in_order([SEPARATOR, *heading("[WiFi] Start Host mode"), ("info", "[Utils] Flush IP addr of wlan0")],
-                                       mark)
-    world.journal.expect_in_order([
-        job_call("Stop", DHCP_CLIENT), job_call("Stop", STATION), command("ip addr flush dev wlan0"),
-        command("ip addr add 192.168.8.1/24 dev wlan0"), job_call("Start", HOSTAPD), job_call("Start", DHCP_SERVER),
-        log(*SEPARATOR), changed("Mode", "Host")], mark)
+    world.journal.expect_logs_in_order(
+        [SEPARATOR, *heading("[WiFi] Start Host mode"), ("info", "[Utils] Flush IP addr of wlan0")], mark
+    )
+    world.journal.expect_in_order(
+        [
+            job_call("Stop", DHCP_CLIENT),
+            job_call("Stop", STATION),
+            command("ip addr flush dev wlan0"),
+            command("ip addr add 192.168.8.1/24 dev wlan0"),
+            job_call("Start", HOSTAPD),
+            job_call("Start", DHCP_SERVER),
+            log(*SEPARATOR),
+            changed("Mode", "Host"),
+        ],
+        mark,
+    )
     assert len(jobs(world, mark)) == 4
     assert "192.168.8.1/24" in world.sandbox.sh("ip -4 addr show dev wlan0").stdout
 
@@ -180,8 +262,11 @@ def test_switch_to_host_stops_the_station_and_starts_the_access_point(world: Wor
 def test_switch_stops_the_other_mode_although_it_does_not_run(world: World) -> None:
     world.up()
     assert jobs(world, 0) == [
-        ("Stop", unit_path(DHCP_CLIENT)), ("Stop", unit_path(STATION)), ("Start", unit_path(HOSTAPD)),
-        ("Start", unit_path(DHCP_SERVER))]
+        ("Stop", unit_path(DHCP_CLIENT)),
+        ("Stop", unit_path(STATION)),
+        ("Start", unit_path(HOSTAPD)),
+        ("Start", unit_path(DHCP_SERVER)),
+    ]
 
 
 def test_own_address_stays_after_the_stop_until_the_next_start_removes_it(world: World) -> None:
@@ -196,10 +281,19 @@ def test_own_address_stays_after_the_stop_until_the_next_start_removes_it(world:
 def test_addresses_that_can_not_be_removed_are_no_reason_to_stop(world: World) -> None:
     world.tools.ip.fail(2, on="addr flush")
     world.up()
-    flush = [*tries("ip addr flush dev wlan0", 3, status=512),
-             ("err", "utils_flush_ip: Unable to flush wlan0 address, error: 512"), FLUSH_FAILED]
-    world.journal.expect_logs_in_order([*heading("[WiFi] Start Host mode"), ("info", "[Utils] Flush IP addr of wlan0"), *flush,
-                                        ("info", "[Utils] Add IP addr of wlan0: 192.168.8.1/24")])
+    flush = [
+        *tries("ip addr flush dev wlan0", 3, status=512),
+        ("err", "utils_flush_ip: Unable to flush wlan0 address, error: 512"),
+        FLUSH_FAILED,
+    ]
+    world.journal.expect_logs_in_order(
+        [
+            *heading("[WiFi] Start Host mode"),
+            ("info", "[Utils] Flush IP addr of wlan0"),
+            *flush,
+            ("info", "[Utils] Add IP addr of wlan0: 192.168.8.1/24"),
+        ]
+    )
     assert world.get("Mode") == "Host"
     mark = world.journal.mark()
     world.set("Mode", "Client")
@@ -210,12 +304,16 @@ def test_addresses_that_can_not_be_removed_are_no_reason_to_stop(world: World) -
 def test_address_that_can_not_be_added_ends_the_start_of_the_access_point(world: World) -> None:
     world.tools.ip.fail(2, on="addr add")
     world.up()
-    world.journal.expect_logs_in_order([
-        ("info", "[Utils] Add IP addr of wlan0: 192.168.8.1/24"), *tries("ip addr add 192.168.8.1/24 dev wlan0", 3, status=512),
-        ("err", "utils_add_ip: Unable to add wlan0 address, error: 512"),
-        ("err", "[WiFi] wifi_host_start: Failed to add IP address"),
-        ("err", "[WiFi] wifi_mode_switch: Failed to start Host mode"),
-        ("info", "[Main] init_wifi_callback: Failed to change wifi mode, hope for best and continue")])
+    world.journal.expect_logs_in_order(
+        [
+            ("info", "[Utils] Add IP addr of wlan0: 192.168.8.1/24"),
+            *tries("ip addr add 192.168.8.1/24 dev wlan0", 3, status=512),
+            ("err", "utils_add_ip: Unable to add wlan0 address, error: 512"),
+            ("err", "[WiFi] wifi_host_start: Failed to add IP address"),
+            ("err", "[WiFi] wifi_mode_switch: Failed to start Host mode"),
+            ("info", "[Main] init_wifi_callback: Failed to change wifi mode, hope for best and continue"),
+        ]
+    )
     assert [verb for verb, _ in jobs(world, 0)] == ["Stop", "Stop"]
     assert world.journal.count(log("info", "Starting Hostapd daemon service")) == 0
 
@@ -232,11 +330,20 @@ def test_address_command_that_fails_at_first_is_retried(world: World, failures: 
 def test_commands_that_are_missing_fail_with_status_127(world: World) -> None:
     world.settings.set("network", "mode", "Client")
     world.up({"PATH": "/nonexistent"})
-    world.journal.expect_logs_in_order([
-        *tries("ip addr flush dev wlan0", 3, status=127 << 8),
-        ("err", f"utils_flush_ip: Unable to flush wlan0 address, error: {127 << 8}"), FLUSH_FAILED, SEPARATOR])
-    world.journal.expect_logs_in_order([*tries("rfkill unblock wlan", 3, status=127 << 8),
-                                        ("err", f"[WiFi] wifi_set_enabled: Unable to power on wifi, error: {127 << 8}")])
+    world.journal.expect_logs_in_order(
+        [
+            *tries("ip addr flush dev wlan0", 3, status=127 << 8),
+            ("err", f"utils_flush_ip: Unable to flush wlan0 address, error: {127 << 8}"),
+            FLUSH_FAILED,
+            SEPARATOR,
+        ]
+    )
+    world.journal.expect_logs_in_order(
+        [
+            *tries("rfkill unblock wlan", 3, status=127 << 8),
+            ("err", f"[WiFi] wifi_set_enabled: Unable to power on wifi, error: {127 << 8}"),
+        ]
+    )
 
 
 @pytest.mark.parametrize(("verb", "unit"), [("Stop", DHCP_SERVER), ("Stop", HOSTAPD), ("Start", STATION)])
@@ -249,7 +356,9 @@ def test_refused_job_counts_as_done_on_the_way_to_client(world: World, verb: str
     assert [path for _, path in jobs(world, mark)] == [unit_path(DHCP_SERVER), unit_path(HOSTAPD), unit_path(STATION)]
 
 
-@pytest.mark.parametrize(("verb", "unit"), [("Stop", DHCP_CLIENT), ("Stop", STATION), ("Start", HOSTAPD), ("Start", DHCP_SERVER)])
+@pytest.mark.parametrize(
+    ("verb", "unit"), [("Stop", DHCP_CLIENT), ("Stop", STATION), ("Start", HOSTAPD), ("Start", DHCP_SERVER)]
+)
 def test_refused_job_counts_as_done_on_the_way_to_host(world: World, verb: str, unit: str) -> None:
     world.settings.set("network", "mode", "Client")
     world.up()
@@ -258,5 +367,9 @@ def test_refused_job_counts_as_done_on_the_way_to_host(world: World, verb: str, 
     world.hostapd.start()  # so that nobody waits for its socket when its unit is refused
     world.set("Mode", "Host")
     assert ("err", JOB_FAILED[verb].format(unit_path(unit), "refused (r = -13)")) in world.journal.logs(mark)
-    assert [path for _, path in jobs(world, mark)] == [unit_path(DHCP_CLIENT), unit_path(STATION), unit_path(HOSTAPD),
-                                                       unit_path(DHCP_SERVER)]
+    assert [path for _, path in jobs(world, mark)] == [
+        unit_path(DHCP_CLIENT),
+        unit_path(STATION),
+        unit_path(HOSTAPD),
+        unit_path(DHCP_SERVER),
+    ]

@@ -39,10 +39,23 @@ def test_reading_the_list_asks_for_all_bsss_and_each_ones_properties(world: Worl
 
     assert value.signature == "a(siib)"
     assert value.value == [[f"net {number}", 1, -40 - number, True] for number in range(3)]
-    world.journal.expect_in_order([
-        command("rfkill list wlan"), command("iw dev wlan0 info"),
-        call("Get", INTERFACE, "BSSs", bus="system", destination=CALLED_NAME, path=STATION, interface="org.freedesktop.DBus.Properties"),
-        *(details_call(path) for path in paths)], mark)
+    world.journal.expect_in_order(
+        [
+            command("rfkill list wlan"),
+            command("iw dev wlan0 info"),
+            call(
+                "Get",
+                INTERFACE,
+                "BSSs",
+                bus="system",
+                destination=CALLED_NAME,
+                path=STATION,
+                interface="org.freedesktop.DBus.Properties",
+            ),
+            *(details_call(path) for path in paths),
+        ],
+        mark,
+    )
     assert world.journal.count(call(), mark) == 4
     assert world.journal.logs(mark) == [GET_LOG]
 
@@ -53,10 +66,20 @@ def test_a_changed_list_is_sent_as_an_array(world: World) -> None:
     second = world.wpa.add_bss("near", signal=-40, privacy=False, key_mgmt=())
     mark = world.journal.mark()
     world.wpa.report_bsss()
-    world.journal.expect_in_order([
-        details_call(first), details_call(second),
-        signal("AccessPointsChanged", [["near", 0, -40, False], ["far", 1, -70, True]], path="/com/vantora/Network1",
-               interface="com.vantora.Network1.WiFi", signature="a(siib)")], mark)
+    world.journal.expect_in_order(
+        [
+            details_call(first),
+            details_call(second),
+            signal(
+                "AccessPointsChanged",
+                [["near", 0, -40, False], ["far", 1, -70, True]],
+                path="/com/vantora/Network1",
+                interface="com.vantora.Network1.WiFi",
+                signature="a(siib)",
+            ),
+        ],
+        mark,
+    )
     world.settle()
     assert world.journal.logs(mark) == [("info", "[WPA Supplicant] Properties changed"), CHANGED_LOG]
     assert world.journal.count(call("Get"), mark) == 0, "the notification brought the list"
@@ -97,10 +120,19 @@ def test_hidden_networks_are_left_out_however_strong(world: World) -> None:
     assert world.get("AccessPoints") == pushed(world) == [["seen", 1, -80, True]]
 
 
-@pytest.mark.parametrize(("bss", "flag"), [
-    ({"key_mgmt": ("wpa-psk",)}, True), ({"key_mgmt": ("wpa-eap", "sae", "wpa-psk")}, True), ({"key_mgmt": ("wpa-eap",)}, False),
-    ({"key_mgmt": ("wpa-psk-sha256", "wpa-ft-psk", "WPA-PSK", "sae")}, False), ({"key_mgmt": ()}, False), ({"missing": ("RSN",)}, False),
-    ({"extra": RSN_WITHOUT_KEY_MGMT}, False), ({"key_mgmt": (), "extra": PSK_IN_WPA_ONLY}, False)])
+@pytest.mark.parametrize(
+    ("bss", "flag"),
+    [
+        ({"key_mgmt": ("wpa-psk",)}, True),
+        ({"key_mgmt": ("wpa-eap", "sae", "wpa-psk")}, True),
+        ({"key_mgmt": ("wpa-eap",)}, False),
+        ({"key_mgmt": ("wpa-psk-sha256", "wpa-ft-psk", "WPA-PSK", "sae")}, False),
+        ({"key_mgmt": ()}, False),
+        ({"missing": ("RSN",)}, False),
+        ({"extra": RSN_WITHOUT_KEY_MGMT}, False),
+        ({"key_mgmt": (), "extra": PSK_IN_WPA_ONLY}, False),
+    ],
+)
 def test_only_wpa_psk_in_the_rsn_element_sets_the_flag(world: World, bss: dict[str, Any], flag: bool) -> None:
     bring_up_station(world)
     world.wpa.add_bss("cafe", **bss)
@@ -116,16 +148,32 @@ def test_properties_left_out_count_as_none(world: World) -> None:
 
 def test_properties_of_any_type_beside_do_no_harm(world: World) -> None:
     bring_up_station(world)
-    world.wpa.add_bss("cafe", extra={
-        "Strange": Variant("a(ss)", [["a", "b"]]), "Deep": Variant("v", Variant("s", "x")), "Map": Variant("a{us}", {1: "x"}),
-        "Text": Variant("s", ""), "Float": Variant("d", 1.5)})
+    world.wpa.add_bss(
+        "cafe",
+        extra={
+            "Strange": Variant("a(ss)", [["a", "b"]]),
+            "Deep": Variant("v", Variant("s", "x")),
+            "Map": Variant("a{us}", {1: "x"}),
+            "Text": Variant("s", ""),
+            "Float": Variant("d", 1.5),
+        },
+    )
     assert world.get("AccessPoints") == [["cafe", 1, -50, True]]
 
 
 HOSTILE = [
-    (b"\xff" * 32, "\ufffd" * 32), (b"caf\xc3\xa9", "caf\u00e9"), (b"half\xc3", "half\ufffd"), (b"nul\0inside", "nul\ufffdinside"),
-    (b"\0", "\ufffd"), (b"\"quotes\"'\\`", "\"quotes\"'\\`"), (b"new\nline\ttab\x1b", "new\nline\ttab\x1b"),
-    ("\uffff".encode(), "\ufffd" * 3), (b"\xed\xa0\x80", "\ufffd" * 3), ("\U0001f4f6".encode(), "\U0001f4f6"), (b"%s%n", "%s%n")]
+    (b"\xff" * 32, "\ufffd" * 32),
+    (b"caf\xc3\xa9", "caf\u00e9"),
+    (b"half\xc3", "half\ufffd"),
+    (b"nul\0inside", "nul\ufffdinside"),
+    (b"\0", "\ufffd"),
+    (b'"quotes"\'\\`', '"quotes"\'\\`'),
+    (b"new\nline\ttab\x1b", "new\nline\ttab\x1b"),
+    ("\uffff".encode(), "\ufffd" * 3),
+    (b"\xed\xa0\x80", "\ufffd" * 3),
+    ("\U0001f4f6".encode(), "\U0001f4f6"),
+    (b"%s%n", "%s%n"),
+]
 
 
 def test_names_of_any_bytes_leave_the_list_readable(world: World) -> None:

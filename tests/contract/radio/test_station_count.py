@@ -59,21 +59,37 @@ def test_return_with_further_fields_does_not_forget_that_the_station_left(world:
     assert world.get("WiFiConnectedClients") == 0
 
 
-@pytest.mark.parametrize(("reply", "count", "following"), [
-    (b"", 0, None),
-    (b"FAIL\n", 0, None),
-    (b"FAIL-BUSY\n", 0, None),
-    (b"\0" + ONE.encode(), 0, None),
-    (b"UNKNOWN COMMAND\n", 0, "UNKNOWN COMMAND\n"),
-    (b"02:00:00:00:00:0", 0, "02:00:00:00:00:0"),
-    (b"02:00:00:00:00:", 0, "02:00:00:00:00:"),
-    (b":", 0, ":"),
-    (ONE.encode(), 1, ONE),
-    (ONE.encode() + b"\n" + b"x" * 14, 1, ONE + "\n" + "x" * 14),
-    (ONE.encode() + b"\n" + b"x" * 4000, 1, ONE + "\n" + "x" * 14),
-    (b"\xff\xfe:zz" + b"\xff" * 40, 1, None),
-], ids=["empty", "FAIL", "FAIL and more", "NUL", "unknown command", "cut in the last byte", "cut at the colon", "only a colon",
-        "only the address", "exactly 32 bytes", "4 KB", "no text"])
+@pytest.mark.parametrize(
+    ("reply", "count", "following"),
+    [
+        (b"", 0, None),
+        (b"FAIL\n", 0, None),
+        (b"FAIL-BUSY\n", 0, None),
+        (b"\0" + ONE.encode(), 0, None),
+        (b"UNKNOWN COMMAND\n", 0, "UNKNOWN COMMAND\n"),
+        (b"02:00:00:00:00:0", 0, "02:00:00:00:00:0"),
+        (b"02:00:00:00:00:", 0, "02:00:00:00:00:"),
+        (b":", 0, ":"),
+        (ONE.encode(), 1, ONE),
+        (ONE.encode() + b"\n" + b"x" * 14, 1, ONE + "\n" + "x" * 14),
+        (ONE.encode() + b"\n" + b"x" * 4000, 1, ONE + "\n" + "x" * 14),
+        (b"\xff\xfe:zz" + b"\xff" * 40, 1, None),
+    ],
+    ids=[
+        "empty",
+        "FAIL",
+        "FAIL and more",
+        "NUL",
+        "unknown command",
+        "cut in the last byte",
+        "cut at the colon",
+        "only a colon",
+        "only the address",
+        "exactly 32 bytes",
+        "4 KB",
+        "no text",
+    ],
+)
 def test_odd_first_record(world: World, reply: bytes, count: int, following: str | None) -> None:
     attached_up(world)
     world.hostapd.answer("STA-FIRST", reply)
@@ -131,8 +147,11 @@ def test_absent_socket_is_waited_for_two_seconds_and_then_reported(world: World)
     before = time.monotonic()
     assert world.get("WiFiConnectedClients") == 0
     assert time.monotonic() - before >= 2
-    assert world.journal.logs(mark) == [("info", "Get 'WiFiConnectedClients' property"), NO_SOCKET,
-                                        ("err", "[Main] Reading 'WiFiFrequency' while not in Host mode")]
+    assert world.journal.logs(mark) == [
+        ("info", "Get 'WiFiConnectedClients' property"),
+        NO_SOCKET,
+        ("err", "[Main] Reading 'WiFiFrequency' while not in Host mode"),
+    ]
 
 
 def test_socket_of_a_dead_hostapd_is_tried_at_once_and_reported(world: World) -> None:

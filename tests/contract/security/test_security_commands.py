@@ -36,7 +36,7 @@ def arguments_from(text: str, start: int) -> str:
             continue
         depth += {"(": 1, "{": 1, ")": -1, "}": -1}.get(text[position], 0)
         position += 1
-    return " ".join(text[start:position - 1].split())
+    return " ".join(text[start : position - 1].split())
 
 
 def value_of(literal: re.Match[str]) -> str:
@@ -55,9 +55,9 @@ def commands_in(expression: str, text: str) -> list[str]:
         while rest:
             literal, name = LITERAL.match(rest), re.match(r"\w+", rest)
             if literal:
-                command, rest = command + value_of(literal), rest[literal.end():]
+                command, rest = command + value_of(literal), rest[literal.end() :]
             elif name:
-                command, rest = f"{command}<{name[0]}>", rest[name.end():]
+                command, rest = f"{command}<{name[0]}>", rest[name.end() :]
             else:
                 return []
             rest = re.sub(r"^\s*\+\s*|^\s+", "", rest)
@@ -74,7 +74,7 @@ def formatted(buffer: str, text: str) -> list[str]:
         arguments = arguments_from(text, call.end())
         literal = LITERAL.match(arguments)
         assert literal
-        names = iter(re.findall(r"(\w+)\.c_str\(\)", arguments[literal.end():]))
+        names = iter(re.findall(r"(\w+)\.c_str\(\)", arguments[literal.end() :]))
         found.append(re.sub("%s", lambda _: f"<{next(names)}>", value_of(literal)))
     return found
 
@@ -117,10 +117,15 @@ def test_processes_are_made_in_one_place_only() -> None:
 
 
 def test_the_address_that_is_added_is_the_constant_of_the_table() -> None:
-    given = [(name, arguments_from(text, match.end())) for name, text in sources()
-             for match in re.finditer(r"\butils_add_ip\(", text)]
-    assert sorted(given) == [("radio/wifi_controller.cpp", "kAccessPointAddress"),
-                             *[(f"utils/shell_commands.{kind}", "const std::string& address") for kind in ("cpp", "hpp")]]
+    given = [
+        (name, arguments_from(text, match.end()))
+        for name, text in sources()
+        for match in re.finditer(r"\butils_add_ip\(", text)
+    ]
+    assert sorted(given) == [
+        ("radio/wifi_controller.cpp", "kAccessPointAddress"),
+        *[(f"utils/shell_commands.{kind}", "const std::string& address") for kind in ("cpp", "hpp")],
+    ]
     defined = re.findall(r'kAccessPointAddress = "([^"]+)"', (SRC / "radio/wifi_controller.cpp").read_text())
     assert [defined] == [listed.constants for listed in listed_commands() if "<address>" in listed.line]
 

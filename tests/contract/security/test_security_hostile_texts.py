@@ -73,9 +73,11 @@ def test_stored_settings_and_their_changes(guarded: Guarded) -> None:
 def test_identity_of_the_device_template_and_kernel_command_line(guarded: Guarded) -> None:
     lines = "".join(f"{text}={text}\n{text}\n" for text in HOSTILE) + "nul=a\0b$(touch /tmp/c)\n"
     identity = {"model": "$(touch /tmp/c)`touch /tmp/c`';touch /tmp/c;'", "serial": '1-";touch /tmp/c;"|touch /tmp/c'}
-    world, _ = guarded(device=identity,
-                       hostapd_template=HOSTAPD_TEMPLATE + lines,
-                       kernel_command_line="root=/dev/nfs;touch /tmp/c;$(touch /tmp/c)\n`touch /tmp/c`\n")
+    world, _ = guarded(
+        device=identity,
+        hostapd_template=HOSTAPD_TEMPLATE + lines,
+        kernel_command_line="root=/dev/nfs;touch /tmp/c;$(touch /tmp/c)\n`touch /tmp/c`\n",
+    )
     world.settings.remove("device", "deviceName")
     world.up()
     assert "touch /tmp/c" in world.get("SSID")
@@ -111,8 +113,12 @@ def test_names_and_passphrases_of_networks_to_connect_to(guarded: Guarded) -> No
         passphrase = text + "12345678"
         mark = world.journal.mark()
         world.call("Connect", "ss", [text, passphrase])
-        world.journal.wait_for(call("AddNetwork", {"ssid": Variant("s", text), "key_mgmt": Variant("s", "WPA-PSK"),
-                                                   "psk": Variant("s", passphrase)}), mark)
+        world.journal.wait_for(
+            call(
+                "AddNetwork", {"ssid": Variant("s", text), "key_mgmt": Variant("s", "WPA-PSK"), "psk": Variant("s", passphrase)}
+            ),
+            mark,
+        )
     # A D-Bus text cannot hold a NUL, so none has to be tried.
 
 

@@ -17,8 +17,13 @@ pytestmark = pytest.mark.skipif(os.geteuid() != 0, reason="needs root: an ordina
 OTHER = ["/usr/bin/setpriv", "--reuid", "65534", "--regid", "65534", "--clear-groups"]
 OBJECT = f"{SERVICE} {PATH} {INTERFACE}"
 REQUESTS = [
-    f"get-property {OBJECT} Mode", f"get-property {OBJECT} SSID", f"set-property {OBJECT} Mode s Client", f"call {OBJECT} Scan",
-    f"call {OBJECT} Connect ss net secret12", f"introspect {SERVICE} {PATH}", "list --no-pager",
+    f"get-property {OBJECT} Mode",
+    f"get-property {OBJECT} SSID",
+    f"set-property {OBJECT} Mode s Client",
+    f"call {OBJECT} Scan",
+    f"call {OBJECT} Connect ss net secret12",
+    f"introspect {SERVICE} {PATH}",
+    "list --no-pager",
     "set-property com.vantora.common.Settings1 /com/vantora/common/Settings1/network com.vantora.common.Settings1 mode s Client",
 ]
 
@@ -69,8 +74,11 @@ def test_the_system_bus_offers_no_object_of_the_daemon_to_anybody(world: World) 
     bring_up_station(world)
     mark = world.journal.mark()
     for name in names_of_the_daemon(world):
-        for call in (f"get-property {name} {PATH} {INTERFACE} Mode", f"set-property {name} {PATH} {INTERFACE} Mode s Host",
-                     f"call {name} {PATH} {INTERFACE} Disconnect"):
+        for call in (
+            f"get-property {name} {PATH} {INTERFACE} Mode",
+            f"set-property {name} {PATH} {INTERFACE} Mode s Host",
+            f"call {name} {PATH} {INTERFACE} Disconnect",
+        ):
             refused = busctl_as_other(world, f"--system {call}")
             assert (refused.status, refused.stdout) == (1, "")
             assert "Unknown" in refused.stderr

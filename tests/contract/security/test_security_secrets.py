@@ -29,13 +29,18 @@ def live_with_secrets(world: World) -> list[tuple[str, str]]:
 def test_only_the_lines_that_the_page_names_hold_a_passphrase(world: World) -> None:
     logs = live_with_secrets(world)
     holding = {line for line in logs if STORED in line[1] or GIVEN in line[1]}
-    assert holding == {("info", f"[WPA] Add network 'Casa Marisol', passphrase '{GIVEN}'"), ("info", f"wpa_passphrase:{STORED}")}
+    assert holding == {
+        ("info", f"[WPA] Add network 'Casa Marisol', passphrase '{GIVEN}'"),
+        ("info", f"wpa_passphrase:{STORED}"),
+    }
     assert world.journal.count(log("info", f"wpa_passphrase:{STORED}")) == 3  # start, new name, new band
     for form in ("`[WPA] Add network '%s', passphrase '%s'`", "each line of the access point's configuration, as `%s:%s`"):
         assert form in PAGE
     assert not any(STORED in line or GIVEN in line for line in world.journal.commands())
-    everything = world.sandbox.sh("busctl --user call com.vantora.Network1 /com/vantora/Network1 org.freedesktop.DBus.Properties "
-                                  "GetAll s com.vantora.Network1.WiFi").stdout
+    everything = world.sandbox.sh(
+        "busctl --user call com.vantora.Network1 /com/vantora/Network1 org.freedesktop.DBus.Properties "
+        "GetAll s com.vantora.Network1.WiFi"
+    ).stdout
     assert '"Kitchen"' in everything and STORED not in everything and GIVEN not in everything
 
 

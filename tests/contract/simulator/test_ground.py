@@ -81,14 +81,18 @@ def test_worlds_stand_side_by_side_and_leave_nothing(make_world: Callable[..., W
 
 
 def test_everything_ends_with_the_process_that_made_it(build_dir: Path) -> None:
-    script = ("import sys, time; from pathlib import Path; from vantora_sim import World\n"
-              "with World(Path(sys.argv[1])) as world:\n"
-              "    sleeper = world.sandbox.start(['/bin/sleep', '1000'])\n"
-              "    print(sleeper.pid, world.sandbox.init, world.work, flush=True)\n"
-              "    time.sleep(1000)\n")
+    script = (
+        "import sys, time; from pathlib import Path; from vantora_sim import World\n"
+        "with World(Path(sys.argv[1])) as world:\n"
+        "    sleeper = world.sandbox.start(['/bin/sleep', '1000'])\n"
+        "    print(sleeper.pid, world.sandbox.init, world.work, flush=True)\n"
+        "    time.sleep(1000)\n"
+    )
     simulator = Path(__file__).resolve().parents[3] / "simulator"
     environment = {**os.environ, "PYTHONPATH": str(simulator), "TMPDIR": "/tmp"}
-    owner = subprocess.Popen(["/usr/bin/python3", "-c", script, str(build_dir)], env=environment, stdout=subprocess.PIPE, text=True)
+    owner = subprocess.Popen(
+        ["/usr/bin/python3", "-c", script, str(build_dir)], env=environment, stdout=subprocess.PIPE, text=True
+    )
     assert owner.stdout
     sleeper, init, work = owner.stdout.readline().split()
     owner.kill()
@@ -124,36 +128,56 @@ def test_log_lines_are_recorded_whole(world: World) -> None:
 
 
 def test_order_is_that_of_the_program(world: World) -> None:
-    world.sandbox.sh("for i in 0 1 2 3 4 5 6 7 8 9; do "
-                     "logger -p user.info log$i; rfkill list wlan | tail -n +2; "
-                     "NOTIFY_SOCKET=/run/sim/notify systemd-notify STATUS=$i; logger after$i; "
-                     f"{MANAGER} LoadUnit s hostapd.service; "
-                     "busctl --user emit /com/vantora/Network1 org.freedesktop.DBus.Properties PropertiesChanged 'sa{sv}as' "
-                     "com.vantora.Network1.WiFi 1 WiFiState u $i 0; iw dev wlan0 info; done")
+    world.sandbox.sh(
+        "for i in 0 1 2 3 4 5 6 7 8 9; do "
+        "logger -p user.info log$i; rfkill list wlan | tail -n +2; "
+        "NOTIFY_SOCKET=/run/sim/notify systemd-notify STATUS=$i; logger after$i; "
+        f"{MANAGER} LoadUnit s hostapd.service; "
+        "busctl --user emit /com/vantora/Network1 org.freedesktop.DBus.Properties PropertiesChanged 'sa{sv}as' "
+        "com.vantora.Network1.WiFi 1 WiFiState u $i 0; iw dev wlan0 info; done"
+    )
     world.journal.wait_for(exited("sh", 0))
-    seen = [str(entry.text if entry.kind in ("log", "notify") else entry.line if entry.kind == "command" else
-                entry.member if entry.kind == "call" else entry.value)
-            for entry in world.journal.since() if entry.kind != "exit" and getattr(entry, "text", "") != "BARRIER=1"]
-    assert seen == [text for i in range(10) for text in (
-        f"log{i}", "rfkill list wlan", f"STATUS={i}", f"after{i}", "LoadUnit", str(i), "iw dev wlan0 info")]
+    seen = [
+        str(
+            entry.text
+            if entry.kind in ("log", "notify")
+            else entry.line
+            if entry.kind == "command"
+            else entry.member
+            if entry.kind == "call"
+            else entry.value
+        )
+        for entry in world.journal.since()
+        if entry.kind != "exit" and getattr(entry, "text", "") != "BARRIER=1"
+    ]
+    assert seen == [
+        text
+        for i in range(10)
+        for text in (f"log{i}", "rfkill list wlan", f"STATUS={i}", f"after{i}", "LoadUnit", str(i), "iw dev wlan0 info")
+    ]
 
 
 def test_flood_of_log_lines_is_kept_and_ordered_before_the_next_call(world: World) -> None:
     script = "import syslog\nfor i in range(5000): syslog.syslog(str(i))\nimport os; os.system('rfkill list wlan')"
     assert world.sandbox.run(["/usr/bin/python3", "-c", script]).status == 0
-    before = world.journal.since()[:world.journal.wait_for(command("rfkill list wlan")).index]
+    before = world.journal.since()[: world.journal.wait_for(command("rfkill list wlan")).index]
     assert [entry.text for entry in before] == [str(i) for i in range(5000)]
 
 
 def test_signals_of_the_daemon_are_recorded_one_entry_per_property(world: World) -> None:
     emit = "busctl --user emit -- /com/vantora/Network1"
-    world.sandbox.sh(f"{emit} org.freedesktop.DBus.Properties PropertiesChanged 'sa{{sv}}as' com.vantora.Network1.WiFi 2 "
-                     "Mode s Host WiFiState u 1 0; "
-                     f"{emit} com.vantora.Network1.WiFi AccessPointsChanged 'a(siib)' 1 net 1 -40 true")
-    world.journal.expect_in_order([
-        changed("Mode", "Host", alone=False), changed("WiFiState", 1, signature="u"),
-        signal("AccessPointsChanged", [["net", 1, -40, True]], signature="a(siib)"),
-    ])
+    world.sandbox.sh(
+        f"{emit} org.freedesktop.DBus.Properties PropertiesChanged 'sa{{sv}}as' com.vantora.Network1.WiFi 2 "
+        "Mode s Host WiFiState u 1 0; "
+        f"{emit} com.vantora.Network1.WiFi AccessPointsChanged 'a(siib)' 1 net 1 -40 true"
+    )
+    world.journal.expect_in_order(
+        [
+            changed("Mode", "Host", alone=False),
+            changed("WiFiState", 1, signature="u"),
+            signal("AccessPointsChanged", [["net", 1, -40, True]], signature="a(siib)"),
+        ]
+    )
 
 
 def test_wait_fails_with_the_tail_of_the_journal(world: World) -> None:

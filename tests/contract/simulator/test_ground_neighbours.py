@@ -81,8 +81,9 @@ def test_service_vanishes_in_the_middle_of_a_call_and_comes_back(world: World) -
 
 
 def test_settings_are_read_written_and_typed(world: World) -> None:
-    assert world.sandbox.sh(f"busctl --user get-property {NETWORK} enabled mode frequency").stdout == \
-        'b true\ns "Host"\ns "2.4"\n'
+    assert (
+        world.sandbox.sh(f"busctl --user get-property {NETWORK} enabled mode frequency").stdout == 'b true\ns "Host"\ns "2.4"\n'
+    )
     assert world.sandbox.sh(f"busctl --user set-property {NETWORK} mode s Client").status == 0
     assert world.settings.get("network", "mode") == "Client"
     assert world.sandbox.sh(f"busctl --user set-property {NETWORK} mode b true").status == 1
@@ -158,7 +159,13 @@ def test_hostapd_lists_its_stations(world: World) -> None:
     client.wait()
     replies = [ast.literal_eval(line) for line in client.stdout.splitlines()]
     assert [reply[:24] for reply in replies] == [
-        first.encode() + b"\nflags=", second.encode() + b"\nflags=", b"", b"UNKNOWN COMMAND\n", b"FAIL\n", b"UNKNOWN COMMAND\n"]
+        first.encode() + b"\nflags=",
+        second.encode() + b"\nflags=",
+        b"",
+        b"UNKNOWN COMMAND\n",
+        b"FAIL\n",
+        b"UNKNOWN COMMAND\n",
+    ]
     assert world.journal.count(hostapd_request("STA-FIRST")) == 2
 
 
@@ -171,8 +178,14 @@ def test_hostapd_sends_events_to_the_attached(world: World) -> None:
     world.hostapd.datagram(b"odd \xff")
     client.wait()
     assert client.stdout.splitlines() == [
-        "b'OK\\n'", "b'<3>AP-STA-CONNECTED 02:00:00:00:30:01'", "b'<3>AP-DISABLED '",
-        "b'<3>AP-STA-DISCONNECTED 02:00:00:00:30:01'", "b'odd \\xff'", "b'OK\\n'", "b'FAIL\\n'"]
+        "b'OK\\n'",
+        "b'<3>AP-STA-CONNECTED 02:00:00:00:30:01'",
+        "b'<3>AP-DISABLED '",
+        "b'<3>AP-STA-DISCONNECTED 02:00:00:00:30:01'",
+        "b'odd \\xff'",
+        "b'OK\\n'",
+        "b'FAIL\\n'",
+    ]
     assert world.hostapd.attached == 0
 
 
@@ -230,7 +243,9 @@ def test_station_daemon_that_starts_knows_nothing_and_says_that_it_is_disconnect
         wait_for_text(lambda monitor=monitor: monitor.stdout, f'"interface":"{interface}"')
         monitor.stop()
         assert seen_signals(monitor) == [
-            (path, "PropertiesChanged", [interface, state, []]), (path, "PropertiesChanged", [state])]
+            (path, "PropertiesChanged", [interface, state, []]),
+            (path, "PropertiesChanged", [state]),
+        ]
         assert world.wpa.networks == {}
         assert world.sandbox.sh(f"busctl --system call {STATION} AddNetwork 'a{{sv}}' 1 ssid s net").status == 0
 
@@ -242,8 +257,11 @@ def test_networks_are_added_selected_and_removed_as_sent(world: World) -> None:
     path = "/fi/w1/wpa_supplicant1/Interfaces/1/Networks/0"
     assert added == f'o "{path}"\n'
     sent = world.journal.wait_for(call("AddNetwork")).args[0]
-    assert list(sent.items()) == [("ssid", Variant("s", "net")), ("key_mgmt", Variant("s", "WPA-PSK")),
-                                  ("psk", Variant("s", "secret12"))]
+    assert list(sent.items()) == [
+        ("ssid", Variant("s", "net")),
+        ("key_mgmt", Variant("s", "WPA-PSK")),
+        ("psk", Variant("s", "secret12")),
+    ]
     assert "invalid message format" in world.sandbox.sh(f"{add} 3 ssid s net key_mgmt s WPA-PSK psk s short").stderr
     for member, status in (("SelectNetwork", 0), ("RemoveNetwork", 0), ("RemoveNetwork", 1)):
         assert world.sandbox.sh(f"busctl --system call {STATION} {member} o {path}").status == status
@@ -256,11 +274,15 @@ def test_networks_around_are_objects_that_can_vanish(world: World) -> None:
     path = world.wpa.add_bss(b"caf\xc3\xa9", signal=-71, privacy=False, key_mgmt=())
     other = world.wpa.add_bss("other", extra={"Signal": Variant("s", "strong")}, missing=("RSN",))
     get = "busctl --system get-property fi.w1.wpa_supplicant1"
-    assert world.sandbox.sh(f"{get} /fi/w1/wpa_supplicant1/Interfaces/1 fi.w1.wpa_supplicant1.Interface BSSs").stdout == \
-        f'ao 2 "{path}" "{other}"\n'
+    assert (
+        world.sandbox.sh(f"{get} /fi/w1/wpa_supplicant1/Interfaces/1 fi.w1.wpa_supplicant1.Interface BSSs").stdout
+        == f'ao 2 "{path}" "{other}"\n'
+    )
     bss = "fi.w1.wpa_supplicant1.BSS"
-    assert world.sandbox.sh(f"{get} {path} {bss} SSID Signal Privacy RSN").stdout == \
-        "ay 5 99 97 102 195 169\nn -71\nb false\na{sv} 0\n"
+    assert (
+        world.sandbox.sh(f"{get} {path} {bss} SSID Signal Privacy RSN").stdout
+        == "ay 5 99 97 102 195 169\nn -71\nb false\na{sv} 0\n"
+    )
     assert world.sandbox.sh(f"{get} {other} {bss} Signal").stdout == 's "strong"\n'
     assert world.sandbox.sh(f"{get} {other} {bss} RSN").status == 1
     world.wpa.remove_bss(path)

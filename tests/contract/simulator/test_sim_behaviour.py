@@ -5,8 +5,19 @@ from __future__ import annotations
 import time
 from collections.abc import Callable
 
-from simulated import (KEY, client, connect, device, kernel_addresses, make_device, names, small_plan,  # noqa: F401  (fixtures)
-                       state_words, wait_for_state, wait_until)
+from simulated import (
+    KEY,
+    client,
+    connect,
+    device,
+    kernel_addresses,
+    make_device,
+    names,
+    small_plan,  # noqa: F401  (fixtures)
+    state_words,
+    wait_for_state,
+    wait_until,
+)
 from vantora_sim import Variant, call, changed, command, log, signal, unit_path
 from vantora_sim.air import Air
 from vantora_sim.device import SimulatedDevice
@@ -18,15 +29,18 @@ ASSOCIATION = ["scanning", "authenticating", "associating", "associated"]
 
 def active_state(device: SimulatedDevice, unit: str) -> str:
     """What systemd says about a unit."""
-    shown = device.world.sandbox.sh(f"busctl --system get-property org.freedesktop.systemd1 {unit_path(unit)} "
-                                    "org.freedesktop.systemd1.Unit ActiveState").stdout
+    shown = device.world.sandbox.sh(
+        f"busctl --system get-property org.freedesktop.systemd1 {unit_path(unit)} " "org.freedesktop.systemd1.Unit ActiveState"
+    ).stdout
     return shown.split('"')[1]
 
 
 # Access point
 
 
-def test_hostapd_takes_the_interface_opens_its_socket_and_reports_after_a_moment(make_device: Callable[..., SimulatedDevice]) -> None:
+def test_hostapd_takes_the_interface_opens_its_socket_and_reports_after_a_moment(
+    make_device: Callable[..., SimulatedDevice]
+) -> None:
     device = make_device()
     journal = device.world.journal
     started = journal.wait_for(call("Start", path=unit_path(HOSTAPD))).index
@@ -43,8 +57,9 @@ def test_stations_that_come_by_themselves_come_again_after_a_restart(make_device
     device.world.journal.wait_for(changed("WiFiConnectedClients", 1))
     mark = device.world.journal.mark()
     device.world.set("WiFiFrequency", "5")
-    device.world.journal.expect_in_order([changed("WiFiFrequency", "5"), changed("WiFiAccessPointInitialised", True),
-                                          changed("WiFiConnectedClients", 1)], mark)
+    device.world.journal.expect_in_order(
+        [changed("WiFiFrequency", "5"), changed("WiFiAccessPointInitialised", True), changed("WiFiConnectedClients", 1)], mark
+    )
     assert "channel 36 (5180 MHz)" in device.world.sandbox.sh("iw dev wlan0 info").stdout
 
 
@@ -52,15 +67,18 @@ def test_stations_do_not_follow_to_another_name(device: SimulatedDevice) -> None
     assert device.world.loop.call(device.access_point.join, "02:00:00:00:60:01")
     device.world.journal.wait_for(changed("WiFiConnectedClients", 1))
     device.world.set("SSID", "elsewhere")
-    wait_until(device, lambda: device.access_point.on_air and device.world.radio.ap_ssid == b"elsewhere", "the new access point")
+    wait_until(
+        device, lambda: device.access_point.on_air and device.world.radio.ap_ssid == b"elsewhere", "the new access point"
+    )
     assert device.world.get("WiFiConnectedClients") == 0
     assert device.world.loop.call(device.access_point._traffic.busy.__bool__) is False
 
 
 def test_hostapd_fails_while_the_radio_is_blocked(device: SimulatedDevice) -> None:
     device.world.sandbox.sh("rfkill block wlan")
-    device.world.sandbox.sh(f"busctl --system call org.freedesktop.systemd1 {unit_path(HOSTAPD)} org.freedesktop.systemd1.Unit "
-                            "Restart s replace")
+    device.world.sandbox.sh(
+        f"busctl --system call org.freedesktop.systemd1 {unit_path(HOSTAPD)} org.freedesktop.systemd1.Unit " "Restart s replace"
+    )
     wait_until(device, lambda: active_state(device, HOSTAPD) == "failed", "hostapd to fail")
     assert not device.world.hostapd.running
 
@@ -90,7 +108,7 @@ def test_association_goes_through_every_state_word_to_a_kernel_address(client: S
     mark = client.world.journal.mark()
     connect(client)
     words = state_words(client, mark)
-    assert words[words.index("scanning"):] == [*ASSOCIATION, "4way_handshake", "group_handshake", "completed"]
+    assert words[words.index("scanning") :] == [*ASSOCIATION, "4way_handshake", "group_handshake", "completed"]
     client.world.journal.wait_for(changed("IPAddress", "10.7.0.2"), mark)
     assert (client.world.get("ClientSSID"), client.world.get("WiFiClientState")) == ("secured", "completed")
     status = client.world.sandbox.sh("wpa_cli status").stdout.splitlines()
@@ -101,13 +119,17 @@ def test_association_goes_through_every_state_word_to_a_kernel_address(client: S
 def test_wrong_key_fails_at_the_handshake(client: SimulatedDevice) -> None:
     mark = client.world.journal.mark()
     client.world.call("Connect", "ss", ["secured", "wrong and improper"])
-    client.world.journal.expect_in_order([
-        log("warning", "[WPE supplicant] PropertyChangedCallback: Failed to connect to the accesspoint"),
-        log("err", "Failed to connect to AP")], mark)
+    client.world.journal.expect_in_order(
+        [
+            log("warning", "[WPE supplicant] PropertyChangedCallback: Failed to connect to the accesspoint"),
+            log("err", "Failed to connect to AP"),
+        ],
+        mark,
+    )
     client.world.journal.wait_for(changed("WiFiClientState", "failed"), mark)
     words = state_words(client, mark)
     begin = words.index("scanning")
-    assert words[begin:begin + 6] == [*ASSOCIATION, "4way_handshake", "disconnected"]
+    assert words[begin : begin + 6] == [*ASSOCIATION, "4way_handshake", "disconnected"]
     assert client.world.wpa.networks == {}
     assert kernel_addresses(client) == []
 
@@ -116,14 +138,16 @@ def test_open_network_needs_no_handshake(client: SimulatedDevice) -> None:
     mark = client.world.journal.mark()
     connect(client, "open", "")
     words = state_words(client, mark)
-    assert words[words.index("scanning"):] == [*ASSOCIATION, "completed"]
+    assert words[words.index("scanning") :] == [*ASSOCIATION, "completed"]
 
 
 def test_network_without_dhcp_gives_no_address(client: SimulatedDevice) -> None:
     mark = client.world.journal.mark()
     connect(client, "no dhcp")
     client.world.journal.wait_for(call("Restart", path=unit_path(DHCP_CLIENT)), mark)
-    client.world.journal.expect_in_order([changed("WiFiClientState", "completed"), changed("SSID")], mark)  # 2 s between the two
+    client.world.journal.expect_in_order(
+        [changed("WiFiClientState", "completed"), changed("SSID")], mark
+    )  # 2 s between the two
     assert client.world.get("IPAddress") == ""
 
 

@@ -8,8 +8,20 @@ from collections.abc import Callable
 from pathlib import Path
 
 import pytest
-from simulated import (KEY, OTHER_ADDRESS, client, connect, device, kernel_addresses, make_device, names, shown,  # noqa: F401
-                       simctl, state_words, wait_until)
+from simulated import (
+    KEY,
+    OTHER_ADDRESS,
+    client,
+    connect,
+    device,
+    kernel_addresses,
+    make_device,
+    names,
+    shown,  # noqa: F401
+    simctl,
+    state_words,
+    wait_until,
+)
 from vantora_sim import Variant, call, changed, hostapd_request, notify, signal, unit_path
 from vantora_sim.device import SimulatedDevice
 from vantora_sim.simctl import main as simctl_main
@@ -31,10 +43,24 @@ def scan(device: SimulatedDevice) -> list[str]:
 
 
 def test_added_network_is_found_and_can_be_joined(client: SimulatedDevice, simctl: Simctl) -> None:
-    assert simctl("add", "new one", "--band", "5", "--channel", "44", "--signal", "-52", "--passphrase", "brand new key",
-                  "--address", "10.9.0.2/24") == (0, '"new one" (02:00:00:01:80:00) is on the air')
+    assert simctl(
+        "add",
+        "new one",
+        "--band",
+        "5",
+        "--channel",
+        "44",
+        "--signal",
+        "-52",
+        "--passphrase",
+        "brand new key",
+        "--address",
+        "10.9.0.2/24",
+    ) == (0, '"new one" (02:00:00:01:80:00) is on the air')
     assert simctl("add", "6f6464", "--hex", "--no-dhcp", "--bssid", "02:00:00:00:70:01") == (
-        0, '"odd" (02:00:00:00:70:01) is on the air')
+        0,
+        '"odd" (02:00:00:00:70:01) is on the air',
+    )
     assert {"new one", "odd"} <= set(scan(client))
     connect(client, "new one", "brand new key")
     assert kernel_addresses(client) == ["10.9.0.2/24"]
@@ -191,7 +217,9 @@ def test_killed_daemon_is_started_again_by_its_unit(device: SimulatedDevice, sim
 
 
 @pytest.mark.parametrize("switch", [(), ("--hard",)])
-def test_blocked_radio_is_off_and_its_stations_are_gone(device: SimulatedDevice, simctl: Simctl, switch: tuple[str, ...]) -> None:
+def test_blocked_radio_is_off_and_its_stations_are_gone(
+    device: SimulatedDevice, simctl: Simctl, switch: tuple[str, ...]
+) -> None:
     simctl("join", "phone")
     device.world.journal.wait_for(changed("WiFiConnectedClients", 1))
     mark = device.world.journal.mark()
@@ -229,7 +257,10 @@ def test_cable_brings_the_wired_dhcp_server_and_takes_it_away(device: SimulatedD
     device.world.journal.wait_for(call("DisableUnitFiles"), mark)
     assert kernel_addresses(device, "eth0") == []
     assert simctl("cable", "plug", "--address", "10.0.0.1") == (0, "the cable is plugged, eth0 has 10.0.0.1")
-    assert simctl("cable", "plug", "--address", "10.0.0.x") == (1, "vantora-simctl: '10.0.0.x' is no IPv4 address with a prefix length")
+    assert simctl("cable", "plug", "--address", "10.0.0.x") == (
+        1,
+        "vantora-simctl: '10.0.0.x' is no IPv4 address with a prefix length",
+    )
 
 
 # What is said
@@ -242,12 +273,22 @@ def test_show_tells_how_things_really_are(device: SimulatedDevice, simctl: Simct
     assert found["access_point"] == {"on_air": True, "ssid": "Korrin One-3456"}
     assert found["radio"] == {"soft_blocked": False, "hard_blocked": False, "interface_type": "AP", "mhz": 2437}
     assert found["addresses"] == {"wlan0": ["192.168.8.1/24"], "eth0": []}
-    assert found["running"] == {"hostapd": True, "wpa_supplicant": False, "systemd": True, "vantora-settingsd": True,
-                                "vantora-network": True}
+    assert found["running"] == {
+        "hostapd": True,
+        "wpa_supplicant": False,
+        "systemd": True,
+        "vantora-settingsd": True,
+        "vantora-network": True,
+    }
     status, text = simctl("show")
     assert status == 0
-    for line in ("world         small", 'access point  on the air as "Korrin One-3456"', "wlan0         192.168.8.1/24",
-                 "  phone           02:00:00:00:60:01  here: yes", "  hostapd.service                           active"):
+    for line in (
+        "world         small",
+        'access point  on the air as "Korrin One-3456"',
+        "wlan0         192.168.8.1/24",
+        "  phone           02:00:00:00:60:01  here: yes",
+        "  hostapd.service                           active",
+    ):
         assert line in text.splitlines()
 
 
@@ -257,7 +298,7 @@ REFUSALS = [
     (("key", "secured", "short"), "a passphrase has 8 to 63 printable ASCII characters"),
     (("signal", "secured", "5"), "a signal is from -120 to 0 dBm"),
     (("add", "x", "--channel", "40"), "channel: there is no channel 40 in the 2.4 GHz band"),
-    (("add", "zz", "--hex"), "ssid_hex: must be a string (name as bytes: 1 to 32 pairs of hexadecimal digits), not \"zz\""),
+    (("add", "zz", "--hex"), 'ssid_hex: must be a string (name as bytes: 1 to 32 pairs of hexadecimal digits), not "zz"'),
     (("add", "x", "--bssid", OTHER_ADDRESS), f"there is an access point {OTHER_ADDRESS} already"),
     (("leave", "phone"), "phone is not here"),
     (("join", "stranger"), "there is no station 'stranger' in this world (there are: phone, tablet)"),
@@ -270,15 +311,23 @@ def test_what_cannot_be_done_is_said(device: SimulatedDevice, simctl: Simctl) ->
         assert simctl(*arguments) == (1, f"vantora-simctl: {complaint}")
 
 
-def test_without_a_device_there_is_nobody_to_talk_to(tmp_path: Path, monkeypatch: pytest.MonkeyPatch,
-                                                     capsys: pytest.CaptureFixture[str]) -> None:
+def test_without_a_device_there_is_nobody_to_talk_to(
+    tmp_path: Path, monkeypatch: pytest.MonkeyPatch, capsys: pytest.CaptureFixture[str]
+) -> None:
     monkeypatch.setenv("VANTORA_SIM_CONTROL", str(tmp_path / "control"))
     assert simctl_main(["show"]) == 3
     assert capsys.readouterr().err == f"vantora-simctl: {tmp_path}/control: No such file or directory\n"
 
 
 def test_request_that_is_none_is_refused(device: SimulatedDevice) -> None:
-    for line in (b"nonsense\n", b"[]\n", b"{}\n", b'{"command": "fly"}\n', b'{"command": "join"}\n', b'{"command": "join", "wing": 1}\n'):
+    for line in (
+        b"nonsense\n",
+        b"[]\n",
+        b"{}\n",
+        b'{"command": "fly"}\n',
+        b'{"command": "join"}\n',
+        b'{"command": "join", "wing": 1}\n',
+    ):
         with socket.socket(socket.AF_UNIX) as connection:
             connection.connect(str(device.world.work / "control"))
             connection.sendall(line)

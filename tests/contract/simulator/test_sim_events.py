@@ -22,14 +22,33 @@ COMMANDS: list[tuple[str, dict[str, Any]]] = [
     ("signal", {"network": "-odd", "dbm": -70}),
     ("key", {"network": "02:00:00:00:30:01", "passphrase": "--eight or more"}),
     ("remove", {"network": "with 'quotes' and spaces"}),
-    ("join", {"station": "phone"}), ("leave", {"station": "phone"}),
-    ("kill", {"neighbour": "hostapd"}), ("hang", {"neighbour": "systemd"}), ("release", {"neighbour": "systemd"}),
+    ("join", {"station": "phone"}),
+    ("leave", {"station": "phone"}),
+    ("kill", {"neighbour": "hostapd"}),
+    ("hang", {"neighbour": "systemd"}),
+    ("release", {"neighbour": "systemd"}),
     ("start", {"neighbour": "wpa_supplicant"}),
-    ("radio", {"blocked": True, "hard": True}), ("radio", {"blocked": False, "hard": False}),
+    ("radio", {"blocked": True, "hard": True}),
+    ("radio", {"blocked": False, "hard": False}),
     ("set", {"setting": "network.mode", "value": "-Host"}),
-    ("cable", {"plugged": True, "address": "10.0.0.1/24"}), ("cable", {"plugged": False}),
-    ("add", {"network": {"ssid": "--new", "signal": -48, "passphrase": "--flat white", "hidden": True, "channel": 44, "band": "5",
-                         "security": "wpa2", "bssid": "02:00:00:00:70:01", "address": "10.9.0.2/24"}}),
+    ("cable", {"plugged": True, "address": "10.0.0.1/24"}),
+    ("cable", {"plugged": False}),
+    (
+        "add",
+        {
+            "network": {
+                "ssid": "--new",
+                "signal": -48,
+                "passphrase": "--flat white",
+                "hidden": True,
+                "channel": 44,
+                "band": "5",
+                "security": "wpa2",
+                "bssid": "02:00:00:00:70:01",
+                "address": "10.9.0.2/24",
+            }
+        },
+    ),
     ("add", {"network": {"ssid_hex": "c328", "address": None}}),
 ]
 
@@ -41,17 +60,26 @@ def test_words_of_a_command_say_the_same_as_the_request(command: str, arguments:
 
 @pytest.mark.parametrize(("command", "arguments"), COMMANDS)
 def test_the_command_line_reaches_the_program_as_it_was_meant(command: str, arguments: dict[str, Any]) -> None:
-    line = command_line(command, arguments).replace("vantora-simctl", f"{sys.executable} -c 'import sys, json; print(json.dumps(sys.argv[1:]))'", 1)
+    line = command_line(command, arguments).replace(
+        "vantora-simctl", f"{sys.executable} -c 'import sys, json; print(json.dumps(sys.argv[1:]))'", 1
+    )
     ran = subprocess.run(["/bin/sh", "-c", line], capture_output=True, text=True, check=True)
     assert json.loads(ran.stdout) == words_of(command, arguments)
 
 
 def test_events_happen_in_the_order_of_their_times(make_device: Callable[..., SimulatedDevice]) -> None:  # noqa: F811
     plan = small_plan()
-    plan.events = [Event(0.2, "remove", {"network": "open"}), Event(0.4, "remove", {"network": "no such"}),
-                   Event(0.6, "cable", {"plugged": True})]
+    plan.events = [
+        Event(0.2, "remove", {"network": "open"}),
+        Event(0.4, "remove", {"network": "no such"}),
+        Event(0.6, "cable", {"plugged": True}),
+    ]
     device = make_device(plan)
-    wait_until(device, lambda: any(entry.kind == "world" and entry.command == "cable" for entry in device.world.journal.since()), "the last event")
+    wait_until(
+        device,
+        lambda: any(entry.kind == "world" and entry.command == "cable" for entry in device.world.journal.since()),
+        "the last event",
+    )
     done = [entry for entry in device.world.journal.since() if entry.kind == "world"]
     assert [entry.command for entry in done] == ["remove", "remove", "cable"]
     assert done[1].text == "failed: there is no network 'no such'" and done[1].failed
@@ -61,11 +89,17 @@ def test_events_happen_in_the_order_of_their_times(make_device: Callable[..., Si
 
 
 def test_a_plan_is_written_as_a_world_file_and_read_again(tmp_path: Path) -> None:
-    plan = Plan("all of it", {"model": "Korrin One", "serial": "1", "radio_type": "0"},
-                [Network(b"\xc3(\n", "02:00:00:00:01:01", hidden=True, passphrase="eight or more", address=None),
-                 Network("Caf\u00e9".encode(), "02:00:00:00:01:02", band="5", channel=44, signal=-71, security="open")],
-                [Visitor("phone", "02:00:00:00:02:01", 1.5), Visitor("tablet", "02:00:00:00:02:02")],
-                {"network": {"mode": "Client"}}, [Event(3.5, "signal", {"network": "02:00:00:00:01:02", "dbm": -100})])
+    plan = Plan(
+        "all of it",
+        {"model": "Korrin One", "serial": "1", "radio_type": "0"},
+        [
+            Network(b"\xc3(\n", "02:00:00:00:01:01", hidden=True, passphrase="eight or more", address=None),
+            Network("Caf\u00e9".encode(), "02:00:00:00:01:02", band="5", channel=44, signal=-71, security="open"),
+        ],
+        [Visitor("phone", "02:00:00:00:02:01", 1.5), Visitor("tablet", "02:00:00:00:02:02")],
+        {"network": {"mode": "Client"}},
+        [Event(3.5, "signal", {"network": "02:00:00:00:01:02", "dbm": -100})],
+    )
     (tmp_path / "world.json").write_text(json.dumps(as_document(plan)))
     assert read_world(str(tmp_path / "world.json")) == plan
 
@@ -76,17 +110,20 @@ def test_shipped_worlds_survive_being_written(tmp_path: Path, world: str) -> Non
     assert read_world(str(tmp_path / "world.json")) == read_world(world)
 
 
-@pytest.mark.parametrize(("event", "expected"), [
-    ('{ "at": -1, "do": ["kill", "hostapd"] }', "events[0].at"),
-    ('{ "at": 1 }', '"do" is missing'),
-    ('{ "at": 1, "do": [] }', "events[0].do: begins with a command of vantora-simctl"),
-    ('{ "at": 1, "do": ["--control", "x", "kill", "hostapd"] }', "events[0].do: begins with a command of vantora-simctl"),
-    ('{ "at": 1, "do": ["kill", "everybody"] }', "invalid choice: 'everybody'"),
-    ('{ "at": 1, "do": ["dance"] }', "invalid choice: 'dance'"),
-    ('{ "at": 1, "do": ["show"] }', "events[0].do: show changes nothing"),
-    ('{ "at": 1, "do": ["kill", "--help"] }', "events[0].do: asks for help"),
-    ('{ "at": 1, "do": ["signal", "x", "loud"] }', "invalid int value: 'loud'"),
-])
+@pytest.mark.parametrize(
+    ("event", "expected"),
+    [
+        ('{ "at": -1, "do": ["kill", "hostapd"] }', "events[0].at"),
+        ('{ "at": 1 }', '"do" is missing'),
+        ('{ "at": 1, "do": [] }', "events[0].do: begins with a command of vantora-simctl"),
+        ('{ "at": 1, "do": ["--control", "x", "kill", "hostapd"] }', "events[0].do: begins with a command of vantora-simctl"),
+        ('{ "at": 1, "do": ["kill", "everybody"] }', "invalid choice: 'everybody'"),
+        ('{ "at": 1, "do": ["dance"] }', "invalid choice: 'dance'"),
+        ('{ "at": 1, "do": ["show"] }', "events[0].do: show changes nothing"),
+        ('{ "at": 1, "do": ["kill", "--help"] }', "events[0].do: asks for help"),
+        ('{ "at": 1, "do": ["signal", "x", "loud"] }', "invalid int value: 'loud'"),
+    ],
+)
 def test_an_event_that_cannot_be_is_refused_with_its_line(tmp_path: Path, event: str, expected: str) -> None:
     path = tmp_path / "world.json"
     path.write_text('{ "name": "x",\n  "events": [\n    ' + event + " ] }")
@@ -111,13 +148,19 @@ def look(device, command):
 cli._run_command = look
 sys.exit(cli.main(["--build-dir", sys.argv[2], "--", "true"]))
 """
-    ran = subprocess.run([sys.executable, "-c", script, ROOT / "simulator", build_dir], capture_output=True, text=True, timeout=120)
+    ran = subprocess.run(
+        [sys.executable, "-c", script, ROOT / "simulator", build_dir], capture_output=True, text=True, timeout=120
+    )
     assert ran.returncode == 0, ran.stderr
 
 
 def test_the_desk_without_its_packages_says_which(build_dir: Path, tmp_path: Path) -> None:
     (tmp_path / "aiohttp.py").write_text("raise ModuleNotFoundError(\"No module named 'aiohttp'\", name='aiohttp')\n")
     script = "import sys; sys.path[:0] = sys.argv[1:3]; from vantora_sim.cli import main; sys.exit(main(['--desk', '--build-dir', sys.argv[3]]))"
-    ran = subprocess.run([sys.executable, "-c", script, tmp_path, ROOT / "simulator", build_dir], capture_output=True, text=True, timeout=120)
+    ran = subprocess.run(
+        [sys.executable, "-c", script, tmp_path, ROOT / "simulator", build_dir], capture_output=True, text=True, timeout=120
+    )
     assert (ran.returncode, ran.stderr) == (
-        1, "vantora-sim: the page needs the packages python3-aiohttp and libjs-chart.js (No module named 'aiohttp')\n")
+        1,
+        "vantora-sim: the page needs the packages python3-aiohttp and libjs-chart.js (No module named 'aiohttp')\n",
+    )

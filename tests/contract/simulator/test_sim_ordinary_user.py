@@ -50,7 +50,13 @@ class OrdinaryUser:
         if self.uid == 0:
             nobody = pwd.getpwnam("nobody")
             self.uid = nobody.pw_uid
-            self._become = [SETPRIV, f"--reuid={nobody.pw_uid}", f"--regid={nobody.pw_gid}", "--clear-groups", "--inh-caps=-all"]
+            self._become = [
+                SETPRIV,
+                f"--reuid={nobody.pw_uid}",
+                f"--regid={nobody.pw_gid}",
+                "--clear-groups",
+                "--inh-caps=-all",
+            ]
             os.chown(self.home, nobody.pw_uid, nobody.pw_gid)
         subprocess.run(["/usr/bin/chmod", "-R", "a+rX", folder], check=True)
         self._environment = {name: value for name, value in os.environ.items() if name != "VANTORA_SIM_CONTROL"}
@@ -62,8 +68,15 @@ class OrdinaryUser:
 
     def run(self, *command: str | Path) -> "subprocess.CompletedProcess[str]":
         """Run any program to its end."""
-        return subprocess.run([*self._become, *command], capture_output=True, text=True, stdin=subprocess.DEVNULL, timeout=110,
-                              cwd=self.home, env=self._environment)
+        return subprocess.run(
+            [*self._become, *command],
+            capture_output=True,
+            text=True,
+            stdin=subprocess.DEVNULL,
+            timeout=110,
+            cwd=self.home,
+            env=self._environment,
+        )
 
     def device(self, *arguments: str | Path) -> "subprocess.CompletedProcess[str]":
         """Run vantora-sim to its end."""
@@ -71,10 +84,17 @@ class OrdinaryUser:
 
     def stay(self) -> "subprocess.Popen[str]":
         """Start a device that stays, in a process group of its own, as a terminal does."""
-        return subprocess.Popen([*self._become, *self.command("vantora-sim", "--build-dir", self.build)], text=True,
-                                cwd=self.home, env=self._environment, process_group=0, stdin=subprocess.DEVNULL,
-                                stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
-                                preexec_fn=_interruptible)
+        return subprocess.Popen(
+            [*self._become, *self.command("vantora-sim", "--build-dir", self.build)],
+            text=True,
+            cwd=self.home,
+            env=self._environment,
+            process_group=0,
+            stdin=subprocess.DEVNULL,
+            stdout=subprocess.PIPE,
+            stderr=subprocess.STDOUT,
+            preexec_fn=_interruptible,
+        )
 
     def left_behind(self) -> list[str]:
         """What stands where the work folders were."""
@@ -107,27 +127,52 @@ def test_user_id_without_a_name_is_told_what_is_wrong(user: OrdinaryUser) -> Non
         pytest.skip("needs root: an ordinary user cannot become another")
     named = {entry.pw_uid for entry in pwd.getpwall()}
     unknown = next(uid for uid in range(54321, 60000) if uid not in named)
-    ran = subprocess.run([SETPRIV, f"--reuid={unknown}", f"--regid={unknown}", "--clear-groups",
-                          *user.command("vantora-sim", "--build-dir", user.build, "--", "/bin/true")],
-                         capture_output=True, text=True, cwd="/", timeout=110)
+    ran = subprocess.run(
+        [
+            SETPRIV,
+            f"--reuid={unknown}",
+            f"--regid={unknown}",
+            "--clear-groups",
+            *user.command("vantora-sim", "--build-dir", user.build, "--", "/bin/true"),
+        ],
+        capture_output=True,
+        text=True,
+        cwd="/",
+        timeout=110,
+    )
     assert (ran.returncode, ran.stdout) == (1, "")
-    assert ran.stderr == (f"vantora-sim: user id {unknown} is in no user database (passwd): "
-                          "a message bus turns away whom it cannot look up\n")
+    assert ran.stderr == (
+        f"vantora-sim: user id {unknown} is in no user database (passwd): " "a message bus turns away whom it cannot look up\n"
+    )
 
 
 def test_ordinary_user_changes_the_world(user: OrdinaryUser) -> None:
     simctl = " ".join(map(str, user.command("vantora-simctl")))
-    ran = user.device(*shell(f"{simctl} join tablet", f"busctl --user get-property {TARGET} WiFiConnectedClients",
-                             f"{simctl} cable plug --address 10.1.1.1/24", f"{simctl} kill hostapd", f"{simctl} kill hostapd"))
-    assert ran.stdout.splitlines() == ["tablet has joined", "u 1", "the cable is plugged, eth0 has 10.1.1.1/24",
-                                       "hostapd is killed"], ran.stderr
+    ran = user.device(
+        *shell(
+            f"{simctl} join tablet",
+            f"busctl --user get-property {TARGET} WiFiConnectedClients",
+            f"{simctl} cable plug --address 10.1.1.1/24",
+            f"{simctl} kill hostapd",
+            f"{simctl} kill hostapd",
+        )
+    )
+    assert ran.stdout.splitlines() == [
+        "tablet has joined",
+        "u 1",
+        "the cable is plugged, eth0 has 10.1.1.1/24",
+        "hostapd is killed",
+    ], ran.stderr
     assert ran.returncode == 1 and ran.stderr.endswith("vantora-simctl: hostapd is not running\n")
 
 
 def test_ordinary_user_gets_from_access_point_to_a_network(user: OrdinaryUser) -> None:
     wifi = user.build / "vantora-wifi"
-    ran = user.device(*shell(f"{wifi} mode client && {wifi} scan && "
-                             f"echo quiet-harbour-42 | {wifi} connect 'Casa Marisol' --passphrase-stdin"))
+    ran = user.device(
+        *shell(
+            f"{wifi} mode client && {wifi} scan && " f"echo quiet-harbour-42 | {wifi} connect 'Casa Marisol' --passphrase-stdin"
+        )
+    )
     assert ran.returncode == 0, ran.stderr
     assert ran.stdout.startswith("The device is a station (Client).\n") and "  Casa Marisol\n" in ran.stdout
     assert ran.stdout.endswith('Connected to "Casa Marisol", address 192.168.1.50\n')
@@ -174,8 +219,15 @@ def test_ordinary_user_is_shown_the_tour(user: OrdinaryUser) -> None:
 
 def test_where_no_sandbox_is_possible_one_line_says_why(user: OrdinaryUser) -> None:
     # A user namespace that lets nobody in it make another, entered without any right over it.
-    forbid = ("/usr/bin/unshare", "--user", "--map-root-user", "/bin/sh", "-c",
-              f'echo 0 >/proc/sys/user/max_user_namespaces && exec {SETPRIV} --bounding-set=-all --inh-caps=-all "$@"', "sh")
+    forbid = (
+        "/usr/bin/unshare",
+        "--user",
+        "--map-root-user",
+        "/bin/sh",
+        "-c",
+        f'echo 0 >/proc/sys/user/max_user_namespaces && exec {SETPRIV} --bounding-set=-all --inh-caps=-all "$@"',
+        "sh",
+    )
     ran = user.run(*forbid, *user.command("vantora-sim", "--build-dir", user.build))
     assert (ran.returncode, ran.stdout) == (1, "")
     assert ran.stderr.startswith("vantora-sim: no sandbox can be made here: ") and ran.stderr.count("\n") == 1

@@ -15,6 +15,7 @@ MEGABYTE = 1024 * 1024
 
 # wpa_supplicant
 
+
 def test_calls_in_flight_get_the_buss_own_error_when_wpa_supplicant_dies(names: OlderName) -> None:
     names.up()
     names.supplicant.hang("Echo")
@@ -113,6 +114,7 @@ def test_a_refusal_by_the_bus_is_handed_back(names: OlderName) -> None:
 
 # Callers
 
+
 def test_a_caller_that_leaves_leaves_nothing_behind(names: OlderName) -> None:
     names.up()
     names.caller.call("Echo")
@@ -138,7 +140,10 @@ def test_a_flood_of_calls_without_answer_is_bounded_while_wpa_supplicant_hangs(n
     for number in range(3_000):
         names.caller.send("Echo", "u", [number])
     refused = names.caller.call("Echo", "u", [3_000])
-    assert error_of(refused) == ("org.freedesktop.DBus.Error.Failed", "The call could not be handed on: No buffer space available")
+    assert error_of(refused) == (
+        "org.freedesktop.DBus.Error.Failed",
+        "The call could not be handed on: No buffer space available",
+    )
     names.supplicant.clear()
     names.wait_call("Echo", mark, times=1024)
     assert [entry.args for entry in names.calls("Echo", mark)] == [[number] for number in range(1024)]
@@ -162,6 +167,7 @@ def test_a_flood_of_signals_changes_nothing(names: OlderName) -> None:
 
 
 # The bus, and the end
+
 
 def test_it_ends_with_1_when_the_bus_goes(names: OlderName) -> None:
     names.up()

@@ -13,12 +13,24 @@ from vantora_sim.wpa_supplicant import INTERFACE
 STATION = f"{ROOT}/Interfaces/7"
 NESTED = Variant("(yv)", [7, Variant("a{s(ao)}", {"": [["/", "/a/b"]]})])
 BODIES: list[tuple[str, list[Any]]] = [
-    ("", []), ("s", [""]), ("s", ["Ünïcödé \u2028 \U0001F4F6"]), ("o", [FIRST]), ("g", ["a{sv}"]),
-    ("ybnqiuxtd", [255, True, -32768, 65535, -2**31, 2**32 - 1, -2**63, 2**64 - 1, 0.1]),
-    ("ay", [bytes(range(256))]), ("ay", [b""]), ("ab", [[True, False]]), ("an", [[-1, 1]]), ("at", [[2**64 - 1]]),
-    ("as", [["a", ""]]), ("as", [[]]), ("aas", [[[], ["x"], []]]), ("a{sv}", [{}]),
+    ("", []),
+    ("s", [""]),
+    ("s", ["Ünïcödé \u2028 \U0001F4F6"]),
+    ("o", [FIRST]),
+    ("g", ["a{sv}"]),
+    ("ybnqiuxtd", [255, True, -32768, 65535, -(2**31), 2**32 - 1, -(2**63), 2**64 - 1, 0.1]),
+    ("ay", [bytes(range(256))]),
+    ("ay", [b""]),
+    ("ab", [[True, False]]),
+    ("an", [[-1, 1]]),
+    ("at", [[2**64 - 1]]),
+    ("as", [["a", ""]]),
+    ("as", [[]]),
+    ("aas", [[[], ["x"], []]]),
+    ("a{sv}", [{}]),
     ("a{sv}", [{"ssid": Variant("s", "net"), "psk": Variant("ay", b"\0\xff"), "nested": Variant("v", NESTED)}]),
-    ("(i(ss)a(yd))v", [[1, ["a", "b"], [[2, 3.5]]], NESTED]), ("aaaay", [[[[b"", b"x"], []]]]),
+    ("(i(ss)a(yd))v", [[1, ["a", "b"], [[2, 3.5]]], NESTED]),
+    ("aaaay", [[[[b"", b"x"], []]]]),
     ("a{oa{sa{sv}}}", [{FIRST: {"a": {"b": Variant("u", 1)}}}]),
 ]
 
@@ -41,18 +53,23 @@ def test_object_interface_and_method_are_the_callers(names: OlderName, path: str
     assert (seen.path, seen.interface, seen.member) == (path, interface or "", "AnyMethod")
 
 
-@pytest.mark.parametrize(("kind", "name", "signature", "body"), [
-    (MessageType.ERROR, f"{NEWER}.NetworkUnknown", "s", ["There is no such a network in this interface."]),
-    (MessageType.ERROR, "org.freedesktop.DBus.Error.InvalidArgs", "s", ["100% \n of %s"]),
-    (MessageType.ERROR, "a.b", "", []),
-    (MessageType.ERROR, "a.b", "s", [""]),
-    (MessageType.ERROR, "a.b", "ua{sv}as", [7, {"why": Variant("s", "x")}, []]),
-    # Said by wpa_supplicant of some service of its own, not by the bus of wpa_supplicant.
-    (MessageType.ERROR, "org.freedesktop.DBus.Error.ServiceUnknown", "s", ["no such service"]),
-    (MessageType.METHOD_RETURN, None, "so", ["ok", "/a"]),
-], ids=str)
-def test_an_answer_comes_back_with_its_name_text_and_body(names: OlderName, kind: MessageType, name: str | None, signature: str,
-                                                          body: list[Any]) -> None:
+@pytest.mark.parametrize(
+    ("kind", "name", "signature", "body"),
+    [
+        (MessageType.ERROR, f"{NEWER}.NetworkUnknown", "s", ["There is no such a network in this interface."]),
+        (MessageType.ERROR, "org.freedesktop.DBus.Error.InvalidArgs", "s", ["100% \n of %s"]),
+        (MessageType.ERROR, "a.b", "", []),
+        (MessageType.ERROR, "a.b", "s", [""]),
+        (MessageType.ERROR, "a.b", "ua{sv}as", [7, {"why": Variant("s", "x")}, []]),
+        # Said by wpa_supplicant of some service of its own, not by the bus of wpa_supplicant.
+        (MessageType.ERROR, "org.freedesktop.DBus.Error.ServiceUnknown", "s", ["no such service"]),
+        (MessageType.METHOD_RETURN, None, "so", ["ok", "/a"]),
+    ],
+    ids=str,
+)
+def test_an_answer_comes_back_with_its_name_text_and_body(
+    names: OlderName, kind: MessageType, name: str | None, signature: str, body: list[Any]
+) -> None:
     names.up()
     names.supplicant.own = (kind, name, signature, body)
     answer = names.caller.call("Own")
@@ -67,6 +84,7 @@ def test_what_is_called_by_the_unique_name_is_handed_on_as_well(names: OlderName
 
 
 # The first object
+
 
 def test_the_first_object_is_the_one_that_wlan0_has(names: OlderName) -> None:
     names.up()
@@ -128,8 +146,9 @@ def test_a_wpa_supplicant_that_can_not_be_asked_has_wlan0_as_its_first_object(na
 
 
 @pytest.mark.parametrize(("signature", "body"), [("", []), ("s", [FIRST]), ("u", [1]), ("ao", [[FIRST]])], ids=str)
-def test_nonsense_in_the_place_of_wlan0s_object_goes_to_the_caller_and_no_further(names: OlderName, signature: str,
-                                                                                   body: list[Any]) -> None:
+def test_nonsense_in_the_place_of_wlan0s_object_goes_to_the_caller_and_no_further(
+    names: OlderName, signature: str, body: list[Any]
+) -> None:
     names.supplicant.reply("GetInterface", signature, body)
     names.up()
     answer = names.caller.call("Echo", "u", [1])
@@ -140,6 +159,7 @@ def test_nonsense_in_the_place_of_wlan0s_object_goes_to_the_caller_and_no_furthe
 
 
 # Many, in order, without an answer
+
 
 def test_a_call_without_answer_is_handed_on_as_one(names: OlderName) -> None:
     names.up()
@@ -177,8 +197,11 @@ def test_any_number_of_calls_may_be_in_flight_and_hold_nobody_up(names: OlderNam
     names.up()
     names.supplicant.hang("Echo")
     callers = [names.another_caller() for _ in range(8)]
-    waiting = [(caller.start("Echo", "us", [number, caller.name]), [number, caller.name])
-               for number in range(100) for caller in callers]
+    waiting = [
+        (caller.start("Echo", "us", [number, caller.name]), [number, caller.name])
+        for number in range(100)
+        for caller in callers
+    ]
     names.wait_call("Echo", times=len(waiting))
     names.supplicant.own = (MessageType.METHOD_RETURN, None, "s", ["at once"])
     assert names.caller.call("Own").body == ["at once"]
@@ -203,8 +226,11 @@ def test_signals_come_from_wpa_supplicant_alone_and_only_once(names: OlderName) 
     names.up()
     heard: list[str] = []
     caller = names.another_caller()
-    names.world.loop.call(lambda: caller.bus.add_message_handler(
-        lambda message: heard.append(message.sender or "") if message.member == "Told" else None))
+    names.world.loop.call(
+        lambda: caller.bus.add_message_handler(
+            lambda message: heard.append(message.sender or "") if message.member == "Told" else None
+        )
+    )
     caller.ask_bus("AddMatch", "type='signal',member='Told'")
     names.supplicant.emit(STATION, INTERFACE, "Told", "u", [1])
     caller.call("Echo")

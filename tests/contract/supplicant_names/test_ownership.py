@@ -28,7 +28,10 @@ def test_the_name_comes_and_goes_with_wpa_supplicant(names: OlderName) -> None:
         names.wait_owned(False)
         assert error_of(names.caller.call("Echo")) == NOBODY
         assert [text for _, text in names.journal.logs(mark) if "wlan0" not in text] == [
-            f"[Names] wpa_supplicant is there: {owner}", f"[Names] Standing in for {OLDER}", "[Names] wpa_supplicant has gone"]
+            f"[Names] wpa_supplicant is there: {owner}",
+            f"[Names] Standing in for {OLDER}",
+            "[Names] wpa_supplicant has gone",
+        ]
 
 
 def test_a_wpa_supplicant_that_is_there_already_is_found(names: OlderName) -> None:

@@ -47,7 +47,7 @@ def test_the_next_few_are_asked_for_before_the_caller_does(names: OlderName) -> 
     names.caller.get_all(listed[0])
     names.wait_call("GetAll", mark, times=1 + AHEAD)
     names.settle()
-    assert paths(names, mark) == listed[:1 + AHEAD]
+    assert paths(names, mark) == listed[: 1 + AHEAD]
 
 
 def test_a_single_read_in_the_middle_asks_for_nothing_else(names: OlderName) -> None:

@@ -13,8 +13,9 @@ from vantora_sim.sandbox import Completed
 
 ROOT = Path(__file__).resolve().parents[3]
 POLICY = ROOT / "packaging/dbus/vantora-supplicant-names.conf"
-THEIR_POLICY = next(path for folder in ("etc", "usr/share")
-                    if (path := Path(f"/{folder}/dbus-1/system.d/wpa_supplicant.conf")).exists())
+THEIR_POLICY = next(
+    path for folder in ("etc", "usr/share") if (path := Path(f"/{folder}/dbus-1/system.d/wpa_supplicant.conf")).exists()
+)
 """That of the real wpa_supplicant: where it lies differs between releases."""
 USER = "_vantora-supplicant-names"
 OWN_USER = "daemon"
@@ -33,11 +34,20 @@ def busctl_as(world: World, user: str, arguments: str) -> Completed:
 
 # Where the bus lets everybody call
 
+
 @pytest.mark.parametrize("path", [FIRST, "/"])
 def test_another_user_is_refused_and_nothing_reaches_wpa_supplicant(names: OlderName, path: str) -> None:
     names.up()
-    refused = as_user(names.world, "65534", "/usr/bin/dbus-send", "--system", "--print-reply", f"--dest={OLDER}", path,
-                      "fi.w1.wpa_supplicant1.Interface.Echo")
+    refused = as_user(
+        names.world,
+        "65534",
+        "/usr/bin/dbus-send",
+        "--system",
+        "--print-reply",
+        f"--dest={OLDER}",
+        path,
+        "fi.w1.wpa_supplicant1.Interface.Echo",
+    )
     assert (refused.status, refused.stdout) == (1, "")
     assert refused.stderr == f"Error org.freedesktop.DBus.Error.AccessDenied: Only root may call {OLDER}\n"
     names.logged("warning", "[Names] Refused the calls of user 65534")
@@ -150,19 +160,46 @@ class StrictBus:
     def start(self, user: str = OWN_USER) -> None:
         """Start wpa_supplicant as root and the program as its user."""
         self._wait(self.world.sandbox.start(["/usr/bin/python3", "-c", OWNER]), "ready")
-        self._names.start("/usr/bin/setpriv", "--reuid", user, "--regid", user, "--clear-groups", environment=dict(self._environment))
+        self._names.start(
+            "/usr/bin/setpriv", "--reuid", user, "--regid", user, "--clear-groups", environment=dict(self._environment)
+        )
 
     def reload(self) -> None:
         """Have the bus read its policies again, and wait until it has."""
-        reloaded = self.world.sandbox.run(["/usr/bin/busctl", "--system", "call", "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                                           "org.freedesktop.DBus", "ReloadConfig"], self._environment)
+        reloaded = self.world.sandbox.run(
+            [
+                "/usr/bin/busctl",
+                "--system",
+                "call",
+                "org.freedesktop.DBus",
+                "/org/freedesktop/DBus",
+                "org.freedesktop.DBus",
+                "ReloadConfig",
+            ],
+            self._environment,
+        )
         assert reloaded.status == 0, reloaded.stderr
 
     def call(self, user: str, name: str = OLDER, path: str = FIRST) -> Completed:
         """Call a name as a user."""
         return self.world.sandbox.run(
-            ["/usr/bin/setpriv", "--reuid", user, "--regid", "65534", "--clear-groups", "/usr/bin/busctl", "--system", "call",
-             name, path, "a.b", "C"], self._environment)
+            [
+                "/usr/bin/setpriv",
+                "--reuid",
+                user,
+                "--regid",
+                "65534",
+                "--clear-groups",
+                "/usr/bin/busctl",
+                "--system",
+                "call",
+                name,
+                path,
+                "a.b",
+                "C",
+            ],
+            self._environment,
+        )
 
 
 @pytest.fixture
@@ -178,8 +215,11 @@ def test_with_the_policy_root_is_served_by_a_program_that_is_not_root(names: Old
     assert names.process is not None
     status = Path(f"/proc/{names.process.pid}/status").read_text()
     uids = next(line.split()[1:] for line in status.splitlines() if line.startswith("Uid:"))
-    assert len(set(uids)) == 1 and uids[0] == subprocess.run(["id", "-u", OWN_USER], capture_output=True, text=True, check=True,
-                                                             timeout=DEADLINE).stdout.strip()
+    assert (
+        len(set(uids)) == 1
+        and uids[0]
+        == subprocess.run(["id", "-u", OWN_USER], capture_output=True, text=True, check=True, timeout=DEADLINE).stdout.strip()
+    )
 
 
 @pytest.mark.parametrize("user", ["65534", OWN_USER])

@@ -48,14 +48,20 @@ def test_a_network_is_joined_and_left(device: World) -> None:
     path = device.wpa.add_bss("net", signal=-40)
     device.call("Scan")
     assert device.call("Connect", "ss", ["net", "secret12"]) == []
-    network, = device.wpa.networks
-    assert device.wpa.networks[network] == {"ssid": Variant("s", "net"), "key_mgmt": Variant("s", "WPA-PSK"),
-                                            "psk": Variant("s", "secret12")}
+    (network,) = device.wpa.networks
+    assert device.wpa.networks[network] == {
+        "ssid": Variant("s", "net"),
+        "key_mgmt": Variant("s", "WPA-PSK"),
+        "psk": Variant("s", "secret12"),
+    }
     device.wpa.report_state("completed", bss=path)
     device.journal.wait_for(changed("WiFiClientState", "completed"))
     assert device.call("Disconnect") == []
-    members = [entry.member for entry in device.journal.since() if entry.kind == "call" and entry.destination.startswith(":")
-               and entry.interface == f"{NEWER}.Interface"]
+    members = [
+        entry.member
+        for entry in device.journal.since()
+        if entry.kind == "call" and entry.destination.startswith(":") and entry.interface == f"{NEWER}.Interface"
+    ]
     assert members[:3] == ["Scan", "AddNetwork", "SelectNetwork"] and members[-1] == "Disconnect"
 
 

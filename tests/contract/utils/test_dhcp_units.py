@@ -6,7 +6,16 @@ import re
 
 from vantora_sim import World, log
 
-from unit_control import DHCP_CLIENT, DHCP_SERVER, associate, empty_path_log, job_call, load_failed_log, loaded_log, manager_call
+from unit_control import (
+    DHCP_CLIENT,
+    DHCP_SERVER,
+    associate,
+    empty_path_log,
+    job_call,
+    load_failed_log,
+    loaded_log,
+    manager_call,
+)
 from unit_control import queued_log
 
 SEPARATOR = ("info", "--------------------------------------------")
@@ -15,23 +24,18 @@ SEPARATOR = ("info", "--------------------------------------------")
 def test_dhcp_server_is_started_for_an_access_point(world: World) -> None:
     world.up()
     world.journal.expect_in_order([manager_call("LoadUnit", "s", DHCP_SERVER), job_call("Start", DHCP_SERVER)])
-    world.journal.expect_logs_in_order([
-        ("info", "Starting UDHCP daemon service"),
-        loaded_log(DHCP_SERVER),
-        queued_log("Start", DHCP_SERVER, 4),
-    ])
+    world.journal.expect_logs_in_order(
+        [("info", "Starting UDHCP daemon service"), loaded_log(DHCP_SERVER), queued_log("Start", DHCP_SERVER, 4)]
+    )
     assert world.systemd.active[DHCP_SERVER]
 
 
 def test_starting_a_dhcp_server_that_runs_already_succeeds(world: World) -> None:
     world.systemd.active[DHCP_SERVER] = True
     world.up()
-    world.journal.expect_logs_in_order([
-        ("info", "Starting UDHCP daemon service"),
-        loaded_log(DHCP_SERVER),
-        queued_log("Start", DHCP_SERVER, 4),
-        SEPARATOR,
-    ])
+    world.journal.expect_logs_in_order(
+        [("info", "Starting UDHCP daemon service"), loaded_log(DHCP_SERVER), queued_log("Start", DHCP_SERVER, 4), SEPARATOR]
+    )
     assert world.get("Mode") == "Host"
 
 
@@ -41,11 +45,9 @@ def test_dhcp_server_is_stopped_when_the_access_point_ends(world: World) -> None
     mark = world.journal.mark()
     world.set("Mode", "Client")
     world.journal.expect_in_order([manager_call("LoadUnit", "s", DHCP_SERVER), job_call("Stop", DHCP_SERVER)], mark)
-    world.journal.expect_logs_in_order([
-        ("info", "Stoping UDHCP daemon service"),
-        loaded_log(DHCP_SERVER),
-        queued_log("Stop", DHCP_SERVER, 5),
-    ], mark)
+    world.journal.expect_logs_in_order(
+        [("info", "Stoping UDHCP daemon service"), loaded_log(DHCP_SERVER), queued_log("Stop", DHCP_SERVER, 5)], mark
+    )
     assert not world.systemd.active[DHCP_SERVER]
 
 
@@ -55,21 +57,17 @@ def test_dhcp_client_is_restarted_by_an_association_and_stopped_when_the_station
     world.up()
     mark = associate(world)
     world.journal.expect_in_order([manager_call("LoadUnit", "s", DHCP_CLIENT), job_call("Restart", DHCP_CLIENT)], mark)
-    world.journal.expect_logs_in_order([
-        ("info", "Re-Starting UDHCP client service"),
-        loaded_log(DHCP_CLIENT),
-        queued_log("Restart", DHCP_CLIENT, 4),
-    ], mark)
+    world.journal.expect_logs_in_order(
+        [("info", "Re-Starting UDHCP client service"), loaded_log(DHCP_CLIENT), queued_log("Restart", DHCP_CLIENT, 4)], mark
+    )
     assert world.systemd.active[DHCP_CLIENT]
 
     mark = world.journal.mark()
     world.set("Mode", "Host")
     world.journal.expect_in_order([manager_call("LoadUnit", "s", DHCP_CLIENT), job_call("Stop", DHCP_CLIENT)], mark)
-    world.journal.expect_logs_in_order([
-        ("info", "Stoping UDHCP client service"),
-        loaded_log(DHCP_CLIENT),
-        queued_log("Stop", DHCP_CLIENT, 5),
-    ], mark)
+    world.journal.expect_logs_in_order(
+        [("info", "Stoping UDHCP client service"), loaded_log(DHCP_CLIENT), queued_log("Stop", DHCP_CLIENT, 5)], mark
+    )
     assert not world.systemd.active[DHCP_CLIENT]
 
 
@@ -80,22 +78,21 @@ def test_refused_look_up_of_a_dhcp_unit_does_not_keep_the_mode_from_being_switch
         world.systemd.refuse("LoadUnit", on=unit, text="not now")
     mark = world.journal.mark()
     world.set("Mode", "Client")
-    world.journal.expect_logs_in_order([
-        ("info", "Stoping UDHCP daemon service"),
-        load_failed_log(DHCP_SERVER, "not now (r = -13)"),
-        empty_path_log("Stop"),
-    ], mark)
+    world.journal.expect_logs_in_order(
+        [("info", "Stoping UDHCP daemon service"), load_failed_log(DHCP_SERVER, "not now (r = -13)"), empty_path_log("Stop")],
+        mark,
+    )
     assert world.get("Mode") == "Client"
 
     mark = world.journal.mark()
     world.set("Mode", "Host")
-    for line, unit, verb in (("Stoping UDHCP client service", DHCP_CLIENT, "Stop"),
-                             ("Starting UDHCP daemon service", DHCP_SERVER, "Start")):
-        world.journal.expect_logs_in_order([
-            ("info", line),
-            load_failed_log(unit, "not now (r = -13)"),
-            empty_path_log(verb),
-        ], mark)
+    for line, unit, verb in (
+        ("Stoping UDHCP client service", DHCP_CLIENT, "Stop"),
+        ("Starting UDHCP daemon service", DHCP_SERVER, "Start"),
+    ):
+        world.journal.expect_logs_in_order(
+            [("info", line), load_failed_log(unit, "not now (r = -13)"), empty_path_log(verb)], mark
+        )
     assert world.get("Mode") == "Host"
 
 
@@ -104,10 +101,9 @@ def test_without_a_system_bus_only_the_own_line_of_a_dhcp_unit_is_logged(world: 
     world.system_bus.stop()
     world.start_daemon()
     world.wait_up()
-    world.journal.expect_logs_in_order([
-        ("info", "Stoping UDHCP client service"),
-        ("info", "Stoping WPA Supplicant daemon service"),
-    ])
+    world.journal.expect_logs_in_order(
+        [("info", "Stoping UDHCP client service"), ("info", "Stoping WPA Supplicant daemon service")]
+    )
     # The listener of hostapd, which could not be started either, writes between these on its own thread.
     world.journal.expect_in_order([log("info", "Starting UDHCP daemon service"), log(*SEPARATOR)])
     failures = re.compile(r"Failed to (load|start|stop|re-start) |Failed to read response|Unable to stop udhcpc")

@@ -69,19 +69,24 @@ def wait_for_descriptors(pid: int, numbers: set[int]) -> None:
         time.sleep(0.005)
 
 
-@pytest.mark.parametrize(("tool", "line", "processes"), [
-    ("rfkill", "rfkill list wlan", {"sh", "rfkill", "tail"}),  # its output is read through a pipe
-    ("rfkill", "rfkill block wlan", {"sh", "rfkill"}),         # it is only waited for
-])
-def test_commands_start_with_default_signals_and_standard_descriptors_only(world: World, tool: str, line: str,
-                                                                           processes: set[str]) -> None:
+@pytest.mark.parametrize(
+    ("tool", "line", "processes"),
+    [
+        ("rfkill", "rfkill list wlan", {"sh", "rfkill", "tail"}),  # its output is read through a pipe
+        ("rfkill", "rfkill block wlan", {"sh", "rfkill"}),  # it is only waited for
+    ],
+)
+def test_commands_start_with_default_signals_and_standard_descriptors_only(
+    world: World, tool: str, line: str, processes: set[str]
+) -> None:
     daemon = world.up()
     world.hostapd.wait_attached()  # its socket is one that the library does not close in children
     assert signal_mask(daemon.pid, "SigBlk") != 0, "the daemon itself takes its signals from a descriptor"
     world.tools[tool].hang(on=line.split(maxsplit=1)[1])
     mark = world.journal.mark()
-    writing = world.call_async("Set", "ssv", ["com.vantora.Network1.WiFi", "WiFiState", Variant("u", 0)],
-                               interface="org.freedesktop.DBus.Properties")
+    writing = world.call_async(
+        "Set", "ssv", ["com.vantora.Network1.WiFi", "WiFiState", Variant("u", 0)], interface="org.freedesktop.DBus.Properties"
+    )
     world.journal.wait_for(command(line), mark)
     children = wait_for_descendants(daemon.pid, processes)
     for pid, name in children.items():

@@ -23,12 +23,7 @@ REFUSALS: list[tuple[str, str | None, str]] = [
 ]
 """Name and text of an error, and the end of the line that tells of it."""
 
-UNREADABLE: list[tuple[str, list[object]]] = [
-    ("", []),
-    ("s", ["/not/an/object/path"]),
-    ("u", [1]),
-    ("v", [Variant("o", "/a")]),
-]
+UNREADABLE: list[tuple[str, list[object]]] = [("", []), ("s", ["/not/an/object/path"]), ("u", [1]), ("v", [Variant("o", "/a")])]
 """Signatures and bodies of replies that hold no object path."""
 
 VANISHED = "Message recipient disconnected from message bus without replying (r = -110)"
@@ -47,11 +42,9 @@ def test_unit_is_looked_up_by_name_and_the_job_replaces_others(station_world: Wo
     world = station_world
     mark = associate(world)
     world.journal.expect_in_order([manager_call("LoadUnit", "s", DHCP_CLIENT), job_call("Restart", DHCP_CLIENT)], mark)
-    world.journal.expect_logs_in_order([
-        ("info", "Re-Starting UDHCP client service"),
-        loaded_log(DHCP_CLIENT),
-        queued_log("Restart", DHCP_CLIENT, 5),
-    ], mark)
+    world.journal.expect_logs_in_order(
+        [("info", "Re-Starting UDHCP client service"), loaded_log(DHCP_CLIENT), queued_log("Restart", DHCP_CLIENT, 5)], mark
+    )
 
 
 def test_nothing_but_these_calls_is_made_of_systemd(station_world: World) -> None:
@@ -65,11 +58,10 @@ def test_failed_look_up_is_logged_and_the_job_is_tried_with_an_empty_path(statio
     for name, text, reason in REFUSALS:
         world.systemd.refuse("LoadUnit", name=name, text=text)
         mark = associate(world)
-        world.journal.expect_logs_in_order([
-            ("info", "Re-Starting UDHCP client service"),
-            load_failed_log(DHCP_CLIENT, reason),
-            empty_path_log("Restart"),
-        ], mark)
+        world.journal.expect_logs_in_order(
+            [("info", "Re-Starting UDHCP client service"), load_failed_log(DHCP_CLIENT, reason), empty_path_log("Restart")],
+            mark,
+        )
         assert world.journal.count(call("Restart"), mark) == 0
         assert world.journal.count(log(text=re.compile("Failed to restart UDHCPC")), mark) == 0
         world.systemd.clear()
@@ -80,11 +72,10 @@ def test_look_up_fails_when_systemd_vanishes_and_while_it_is_absent(station_worl
     world.systemd.vanish("LoadUnit")
     for reason in (VANISHED, ABSENT):
         mark = associate(world)
-        world.journal.expect_logs_in_order([
-            ("info", "Re-Starting UDHCP client service"),
-            load_failed_log(DHCP_CLIENT, reason),
-            empty_path_log("Restart"),
-        ], mark)
+        world.journal.expect_logs_in_order(
+            [("info", "Re-Starting UDHCP client service"), load_failed_log(DHCP_CLIENT, reason), empty_path_log("Restart")],
+            mark,
+        )
 
 
 def test_unreadable_look_up_is_logged_and_the_job_is_tried_with_an_empty_path(station_world: World) -> None:
@@ -92,11 +83,14 @@ def test_unreadable_look_up_is_logged_and_the_job_is_tried_with_an_empty_path(st
     for signature, body in UNREADABLE:
         world.systemd.reply("LoadUnit", signature, body)
         mark = associate(world)
-        world.journal.expect_logs_in_order([
-            ("info", "Re-Starting UDHCP client service"),
-            ("err", "utils_load_service_unit: Failed to read response"),
-            empty_path_log("Restart"),
-        ], mark)
+        world.journal.expect_logs_in_order(
+            [
+                ("info", "Re-Starting UDHCP client service"),
+                ("err", "utils_load_service_unit: Failed to read response"),
+                empty_path_log("Restart"),
+            ],
+            mark,
+        )
         world.systemd.clear()
 
 
@@ -105,11 +99,14 @@ def test_refused_restart_is_logged_and_taken_for_success(station_world: World) -
     for name, text, reason in REFUSALS:
         world.systemd.refuse("Restart", name=name, text=text)
         mark = associate(world)
-        world.journal.expect_logs_in_order([
-            ("info", "Re-Starting UDHCP client service"),
-            loaded_log(DHCP_CLIENT),
-            job_failed_log("Restart", DHCP_CLIENT, reason),
-        ], mark)
+        world.journal.expect_logs_in_order(
+            [
+                ("info", "Re-Starting UDHCP client service"),
+                loaded_log(DHCP_CLIENT),
+                job_failed_log("Restart", DHCP_CLIENT, reason),
+            ],
+            mark,
+        )
         assert world.journal.count(log(text=re.compile("Failed to restart UDHCPC")), mark) == 0
         world.systemd.clear()
 
@@ -126,10 +123,9 @@ def test_unreadable_reply_to_a_restart_is_logged(station_world: World) -> None:
     for signature, body in UNREADABLE:
         world.systemd.reply("Restart", signature, body)
         mark = associate(world)
-        world.journal.expect_logs_in_order([
-            loaded_log(DHCP_CLIENT),
-            ("err", "utils_restart_service: Failed to read response"),
-        ], mark)
+        world.journal.expect_logs_in_order(
+            [loaded_log(DHCP_CLIENT), ("err", "utils_restart_service: Failed to read response")], mark
+        )
         world.systemd.clear()
 
 
@@ -137,19 +133,21 @@ def test_restart_of_an_unknown_unit_is_refused_after_a_look_up_that_succeeds(sta
     world = station_world
     del world.systemd.active[DHCP_CLIENT]
     mark = associate(world)
-    world.journal.expect_logs_in_order([
-        loaded_log(DHCP_CLIENT),
-        job_failed_log("Restart", DHCP_CLIENT, f"Unit {DHCP_CLIENT} not found. (r = -2)"),
-    ], mark)
+    world.journal.expect_logs_in_order(
+        [loaded_log(DHCP_CLIENT), job_failed_log("Restart", DHCP_CLIENT, f"Unit {DHCP_CLIENT} not found. (r = -2)")], mark
+    )
 
 
 def misbehaviours(world: World, verb: str, function: str) -> list[tuple[Callable[[], None], tuple[str, str]]]:
     """Ways to fail a job of the DHCP server, and the line that tells of each."""
     refuse, reply = world.systemd.refuse, world.systemd.reply
-    return [(partial(refuse, verb, on=DHCP_SERVER, name=name, text=text), job_failed_log(verb, DHCP_SERVER, reason))
-            for name, text, reason in REFUSALS] + [
-            (partial(reply, verb, signature, body, on=DHCP_SERVER), ("err", f"{function}: Failed to read response"))
-            for signature, body in UNREADABLE]
+    return [
+        (partial(refuse, verb, on=DHCP_SERVER, name=name, text=text), job_failed_log(verb, DHCP_SERVER, reason))
+        for name, text, reason in REFUSALS
+    ] + [
+        (partial(reply, verb, signature, body, on=DHCP_SERVER), ("err", f"{function}: Failed to read response"))
+        for signature, body in UNREADABLE
+    ]
 
 
 def test_refused_and_unreadable_stops_are_logged_and_the_mode_is_switched_all_the_same(world: World) -> None:
@@ -160,12 +158,15 @@ def test_refused_and_unreadable_stops_are_logged_and_the_mode_is_switched_all_th
         mark = world.journal.mark()
         misbehave()
         world.set("Mode", "Client")
-        world.journal.expect_logs_in_order([
-            ("info", "Stoping UDHCP daemon service"),
-            loaded_log(DHCP_SERVER),
-            line,
-            ("info", "Stopping Hostapd daemon service"),
-        ], mark)
+        world.journal.expect_logs_in_order(
+            [
+                ("info", "Stoping UDHCP daemon service"),
+                loaded_log(DHCP_SERVER),
+                line,
+                ("info", "Stopping Hostapd daemon service"),
+            ],
+            mark,
+        )
         world.systemd.clear()
         assert world.get("Mode") == "Client"
 
@@ -179,12 +180,15 @@ def test_refused_and_unreadable_starts_are_logged_and_the_mode_is_switched_all_t
         mark = world.journal.mark()
         misbehave()
         world.set("Mode", "Host")
-        world.journal.expect_logs_in_order([
-            ("info", "Starting UDHCP daemon service"),
-            loaded_log(DHCP_SERVER),
-            line,
-            ("info", "--------------------------------------------"),
-        ], mark)
+        world.journal.expect_logs_in_order(
+            [
+                ("info", "Starting UDHCP daemon service"),
+                loaded_log(DHCP_SERVER),
+                line,
+                ("info", "--------------------------------------------"),
+            ],
+            mark,
+        )
         world.systemd.clear()
         assert world.get("Mode") == "Host"
 
@@ -194,16 +198,14 @@ def test_look_up_and_job_wait_as_long_as_the_bus_library_does_by_default(world: 
     world.wpa.come_back()
     world.systemd.hang("LoadUnit", times=1)
     mark = associate(world)
-    world.journal.expect_logs_in_order([
-        load_failed_log(DHCP_CLIENT, "Connection timed out (r = -110)"),
-        empty_path_log("Restart"),
-    ], mark)
+    world.journal.expect_logs_in_order(
+        [load_failed_log(DHCP_CLIENT, "Connection timed out (r = -110)"), empty_path_log("Restart")], mark
+    )
     world.systemd.hang("Restart", times=1)
     mark = associate(world)
-    world.journal.expect_logs_in_order([
-        loaded_log(DHCP_CLIENT),
-        job_failed_log("Restart", DHCP_CLIENT, "Connection timed out (r = -110)"),
-    ], mark)
+    world.journal.expect_logs_in_order(
+        [loaded_log(DHCP_CLIENT), job_failed_log("Restart", DHCP_CLIENT, "Connection timed out (r = -110)")], mark
+    )
 
 
 def test_without_a_system_bus_look_ups_and_jobs_say_nothing_and_are_taken_for_success(world: World) -> None:
@@ -212,8 +214,7 @@ def test_without_a_system_bus_look_ups_and_jobs_say_nothing_and_are_taken_for_su
     world.system_bus.stop()
     mark = world.journal.mark()
     world.set("Mode", "Client")
-    world.journal.expect_logs_in_order([
-        ("info", "Stoping UDHCP daemon service"),
-        ("info", "Stopping Hostapd daemon service"),
-    ], mark)
+    world.journal.expect_logs_in_order(
+        [("info", "Stoping UDHCP daemon service"), ("info", "Stopping Hostapd daemon service")], mark
+    )
     assert world.journal.count(log(text=re.compile(r"Failed to (load|start|stop|re-start)|Failed to read response")), mark) == 0

@@ -61,16 +61,23 @@ class Device:
 
     def setting(self, section: str, name: str) -> Any:
         """Reads a setting."""
-        value = plain(json.loads(self.guest.run(
-            f"busctl --user --json=short get-property {SETTINGS} {SETTINGS_PATH}/{section} {SETTINGS} {name}")))
+        value = plain(
+            json.loads(
+                self.guest.run(
+                    f"busctl --user --json=short get-property {SETTINGS} {SETTINGS_PATH}/{section} {SETTINGS} {name}"
+                )
+            )
+        )
         self.evidence.add(BUS, f"setting {section}.{name} = {json.dumps(value, ensure_ascii=False)}")
         return value
 
     def store(self, section: str, name: str, signature: str, value: str) -> None:
         """Writes a setting, as another program of the device would."""
         self.evidence.add(BUS, f"another program sets {section}.{name} to {value!r}")
-        self.guest.run(f"busctl --user set-property {SETTINGS} {SETTINGS_PATH}/{section} {SETTINGS} {name} "
-                       f"{signature} {shlex.quote(value)}")
+        self.guest.run(
+            f"busctl --user set-property {SETTINGS} {SETTINGS_PATH}/{section} {SETTINGS} {name} "
+            f"{signature} {shlex.quote(value)}"
+        )
 
     # What it announces and logs.
 
@@ -87,6 +94,7 @@ class Device:
 
     def wait_for_change(self, name: str, value: Any = None, *, since: tuple[int, int], seconds: float = EVENT) -> Any:
         """Waits until a property is announced, with this value if one is given; the value announced."""
+
         def match(event: Event) -> bool:
             found = changed_value(event, name)
             return found is not None and (value is None or found[0] == value)
@@ -97,12 +105,16 @@ class Device:
         self.evidence.add(BUS, f"announced: {name} = {json.dumps(found[0], ensure_ascii=False)}")
         return found[0]
 
-    def wait_for_signal(self, member: str, *, since: tuple[int, int], seconds: float = EVENT,
-                        match: Match = lambda event: True) -> Any:
+    def wait_for_signal(
+        self, member: str, *, since: tuple[int, int], seconds: float = EVENT, match: Match = lambda event: True
+    ) -> Any:
         """Waits for a signal of the object; its arguments."""
         event = self.signals.wait_for(
             lambda event: event.fields.get("path") == NETWORK_PATH and event.fields.get("member") == member and match(event),
-            since=since[1], seconds=seconds, what=f"signal {member}")
+            since=since[1],
+            seconds=seconds,
+            what=f"signal {member}",
+        )
         self.evidence.add(BUS, f"signal {signal_text(event.fields)}")
         return plain(event.fields["payload"])
 
@@ -166,8 +178,9 @@ class Device:
 
     def wait_for_access_point(self, *, seconds: float = EVENT) -> None:
         """Waits until hostapd says that the access point is on air."""
-        self.see_once("hostapd_cli -i wlan0 status | grep -E '^(state=ENABLED|ssid|channel|freq=)' | grep -A9 ENABLED",
-                      seconds=seconds)
+        self.see_once(
+            "hostapd_cli -i wlan0 status | grep -E '^(state=ENABLED|ssid|channel|freq=)' | grep -A9 ENABLED", seconds=seconds
+        )
 
     def to_client_mode(self) -> None:
         """Switches to Client mode and waits until wpa_supplicant is there."""

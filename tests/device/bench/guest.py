@@ -67,8 +67,10 @@ class Guest:
         The machine asks itself again every fifth of a second of its own time: cheaper than asking from outside.
         """
         rounds = int(seconds * 5)
-        script = (f"n=0; until out=$( ({condition}) 2>&1); do n=$((n+1)); [ $n -lt {rounds} ] || exit 97; sleep 0.2; done; "
-                  'echo "$out"')
+        script = (
+            f"n=0; until out=$( ({condition}) 2>&1); do n=$((n+1)); [ $n -lt {rounds} ] || exit 97; sleep 0.2; done; "
+            'echo "$out"'
+        )
         status, output = self.try_run(script, seconds=seconds, agent=agent)
         if status != 0:
             raise TimeoutError(f"not so after {seconds:.0f} s: {condition}\n{output}")

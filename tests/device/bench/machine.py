@@ -20,8 +20,7 @@ time outside. So a busy computer slows the machine down, clock and all, and make
 LINES = ("agent.1", "agent.2", "journal", "signals")
 """Serial lines into the machine, by the names under which it finds them below /dev/virtio-ports."""
 KERNEL_COMMAND_LINE = (
-    "console=ttyAMA0 loglevel=4 systemd.show_status=0 panic=-1 net.ifnames=0 "
-    "cryptomgr.notests apparmor=0 audit=0"
+    "console=ttyAMA0 loglevel=4 systemd.show_status=0 panic=-1 net.ifnames=0 " "cryptomgr.notests apparmor=0 audit=0"
 )
 
 
@@ -36,8 +35,9 @@ class Snapshot:
 class Machine:
     """One emulated machine with an overlay of its own over the disk: nothing that it does is seen by another."""
 
-    def __init__(self, image: Path, work: Path, *, disk: Path | None = None, saved: Snapshot | None = None,
-                 words: str = "") -> None:
+    def __init__(
+        self, image: Path, work: Path, *, disk: Path | None = None, saved: Snapshot | None = None, words: str = ""
+    ) -> None:
         """`disk` continues with the disk of an earlier machine; `words` are put on the kernel's command line."""
         self.image, self.work, self.words = image, work, words
         self.work.mkdir(parents=True, exist_ok=True)
@@ -46,8 +46,11 @@ class Machine:
             backing = saved.disk if saved is not None else image / "rootfs.qcow2"
             subprocess.run(["qemu-img", "create", "-q", "-f", "qcow2", "-F", "qcow2", "-b", backing, self.disk], check=True)
         self._process = subprocess.Popen(
-            self._command(saved), stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
-            stderr=(work / "qemu.log").open("wb"), start_new_session=True,
+            self._command(saved),
+            stdin=subprocess.DEVNULL,
+            stdout=subprocess.DEVNULL,
+            stderr=(work / "qemu.log").open("wb"),
+            start_new_session=True,
         )
         try:
             self._control = self._connect("control")
@@ -64,21 +67,51 @@ class Machine:
 
     def _command(self, saved: Snapshot | None) -> list[str]:
         command = [
-            "setpriv", "--pdeathsig", "KILL",  # it ends with its test, however that ends
-            "qemu-system-arm", "-M", "virt", "-cpu", "cortex-a15", "-m", MEMORY, "-smp", "1", "-icount", CLOCK,
-            "-display", "none", "-nodefaults", "-no-reboot", "-S",
-            "-serial", f"file:{self.work}/console.log",
-            "-qmp", f"unix:{self.work}/control,server=on,wait=off",
-            "-kernel", f"{self.image}/kernel", "-initrd", f"{self.image}/initrd.cpio",
-            "-append", f"{KERNEL_COMMAND_LINE} {self.words}".strip(),
-            "-drive", f"if=none,id=root,file={self.disk},format=qcow2",
-            "-device", "virtio-blk-device,drive=root,serial=root",
-            "-device", "virtio-serial-device",
-            "-device", "virtio-rng-device",
+            "setpriv",
+            "--pdeathsig",
+            "KILL",  # it ends with its test, however that ends
+            "qemu-system-arm",
+            "-M",
+            "virt",
+            "-cpu",
+            "cortex-a15",
+            "-m",
+            MEMORY,
+            "-smp",
+            "1",
+            "-icount",
+            CLOCK,
+            "-display",
+            "none",
+            "-nodefaults",
+            "-no-reboot",
+            "-S",
+            "-serial",
+            f"file:{self.work}/console.log",
+            "-qmp",
+            f"unix:{self.work}/control,server=on,wait=off",
+            "-kernel",
+            f"{self.image}/kernel",
+            "-initrd",
+            f"{self.image}/initrd.cpio",
+            "-append",
+            f"{KERNEL_COMMAND_LINE} {self.words}".strip(),
+            "-drive",
+            f"if=none,id=root,file={self.disk},format=qcow2",
+            "-device",
+            "virtio-blk-device,drive=root,serial=root",
+            "-device",
+            "virtio-serial-device",
+            "-device",
+            "virtio-rng-device",
         ]
         for name in LINES:
-            command += ["-chardev", f"socket,id={name},path={self.work}/{name},server=on,wait=off",
-                        "-device", f"virtserialport,chardev={name},name={name}"]
+            command += [
+                "-chardev",
+                f"socket,id={name},path={self.work}/{name},server=on,wait=off",
+                "-device",
+                f"virtserialport,chardev={name},name={name}",
+            ]
         if saved is not None:
             command += ["-incoming", f"exec:cat {saved.state}"]
         return command

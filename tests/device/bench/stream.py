@@ -68,8 +68,11 @@ Match = Callable[[Event], bool]
 
 def log(text: str, *, priority: str | None = None) -> Match:
     """Matches a line that the daemon logged, whole."""
-    return lambda event: (event.fields.get("SYSLOG_IDENTIFIER") == "vantora-network" and event.message == text
-                          and priority in (None, event.priority))
+    return lambda event: (
+        event.fields.get("SYSLOG_IDENTIFIER") == "vantora-network"
+        and event.message == text
+        and priority in (None, event.priority)
+    )
 
 
 def unit_log(unit: str, part: str) -> Match:

@@ -47,8 +47,10 @@ class World:
     def join(self, ssid: str, passphrase: str, *, radio: int = 1) -> None:
         """A station joins an access point with WPA2 and gets an address."""
         network = f'ctrl_interface=/run/station{radio}\\nnetwork={{\\n ssid="{ssid}"\\n psk="{passphrase}"\\n}}\\n'
-        self.guest.run(f"printf {shlex.quote(network)} >/run/station{radio}.conf && {IN_WORLD} wpa_supplicant -B -Dnl80211 "
-                       f"-iwlan{radio} -c/run/station{radio}.conf -P/run/station{radio}.pid -f/run/station{radio}.log")
+        self.guest.run(
+            f"printf {shlex.quote(network)} >/run/station{radio}.conf && {IN_WORLD} wpa_supplicant -B -Dnl80211 "
+            f"-iwlan{radio} -c/run/station{radio}.conf -P/run/station{radio}.pid -f/run/station{radio}.log"
+        )
         self.wait_for_station("COMPLETED", radio=radio)
 
     def wait_for_station(self, state: str, *, radio: int = 1) -> None:
@@ -86,28 +88,58 @@ class World:
 
     # Access points.
 
-    def access_point(self, ssid: str, *, radio: int, passphrase: str = "", channel: int = 1, dbm: int = 20,
-                     hidden: bool = False, address: str = "") -> None:
+    def access_point(
+        self,
+        ssid: str,
+        *,
+        radio: int,
+        passphrase: str = "",
+        channel: int = 1,
+        dbm: int = 20,
+        hidden: bool = False,
+        address: str = "",
+    ) -> None:
         """Puts an access point on air; with an address, also with a DHCP server behind it."""
-        lines = [f"interface=wlan{radio}", "driver=nl80211", f"ctrl_interface=/run/ap{radio}", f"ssid={ssid}", "hw_mode=g",
-                 f"channel={channel}", f"ignore_broadcast_ssid={int(hidden)}"]
+        lines = [
+            f"interface=wlan{radio}",
+            "driver=nl80211",
+            f"ctrl_interface=/run/ap{radio}",
+            f"ssid={ssid}",
+            "hw_mode=g",
+            f"channel={channel}",
+            f"ignore_broadcast_ssid={int(hidden)}",
+        ]
         if passphrase:
             lines += ["wpa=2", "wpa_key_mgmt=WPA-PSK", "rsn_pairwise=CCMP", f"wpa_passphrase={passphrase}"]
         configuration = shlex.quote("\n".join(lines) + "\n")
-        self.guest.run(f"printf %s {configuration} >/run/ap{radio}.conf && {IN_WORLD} hostapd -B -t -P /run/ap{radio}.pid "
-                       f"-f /run/ap{radio}.log /run/ap{radio}.conf")
+        self.guest.run(
+            f"printf %s {configuration} >/run/ap{radio}.conf && {IN_WORLD} hostapd -B -t -P /run/ap{radio}.pid "
+            f"-f /run/ap{radio}.log /run/ap{radio}.conf"
+        )
         self.guest.wait_until(f"{IN_WORLD} hostapd_cli -p /run/ap{radio} -i wlan{radio} status | grep -x state=ENABLED")
         self.power(radio, dbm)
         if address:
             network = address.rsplit(".", 1)[0]
-            lines = [f"interface wlan{radio}", f"start {network}.100", f"end {network}.120", f"lease_file /run/leases{radio}",
-                     f"pidfile /run/dhcp{radio}.pid", "option subnet 255.255.255.0", f"option router {address}"]
+            lines = [
+                f"interface wlan{radio}",
+                f"start {network}.100",
+                f"end {network}.120",
+                f"lease_file /run/leases{radio}",
+                f"pidfile /run/dhcp{radio}.pid",
+                "option subnet 255.255.255.0",
+                f"option router {address}",
+            ]
             configuration = shlex.quote("\n".join(lines) + "\n")
-            self.guest.run(f"printf %s {configuration} >/run/dhcp{radio}.conf && : >/run/leases{radio} && "
-                           f"{IN_WORLD} ip address replace {address}/24 dev wlan{radio} && "
-                           f"{IN_WORLD} busybox udhcpd -a 50 /run/dhcp{radio}.conf")
-        self.device.evidence.add(TOOL, f"world: access point {ssid!r} on channel {channel}, {dbm} dBm"
-                                 f"{', hidden' if hidden else ''}{', WPA2' if passphrase else ', open'}")
+            self.guest.run(
+                f"printf %s {configuration} >/run/dhcp{radio}.conf && : >/run/leases{radio} && "
+                f"{IN_WORLD} ip address replace {address}/24 dev wlan{radio} && "
+                f"{IN_WORLD} busybox udhcpd -a 50 /run/dhcp{radio}.conf"
+            )
+        self.device.evidence.add(
+            TOOL,
+            f"world: access point {ssid!r} on channel {channel}, {dbm} dBm"
+            f"{', hidden' if hidden else ''}{', WPA2' if passphrase else ', open'}",
+        )
 
     def access_point_command(self, command: str, *, radio: int) -> str:
         """Tells or asks an access point's hostapd."""
@@ -130,8 +162,9 @@ class World:
     def wait_on_air(self, ssid: str, *, radio: int = 4) -> OnAir:
         """Waits until an access point is on air."""
         self.run(f"ip link set wlan{radio} up")
-        self.guest.wait_until(f"{IN_WORLD} iw dev wlan{radio} scan freq {CHANNELS} flush | "
-                              f"grep -x '[[:space:]]*SSID: '{shlex.quote(ssid)}")
+        self.guest.wait_until(
+            f"{IN_WORLD} iw dev wlan{radio} scan freq {CHANNELS} flush | " f"grep -x '[[:space:]]*SSID: '{shlex.quote(ssid)}"
+        )
         found = self.find_on_air(ssid, radio=radio)
         assert found is not None, f"{ssid!r} came on air and went again"
         return found
@@ -139,6 +172,7 @@ class World:
 
 def on_air(part: str) -> OnAir:
     """One block of iw's scan list."""
+
     def field(pattern: str) -> str:
         found = re.search(pattern, part)
         return found.group(1) if found else ""

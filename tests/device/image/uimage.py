@@ -33,8 +33,19 @@ def unpack(packed: bytes) -> bytes:
 def header(image: bytes, own_checksum: int = 0) -> bytes:
     """The 64 bytes in front of the image."""
     return struct.pack(
-        ">7I4B32s", MAGIC, own_checksum, 0, len(image), LOAD_ADDRESS, LOAD_ADDRESS, zlib.crc32(image),
-        LINUX, ARM, KERNEL, UNCOMPRESSED, b"linux",
+        ">7I4B32s",
+        MAGIC,
+        own_checksum,
+        0,
+        len(image),
+        LOAD_ADDRESS,
+        LOAD_ADDRESS,
+        zlib.crc32(image),
+        LINUX,
+        ARM,
+        KERNEL,
+        UNCOMPRESSED,
+        b"linux",
     )
 
 
