@@ -165,6 +165,11 @@ class DBusFake:
         return self._faults.any_call_hangs
 
     @property
+    def busy(self) -> bool:
+        """Whether there are calls that it has received and not answered."""
+        return bool(self._tasks)
+
+    @property
     def present(self) -> bool:
         """Whether the service is on its bus, and has its names."""
         return self._named and self._bus is not None and self._bus.connected

@@ -96,7 +96,7 @@ class Stage(Neighbours):
         self.release_everything()
         self.stop_lag = self.start_lag = 0.0
         self.comes_up = True
-        self._wait_unit_task()
+        self._wait_orders_done()
         self.world.loop.call(self._drop_lingering)
         self.wait_events_read()
         self.settle()
