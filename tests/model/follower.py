@@ -27,13 +27,16 @@ def followed(stage: Stage, seen: dict[str, Any]) -> dict[str, Any]:
     """What the follower is sure of now, by name.
 
     As documented: another mode, and the radio going off or on, mean that what depends on them is to be read anew, an empty
-    name that it will change in a moment, and so does an interface whose type changes after the announcement.
+    name that it will change in a moment, and so does an interface whose type changes after the announcement. A station that
+    joins while nobody is attached to hostapd is announced together with the next one.
     """
     known = dict(stage.history.known)
     for entry in stage.world.journal.since(stage.history.since):
         if entry.kind == "radio":
             for name in OF_THE_INTERFACE:
                 known.pop(name, None)
+        elif entry.kind == "unheard":
+            known.pop("WiFiConnectedClients", None)
         elif entry.kind == "changed":
             if entry.name == "WiFiState" or (entry.name == "Mode" and entry.value != known.get("Mode")):
                 for name in OF_THE_MODE:

@@ -52,6 +52,7 @@ class Life:
         self.history = History()
         self.stop_lag = self.start_lag = 0.0
         self.comes_up = True
+        self._reports_ready = False
         self.settings_daemon: Process | None = None
         self._real_settings = False
         self._unit_task: asyncio.Task[None] | None = None
@@ -356,6 +357,7 @@ class Life:
         def answer(word: str, argument: str) -> bytes:
             if word == "ATTACH":
                 if not self._attached_once:
+                    self._reports_ready = True
                     self.world.loop.asyncio.call_later(UNTIL_READY, self._report_ready, hostapd._socket)
                 self._attached_once = True
                 self.history.listener_attached()
@@ -366,6 +368,7 @@ class Life:
 
     def _report_ready(self, instance: socket.socket) -> None:
         """hostapd, if it is still the same, is on the air: with a country code that takes a while."""
+        self._reports_ready = False
         if self.world.hostapd._socket is instance:
             self.world.hostapd._event(b"<3>AP-ENABLED ")
 
@@ -401,7 +404,8 @@ class Life:
             try:
                 if not world.hostapd.attached:
                     return False
-                if not world.hostapd.unread and world.daemon.waits_in((23, 270, 72, 82, 142, 335, 413)):
+                said = not self._reports_ready and not world.hostapd.unread
+                if said and world.daemon.waits_in((23, 270, 72, 82, 142, 335, 413)):
                     return True
             except (OSError, LookupError):
                 return False

@@ -33,6 +33,8 @@ class Neighbours(Requests):
     def _join(self, mac: str) -> None:
         hostapd = self.world.hostapd
         if hostapd.running:
+            if not self.live_listeners():
+                self.world.journal.add("unheard", station=mac)
             if mac not in hostapd.stations:
                 hostapd.stations.insert(0, mac)
             hostapd._lingering.discard(mac)
