@@ -100,7 +100,7 @@ VALUES = st.one_of(
     st.tuples(st.just("WiFiState"), STATES),
 )
 BABBLE = st.sampled_from((b"", b"AP-STA-POSSIBLE-PSK-MISMATCH 02:00:00:00:50:00", b"\xff" * 8))
-BUSES = st.sampled_from(("",))
+BUSES = st.sampled_from(("", "tcp:host=127.0.0.1,port=1", "unixexec:path=/bin/false", "unix:path=/none", "none"))
 CALLS = st.sampled_from(("write", "open", "fsync", "rename", "unlink", "read"))
 ERRORS = st.sampled_from((errno.EIO, errno.ENOSPC, errno.EMFILE))
 
@@ -186,6 +186,8 @@ HARM: Acts = (
     (1, _act("tool_dies", TOOLS)),
     (1, _act("tool_babbles", TOOLS)),
     (1, _act("few_descriptors_are_left", st.integers(0, 8))),
+    (1, _act("daemon_starts_with_few_descriptors", st.integers(4, 24))),
+    (1, _act("counting_fails", st.just("hangs"))),
     (1, _act("system_bus_restarts")),
     (1, _act("user_bus_restarts")),
     (1, _act("radio_is_switched_off_by_hand")),

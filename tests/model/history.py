@@ -2,8 +2,11 @@
 
 from __future__ import annotations
 
+import time
 from typing import Any
 
+JUST_SAID = 0.5
+"""Seconds within which a listener that is ended may not have read what was said."""
 ENABLED, DISABLED = b"AP-ENABLED", b"AP-DISABLED"
 
 
@@ -49,6 +52,7 @@ class History:
         self.remedied = False
         """Whether the device had to be brought into order by hand."""
         self._ordered_to_stop = False
+        self._said_at = 0.0
 
     def new_daemon(self, mark: int) -> None:
         """A daemon starts: it knows nothing, and nobody knows anything of it."""
@@ -83,9 +87,12 @@ class History:
             if text in data:
                 self.initialised = value
                 self.said.append(value)
+                self._said_at = time.monotonic()
 
     def stop_ordered(self) -> None:
-        """The daemon has it stopped: what it says then is not listened to."""
+        """The daemon has it stopped: what it says then is not listened to, nor is what it has only just said."""
+        if time.monotonic() - self._said_at < JUST_SAID:
+            self.initialised = None
         self._ordered_to_stop = True
         self.gap = True
 

@@ -38,7 +38,16 @@ END = 5.0
 READY = 20.0
 UNTIL_READY = 0.03
 """Seconds until a hostapd that has a listener reports the access point ready."""
+HEARING = 0.5
+"""Seconds that a listener gets to read what hostapd has said."""
+WAITING = (23, 270, 72, 82, 142, 335, 413)
+"""The numbers of the system calls select and pselect6 on the architectures of the packages."""
 STATE_FILE = "/run/sim/state/settings.json"
+
+
+def is_sanitized(build: Path) -> bool:
+    """Whether the programs in this folder hold a sanitizer, which keeps what they have freed."""
+    return any(name in (build / "vantora-network").read_bytes() for name in (b"__asan_init", b"__tsan_init"))
 
 
 class Life:
@@ -46,6 +55,7 @@ class Life:
 
     def __init__(self, build: Path) -> None:
         self.build = build
+        self.is_sanitized = is_sanitized(build)
         self.world = World(build, lasting=True)
         self.world.follow_units = False
         self.world.hostapd.before_event = None
@@ -302,6 +312,7 @@ class Life:
         hostapd = self.world.hostapd
         if hostapd.running and verb in ("Stop", "Restart"):
             await self._pause(self.stop_lag)
+            await self._listener_waits()
             self._terminate()
             if self.start_lag:
                 self._set_type("managed")
@@ -315,6 +326,22 @@ class Life:
             self._set_type("managed")
             return
         self.open_access_point()
+
+    async def _listener_waits(self) -> None:
+        """Wait a moment until what hostapd has said is read: its farewell would be cut behind a shorter event, and be lost."""
+        deadline = time.monotonic() + HEARING
+        while self._is_behind() and time.monotonic() < deadline:
+            await asyncio.sleep(0.001)
+
+    def _is_behind(self) -> bool:
+        """Whether the listener has not read everything yet, or has just done so (on the loop)."""
+        daemon = self.world.daemon
+        try:
+            if not self.live_listeners() or daemon is None or not daemon.running:
+                return False
+            return self.world.hostapd._unread() > 0 or not daemon.waits_in(WAITING)
+        except (OSError, LookupError):
+            return False
 
     async def _pause(self, seconds: float) -> None:
         if seconds:
@@ -337,6 +364,8 @@ class Life:
 
     def _terminate(self) -> None:
         """hostapd ends as after SIGTERM (on the loop)."""
+        if self._is_behind():
+            self.history.disturbed.add("deaf")
         self.history.access_point_ends(self._attached_once, bool(self.live_listeners()), killed=False)
         self.world.hostapd._terminate()
 
@@ -405,7 +434,7 @@ class Life:
                 if not world.hostapd.attached:
                     return False
                 said = not self._reports_ready and not world.hostapd.unread
-                if said and world.daemon.waits_in((23, 270, 72, 82, 142, 335, 413)):
+                if said and world.daemon.waits_in(WAITING):
                     return True
             except (OSError, LookupError):
                 return False

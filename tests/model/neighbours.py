@@ -420,6 +420,8 @@ class Neighbours(Requests):
         """The daemon ends, and one that may have only so many descriptors is started in its place: it serves, or says that it
         cannot, and ends, and does so when it is asked to, before a proper one is started."""
         world = self.world
+        if self.is_sanitized:
+            return  # a sanitizer needs some of its own, and ends with words of its own where it gets none
         self.history.disturbed.add("descriptors")
         self.end()
         self._wait_orders_done(1.5)

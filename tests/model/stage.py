@@ -27,18 +27,12 @@ MEMORY_BOUND = 512
 """KiB of private memory that a run may add."""
 
 
-def is_sanitized(build: Path) -> bool:
-    """Whether the programs in this folder hold a sanitizer, which keeps what they have freed."""
-    return any(name in (build / "vantora-network").read_bytes() for name in (b"__asan_init", b"__tsan_init"))
-
-
 class Stage(Neighbours):
     """Everything that can be done, and the two acts that judge: `quiet` and `finish`."""
 
     def __init__(self, build: Path) -> None:
         super().__init__(build)
         self.judges_addresses = False
-        self._judges_memory = not is_sanitized(build)
         self._at_rest: Footprint | None = None
 
     def begin(self, *, mode: str = "Host", echo: bool = False, real_settings: bool = False) -> None:
@@ -182,5 +176,5 @@ class Stage(Neighbours):
                     f"{before.descriptors} descriptors and {before.threads} threads at first, "
                     f"{now.descriptors} and {now.threads} in the end",
                 )
-        if self._judges_memory and now.private_dirty > before.private_dirty + MEMORY_BOUND:
+        if not self.is_sanitized and now.private_dirty > before.private_dirty + MEMORY_BOUND:
             raise Finding("flat", f"{before.private_dirty} KiB of private memory at first, {now.private_dirty} in the end")

@@ -18,7 +18,8 @@ from vantora_sim import World
 ROOT = Path(__file__).resolve().parents[2]
 sys.path[:0] = [path for path in (str(ROOT / "tests"),) if path not in sys.path]
 
-from model.stage import Stage, is_sanitized  # noqa: E402  (found through the line above)
+from model.life import is_sanitized  # noqa: E402  (found through the line above)
+from model.stage import Stage  # noqa: E402  (found through the line above)
 
 TIME_OUT = 120
 """Seconds after which a single test is given up: only a fault gets there, every wait has its own, shorter deadline."""
