@@ -138,6 +138,7 @@ Acts = tuple[tuple[int, st.SearchStrategy[Act]], ...]
 
 USUAL: Acts = (
     (6, _act_of("write", VALUES)),
+    (3, _act("change_band")),
     (3, _act("read", PROPERTIES)),
     (1, _act("read_all")),
     (3, _act("together", st.lists(REQUESTS, min_size=2, max_size=6).map(tuple))),
@@ -175,7 +176,7 @@ USUAL: Acts = (
 
 HARM: Acts = (
     (1, _act("hostapd_dies")),
-    (2, _act("hostapd_fails_to_start", st.sampled_from((0.3, 0.1, 0.0)))),
+    (3, _act("hostapd_fails_to_start", st.sampled_from((0.3, 0.1, 0.0)))),
     (1, _act("attaching_is_refused")),
     (1, _act("wpa_supplicant_dies")),
     (2, _act_of("refuses", MEMBERS, TIMES)),

@@ -353,11 +353,14 @@ class Life:
             self.world.journal.add("radio", type=kind)
 
     def open_access_point(self) -> None:
-        """hostapd comes up (on the loop)."""
-        with contextlib.suppress(OSError):
-            written = read_hostapd_conf(self.world.hostapd_conf)
-            self.world.radio.ap_ssid = written.get(b"ssid", b"")
-            self.history.unprotected |= b"wpa_passphrase" not in written or written.get(b"wpa") != b"2"
+        """hostapd comes up (on the loop), unless there is no file that it could start on."""
+        written = read_hostapd_conf(self.world.hostapd_conf)
+        if not self.world.hostapd_conf.exists():
+            self.history.disturbed.add("hostapd without a file")
+            self._set_type("managed")
+            return
+        self.world.radio.ap_ssid = written.get(b"ssid", b"")
+        self.history.unprotected |= b"wpa_passphrase" not in written or written.get(b"wpa") != b"2"
         self._set_type("AP")
         self._attached_once = False
         self.world.hostapd._start()

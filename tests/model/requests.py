@@ -75,6 +75,10 @@ class Requests(Life):
         """Write a property; a Variant is sent as it is."""
         self._finish([("write", name, value)])
 
+    def change_band(self) -> None:
+        """Write the band that is not stored."""
+        self.write("WiFiFrequency", "2.4" if self.stored("network", "frequency") == "5" else "5")
+
     def connect(self, ssid: str, passphrase: str) -> None:
         """Join a network."""
         self._finish([("call", "Connect", [ssid, passphrase])])
