@@ -31,12 +31,11 @@ def followed(stage: Stage, seen: dict[str, Any]) -> dict[str, Any]:
     joins while nobody is attached to hostapd is announced together with the next one.
     """
     known = dict(stage.history.known)
-    for entry in stage.world.journal.since(stage.history.since):
+    entries = stage.world.journal.since(stage.history.since)
+    for entry in entries:
         if entry.kind == "radio":
             for name in OF_THE_INTERFACE:
                 known.pop(name, None)
-        elif entry.kind == "unheard":
-            known.pop("WiFiConnectedClients", None)
         elif entry.kind == "changed":
             if entry.name == "WiFiState" or (entry.name == "Mode" and entry.value != known.get("Mode")):
                 for name in OF_THE_MODE:
@@ -47,8 +46,8 @@ def followed(stage: Stage, seen: dict[str, Any]) -> dict[str, Any]:
             if entry.name == "WiFiState" and entry.value == 0:
                 known = {"WiFiState": 0}
     sure = {"WiFiState", *(("Mode",) if seen["WiFiState"] else ()), *HEARD[seen["Mode"]]}
-    if "hostapd" in stage.history.complaints:
-        sure.discard("WiFiConnectedClients")  # what it answered nonsense to was announced as nonsense
+    if "hostapd" in stage.history.complaints or any(entry.kind == "unheard" for entry in entries):
+        sure.discard("WiFiConnectedClients")  # nonsense was announced as nonsense, or one too few
     if stage.judges_addresses:
         sure.add("IPAddress")
     if seen["WiFiClientState"] not in ANNOUNCED_STATES:
