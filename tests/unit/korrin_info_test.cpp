@@ -101,13 +101,38 @@ TEST_F(Machine, TellsWhatItsConfigurationSays)
     EXPECT_EQ(radio_type(root(), without_5ghz), 3);
 }
 
-TEST_F(Machine, TakesAnEmptyConfiguredTextForWhatItIs)
+TEST_F(Machine, TakesAnEmptyConfiguredSerialNumberForWhatItIsAndAnEmptyModelForNone)
 {
     configure("model=\nserial=\n");
     files.write("proc/device-tree/model", "other");
     files.write("proc/device-tree/serial-number", "other");
-    EXPECT_EQ(display_name(root()), "");
+    EXPECT_EQ(display_name(root()), "other");
     EXPECT_EQ(serial_number(root()), "");
+}
+
+TEST_F(Machine, LeavesConfiguredTextsAsLongAsTheyAre)
+{
+    configure("model=Something With A Very Long Name\nserial=0123456789abcdef0\n");
+    EXPECT_EQ(display_name(root()), "Something With A Very Long Name");
+    EXPECT_EQ(serial_number(root()), "0123456789abcdef0");
+}
+
+TEST_F(Machine, ShortensWhatTheMachineSaysToWhatFitsIntoTheNameOfANetwork)
+{
+    files.write("proc/device-tree/model", "Some Board 4 Model B Rev 1.4");
+    files.write("proc/device-tree/serial-number", "10000000abcdef01");
+    EXPECT_EQ(display_name(root()), "Some Board 4 Model");
+    EXPECT_EQ(serial_number(root()), "0000abcdef01");
+
+    files.write("proc/device-tree/model", "Nineteen Bytes Long");
+    EXPECT_EQ(display_name(root()), "Nineteen Bytes Long");
+    files.write("proc/device-tree/model", "Nineteen Bytes Are Plenty");
+    EXPECT_EQ(display_name(root()), "Nineteen Bytes Are");
+    files.write("proc/device-tree/model", "Nineteen-Bytes-Are-Plenty");
+    EXPECT_EQ(display_name(root()), "Nineteen-Bytes-Are-");
+    // The nineteenth byte is the first of two.
+    files.write("proc/device-tree/model", "Eighteen-Bytes--18\u00FC-and-more");
+    EXPECT_EQ(display_name(root()), "Eighteen-Bytes--18");
 }
 
 TEST_F(Machine, AsksTheDeviceTreeForWhatIsNotConfigured)
@@ -133,7 +158,7 @@ TEST_F(Machine, DoesNotTakeTheTemplateTextOfFirmwareTablesForAName)
                                "None", "System Product Name", "System Serial Number", "Unknown", "0"}) {
         files.write("sys/class/dmi/id/product_name", std::string(filler) + "\n");
         files.write("sys/class/dmi/id/product_serial", std::string(filler) + "\n");
-        EXPECT_EQ(display_name(root()), "") << filler;
+        EXPECT_EQ(display_name(root()), "Vantora") << filler;
         EXPECT_EQ(serial_number(root()), "") << filler;
     }
     files.write("sys/class/dmi/id/product_name", "None Such\n");
@@ -168,9 +193,9 @@ TEST_F(Machine, DoesNotTakeAnUninitialisedMachineIdForAnId)
     EXPECT_EQ(serial_number(root()), "");
 }
 
-TEST_F(Machine, KnowsNothingWhenThereIsNothing)
+TEST_F(Machine, HasTheProductsNameAndNoNumberWhenThereIsNothing)
 {
-    EXPECT_EQ(display_name(root()), "");
+    EXPECT_EQ(display_name(root()), "Vantora");
     EXPECT_EQ(serial_number(root()), "");
     EXPECT_EQ(radio_type(root(), without_5ghz), 0);
 }

@@ -21,7 +21,8 @@ std::string display_name(const std::string& root)
 {
     const DeviceConf conf = device_conf(root);
     const auto model = conf.find("model");
-    return model != conf.end() ? model->second : machine_model(root);
+    // An empty one names nothing: the network would be called "-", and the serial number.
+    return model != conf.end() && !model->second.empty() ? model->second : machine_model(root);
 }
 
 std::string serial_number(const std::string& root)

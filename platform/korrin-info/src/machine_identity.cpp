@@ -67,6 +67,39 @@ std::string machine_id_digest(const std::string& path)
     return text.data();
 }
 
+/** As many whole words of a text as fit into a number of bytes; where the first does not, as many of its bytes. */
+std::string first_words(const std::string& text, std::size_t longest)
+{
+    if (text.size() <= longest) {
+        return text;
+    }
+    const auto lastBlank = text.rfind(' ', longest);
+    if (lastBlank != std::string::npos && lastBlank > 0) {
+        return std::string(trim(std::string_view(text).substr(0, lastBlank)));
+    }
+    constexpr unsigned kContinuationMask = 0xC0U;
+    constexpr unsigned kContinuation = 0x80U;
+    std::size_t end = longest;
+    // A character of several bytes is taken whole or left.
+    while (end > 0 && (static_cast<unsigned char>(text[end]) & kContinuationMask) == kContinuation) {
+        --end;
+    }
+    return text.substr(0, end);
+}
+
+/** The last bytes of a text: those in which one machine differs from the next. */
+std::string last_bytes(const std::string& text, std::size_t longest)
+{
+    return text.size() <= longest ? text : text.substr(text.size() - longest);
+}
+
+// Model, hyphen and serial number become the name of a network, which has 32 bytes at most.
+constexpr std::size_t kLongestModel = 19;
+constexpr std::size_t kLongestSerial = 12;
+
+/** What a machine that says nothing of its model is called. */
+constexpr const char* kUnknownModel = "Vantora";
+
 } // namespace
 
 std::string machine_model(const std::string& root)
@@ -75,7 +108,7 @@ std::string machine_model(const std::string& root)
     if (model.empty()) {
         model = read_dmi_field(root + "/sys/class/dmi/id/product_name");
     }
-    return model;
+    return model.empty() ? kUnknownModel : first_words(model, kLongestModel);
 }
 
 std::string machine_serial(const std::string& root)
@@ -87,7 +120,7 @@ std::string machine_serial(const std::string& root)
     if (serial.empty()) {
         serial = machine_id_digest(root + "/etc/machine-id");
     }
-    return serial;
+    return last_bytes(serial, kLongestSerial);
 }
 
 } // namespace KorrinInfo::detail
