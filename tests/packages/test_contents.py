@@ -10,11 +10,36 @@ import pytest
 from conftest import ROOT, Package
 from hardening import ASSERTION, Elf, programs_below
 
-NAMES = ("vantora-network", "vantora-network-sim", "vantora-network-tools", "vantora-settingsd", "vantora-supplicant-names")
+NAMES = (
+    "vantora-device",
+    "vantora-network",
+    "vantora-network-sim",
+    "vantora-network-tools",
+    "vantora-settingsd",
+    "vantora-supplicant-names",
+)
+WITH_PROGRAMS = tuple(name for name in NAMES if name != "vantora-device")
+"""Those that are made for one architecture."""
 
 DOCUMENTED = {f"/usr/share/doc/{name}/{file}" for name in NAMES for file in ("changelog.gz", "copyright")}
 
 FILES = {
+    "vantora-device": {
+        "/etc/hostapd.conf",
+        "/etc/korrin/udhcpd_eth0.conf",
+        "/etc/korrin/udhcpd_eth0.service",
+        "/etc/korrin/udhcpd_wlan0.conf",
+        "/etc/wpa_supplicant/wpa_supplicant-nl80211-wlan0.conf",
+        "/lib/systemd/system/udhcpc@.service",
+        "/lib/systemd/system/vantora-access-point-retry.service",
+        "/lib/systemd/system/vantora-device-passphrase.service",
+        "/usr/lib/NetworkManager/conf.d/vantora-device.conf",
+        "/usr/lib/systemd/network/00-vantora-device.network",
+        "/usr/lib/systemd/network/10-vantora-device.link",
+        "/usr/lib/systemd/system-generators/vantora-device-generator",
+        *(f"/usr/libexec/vantora-device/{path.name}" for path in (ROOT / "packaging/device/libexec").iterdir()),
+        *(f"/usr/share/vantora-device/units/{path.name}" for path in (ROOT / "packaging/device/units").iterdir()),
+    },
     "vantora-network": {
         "/lib/systemd/system/vantora-network.service",
         "/usr/sbin/vantora-network",
@@ -67,7 +92,9 @@ FILES = {
     },
 }
 
-RUN_BY_PEOPLE_AND_UNITS = re.compile(r"/usr/(bin|sbin|libexec/vantora-sim)/|/usr/share/python3/runtime\.d/")
+RUN_BY_PEOPLE_AND_UNITS = re.compile(
+    r"/usr/(bin|sbin|libexec/vantora-(sim|device)|lib/systemd/system-generators)/|/usr/share/python3/runtime\.d/"
+)
 
 LIBRARIES = {
     "libc.so.6": "libc6",
@@ -102,7 +129,8 @@ def readelf(option: str, path: Path) -> str:
 
 def test_there_is_one_package_for_each_purpose(packages: dict[str, Package], architecture: str) -> None:
     assert tuple(sorted(packages)) == NAMES
-    assert {package.field("Architecture") for package in packages.values()} == {architecture}
+    for name, package in packages.items():
+        assert package.field("Architecture") == (architecture if name in WITH_PROGRAMS else "all")
 
 
 def test_their_version_is_the_projects(packages: dict[str, Package]) -> None:
@@ -128,7 +156,7 @@ def test_everything_is_roots_and_nobody_else_may_write_it(packages: dict[str, Pa
         assert member.mode[1:] == ("rwxr-xr-x" if executable else "rw-r--r--"), path
 
 
-@pytest.mark.parametrize("name", NAMES)
+@pytest.mark.parametrize("name", WITH_PROGRAMS)
 def test_programs_are_stripped_and_hardened(unpacked: dict[str, Path], name: str, architecture: str) -> None:
     machine = {"amd64": "Advanced Micro Devices X86-64", "armhf": "ARM"}[architecture]
     found = programs(unpacked, name)
@@ -145,7 +173,7 @@ def test_the_daemons_are_built_with_the_standard_librarys_checks(unpacked: dict[
         assert ASSERTION in Elf(unpacked[name] / f"usr/sbin/{name}").imports()
 
 
-@pytest.mark.parametrize("name", NAMES)
+@pytest.mark.parametrize("name", WITH_PROGRAMS)
 def test_a_package_depends_on_the_libraries_of_its_programs(
     packages: dict[str, Package], unpacked: dict[str, Path], name: str
 ) -> None:
@@ -187,3 +215,24 @@ def test_an_upgrade_starts_the_daemon_anew_and_only_a_removal_stops_it(unpacked:
     assert re.search(r'if \[ -n "\$2" \]; then\s+_dh_action=restart\s+else\s+_dh_action=start\s', installed)
     assert f"deb-systemd-invoke $_dh_action '{name}.service'" in installed
     assert re.search(rf'"\$1" = remove \].*\n\s+deb-systemd-invoke stop \'{name}.service\'', removed)
+
+
+def test_what_a_person_edits_of_the_device_is_kept_over_an_upgrade(unpacked: dict[str, Path]) -> None:
+    kept = (unpacked["vantora-device"] / "DEBIAN/conffiles").read_text().split()
+    assert set(kept) == {path for path in FILES["vantora-device"] if path.startswith("/etc/")}
+
+
+def test_no_passphrase_comes_with_the_package(unpacked: dict[str, Path]) -> None:
+    for path in unpacked["vantora-device"].rglob("*"):
+        if path.is_file():
+            assert not re.search(rb"(?m)^\s*(wpa_passphrase|wpa_psk|sae_password|psk)=", path.read_bytes()), path
+    assert not (unpacked["vantora-device"] / "var").exists()
+
+
+@pytest.mark.parametrize("name", ["vantora-network", "vantora-device"])
+def test_on_a_running_system_wlan0_is_left_alone_until_the_next_boot(unpacked: dict[str, Path], name: str) -> None:
+    # Before the files are there: another package's installation may have systemd read them.
+    script = (unpacked[name] / "DEBIAN/preinst").read_text()
+    assert '"$1" = install ]' in script and ": >/run/vantora-network.wait-for-boot" in script
+    unit = (unpacked["vantora-network"] / "lib/systemd/system/vantora-network.service").read_text()
+    assert "\nConditionPathExists=!/run/vantora-network.wait-for-boot\n" in unit

@@ -85,7 +85,9 @@ def test_dpkg_installs_them_where_no_systemd_runs(results: Path) -> None:
     output(results, "install")
 
 
-@pytest.mark.parametrize("unit", ["vantora-network", "vantora-settingsd", "vantora-supplicant-names"])
+@pytest.mark.parametrize(
+    "unit", ["vantora-network", "vantora-settingsd", "vantora-supplicant-names", "vantora-device-passphrase"]
+)
 def test_units_are_enabled_by_the_installation(results: Path, unit: str) -> None:
     assert output(results, f"enabled-{unit}") == "enabled\n"
 
@@ -113,12 +115,30 @@ def test_the_user_of_the_older_name_is_made_and_goes_with_a_purge(results: Path)
     assert (results / "names-user-purged.status").read_text() != "0\n"
 
 
+def test_an_image_that_is_made_has_no_passphrase_and_waits_for_no_boot(results: Path) -> None:
+    for step in ("passphrase-made", "waits-for-boot"):
+        assert (results / f"{step}.status").read_text() == "1\n"
+
+
+def test_systemd_loads_the_units_beside_those_of_debians(results: Path) -> None:
+    output(results, "generator")
+    assert output(results, "verified") == ""
+
+
+def test_debians_own_wpa_supplicant_is_masked(results: Path) -> None:
+    assert (results / "masked.out").read_text() in ("masked\n", "masked-runtime\n")
+
+
 def test_they_can_be_installed_over_themselves(results: Path) -> None:
     output(results, "upgrade")
 
 
-def test_settings_outlive_a_removal(results: Path) -> None:
+def test_settings_and_passphrase_outlive_a_removal_and_the_wired_server_is_not_left_enabled(results: Path) -> None:
+    output(results, "passphrase")
+    output(results, "eth0-enabled")
     output(results, "remove")
+    assert "/var/lib/vantora-device/passphrase" in files(results, "removed")
+    assert not any("/etc/systemd/system/" in path and "udhcpd_eth0" in path for path in files(results, "removed"))
     assert "/var/lib/vantora-settingsd/settings.json" in files(results, "removed")
 
 
