@@ -401,5 +401,6 @@ def test_monitor_is_silent_while_the_daemon_hangs_and_goes_on_after(
         assert simctl("release", "vantora-network")[0] == 0
         client.wait_for('"name":"radio",.*"value":"off"')
         assert client.running
+    mark = world.journal.mark()
     simctl("set", "network.enabled", "true")
-    world.journal.wait_for(changed("WiFiState", 1))
+    world.journal.wait_for(changed("WiFiState", 1), mark)

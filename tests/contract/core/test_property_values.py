@@ -201,9 +201,17 @@ def test_access_points_that_cannot_be_fetched_are_an_empty_list(world: World) ->
 
 def test_an_interface_that_is_gone_reads_as_empty_texts(world: World) -> None:
     world.up()
+    world.wait_follows_addresses()
+    world.settle()  # each address event ends with the same line
+    mark = world.journal.mark()
     assert world.sandbox.run(["/usr/sbin/ip", "link", "del", "wlan0"]).status == 0
-    world.journal.wait_for(changed("IPAddress", ""))
-    world.journal.wait_for(log("info", "Successfully stopped and disabled udhcpd_eth0.service"))  # the last of that event
+    world.journal.expect_in_order(
+        [
+            changed("IPAddress", ""),
+            log("info", "Successfully stopped and disabled udhcpd_eth0.service"),  # the last of that event
+        ],
+        mark,
+    )
     assert read(world, "MacAddress") == Reading("s", "", [("warning", "[Main] Interface does not have MAC address")])
 
 

@@ -319,6 +319,7 @@ def test_a_value_of_an_unexpected_type_in_a_bss_ends_the_process(world: World) -
     bring_up_station(world)
     world.wpa.add_bss("cafe", extra={"Signal": Variant("i", -50)})
     assert world.daemon is not None
+    mark = world.journal.mark()
     world.wpa.report_bsss()
     assert world.daemon.wait() == -6
-    world.journal.wait_for(log("info", "[WPA Supplicant] Properties changed"))
+    world.journal.wait_for(log("info", "[WPA Supplicant] Properties changed"), mark)
