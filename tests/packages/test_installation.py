@@ -64,7 +64,7 @@ def results(packages: dict[str, Package], tmp_path_factory: pytest.TempPathFacto
         ],
         capture_output=True,
         text=True,
-        timeout=500,
+        timeout=1500,
     )
     assert made.returncode == 0, made.stderr
     return work
