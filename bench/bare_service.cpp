@@ -15,7 +15,7 @@ int get_initialised(sd_bus*, const char*, const char*, const char*, sd_bus_messa
 }
 
 // The macros below are made for a plain array. NOLINTNEXTLINE(modernize-avoid-c-arrays)
-const sd_bus_vtable vtable[] = {
+const sd_bus_vtable kVtable[] = {
     SD_BUS_VTABLE_START(0),
     SD_BUS_PROPERTY("WiFiAccessPointInitialised", "b", get_initialised, 0,
                     SD_BUS_VTABLE_PROPERTY_EMITS_CHANGE),
@@ -33,7 +33,7 @@ int main()
     }
     const EventPtr event(taken);
     if (sd_bus_attach_event(bus.get(), event.get(), SD_EVENT_PRIORITY_NORMAL) < 0 ||
-        sd_bus_add_object_vtable(bus.get(), nullptr, kObjectPath, kInterface, vtable, nullptr) < 0 ||
+        sd_bus_add_object_vtable(bus.get(), nullptr, kObjectPath, kInterface, kVtable, nullptr) < 0 ||
         sd_bus_request_name(bus.get(), kBareService, 0) < 0) {
         return EXIT_FAILURE;
     }

@@ -28,7 +28,7 @@ namespace {
 }
 
 /** For those who hold a binary in their hands: strings(1) finds it. The program itself takes no arguments. */
-[[gnu::used, gnu::retain]] const char* const versionText = "vantora-network " VANTORA_VERSION;
+[[gnu::used, gnu::retain]] const char* const kVersionText = "vantora-network " VANTORA_VERSION;
 
 void start_settings()
 {

@@ -14,7 +14,7 @@
 namespace {
 
 /** For those who hold a binary in their hands: strings(1) finds it. The program itself takes no arguments. */
-[[gnu::used, gnu::retain]] const char* const versionText = "vantora-supplicant-names " VANTORA_VERSION;
+[[gnu::used, gnu::retain]] const char* const kVersionText = "vantora-supplicant-names " VANTORA_VERSION;
 
 /** Ends the loop at SIGTERM and SIGINT. */
 int end_with_signals(sd_event* event)

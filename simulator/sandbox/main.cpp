@@ -40,15 +40,15 @@ void write_file(const std::string& path, const std::string& text)
     close(fd);
 }
 
-void make_namespaces(bool user_namespace)
+void make_namespaces(bool userNamespace)
 {
     const uid_t uid = geteuid();
     const gid_t gid = getegid();
-    const int user = user_namespace ? CLONE_NEWUSER : 0;
+    const int user = userNamespace ? CLONE_NEWUSER : 0;
     if (unshare(user | CLONE_NEWNS | CLONE_NEWNET | CLONE_NEWPID | CLONE_NEWIPC | CLONE_NEWUTS) < 0) {
         fail("unshare (are user namespaces allowed here?)");
     }
-    if (user_namespace) {
+    if (userNamespace) {
         write_file("/proc/self/setgroups", "deny");
         write_file("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1");
         write_file("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1");
@@ -60,8 +60,8 @@ void make_namespaces(bool user_namespace)
 [[noreturn]] void be_init(const Layout& layout, int ready)
 {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
-    constexpr std::string_view host = "korrin";
-    if (sethostname(host.data(), host.size()) < 0) {
+    constexpr std::string_view kHost = "korrin";
+    if (sethostname(kHost.data(), kHost.size()) < 0) {
         fail("sethostname");
     }
     make_mounts(layout);
@@ -115,7 +115,7 @@ int run(int argc, char** argv)
     if (pipe2(ready, O_CLOEXEC) < 0) {
         fail("pipe");
     }
-    make_namespaces(layout.user_namespace);
+    make_namespaces(layout.userNamespace);
     const pid_t init = fork();
     if (init < 0) {
         fail("fork");

@@ -74,10 +74,10 @@ void make_file(const std::string& path)
 /// Nothing of the host can be changed from within, whatever runs there as root.
 void make_host_read_only()
 {
-    mount_attr read_only{};
-    read_only.attr_set = MOUNT_ATTR_RDONLY;
-    if (mount_setattr(AT_FDCWD, "/", AT_RECURSIVE, &read_only, sizeof(read_only)) < 0 &&
-        mount_setattr(AT_FDCWD, "/", 0, &read_only, sizeof(read_only)) < 0) {
+    mount_attr readOnly{};
+    readOnly.attr_set = MOUNT_ATTR_RDONLY;
+    if (mount_setattr(AT_FDCWD, "/", AT_RECURSIVE, &readOnly, sizeof(readOnly)) < 0 &&
+        mount_setattr(AT_FDCWD, "/", 0, &readOnly, sizeof(readOnly)) < 0) {
         fail("make / read-only");
     }
 }
@@ -107,10 +107,10 @@ void make_devices(const std::vector<DetachedMount>& devices)
     }
 }
 
-void make_etc(bool user_namespace)
+void make_etc(bool userNamespace)
 {
     std::string options = "lowerdir=/etc,upperdir=/run/sim/etc/upper,workdir=/run/sim/etc/scratch";
-    if (user_namespace) {
+    if (userNamespace) {
         options += ",userxattr";
     }
     mount_new("overlay", "/etc", options);
@@ -137,7 +137,7 @@ void make_mounts(const Layout& layout)
     make_host_read_only();
     run.attach("/run");
     tmp.attach("/tmp");
-    make_etc(layout.user_namespace);
+    make_etc(layout.userNamespace);
     make_devices(devices);
     for (size_t i = 0; i < exposed.size(); ++i) {
         std::error_code ignored; // there already, unless it lies below one of the covered places

@@ -30,7 +30,7 @@ EventSourcePtr listenerRestart;
 int restart_wifi_host_listener_callback(sd_event_source*, void*)
 {
     syslog(LOG_INFO, "%s: Restarting...", "restart_wifi_host_listener_callback");
-    hostapd_listener()->FollowSuccessorOfTerminated();
+    hostapd_listener()->follow_successor_of_terminated();
     return 0;
 }
 

@@ -35,7 +35,7 @@ constexpr uint64_t kProperty = SD_BUS_VTABLE_PROPERTY_EMITS_CHANGE;
 constexpr uint64_t kMethod = SD_BUS_VTABLE_METHOD_NO_REPLY;
 
 // The macros below are made for a plain array. NOLINTNEXTLINE(modernize-avoid-c-arrays)
-const sd_bus_vtable vtable[] = {
+const sd_bus_vtable kVtable[] = {
     SD_BUS_VTABLE_START(0),
     SD_BUS_METHOD("Connect", "ss", SD_BUS_NO_RESULT, connect_dbus, kMethod),
     SD_BUS_METHOD("Scan", SD_BUS_NO_ARGS, SD_BUS_NO_RESULT, scan_dbus, kMethod),
@@ -64,7 +64,7 @@ constexpr int kRefused = -1;
 
 const sd_bus_vtable* network_interface_vtable()
 {
-    return vtable;
+    return kVtable;
 }
 
 int set_wifi_state_dbus(sd_bus*, const char*, const char*, const char*, sd_bus_message* value, void*,

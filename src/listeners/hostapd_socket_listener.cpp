@@ -13,7 +13,7 @@ constexpr const char* kSocketDirectory = "/var/run/hostapd";
  */
 constexpr size_t kMaxDisconnectedStations = 2007;
 
-const auto listener = std::make_shared<HostapdSocketListner>();
+const auto kListener = std::make_shared<HostapdSocketListner>();
 
 /** What follows the first blank of an event; the whole event when it has none. */
 std::string station_text(std::string_view event)
@@ -25,7 +25,7 @@ std::string station_text(std::string_view event)
 
 std::shared_ptr<HostapdSocketListner> hostapd_listener()
 {
-    return listener;
+    return kListener;
 }
 
 void HostapdSocketListner::SignalEvent(const char* message)
@@ -59,34 +59,34 @@ void HostapdSocketListner::SignalEvent(const char* message)
         apEnabled_ = false;
         ApEnabledSignal.emit(false);
     } else if (contains("CTRL-EVENT-T")) {
-        ExpectSuccessor();
+        expect_successor();
         TerminatingSignal.emit();
     }
 }
 
 void HostapdSocketListner::Start()
 {
-    StartListening(kSocketDirectory);
+    start_listening(kSocketDirectory);
 }
 
 void HostapdSocketListner::Reset()
 {
     Stop();
-    ForgetDisconnectedStations();
+    forget_disconnected_stations();
 }
 
-void HostapdSocketListner::FollowSuccessorOfTerminated()
+void HostapdSocketListner::follow_successor_of_terminated()
 {
-    if (FollowsSuccessor()) {
-        ForgetDisconnectedStations();
+    if (follows_successor()) {
+        forget_disconnected_stations();
         return;
     }
-    Retire();
+    retire();
     Reset();
     Start();
 }
 
-void HostapdSocketListner::ForgetDisconnectedStations()
+void HostapdSocketListner::forget_disconnected_stations()
 {
     const std::lock_guard lock(stationsMutex_);
     disconnectedStations_.clear();

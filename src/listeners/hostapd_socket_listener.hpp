@@ -32,7 +32,7 @@ public:
      * restarted meanwhile, only the disconnected stations are forgotten: connecting anew would lose what that
      * one says in between.
      */
-    void FollowSuccessorOfTerminated();
+    void follow_successor_of_terminated();
 
     /**
      * Opens a connection to hostapd's control socket in /var/run/hostapd, after waiting up to two seconds for
@@ -63,7 +63,7 @@ public:
     GuardedSignal<> TerminatingSignal;
 
 private:
-    void ForgetDisconnectedStations();
+    void forget_disconnected_stations();
 
     std::vector<std::string> disconnectedStations_;
     mutable std::mutex stationsMutex_; // the thread adds and removes, the main loop counts and forgets

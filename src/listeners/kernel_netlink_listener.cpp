@@ -17,13 +17,13 @@ using namespace std::chrono_literals;
 constexpr auto kNoDataWait = 2s;
 constexpr auto kDatagramWait = 1s;
 
-const auto listener = std::make_shared<KernelNetlinkListener>();
+const auto kListener = std::make_shared<KernelNetlinkListener>();
 
 } // namespace
 
 std::shared_ptr<KernelNetlinkListener> kernel_address_listener()
 {
-    return listener;
+    return kListener;
 }
 
 void KernelNetlinkListener::Start()
@@ -54,7 +54,7 @@ void KernelNetlinkListener::ListenTask(std::promise<void> opened)
         return;
     }
     while (!stop_.is_set()) {
-        ssize_t remaining = Receive();
+        ssize_t remaining = receive();
         if (remaining < 0) {
             continue;
         }
@@ -62,7 +62,7 @@ void KernelNetlinkListener::ListenTask(std::promise<void> opened)
         // reports its first message once for each length of it that fits, and an invalid one goes on being
         // reported until the listener is stopped.
         while (remaining >= static_cast<ssize_t>(sizeof(nlmsghdr)) && !stop_.is_set()) {
-            CheckMessage(reinterpret_cast<const nlmsghdr*>(buffer_.data()), remaining);
+            check_message(reinterpret_cast<const nlmsghdr*>(buffer_.data()), remaining);
         }
         stop_.wait_for(kDatagramWait);
     }
@@ -96,7 +96,7 @@ int KernelNetlinkListener::OpenSocket()
     return 1;
 }
 
-ssize_t KernelNetlinkListener::Receive()
+ssize_t KernelNetlinkListener::receive()
 {
     // What an earlier, longer datagram left must not be taken for attributes of this one.
     buffer_.fill('\0');
@@ -111,7 +111,7 @@ ssize_t KernelNetlinkListener::Receive()
     return -1;
 }
 
-int KernelNetlinkListener::CheckMessage(const nlmsghdr* message, ssize_t& remaining)
+int KernelNetlinkListener::check_message(const nlmsghdr* message, ssize_t& remaining)
 {
     const auto length = static_cast<ssize_t>(message->nlmsg_len);
     if (length < static_cast<ssize_t>(sizeof(nlmsghdr)) || length > remaining) {
@@ -119,13 +119,13 @@ int KernelNetlinkListener::CheckMessage(const nlmsghdr* message, ssize_t& remain
         return 0;
     }
     if (message->nlmsg_type == RTM_NEWADDR || message->nlmsg_type == RTM_DELADDR) {
-        HandleAddressMessage(message);
+        handle_address_message(message);
     }
     remaining -= static_cast<ssize_t>(NLMSG_ALIGN(message->nlmsg_len));
     return 1;
 }
 
-void KernelNetlinkListener::HandleAddressMessage(const nlmsghdr* message) const
+void KernelNetlinkListener::handle_address_message(const nlmsghdr* message) const
 {
     const auto event = netlink_read_address_message(message);
     if (!event) {

@@ -61,7 +61,7 @@ public:
      * @return 1 for a message whose length lies between that of its header and `remaining`; 0 for any other,
      *         which is logged and leaves `remaining` as it was
      */
-    int CheckMessage(const nlmsghdr* message, ssize_t& remaining);
+    int check_message(const nlmsghdr* message, ssize_t& remaining);
 
 private:
     /** Body of the thread; fulfils the promise once opening the socket has been tried. */
@@ -71,9 +71,9 @@ private:
     int OpenSocket();
 
     /** Returns the number of bytes received, or -1, after a wait of two seconds when there was nothing. */
-    ssize_t Receive();
+    ssize_t receive();
 
-    void HandleAddressMessage(const nlmsghdr* message) const;
+    void handle_address_message(const nlmsghdr* message) const;
 
     std::thread thread_;
     StopFlag stop_;

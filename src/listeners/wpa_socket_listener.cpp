@@ -32,24 +32,24 @@ constexpr auto kRestTime = 2s;
 
 } // namespace
 
-void WpaSocketListener::StartListening(const char* directory)
+void WpaSocketListener::start_listening(const char* directory)
 {
-    EndThread();
+    end_thread();
     path_ = control_socket_path(directory, kInterface);
     if (!connection_) {
         if (successorExpected_) {
-            AwaitReplacement();
+            await_replacement();
         }
         successorExpected_ = false;
         await_control_socket(path_);
-        Take(connect_control_socket(path_));
+        take(connect_control_socket(path_));
     }
     stop_.clear();
     listening_ = true;
     thread_ = utils_start_thread(&WpaSocketListener::ListenTask, this);
 }
 
-void WpaSocketListener::EndThread()
+void WpaSocketListener::end_thread()
 {
     stop_.set();
     if (thread_.joinable()) {
@@ -59,40 +59,40 @@ void WpaSocketListener::EndThread()
 
 void WpaSocketListener::Stop()
 {
-    EndThread();
+    end_thread();
     connection_.reset();
 }
 
 void WpaSocketListener::Restart()
 {
-    Retire();
+    retire();
     Start();
 }
 
-void WpaSocketListener::Retire()
+void WpaSocketListener::retire()
 {
-    ExpectSuccessor();
-    AwaitReplacement();
+    expect_successor();
+    await_replacement();
     restUntil_ = std::chrono::steady_clock::now() + kRestTime;
     Stop();
     restUntil_ = {};
     successorExpected_ = false; // has been waited for, whatever was said meanwhile
 }
 
-void WpaSocketListener::ExpectSuccessor()
+void WpaSocketListener::expect_successor()
 {
     const std::lock_guard lock(filesMutex_);
     leaving_ = connectedTo_;
     successorExpected_ = true;
 }
 
-bool WpaSocketListener::FollowsSuccessor() const
+bool WpaSocketListener::follows_successor() const
 {
     const std::lock_guard lock(filesMutex_);
     return listening_ && leaving_ && connectedTo_ && connectedTo_ != leaving_;
 }
 
-void WpaSocketListener::AwaitReplacement()
+void WpaSocketListener::await_replacement()
 {
     constexpr int kLooks = 100;
 
@@ -106,7 +106,7 @@ void WpaSocketListener::AwaitReplacement()
     }
 }
 
-void WpaSocketListener::Take(ControlSocket opened)
+void WpaSocketListener::take(ControlSocket opened)
 {
     connection_ = std::move(opened.connection);
     const std::lock_guard lock(filesMutex_);
@@ -115,13 +115,13 @@ void WpaSocketListener::Take(ControlSocket opened)
 
 void WpaSocketListener::ListenTask()
 {
-    Listen();
+    follow_events();
     listening_ = false;
 }
 
-void WpaSocketListener::Listen()
+void WpaSocketListener::follow_events()
 {
-    if (!Attach()) {
+    if (!attach()) {
         return;
     }
     fd_ = wpa_ctrl_get_fd(connection_.get());
@@ -130,24 +130,24 @@ void WpaSocketListener::Listen()
         return;
     }
     while (!stop_.is_set()) {
-        if (!WaitForEvent()) {
+        if (!wait_for_event()) {
             syslog(LOG_ERR, "%s: Failed to select hostapd fd", kListenTask);
             return;
         }
-        ReceivePending();
+        receive_pending();
     }
-    ReceiveRest();
+    receive_rest();
 }
 
-bool WpaSocketListener::Attach()
+bool WpaSocketListener::attach()
 {
-    bool attached = AskToAttach();
-    while (!stop_.is_set() && IsReplaced(attached)) {
+    bool attached = ask_to_attach();
+    while (!stop_.is_set() && is_replaced(attached)) {
         if (attached) {
-            ReceivePending();
+            receive_pending();
         }
-        ConnectToSuccessor();
-        attached = AskToAttach();
+        connect_to_successor();
+        attached = ask_to_attach();
     }
     if (attached) {
         return true;
@@ -163,7 +163,7 @@ bool WpaSocketListener::Attach()
     return false;
 }
 
-bool WpaSocketListener::AskToAttach()
+bool WpaSocketListener::ask_to_attach()
 {
     if (!connection_) {
         return false;
@@ -172,21 +172,21 @@ bool WpaSocketListener::AskToAttach()
     size_t length = reply.size();
     const int32_t result =
         control_request(connection_.get(), "ATTACH", reply.data(), length,
-                        {.onEvent = [this](const char* event) { HandOver(event); },
+                        {.onEvent = [this](const char* event) { hand_over(event); },
                          // One that has another in its place already will not answer any more.
-                         .givesUp = [this] { return stop_.is_set() || IsReplaced(true); },
+                         .givesUp = [this] { return stop_.is_set() || is_replaced(true); },
                          .wakeUp = stop_.fd()});
     return result == 0 && std::string_view(reply.data(), length) == "OK\n";
 }
 
-bool WpaSocketListener::IsReplaced(bool attached) const
+bool WpaSocketListener::is_replaced(bool attached) const
 {
     const std::optional<SocketFile> present = socket_file(path_);
     const std::lock_guard lock(filesMutex_);
     return present != connectedTo_ && (present || !attached);
 }
 
-void WpaSocketListener::ConnectToSuccessor()
+void WpaSocketListener::connect_to_successor()
 {
     constexpr int kLooks = 200;
 
@@ -196,10 +196,10 @@ void WpaSocketListener::ConnectToSuccessor()
             return;
         }
     }
-    Take(connect_control_socket(path_));
+    take(connect_control_socket(path_));
 }
 
-bool WpaSocketListener::WaitForEvent() const
+bool WpaSocketListener::wait_for_event() const
 {
     // A set holds descriptors below FD_SETSIZE only; beyond it select would write outside of the set.
     if (fd_ >= FD_SETSIZE || stop_.fd() >= FD_SETSIZE) {
@@ -216,7 +216,7 @@ bool WpaSocketListener::WaitForEvent() const
     return select(highest + 1, &readable, nullptr, nullptr, &timeout) >= 0 || errno == EINTR;
 }
 
-void WpaSocketListener::ReceivePending()
+void WpaSocketListener::receive_pending()
 {
     // Set once per wake-up: the library lowers it to the size of each message, so a later message of the same
     // wake-up is cut to the size of the one before it.
@@ -224,28 +224,28 @@ void WpaSocketListener::ReceivePending()
 
     // An error, a negative result, counts as pending; a broken descriptor must not keep Stop waiting.
     while (wpa_ctrl_pending(connection_.get()) != 0 && !stop_.is_set()) {
-        ReceiveOne(length);
+        receive_one(length);
     }
 }
 
-void WpaSocketListener::ReceiveRest()
+void WpaSocketListener::receive_rest()
 {
     size_t length = kEventSize - 1;
     while (std::chrono::steady_clock::now() < restUntil_ && wpa_ctrl_pending(connection_.get()) > 0) {
-        ReceiveOne(length);
+        receive_one(length);
     }
 }
 
-void WpaSocketListener::ReceiveOne(size_t& length)
+void WpaSocketListener::receive_one(size_t& length)
 {
     std::array<char, kEventSize> buffer{};
 
     if (wpa_ctrl_recv(connection_.get(), buffer.data(), &length) == 0) {
-        HandOver(buffer.data());
+        hand_over(buffer.data());
     }
 }
 
-void WpaSocketListener::HandOver(const char* event)
+void WpaSocketListener::hand_over(const char* event)
 {
     syslog(LOG_INFO, "%s: Recv %s", kListenTask, event);
     SignalEvent(event);

@@ -71,57 +71,57 @@ protected:
      * away before the next connection is made: a job of the service manager is answered before it is carried
      * out, and the old daemon would take the new connection with it. From any thread.
      */
-    void ExpectSuccessor();
+    void expect_successor();
 
     /** Whether the listener is at work on another socket than that of the daemon that was said to end last.
      */
-    bool FollowsSuccessor() const;
+    bool follows_successor() const;
 
     /** The first half of Restart: everything but starting anew. */
-    void Retire();
+    void retire();
 
     /** What both daemons' Start do, given the directory of their sockets. */
-    void StartListening(const char* directory);
+    void start_listening(const char* directory);
 
 private:
-    void Listen();
+    void follow_events();
 
     /** Attaches to whichever daemon is there, and logs when that is not possible. Returns true once attached.
      */
-    bool Attach();
+    bool attach();
 
     /** Asks over the present connection. */
-    bool AskToAttach();
+    bool ask_to_attach();
 
     /** Whether the socket is not the one of the present connection any more: always where another one is in
      * its place, and where it is just gone unless the connection is attached. */
-    bool IsReplaced(bool attached) const;
+    bool is_replaced(bool attached) const;
 
     /** Connects to the socket that is there, or comes within two seconds. */
-    void ConnectToSuccessor();
+    void connect_to_successor();
 
     /** Stores a new connection. */
-    void Take(ControlSocket opened);
+    void take(ControlSocket opened);
 
     /** Waits up to a second until the socket of a daemon that ends is gone or replaced; for the main thread.
      */
-    void AwaitReplacement();
+    void await_replacement();
 
-    void EndThread();
+    void end_thread();
 
     /** Waits up to a second for an event. Returns false when waiting failed for good. */
-    bool WaitForEvent() const;
+    bool wait_for_event() const;
 
     /** Hands over all events that have arrived. */
-    void ReceivePending();
+    void receive_pending();
 
     /** Hands over what arrived before the thread was asked to end, as long as that is wanted. */
-    void ReceiveRest();
+    void receive_rest();
 
     /** Receives one message and hands it over. Lowers the length to that of the message. */
-    void ReceiveOne(size_t& length);
+    void receive_one(size_t& length);
 
-    void HandOver(const char* event);
+    void hand_over(const char* event);
 
     std::thread thread_;
     WpaCtrlPtr connection_; ///< of the thread while it runs

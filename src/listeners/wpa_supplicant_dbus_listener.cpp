@@ -64,7 +64,7 @@ int WpaSupplicantDbusListener::PropertyChangedCallback(sd_bus_message* message, 
 
     syslog(LOG_INFO, "[WPA Supplicant] Properties changed");
 
-    const bool sameReporter = self->TakeReporter(sd_bus_message_get_sender(message));
+    const bool sameReporter = self->take_reporter(sd_bus_message_get_sender(message));
     const std::string oldState = self->currentState_;
     std::string newState;
     std::string ssid;
@@ -76,7 +76,7 @@ int WpaSupplicantDbusListener::PropertyChangedCallback(sd_bus_message* message, 
     for (const auto& [name, value] : properties) {
         if (name == "State") {
             newState = std::any_cast<const std::string&>(value);
-            self->HandleStateProperty(newState, oldState, sameReporter);
+            self->handle_state_property(newState, oldState, sameReporter);
         } else if (name == "CurrentBSS") {
             const auto& path = std::any_cast<const std::string&>(value);
             ssid = GetBssSsid(path);
@@ -92,13 +92,13 @@ int WpaSupplicantDbusListener::PropertyChangedCallback(sd_bus_message* message, 
     return 0;
 }
 
-bool WpaSupplicantDbusListener::TakeReporter(const char* sender)
+bool WpaSupplicantDbusListener::take_reporter(const char* sender)
 {
     const std::string before = std::exchange(reporter_, sender != nullptr ? sender : "");
     return before == reporter_;
 }
 
-void WpaSupplicantDbusListener::HandleStateProperty(std::string& newState, const std::string& oldState,
+void WpaSupplicantDbusListener::handle_state_property(std::string& newState, const std::string& oldState,
                                                     bool sameReporter)
 {
     constexpr const char* kFunction = "PropertyChangedCallback";

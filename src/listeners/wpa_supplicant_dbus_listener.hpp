@@ -74,9 +74,9 @@ public:
 private:
     /** Notes who reports. Returns false when it is another process than the last time, which knows nothing of
      * an attempt that the last one was in the middle of. */
-    bool TakeReporter(const char* sender);
+    bool take_reporter(const char* sender);
 
-    void HandleStateProperty(std::string& newState, const std::string& oldState, bool sameReporter);
+    void handle_state_property(std::string& newState, const std::string& oldState, bool sameReporter);
 
     std::string currentState_;
     std::string reporter_; // the bus name that the process alone has, which reported last

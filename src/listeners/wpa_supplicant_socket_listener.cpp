@@ -15,7 +15,7 @@ void WpaSupplicantSocketListner::SignalEvent(const char*)
 
 void WpaSupplicantSocketListner::Start()
 {
-    StartListening(kSocketDirectory);
+    start_listening(kSocketDirectory);
 }
 
 WpaCtrlPtr WpaSupplicantSocketListner::ConnectSocket(const std::string& interface)

@@ -89,8 +89,8 @@ std::optional<std::string> unescaped(std::string_view text)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    static const bool localeSet = std::setlocale(LC_ALL, "C.UTF-8") != nullptr;
-    fuzz::require(localeSet, "there is a locale with UTF-8");
+    static const bool kLocaleSet = std::setlocale(LC_ALL, "C.UTF-8") != nullptr;
+    fuzz::require(kLocaleSet, "there is a locale with UTF-8");
 
     const std::string bytes(reinterpret_cast<const char*>(data), size);
     const std::string text = client::escaped(bytes);

@@ -29,8 +29,8 @@ std::string cut_at_line_break(const std::string& value)
 
 const testing_support::TempFolder& folder()
 {
-    static const testing_support::TempFolder made;
-    return made;
+    static const testing_support::TempFolder kMade;
+    return kMade;
 }
 
 HostapdConfig read_conf(const std::string& name)

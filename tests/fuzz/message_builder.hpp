@@ -21,7 +21,7 @@ namespace fuzz {
 /** A connection on which messages can be made. Nobody is at its other end, and nothing is ever sent. */
 inline sd_bus* silent_bus()
 {
-    static sd_bus* const bus = [] {
+    static sd_bus* const kBus = [] {
         static std::array<int, 2> ends{};
         sd_bus* made = nullptr;
         require(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) == 0, "a socket pair");
@@ -29,7 +29,7 @@ inline sd_bus* silent_bus()
         require(sd_bus_start(made) >= 0, "a started connection");
         return made;
     }();
-    return bus;
+    return kBus;
 }
 
 /** A signal that is still to be filled. Where D-Bus does not allow the path, it comes from "/". */

@@ -97,7 +97,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     size_t rounds = 0;
     while (remaining >= static_cast<ssize_t>(sizeof(nlmsghdr))) {
         const ssize_t before = remaining;
-        if (listener.CheckMessage(message, remaining) == 0) {
+        if (listener.check_message(message, remaining) == 0) {
             fuzz::require(remaining == before, "an invalid message is left where it is");
             break;
         }

@@ -46,7 +46,7 @@ void note_section(const PropertyMap&)
 /** One for the life of the process, as in the daemon; it is never connected. */
 SettingsDaemonDbusHandler& handler()
 {
-    static SettingsDaemonDbusHandler* const made = [] {
+    static SettingsDaemonDbusHandler* const kMade = [] {
         sd_event* event = nullptr;
         fuzz::require(sd_event_default(&event) >= 0, "an event loop");
         auto* settings = new SettingsDaemonDbusHandler(event);
@@ -57,7 +57,7 @@ SettingsDaemonDbusHandler& handler()
         }
         return settings;
     }();
-    return *made;
+    return *kMade;
 }
 
 size_t actions_due(const PropertyMap& settings)

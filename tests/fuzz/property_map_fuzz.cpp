@@ -20,7 +20,7 @@ constexpr int kMarker = 4711;
 /** What a value of a listed type is held as. */
 const std::map<std::string, std::type_index>& documented_types()
 {
-    static const std::map<std::string, std::type_index> types = {
+    static const std::map<std::string, std::type_index> kTypes = {
         {"y", typeid(uint8_t)},
         {"b", typeid(bool)},
         {"n", typeid(int16_t)},
@@ -47,7 +47,7 @@ const std::map<std::string, std::type_index>& documented_types()
         {"ag", typeid(std::vector<std::string>)},
         {"a{sv}", typeid(PropertyMap)},
     };
-    return types;
+    return kTypes;
 }
 
 bool is_documented(const std::any& value)

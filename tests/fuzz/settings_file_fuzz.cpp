@@ -17,7 +17,7 @@ using namespace settingsd;
 /** The shape of the product's own table, which would ask the machine for its name. */
 Schema schema()
 {
-    static const std::array settings = {
+    static const std::array kSettings = {
         Setting{"development", "killWifiOnBoot", false},
         Setting{"device", "deviceName", "Korrin One-3456", Belongs::ToOwner},
         Setting{"display", "brightness", 80},
@@ -25,7 +25,7 @@ Schema schema()
         Setting{"network", "mode", "Host"},
         Setting{"network", "frequency", "2.4"},
     };
-    return settings;
+    return kSettings;
 }
 
 Value other_value(const Value& value)
@@ -92,16 +92,16 @@ void check_store(const testing_support::TempFolder& folder, const std::string& o
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    static const testing_support::TempFolder folder;
+    static const testing_support::TempFolder kFolder;
 
     const std::string text(reinterpret_cast<const char*>(data), size);
     const Document document = parse_document(text, schema());
     check_document(document);
 
-    for (const auto& entry : std::filesystem::directory_iterator(folder.path())) {
+    for (const auto& entry : std::filesystem::directory_iterator(kFolder.path())) {
         std::filesystem::remove(entry.path());
     }
-    folder.write("settings.json", text);
-    check_store(folder, text, document.damaged);
+    kFolder.write("settings.json", text);
+    check_store(kFolder, text, document.damaged);
     return 0;
 }

@@ -50,12 +50,12 @@ struct Station
 /** Whether wpa_supplicant itself could have sent this. Of a variant in the variant only its inside counts. */
 bool is_usual(const fuzz::ExpectedTypes& types)
 {
-    const auto is_or_absent = [&types](const char* name, auto... usual) {
+    const auto isOrAbsent = [&types](const char* name, auto... usual) {
         const auto found = types.find(name);
         return found == types.end() || ((found->second == usual) || ...);
     };
-    return is_or_absent("State", "s", "o", "g") && is_or_absent("CurrentBSS", "s", "o", "g") &&
-           is_or_absent("BSSs", "ao", "as", "ag");
+    return isOrAbsent("State", "s", "o", "g") && isOrAbsent("CurrentBSS", "s", "o", "g") &&
+           isOrAbsent("BSSs", "ao", "as", "ag");
 }
 
 bool is_nested(const fuzz::ExpectedTypes& types)

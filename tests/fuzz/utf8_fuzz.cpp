@@ -20,7 +20,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         fuzz::require(text == bytes, "a text that sd-bus takes comes back unchanged");
     }
     // Every ASCII character survives, in order.
-    const auto ascii_of = [](std::string_view from) {
+    const auto asciiOf = [](std::string_view from) {
         std::string kept;
         for (const char character : from) {
             if (character > 0) {
@@ -29,6 +29,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         }
         return kept;
     };
-    fuzz::require(ascii_of(text) == ascii_of(bytes), "ASCII characters are kept");
+    fuzz::require(asciiOf(text) == asciiOf(bytes), "ASCII characters are kept");
     return 0;
 }

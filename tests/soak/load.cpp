@@ -30,7 +30,7 @@ std::string describe(sd_bus_message* reply)
 bool documented(const Request& request, const std::string& answer)
 {
     if (answer == "ok") {
-        return request.may_succeed;
+        return request.maySucceed;
     }
     return std::find(request.refusals.begin(), request.refusals.end(), answer) != request.refusals.end();
 }

@@ -152,8 +152,8 @@ std::vector<Request> put_together()
 
 const std::vector<Request>& all_requests()
 {
-    static const std::vector<Request> requests = put_together();
-    return requests;
+    static const std::vector<Request> kRequests = put_together();
+    return kRequests;
 }
 
 size_t RequestDeck::draw()

@@ -26,7 +26,7 @@ struct Request
     std::vector<std::string> refusals;
 
     /** Whether it may succeed. */
-    bool may_succeed = true;
+    bool maySucceed = true;
 };
 
 /** All kinds. Their shares add up to a thousand. */

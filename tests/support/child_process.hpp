@@ -44,10 +44,10 @@ public:
     ~ChildProcess() { kill_and_wait(); }
 
     /** Sends a signal. Nothing happens once the program has been waited for. */
-    void send(int signal_number) const
+    void send(int signalNumber) const
     {
         if (pid_ > 0) {
-            ::kill(pid_, signal_number);
+            ::kill(pid_, signalNumber);
         }
     }
 

@@ -76,8 +76,8 @@ public:
 
     int wait(int epoll, epoll_event* events, int room, int timeoutMsec)
     {
-        static auto* const realWait = real("epoll_wait", &::epoll_wait);
-        const int ready = realWait(epoll, events, room, 0);
+        static auto* const kRealWait = real("epoll_wait", &::epoll_wait);
+        const int ready = kRealWait(epoll, events, room, 0);
         if (ready != 0 || timeoutMsec == 0) {
             return ready;
         }
@@ -94,7 +94,7 @@ public:
         set_real_timer(next->first, 1);
         timers_.erase(next);
         ++wakeUps_;
-        return realWait(epoll, events, room, -1);
+        return kRealWait(epoll, events, room, -1);
     }
 
 private:
@@ -103,10 +103,10 @@ private:
     /** Sets the kernel's timer to a time long past, so that it goes off at once; 0 disarms it. */
     static int set_real_timer(int fd, long nsec)
     {
-        static auto* const realSet = real("timerfd_settime", &::timerfd_settime);
+        static auto* const kRealSet = real("timerfd_settime", &::timerfd_settime);
         itimerspec setting{};
         setting.it_value.tv_nsec = nsec;
-        return realSet(fd, TFD_TIMER_ABSTIME, &setting, nullptr);
+        return kRealSet(fd, TFD_TIMER_ABSTIME, &setting, nullptr);
     }
 
     uint64_t now_ = 1000 * kNsecPerSec;
@@ -123,9 +123,9 @@ extern "C" {
 int clock_gettime(clockid_t clock, timespec* time) noexcept
 {
     using testing_support::DrivenClock;
-    static auto* const realGet = DrivenClock::real("clock_gettime", &::clock_gettime);
+    static auto* const kRealGet = DrivenClock::real("clock_gettime", &::clock_gettime);
     if (DrivenClock::current() == nullptr || (clock != CLOCK_MONOTONIC && clock != CLOCK_BOOTTIME)) {
-        return realGet(clock, time);
+        return kRealGet(clock, time);
     }
     *time = DrivenClock::current()->now();
     return 0;
@@ -134,18 +134,18 @@ int clock_gettime(clockid_t clock, timespec* time) noexcept
 int timerfd_settime(int fd, int flags, const itimerspec* setting, itimerspec* old) noexcept
 {
     using testing_support::DrivenClock;
-    static auto* const realSet = DrivenClock::real("timerfd_settime", &::timerfd_settime);
+    static auto* const kRealSet = DrivenClock::real("timerfd_settime", &::timerfd_settime);
     DrivenClock* const driven = DrivenClock::current();
-    return driven != nullptr ? driven->set_timer(fd, flags, *setting) : realSet(fd, flags, setting, old);
+    return driven != nullptr ? driven->set_timer(fd, flags, *setting) : kRealSet(fd, flags, setting, old);
 }
 
 int epoll_wait(int epoll, epoll_event* events, int room, int timeoutMsec)
 {
     using testing_support::DrivenClock;
-    static auto* const realWait = DrivenClock::real("epoll_wait", &::epoll_wait);
+    static auto* const kRealWait = DrivenClock::real("epoll_wait", &::epoll_wait);
     DrivenClock* const driven = DrivenClock::current();
     return driven != nullptr ? driven->wait(epoll, events, room, timeoutMsec)
-                             : realWait(epoll, events, room, timeoutMsec);
+                             : kRealWait(epoll, events, room, timeoutMsec);
 }
 
 } // extern "C"

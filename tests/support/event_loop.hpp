@@ -10,7 +10,7 @@
 namespace testing_support {
 
 /** How long a test waits for what must come: far longer than it takes, on the slowest machine. */
-inline constexpr std::chrono::seconds patience(30);
+inline constexpr std::chrono::seconds kPatience(30);
 
 /** An sd-event loop that a test runs until what it waits for is there. */
 class EventLoop
@@ -29,7 +29,7 @@ public:
     template <typename Done>
     bool run_until(Done done) const
     {
-        const auto deadline = std::chrono::steady_clock::now() + patience;
+        const auto deadline = std::chrono::steady_clock::now() + kPatience;
         while (!done()) {
             if (std::chrono::steady_clock::now() > deadline) {
                 return false;

@@ -81,11 +81,11 @@ private:
 
     void serve()
     {
-        constexpr std::uint64_t lookAgainUsec = 20'000;
+        constexpr std::uint64_t kLookAgainUsec = 20'000;
         while (!stop_) {
             send_signals();
             if (sd_bus_process(bus_.get(), nullptr) == 0) {
-                sd_bus_wait(bus_.get(), lookAgainUsec);
+                sd_bus_wait(bus_.get(), kLookAgainUsec);
             } else if (sd_bus_is_open(bus_.get()) <= 0) {
                 return; // the bus has been taken away
             }

@@ -58,12 +58,12 @@ protected:
     ClientScreen()
     {
         std::setlocale(LC_CTYPE, "C.UTF-8");
-        model_.update(station(street()));
+        model.update(station(street()));
     }
     ~ClientScreen() override { std::setlocale(LC_CTYPE, "C"); }
 
-    ScreenAction press(Kind kind) { return model_.press({kind}); }
-    ScreenAction press(const std::string& text) { return model_.press(letter(text)); }
+    ScreenAction press(Kind kind) { return model.press({kind}); }
+    ScreenAction press(const std::string& text) { return model.press(letter(text)); }
     void type(const std::string& text)
     {
         for (const char byte : text) {
@@ -73,7 +73,7 @@ protected:
     std::string shown(std::size_t rows = 24, std::size_t columns = 80, bool unicode = true) const
     {
         std::string text;
-        for (const auto& line : draw_screen(model_, rows, columns, unicode)) {
+        for (const auto& line : draw_screen(model, rows, columns, unicode)) {
             for (const auto& span : line) {
                 text += span.text;
             }
@@ -82,42 +82,42 @@ protected:
         return text;
     }
 
-    ScreenModel model_;
+    ScreenModel model;
 };
 
 TEST_F(ClientScreen, ArrowsWalkThroughTheNetworksAndStopAtTheEnds)
 {
-    EXPECT_EQ(model_.chosen(), 0U);
+    EXPECT_EQ(model.chosen(), 0U);
     press(Kind::Up);
-    EXPECT_EQ(model_.chosen(), 0U);
+    EXPECT_EQ(model.chosen(), 0U);
     press(Kind::Down);
     press("j");
-    EXPECT_EQ(model_.chosen(), 2U);
+    EXPECT_EQ(model.chosen(), 2U);
     press(Kind::Down);
-    EXPECT_EQ(model_.chosen(), 2U);
+    EXPECT_EQ(model.chosen(), 2U);
     press("k");
-    EXPECT_EQ(model_.chosen(), 1U);
+    EXPECT_EQ(model.chosen(), 1U);
     press(Kind::End);
-    EXPECT_EQ(model_.chosen(), 2U);
+    EXPECT_EQ(model.chosen(), 2U);
     press(Kind::Home);
-    EXPECT_EQ(model_.chosen(), 0U);
+    EXPECT_EQ(model.chosen(), 0U);
     press(Kind::PageDown);
-    EXPECT_EQ(model_.chosen(), 2U);
+    EXPECT_EQ(model.chosen(), 2U);
     press(Kind::PageUp);
-    EXPECT_EQ(model_.chosen(), 0U);
+    EXPECT_EQ(model.chosen(), 0U);
 }
 
 TEST_F(ClientScreen, TheNetworkChosenStaysChosenWhereverItIs)
 {
     press(Kind::Down);
-    model_.update(
+    model.update(
         station(Json::array({network_value("new", true, -40, true), network_value("home", true, -48, true),
                              network_value("free", false, -60, false)})));
-    EXPECT_EQ(model_.chosen(), 2U);
-    model_.update(station(Json::array({network_value("home", true, -48, true)})));
-    EXPECT_EQ(model_.chosen(), 0U) << "it is gone";
-    model_.update(station(Json::array()));
-    EXPECT_EQ(model_.chosen(), 0U);
+    EXPECT_EQ(model.chosen(), 2U);
+    model.update(station(Json::array({network_value("home", true, -48, true)})));
+    EXPECT_EQ(model.chosen(), 0U) << "it is gone";
+    model.update(station(Json::array()));
+    EXPECT_EQ(model.chosen(), 0U);
     EXPECT_EQ(press(Kind::Enter).kind, Action::None);
     EXPECT_EQ(press(Kind::Down).kind, Action::None);
 }
@@ -129,26 +129,26 @@ TEST_F(ClientScreen, AnOpenNetworkIsJoinedAtOnce)
     EXPECT_EQ(action.kind, Action::Connect);
     EXPECT_EQ(action.ssid, "free");
     EXPECT_EQ(action.passphrase, "");
-    EXPECT_EQ(model_.page(), Page::Networks);
+    EXPECT_EQ(model.page(), Page::Networks);
 }
 
 TEST_F(ClientScreen, APassphraseIsAskedForAndShownToNobody)
 {
     EXPECT_EQ(press(Kind::Enter).kind, Action::None);
-    EXPECT_EQ(model_.page(), Page::Passphrase);
+    EXPECT_EQ(model.page(), Page::Passphrase);
     type("quiet harbour q");
     press("ö");
     press("x");
     press(Kind::Backspace);
-    EXPECT_EQ(model_.typed(), 16U);
+    EXPECT_EQ(model.typed(), 16U);
     EXPECT_EQ(shown().find("quiet"), std::string::npos);
     EXPECT_NE(shown().find("Passphrase for \"home\": ****************\n"), std::string::npos);
     const ScreenAction action = press(Kind::Enter);
     EXPECT_EQ(action.kind, Action::Connect);
     EXPECT_EQ(action.ssid, "home");
     EXPECT_EQ(action.passphrase, "quiet harbour qö");
-    EXPECT_EQ(model_.page(), Page::Networks);
-    EXPECT_EQ(model_.typed(), 0U);
+    EXPECT_EQ(model.page(), Page::Networks);
+    EXPECT_EQ(model.typed(), 0U);
 }
 
 TEST_F(ClientScreen, ACharacterIsTakenBackWhole)
@@ -156,7 +156,7 @@ TEST_F(ClientScreen, ACharacterIsTakenBackWhole)
     press(Kind::Enter);
     press("é");
     press(Kind::Backspace);
-    EXPECT_EQ(model_.typed(), 0U);
+    EXPECT_EQ(model.typed(), 0U);
     press(Kind::Backspace);
     type("12345678");
     EXPECT_EQ(press(Kind::Enter).passphrase, "12345678");
@@ -167,10 +167,10 @@ TEST_F(ClientScreen, WhatCannotBeAPassphraseIsTold)
     press(Kind::Enter);
     type("short");
     EXPECT_EQ(press(Kind::Enter).kind, Action::None);
-    EXPECT_EQ(model_.page(), Page::Passphrase);
-    EXPECT_EQ(model_.message(), "a passphrase has 8 to 63 characters, this one has 5");
-    EXPECT_TRUE(model_.is_bad());
-    EXPECT_EQ(model_.typed(), 0U);
+    EXPECT_EQ(model.page(), Page::Passphrase);
+    EXPECT_EQ(model.message(), "a passphrase has 8 to 63 characters, this one has 5");
+    EXPECT_TRUE(model.is_bad());
+    EXPECT_EQ(model.typed(), 0U);
 }
 
 TEST_F(ClientScreen, EscapeLeadsBackFromThePassphrase)
@@ -178,9 +178,9 @@ TEST_F(ClientScreen, EscapeLeadsBackFromThePassphrase)
     press(Kind::Enter);
     type("12345678");
     press(Kind::Escape);
-    EXPECT_EQ(model_.page(), Page::Networks);
+    EXPECT_EQ(model.page(), Page::Networks);
     press(Kind::Enter);
-    EXPECT_EQ(model_.typed(), 0U) << "what was typed before is forgotten";
+    EXPECT_EQ(model.typed(), 0U) << "what was typed before is forgotten";
 }
 
 TEST_F(ClientScreen, LettersAreTypedIntoThePassphraseAndDoNothingElse)
@@ -189,15 +189,15 @@ TEST_F(ClientScreen, LettersAreTypedIntoThePassphraseAndDoNothingElse)
     for (const char* key : {"q", "d", "m", "r", "?", "o"}) {
         EXPECT_EQ(press(key).kind, Action::None) << key;
     }
-    EXPECT_EQ(model_.typed(), 6U);
+    EXPECT_EQ(model.typed(), 6U);
 }
 
 TEST_F(ClientScreen, WhatCannotBeJoinedIsToldAtOnce)
 {
     press(Kind::End);
     EXPECT_EQ(press(Kind::Enter).kind, Action::None);
-    EXPECT_EQ(model_.message(), "\"office\" is encrypted in a way that this device cannot join.");
-    EXPECT_TRUE(model_.is_bad());
+    EXPECT_EQ(model.message(), "\"office\" is encrypted in a way that this device cannot join.");
+    EXPECT_TRUE(model.is_bad());
 }
 
 TEST_F(ClientScreen, LettersDoWhatTheHelpSays)
@@ -207,17 +207,17 @@ TEST_F(ClientScreen, LettersDoWhatTheHelpSays)
     EXPECT_EQ(press("ö").kind, Action::None);
     const ScreenAction scan = press("r");
     EXPECT_EQ(scan.kind, Action::Scan);
-    EXPECT_EQ(model_.message(), "Looking for networks...");
-    model_.answered(scan, std::nullopt);
-    EXPECT_EQ(model_.message(), "Asked for a scan; what it finds appears above.");
+    EXPECT_EQ(model.message(), "Looking for networks...");
+    model.answered(scan, std::nullopt);
+    EXPECT_EQ(model.message(), "Asked for a scan; what it finds appears above.");
     const ScreenAction leave = press("d");
     EXPECT_EQ(leave.kind, Action::Disconnect);
-    model_.answered(leave, std::nullopt);
-    EXPECT_EQ(model_.message(), "Disconnected.");
+    model.answered(leave, std::nullopt);
+    EXPECT_EQ(model.message(), "Disconnected.");
     const ScreenAction mode = press("m");
     EXPECT_EQ(mode.kind, Action::Mode);
     EXPECT_EQ(mode.value, "Host");
-    model_.answered(mode, std::nullopt);
+    model.answered(mode, std::nullopt);
     const ScreenAction radio = press("o");
     EXPECT_EQ(radio.kind, Action::Radio);
     EXPECT_EQ(radio.value, 0U);
@@ -228,9 +228,9 @@ TEST_F(ClientScreen, TheModeIsTheOtherOne)
     ScreenState host = station(Json::array());
     host.fields["mode"] = "Host";
     host.fields["radio"] = "off";
-    model_.update(host);
+    model.update(host);
     EXPECT_EQ(press("m").value, "Client");
-    model_.answered({Action::Mode}, std::nullopt);
+    model.answered({Action::Mode}, std::nullopt);
     EXPECT_EQ(press("o").value, 1U);
 }
 
@@ -240,76 +240,76 @@ TEST_F(ClientScreen, OneRequestAtATime)
     EXPECT_EQ(press("m").kind, Action::None);
     press(Kind::Down);
     EXPECT_EQ(press(Kind::Enter).kind, Action::None);
-    model_.answered(scan, std::nullopt);
+    model.answered(scan, std::nullopt);
     EXPECT_EQ(press("m").kind, Action::Mode);
 }
 
 TEST_F(ClientScreen, AQuestionMarkHelpsAndAnyKeyLeadsBack)
 {
     press("?");
-    EXPECT_EQ(model_.page(), Page::Help);
+    EXPECT_EQ(model.page(), Page::Help);
     for (const char* word :
          {"Enter", "leave the network", "become a station", "look for networks", "Ctrl-Z"}) {
         EXPECT_NE(shown().find(word), std::string::npos) << word;
     }
     EXPECT_EQ(press("q").kind, Action::None);
-    EXPECT_EQ(model_.page(), Page::Networks);
+    EXPECT_EQ(model.page(), Page::Networks);
 }
 
 TEST_F(ClientScreen, RefusalsAreToldInWords)
 {
     const ScreenAction leave = press("d");
-    model_.answered(leave, refused("Failed to connect to AP"));
-    EXPECT_EQ(model_.message(), "there is no network to leave: the device is not connected");
-    EXPECT_TRUE(model_.is_bad());
+    model.answered(leave, refused("Failed to connect to AP"));
+    EXPECT_EQ(model.message(), "there is no network to leave: the device is not connected");
+    EXPECT_TRUE(model.is_bad());
     press(Kind::Down);
     const ScreenAction join = press(Kind::Enter);
-    model_.answered(join, refused("Failed to connect to AP"));
-    EXPECT_EQ(model_.message(), "wpa_supplicant did not take the network, or does not run");
+    model.answered(join, refused("Failed to connect to AP"));
+    EXPECT_EQ(model.message(), "wpa_supplicant did not take the network, or does not run");
     const ScreenAction again = press(Kind::Enter);
-    model_.answered(again, refused("Wifi is off"));
-    EXPECT_EQ(model_.message(), "the radio is off; switch it on with 'vantora-wifi on'");
+    model.answered(again, refused("Wifi is off"));
+    EXPECT_EQ(model.message(), "the radio is off; switch it on with 'vantora-wifi on'");
 }
 
 TEST_F(ClientScreen, AnAttemptIsFollowedToItsEnd)
 {
     press(Kind::Down);
-    model_.answered(press(Kind::Enter), std::nullopt);
-    EXPECT_EQ(model_.message(), "Joining \"free\"...");
-    model_.update(station(street(), "scanning"));
-    EXPECT_EQ(model_.message(), "Joining \"free\": looking for the network");
-    model_.update(station(street(), "completed"));
-    EXPECT_EQ(model_.message(), "Connected to \"free\".");
-    EXPECT_FALSE(model_.is_bad());
-    model_.update(station(street(), "disconnected"));
-    EXPECT_EQ(model_.message(), "Connected to \"free\".") << "the attempt is over";
+    model.answered(press(Kind::Enter), std::nullopt);
+    EXPECT_EQ(model.message(), "Joining \"free\"...");
+    model.update(station(street(), "scanning"));
+    EXPECT_EQ(model.message(), "Joining \"free\": looking for the network");
+    model.update(station(street(), "completed"));
+    EXPECT_EQ(model.message(), "Connected to \"free\".");
+    EXPECT_FALSE(model.is_bad());
+    model.update(station(street(), "disconnected"));
+    EXPECT_EQ(model.message(), "Connected to \"free\".") << "the attempt is over";
 }
 
 TEST_F(ClientScreen, AWrongPassphraseIsTold)
 {
     press(Kind::Enter);
     type("12345678");
-    model_.answered(press(Kind::Enter), std::nullopt);
-    model_.update(station(street(), "4way_handshake"));
-    model_.update(station(street(), "failed"));
-    EXPECT_EQ(model_.message(), "\"home\" refused the passphrase.");
-    EXPECT_TRUE(model_.is_bad());
+    model.answered(press(Kind::Enter), std::nullopt);
+    model.update(station(street(), "4way_handshake"));
+    model.update(station(street(), "failed"));
+    EXPECT_EQ(model.message(), "\"home\" refused the passphrase.");
+    EXPECT_TRUE(model.is_bad());
 }
 
 TEST_F(ClientScreen, ADaemonThatIsGoneOrSilentIsToldAndAskedNothing)
 {
     ScreenState gone = station(Json::array());
     gone.running = false;
-    model_.update(gone);
-    EXPECT_EQ(model_.message(), "The daemon is not running; waiting for it.");
-    EXPECT_TRUE(model_.is_bad());
+    model.update(gone);
+    EXPECT_EQ(model.message(), "The daemon is not running; waiting for it.");
+    EXPECT_TRUE(model.is_bad());
     EXPECT_EQ(press("r").kind, Action::None);
     ScreenState silent = station(street());
     silent.silent = true;
-    model_.update(silent);
-    EXPECT_EQ(model_.message(), "The daemon does not answer; waiting for it.");
+    model.update(silent);
+    EXPECT_EQ(model.message(), "The daemon does not answer; waiting for it.");
     press("m");
-    EXPECT_EQ(model_.message(), "Becoming an access point...") << "it has something to do";
+    EXPECT_EQ(model.message(), "Becoming an access point...") << "it has something to do";
 }
 
 TEST_F(ClientScreen, ASecondAttemptThatFailsLikeTheFirstIsTold)
@@ -318,13 +318,13 @@ TEST_F(ClientScreen, ASecondAttemptThatFailsLikeTheFirstIsTold)
         press(Kind::Enter);
         type("12345678");
         const ScreenAction action = press(Kind::Enter);
-        EXPECT_FALSE(model_.is_joining());
-        model_.answered(action, std::nullopt);
-        EXPECT_TRUE(model_.is_joining());
-        model_.update(station(street(), "4way_handshake"));
-        model_.update(station(street(), "failed"));
-        EXPECT_EQ(model_.message(), "\"home\" refused the passphrase.");
-        EXPECT_FALSE(model_.is_joining());
+        EXPECT_FALSE(model.is_joining());
+        model.answered(action, std::nullopt);
+        EXPECT_TRUE(model.is_joining());
+        model.update(station(street(), "4way_handshake"));
+        model.update(station(street(), "failed"));
+        EXPECT_EQ(model.message(), "\"home\" refused the passphrase.");
+        EXPECT_FALSE(model.is_joining());
     }
 }
 
@@ -348,7 +348,7 @@ TEST_F(ClientScreen, EveryWindowIsFilledAndNeverOverfilled)
         }
         for (std::size_t rows = 0; rows < 40; ++rows) {
             for (const std::size_t columns : {0U, 1U, 2U, 5U, 20U, 80U, 200U}) {
-                const auto lines = draw_screen(model_, rows, columns, true);
+                const auto lines = draw_screen(model, rows, columns, true);
                 ASSERT_EQ(lines.size(), rows);
                 for (const auto& line : lines) {
                     std::size_t width = 0;
@@ -366,7 +366,7 @@ TEST_F(ClientScreen, StateAndNetworksAreShown)
 {
     Json networks = street();
     networks[0]["joined"] = true;
-    model_.update(station(networks));
+    model.update(station(networks));
     const std::string text = shown();
     EXPECT_NE(text.find("Mode            Client (station)\n"), std::string::npos) << text;
     EXPECT_NE(text.find("> ▂▄▆█    -48  🔒 home  (joined)"), std::string::npos) << text;
@@ -383,7 +383,7 @@ TEST_F(ClientScreen, TheNetworkChosenIsAlwaysShown)
     for (int number = 0; number < 100; ++number) {
         many.push_back(network_value("net " + std::to_string(number), false, -40, false));
     }
-    model_.update(station(many));
+    model.update(station(many));
     for (int step = 0; step < 99; ++step) {
         press(Kind::Down);
         ASSERT_NE(shown(12).find("net " + std::to_string(step + 1) + " "), std::string::npos) << step;
@@ -392,14 +392,14 @@ TEST_F(ClientScreen, TheNetworkChosenIsAlwaysShown)
 
 TEST_F(ClientScreen, NamesFromTheAirAreHarmless)
 {
-    model_.update(station(Json::array({network_value("\x1b[2J\u202eevil\n", true, -48, true)})));
+    model.update(station(Json::array({network_value("\x1b[2J\u202eevil\n", true, -48, true)})));
     const std::string text = shown();
     EXPECT_NE(text.find("\\x1b[2J\\u{202e}evil\\n"), std::string::npos) << text;
     EXPECT_EQ(text.find('\x1b'), std::string::npos);
     press(Kind::Enter);
     EXPECT_NE(shown().find("Passphrase for \"\\x1b[2J\\u{202e}evil\\n\": "), std::string::npos);
     press(Kind::Escape);
-    model_.tell("\x1b]0;title\x07", false);
+    model.tell("\x1b]0;title\x07", false);
     EXPECT_EQ(shown().find('\x1b'), std::string::npos);
 }
 

@@ -33,23 +33,23 @@ protected:
     {
         sd_bus* bus = nullptr;
         sd_bus_new(&bus);
-        bus_.reset(bus);
+        connection.reset(bus);
         std::array<int, 2> ends{};
         EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()), 0);
         sd_bus_set_fd(bus, ends[0], ends[0]); // closes it itself
-        silentEnd_ = UniqueFd(ends[1]);
+        silentEnd = UniqueFd(ends[1]);
         EXPECT_GE(sd_bus_start(bus), 0);
         sd_bus_message* message = nullptr;
         EXPECT_GE(sd_bus_message_new_signal(bus, &message, "/x", "x.y", "Z"), 0);
-        message_.reset(message);
+        outgoing.reset(message);
     }
 
     /** The message as its receiver has it. */
     sd_bus_message* sealed()
     {
-        EXPECT_GE(sd_bus_message_seal(message_.get(), 1, 0), 0);
-        EXPECT_GE(sd_bus_message_rewind(message_.get(), 1), 0);
-        return message_.get();
+        EXPECT_GE(sd_bus_message_seal(outgoing.get(), 1, 0), 0);
+        EXPECT_GE(sd_bus_message_rewind(outgoing.get(), 1), 0);
+        return outgoing.get();
     }
 
     /** Reads one value; a text that must not be one when there is none. */
@@ -60,14 +60,14 @@ protected:
         return value;
     }
 
-    UniqueFd silentEnd_;
-    BusPtr bus_;
-    MessagePtr message_;
+    UniqueFd silentEnd;
+    BusPtr connection;
+    MessagePtr outgoing;
 };
 
 TEST_F(ClientValues, ListsOfTextsAreReadToTheirEndAndNoFurther)
 {
-    sd_bus_message_append(message_.get(), "asass", 2, "5", "2.4", 0, "behind");
+    sd_bus_message_append(outgoing.get(), "asass", 2, "5", "2.4", 0, "behind");
     sd_bus_message* const message = sealed();
     EXPECT_EQ(read(message), Json({"5", "2.4"}));
     EXPECT_EQ(read(message), Json::array()) << "an empty list is a list";
@@ -76,7 +76,7 @@ TEST_F(ClientValues, ListsOfTextsAreReadToTheirEndAndNoFurther)
 
 TEST_F(ClientValues, ListsOfNetworksAreReadToTheirEndAndNoFurther)
 {
-    sd_bus_message_append(message_.get(), "a(siib)a(siib)s", 2, "home", 1, -48, 1, "free", 0, -90, 0, 0,
+    sd_bus_message_append(outgoing.get(), "a(siib)a(siib)s", 2, "home", 1, -48, 1, "free", 0, -90, 0, 0,
                           "behind");
     sd_bus_message* const message = sealed();
     const Json networks = read(message);
@@ -89,7 +89,7 @@ TEST_F(ClientValues, ListsOfNetworksAreReadToTheirEndAndNoFurther)
 
 TEST_F(ClientValues, VariantsAreReadToTheirEnd)
 {
-    sd_bus_message_append(message_.get(), "vvvs", "u", 7U, "as", 1, "x", "b", 1, "behind");
+    sd_bus_message_append(outgoing.get(), "vvvs", "u", 7U, "as", 1, "x", "b", 1, "behind");
     sd_bus_message* const message = sealed();
     EXPECT_EQ(read(message), 7U);
     EXPECT_EQ(read(message), Json({"x"}));
@@ -99,7 +99,7 @@ TEST_F(ClientValues, VariantsAreReadToTheirEnd)
 
 TEST_F(ClientValues, OtherTypesAndNothingAtAllAreErrors)
 {
-    sd_bus_message_append(message_.get(), "d", 1.5);
+    sd_bus_message_append(outgoing.get(), "d", 1.5);
     sd_bus_message* const message = sealed();
     Json value;
     EXPECT_LT(read_value(message, value), 0);
@@ -109,7 +109,7 @@ TEST_F(ClientValues, OtherTypesAndNothingAtAllAreErrors)
 
 TEST_F(ClientValues, DictionariesKeepEveryEntry)
 {
-    sd_bus_message_append(message_.get(), "a{sv}s", 3, "Mode", "s", "Host", "Bands", "as", 0, "State", "u",
+    sd_bus_message_append(outgoing.get(), "a{sv}s", 3, "Mode", "s", "Host", "Bands", "as", 0, "State", "u",
                           1U, "behind");
     sd_bus_message* const message = sealed();
     Json values;
@@ -120,7 +120,7 @@ TEST_F(ClientValues, DictionariesKeepEveryEntry)
 
 TEST_F(ClientValues, OneEntryOfAnotherTypeMakesADictionaryUnreadable)
 {
-    sd_bus_message_append(message_.get(), "a{sv}", 2, "Mode", "s", "Host", "Odd", "d", 1.5);
+    sd_bus_message_append(outgoing.get(), "a{sv}", 2, "Mode", "s", "Host", "Odd", "d", 1.5);
     Json values;
     EXPECT_LT(read_dictionary(sealed(), values), 0);
 }

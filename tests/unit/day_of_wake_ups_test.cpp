@@ -94,12 +94,12 @@ class BusyDay : public testing::Test
 protected:
     void SetUp() override
     {
-        theClock = &clock_;
+        theClock = &clock;
         emittedAt.clear();
         emittedAt.reserve(kDay / kConnect + 1);
-        requestedAt_.reserve(emittedAt.capacity());
-        queue_.attach(event_.get());
-        start_heartbeat(event_.get());
+        requestedAt.reserve(emittedAt.capacity());
+        queue.attach(event.get());
+        start_heartbeat(event.get());
     }
 
     void TearDown() override { theClock = nullptr; }
@@ -107,19 +107,19 @@ protected:
     /** Lets time go on until then. */
     void live_until(uint64_t end)
     {
-        while (clock_.now_usec() < end) {
-            ASSERT_GT(sd_event_run(event_.get(), UINT64_MAX), 0);
-            if (clock_.now_usec() >= nextConnect_) {
-                nextConnect_ += kConnect;
+        while (clock.now_usec() < end) {
+            ASSERT_GT(sd_event_run(event.get(), UINT64_MAX), 0);
+            if (clock.now_usec() >= nextConnect) {
+                nextConnect += kConnect;
                 // Of two requests in a row the second counts.
                 emit_properties_later({"Mode"}, kDelaySec);
                 emit_properties_later({"SSID"}, kDelaySec);
-                requestedAt_.push_back(clock_.now_usec());
+                requestedAt.push_back(clock.now_usec());
             }
-            if (clock_.now_usec() >= nextWork_) {
-                nextWork_ += kWork;
-                ++handedIn_;
-                std::thread([this] { queue_.post([this] { ++worked_; }); }).join();
+            if (clock.now_usec() >= nextWork) {
+                nextWork += kWork;
+                ++handedIn;
+                std::thread([this] { queue.post([this] { ++worked; }); }).join();
             }
         }
     }
@@ -127,37 +127,37 @@ protected:
     static constexpr uint64_t kConnect = 37 * kSecond;
     static constexpr uint64_t kWork = 60 * kSecond;
 
-    DrivenClock clock_;
-    EventPtr event_ = new_loop();
-    MainLoopQueue queue_;
-    const uint64_t begin_ = clock_.now_usec();
-    uint64_t nextConnect_ = begin_ + kConnect;
-    uint64_t nextWork_ = begin_ + kWork;
-    uint64_t handedIn_ = 0;
-    uint64_t worked_ = 0;
-    std::vector<uint64_t> requestedAt_;
+    DrivenClock clock;
+    EventPtr event = new_loop();
+    MainLoopQueue queue;
+    const uint64_t begin = clock.now_usec();
+    uint64_t nextConnect = begin + kConnect;
+    uint64_t nextWork = begin + kWork;
+    uint64_t handedIn = 0;
+    uint64_t worked = 0;
+    std::vector<uint64_t> requestedAt;
 };
 
 TEST_F(BusyDay, announces_each_delayed_property_once_in_time_and_keeps_nothing)
 {
-    live_until(begin_ + kHour);
+    live_until(begin + kHour);
     const auto descriptors = open_descriptors();
     const size_t memory = mallinfo2().uordblks;
 
     // Until the same point of the cycle, so that as much is pending as was then.
-    live_until(begin_ + kDay - 5 * kSecond);
-    const uint64_t lastRequest = requestedAt_.back();
+    live_until(begin + kDay - 5 * kSecond);
+    const uint64_t lastRequest = requestedAt.back();
     live_until(lastRequest + kDelay + 2 * kSecond);
 
-    ASSERT_EQ(emittedAt.size(), requestedAt_.size());
+    ASSERT_EQ(emittedAt.size(), requestedAt.size());
     for (size_t i = 0; i < emittedAt.size(); ++i) {
-        ASSERT_GE(emittedAt[i] - requestedAt_[i], kDelay);
-        ASSERT_LE(emittedAt[i] - requestedAt_[i], kDelay + kAccuracy);
+        ASSERT_GE(emittedAt[i] - requestedAt[i], kDelay);
+        ASSERT_LE(emittedAt[i] - requestedAt[i], kDelay + kAccuracy);
     }
-    EXPECT_EQ(worked_, handedIn_);
-    std::cout << clock_.wake_ups() << " wake-ups, " << emittedAt.size() << " delayed announcements, "
-              << worked_ << " works handed in\n";
-    EXPECT_LE(clock_.wake_ups(), kDay / kSecond + emittedAt.size());
+    EXPECT_EQ(worked, handedIn);
+    std::cout << clock.wake_ups() << " wake-ups, " << emittedAt.size() << " delayed announcements, "
+              << worked << " works handed in\n";
+    EXPECT_LE(clock.wake_ups(), kDay / kSecond + emittedAt.size());
 
     EXPECT_EQ(open_descriptors(), descriptors);
     // A pending announcement and the allocator's own bookkeeping, and nothing for each of thousands.

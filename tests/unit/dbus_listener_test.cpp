@@ -29,9 +29,9 @@ using testing_support::EventLoop;
 using testing_support::PrivateBus;
 using testing_support::settle;
 
-constexpr const char* sender = "com.example.Sender";
-constexpr const char* interface = "com.example.Sender.Events";
-constexpr const char* member = "Happened";
+constexpr const char* kSender = "com.example.Sender";
+constexpr const char* kInterface = "com.example.Sender.Events";
+constexpr const char* kMember = "Happened";
 
 using Texts = std::vector<std::string>;
 
@@ -47,7 +47,7 @@ int note(sd_bus_message* message, void* userdata, sd_bus_error*)
 
 void emit(sd_bus* bus, const std::string& text, const char* path = "/com/example/object")
 {
-    ASSERT_GE(sd_bus_emit_signal(bus, path, interface, member, "s", text.c_str()), 0);
+    ASSERT_GE(sd_bus_emit_signal(bus, path, kInterface, kMember, "s", text.c_str()), 0);
     settle(bus);
 }
 
@@ -55,7 +55,7 @@ void emit(sd_bus* bus, const std::string& text, const char* path = "/com/example
 void emit_to(sd_bus* bus, const std::string& destination, const std::string& text)
 {
     sd_bus_message* message = nullptr;
-    ASSERT_GE(sd_bus_message_new_signal(bus, &message, "/com/example/object", interface, member), 0);
+    ASSERT_GE(sd_bus_message_new_signal(bus, &message, "/com/example/object", kInterface, kMember), 0);
     const MessagePtr owner(message);
     ASSERT_GE(sd_bus_message_append(message, "s", text.c_str()), 0);
     ASSERT_GE(sd_bus_send_to(bus, message, destination.c_str(), nullptr), 0);
@@ -65,13 +65,13 @@ void emit_to(sd_bus* bus, const std::string& destination, const std::string& tex
 /** The unique names of all connections but those of the bus daemon and of the one that asks. */
 Texts other_connections(sd_bus* bus)
 {
-    const char* own_name = nullptr;
-    sd_bus_get_unique_name(bus, &own_name);
+    const char* ownName = nullptr;
+    sd_bus_get_unique_name(bus, &ownName);
     char** names = nullptr;
     sd_bus_list_names(bus, &names, nullptr);
     Texts others;
     for (char** name = names; name != nullptr && *name != nullptr; ++name) {
-        if (**name == ':' && std::string(*name) != own_name) {
+        if (**name == ':' && std::string(*name) != ownName) {
             others.emplace_back(*name);
         }
         std::free(*name);
@@ -86,14 +86,14 @@ protected:
     BusPtr connect_as_sender() const
     {
         BusPtr connection = bus.connect();
-        EXPECT_GE(sd_bus_request_name(connection.get(), sender, 0), 0);
+        EXPECT_GE(sd_bus_request_name(connection.get(), kSender, 0), 0);
         return connection;
     }
 
     void listen(DbusListener& listener, const std::string& path = "")
     {
         ASSERT_EQ(listener.Connect(), 0);
-        ASSERT_EQ(listener.ListenSignal(sender, path, interface, member, note, &heard), 0);
+        ASSERT_EQ(listener.ListenSignal(kSender, path, kInterface, kMember, note, &heard), 0);
     }
 
     bool hears(std::size_t count) const
@@ -107,7 +107,7 @@ protected:
         bus.stop();
         // Neither connected nor refused: remembered for the connection to come.
         ASSERT_TRUE(loop.run_until(
-            [&] { return listener.ListenSignal(sender, "/never", interface, member, note, &heard) == 0; }));
+            [&] { return listener.ListenSignal(kSender, "/never", kInterface, kMember, note, &heard) == 0; }));
     }
 
     PrivateBus bus;
@@ -136,7 +136,7 @@ TEST_F(DbusListenerTest, PassesMessageUserdataAndErrorAsTheBusDoes)
     DbusListener listener(loop.get());
     ASSERT_EQ(listener.Connect(), 0);
     ASSERT_EQ(listener.ListenSignal(
-                  sender, "", interface, member,
+                  kSender, "", kInterface, kMember,
                   [](sd_bus_message* message, void* userdata, sd_bus_error* error) {
                       *static_cast<Seen*>(userdata) = {sd_bus_message_get_path(message),
                                                        sd_bus_message_get_interface(message),
@@ -148,25 +148,25 @@ TEST_F(DbusListenerTest, PassesMessageUserdataAndErrorAsTheBusDoes)
     emit(source.get(), "x");
     ASSERT_TRUE(loop.run_until([&] { return !seen.path.empty(); }));
     EXPECT_EQ(seen.path, "/com/example/object");
-    EXPECT_EQ(seen.interface, interface);
-    EXPECT_EQ(seen.member, member);
+    EXPECT_EQ(seen.interface, kInterface);
+    EXPECT_EQ(seen.member, kMember);
     EXPECT_TRUE(seen.error);
 }
 
 TEST_F(DbusListenerTest, HearsEveryObjectWithoutAPathAndOnlyTheOneWithOne)
 {
-    Texts from_one;
+    Texts fromOne;
     const BusPtr source = connect_as_sender();
     DbusListener listener(loop.get());
     listen(listener);
-    ASSERT_EQ(listener.ListenSignal(sender, "/one", interface, member, note, &from_one), 0);
+    ASSERT_EQ(listener.ListenSignal(kSender, "/one", kInterface, kMember, note, &fromOne), 0);
     emit(source.get(), "first", "/one");
     emit(source.get(), "second", "/two");
     emit(source.get(), "third", "/one");
     ASSERT_TRUE(hears(3));
-    ASSERT_TRUE(loop.run_until([&] { return from_one.size() >= 2; }));
+    ASSERT_TRUE(loop.run_until([&] { return fromOne.size() >= 2; }));
     EXPECT_THAT(heard, ElementsAre("first", "second", "third"));
-    EXPECT_THAT(from_one, ElementsAre("first", "third"));
+    EXPECT_THAT(fromOne, ElementsAre("first", "third"));
 }
 
 TEST_F(DbusListenerTest, HearsNoOtherMemberOrInterface)
@@ -174,8 +174,8 @@ TEST_F(DbusListenerTest, HearsNoOtherMemberOrInterface)
     const BusPtr source = connect_as_sender();
     DbusListener listener(loop.get());
     listen(listener);
-    ASSERT_GE(sd_bus_emit_signal(source.get(), "/o", interface, "Other", "s", "wrong member"), 0);
-    ASSERT_GE(sd_bus_emit_signal(source.get(), "/o", "com.example.Other", member, "s", "wrong interface"), 0);
+    ASSERT_GE(sd_bus_emit_signal(source.get(), "/o", kInterface, "Other", "s", "wrong member"), 0);
+    ASSERT_GE(sd_bus_emit_signal(source.get(), "/o", "com.example.Other", kMember, "s", "wrong interface"), 0);
     emit(source.get(), "right");
     ASSERT_TRUE(hears(1));
     EXPECT_THAT(heard, ElementsAre("right"));
@@ -212,18 +212,18 @@ TEST_F(DbusListenerTest, BelievesNobodyWhileTheNameHasNoOwner)
 
 TEST_F(DbusListenerTest, DoesNotMixUpTheSendersOfTwoRulesForTheSameSignal)
 {
-    Texts heard_from_other;
+    Texts heardFromOther;
     const BusPtr source = connect_as_sender();
     const BusPtr other = bus.connect();
     ASSERT_GE(sd_bus_request_name(other.get(), "com.example.Other", 0), 0);
     DbusListener listener(loop.get());
     listen(listener);
-    ASSERT_EQ(listener.ListenSignal("com.example.Other", "", interface, member, note, &heard_from_other), 0);
+    ASSERT_EQ(listener.ListenSignal("com.example.Other", "", kInterface, kMember, note, &heardFromOther), 0);
     emit(other.get(), "from the other");
     emit(source.get(), "from the sender");
     ASSERT_TRUE(hears(1));
     EXPECT_THAT(heard, ElementsAre("from the sender"));
-    EXPECT_THAT(heard_from_other, ElementsAre("from the other"));
+    EXPECT_THAT(heardFromOther, ElementsAre("from the other"));
 }
 
 TEST_F(DbusListenerTest, HearsASenderThatComesLater)
@@ -264,16 +264,16 @@ TEST_F(DbusListenerTest, FollowsASenderThatIsRestarted)
 
 TEST_F(DbusListenerTest, NoLongerBelievesOneThatGaveTheNameAway)
 {
-    const BusPtr old_source = connect_as_sender();
+    const BusPtr oldSource = connect_as_sender();
     DbusListener listener(loop.get());
     listen(listener);
-    emit(old_source.get(), "as owner");
-    ASSERT_GE(sd_bus_release_name(old_source.get(), sender), 0);
-    const BusPtr new_source = connect_as_sender();
-    for (const std::string& destination : other_connections(old_source.get())) {
-        emit_to(old_source.get(), destination, "no longer owner");
+    emit(oldSource.get(), "as owner");
+    ASSERT_GE(sd_bus_release_name(oldSource.get(), kSender), 0);
+    const BusPtr newSource = connect_as_sender();
+    for (const std::string& destination : other_connections(oldSource.get())) {
+        emit_to(oldSource.get(), destination, "no longer owner");
     }
-    emit(new_source.get(), "new owner");
+    emit(newSource.get(), "new owner");
     ASSERT_TRUE(hears(2));
     EXPECT_THAT(heard, ElementsAre("as owner", "new owner"));
 }
@@ -284,12 +284,12 @@ TEST_F(DbusListenerTest, CallsEveryCallbackWhateverTheyReturn)
     const BusPtr source = connect_as_sender();
     DbusListener listener(loop.get());
     ASSERT_EQ(listener.Connect(), 0);
-    constexpr auto note_and_fail = [](sd_bus_message* message, void* userdata, sd_bus_error* error) {
+    constexpr auto kNoteAndFail = [](sd_bus_message* message, void* userdata, sd_bus_error* error) {
         note(message, userdata, error);
         return -1;
     };
-    ASSERT_EQ(listener.ListenSignal(sender, "", interface, member, note_and_fail, &heard), 0);
-    ASSERT_EQ(listener.ListenSignal(sender, "", interface, member, note_and_fail, &second), 0);
+    ASSERT_EQ(listener.ListenSignal(kSender, "", kInterface, kMember, kNoteAndFail, &heard), 0);
+    ASSERT_EQ(listener.ListenSignal(kSender, "", kInterface, kMember, kNoteAndFail, &second), 0);
     emit(source.get(), "one");
     emit(source.get(), "two");
     ASSERT_TRUE(loop.run_until([&] { return heard.size() == 2 && second.size() == 2; }));
@@ -306,7 +306,7 @@ TEST_F(DbusListenerTest, MayBeDisconnectedByItsOwnCallback)
         Texts heard;
     } context = {&listener, {}};
     ASSERT_EQ(listener.ListenSignal(
-                  sender, "", interface, member,
+                  kSender, "", kInterface, kMember,
                   [](sd_bus_message* message, void* userdata, sd_bus_error* error) {
                       auto& self = *static_cast<Context*>(userdata);
                       self.listener->Disconnect();
@@ -318,7 +318,7 @@ TEST_F(DbusListenerTest, MayBeDisconnectedByItsOwnCallback)
     emit(source.get(), "two");
     ASSERT_TRUE(loop.run_until([&] { return !context.heard.empty(); }));
     EXPECT_THAT(context.heard, ElementsAre("one"));
-    EXPECT_EQ(listener.ListenSignal(sender, "", interface, member, note, &heard), -ENOTCONN);
+    EXPECT_EQ(listener.ListenSignal(kSender, "", kInterface, kMember, note, &heard), -ENOTCONN);
 }
 
 TEST_F(DbusListenerTest, MayBeDestroyedByItsOwnCallback)
@@ -327,7 +327,7 @@ TEST_F(DbusListenerTest, MayBeDestroyedByItsOwnCallback)
     auto listener = std::make_unique<DbusListener>(loop.get());
     ASSERT_EQ(listener->Connect(), 0);
     ASSERT_EQ(listener->ListenSignal(
-                  sender, "", interface, member,
+                  kSender, "", kInterface, kMember,
                   [](sd_bus_message*, void* userdata, sd_bus_error*) {
                       static_cast<std::unique_ptr<DbusListener>*>(userdata)->reset();
                       return 0;
@@ -340,16 +340,16 @@ TEST_F(DbusListenerTest, MayBeDestroyedByItsOwnCallback)
 
 TEST_F(DbusListenerTest, ForgetsItsRulesWhenItDisconnects)
 {
-    Texts heard_afterwards;
+    Texts heardAfterwards;
     const BusPtr source = connect_as_sender();
     DbusListener listener(loop.get());
     listen(listener);
     listener.Disconnect();
     listener.Disconnect();
     ASSERT_EQ(listener.Connect(), 0);
-    ASSERT_EQ(listener.ListenSignal(sender, "", interface, member, note, &heard_afterwards), 0);
+    ASSERT_EQ(listener.ListenSignal(kSender, "", kInterface, kMember, note, &heardAfterwards), 0);
     emit(source.get(), "hello");
-    ASSERT_TRUE(loop.run_until([&] { return !heard_afterwards.empty(); }));
+    ASSERT_TRUE(loop.run_until([&] { return !heardAfterwards.empty(); }));
     EXPECT_THAT(heard, IsEmpty());
 }
 
@@ -367,19 +367,19 @@ TEST_F(DbusListenerTest, ConnectsOnceHoweverOftenItIsAsked)
 TEST_F(DbusListenerTest, RefusesToListenBeforeItIsConnected)
 {
     DbusListener listener(loop.get());
-    EXPECT_EQ(listener.ListenSignal(sender, "", interface, member, note, &heard), -ENOTCONN);
+    EXPECT_EQ(listener.ListenSignal(kSender, "", kInterface, kMember, note, &heard), -ENOTCONN);
 }
 
 TEST_F(DbusListenerTest, RefusesNamesThatCouldNotStandInAMatchRule)
 {
     DbusListener listener(loop.get());
     ASSERT_EQ(listener.Connect(), 0);
-    EXPECT_EQ(listener.ListenSignal("", "", interface, member, note, &heard), -EINVAL);
-    EXPECT_EQ(listener.ListenSignal("a.b',member='C", "", interface, member, note, &heard), -EINVAL);
-    EXPECT_EQ(listener.ListenSignal(sender, "no/slash/first", interface, member, note, &heard), -EINVAL);
-    EXPECT_EQ(listener.ListenSignal(sender, "", "undotted", member, note, &heard), -EINVAL);
-    EXPECT_EQ(listener.ListenSignal(sender, "", interface, "", note, &heard), -EINVAL);
-    EXPECT_EQ(listener.ListenSignal(sender, "", interface, member, nullptr, &heard), -EINVAL);
+    EXPECT_EQ(listener.ListenSignal("", "", kInterface, kMember, note, &heard), -EINVAL);
+    EXPECT_EQ(listener.ListenSignal("a.b',member='C", "", kInterface, kMember, note, &heard), -EINVAL);
+    EXPECT_EQ(listener.ListenSignal(kSender, "no/slash/first", kInterface, kMember, note, &heard), -EINVAL);
+    EXPECT_EQ(listener.ListenSignal(kSender, "", "undotted", kMember, note, &heard), -EINVAL);
+    EXPECT_EQ(listener.ListenSignal(kSender, "", kInterface, "", note, &heard), -EINVAL);
+    EXPECT_EQ(listener.ListenSignal(kSender, "", kInterface, kMember, nullptr, &heard), -EINVAL);
 }
 
 TEST_F(DbusListenerTest, ReportsAFirstConnectionThatFailsAndArmsNothing)
@@ -387,7 +387,7 @@ TEST_F(DbusListenerTest, ReportsAFirstConnectionThatFailsAndArmsNothing)
     bus.stop();
     DbusListener listener(loop.get());
     EXPECT_LT(listener.Connect(), 0);
-    EXPECT_EQ(listener.ListenSignal(sender, "", interface, member, note, &heard), -ENOTCONN);
+    EXPECT_EQ(listener.ListenSignal(kSender, "", kInterface, kMember, note, &heard), -ENOTCONN);
     EXPECT_EQ(sd_event_prepare(loop.get()), 0);
     EXPECT_EQ(sd_event_wait(loop.get(), std::uint64_t{1500} * 1000), 0) << "a timer fired";
 }
@@ -464,7 +464,7 @@ TEST_F(DbusListenerTest, AcceptsARuleWhileTheBusIsAwayAndHearsItLater)
     ASSERT_EQ(listener.Connect(), 0);
     bus.stop();
     ASSERT_TRUE(loop.run_until(
-        [&] { return listener.ListenSignal(sender, "", interface, member, note, &heard) == 0; }));
+        [&] { return listener.ListenSignal(kSender, "", kInterface, kMember, note, &heard) == 0; }));
     bus.start();
     const BusPtr source = connect_as_sender();
     ASSERT_TRUE(loop.run_until([&] {
@@ -493,7 +493,7 @@ TEST_F(DbusListenerTest, StopsTryingWhenItDisconnects)
     ASSERT_EQ(listener.Connect(), 0);
     lose_bus(listener);
     listener.Disconnect();
-    EXPECT_EQ(listener.ListenSignal(sender, "", interface, member, note, &heard), -ENOTCONN);
+    EXPECT_EQ(listener.ListenSignal(kSender, "", kInterface, kMember, note, &heard), -ENOTCONN);
     while (sd_event_run(loop.get(), 0) > 0) {
     }
     EXPECT_EQ(sd_event_run(loop.get(), std::uint64_t{1500} * 1000), 0) << "a timer fired";
@@ -501,36 +501,36 @@ TEST_F(DbusListenerTest, StopsTryingWhenItDisconnects)
 
 TEST_F(DbusListenerTest, MayOutliveTheLoopOwner)
 {
-    auto other_loop = std::make_unique<EventLoop>();
-    DbusListener listener(other_loop->get());
+    auto otherLoop = std::make_unique<EventLoop>();
+    DbusListener listener(otherLoop->get());
     ASSERT_EQ(listener.Connect(), 0);
-    other_loop.reset();
+    otherLoop.reset();
     listener.Disconnect();
 }
 
 TEST(DbusListenerBuses, AreToldApart)
 {
-    const PrivateBus user_bus(BusRole::User);
-    const PrivateBus system_bus(BusRole::System);
-    const BusPtr on_user_bus = user_bus.connect();
-    const BusPtr on_system_bus = system_bus.connect();
-    ASSERT_GE(sd_bus_request_name(on_user_bus.get(), sender, 0), 0);
-    ASSERT_GE(sd_bus_request_name(on_system_bus.get(), sender, 0), 0);
+    const PrivateBus userBus(BusRole::User);
+    const PrivateBus systemBus(BusRole::System);
+    const BusPtr onUserBus = userBus.connect();
+    const BusPtr onSystemBus = systemBus.connect();
+    ASSERT_GE(sd_bus_request_name(onUserBus.get(), kSender, 0), 0);
+    ASSERT_GE(sd_bus_request_name(onSystemBus.get(), kSender, 0), 0);
 
     const EventLoop loop;
-    Texts by_default;
-    Texts from_system;
-    DbusListener default_listener(loop.get());
-    DbusListener system_listener(loop.get(), BusType::System);
-    ASSERT_EQ(default_listener.Connect(), 0);
-    ASSERT_EQ(system_listener.Connect(), 0);
-    ASSERT_EQ(default_listener.ListenSignal(sender, "", interface, member, note, &by_default), 0);
-    ASSERT_EQ(system_listener.ListenSignal(sender, "", interface, member, note, &from_system), 0);
-    emit(on_user_bus.get(), "user");
-    emit(on_system_bus.get(), "system");
-    ASSERT_TRUE(loop.run_until([&] { return !by_default.empty() && !from_system.empty(); }));
-    EXPECT_THAT(by_default, ElementsAre("user"));
-    EXPECT_THAT(from_system, ElementsAre("system"));
+    Texts byDefault;
+    Texts fromSystem;
+    DbusListener defaultListener(loop.get());
+    DbusListener systemListener(loop.get(), BusType::System);
+    ASSERT_EQ(defaultListener.Connect(), 0);
+    ASSERT_EQ(systemListener.Connect(), 0);
+    ASSERT_EQ(defaultListener.ListenSignal(kSender, "", kInterface, kMember, note, &byDefault), 0);
+    ASSERT_EQ(systemListener.ListenSignal(kSender, "", kInterface, kMember, note, &fromSystem), 0);
+    emit(onUserBus.get(), "user");
+    emit(onSystemBus.get(), "system");
+    ASSERT_TRUE(loop.run_until([&] { return !byDefault.empty() && !fromSystem.empty(); }));
+    EXPECT_THAT(byDefault, ElementsAre("user"));
+    EXPECT_THAT(fromSystem, ElementsAre("system"));
 }
 
 } // namespace

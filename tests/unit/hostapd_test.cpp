@@ -134,8 +134,8 @@ int utils_stop_service(const std::string& path)
 
 std::shared_ptr<HostapdSocketListner> hostapd_listener()
 {
-    static const auto listener = std::make_shared<HostapdSocketListner>();
-    return listener;
+    static const auto kListener = std::make_shared<HostapdSocketListner>();
+    return kListener;
 }
 void HostapdSocketListner::SignalEvent(const char*)
 {

@@ -216,19 +216,19 @@ TEST_F(InterfaceQueries, SaysThatThereIsNoIpv4Address)
 
 TEST_F(InterfaceQueries, LooksForAnNfsRootInTheFirst499BytesOfTheCommandLine)
 {
-    const auto names_nfs_root = [](const std::string& text) {
+    const auto namesNfsRoot = [](const std::string& text) {
         std::istringstream commandLine(text);
         return utils_names_nfs_root(commandLine);
     };
     const std::string root = "root=/dev/nfs";
     const std::string before(499 - root.size(), 'x');
 
-    EXPECT_TRUE(names_nfs_root("console=tty0 root=/dev/nfs nfsroot=10.0.0.1:/srv rw\n"));
-    EXPECT_FALSE(names_nfs_root("root=/dev/mmcblk0p2 rw\n"));
-    EXPECT_FALSE(names_nfs_root("rw\nroot=/dev/nfs\n"));
-    EXPECT_FALSE(names_nfs_root(""));
-    EXPECT_TRUE(names_nfs_root(before + root));
-    EXPECT_FALSE(names_nfs_root(before + 'x' + root));
+    EXPECT_TRUE(namesNfsRoot("console=tty0 root=/dev/nfs nfsroot=10.0.0.1:/srv rw\n"));
+    EXPECT_FALSE(namesNfsRoot("root=/dev/mmcblk0p2 rw\n"));
+    EXPECT_FALSE(namesNfsRoot("rw\nroot=/dev/nfs\n"));
+    EXPECT_FALSE(namesNfsRoot(""));
+    EXPECT_TRUE(namesNfsRoot(before + root));
+    EXPECT_FALSE(namesNfsRoot(before + 'x' + root));
 }
 
 } // namespace

@@ -373,7 +373,7 @@ TEST_P(InvalidLength, IsLoggedAndLeavesWhatRemains)
     const std::string message = AddressMessage::with_length(address_message(), GetParam().claimed);
     std::copy(message.begin(), message.end(), buffer.begin());
     ssize_t remaining = GetParam().remaining;
-    EXPECT_EQ(listener.CheckMessage(reinterpret_cast<const nlmsghdr*>(buffer.data()), remaining), 0);
+    EXPECT_EQ(listener.check_message(reinterpret_cast<const nlmsghdr*>(buffer.data()), remaining), 0);
     EXPECT_EQ(remaining, GetParam().remaining);
     EXPECT_THAT(log(), ElementsAre(LogLine{LOG_ERR, GetParam().logged}));
     EXPECT_THAT(events, IsEmpty());
@@ -398,7 +398,7 @@ TEST_F(KernelListener, CountsDownByTheLengthRoundedUpToFour)
          {std::tuple{16U, 16, 0}, {17U, 17, -3}, {18U, 60, 40}, {20U, 60, 40}}) {
         message->nlmsg_len = length;
         ssize_t counted = remaining;
-        EXPECT_EQ(listener.CheckMessage(message, counted), 1);
+        EXPECT_EQ(listener.check_message(message, counted), 1);
         EXPECT_EQ(counted, left);
     }
     EXPECT_THAT(log(), IsEmpty());
@@ -413,7 +413,7 @@ TEST_F(KernelListener, PassesOverMessagesOfOtherTypesAndIncompleteOnesWithoutALi
         alignas(nlmsghdr) NetlinkBuffer buffer{};
         std::copy(message.begin(), message.end(), buffer.begin());
         auto remaining = static_cast<ssize_t>(message.size());
-        EXPECT_EQ(listener.CheckMessage(reinterpret_cast<const nlmsghdr*>(buffer.data()), remaining), 1);
+        EXPECT_EQ(listener.check_message(reinterpret_cast<const nlmsghdr*>(buffer.data()), remaining), 1);
         EXPECT_EQ(remaining, 0);
     }
     EXPECT_THAT(log(), IsEmpty());

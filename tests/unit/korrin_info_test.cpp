@@ -271,14 +271,14 @@ Bytes attribute(std::uint16_t type, const Bytes& payload)
 TEST(RadioBands, AreFoundAmongOtherAttributes)
 {
     const Bytes name = attribute(NL80211_ATTR_WIPHY_NAME, Bytes(5));
-    const Bytes band_2ghz = attribute(NL80211_BAND_2GHZ, attribute(NL80211_BAND_ATTR_FREQS, {}));
-    const Bytes band_5ghz =
+    const Bytes band2ghz = attribute(NL80211_BAND_2GHZ, attribute(NL80211_BAND_ATTR_FREQS, {}));
+    const Bytes band5ghz =
         attribute(NL80211_BAND_5GHZ | NLA_F_NESTED, attribute(NL80211_BAND_ATTR_FREQS, {}));
     const auto bands = [](const Bytes& nested) {
         return attribute(NL80211_ATTR_WIPHY_BANDS | NLA_F_NESTED, nested);
     };
-    EXPECT_TRUE(attributes_offer_5ghz(join({name, bands(join({band_2ghz, band_5ghz}))})));
-    EXPECT_FALSE(attributes_offer_5ghz(join({name, bands(band_2ghz)})));
+    EXPECT_TRUE(attributes_offer_5ghz(join({name, bands(join({band2ghz, band5ghz}))})));
+    EXPECT_FALSE(attributes_offer_5ghz(join({name, bands(band2ghz)})));
     EXPECT_FALSE(attributes_offer_5ghz(join({name, bands({})})));
     EXPECT_FALSE(attributes_offer_5ghz(name));
     EXPECT_FALSE(attributes_offer_5ghz({}));

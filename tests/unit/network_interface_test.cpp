@@ -82,7 +82,7 @@ int connect_to_ap(sd_bus_message* message);
 
 namespace {
 
-const sd_bus_vtable oddTable[] = {
+const sd_bus_vtable kOddTable[] = {
     SD_BUS_VTABLE_START(0),
     SD_BUS_METHOD("WiFiState", "d", "", hand_to_setter<set_wifi_state_dbus>, 0),
     SD_BUS_METHOD("Mode", "d", "", hand_to_setter<change_wifi_mode_dbus>, 0),
@@ -100,28 +100,28 @@ protected:
         around = {};
         oddResult = 0;
         captured_log().clear();
-        EXPECT_GE(sd_bus_add_object_vtable(pair_.service(), nullptr, kNetworkPath, kNetworkInterface,
+        EXPECT_GE(sd_bus_add_object_vtable(pair.service(), nullptr, kNetworkPath, kNetworkInterface,
                                            network_interface_vtable(), nullptr),
                   0);
         EXPECT_GE(
-            sd_bus_add_object_vtable(pair_.service(), nullptr, kOddPath, kOddInterface, oddTable, nullptr),
+            sd_bus_add_object_vtable(pair.service(), nullptr, kOddPath, kOddInterface, kOddTable, nullptr),
             0);
     }
 
     CallResult call_oddly(const char* member) const
     {
-        return pair_.call(kOddPath, kOddInterface, member, "d", 2.4);
+        return pair.call(kOddPath, kOddInterface, member, "d", 2.4);
     }
 
     CallResult get(const char* property) const
     {
-        return pair_.call(kNetworkPath, kProperties, "Get", "ss", kNetworkInterface, property);
+        return pair.call(kNetworkPath, kProperties, "Get", "ss", kNetworkInterface, property);
     }
 
     template <typename Value>
     CallResult set(const char* property, const char* type, Value value) const
     {
-        return pair_.call(kNetworkPath, kProperties, "Set", "ssv", kNetworkInterface, property, type, value);
+        return pair.call(kNetworkPath, kProperties, "Set", "ssv", kNetworkInterface, property, type, value);
     }
 
     std::string text(const char* property) const
@@ -135,10 +135,10 @@ protected:
     template <typename... Arguments>
     CallResult call(const char* member, const char* types, Arguments... arguments) const
     {
-        return pair_.call(kNetworkPath, kNetworkInterface, member, types, arguments...);
+        return pair.call(kNetworkPath, kNetworkInterface, member, types, arguments...);
     }
 
-    BusPair pair_;
+    BusPair pair;
 };
 
 void expect_refused(const CallResult& result, const char* name, const char* text)

@@ -24,10 +24,10 @@ extern "C" int sd_event_add_time_relative(sd_event* event, sd_event_source** sou
                                           std::uint64_t usec, std::uint64_t accuracy,
                                           sd_event_time_handler_t callback, void* userdata)
 {
-    static const auto real = reinterpret_cast<decltype(&sd_event_add_time_relative)>(
+    static const auto kReal = reinterpret_cast<decltype(&sd_event_add_time_relative)>(
         dlsym(RTLD_NEXT, "sd_event_add_time_relative"));
     pauses.push_back(static_cast<double>(usec) / 1e6);
-    return real(event, source, clock, 0, accuracy, callback, userdata);
+    return kReal(event, source, clock, 0, accuracy, callback, userdata);
 }
 
 namespace {

@@ -28,9 +28,9 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing_support::PrivateBus;
 
-constexpr const char* service = "com.example.Properties";
-constexpr const char* path = "/com/example/object";
-constexpr const char* interface = "com.example.Interface";
+constexpr const char* kService = "com.example.Properties";
+constexpr const char* kPath = "/com/example/object";
+constexpr const char* kInterface = "com.example.Interface";
 
 template <typename T>
 T held(const std::any& value)
@@ -53,7 +53,7 @@ protected:
     MessagePtr make(const Fill& fill)
     {
         sd_bus_message* message = nullptr;
-        EXPECT_GE(sd_bus_message_new_signal(connection.get(), &message, path, interface, "Signal"), 0);
+        EXPECT_GE(sd_bus_message_new_signal(connection.get(), &message, kPath, kInterface, "Signal"), 0);
         MessagePtr owner(message);
         EXPECT_GE(fill(message), 0);
         EXPECT_GE(sd_bus_message_seal(message, 1, 0), 0);
@@ -254,14 +254,14 @@ TEST_F(ParserTest, FailsAndLeavesNothingWhereThereIsNoDictionary)
 TEST_F(ParserTest, ReadsVariantsNestedAsDeepAsAMessageCanHoldThem)
 {
     // Array, entry and outer variant are three levels of the 64 that D-Bus allows for values.
-    constexpr int depth = 60;
+    constexpr int kDepth = 60;
     const auto value = parse_value("v", [](sd_bus_message* m) {
         int r = 0;
-        for (int level = 0; level < depth; ++level) {
-            r = std::min(r, sd_bus_message_open_container(m, 'v', level + 1 < depth ? "v" : "s"));
+        for (int level = 0; level < kDepth; ++level) {
+            r = std::min(r, sd_bus_message_open_container(m, 'v', level + 1 < kDepth ? "v" : "s"));
         }
         r = std::min(r, sd_bus_message_append(m, "s", "innermost"));
-        for (int level = 0; level < depth; ++level) {
+        for (int level = 0; level < kDepth; ++level) {
             r = std::min(r, sd_bus_message_close_container(m));
         }
         return r;
@@ -271,8 +271,8 @@ TEST_F(ParserTest, ReadsVariantsNestedAsDeepAsAMessageCanHoldThem)
 
 TEST_F(ParserTest, ReadsHugeArrays)
 {
-    constexpr std::size_t size = std::size_t{8} * 1024 * 1024;
-    const std::vector<std::uint8_t> bytes(size, 0x5A);
+    constexpr std::size_t kSize = std::size_t{8} * 1024 * 1024;
+    const std::vector<std::uint8_t> bytes(kSize, 0x5A);
     const auto value = parse_value("ay", [&](sd_bus_message* m) {
         return sd_bus_message_append_array(m, 'y', bytes.data(), bytes.size());
     });
@@ -335,8 +335,8 @@ std::string big_endian_signal()
     entries.align(8).text("SSID").signature("ay").number(3, 4).byte('l').byte('a').byte('b');
     entries.align(8).text("Rates").signature("au").number(8, 4).number(6'000'000, 4).number(1, 4);
     BigEndian fields;
-    fields.byte(1).signature("o").text(path);
-    fields.align(8).byte(2).signature("s").text(interface);
+    fields.byte(1).signature("o").text(kPath);
+    fields.align(8).byte(2).signature("s").text(kInterface);
     fields.align(8).byte(3).signature("s").text("Signal");
     fields.align(8).byte(8).signature("g").signature("a{sv}");
     BigEndian message;
@@ -354,15 +354,15 @@ TEST(ForeignByteOrder, IsReadLikeTheOwn)
 {
     int ends[2] = {-1, -1};
     ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
-    const UniqueFd far_end(ends[1]);
+    const UniqueFd farEnd(ends[1]);
     sd_bus* bus = nullptr;
     ASSERT_GE(sd_bus_new(&bus), 0);
     const BusPtr connection(bus);
     ASSERT_GE(sd_bus_set_fd(bus, ends[0], ends[0]), 0);
-    const std::string far_side =
+    const std::string farSide =
         "DATA\r\nOK 0123456789abcdef0123456789abcdef\r\nAGREE_UNIX_FD\r\n" + big_endian_signal();
-    ASSERT_EQ(::write(far_end.get(), far_side.data(), far_side.size()),
-              static_cast<ssize_t>(far_side.size()));
+    ASSERT_EQ(::write(farEnd.get(), farSide.data(), farSide.size()),
+              static_cast<ssize_t>(farSide.size()));
 
     TypedPropertyMap properties;
     ASSERT_GE(sd_bus_add_filter(
@@ -390,8 +390,8 @@ protected:
 
     CallsTest() : connection(bus.connect())
     {
-        EXPECT_GE(sd_bus_request_name(connection.get(), service, 0), 0);
-        EXPECT_GE(sd_bus_add_object(connection.get(), nullptr, path, &CallsTest::on_call, this), 0);
+        EXPECT_GE(sd_bus_request_name(connection.get(), kService, 0), 0);
+        EXPECT_GE(sd_bus_add_object(connection.get(), nullptr, kPath, &CallsTest::on_call, this), 0);
         // The connection is the thread's until it has ended.
         server = std::thread([this] {
             while (!ended) {
@@ -439,7 +439,7 @@ TEST_F(CallsTest, GetsABoolean)
 {
     answer_with("v", "b", 1);
     bool value = false;
-    EXPECT_GE(GetProperty(nullptr, service, path, interface, "enabled", value, error), 0);
+    EXPECT_GE(GetProperty(nullptr, kService, kPath, kInterface, "enabled", value, error), 0);
     EXPECT_TRUE(value);
     EXPECT_EQ(error, "");
 }
@@ -448,7 +448,7 @@ TEST_F(CallsTest, GetsAString)
 {
     answer_with("v", "s", "Client");
     std::string value;
-    EXPECT_GE(GetProperty(nullptr, service, path, interface, "mode", value, error), 0);
+    EXPECT_GE(GetProperty(nullptr, kService, kPath, kInterface, "mode", value, error), 0);
     EXPECT_EQ(value, "Client");
 }
 
@@ -456,7 +456,7 @@ TEST_F(CallsTest, GetsObjectPathsInOrderInPlaceOfWhatWasThere)
 {
     answer_with("v", "ao", 3, "/b", "/a", "/c");
     std::vector<std::string> value = {"stale"};
-    EXPECT_GE(GetProperty(nullptr, service, path, interface, "BSSs", value, error), 0);
+    EXPECT_GE(GetProperty(nullptr, kService, kPath, kInterface, "BSSs", value, error), 0);
     EXPECT_THAT(value, ElementsAre("/b", "/a", "/c"));
 }
 
@@ -464,7 +464,7 @@ TEST_F(CallsTest, GetsAnEmptyListOfObjectPaths)
 {
     answer_with("v", "ao", 0);
     std::vector<std::string> value = {"stale"};
-    EXPECT_GE(GetProperty(nullptr, service, path, interface, "BSSs", value, error), 0);
+    EXPECT_GE(GetProperty(nullptr, kService, kPath, kInterface, "BSSs", value, error), 0);
     EXPECT_THAT(value, IsEmpty());
 }
 
@@ -473,28 +473,28 @@ TEST_F(CallsTest, AsksForTheInterfaceAndPropertyOnTheCallersConnection)
     std::string asked;
     std::string asker;
     answer = [&](sd_bus_message* call) {
-        const char* of_interface = nullptr;
+        const char* ofInterface = nullptr;
         const char* name = nullptr;
-        sd_bus_message_read(call, "ss", &of_interface, &name);
-        asked = std::string(sd_bus_message_get_member(call)) + " " + of_interface + " " + name;
+        sd_bus_message_read(call, "ss", &ofInterface, &name);
+        asked = std::string(sd_bus_message_get_member(call)) + " " + ofInterface + " " + name;
         asker = sd_bus_message_get_sender(call);
         return sd_bus_reply_method_return(call, "v", "b", 0);
     };
     const BusPtr own = bus.connect();
-    const char* own_name = nullptr;
-    ASSERT_GE(sd_bus_get_unique_name(own.get(), &own_name), 0);
+    const char* ownName = nullptr;
+    ASSERT_GE(sd_bus_get_unique_name(own.get(), &ownName), 0);
     bool value = true;
-    EXPECT_GE(GetProperty(own.get(), service, path, interface, "enabled", value, error), 0);
+    EXPECT_GE(GetProperty(own.get(), kService, kPath, kInterface, "enabled", value, error), 0);
     EXPECT_FALSE(value);
     EXPECT_EQ(asked, "Get com.example.Interface enabled");
-    EXPECT_EQ(asker, own_name);
+    EXPECT_EQ(asker, ownName);
 }
 
 TEST_F(CallsTest, SaysWhichPropertyIsOfWhichWrongTypeAndLeavesTheValue)
 {
     answer_with("v", "s", "yes");
     bool flag = true;
-    EXPECT_LT(GetProperty(nullptr, service, path, interface, "enabled", flag, error), 0);
+    EXPECT_LT(GetProperty(nullptr, kService, kPath, kInterface, "enabled", flag, error), 0);
     EXPECT_TRUE(flag);
     EXPECT_EQ(error, "Property enabled is of type 's', not 'b'");
 }
@@ -503,7 +503,7 @@ TEST_F(CallsTest, RefusesEveryOtherTypeForAStringAndForObjectPaths)
 {
     answer_with("v", "o", "/a/path");
     std::string text = "kept";
-    EXPECT_LT(GetProperty(nullptr, service, path, interface, "mode", text, error), 0);
+    EXPECT_LT(GetProperty(nullptr, kService, kPath, kInterface, "mode", text, error), 0);
     EXPECT_EQ(text, "kept");
     EXPECT_EQ(error, "Property mode is of type 'o', not 's'");
 }
@@ -512,7 +512,7 @@ TEST_F(CallsTest, RefusesStringsForObjectPaths)
 {
     answer_with("v", "as", 1, "/a/path");
     std::vector<std::string> paths = {"kept"};
-    EXPECT_LT(GetProperty(nullptr, service, path, interface, "BSSs", paths, error), 0);
+    EXPECT_LT(GetProperty(nullptr, kService, kPath, kInterface, "BSSs", paths, error), 0);
     EXPECT_THAT(paths, ElementsAre("kept"));
     EXPECT_EQ(error, "Property BSSs is of type 'as', not 'ao'");
 }
@@ -521,7 +521,7 @@ TEST_F(CallsTest, RefusesAReplyWithoutAVariant)
 {
     answer_with("s", "bare");
     std::string text = "kept";
-    EXPECT_LT(GetProperty(nullptr, service, path, interface, "mode", text, error), 0);
+    EXPECT_LT(GetProperty(nullptr, kService, kPath, kInterface, "mode", text, error), 0);
     EXPECT_EQ(text, "kept");
     EXPECT_EQ(error, "The reply for property mode holds 's' in place of a variant");
 }
@@ -530,7 +530,7 @@ TEST_F(CallsTest, RefusesAnEmptyReply)
 {
     answer_with(static_cast<const char*>(nullptr));
     std::string text = "kept";
-    EXPECT_LT(GetProperty(nullptr, service, path, interface, "mode", text, error), 0);
+    EXPECT_LT(GetProperty(nullptr, kService, kPath, kInterface, "mode", text, error), 0);
     EXPECT_EQ(text, "kept");
     EXPECT_THAT(error, HasSubstr("mode"));
 }
@@ -541,10 +541,10 @@ TEST_F(CallsTest, PassesTheErrorTextOfTheService)
         return sd_bus_reply_method_errorf(call, "com.example.Error.Odd", "it is %s", "odd");
     };
     bool flag = true;
-    EXPECT_LT(GetProperty(nullptr, service, path, interface, "enabled", flag, error), 0);
+    EXPECT_LT(GetProperty(nullptr, kService, kPath, kInterface, "enabled", flag, error), 0);
     EXPECT_TRUE(flag);
     EXPECT_EQ(error, "it is odd");
-    EXPECT_LT(SetProperty(nullptr, service, path, interface, "enabled", true, error), 0);
+    EXPECT_LT(SetProperty(nullptr, kService, kPath, kInterface, "enabled", true, error), 0);
     EXPECT_EQ(error, "it is odd");
 }
 
@@ -555,14 +555,14 @@ TEST_F(CallsTest, NamesAnErrorThatHasNoText)
         return sd_bus_reply_method_error(call, &silent);
     };
     bool flag = true;
-    EXPECT_LT(GetProperty(nullptr, service, path, interface, "enabled", flag, error), 0);
+    EXPECT_LT(GetProperty(nullptr, kService, kPath, kInterface, "enabled", flag, error), 0);
     EXPECT_EQ(error, "com.example.Error.Silent");
 }
 
 TEST_F(CallsTest, SaysWhenNobodyOwnsTheName)
 {
     std::string text = "kept";
-    EXPECT_LT(GetProperty(nullptr, "com.example.Nobody", path, interface, "mode", text, error), 0);
+    EXPECT_LT(GetProperty(nullptr, "com.example.Nobody", kPath, kInterface, "mode", text, error), 0);
     EXPECT_EQ(text, "kept");
     EXPECT_THAT(error, HasSubstr("com.example.Nobody"));
 }
@@ -570,7 +570,7 @@ TEST_F(CallsTest, SaysWhenNobodyOwnsTheName)
 TEST_F(CallsTest, RefusesNamesThatDBusDoesNotAllow)
 {
     std::string text = "kept";
-    EXPECT_EQ(GetProperty(nullptr, service, "/has a blank", interface, "mode", text, error), -EINVAL);
+    EXPECT_EQ(GetProperty(nullptr, kService, "/has a blank", kInterface, "mode", text, error), -EINVAL);
     EXPECT_EQ(text, "kept");
     EXPECT_EQ(error, "Invalid argument");
 }
@@ -579,9 +579,9 @@ TEST_F(CallsTest, SetsABooleanAndAString)
 {
     std::vector<std::string> calls;
     answer = [&](sd_bus_message* call) {
-        const char* of_interface = nullptr;
+        const char* ofInterface = nullptr;
         const char* name = nullptr;
-        sd_bus_message_read(call, "ss", &of_interface, &name);
+        sd_bus_message_read(call, "ss", &ofInterface, &name);
         char type = 0;
         const char* contents = nullptr;
         sd_bus_message_peek_type(call, &type, &contents);
@@ -595,13 +595,13 @@ TEST_F(CallsTest, SetsABooleanAndAString)
             sd_bus_message_read(call, "v", "s", &text);
             value = text;
         }
-        calls.push_back(std::string(sd_bus_message_get_member(call)) + " " + of_interface + " " + name + "=" +
+        calls.push_back(std::string(sd_bus_message_get_member(call)) + " " + ofInterface + " " + name + "=" +
                         value);
         return sd_bus_reply_method_return(call, nullptr);
     };
-    EXPECT_GE(SetProperty(nullptr, service, path, interface, "enabled", true, error), 0);
-    EXPECT_GE(SetProperty(nullptr, service, path, interface, "enabled", false, error), 0);
-    EXPECT_GE(SetProperty(nullptr, service, path, interface, "mode", std::string("Client"), error), 0);
+    EXPECT_GE(SetProperty(nullptr, kService, kPath, kInterface, "enabled", true, error), 0);
+    EXPECT_GE(SetProperty(nullptr, kService, kPath, kInterface, "enabled", false, error), 0);
+    EXPECT_GE(SetProperty(nullptr, kService, kPath, kInterface, "mode", std::string("Client"), error), 0);
     EXPECT_EQ(error, "");
     EXPECT_THAT(calls, ElementsAre("Set com.example.Interface enabled=true",
                                    "Set com.example.Interface enabled=false",
@@ -610,9 +610,9 @@ TEST_F(CallsTest, SetsABooleanAndAString)
 
 TEST_F(CallsTest, RefusesToSetTextsThatDBusCannotCarry)
 {
-    EXPECT_EQ(SetProperty(nullptr, service, path, interface, "name", std::string("a\0b", 3), error), -EINVAL);
+    EXPECT_EQ(SetProperty(nullptr, kService, kPath, kInterface, "name", std::string("a\0b", 3), error), -EINVAL);
     EXPECT_EQ(error, "The value for property name holds a NUL character");
-    EXPECT_LT(SetProperty(nullptr, service, path, interface, "name", std::string("\xFF\xFE"), error), 0);
+    EXPECT_LT(SetProperty(nullptr, kService, kPath, kInterface, "name", std::string("\xFF\xFE"), error), 0);
     EXPECT_NE(error, "");
 }
 
@@ -620,7 +620,7 @@ TEST_F(CallsTest, GetsAllPropertiesWithTheirTypes)
 {
     answer_with("a{sv}", 3, "SSID", "ay", 3, 'l', 'a', 'b', "Signal", "n", -40, "Odd", "(i)", 1);
     TypedPropertyMap properties = {{"stale", {"i", std::any(1)}}};
-    ASSERT_GE(GetAllProperties(nullptr, service, path, interface, properties), 0);
+    ASSERT_GE(GetAllProperties(nullptr, kService, kPath, kInterface, properties), 0);
     ASSERT_EQ(properties.size(), 2U);
     EXPECT_EQ(properties["SSID"].first, "ay");
     EXPECT_THAT(held<std::vector<std::uint8_t>>(properties["SSID"].second), ElementsAre('l', 'a', 'b'));
@@ -632,7 +632,7 @@ TEST_F(CallsTest, LeavesNoPropertiesWhenGetAllFails)
 {
     answer = [](sd_bus_message* call) { return sd_bus_reply_method_errorf(call, SD_BUS_ERROR_FAILED, "no"); };
     TypedPropertyMap properties = {{"stale", {"i", std::any(1)}}};
-    EXPECT_LT(GetAllProperties(nullptr, service, path, interface, properties), 0);
+    EXPECT_LT(GetAllProperties(nullptr, kService, kPath, kInterface, properties), 0);
     EXPECT_THAT(properties, IsEmpty());
 }
 
@@ -641,14 +641,14 @@ TEST(CallsWithoutABus, FailAndSaySo)
     ::setenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent/bus", 1);
     std::string error;
     bool flag = true;
-    EXPECT_LT(GetProperty(nullptr, service, path, interface, "enabled", flag, error), 0);
+    EXPECT_LT(GetProperty(nullptr, kService, kPath, kInterface, "enabled", flag, error), 0);
     EXPECT_TRUE(flag);
     EXPECT_THAT(error, HasSubstr("Cannot open the user bus: "));
     error.clear();
-    EXPECT_LT(SetProperty(nullptr, service, path, interface, "enabled", true, error), 0);
+    EXPECT_LT(SetProperty(nullptr, kService, kPath, kInterface, "enabled", true, error), 0);
     EXPECT_THAT(error, HasSubstr("Cannot open the user bus: "));
     TypedPropertyMap properties = {{"stale", {"i", std::any(1)}}};
-    EXPECT_LT(GetAllProperties(nullptr, service, path, interface, properties), 0);
+    EXPECT_LT(GetAllProperties(nullptr, kService, kPath, kInterface, properties), 0);
     EXPECT_THAT(properties, IsEmpty());
 }
 

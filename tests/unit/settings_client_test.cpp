@@ -34,25 +34,25 @@ using testing_support::FakeSettingsDaemon;
 using testing_support::LogLine;
 using testing_support::PrivateBus;
 
-const std::string service = "com.vantora.common.Settings1";
-const std::string networkPath = "/com/vantora/common/Settings1/network";
+const std::string kService = "com.vantora.common.Settings1";
+const std::string kNetworkPath = "/com/vantora/common/Settings1/network";
 
-const std::string getBool =
+const std::string kGetBool =
     "static int32_t Settingsd::SettingsDaemonDbusHandler::GetSetting(const string&, const string&, T&) [with T = bool; int32_t = int; std::__cxx11::string = std::__cxx11::basic_string<char>]";
-const std::string getString =
+const std::string kGetString =
     "static int32_t Settingsd::SettingsDaemonDbusHandler::GetSetting(const string&, const string&, T&) [with T = std::__cxx11::basic_string<char>; int32_t = int; std::__cxx11::string = std::__cxx11::basic_string<char>]";
-const std::string setBool =
+const std::string kSetBool =
     "static int32_t Settingsd::SettingsDaemonDbusHandler::SetSetting(const string&, const string&, T) [with T = bool; int32_t = int; std::__cxx11::string = std::__cxx11::basic_string<char>]";
-const std::string setString =
+const std::string kSetString =
     "static int32_t Settingsd::SettingsDaemonDbusHandler::SetSetting(const string&, const string&, T) [with T = std::__cxx11::basic_string<char>; int32_t = int; std::__cxx11::string = std::__cxx11::basic_string<char>]";
-const std::string resetToDefaults =
+const std::string kResetToDefaults =
     "static int32_t Settingsd::SettingsDaemonDbusHandler::ResetToDefaults(bool)";
-const std::string resetSection =
+const std::string kResetSection =
     "static int32_t Settingsd::SettingsDaemonDbusHandler::ResetSection(const string&)";
-const std::string resetSetting =
+const std::string kResetSetting =
     "static int32_t Settingsd::SettingsDaemonDbusHandler::ResetSetting(const string&, const string&)";
-const std::string listen = "int32_t Settingsd::SettingsDaemonDbusHandler::Listen()";
-const std::string propertiesChanged =
+const std::string kListen = "int32_t Settingsd::SettingsDaemonDbusHandler::Listen()";
+const std::string kPropertiesChanged =
     "static int32_t Settingsd::SettingsDaemonDbusHandler::PropertiesChanged(sd_bus_message*, void*, sd_bus_error*)";
 
 LogLine info(const std::string& text)
@@ -88,8 +88,8 @@ TEST_F(SettingsClient, ReadsASettingAsAPropertyOfItsSection)
     EXPECT_EQ(mode, "Client");
     EXPECT_THAT(
         daemon.calls(),
-        ElementsAre(networkPath + " org.freedesktop.DBus.Properties.Get('" + service + "', 'enabled')",
-                    networkPath + " org.freedesktop.DBus.Properties.Get('" + service + "', 'mode')"));
+        ElementsAre(kNetworkPath + " org.freedesktop.DBus.Properties.Get('" + kService + "', 'enabled')",
+                    kNetworkPath + " org.freedesktop.DBus.Properties.Get('" + kService + "', 'mode')"));
     EXPECT_THAT(captured_log().lines(), IsEmpty());
 }
 
@@ -104,19 +104,19 @@ TEST_F(SettingsClient, AReadThatFailsLeavesTheValueAndLogsTheSettingAndTheLibrar
     EXPECT_EQ(mode, "untouched");
     EXPECT_THAT(
         captured_log().lines(),
-        ElementsAre(error(getBool + ": ERROR sdbus_utils::GetProperty enabled failed no such setting"),
-                    error(getString + ": ERROR sdbus_utils::GetProperty mode failed no such setting")));
+        ElementsAre(error(kGetBool + ": ERROR sdbus_utils::GetProperty enabled failed no such setting"),
+                    error(kGetString + ": ERROR sdbus_utils::GetProperty mode failed no such setting")));
 }
 
 TEST_F(SettingsClient, WritesASettingAsAPropertyOfItsSection)
 {
     EXPECT_GE(SettingsDaemonDbusHandler::SetSetting<bool>("network", "enabled", true), 0);
     EXPECT_GE(SettingsDaemonDbusHandler::SetSetting<std::string>("device", "deviceName", "Cellar"), 0);
-    EXPECT_THAT(daemon.calls(), ElementsAre(networkPath + " org.freedesktop.DBus.Properties.Set('" + service +
+    EXPECT_THAT(daemon.calls(), ElementsAre(kNetworkPath + " org.freedesktop.DBus.Properties.Set('" + kService +
                                                 "', 'enabled', <b true>)",
                                             "/com/vantora/common/Settings1/device "
                                             "org.freedesktop.DBus.Properties.Set('" +
-                                                service + "', 'deviceName', <s 'Cellar'>)"));
+                                                kService + "', 'deviceName', <s 'Cellar'>)"));
     EXPECT_THAT(captured_log().lines(), IsEmpty());
 }
 
@@ -126,8 +126,8 @@ TEST_F(SettingsClient, AWriteThatFailsLogsTheSettingAndTheLibrarysText)
     EXPECT_LT(SettingsDaemonDbusHandler::SetSetting<bool>("network", "enabled", true), 0);
     EXPECT_LT(SettingsDaemonDbusHandler::SetSetting<std::string>("network", "mode", "Host"), 0);
     EXPECT_THAT(captured_log().lines(),
-                ElementsAre(error(setBool + ": ERROR sdbus_utils::SetProperty enabled failed disk full"),
-                            error(setString + ": ERROR sdbus_utils::SetProperty mode failed disk full")));
+                ElementsAre(error(kSetBool + ": ERROR sdbus_utils::SetProperty enabled failed disk full"),
+                            error(kSetString + ": ERROR sdbus_utils::SetProperty mode failed disk full")));
 }
 
 // Resets and whole sections
@@ -142,8 +142,8 @@ TEST_F(SettingsClient, ResetsGoToTheBaseObjectWithTheirArguments)
     EXPECT_THAT(daemon.calls(),
                 ElementsAre(object + "ResetToDefaults(true)", object + "ResetToDefaults(false)",
                             object + "ResetSection('network')", object + "ResetSetting('network', 'mode')"));
-    EXPECT_THAT(captured_log().lines(), ElementsAre(info(resetToDefaults), info(resetToDefaults),
-                                                    info(resetSection), info(resetSetting)));
+    EXPECT_THAT(captured_log().lines(), ElementsAre(info(kResetToDefaults), info(kResetToDefaults),
+                                                    info(kResetSection), info(kResetSetting)));
 }
 
 TEST_F(SettingsClient, AResetThatIsRefusedReturnsAndLogsTheCode)
@@ -155,16 +155,16 @@ TEST_F(SettingsClient, AResetThatIsRefusedReturnsAndLogsTheCode)
     EXPECT_EQ(SettingsDaemonDbusHandler::ResetSection("network"), -EACCES);
     EXPECT_EQ(SettingsDaemonDbusHandler::ResetSetting("network", "mode"), -EACCES);
     const std::string failure = ":sd_bus_call_method call failed (r = -13)";
-    EXPECT_THAT(captured_log().lines(), ElementsAre(info(resetToDefaults), error(resetToDefaults + failure),
-                                                    info(resetSection), error(resetSection + failure),
-                                                    info(resetSetting), error(resetSetting + failure)));
+    EXPECT_THAT(captured_log().lines(), ElementsAre(info(kResetToDefaults), error(kResetToDefaults + failure),
+                                                    info(kResetSection), error(kResetSection + failure),
+                                                    info(kResetSetting), error(kResetSetting + failure)));
 }
 
 TEST_F(SettingsClient, AResetWithoutABusReturnsTheCodeAndLogsNothingFurther)
 {
     bus.stop();
     EXPECT_LT(SettingsDaemonDbusHandler::ResetSection("network"), 0);
-    EXPECT_THAT(captured_log().lines(), ElementsAre(info(resetSection)));
+    EXPECT_THAT(captured_log().lines(), ElementsAre(info(kResetSection)));
 }
 
 TEST_F(SettingsClient, ReadsAWholeSectionWithTypes)
@@ -179,7 +179,7 @@ TEST_F(SettingsClient, ReadsAWholeSectionWithTypes)
     EXPECT_TRUE(std::any_cast<bool>(settings["enabled"].second));
     EXPECT_EQ(std::any_cast<std::string>(settings["mode"].second), "Host");
     EXPECT_THAT(daemon.calls(),
-                ElementsAre(networkPath + " org.freedesktop.DBus.Properties.GetAll('" + service + "')"));
+                ElementsAre(kNetworkPath + " org.freedesktop.DBus.Properties.GetAll('" + kService + "')"));
     EXPECT_THAT(captured_log().lines(), IsEmpty());
 }
 
@@ -262,7 +262,7 @@ void fill_enabled(sd_bus_message* message)
 
 TEST_F(Notifications, AreEmittedForAllSectionsAndThenForTheirOwn)
 {
-    EXPECT_EQ(handle(signal_from(networkPath.c_str(), fill_enabled)), 0);
+    EXPECT_EQ(handle(signal_from(kNetworkPath.c_str(), fill_enabled)), 0);
     EXPECT_THAT(heard, ElementsAre("all: network enabled:b=true", "network enabled:b=true"));
     EXPECT_THAT(captured_log().lines(), IsEmpty());
 }
@@ -302,45 +302,45 @@ TEST_F(Notifications, WithoutASlashInThePathAreRejected)
     ASSERT_GE(sd_bus_message_new(connection.get(), &message, SD_BUS_MESSAGE_SIGNAL), 0);
     EXPECT_EQ(handle(finished(message, fill_enabled)), -1);
     EXPECT_THAT(heard, IsEmpty());
-    EXPECT_THAT(captured_log().lines(), ElementsAre(error(propertiesChanged + ": Failed to find / in path")));
+    EXPECT_THAT(captured_log().lines(), ElementsAre(error(kPropertiesChanged + ": Failed to find / in path")));
 }
 
 TEST_F(Notifications, WithAPathThatEndsInASlashAreRejected)
 {
     EXPECT_EQ(handle(signal_from("/", fill_enabled)), -1);
     EXPECT_THAT(heard, IsEmpty());
-    EXPECT_THAT(captured_log().lines(), ElementsAre(error(propertiesChanged + ": Mallformed path string")));
+    EXPECT_THAT(captured_log().lines(), ElementsAre(error(kPropertiesChanged + ": Mallformed path string")));
 }
 
 TEST_F(Notifications, ThatDoNotBeginWithAnInterfaceNameAreRejected)
 {
-    EXPECT_EQ(handle(signal_from(networkPath.c_str(),
+    EXPECT_EQ(handle(signal_from(kNetworkPath.c_str(),
                                  [](sd_bus_message* message) { sd_bus_message_append(message, "i", 1); })),
               -1);
-    EXPECT_EQ(handle(signal_from(networkPath.c_str(), [](sd_bus_message*) {})), -1);
+    EXPECT_EQ(handle(signal_from(kNetworkPath.c_str(), [](sd_bus_message*) {})), -1);
     EXPECT_THAT(heard, IsEmpty());
-    const LogLine rejection = error(propertiesChanged + ": Failed to skip interface string");
+    const LogLine rejection = error(kPropertiesChanged + ": Failed to skip interface string");
     EXPECT_THAT(captured_log().lines(), ElementsAre(rejection, rejection));
 }
 
 TEST_F(Notifications, WithoutAMapOfSettingsAreRejectedWithTheParsersCode)
 {
     EXPECT_EQ(
-        handle(signal_from(networkPath.c_str(),
+        handle(signal_from(kNetworkPath.c_str(),
                            [](sd_bus_message* message) { sd_bus_message_append(message, "ss", "", ""); })),
         -1);
     EXPECT_THAT(heard, IsEmpty());
     ASSERT_EQ(captured_log().lines().size(), 1U);
     const LogLine line = captured_log().lines().front();
     EXPECT_EQ(line.priority, LOG_ERR);
-    const std::string rejection = propertiesChanged + ": ParsePropertiesWithType failed:";
+    const std::string rejection = kPropertiesChanged + ": ParsePropertiesWithType failed:";
     EXPECT_THAT(line.text, StartsWith(rejection + "-"));
     EXPECT_LT(std::stoi(line.text.substr(rejection.size())), 0);
 }
 
 TEST_F(Notifications, NeverFailForTheTypesOfOtherSettings)
 {
-    EXPECT_EQ(handle(signal_from(networkPath.c_str(),
+    EXPECT_EQ(handle(signal_from(kNetworkPath.c_str(),
                                  [](sd_bus_message* message) {
                                      sd_bus_message_append(message, "s", "");
                                      sd_bus_message_open_container(message, 'a', "{sv}");
@@ -365,7 +365,7 @@ TEST_F(Notifications, RunTheirSlotsInTheOrderOfConnection)
     std::vector<int> order;
     other.section_signal("network")->connect([&](const PropertyMap&) { order.push_back(1); });
     other.section_signal("network")->connect([&](const PropertyMap&) { order.push_back(2); });
-    const MessagePtr message = signal_from(networkPath.c_str(), fill_enabled);
+    const MessagePtr message = signal_from(kNetworkPath.c_str(), fill_enabled);
     EXPECT_EQ(SettingsDaemonDbusHandler::PropertiesChanged(message.get(), &other, nullptr), 0);
     EXPECT_THAT(order, ElementsAre(1, 2));
 }
@@ -373,7 +373,7 @@ TEST_F(Notifications, RunTheirSlotsInTheOrderOfConnection)
 TEST_F(Notifications, AreHeardFromTheBusOnceListening)
 {
     ASSERT_EQ(client.Listen(), 0);
-    daemon.emit(networkPath.c_str(), fill_enabled);
+    daemon.emit(kNetworkPath.c_str(), fill_enabled);
     ASSERT_TRUE(loop.run_until([&] { return heard.size() >= 2; }));
     EXPECT_THAT(heard, ElementsAre("all: network enabled:b=true", "network enabled:b=true"));
     EXPECT_THAT(captured_log().lines(), IsEmpty());
@@ -383,7 +383,7 @@ TEST_F(Notifications, AreNotFollowedWithoutABus)
 {
     bus.stop();
     EXPECT_LT(client.Listen(), 0);
-    EXPECT_THAT(captured_log().lines(), ElementsAre(error(listen + ": Failed to connect to dbus")));
+    EXPECT_THAT(captured_log().lines(), ElementsAre(error(kListen + ": Failed to connect to dbus")));
 }
 
 TEST(Sections, AreTwentyNineAndThoseInUseAreAmongThem)

@@ -19,7 +19,7 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
-const std::array schema = {
+const std::array kSchema = {
     Setting{"network", "enabled", true},
     Setting{"network", "mode", "Host"},
     Setting{"display", "brightness", 80},
@@ -27,7 +27,7 @@ const std::array schema = {
 
 TEST(SettingsDocument, TakesAValidFileAsItIs)
 {
-    const Document document = parse_document(R"({"network": {"enabled": false, "mode": "Client"}})", schema);
+    const Document document = parse_document(R"({"network": {"enabled": false, "mode": "Client"}})", kSchema);
     EXPECT_FALSE(document.damaged);
     EXPECT_THAT(document.findings, IsEmpty());
     EXPECT_EQ(document.root, json({{"network", {{"enabled", false}, {"mode", "Client"}}}}));
@@ -36,13 +36,13 @@ TEST(SettingsDocument, TakesAValidFileAsItIs)
 TEST(SettingsDocument, SurvivesBeingWrittenAndRead)
 {
     const json root = {{"network", {{"mode", "Zürich \"1\" \\ \n"}}}};
-    EXPECT_EQ(parse_document(to_text(root), schema).root, root);
+    EXPECT_EQ(parse_document(to_text(root), kSchema).root, root);
 }
 
 TEST(SettingsDocument, KeepsAndReportsUnknownKeysWithoutCallingThemDamage)
 {
     const json root = {{"network", {{"enabled", false}, {"channel", 6}}}, {"future", {{"a", {1, 2}}}}};
-    const Document document = parse_document(root.dump(), schema);
+    const Document document = parse_document(root.dump(), kSchema);
     EXPECT_FALSE(document.damaged);
     EXPECT_EQ(document.root, root);
     EXPECT_THAT(document.findings, Contains("unknown setting network.channel is kept"));
@@ -51,7 +51,7 @@ TEST(SettingsDocument, KeepsAndReportsUnknownKeysWithoutCallingThemDamage)
 
 TEST(SettingsDocument, DropsValuesOfAWrongTypeAndKeepsTheirNeighbours)
 {
-    const Document document = parse_document(R"({"network": {"enabled": "yes", "mode": "Client"}})", schema);
+    const Document document = parse_document(R"({"network": {"enabled": "yes", "mode": "Client"}})", kSchema);
     EXPECT_TRUE(document.damaged);
     EXPECT_EQ(document.root, json({{"network", {{"mode", "Client"}}}}));
     EXPECT_THAT(document.findings, Contains("setting network.enabled is not of type 'b'"));
@@ -59,7 +59,7 @@ TEST(SettingsDocument, DropsValuesOfAWrongTypeAndKeepsTheirNeighbours)
 
 TEST(SettingsDocument, DropsASectionThatIsNoObject)
 {
-    const Document document = parse_document(R"({"network": [true], "display": {"brightness": 5}})", schema);
+    const Document document = parse_document(R"({"network": [true], "display": {"brightness": 5}})", kSchema);
     EXPECT_TRUE(document.damaged);
     EXPECT_EQ(document.root, json({{"display", {{"brightness", 5}}}}));
     EXPECT_THAT(document.findings, Contains("section network is not an object"));
@@ -68,7 +68,7 @@ TEST(SettingsDocument, DropsASectionThatIsNoObject)
 TEST(SettingsDocument, CallsEverythingThatIsNoObjectDamaged)
 {
     for (const char* text : {"[]", "null", "7", "\"text\"", "", "   ", "\x01\x02"}) {
-        const Document document = parse_document(text, schema);
+        const Document document = parse_document(text, kSchema);
         EXPECT_TRUE(document.damaged) << text;
         EXPECT_EQ(document.root, json::object()) << text;
     }
@@ -77,7 +77,7 @@ TEST(SettingsDocument, CallsEverythingThatIsNoObjectDamaged)
 TEST(SettingsDocument, KeepsWhatStandsBeforeTheDamage)
 {
     const Document document = parse_document(
-        R"({"display": {"brightness": 5}, "network": {"enabled": false, "mode": "Cli)", schema);
+        R"({"display": {"brightness": 5}, "network": {"enabled": false, "mode": "Cli)", kSchema);
     EXPECT_TRUE(document.damaged);
     EXPECT_THAT(document.findings, Contains("not valid JSON"));
     EXPECT_EQ(document.root, json({{"display", {{"brightness", 5}}}, {"network", {{"enabled", false}}}}));
@@ -85,7 +85,7 @@ TEST(SettingsDocument, KeepsWhatStandsBeforeTheDamage)
 
 TEST(SettingsDocument, DoesNotKeepAWrongTypeFromADamagedFile)
 {
-    const Document document = parse_document(R"({"network": {"enabled": 1, "mode": "Client"},)", schema);
+    const Document document = parse_document(R"({"network": {"enabled": 1, "mode": "Client"},)", kSchema);
     EXPECT_TRUE(document.damaged);
     EXPECT_EQ(document.root, json({{"network", {{"mode", "Client"}}}}));
 }
@@ -96,7 +96,7 @@ TEST(SettingsDocument, IsReadWhereverItIsCutOff)
                         {"network", {{"enabled", false}, {"mode", "Client"}}}};
     const std::string text = whole.dump();
     for (std::size_t size = 0; size < text.size(); ++size) {
-        const Document document = parse_document(text.substr(0, size), schema);
+        const Document document = parse_document(text.substr(0, size), kSchema);
         EXPECT_TRUE(document.damaged) << size;
         for (const auto& [section, settings] : document.root.items()) {
             for (const auto& [key, value] : settings.items()) {
@@ -113,7 +113,7 @@ TEST(SettingsDocument, IsReadInATimeThatGrowsWithItsLength)
         large["f" + std::to_string(i)] = {{"x", 1}};
     }
     const std::clock_t before = std::clock();
-    const Document document = parse_document(large.dump(), schema);
+    const Document document = parse_document(large.dump(), kSchema);
     const double seconds = static_cast<double>(std::clock() - before) / CLOCKS_PER_SEC;
     EXPECT_EQ(document.root.size(), large.size());
     EXPECT_LT(seconds, 5) << "of the processor's time; each section looked at the others once: 17";
@@ -125,10 +125,10 @@ TEST(SettingsDocument, NamesAFewUnknownThingsAndCountsTheRest)
     for (int i = 0; i < 50; ++i) {
         root["network"]["key" + std::to_string(i)] = i;
     }
-    const Document document = parse_document(root.dump(), schema);
+    const Document document = parse_document(root.dump(), kSchema);
     EXPECT_EQ(document.findings.size(), 11U);
     EXPECT_EQ(document.findings.back(), "41 more unknown sections and settings are kept");
-    const Document longName = parse_document(json({{std::string(63, 'x') + "\xC3\xBC", 1}}).dump(), schema);
+    const Document longName = parse_document(json({{std::string(63, 'x') + "\xC3\xBC", 1}}).dump(), kSchema);
     EXPECT_THAT(longName.findings, ElementsAre("unknown section " + std::string(63, 'x') + "... is kept"));
 }
 
@@ -136,7 +136,7 @@ TEST(SettingsDocument, DoesNotTakeInADepthThatWouldOverflowTheStack)
 {
     const std::string arrays = std::string(500000, '[') + std::string(500000, ']');
     const Document document =
-        parse_document("{\"network\": {\"mode\": \"Client\"}, \"future\": " + arrays + "}", schema);
+        parse_document("{\"network\": {\"mode\": \"Client\"}, \"future\": " + arrays + "}", kSchema);
     EXPECT_TRUE(document.damaged);
     EXPECT_EQ(document.root, json({{"network", {{"mode", "Client"}}}}));
     EXPECT_THAT(to_text(document.root), HasSubstr("Client"));
@@ -144,8 +144,8 @@ TEST(SettingsDocument, DoesNotTakeInADepthThatWouldOverflowTheStack)
 
 TEST(SettingsDocument, TakesNoTextThatDBusCannotCarry)
 {
-    EXPECT_TRUE(parse_document(R"({"network": {"mode": "a\u0000b"}})", schema).damaged);
-    EXPECT_TRUE(parse_document("{\"network\": {\"mode\": \"\xFF\"}}", schema).damaged);
+    EXPECT_TRUE(parse_document(R"({"network": {"mode": "a\u0000b"}})", kSchema).damaged);
+    EXPECT_TRUE(parse_document("{\"network\": {\"mode\": \"\xFF\"}}", kSchema).damaged);
 }
 
 TEST(SettingsDocument, TakesWholeNumbersWithinTheirRangeOnly)
@@ -169,7 +169,7 @@ TEST(Salvage, TakesNothingFromOtherPlacesThanSettings)
 TEST(SettingsDocument, KeepsWhateverAnotherVersionStores)
 {
     const json root = json::parse(R"({"future": {"a": null, "b": -7, "c": 1.5, "d": 18446744073709551615}})");
-    EXPECT_EQ(parse_document(root.dump(), schema).root, root);
+    EXPECT_EQ(parse_document(root.dump(), kSchema).root, root);
 }
 
 TEST(Salvage, TakesNeitherFractionsNorNothing)

@@ -25,17 +25,17 @@ int connectResult = 0;
 int listenResult = 0;
 std::vector<std::string> calls;
 
-const char* const listenName = "int32_t Settingsd::SettingsDaemonDbusHandler::Listen()";
+const char* const kListenName = "int32_t Settingsd::SettingsDaemonDbusHandler::Listen()";
 
 LogLine error(const std::string& text)
 {
     return {LOG_ERR, text};
 }
 
-const LogLine notConnected = error(std::string(listenName) + ": Failed to connect to dbus");
-const LogLine notRegistered =
-    error(std::string(listenName) + ": Failed to register PropertiesChanged signal");
-const LogLine notListening = error("LibDbusHelper::Storage: Failed to init signal listeners");
+const LogLine kNotConnected = error(std::string(kListenName) + ": Failed to connect to dbus");
+const LogLine kNotRegistered =
+    error(std::string(kListenName) + ": Failed to register PropertiesChanged signal");
+const LogLine kNotListening = error("LibDbusHelper::Storage: Failed to init signal listeners");
 
 /** What Listen() returns when the helper's two calls return these numbers. */
 int32_t listen_with(int connect, int listen)
@@ -94,13 +94,13 @@ int DbusListener::ListenSignal(const std::string& sender, const std::string& pat
 
 namespace {
 
-const char* const registration =
+const char* const kRegistration =
     "ListenSignal 'com.vantora.common.Settings1' '' 'org.freedesktop.DBus.Properties' 'PropertiesChanged'";
 
 TEST(Listen, FollowsEveryObjectOfTheSettingsDaemon)
 {
     EXPECT_EQ(listen_with(0, 0), 0);
-    EXPECT_THAT(calls, ElementsAre("Connect", registration));
+    EXPECT_THAT(calls, ElementsAre("Connect", kRegistration));
     EXPECT_THAT(captured_log().lines(), IsEmpty());
 }
 
@@ -108,36 +108,36 @@ TEST(Listen, StopsWhenConnectingFails)
 {
     EXPECT_EQ(listen_with(-111, 0), -111);
     EXPECT_THAT(calls, ElementsAre("Connect"));
-    EXPECT_THAT(captured_log().lines(), ElementsAre(notConnected));
+    EXPECT_THAT(captured_log().lines(), ElementsAre(kNotConnected));
 }
 
 TEST(Listen, DisconnectsWhenRegisteringFails)
 {
     EXPECT_EQ(listen_with(0, -22), -22);
-    EXPECT_THAT(calls, ElementsAre("Connect", registration, "Disconnect"));
-    EXPECT_THAT(captured_log().lines(), ElementsAre(notRegistered, notListening));
+    EXPECT_THAT(calls, ElementsAre("Connect", kRegistration, "Disconnect"));
+    EXPECT_THAT(captured_log().lines(), ElementsAre(kNotRegistered, kNotListening));
 }
 
 TEST(Listen, TakesAPositiveResultOfConnectingForAFailure)
 {
     EXPECT_EQ(listen_with(1, 0), 1);
-    EXPECT_THAT(calls, ElementsAre("Connect", registration, "Disconnect"));
-    EXPECT_THAT(captured_log().lines(), ElementsAre(notListening));
+    EXPECT_THAT(calls, ElementsAre("Connect", kRegistration, "Disconnect"));
+    EXPECT_THAT(captured_log().lines(), ElementsAre(kNotListening));
 }
 
 TEST(Listen, TakesAPositiveResultOfRegisteringForAFailure)
 {
     EXPECT_EQ(listen_with(0, 2), 2);
-    EXPECT_THAT(calls, ElementsAre("Connect", registration, "Disconnect"));
-    EXPECT_THAT(captured_log().lines(), ElementsAre(notListening));
+    EXPECT_THAT(calls, ElementsAre("Connect", kRegistration, "Disconnect"));
+    EXPECT_THAT(captured_log().lines(), ElementsAre(kNotListening));
 }
 
 TEST(Listen, CombinesBothResultsBitByBit)
 {
     EXPECT_EQ(listen_with(1, 2), 3);
-    EXPECT_THAT(captured_log().lines(), ElementsAre(notListening));
+    EXPECT_THAT(captured_log().lines(), ElementsAre(kNotListening));
     EXPECT_EQ(listen_with(1, -22), 1 | -22);
-    EXPECT_THAT(captured_log().lines(), ElementsAre(notRegistered, notListening));
+    EXPECT_THAT(captured_log().lines(), ElementsAre(kNotRegistered, kNotListening));
 }
 
 } // namespace

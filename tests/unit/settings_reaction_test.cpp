@@ -94,7 +94,7 @@ protected:
     }
 };
 
-const std::string longName(33, 'x');
+const std::string kLongName(33, 'x');
 
 TEST_F(SettingsChanged, TakesEachKnownSettingInKeyOrderWithoutStoringIt)
 {
@@ -108,10 +108,10 @@ TEST_F(SettingsChanged, TakesEachKnownSettingInKeyOrderWithoutStoringIt)
 TEST_F(SettingsChanged, PassesValuesOnAsTheyAre)
 {
     settings_changed({{"enabled", {"b", false}},
-                      {"deviceName", {"s", longName}},
+                      {"deviceName", {"s", kLongName}},
                       {"frequency", {"s", std::string()}},
                       {"mode", {"s", std::string("host")}}});
-    EXPECT_THAT(calls, ElementsAre("SSID " + longName, "state 0", "frequency ", "mode host"));
+    EXPECT_THAT(calls, ElementsAre("SSID " + kLongName, "state 0", "frequency ", "mode host"));
 }
 
 TEST_F(SettingsChanged, IgnoresKnownNamesOfAnotherType)

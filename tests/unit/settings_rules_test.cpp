@@ -30,7 +30,7 @@ struct Case
     std::string reason;
 };
 
-const std::vector<Case> cases = {
+const std::vector<Case> kCases = {
     {"network",
      "mode",
      {"Host", "Client"},
@@ -64,7 +64,7 @@ const std::vector<Case> cases = {
 
 TEST(SettingsRules, AllowWhatASettingMayBe)
 {
-    for (const Case& one : cases) {
+    for (const Case& one : kCases) {
         for (const Value& value : one.allowed) {
             EXPECT_EQ(refusal_of(setting(one.section, one.key), value), "")
                 << one.key << ": " << testing::PrintToString(value);
@@ -74,7 +74,7 @@ TEST(SettingsRules, AllowWhatASettingMayBe)
 
 TEST(SettingsRules, RefuseEverythingElseAndSayWhy)
 {
-    for (const Case& one : cases) {
+    for (const Case& one : kCases) {
         for (const Value& value : one.refused) {
             EXPECT_EQ(refusal_of(setting(one.section, one.key), value), one.reason)
                 << one.key << ": " << testing::PrintToString(value);

@@ -29,22 +29,22 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing_support::TempFolder;
 
-const std::array schema = {
+const std::array kSchema = {
     Setting{"device", "deviceName", "Unit-1", Belongs::ToOwner},
     Setting{"network", "enabled", true},
     Setting{"network", "mode", "Host"},
     Setting{"display", "brightness", 80, Belongs::ToProduct, refusal_of_brightness},
 };
-const Setting& device_name = schema[0];
-const Setting& enabled = schema[1];
-const Setting& mode = schema[2];
-const Setting& brightness = schema[3];
+const Setting& deviceName = kSchema[0];
+const Setting& enabled = kSchema[1];
+const Setting& mode = kSchema[2];
+const Setting& brightness = kSchema[3];
 
 /** A store whose file is in a folder of the test's. */
 class SettingsStoreTest : public testing::Test
 {
 protected:
-    SettingsStore make_store() const { return {folder.file("settings.json"), schema}; }
+    SettingsStore make_store() const { return {folder.file("settings.json"), kSchema}; }
 
     SettingsStore load_store() const
     {
@@ -66,7 +66,7 @@ protected:
     {
         const TempFolder other;
         std::filesystem::copy(folder.file("settings.json"), other.file("settings.json"));
-        SettingsStore store(other.file("settings.json"), schema);
+        SettingsStore store(other.file("settings.json"), kSchema);
         EXPECT_THAT(findings_of(store), IsEmpty());
         return store.get(setting);
     }
@@ -244,11 +244,11 @@ TEST_F(SettingsStoreTest, RefusesAWriteThatWouldMakeTheFileLargerThanItReads)
     findings_of(store);
     EXPECT_EQ(set(store, mode, "Client"), 0);
     const std::string before = folder.read("settings.json");
-    EXPECT_EQ(set(store, device_name, std::string(200, 'x')), -EFBIG);
-    EXPECT_EQ(store.get(device_name), Value("Unit-1"));
+    EXPECT_EQ(set(store, deviceName, std::string(200, 'x')), -EFBIG);
+    EXPECT_EQ(store.get(deviceName), Value("Unit-1"));
     EXPECT_EQ(folder.read("settings.json"), before);
 
-    SettingsStore again(folder.file("copy.json"), schema);
+    SettingsStore again(folder.file("copy.json"), kSchema);
     std::filesystem::copy(folder.file("settings.json"), folder.file("copy.json"));
     EXPECT_THAT(findings_of(again), ElementsAre("unknown section future is kept"))
         << "what was written is read";
@@ -356,7 +356,7 @@ TEST_F(SettingsStoreTest, LeavesADamagedFileAloneThatCannotBeKeptAside)
 
 TEST_F(SettingsStoreTest, RefusesChangesWhereItCannotLockItsFile)
 {
-    SettingsStore store(folder.file("none/settings.json"), schema);
+    SettingsStore store(folder.file("none/settings.json"), kSchema);
     std::vector<std::string> findings;
     EXPECT_EQ(store.load(findings), -ENOENT);
     EXPECT_THAT(
@@ -387,7 +387,7 @@ TEST_F(SettingsStoreTest, SharesNoFileThatIsReachedThroughALinkEither)
     folder.write("settings.json", "{}");
     ASSERT_EQ(::symlink("settings.json", folder.file("link.json").c_str()), 0);
     const SettingsStore first = load_store();
-    SettingsStore second(folder.file("link.json"), schema);
+    SettingsStore second(folder.file("link.json"), kSchema);
     std::vector<std::string> findings;
     EXPECT_EQ(second.load(findings), -EBUSY);
 }
@@ -495,12 +495,12 @@ TEST_F(SettingsStoreTest, KeepsTheOldValueAndFileWhenThereIsNoRoomForTheNewOne)
     const std::string before = folder.read("settings.json");
     {
         const FileSizeLimit limit(64);
-        EXPECT_EQ(set(store, device_name, std::string(200, 'x')), -EFBIG);
+        EXPECT_EQ(set(store, deviceName, std::string(200, 'x')), -EFBIG);
     }
-    EXPECT_EQ(store.get(device_name), Value("Unit-1"));
+    EXPECT_EQ(store.get(deviceName), Value("Unit-1"));
     EXPECT_EQ(folder.read("settings.json"), before);
     EXPECT_THAT(files(), ElementsAre("settings.json"));
-    EXPECT_EQ(set(store, device_name, std::string(200, 'x')), 0);
+    EXPECT_EQ(set(store, deviceName, std::string(200, 'x')), 0);
 }
 
 TEST_F(SettingsStoreTest, KeepsTheOldFileWhenItCannotBeReplaced)
@@ -535,16 +535,16 @@ TEST_F(SettingsStoreTest, DoesNotFollowALinkInPlaceOfItsTemporaryFile)
 
 TEST(DeviceSchema, HasTheSettingsThatTheNetworkManagerKeeps)
 {
-    const auto default_of = [](const char* section, const char* key) -> Value {
+    const auto defaultOf = [](const char* section, const char* key) -> Value {
         const Setting* setting = find_setting(device_schema(), section, key);
         EXPECT_NE(setting, nullptr) << section << "." << key;
         return setting != nullptr ? setting->defaultValue : Value("missing");
     };
-    EXPECT_EQ(default_of("network", "enabled"), Value(true));
-    EXPECT_EQ(default_of("network", "mode"), Value("Host"));
-    EXPECT_EQ(default_of("network", "frequency"), Value("2.4"));
-    EXPECT_EQ(default_of("development", "killWifiOnBoot"), Value(false));
-    EXPECT_TRUE(std::holds_alternative<std::string>(default_of("device", "deviceName")));
+    EXPECT_EQ(defaultOf("network", "enabled"), Value(true));
+    EXPECT_EQ(defaultOf("network", "mode"), Value("Host"));
+    EXPECT_EQ(defaultOf("network", "frequency"), Value("2.4"));
+    EXPECT_EQ(defaultOf("development", "killWifiOnBoot"), Value(false));
+    EXPECT_TRUE(std::holds_alternative<std::string>(defaultOf("device", "deviceName")));
 }
 
 TEST(DeviceSchema, NamesADeviceByModelAndSerialNumber)

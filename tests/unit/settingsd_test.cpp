@@ -34,8 +34,8 @@ using testing_support::ChildProcess;
 using testing_support::PrivateBus;
 using testing_support::TempFolder;
 
-constexpr const char* service = "com.vantora.common.Settings1";
-constexpr const char* base_path = "/com/vantora/common/Settings1";
+constexpr const char* kService = "com.vantora.common.Settings1";
+constexpr const char* kBasePath = "/com/vantora/common/Settings1";
 
 std::string daemon_program()
 {
@@ -59,7 +59,7 @@ public:
     std::string next() const
     {
         pollfd waiting = {socket_.get(), POLLIN, 0};
-        const auto timeout = std::chrono::milliseconds(testing_support::patience).count();
+        const auto timeout = std::chrono::milliseconds(testing_support::kPatience).count();
         if (::poll(&waiting, 1, static_cast<int>(timeout)) <= 0) {
             return {};
         }
@@ -102,7 +102,7 @@ private:
 
 /** What a client was answered: the error's name and text, both empty when all went well. */
 using Answer = std::pair<std::string, std::string>;
-const Answer success = {};
+const Answer kSuccess = {};
 
 class SettingsdTest : public testing::Test
 {
@@ -126,13 +126,13 @@ protected:
         ASSERT_EQ(notify.next(), "READY=1");
     }
 
-    static std::string path_of(const std::string& section) { return std::string(base_path) + "/" + section; }
+    static std::string path_of(const std::string& section) { return std::string(kBasePath) + "/" + section; }
 
     template <typename... Arguments>
     Answer set(const std::string& section, const char* key, const char* type, Arguments... value)
     {
         BusError error;
-        sd_bus_set_property(client.get(), service, path_of(section).c_str(), service, key, error.get(), type,
+        sd_bus_set_property(client.get(), kService, path_of(section).c_str(), kService, key, error.get(), type,
                             value...);
         return answer_of(error);
     }
@@ -141,7 +141,7 @@ protected:
     Answer call(const char* method, const char* types, Arguments... arguments)
     {
         BusError error;
-        sd_bus_call_method(client.get(), service, base_path, service, method, error.get(), nullptr, types,
+        sd_bus_call_method(client.get(), kService, kBasePath, kService, method, error.get(), nullptr, types,
                            arguments...);
         return answer_of(error);
     }
@@ -149,7 +149,7 @@ protected:
     std::string get_string(const std::string& section, const char* key)
     {
         char* text = nullptr;
-        sd_bus_get_property_string(client.get(), service, path_of(section).c_str(), service, key, nullptr,
+        sd_bus_get_property_string(client.get(), kService, path_of(section).c_str(), kService, key, nullptr,
                                    &text);
         const std::string value = text != nullptr ? text : "<failed>";
         std::free(text);
@@ -159,7 +159,7 @@ protected:
     int get_number(const std::string& section, const char* key, char type)
     {
         int value = -1;
-        sd_bus_get_property_trivial(client.get(), service, path_of(section).c_str(), service, key, nullptr,
+        sd_bus_get_property_trivial(client.get(), kService, path_of(section).c_str(), kService, key, nullptr,
                                     type, &value);
         return value;
     }
@@ -172,7 +172,7 @@ protected:
     /** Notes each change signal as "section key=value ..."; to be called before what causes them. */
     void listen()
     {
-        const std::string match = std::string("type='signal',sender='") + service +
+        const std::string match = std::string("type='signal',sender='") + kService +
                                   "',interface='org.freedesktop.DBus.Properties',member='PropertiesChanged'";
         ASSERT_GE(sd_bus_add_match(client.get(), nullptr, match.c_str(), note_change, this), 0);
     }
@@ -215,9 +215,9 @@ protected:
 
     json stored() const { return json::parse(folder.read("state/settings.json")); }
 
-    int stop(int signal_number)
+    int stop(int signalNumber)
     {
-        daemon->send(signal_number);
+        daemon->send(signalNumber);
         return daemon->wait();
     }
 
@@ -243,16 +243,16 @@ TEST_F(SettingsdTest, ServesTheDefaults)
 TEST_F(SettingsdTest, OwnsItsNameBeforeItIsReady)
 {
     start();
-    EXPECT_GE(sd_bus_get_name_creds(client.get(), service, 0, nullptr), 0);
+    EXPECT_GE(sd_bus_get_name_creds(client.get(), kService, 0, nullptr), 0);
 }
 
 TEST_F(SettingsdTest, AnswersAWriteOnceItIsOnTheDiskAndKeepsItOverAKill)
 {
     start();
-    EXPECT_EQ(set("network", "mode", "s", "Client"), success);
+    EXPECT_EQ(set("network", "mode", "s", "Client"), kSuccess);
     EXPECT_EQ(stored(), json({{"network", {{"mode", "Client"}}}}));
-    EXPECT_EQ(set("network", "enabled", "b", 0), success);
-    EXPECT_EQ(set("display", "brightness", "i", 7), success);
+    EXPECT_EQ(set("network", "enabled", "b", 0), kSuccess);
+    EXPECT_EQ(set("display", "brightness", "i", 7), kSuccess);
     stop(SIGKILL);
     start();
     EXPECT_EQ(get_string("network", "mode"), "Client");
@@ -264,11 +264,11 @@ TEST_F(SettingsdTest, AnnouncesRealChangesOnlyWithTheirNewValues)
 {
     start();
     listen();
-    EXPECT_EQ(set("network", "mode", "s", "Host"), success);
-    EXPECT_EQ(set("network", "mode", "s", "Client"), success);
-    EXPECT_EQ(set("network", "mode", "s", "Client"), success);
-    EXPECT_EQ(set("network", "enabled", "b", 0), success);
-    EXPECT_EQ(set("device", "deviceName", "s", "Kitchen"), success);
+    EXPECT_EQ(set("network", "mode", "s", "Host"), kSuccess);
+    EXPECT_EQ(set("network", "mode", "s", "Client"), kSuccess);
+    EXPECT_EQ(set("network", "mode", "s", "Client"), kSuccess);
+    EXPECT_EQ(set("network", "enabled", "b", 0), kSuccess);
+    EXPECT_EQ(set("device", "deviceName", "s", "Kitchen"), kSuccess);
     EXPECT_THAT(announced(),
                 ElementsAre("network mode=Client", "network enabled=0", "device deviceName=Kitchen"));
 }
@@ -276,31 +276,31 @@ TEST_F(SettingsdTest, AnnouncesRealChangesOnlyWithTheirNewValues)
 TEST_F(SettingsdTest, ResetsEverythingOrAllButWhatIsTheOwners)
 {
     start();
-    const std::string factory_name = get_string("device", "deviceName");
-    ASSERT_EQ(set("network", "mode", "s", "Client"), success);
-    ASSERT_EQ(set("network", "enabled", "b", 0), success);
-    ASSERT_EQ(set("device", "deviceName", "s", "Kitchen"), success);
+    const std::string factoryName = get_string("device", "deviceName");
+    ASSERT_EQ(set("network", "mode", "s", "Client"), kSuccess);
+    ASSERT_EQ(set("network", "enabled", "b", 0), kSuccess);
+    ASSERT_EQ(set("device", "deviceName", "s", "Kitchen"), kSuccess);
     listen();
-    EXPECT_EQ(call("ResetToDefaults", "b", 0), success);
+    EXPECT_EQ(call("ResetToDefaults", "b", 0), kSuccess);
     EXPECT_EQ(get_string("device", "deviceName"), "Kitchen");
     EXPECT_EQ(stored(), json({{"device", {{"deviceName", "Kitchen"}}}}));
-    EXPECT_EQ(call("ResetToDefaults", "b", 1), success);
-    EXPECT_EQ(get_string("device", "deviceName"), factory_name);
+    EXPECT_EQ(call("ResetToDefaults", "b", 1), kSuccess);
+    EXPECT_EQ(get_string("device", "deviceName"), factoryName);
     EXPECT_EQ(stored(), json::object());
-    EXPECT_EQ(call("ResetToDefaults", "b", 1), success);
-    EXPECT_THAT(announced(), ElementsAre("network enabled=1 mode=Host", "device deviceName=" + factory_name));
+    EXPECT_EQ(call("ResetToDefaults", "b", 1), kSuccess);
+    EXPECT_THAT(announced(), ElementsAre("network enabled=1 mode=Host", "device deviceName=" + factoryName));
 }
 
 TEST_F(SettingsdTest, ResetsASectionAndASetting)
 {
     start();
-    ASSERT_EQ(set("network", "mode", "s", "Client"), success);
-    ASSERT_EQ(set("network", "frequency", "s", "5"), success);
-    ASSERT_EQ(set("display", "brightness", "i", 1), success);
+    ASSERT_EQ(set("network", "mode", "s", "Client"), kSuccess);
+    ASSERT_EQ(set("network", "frequency", "s", "5"), kSuccess);
+    ASSERT_EQ(set("display", "brightness", "i", 1), kSuccess);
     listen();
-    EXPECT_EQ(call("ResetSetting", "ss", "network", "mode"), success);
+    EXPECT_EQ(call("ResetSetting", "ss", "network", "mode"), kSuccess);
     EXPECT_EQ(get_string("network", "frequency"), "5");
-    EXPECT_EQ(call("ResetSection", "s", "network"), success);
+    EXPECT_EQ(call("ResetSection", "s", "network"), kSuccess);
     EXPECT_EQ(get_number("display", "brightness", 'i'), 1);
     EXPECT_THAT(announced(), ElementsAre("network mode=Host", "network frequency=2.4"));
 }
@@ -362,14 +362,14 @@ TEST_F(SettingsdTest, RefusesChangesUntilItsFileCanBeReadAndThenAnnouncesWhatIsI
     ASSERT_EQ(::renameat2(AT_FDCWD, folder.file("state/readable").c_str(), AT_FDCWD,
                           folder.file("state/settings.json").c_str(), RENAME_EXCHANGE),
               0);
-    const auto deadline = std::chrono::steady_clock::now() + testing_support::patience;
+    const auto deadline = std::chrono::steady_clock::now() + testing_support::kPatience;
     while (changes.size() < 2 && std::chrono::steady_clock::now() < deadline) {
         if (sd_bus_process(client.get(), nullptr) == 0) {
-            sd_bus_wait(client.get(), std::chrono::microseconds(testing_support::patience).count());
+            sd_bus_wait(client.get(), std::chrono::microseconds(testing_support::kPatience).count());
         }
     }
     EXPECT_THAT(changes, ElementsAre("device deviceName=Kitchen", "network mode=Client"));
-    EXPECT_EQ(set("network", "enabled", "b", 0), success);
+    EXPECT_EQ(set("network", "enabled", "b", 0), kSuccess);
     EXPECT_EQ(stored(), json::parse(R"({"device": {"deviceName": "Kitchen"},
                                         "network": {"enabled": false, "mode": "Client"}})"));
 }
@@ -380,13 +380,13 @@ TEST_F(SettingsdTest, FailsWhenAnotherProcessHasItsFile)
     const PrivateBus otherBus(testing_support::BusRole::User);
     ChildProcess second({daemon_program(), "--state", folder.file("state/settings.json")});
     EXPECT_EQ(second.wait(), 1);
-    EXPECT_EQ(set("network", "mode", "s", "Client"), success);
+    EXPECT_EQ(set("network", "mode", "s", "Client"), kSuccess);
 }
 
 TEST_F(SettingsdTest, RefusesAWriteThatCannotBeStoredAndKeepsTheOldValue)
 {
     start();
-    ASSERT_EQ(set("network", "mode", "s", "Client"), success);
+    ASSERT_EQ(set("network", "mode", "s", "Client"), kSuccess);
     listen();
     std::filesystem::remove_all(folder.file("state"));
     EXPECT_EQ(
@@ -407,7 +407,7 @@ TEST_F(SettingsdTest, OutlivesADiskWithoutRoom)
     });
     EXPECT_EQ(set("device", "deviceName", "s", std::string(32, 'x').c_str()),
               Answer("org.freedesktop.DBus.Error.IOError", "Cannot store device.deviceName: File too large"));
-    EXPECT_EQ(set("network", "mode", "s", "Client"), success);
+    EXPECT_EQ(set("network", "mode", "s", "Client"), kSuccess);
 }
 
 TEST_F(SettingsdTest, ServesWhatItCanReadOfADamagedFile)
@@ -423,7 +423,7 @@ TEST_F(SettingsdTest, ListsItsSectionsThroughTheObjectManager)
 {
     start();
     sd_bus_message* answer = nullptr;
-    ASSERT_GE(sd_bus_call_method(client.get(), service, base_path, "org.freedesktop.DBus.ObjectManager",
+    ASSERT_GE(sd_bus_call_method(client.get(), kService, kBasePath, "org.freedesktop.DBus.ObjectManager",
                                  "GetManagedObjects", nullptr, &answer, nullptr),
               0);
     const MessagePtr reply(answer);
@@ -463,7 +463,7 @@ TEST_F(SettingsdTest, SaysNothingWhileAllIsWell)
 {
     Terminal terminal;
     start([&] { terminal.take_errors(); });
-    EXPECT_EQ(set("network", "mode", "s", "Client"), success);
+    EXPECT_EQ(set("network", "mode", "s", "Client"), kSuccess);
     EXPECT_EQ(stop(SIGTERM), 0);
     EXPECT_EQ(terminal.text(), "");
 }
@@ -503,7 +503,7 @@ TEST_F(SettingsdTest, FailsWhenTheNameIsTaken)
 
 TEST_F(SettingsdTest, TellsItsVersionAndItsOptions)
 {
-    const auto output_of = [&](const char* option) {
+    const auto outputOf = [&](const char* option) {
         const std::string file = folder.file("output");
         ChildProcess program({daemon_program(), option}, [&] {
             ::dup2(::open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), STDOUT_FILENO);
@@ -511,9 +511,9 @@ TEST_F(SettingsdTest, TellsItsVersionAndItsOptions)
         EXPECT_EQ(program.wait(), 0);
         return folder.read("output");
     };
-    EXPECT_THAT(output_of("--version"),
+    EXPECT_THAT(outputOf("--version"),
                 testing::MatchesRegex("vantora-settingsd [0-9]+\\.[0-9]+\\.[0-9]+\n"));
-    EXPECT_THAT(output_of("--help"), HasSubstr("--state FILE"));
+    EXPECT_THAT(outputOf("--help"), HasSubstr("--state FILE"));
 }
 
 TEST_F(SettingsdTest, RefusesACommandLineThatItDoesNotUnderstand)

@@ -22,8 +22,8 @@ extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attribute
     if (threadsAreUsedUp) {
         return EAGAIN;
     }
-    static const auto real = reinterpret_cast<decltype(&pthread_create)>(dlsym(RTLD_NEXT, "pthread_create"));
-    return real(thread, attributes, run, argument);
+    static const auto kReal = reinterpret_cast<decltype(&pthread_create)>(dlsym(RTLD_NEXT, "pthread_create"));
+    return kReal(thread, attributes, run, argument);
 }
 
 namespace {

@@ -13,13 +13,13 @@ namespace {
 
 using namespace std::string_literals;
 
-const std::string lost = "\xEF\xBF\xBD";
+const std::string kLost = "\xEF\xBF\xBD";
 
 std::string lost_times(int count)
 {
     std::string text;
     for (int i = 0; i < count; ++i) {
-        text += lost;
+        text += kLost;
     }
     return text;
 }
@@ -37,18 +37,18 @@ TEST(Utf8Text, LeavesValidTextAlone)
 
 TEST(Utf8Text, ReplacesEachByteThatIsNoPartOfASequence)
 {
-    EXPECT_EQ(utf8_text("\x80"), lost);
+    EXPECT_EQ(utf8_text("\x80"), kLost);
     EXPECT_EQ(utf8_text("\xFF\xFE"), lost_times(2));
-    EXPECT_EQ(utf8_text("a\xC3"), "a" + lost);
+    EXPECT_EQ(utf8_text("a\xC3"), "a" + kLost);
     EXPECT_EQ(utf8_text("\xC3"
                         "a"),
-              lost + "a");
+              kLost + "a");
     EXPECT_EQ(utf8_text("\xE2\x82"
                         "a"),
               lost_times(2) + "a");
     EXPECT_EQ(utf8_text("\xF0\x9F\x93"), lost_times(3));
     EXPECT_EQ(utf8_text("\xF8\x88\x80\x80\x80"), lost_times(5));
-    EXPECT_EQ(utf8_text("\xE2\xE2\x82\xAC"), lost + "\xE2\x82\xAC");
+    EXPECT_EQ(utf8_text("\xE2\xE2\x82\xAC"), kLost + "\xE2\x82\xAC");
 }
 
 TEST(Utf8Text, ReplacesWhatIsEncodedInTooManyBytes)
@@ -73,7 +73,7 @@ TEST(Utf8Text, ReplacesCodePointsThatAreNoCharacters)
 
 TEST(Utf8Text, ReplacesEachNul)
 {
-    EXPECT_EQ(utf8_text("a\0b\0"s), "a" + lost + "b" + lost);
+    EXPECT_EQ(utf8_text("a\0b\0"s), "a" + kLost + "b" + kLost);
 }
 
 TEST(Utf8Text, IsAlwaysATextThatTheBusLibrarySends)

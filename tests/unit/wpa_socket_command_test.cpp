@@ -37,7 +37,7 @@ struct
 } library;
 
 /** Stands for a connection; never looked into. */
-wpa_ctrl* const connection = reinterpret_cast<wpa_ctrl*>(&library);
+wpa_ctrl* const kConnection = reinterpret_cast<wpa_ctrl*>(&library);
 
 class WpaSocketCommand : public testing::Test
 {
@@ -78,7 +78,7 @@ TEST_F(WpaSocketCommand, without_a_connection_is_dropped_and_nobody_is_asked)
 TEST_F(WpaSocketCommand, sends_the_command_and_pads_the_reply_with_nuls)
 {
     library.reply = "PONG\n";
-    EXPECT_EQ(wpa_socket_cmd(connection, "PING", area.data(), 32), 0);
+    EXPECT_EQ(wpa_socket_cmd(kConnection, "PING", area.data(), 32), 0);
     EXPECT_THAT(library.requests, ElementsAre("PING"));
     EXPECT_EQ(library.room, 4095U);
     EXPECT_TRUE(library.zeroed);
@@ -88,11 +88,11 @@ TEST_F(WpaSocketCommand, sends_the_command_and_pads_the_reply_with_nuls)
 
 TEST_F(WpaSocketCommand, is_waited_for_ten_seconds_in_all_or_until_the_given_time)
 {
-    wpa_socket_cmd(connection, "PING", area.data(), 32);
+    wpa_socket_cmd(kConnection, "PING", area.data(), 32);
     EXPECT_LE(library.left, std::chrono::seconds(10));
     EXPECT_GT(library.left, std::chrono::seconds(5));
 
-    wpa_socket_cmd(connection, "PING", area.data(), 32,
+    wpa_socket_cmd(kConnection, "PING", area.data(), 32,
                    std::chrono::steady_clock::now() + std::chrono::hours(1));
     EXPECT_GT(library.left, std::chrono::minutes(50));
 }
@@ -100,14 +100,14 @@ TEST_F(WpaSocketCommand, is_waited_for_ten_seconds_in_all_or_until_the_given_tim
 TEST_F(WpaSocketCommand, a_reply_that_fills_the_area_has_no_nul)
 {
     library.reply = std::string(32, 'a');
-    EXPECT_EQ(wpa_socket_cmd(connection, "STA-FIRST", area.data(), 32), 0);
+    EXPECT_EQ(wpa_socket_cmd(kConnection, "STA-FIRST", area.data(), 32), 0);
     EXPECT_EQ(area, std::string(32, 'a') + std::string(8, '#'));
 }
 
 TEST_F(WpaSocketCommand, a_longer_reply_is_cut_to_the_area)
 {
     library.reply = std::string(5000, 'b');
-    EXPECT_EQ(wpa_socket_cmd(connection, "STA-FIRST", area.data(), 32), 0);
+    EXPECT_EQ(wpa_socket_cmd(kConnection, "STA-FIRST", area.data(), 32), 0);
     EXPECT_EQ(area, std::string(32, 'b') + std::string(8, '#'));
 }
 
@@ -115,21 +115,21 @@ TEST_F(WpaSocketCommand, no_more_than_the_buffer_is_copied_to_a_larger_area)
 {
     library.reply = std::string(5000, 'c');
     std::string large(5000, '#');
-    EXPECT_EQ(wpa_socket_cmd(connection, "STATUS", large.data(), large.size()), 0);
+    EXPECT_EQ(wpa_socket_cmd(kConnection, "STATUS", large.data(), large.size()), 0);
     EXPECT_EQ(large, std::string(4095, 'c') + std::string(1, '\0') + std::string(904, '#'));
 }
 
 TEST_F(WpaSocketCommand, a_reply_ends_at_its_first_nul)
 {
     library.reply = std::string("ab\0cd", 5);
-    EXPECT_EQ(wpa_socket_cmd(connection, "STATUS", area.data(), 8), 0);
+    EXPECT_EQ(wpa_socket_cmd(kConnection, "STATUS", area.data(), 8), 0);
     EXPECT_EQ(area, "ab" + std::string(6, '\0') + std::string(32, '#'));
 }
 
 TEST_F(WpaSocketCommand, an_area_of_no_size_is_left_alone)
 {
     library.reply = "PONG\n";
-    EXPECT_EQ(wpa_socket_cmd(connection, "PING", area.data(), 0), 0);
+    EXPECT_EQ(wpa_socket_cmd(kConnection, "PING", area.data(), 0), 0);
     EXPECT_EQ(area, std::string(40, '#'));
 }
 
@@ -138,7 +138,7 @@ TEST_F(WpaSocketCommand, a_failure_is_passed_on)
     for (const int result : {-1, -2}) {
         captured_log().clear();
         library.result = result;
-        EXPECT_EQ(wpa_socket_cmd(connection, "STA-NEXT 02:00", area.data(), 32), result);
+        EXPECT_EQ(wpa_socket_cmd(kConnection, "STA-NEXT 02:00", area.data(), 32), result);
         EXPECT_EQ(area, std::string(40, '#'));
         EXPECT_THAT(captured_log().lines(),
                     ElementsAre(line(LOG_ERR, "wpa_socket_cmd: 'STA-NEXT 02:00' command failed.")));
@@ -150,7 +150,7 @@ TEST_F(WpaSocketCommand, a_reply_that_starts_with_fail_is_a_refusal)
     for (const char* reply : {"FAIL", "FAIL\n", "FAIL-BUSY\n", "FAILURE"}) {
         captured_log().clear();
         library.reply = reply;
-        EXPECT_EQ(wpa_socket_cmd(connection, "PING", area.data(), 32), -2) << reply;
+        EXPECT_EQ(wpa_socket_cmd(kConnection, "PING", area.data(), 32), -2) << reply;
         EXPECT_EQ(area, std::string(40, '#'));
         EXPECT_THAT(captured_log().lines(),
                     ElementsAre(line(LOG_ERR, "wpa_socket_cmd: 'PING' received 'FAIL' status.")));
@@ -161,7 +161,7 @@ TEST_F(WpaSocketCommand, a_reply_that_only_resembles_a_refusal_is_none)
 {
     for (const char* reply : {"", "FAI", "fail\n", " FAIL", "UNKNOWN COMMAND\n"}) {
         library.reply = reply;
-        EXPECT_EQ(wpa_socket_cmd(connection, "PING", area.data(), 32), 0) << reply;
+        EXPECT_EQ(wpa_socket_cmd(kConnection, "PING", area.data(), 32), 0) << reply;
         EXPECT_STREQ(area.c_str(), reply);
     }
     EXPECT_THAT(captured_log().lines(), IsEmpty());

@@ -57,7 +57,7 @@ public:
         }
     }
 
-    void Start() override { StartListening(directory.c_str()); }
+    void Start() override { start_listening(directory.c_str()); }
 
     /** Waits until there are so many events and returns them all. */
     std::vector<std::string> events(size_t count)
@@ -624,17 +624,17 @@ TEST_F(ReplacedDaemon, one_that_was_replaced_before_it_could_be_connected_to_is_
 
 TEST_F(WpaSocketListenerTest, many_starts_and_stops_leave_no_descriptor_behind)
 {
-    const auto open_descriptors = [] {
+    const auto openDescriptors = [] {
         const int next = dup(STDIN_FILENO);
         close(next);
         return next;
     };
-    const int before = open_descriptors();
+    const int before = openDescriptors();
     for (int round = 0; round < 100; ++round) {
         listener.Restart();
         listener.Stop();
     }
-    EXPECT_EQ(open_descriptors(), before);
+    EXPECT_EQ(openDescriptors(), before);
 }
 
 // wpa_supplicant's listener

@@ -61,18 +61,18 @@ extern "C" int sd_bus_add_match_async(sd_bus* bus, sd_bus_slot** slot, const cha
                                       sd_bus_message_handler_t callback, sd_bus_message_handler_t installed,
                                       void* userdata)
 {
-    static auto* const original =
+    static auto* const kOriginal =
         reinterpret_cast<decltype(sd_bus_add_match_async)*>(dlsym(RTLD_NEXT, "sd_bus_add_match_async"));
-    return matchesLeft-- > 0 ? original(bus, slot, match, callback, installed, userdata) : -ENOMEM;
+    return matchesLeft-- > 0 ? kOriginal(bus, slot, match, callback, installed, userdata) : -ENOMEM;
 }
 
 extern "C" int sd_bus_add_match(sd_bus* bus, sd_bus_slot** slot, const char* match,
                                 sd_bus_message_handler_t callback, void* userdata)
 {
-    static auto* const original =
+    static auto* const kOriginal =
         reinterpret_cast<decltype(sd_bus_add_match)*>(dlsym(RTLD_NEXT, "sd_bus_add_match"));
     const bool ofTheStation = std::string(match).find("fi.w1.wpa_supplicant1") != std::string::npos;
-    return ofTheStation && matchesLeft-- <= 0 ? -ENOMEM : original(bus, slot, match, callback, userdata);
+    return ofTheStation && matchesLeft-- <= 0 ? -ENOMEM : kOriginal(bus, slot, match, callback, userdata);
 }
 
 namespace {

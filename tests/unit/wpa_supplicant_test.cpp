@@ -91,11 +91,11 @@ int sd_bus_message_new_method_call(sd_bus* bus, sd_bus_message** message, const 
                                    const char* path, const char* interface, const char* member)
 {
     using Function = decltype(sd_bus_message_new_method_call);
-    static auto* const original =
+    static auto* const kOriginal =
         reinterpret_cast<Function*>(dlsym(RTLD_NEXT, "sd_bus_message_new_method_call"));
     // Opening a bus makes messages, too.
     const bool allowed = creatable || std::string(member) != "AddNetwork";
-    return allowed ? original(bus, message, destination, path, interface, member) : -ENOMEM;
+    return allowed ? kOriginal(bus, message, destination, path, interface, member) : -ENOMEM;
 }
 }
 

@@ -99,8 +99,8 @@ int open(const char* path, int flags, ...)
     va_start(arguments, flags);
     const mode_t mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(arguments, mode_t) : 0;
     va_end(arguments);
-    static auto* const next = reinterpret_cast<int (*)(const char*, int, ...)>(dlsym(RTLD_NEXT, "open"));
-    return fails("open", path) ? -1 : next(path, flags, mode);
+    static auto* const kNext = reinterpret_cast<int (*)(const char*, int, ...)>(dlsym(RTLD_NEXT, "open"));
+    return fails("open", path) ? -1 : kNext(path, flags, mode);
 }
 
 int open64(const char* path, int flags, ...)
@@ -109,63 +109,63 @@ int open64(const char* path, int flags, ...)
     va_start(arguments, flags);
     const mode_t mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(arguments, mode_t) : 0;
     va_end(arguments);
-    static auto* const next = reinterpret_cast<int (*)(const char*, int, ...)>(dlsym(RTLD_NEXT, "open64"));
-    return fails("open", path) ? -1 : next(path, flags, mode);
+    static auto* const kNext = reinterpret_cast<int (*)(const char*, int, ...)>(dlsym(RTLD_NEXT, "open64"));
+    return fails("open", path) ? -1 : kNext(path, flags, mode);
 }
 
 FILE* fopen(const char* path, const char* mode)
 {
-    static auto* const next = real(fopen, "fopen");
-    return fails("open", path) ? nullptr : next(path, mode);
+    static auto* const kNext = real(fopen, "fopen");
+    return fails("open", path) ? nullptr : kNext(path, mode);
 }
 
 FILE* fopen64(const char* path, const char* mode)
 {
-    static auto* const next = real(fopen64, "fopen64");
-    return fails("open", path) ? nullptr : next(path, mode);
+    static auto* const kNext = real(fopen64, "fopen64");
+    return fails("open", path) ? nullptr : kNext(path, mode);
 }
 
 ssize_t read(int fd, void* data, size_t size)
 {
-    static auto* const next = real(read, "read");
-    return fails("read", fd) ? -1 : next(fd, data, size);
+    static auto* const kNext = real(read, "read");
+    return fails("read", fd) ? -1 : kNext(fd, data, size);
 }
 
 ssize_t write(int fd, const void* data, size_t size)
 {
-    static auto* const next = real(write, "write");
-    return fails("write", fd) ? -1 : next(fd, data, size);
+    static auto* const kNext = real(write, "write");
+    return fails("write", fd) ? -1 : kNext(fd, data, size);
 }
 
 ssize_t writev(int fd, const iovec* parts, int count)
 {
-    static auto* const next = real(writev, "writev");
-    return fails("write", fd) ? -1 : next(fd, parts, count);
+    static auto* const kNext = real(writev, "writev");
+    return fails("write", fd) ? -1 : kNext(fd, parts, count);
 }
 
 int fsync(int fd)
 {
-    static auto* const next = real(fsync, "fsync");
-    return fails("fsync", fd) ? -1 : next(fd);
+    static auto* const kNext = real(fsync, "fsync");
+    return fails("fsync", fd) ? -1 : kNext(fd);
 }
 
 int rename(const char* from, const char* to) noexcept
 {
-    static auto* const next = reinterpret_cast<int (*)(const char*, const char*)>(dlsym(RTLD_NEXT, "rename"));
-    return fails("rename", to) ? -1 : next(from, to);
+    static auto* const kNext = reinterpret_cast<int (*)(const char*, const char*)>(dlsym(RTLD_NEXT, "rename"));
+    return fails("rename", to) ? -1 : kNext(from, to);
 }
 
 int renameat2(int fromFolder, const char* from, int toFolder, const char* to, unsigned flags) noexcept
 {
-    static auto* const next = reinterpret_cast<int (*)(int, const char*, int, const char*, unsigned)>(
+    static auto* const kNext = reinterpret_cast<int (*)(int, const char*, int, const char*, unsigned)>(
         dlsym(RTLD_NEXT, "renameat2"));
-    return fails("rename", to) ? -1 : next(fromFolder, from, toFolder, to, flags);
+    return fails("rename", to) ? -1 : kNext(fromFolder, from, toFolder, to, flags);
 }
 
 int unlink(const char* path) noexcept
 {
-    static auto* const next = reinterpret_cast<int (*)(const char*)>(dlsym(RTLD_NEXT, "unlink"));
-    return fails("unlink", path) ? -1 : next(path);
+    static auto* const kNext = reinterpret_cast<int (*)(const char*)>(dlsym(RTLD_NEXT, "unlink"));
+    return fails("unlink", path) ? -1 : kNext(path);
 }
 
 } // extern "C"

@@ -45,6 +45,9 @@ protected:
     DbusConnector(sd_event* event, BusType busType);
     ~DbusConnector();
 
+private:
+    friend class DbusListener;
+
     struct State;
     std::unique_ptr<State> state_;
 };
