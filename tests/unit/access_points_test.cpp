@@ -118,7 +118,7 @@ int GetAllProperties(sd_bus*, const std::string&, const std::string& path, const
 
 namespace {
 
-TEST_F(AccessPointList, holds_every_field_of_a_bss)
+TEST_F(AccessPointList, HoldsEveryFieldOfABss)
 {
     add_bss(std::string("nul\0\xff", 5), -45, true, {"sae", "wpa-psk"});
     AccessPoints list;
@@ -131,7 +131,7 @@ TEST_F(AccessPointList, holds_every_field_of_a_bss)
     EXPECT_TRUE(list[0].wpa_psk);
 }
 
-TEST_F(AccessPointList, of_equal_names_is_the_path_of_the_strongest)
+TEST_F(AccessPointList, OfEqualNamesIsThePathOfTheStrongest)
 {
     add_bss("cafe", -70, true, {"wpa-psk"});
     add_bss("cafe", -40, false, {});
@@ -143,7 +143,7 @@ TEST_F(AccessPointList, of_equal_names_is_the_path_of_the_strongest)
     EXPECT_FALSE(list[0].wpa_psk);
 }
 
-TEST_F(AccessPointList, names_that_differ_after_a_nul_are_two)
+TEST_F(AccessPointList, NamesThatDifferAfterANulAreTwo)
 {
     add_bss(std::string("net\0a", 5), -40, true, {});
     add_bss(std::string("net\0b", 5), -50, true, {});
@@ -152,7 +152,7 @@ TEST_F(AccessPointList, names_that_differ_after_a_nul_are_two)
     EXPECT_EQ(list.size(), 2U);
 }
 
-TEST_F(AccessPointList, goes_on_behind_a_bss_that_is_asked_for_in_vain)
+TEST_F(AccessPointList, GoesOnBehindABssThatIsAskedForInVain)
 {
     for (const char* name : {"a", "b", "c", "d"}) {
         add_bss(name, -40, true, {});
@@ -164,7 +164,7 @@ TEST_F(AccessPointList, goes_on_behind_a_bss_that_is_asked_for_in_vain)
     EXPECT_EQ(air.asked, 4);
 }
 
-TEST_F(AccessPointList, ends_where_wpa_supplicant_hangs)
+TEST_F(AccessPointList, EndsWhereWpaSupplicantHangs)
 {
     for (const char* name : {"a", "b", "c", "d", "e"}) {
         add_bss(name, -40, true, {});
@@ -177,7 +177,7 @@ TEST_F(AccessPointList, ends_where_wpa_supplicant_hangs)
     EXPECT_EQ(air.asked, 3);
 }
 
-TEST_F(AccessPointList, of_a_hundred_thousand_names_is_made_in_a_moment)
+TEST_F(AccessPointList, OfAHundredThousandNamesIsMadeInAMoment)
 {
     // Compared with one another they would take minutes, and the test would run into its time limit.
     constexpr int kNames = 100'000;
@@ -189,7 +189,7 @@ TEST_F(AccessPointList, of_a_hundred_thousand_names_is_made_in_a_moment)
     EXPECT_EQ(list.size(), static_cast<size_t>(kNames));
 }
 
-TEST_F(AccessPointList, is_a_failure_without_a_bus_for_the_list_or_for_the_details)
+TEST_F(AccessPointList, IsAFailureWithoutABusForTheListOrForTheDetails)
 {
     add_bss("cafe", -40, true, {});
     AccessPoints list;
@@ -206,7 +206,7 @@ TEST_F(AccessPointList, is_a_failure_without_a_bus_for_the_list_or_for_the_detai
                     LogLine{LOG_ERR, "wpa_supplicant_get_access_point_details: Failed to open system bus"}));
 }
 
-TEST_F(AccessPointList, is_a_silent_failure_when_the_list_can_not_be_read)
+TEST_F(AccessPointList, IsASilentFailureWhenTheListCanNotBeRead)
 {
     add_bss("cafe", -40, true, {});
     air.listed = -ENXIO;
@@ -216,14 +216,14 @@ TEST_F(AccessPointList, is_a_silent_failure_when_the_list_can_not_be_read)
     EXPECT_THAT(captured_log().lines(), ElementsAre(LogLine{LOG_INFO, "[WPA] Get access points"}));
 }
 
-TEST_F(AccessPointList, is_a_success_when_it_is_empty)
+TEST_F(AccessPointList, IsASuccessWhenItIsEmpty)
 {
     AccessPoints list;
     EXPECT_EQ(wpa_supplicant_get_access_points(list), 1);
     EXPECT_THAT(list, IsEmpty());
 }
 
-TEST_F(AccessPointList, raises_what_a_value_of_another_type_raises)
+TEST_F(AccessPointList, RaisesWhatAValueOfAnotherTypeRaises)
 {
     add_bss("cafe", -40, true, {});
     AccessPoints list;
@@ -237,7 +237,7 @@ TEST_F(AccessPointList, raises_what_a_value_of_another_type_raises)
 
 // What a network is good for
 
-TEST_F(AccessPointList, a_network_is_supported_when_it_is_open_or_offers_wpa_psk)
+TEST_F(AccessPointList, ANetworkIsSupportedWhenItIsOpenOrOffersWpaPsk)
 {
     add_bss("open", -40, false, {});
     add_bss("psk", -40, true, {"wpa-eap", "wpa-psk"});
@@ -253,14 +253,14 @@ TEST_F(AccessPointList, a_network_is_supported_when_it_is_open_or_offers_wpa_psk
     EXPECT_FALSE(wpa_supplicant_is_network_supported(""));
 }
 
-TEST_F(AccessPointList, the_strongest_decides_whether_a_network_is_supported)
+TEST_F(AccessPointList, TheStrongestDecidesWhetherANetworkIsSupported)
 {
     add_bss("cafe", -40, true, {"wpa-eap"});
     add_bss("cafe", -70, false, {});
     EXPECT_FALSE(wpa_supplicant_is_network_supported("cafe"));
 }
 
-TEST_F(AccessPointList, no_network_is_supported_when_none_can_be_listed)
+TEST_F(AccessPointList, NoNetworkIsSupportedWhenNoneCanBeListed)
 {
     EXPECT_FALSE(wpa_supplicant_is_network_supported("open"));
     add_bss("open", -40, false, {});

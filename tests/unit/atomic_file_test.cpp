@@ -77,14 +77,14 @@ extern "C" int rename(const char* from, const char* to)
     return result != 0 ? result : static_cast<int>(syscall(SYS_renameat2, AT_FDCWD, from, AT_FDCWD, to, 0));
 }
 
-TEST_F(ReplaceFile, syncs_the_new_contents_before_they_take_the_name_and_the_folder_after)
+TEST_F(ReplaceFile, SyncsTheNewContentsBeforeTheyTakeTheNameAndTheFolderAfter)
 {
     EXPECT_EQ(settingsd::replace_file(path, "brand new", settled), 0);
     EXPECT_THAT(steps, ElementsAre("sync file of 9", "rename", "sync folder"));
     EXPECT_EQ(folder.read("settings.json"), "brand new");
 }
 
-TEST_F(ReplaceFile, keeps_the_old_contents_when_the_new_can_not_be_synced)
+TEST_F(ReplaceFile, KeepsTheOldContentsWhenTheNewCanNotBeSynced)
 {
     failing = {"sync file of 9"};
     EXPECT_EQ(settingsd::replace_file(path, "brand new", settled), -EIO);
@@ -92,14 +92,14 @@ TEST_F(ReplaceFile, keeps_the_old_contents_when_the_new_can_not_be_synced)
     EXPECT_EQ(folder.read("settings.json"), "old");
 }
 
-TEST_F(ReplaceFile, keeps_the_old_contents_when_they_can_not_be_replaced)
+TEST_F(ReplaceFile, KeepsTheOldContentsWhenTheyCanNotBeReplaced)
 {
     failing = {"rename"};
     EXPECT_EQ(settingsd::replace_file(path, "brand new", settled), -EIO);
     EXPECT_EQ(folder.read("settings.json"), "old");
 }
 
-TEST_F(ReplaceFile, gives_the_old_contents_their_name_back_when_the_folder_can_not_be_synced)
+TEST_F(ReplaceFile, GivesTheOldContentsTheirNameBackWhenTheFolderCanNotBeSynced)
 {
     failing = {"sync folder"};
     EXPECT_EQ(settingsd::replace_file(path, "brand new", settled), -EIO);
@@ -109,7 +109,7 @@ TEST_F(ReplaceFile, gives_the_old_contents_their_name_back_when_the_folder_can_n
     EXPECT_FALSE(folder.has("settings.json.old"));
 }
 
-TEST_F(ReplaceFile, leaves_no_file_behind_where_there_was_none_when_the_folder_can_not_be_synced)
+TEST_F(ReplaceFile, LeavesNoFileBehindWhereThereWasNoneWhenTheFolderCanNotBeSynced)
 {
     std::filesystem::remove(path);
     failing = {"sync folder"};
@@ -118,7 +118,7 @@ TEST_F(ReplaceFile, leaves_no_file_behind_where_there_was_none_when_the_folder_c
     EXPECT_TRUE(settled);
 }
 
-TEST_F(ReplaceFile, tells_when_a_restart_may_find_either_contents)
+TEST_F(ReplaceFile, TellsWhenARestartMayFindEitherContents)
 {
     failing = {"sync folder", "sync folder"};
     EXPECT_EQ(settingsd::replace_file(path, "brand new", settled), -EIO);
@@ -132,7 +132,7 @@ TEST_F(ReplaceFile, tells_when_a_restart_may_find_either_contents)
     EXPECT_TRUE(settled);
 }
 
-TEST_F(ReplaceFile, tells_when_the_old_contents_can_not_get_their_name_back)
+TEST_F(ReplaceFile, TellsWhenTheOldContentsCanNotGetTheirNameBack)
 {
     failing = {"sync folder"};
     failingAfterSync = true;

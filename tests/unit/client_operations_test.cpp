@@ -239,7 +239,7 @@ protected:
     std::function<int(sd_bus_message*)> handler;
 };
 
-TEST_F(ClientOperations, a_scan_with_the_result_0_fails)
+TEST_F(ClientOperations, AScanWithTheResult0Fails)
 {
     ground.scanned = 0;
     expect_failure(ask(scan_access_points), "Failed to start AP scan");
@@ -247,7 +247,7 @@ TEST_F(ClientOperations, a_scan_with_the_result_0_fails)
                 ElementsAre(LogLine{LOG_ERR, "[Main] scan_access_points: Failed to start AP scan"}));
 }
 
-TEST_F(ClientOperations, a_network_added_with_the_result_0_fails_before_it_is_selected)
+TEST_F(ClientOperations, ANetworkAddedWithTheResult0FailsBeforeItIsSelected)
 {
     ground.added = 0;
     expect_failure(ask(connect_to_ap), "Failed to add network");
@@ -259,7 +259,7 @@ TEST_F(ClientOperations, a_network_added_with_the_result_0_fails_before_it_is_se
     EXPECT_THAT(ground.calls, ElementsAre("flush", "add cafe secret12"));
 }
 
-TEST_F(ClientOperations, connect_with_unreadable_arguments_touches_nothing)
+TEST_F(ClientOperations, ConnectWithUnreadableArgumentsTouchesNothing)
 {
     ground.currentNetwork = "/old";
     expect_failure(ask(connect_to_ap, false), "Failed to parse d-bus message");
@@ -269,7 +269,7 @@ TEST_F(ClientOperations, connect_with_unreadable_arguments_touches_nothing)
     EXPECT_THAT(ground.calls, IsEmpty());
 }
 
-TEST_F(ClientOperations, connect_reads_its_arguments_only_as_a_station)
+TEST_F(ClientOperations, ConnectReadsItsArgumentsOnlyAsAStation)
 {
     ground.radio = RadioState::Off;
     expect_failure(ask(connect_to_ap, false), "Wifi is off");
@@ -279,7 +279,7 @@ TEST_F(ClientOperations, connect_reads_its_arguments_only_as_a_station)
     expect_failure(ask(connect_to_ap, false), "WiFi is not in client mode");
 }
 
-TEST_F(ClientOperations, connect_removes_flushes_adds_and_selects_in_order)
+TEST_F(ClientOperations, ConnectRemovesFlushesAddsAndSelectsInOrder)
 {
     ground.currentNetwork = "/old";
     const Answer answer = ask(connect_to_ap);
@@ -287,7 +287,7 @@ TEST_F(ClientOperations, connect_removes_flushes_adds_and_selects_in_order)
     EXPECT_THAT(ground.calls, ElementsAre("flush", "remove /old", "add cafe secret12", "select /added"));
 }
 
-TEST_F(ClientOperations, a_network_that_can_not_be_selected_is_removed_before_the_state_is_announced)
+TEST_F(ClientOperations, ANetworkThatCanNotBeSelectedIsRemovedBeforeTheStateIsAnnounced)
 {
     ground.selected = false;
     expect_failure(ask(connect_to_ap), "Failed to connect to AP");
@@ -295,7 +295,7 @@ TEST_F(ClientOperations, a_network_that_can_not_be_selected_is_removed_before_th
                                           "emit WiFiClientState"));
 }
 
-TEST_F(ClientOperations, a_failed_association_without_a_current_network_removes_nothing)
+TEST_F(ClientOperations, AFailedAssociationWithoutACurrentNetworkRemovesNothing)
 {
     client_connect_failed();
     EXPECT_THAT(ground.calls, IsEmpty());
@@ -306,7 +306,7 @@ TEST_F(ClientOperations, a_failed_association_without_a_current_network_removes_
                                                     LogLine{LOG_ERR, "Failed to connect to AP"}));
 }
 
-TEST_F(ClientOperations, a_list_that_can_not_be_fetched_counts_as_empty_even_when_it_was_half_filled)
+TEST_F(ClientOperations, AListThatCanNotBeFetchedCountsAsEmptyEvenWhenItWasHalfFilled)
 {
     ground.listed = 0;
     ground.accessPoints = {{"/bss", "cafe", 1, -40, true}};
@@ -320,7 +320,7 @@ TEST_F(ClientOperations, a_list_that_can_not_be_fetched_counts_as_empty_even_whe
                 ElementsAre(LogLine{LOG_ERR, "[Main]  Something went wrong with getting APs"}));
 }
 
-TEST_F(ClientOperations, the_getter_returns_what_closing_the_array_returned)
+TEST_F(ClientOperations, TheGetterReturnsWhatClosingTheArrayReturned)
 {
     ground.accessPoints = {{"/bss", "cafe", 1, -40, true}};
     EXPECT_GE(get_wifi_access_points(empty_message().get()), 0);
@@ -345,12 +345,12 @@ protected:
     }
 };
 
-TEST_F(AccessPointsSignal, is_sent_without_a_further_word)
+TEST_F(AccessPointsSignal, IsSentWithoutAFurtherWord)
 {
     EXPECT_THAT(lines_of_sending(), IsEmpty());
 }
 
-TEST_F(AccessPointsSignal, is_given_up_without_a_bus)
+TEST_F(AccessPointsSignal, IsGivenUpWithoutABus)
 {
     ground.bus = nullptr;
     EXPECT_THAT(
@@ -358,7 +358,7 @@ TEST_F(AccessPointsSignal, is_given_up_without_a_bus)
         ElementsAre(LogLine{LOG_ERR, "[Main] access_points_changed: Failed to create new signal message"}));
 }
 
-TEST_F(AccessPointsSignal, is_given_up_at_the_step_that_fails)
+TEST_F(AccessPointsSignal, IsGivenUpAtTheStepThatFails)
 {
     const auto line = [](const std::string& step) {
         return ElementsAre(LogLine{LOG_ERR, "[Main] access_points_changed: " + step});
@@ -373,7 +373,7 @@ TEST_F(AccessPointsSignal, is_given_up_at_the_step_that_fails)
     EXPECT_THAT(lines_of_sending(), line("sd_bus_close_container failed"));
 }
 
-TEST_F(AccessPointsSignal, says_when_a_lost_bus_does_not_take_it)
+TEST_F(AccessPointsSignal, SaysWhenALostBusDoesNotTakeIt)
 {
     sd_bus_close(service.get());
     EXPECT_THAT(lines_of_sending(),

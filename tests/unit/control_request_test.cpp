@@ -119,7 +119,7 @@ protected:
     std::chrono::nanoseconds took{};
 };
 
-TEST_F(ControlRequest, sends_the_command_as_it_is_and_returns_the_answer)
+TEST_F(ControlRequest, SendsTheCommandAsItIsAndReturnsTheAnswer)
 {
     std::promise<std::string> asked;
     daemon.on_command([&](const std::string& command) {
@@ -132,14 +132,14 @@ TEST_F(ControlRequest, sends_the_command_as_it_is_and_returns_the_answer)
     daemon.end();
 }
 
-TEST_F(ControlRequest, an_empty_answer_is_one)
+TEST_F(ControlRequest, AnEmptyAnswerIsOne)
 {
     daemon.on_command([&](const std::string&) { daemon.say(""); });
     EXPECT_EQ(ask("STA-FIRST"), 0);
     EXPECT_EQ(reply, "");
 }
 
-TEST_F(ControlRequest, events_before_the_answer_are_handed_over_whole_and_in_order)
+TEST_F(ControlRequest, EventsBeforeTheAnswerAreHandedOverWholeAndInOrder)
 {
     daemon.on_command([&](const std::string&) {
         daemon.say("<3>AP-ENABLED ");
@@ -154,7 +154,7 @@ TEST_F(ControlRequest, events_before_the_answer_are_handed_over_whole_and_in_ord
                 ElementsAre("<3>AP-ENABLED ", "<3>AP-STA-CONNECTED 02:00:00:00:00:01", "IFNAME=wlan0 <3>x"));
 }
 
-TEST_F(ControlRequest, events_are_dropped_where_nobody_wants_them)
+TEST_F(ControlRequest, EventsAreDroppedWhereNobodyWantsThem)
 {
     daemon.on_command([&](const std::string&) {
         daemon.say("<3>AP-ENABLED ");
@@ -164,14 +164,14 @@ TEST_F(ControlRequest, events_are_dropped_where_nobody_wants_them)
     EXPECT_EQ(reply, "PONG\n");
 }
 
-TEST_F(ControlRequest, silence_is_given_up_in_time)
+TEST_F(ControlRequest, SilenceIsGivenUpInTime)
 {
     EXPECT_EQ(ask("PING", within(200ms)), kNotAnswered);
     EXPECT_GE(took, 200ms);
     EXPECT_LT(took, 15s);
 }
 
-TEST_F(ControlRequest, events_do_not_prolong_the_wait)
+TEST_F(ControlRequest, EventsDoNotProlongTheWait)
 {
     daemon.on_command([&](const std::string&) {
         const auto end = steady_clock::now() + 60s;
@@ -185,7 +185,7 @@ TEST_F(ControlRequest, events_do_not_prolong_the_wait)
     EXPECT_LT(took, 15s);
 }
 
-TEST_F(ControlRequest, the_time_that_the_receiver_of_events_takes_does_not_count)
+TEST_F(ControlRequest, TheTimeThatTheReceiverOfEventsTakesDoesNotCount)
 {
     daemon.on_command([&](const std::string&) {
         daemon.say("<3>AP-ENABLED ");
@@ -197,7 +197,7 @@ TEST_F(ControlRequest, the_time_that_the_receiver_of_events_takes_does_not_count
     EXPECT_EQ(reply, "OK\n");
 }
 
-TEST_F(ControlRequest, a_daemon_that_has_gone_is_not_waited_for)
+TEST_F(ControlRequest, ADaemonThatHasGoneIsNotWaitedFor)
 {
     {
         const std::string path = folder.file("wlan1");
@@ -208,7 +208,7 @@ TEST_F(ControlRequest, a_daemon_that_has_gone_is_not_waited_for)
     EXPECT_LT(took, 5s);
 }
 
-TEST_F(ControlRequest, a_daemon_that_reads_nothing_is_given_up_in_time)
+TEST_F(ControlRequest, ADaemonThatReadsNothingIsGivenUpInTime)
 {
     // Commands that nobody reads fill its queue.
     const int socket = wpa_ctrl_get_fd(connection.get());
@@ -219,7 +219,7 @@ TEST_F(ControlRequest, a_daemon_that_reads_nothing_is_given_up_in_time)
     EXPECT_LT(took, 15s);
 }
 
-TEST_F(ControlRequest, is_given_up_when_it_is_said_so_and_not_before)
+TEST_F(ControlRequest, IsGivenUpWhenItIsSaidSoAndNotBefore)
 {
     int asked = 0;
     EXPECT_EQ(ask("ATTACH", {.givesUp = [&] { return ++asked == 3; }}), kNotAnswered);
@@ -228,7 +228,7 @@ TEST_F(ControlRequest, is_given_up_when_it_is_said_so_and_not_before)
     EXPECT_LT(took, 9s);
 }
 
-TEST_F(ControlRequest, is_given_up_between_two_events)
+TEST_F(ControlRequest, IsGivenUpBetweenTwoEvents)
 {
     std::atomic<bool> enough = false;
     daemon.on_command([&](const std::string&) {
@@ -242,7 +242,7 @@ TEST_F(ControlRequest, is_given_up_between_two_events)
     EXPECT_LT(took, 9s);
 }
 
-TEST_F(ControlRequest, is_woken_up_to_be_given_up)
+TEST_F(ControlRequest, IsWokenUpToBeGivenUp)
 {
     const UniqueFd wakeUp(eventfd(0, EFD_CLOEXEC));
     std::atomic<bool> over = false;
@@ -255,7 +255,7 @@ TEST_F(ControlRequest, is_woken_up_to_be_given_up)
     daemon.end();
 }
 
-TEST_F(ControlRequest, an_answer_is_cut_to_the_room_for_it)
+TEST_F(ControlRequest, AnAnswerIsCutToTheRoomForIt)
 {
     daemon.on_command([&](const std::string&) { daemon.say("0123456789"); });
     std::array<char, 4> room = {'#', '#', '#', '#'};

@@ -65,7 +65,7 @@ void emit_property_changed(const char*)
 
 namespace {
 
-TEST(DayOfWakeUps, idle_loop_wakes_up_once_a_second_and_for_nothing_else)
+TEST(DayOfWakeUps, IdleLoopWakesUpOnceASecondAndForNothingElse)
 {
     DrivenClock clock;
     const EventPtr event = new_loop();
@@ -138,7 +138,7 @@ protected:
     std::vector<uint64_t> requestedAt;
 };
 
-TEST_F(BusyDay, announces_each_delayed_property_once_in_time_and_keeps_nothing)
+TEST_F(BusyDay, AnnouncesEachDelayedPropertyOnceInTimeAndKeepsNothing)
 {
     live_until(begin + kHour);
     const auto descriptors = open_descriptors();
@@ -155,8 +155,8 @@ TEST_F(BusyDay, announces_each_delayed_property_once_in_time_and_keeps_nothing)
         ASSERT_LE(emittedAt[i] - requestedAt[i], kDelay + kAccuracy);
     }
     EXPECT_EQ(worked, handedIn);
-    std::cout << clock.wake_ups() << " wake-ups, " << emittedAt.size() << " delayed announcements, "
-              << worked << " works handed in\n";
+    std::cout << clock.wake_ups() << " wake-ups, " << emittedAt.size() << " delayed announcements, " << worked
+              << " works handed in\n";
     EXPECT_LE(clock.wake_ups(), kDay / kSecond + emittedAt.size());
 
     EXPECT_EQ(open_descriptors(), descriptors);

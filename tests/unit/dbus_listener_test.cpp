@@ -106,8 +106,9 @@ protected:
     {
         bus.stop();
         // Neither connected nor refused: remembered for the connection to come.
-        ASSERT_TRUE(loop.run_until(
-            [&] { return listener.ListenSignal(kSender, "/never", kInterface, kMember, note, &heard) == 0; }));
+        ASSERT_TRUE(loop.run_until([&] {
+            return listener.ListenSignal(kSender, "/never", kInterface, kMember, note, &heard) == 0;
+        }));
     }
 
     PrivateBus bus;
@@ -175,7 +176,8 @@ TEST_F(DbusListenerTest, HearsNoOtherMemberOrInterface)
     DbusListener listener(loop.get());
     listen(listener);
     ASSERT_GE(sd_bus_emit_signal(source.get(), "/o", kInterface, "Other", "s", "wrong member"), 0);
-    ASSERT_GE(sd_bus_emit_signal(source.get(), "/o", "com.example.Other", kMember, "s", "wrong interface"), 0);
+    ASSERT_GE(sd_bus_emit_signal(source.get(), "/o", "com.example.Other", kMember, "s", "wrong interface"),
+              0);
     emit(source.get(), "right");
     ASSERT_TRUE(hears(1));
     EXPECT_THAT(heard, ElementsAre("right"));

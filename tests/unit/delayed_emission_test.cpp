@@ -49,7 +49,7 @@ protected:
     EventLoop ownLoop;
 };
 
-TEST_F(DelayedEmission, comes_not_before_its_time)
+TEST_F(DelayedEmission, ComesNotBeforeItsTime)
 {
     const auto begin = std::chrono::steady_clock::now();
     emit_properties_later({"SSID"}, 1);
@@ -58,7 +58,7 @@ TEST_F(DelayedEmission, comes_not_before_its_time)
     EXPECT_THAT(emitted, ElementsAre("SSID"));
 }
 
-TEST_F(DelayedEmission, announces_all_its_properties_in_order_and_once)
+TEST_F(DelayedEmission, AnnouncesAllItsPropertiesInOrderAndOnce)
 {
     emit_properties_later({"SSID", "IPAddress", "SSID"}, 0);
     ASSERT_TRUE(emits(3));
@@ -67,7 +67,7 @@ TEST_F(DelayedEmission, announces_all_its_properties_in_order_and_once)
     EXPECT_THAT(emitted, ElementsAre("SSID", "IPAddress", "SSID", "Mode"));
 }
 
-TEST_F(DelayedEmission, is_replaced_by_a_newer_one)
+TEST_F(DelayedEmission, IsReplacedByANewerOne)
 {
     emit_properties_later({"Mode"}, 0);
     emit_properties_later({"SSID"}, 1);
@@ -75,7 +75,7 @@ TEST_F(DelayedEmission, is_replaced_by_a_newer_one)
     EXPECT_THAT(emitted, ElementsAre("SSID"));
 }
 
-TEST_F(DelayedEmission, keeps_its_own_copy_of_the_names)
+TEST_F(DelayedEmission, KeepsItsOwnCopyOfTheNames)
 {
     {
         std::vector<const char*> names = {"SSID"};

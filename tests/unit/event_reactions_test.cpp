@@ -61,13 +61,13 @@ protected:
     void SetUp() override { done.clear(); }
 };
 
-TEST_F(EventReactions, completed_announces_the_state_now_and_the_ssid_in_two_seconds)
+TEST_F(EventReactions, CompletedAnnouncesTheStateNowAndTheSsidInTwoSeconds)
 {
     client_state_changed("completed", "cafe");
     EXPECT_THAT(done, ElementsAre("emit WiFiClientState", "in 2 s: SSID"));
 }
 
-TEST_F(EventReactions, other_states_announce_nothing_later)
+TEST_F(EventReactions, OtherStatesAnnounceNothingLater)
 {
     for (const char* state : {"disconnected", "failed", "", "Completed", "completed "}) {
         done.clear();
@@ -76,7 +76,7 @@ TEST_F(EventReactions, other_states_announce_nothing_later)
     }
 }
 
-TEST_F(EventReactions, what_hostapd_says_of_the_access_point_is_announced_with_the_value_of_the_event)
+TEST_F(EventReactions, WhatHostapdSaysOfTheAccessPointIsAnnouncedWithTheValueOfTheEvent)
 {
     wifi_host_ap_initialised(true);
     wifi_host_ap_initialised(false);
@@ -84,7 +84,7 @@ TEST_F(EventReactions, what_hostapd_says_of_the_access_point_is_announced_with_t
     EXPECT_THAT(done, ElementsAre("access point ready", "access point not ready", "access point ready"));
 }
 
-TEST_F(EventReactions, only_addresses_of_the_wireless_interface_are_announced)
+TEST_F(EventReactions, OnlyAddressesOfTheWirelessInterfaceAreAnnounced)
 {
     for (const char* interface : {"eth0", "wlan0:1", "wlan1", "wlan", ""}) {
         address_changed(interface, "10.0.0.5", true);

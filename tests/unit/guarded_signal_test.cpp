@@ -12,7 +12,7 @@ using testing::ElementsAre;
 
 namespace {
 
-TEST(GuardedSignal, calls_its_slots_in_the_order_in_which_they_were_connected)
+TEST(GuardedSignal, CallsItsSlotsInTheOrderInWhichTheyWereConnected)
 {
     GuardedSignal<std::string, int> signal;
     std::vector<std::string> calls;
@@ -25,13 +25,13 @@ TEST(GuardedSignal, calls_its_slots_in_the_order_in_which_they_were_connected)
     EXPECT_THAT(calls, ElementsAre("a x1", "b x1", "a y2", "b y2"));
 }
 
-TEST(GuardedSignal, without_slots_does_nothing)
+TEST(GuardedSignal, WithoutSlotsDoesNothing)
 {
     const GuardedSignal<> signal;
     signal.emit();
 }
 
-TEST(GuardedSignal, a_slot_connected_by_a_slot_is_called_from_the_next_emission_on)
+TEST(GuardedSignal, ASlotConnectedByASlotIsCalledFromTheNextEmissionOn)
 {
     GuardedSignal<> signal;
     int late = 0;
@@ -47,7 +47,7 @@ TEST(GuardedSignal, a_slot_connected_by_a_slot_is_called_from_the_next_emission_
     EXPECT_EQ(late, 1);
 }
 
-TEST(GuardedSignal, a_slot_that_takes_its_time_does_not_hold_up_those_who_connect)
+TEST(GuardedSignal, ASlotThatTakesItsTimeDoesNotHoldUpThoseWhoConnect)
 {
     GuardedSignal<> signal;
     std::atomic<bool> inSlot = false;
@@ -65,7 +65,7 @@ TEST(GuardedSignal, a_slot_that_takes_its_time_does_not_hold_up_those_who_connec
     emitting.join();
 }
 
-TEST(GuardedSignal, may_be_connected_to_while_another_thread_emits)
+TEST(GuardedSignal, MayBeConnectedToWhileAnotherThreadEmits)
 {
     constexpr int kSlots = 500;
     GuardedSignal<int> signal;

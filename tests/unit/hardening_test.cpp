@@ -16,7 +16,7 @@ size_t at_run_time(size_t number)
     return hidden;
 }
 
-TEST(HardeningDeathTest, an_index_past_the_end_of_a_vector_ends_the_process)
+TEST(HardeningDeathTest, AnIndexPastTheEndOfAVectorEndsTheProcess)
 {
     const std::vector<int> numbers(at_run_time(3));
     EXPECT_DEATH(std::exit(numbers[at_run_time(3)]), "Assertion|heap-buffer-overflow");
@@ -24,7 +24,7 @@ TEST(HardeningDeathTest, an_index_past_the_end_of_a_vector_ends_the_process)
 
 #if defined(_FORTIFY_SOURCE) && _FORTIFY_SOURCE >= 3
 
-TEST(HardeningDeathTest, writing_past_a_size_that_is_known_at_run_time_only_ends_the_process)
+TEST(HardeningDeathTest, WritingPastASizeThatIsKnownAtRunTimeOnlyEndsTheProcess)
 {
     const size_t size = at_run_time(16);
     EXPECT_DEATH(

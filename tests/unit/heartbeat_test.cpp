@@ -68,7 +68,7 @@ int sd_event_source_set_enabled(sd_event_source*, int enabled)
 
 } // extern "C"
 
-TEST(Heartbeat, beats_a_second_from_now_with_no_lateness_asked_for_and_again_a_second_later)
+TEST(Heartbeat, BeatsASecondFromNowWithNoLatenessAskedForAndAgainASecondLater)
 {
     start_heartbeat(nullptr);
     ASSERT_TRUE(timer.has_value());

@@ -93,7 +93,7 @@ bool radio_supports_5ghz()
 
 namespace {
 
-TEST(HostapdBand, only_5_and_a_stand_for_5_ghz)
+TEST(HostapdBand, Only5AndAStandFor5Ghz)
 {
     EXPECT_EQ(hostapd_hw_mode_of("5"), "a");
     EXPECT_EQ(hostapd_frequency_of("a"), "5");
@@ -105,47 +105,47 @@ TEST(HostapdBand, only_5_and_a_stand_for_5_ghz)
 
 // Reading
 
-TEST_F(HostapdConfigFile, comments_in_the_first_column_and_empty_lines_are_skipped)
+TEST_F(HostapdConfigFile, CommentsInTheFirstColumnAndEmptyLinesAreSkipped)
 {
     EXPECT_THAT(read("# note\n\n#a=b\ninterface=wlan0\n\n"), ElementsAre(Pair("interface", "wlan0")));
 }
 
-TEST_F(HostapdConfigFile, a_line_is_split_at_its_first_equals_sign)
+TEST_F(HostapdConfigFile, ALineIsSplitAtItsFirstEqualsSign)
 {
     EXPECT_THAT(read("ssid=my=net\n=empty key\nempty value=\n==\n"),
                 ElementsAre(Pair("", "="), Pair("empty value", ""), Pair("ssid", "my=net")));
 }
 
-TEST_F(HostapdConfigFile, a_line_without_equals_sign_is_its_own_key_and_value)
+TEST_F(HostapdConfigFile, ALineWithoutEqualsSignIsItsOwnKeyAndValue)
 {
     EXPECT_THAT(read("foo\n  # note\n \n"),
                 ElementsAre(Pair(" ", " "), Pair("  # note", "  # note"), Pair("foo", "foo")));
 }
 
-TEST_F(HostapdConfigFile, nothing_is_trimmed)
+TEST_F(HostapdConfigFile, NothingIsTrimmed)
 {
     EXPECT_THAT(read(" ssid = a \r\n\r\nwpa=2\r\n"),
                 ElementsAre(Pair("\r", "\r"), Pair(" ssid ", " a \r"), Pair("wpa", "2\r")));
 }
 
-TEST_F(HostapdConfigFile, the_last_of_equal_keys_counts_and_the_last_line_needs_no_end)
+TEST_F(HostapdConfigFile, TheLastOfEqualKeysCountsAndTheLastLineNeedsNoEnd)
 {
     EXPECT_THAT(read("ssid=one\nwpa=2\nssid=two"), ElementsAre(Pair("ssid", "two"), Pair("wpa", "2")));
 }
 
-TEST_F(HostapdConfigFile, keys_are_in_byte_order)
+TEST_F(HostapdConfigFile, KeysAreInByteOrder)
 {
     EXPECT_THAT(read("wpa2=\nwpa=\nhw_mode=\n\xc3\xa9=\nZ=\nwpa_key=\n"),
                 ElementsAre(Pair("Z", ""), Pair("hw_mode", ""), Pair("wpa", ""), Pair("wpa2", ""),
                             Pair("wpa_key", ""), Pair("\xc3\xa9", "")));
 }
 
-TEST_F(HostapdConfigFile, an_empty_file_has_no_entries)
+TEST_F(HostapdConfigFile, AnEmptyFileHasNoEntries)
 {
     EXPECT_THAT(read(""), IsEmpty());
 }
 
-TEST_F(HostapdConfigFile, entries_are_added_to_those_that_are_there)
+TEST_F(HostapdConfigFile, EntriesAreAddedToThoseThatAreThere)
 {
     std::ofstream(path("template")) << "a=new\n";
     HostapdConfig config = {{"a", "old"}, {"b", "kept"}};
@@ -153,7 +153,7 @@ TEST_F(HostapdConfigFile, entries_are_added_to_those_that_are_there)
     EXPECT_THAT(config, ElementsAre(Pair("a", "new"), Pair("b", "kept")));
 }
 
-TEST_F(HostapdConfigFile, a_file_that_can_not_be_opened_is_reported)
+TEST_F(HostapdConfigFile, AFileThatCanNotBeOpenedIsReported)
 {
     HostapdConfig config;
     EXPECT_EQ(hostapd_read_conf(path("absent"), config), 0);
@@ -163,7 +163,7 @@ TEST_F(HostapdConfigFile, a_file_that_can_not_be_opened_is_reported)
         ElementsAre(line(LOG_ERR, "[Hostapd] Failed to open '" + path("absent") + "' config file for read")));
 }
 
-TEST_F(HostapdConfigFile, a_file_that_can_not_be_read_to_its_end_is_reported_and_nothing_of_it_used)
+TEST_F(HostapdConfigFile, AFileThatCanNotBeReadToItsEndIsReportedAndNothingOfItUsed)
 {
     // A folder can be opened, and is not read; a file of /proc/self/mem is refused in the middle.
     std::filesystem::create_directory(path("folder"));
@@ -178,7 +178,7 @@ TEST_F(HostapdConfigFile, a_file_that_can_not_be_read_to_its_end_is_reported_and
     }
 }
 
-TEST(HostapdValue, ends_at_its_first_line_break)
+TEST(HostapdValue, EndsAtItsFirstLineBreak)
 {
     EXPECT_EQ(hostapd_value_of("net\nwpa=0\nx"), "net");
     EXPECT_EQ(hostapd_value_of("\nnet"), "");
@@ -188,7 +188,7 @@ TEST(HostapdValue, ends_at_its_first_line_break)
 
 // Writing
 
-TEST_F(HostapdConfigFile, entries_are_written_one_to_a_line_over_what_was_there)
+TEST_F(HostapdConfigFile, EntriesAreWrittenOneToALineOverWhatWasThere)
 {
     std::ofstream(path("runtime")) << std::string(1000, 'x');
     EXPECT_EQ(written({{"wpa", "2"}, {"ssid", "my=net"}, {"hw_mode", ""}, {"foo", "foo"}}),
@@ -196,12 +196,12 @@ TEST_F(HostapdConfigFile, entries_are_written_one_to_a_line_over_what_was_there)
     EXPECT_THAT(captured_log().lines(), IsEmpty());
 }
 
-TEST_F(HostapdConfigFile, no_entries_make_an_empty_file)
+TEST_F(HostapdConfigFile, NoEntriesMakeAnEmptyFile)
 {
     EXPECT_EQ(written({}), "");
 }
 
-TEST_F(HostapdConfigFile, is_for_its_owner_only_also_when_it_was_not_before)
+TEST_F(HostapdConfigFile, IsForItsOwnerOnlyAlsoWhenItWasNotBefore)
 {
     for (const bool before : {false, true}) {
         if (before) {
@@ -214,7 +214,7 @@ TEST_F(HostapdConfigFile, is_for_its_owner_only_also_when_it_was_not_before)
     }
 }
 
-TEST_F(HostapdConfigFile, a_value_ends_at_its_first_line_break_and_one_warning_names_its_key)
+TEST_F(HostapdConfigFile, AValueEndsAtItsFirstLineBreakAndOneWarningNamesItsKey)
 {
     EXPECT_EQ(written({{"a", "1"}, {"ssid", "net\nwpa=0\nx"}, {"z", "\r"}}), "a=1\nssid=net\nz=\r\n");
     EXPECT_THAT(
@@ -222,7 +222,7 @@ TEST_F(HostapdConfigFile, a_value_ends_at_its_first_line_break_and_one_warning_n
         ElementsAre(line(LOG_WARNING, "[Hostapd] Value of 'ssid' holds a line break and is cut there")));
 }
 
-TEST_F(HostapdConfigFile, a_file_that_can_not_be_written_is_reported)
+TEST_F(HostapdConfigFile, AFileThatCanNotBeWrittenIsReported)
 {
     std::filesystem::create_directory(path("folder"));
     for (const std::string& target : {path("folder"), path("absent/file")}) {
@@ -233,7 +233,7 @@ TEST_F(HostapdConfigFile, a_file_that_can_not_be_written_is_reported)
     }
 }
 
-TEST_F(HostapdConfigFile, where_a_step_fails_the_file_of_before_stays)
+TEST_F(HostapdConfigFile, WhereAStepFailsTheFileOfBeforeStays)
 {
     // Stands for every step that fails; each of them is tried in replace_file_test.cpp.
     std::ofstream(path("runtime")) << "wpa=2\n";
@@ -246,7 +246,7 @@ TEST_F(HostapdConfigFile, where_a_step_fails_the_file_of_before_stays)
                                               "' config file for write")));
 }
 
-TEST_F(HostapdConfigFile, the_dump_has_a_line_for_each_entry)
+TEST_F(HostapdConfigFile, TheDumpHasALineForEachEntry)
 {
     hostapd_dump_conf({{"wpa", "2"}, {"hw_mode", ""}, {"%s", "%n"}});
     EXPECT_THAT(captured_log().lines(),
@@ -255,7 +255,7 @@ TEST_F(HostapdConfigFile, the_dump_has_a_line_for_each_entry)
 
 // Overrides
 
-TEST_F(HostapdConfigFile, overrides_are_name_band_and_channels)
+TEST_F(HostapdConfigFile, OverridesAreNameBandAndChannels)
 {
     settings.frequency = "5";
     HostapdConfig overrides;
@@ -265,7 +265,7 @@ TEST_F(HostapdConfigFile, overrides_are_name_band_and_channels)
     EXPECT_THAT(captured_log().lines(), IsEmpty());
 }
 
-TEST_F(HostapdConfigFile, overrides_fall_back_to_the_default_name_and_2_4_ghz)
+TEST_F(HostapdConfigFile, OverridesFallBackToTheDefaultNameAnd24Ghz)
 {
     settings.nameReadable = false;
     settings.frequencyReadable = false;
@@ -279,7 +279,7 @@ TEST_F(HostapdConfigFile, overrides_fall_back_to_the_default_name_and_2_4_ghz)
                             line(LOG_WARNING, "[WiFi] Failed to get AP freq, use default (2.4)")));
 }
 
-TEST_F(HostapdConfigFile, overrides_replace_and_add_in_key_order)
+TEST_F(HostapdConfigFile, OverridesReplaceAndAddInKeyOrder)
 {
     HostapdConfig config = {{"ssid", "template"}, {"wpa", "2"}, {"hw_mode", "b"}};
     hostapd_merge_conf({{"ssid", "Attic"}, {"hw_mode", "a"}, {"acs_blacklist", "52"}}, config);
@@ -291,7 +291,7 @@ TEST_F(HostapdConfigFile, overrides_replace_and_add_in_key_order)
                             line(LOG_INFO, "[Hostapd] Setting 'ssid' to 'Attic'")));
 }
 
-TEST_F(HostapdConfigFile, without_any_hardware_mode_an_empty_one_is_added)
+TEST_F(HostapdConfigFile, WithoutAnyHardwareModeAnEmptyOneIsAdded)
 {
     settings.fiveGhz = false;
     HostapdConfig config = {{"wpa", "2"}};
@@ -300,7 +300,7 @@ TEST_F(HostapdConfigFile, without_any_hardware_mode_an_empty_one_is_added)
     EXPECT_THAT(captured_log().lines(), IsEmpty());
 }
 
-TEST_F(HostapdConfigFile, a_radio_without_5_ghz_has_mode_a_replaced_and_nothing_else)
+TEST_F(HostapdConfigFile, ARadioWithout5GhzHasModeAReplacedAndNothingElse)
 {
     settings.fiveGhz = false;
     HostapdConfig config = {{"acs_blacklist", "52"}, {"hw_mode", "a"}};
@@ -311,7 +311,7 @@ TEST_F(HostapdConfigFile, a_radio_without_5_ghz_has_mode_a_replaced_and_nothing_
                                               "ovverride and set to 2.4ghz")));
 }
 
-TEST_F(HostapdConfigFile, other_modes_are_left_alone_on_a_radio_without_5_ghz)
+TEST_F(HostapdConfigFile, OtherModesAreLeftAloneOnARadioWithout5Ghz)
 {
     settings.fiveGhz = false;
     for (const char* mode : {"g", "b", "a ", "a\r", "ad"}) {

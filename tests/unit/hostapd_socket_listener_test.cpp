@@ -42,13 +42,13 @@ protected:
 
 // Events
 
-TEST_F(HostapdListener, a_station_that_connects_is_announced)
+TEST_F(HostapdListener, AStationThatConnectsIsAnnounced)
 {
     listener.SignalEvent("<3>AP-STA-CONNECTED 11:22:33:44:55:66");
     EXPECT_THAT(emitted, ElementsAre("+11:22:33:44:55:66"));
 }
 
-TEST_F(HostapdListener, a_station_that_disconnects_is_announced_and_remembered)
+TEST_F(HostapdListener, AStationThatDisconnectsIsAnnouncedAndRemembered)
 {
     EXPECT_EQ(listener.IsStationDisconnected(kStation.c_str()), 0);
     listener.SignalEvent("<3>AP-STA-DISCONNECTED 11:22:33:44:55:66");
@@ -56,7 +56,7 @@ TEST_F(HostapdListener, a_station_that_disconnects_is_announced_and_remembered)
     EXPECT_EQ(listener.IsStationDisconnected(kStation.c_str()), 1);
 }
 
-TEST_F(HostapdListener, one_connect_forgets_every_disconnect_of_the_station_and_of_no_other)
+TEST_F(HostapdListener, OneConnectForgetsEveryDisconnectOfTheStationAndOfNoOther)
 {
     for (const char* station : {"11:22:33:44:55:66", "aa:bb:cc:dd:ee:ff", "11:22:33:44:55:66"}) {
         listener.SignalEvent((std::string("<3>AP-STA-DISCONNECTED ") + station).c_str());
@@ -66,7 +66,7 @@ TEST_F(HostapdListener, one_connect_forgets_every_disconnect_of_the_station_and_
     EXPECT_EQ(listener.IsStationDisconnected("aa:bb:cc:dd:ee:ff"), 1);
 }
 
-TEST_F(HostapdListener, a_connect_has_forgotten_the_disconnect_before_it_is_announced)
+TEST_F(HostapdListener, AConnectHasForgottenTheDisconnectBeforeItIsAnnounced)
 {
     int disconnected = -1;
     listener.StationConnectedSignal.connect(
@@ -76,7 +76,7 @@ TEST_F(HostapdListener, a_connect_has_forgotten_the_disconnect_before_it_is_anno
     EXPECT_EQ(disconnected, 0);
 }
 
-TEST_F(HostapdListener, a_disconnect_is_remembered_before_it_is_announced)
+TEST_F(HostapdListener, ADisconnectIsRememberedBeforeItIsAnnounced)
 {
     int disconnected = -1;
     listener.StationDisconnectedSignal.connect(
@@ -85,7 +85,7 @@ TEST_F(HostapdListener, a_disconnect_is_remembered_before_it_is_announced)
     EXPECT_EQ(disconnected, 1);
 }
 
-TEST_F(HostapdListener, the_latest_2007_stations_that_left_are_remembered_and_no_more)
+TEST_F(HostapdListener, TheLatest2007StationsThatLeftAreRememberedAndNoMore)
 {
     constexpr int kLimit = 2007;
     listener.SignalEvent("<3>AP-STA-DISCONNECTED 11:22:33:44:55:66");
@@ -98,7 +98,7 @@ TEST_F(HostapdListener, the_latest_2007_stations_that_left_are_remembered_and_no
     EXPECT_EQ(listener.IsStationDisconnected(kStation.c_str()), 0);
 }
 
-TEST_F(HostapdListener, the_station_text_is_all_behind_the_first_blank)
+TEST_F(HostapdListener, TheStationTextIsAllBehindTheFirstBlank)
 {
     listener.SignalEvent("<3>AP-STA-CONNECTED 11:22:33:44:55:66 keyid=phone  x ");
     listener.SignalEvent("<3>AP-STA-CONNECTED ");
@@ -108,21 +108,21 @@ TEST_F(HostapdListener, the_station_text_is_all_behind_the_first_blank)
                                      "-AP-STA-DISCONNECTED 11:22:33:44:55:66"));
 }
 
-TEST_F(HostapdListener, further_fields_keep_a_connect_from_forgetting_the_disconnect)
+TEST_F(HostapdListener, FurtherFieldsKeepAConnectFromForgettingTheDisconnect)
 {
     listener.SignalEvent("<3>AP-STA-DISCONNECTED 11:22:33:44:55:66");
     listener.SignalEvent("<3>AP-STA-CONNECTED 11:22:33:44:55:66 keyid=phone");
     EXPECT_EQ(listener.IsStationDisconnected(kStation.c_str()), 1);
 }
 
-TEST_F(HostapdListener, the_station_text_of_an_event_without_a_blank_is_the_whole_event)
+TEST_F(HostapdListener, TheStationTextOfAnEventWithoutABlankIsTheWholeEvent)
 {
     listener.SignalEvent("<3>AP-STA-CONNECTED");
     listener.SignalEvent("AP-STA-DISCONNECTED\t11:22:33:44:55:66");
     EXPECT_THAT(emitted, ElementsAre("+<3>AP-STA-CONNECTED", "-AP-STA-DISCONNECTED\t11:22:33:44:55:66"));
 }
 
-TEST_F(HostapdListener, the_access_point_is_enabled_from_enabled_to_disabled)
+TEST_F(HostapdListener, TheAccessPointIsEnabledFromEnabledToDisabled)
 {
     EXPECT_FALSE(listener.IsApEnabled());
     listener.SignalEvent("AP-ENABLED");
@@ -134,7 +134,7 @@ TEST_F(HostapdListener, the_access_point_is_enabled_from_enabled_to_disabled)
     EXPECT_THAT(emitted, ElementsAre("enabled", "enabled", "disabled"));
 }
 
-TEST_F(HostapdListener, the_flag_has_changed_before_it_is_announced)
+TEST_F(HostapdListener, TheFlagHasChangedBeforeItIsAnnounced)
 {
     std::vector<bool> seen;
     listener.ApEnabledSignal.connect([&](bool) { seen.push_back(listener.IsApEnabled()); });
@@ -143,7 +143,7 @@ TEST_F(HostapdListener, the_flag_has_changed_before_it_is_announced)
     EXPECT_THAT(seen, ElementsAre(true, false));
 }
 
-TEST_F(HostapdListener, any_event_with_the_beginning_of_terminating_announces_the_end)
+TEST_F(HostapdListener, AnyEventWithTheBeginningOfTerminatingAnnouncesTheEnd)
 {
     listener.SignalEvent("<3>CTRL-EVENT-TERMINATING ");
     listener.SignalEvent("CTRL-EVENT-T");
@@ -151,7 +151,7 @@ TEST_F(HostapdListener, any_event_with_the_beginning_of_terminating_announces_th
     EXPECT_THAT(emitted, ElementsAre("terminating", "terminating", "terminating"));
 }
 
-TEST_F(HostapdListener, the_first_text_in_the_table_wins_wherever_it_stands)
+TEST_F(HostapdListener, TheFirstTextInTheTableWinsWhereverItStands)
 {
     listener.SignalEvent("CTRL-EVENT-T AP-DISABLED AP-ENABLED AP-STA-DISCONNECTED AP-STA-CONNECTED");
     listener.SignalEvent("CTRL-EVENT-T AP-DISABLED AP-ENABLED AP-STA-DISCONNECTED");
@@ -161,7 +161,7 @@ TEST_F(HostapdListener, the_first_text_in_the_table_wins_wherever_it_stands)
                                      "-AP-DISABLED AP-ENABLED AP-STA-DISCONNECTED", "enabled", "disabled"));
 }
 
-TEST_F(HostapdListener, other_events_are_ignored)
+TEST_F(HostapdListener, OtherEventsAreIgnored)
 {
     listener.SignalEvent(nullptr);
     for (const char* event : {"", "<3>", "<3>AP-STA-POSSIBLE-PSK-MISMATCH 11:22:33:44:55:66", "<3>ap-enabled",
@@ -172,7 +172,7 @@ TEST_F(HostapdListener, other_events_are_ignored)
     EXPECT_FALSE(listener.IsApEnabled());
 }
 
-TEST(HostapdListenerAlone, signals_that_nobody_is_connected_to_are_skipped)
+TEST(HostapdListenerAlone, SignalsThatNobodyIsConnectedToAreSkipped)
 {
     HostapdSocketListner listener;
     for (const char* event : {"AP-STA-CONNECTED a", "AP-STA-DISCONNECTED a", "AP-ENABLED", "CTRL-EVENT-T"}) {
@@ -183,7 +183,7 @@ TEST(HostapdListenerAlone, signals_that_nobody_is_connected_to_are_skipped)
 
 // Records
 
-TEST_F(HostapdListener, a_record_without_an_address_counts_as_disconnected)
+TEST_F(HostapdListener, ARecordWithoutAnAddressCountsAsDisconnected)
 {
     EXPECT_EQ(listener.IsStationDisconnected(nullptr), 1);
     for (const char* record : {"", "FAIL\n", "UNKNOWN COMMAND\n", "112233445566", ":", ":1",
@@ -192,7 +192,7 @@ TEST_F(HostapdListener, a_record_without_an_address_counts_as_disconnected)
     }
 }
 
-TEST_F(HostapdListener, an_address_ends_two_characters_behind_the_last_colon)
+TEST_F(HostapdListener, AnAddressEndsTwoCharactersBehindTheLastColon)
 {
     listener.SignalEvent("<3>AP-STA-DISCONNECTED 11:22:33:44:55:66");
     EXPECT_EQ(listener.IsStationDisconnected("11:22:33:44:55:66\nflags=[AUTH][A"), 1);
@@ -202,13 +202,13 @@ TEST_F(HostapdListener, an_address_ends_two_characters_behind_the_last_colon)
     EXPECT_EQ(listener.IsStationDisconnected("1:22:33:44:55:66"), 0);
 }
 
-TEST_F(HostapdListener, addresses_are_compared_byte_for_byte)
+TEST_F(HostapdListener, AddressesAreComparedByteForByte)
 {
     listener.SignalEvent("<3>AP-STA-DISCONNECTED aa:bb:cc:dd:ee:ff");
     EXPECT_EQ(listener.IsStationDisconnected("AA:BB:CC:DD:EE:FF"), 0);
 }
 
-TEST_F(HostapdListener, removing_erases_every_equal_entry_only)
+TEST_F(HostapdListener, RemovingErasesEveryEqualEntryOnly)
 {
     for (const char* station : {"a:01", "b:02", "a:01", "c:03"}) {
         listener.SignalEvent((std::string("AP-STA-DISCONNECTED ") + station).c_str());
@@ -222,21 +222,21 @@ TEST_F(HostapdListener, removing_erases_every_equal_entry_only)
 
 // Life
 
-TEST_F(HostapdListener, start_opens_the_socket_of_hostapd)
+TEST_F(HostapdListener, StartOpensTheSocketOfHostapd)
 {
     listener.Start();
     listener.Stop();
     EXPECT_EQ(ScriptedWpaCtrl::noted().front(), "open /var/run/hostapd/wlan0");
 }
 
-TEST_F(HostapdListener, a_connection_of_its_own_is_opened_for_the_interface_asked_for)
+TEST_F(HostapdListener, AConnectionOfItsOwnIsOpenedForTheInterfaceAskedFor)
 {
     ScriptedWpaCtrl::opens = false;
     EXPECT_EQ(HostapdSocketListner::ConnectSocket("wlan3"), nullptr);
     EXPECT_THAT(ScriptedWpaCtrl::noted(), ElementsAre("open /var/run/hostapd/wlan3"));
 }
 
-TEST_F(HostapdListener, restart_keeps_and_reset_forgets_the_disconnected_stations_and_both_keep_the_flag)
+TEST_F(HostapdListener, RestartKeepsAndResetForgetsTheDisconnectedStationsAndBothKeepTheFlag)
 {
     listener.Start();
     listener.SignalEvent("<3>AP-ENABLED ");
@@ -250,7 +250,7 @@ TEST_F(HostapdListener, restart_keeps_and_reset_forgets_the_disconnected_station
     EXPECT_EQ(ScriptedWpaCtrl::noted().back(), "close");
 }
 
-TEST_F(HostapdListener, stations_may_be_asked_for_while_events_come_in)
+TEST_F(HostapdListener, StationsMayBeAskedForWhileEventsComeIn)
 {
     std::thread events([this] {
         for (int round = 0; round < 2000; ++round) {
@@ -266,7 +266,7 @@ TEST_F(HostapdListener, stations_may_be_asked_for_while_events_come_in)
     EXPECT_EQ(emitted.size(), 4000U);
 }
 
-TEST(HostapdListenerOfTheProcess, is_one_and_there_before_it_is_asked_for)
+TEST(HostapdListenerOfTheProcess, IsOneAndThereBeforeItIsAskedFor)
 {
     ASSERT_NE(hostapd_listener(), nullptr);
     EXPECT_EQ(hostapd_listener(), hostapd_listener());

@@ -220,14 +220,14 @@ protected:
 };
 
 /** Has to be the first of all: nothing in this program has started an access point yet. */
-TEST(ABeginning, nothing_is_remembered_before_the_first_start)
+TEST(ABeginning, NothingIsRememberedBeforeTheFirstStart)
 {
     EXPECT_EQ(remembered(), "/");
 }
 
 // Start and restart
 
-TEST_F(AccessPoint, start_configures_starts_and_listens)
+TEST_F(AccessPoint, StartConfiguresStartsAndListens)
 {
     EXPECT_EQ(hostapd_start(), 1);
     EXPECT_EQ(configuration.configured, settings("Cellar", "a"));
@@ -237,7 +237,7 @@ TEST_F(AccessPoint, start_configures_starts_and_listens)
                             call("load hostapd.service"), call("start /unit"), call("listener Start")));
 }
 
-TEST_F(AccessPoint, the_name_that_is_remembered_is_the_one_that_hostapd_was_given)
+TEST_F(AccessPoint, TheNameThatIsRememberedIsTheOneThatHostapdWasGiven)
 {
     for (const auto& start : {hostapd_start, hostapd_restart}) {
         configuration.overrides = settings("Loft\nwpa=0", "g");
@@ -252,7 +252,7 @@ TEST_F(AccessPoint, the_name_that_is_remembered_is_the_one_that_hostapd_was_give
     EXPECT_EQ(remembered(), "Shed/2.4");
 }
 
-TEST_F(AccessPoint, restart_queues_a_start_job_and_listens_anew)
+TEST_F(AccessPoint, RestartQueuesAStartJobAndListensAnew)
 {
     EXPECT_EQ(hostapd_restart(), 1);
     EXPECT_EQ(configuration.configured, settings("Cellar", "a"));
@@ -262,7 +262,7 @@ TEST_F(AccessPoint, restart_queues_a_start_job_and_listens_anew)
                             call("load hostapd.service"), call("start /unit"), call("listener Restart")));
 }
 
-TEST_F(AccessPoint, a_configuration_that_could_not_be_written_does_not_hold_up_the_start)
+TEST_F(AccessPoint, AConfigurationThatCouldNotBeWrittenDoesNotHoldUpTheStart)
 {
     results["hostapd_set_conf"] = 0;
     for (const auto& start : {hostapd_start, hostapd_restart}) {
@@ -277,7 +277,7 @@ TEST_F(AccessPoint, a_configuration_that_could_not_be_written_does_not_hold_up_t
     }
 }
 
-TEST_F(AccessPoint, a_unit_that_is_not_found_is_not_started_and_all_the_same_remembered)
+TEST_F(AccessPoint, AUnitThatIsNotFoundIsNotStartedAndAllTheSameRemembered)
 {
     results["load hostapd.service"] = 0;
     for (const auto& start : {hostapd_start, hostapd_restart}) {
@@ -288,7 +288,7 @@ TEST_F(AccessPoint, a_unit_that_is_not_found_is_not_started_and_all_the_same_rem
     }
 }
 
-TEST_F(AccessPoint, nobody_listens_to_a_unit_that_did_not_start)
+TEST_F(AccessPoint, NobodyListensToAUnitThatDidNotStart)
 {
     results["start /unit"] = 0;
     for (const auto& start : {hostapd_start, hostapd_restart}) {
@@ -301,7 +301,7 @@ TEST_F(AccessPoint, nobody_listens_to_a_unit_that_did_not_start)
 
 // Stop
 
-TEST_F(AccessPoint, stop_stops_listening_stops_the_unit_and_gives_it_half_a_second)
+TEST_F(AccessPoint, StopStopsListeningStopsTheUnitAndGivesItHalfASecond)
 {
     EXPECT_EQ(hostapd_stop(), 1);
     EXPECT_THAT(captured_log().lines(),
@@ -310,7 +310,7 @@ TEST_F(AccessPoint, stop_stops_listening_stops_the_unit_and_gives_it_half_a_seco
     EXPECT_EQ(remembered(), "Attic/2.4");
 }
 
-TEST_F(AccessPoint, an_interrupted_pause_goes_on_for_the_rest_of_it)
+TEST_F(AccessPoint, AnInterruptedPauseGoesOnForTheRestOfIt)
 {
     interruptions = 2;
     EXPECT_EQ(hostapd_stop(), 1);
@@ -321,7 +321,7 @@ TEST_F(AccessPoint, an_interrupted_pause_goes_on_for_the_rest_of_it)
     EXPECT_EQ(lines[6], call("sleep 0 499999800"));
 }
 
-TEST_F(AccessPoint, a_unit_that_is_not_found_or_does_not_stop_is_not_waited_for)
+TEST_F(AccessPoint, AUnitThatIsNotFoundOrDoesNotStopIsNotWaitedFor)
 {
     for (const char* failing : {"load hostapd.service", "stop /unit"}) {
         results = {{failing, 0}};
@@ -334,7 +334,7 @@ TEST_F(AccessPoint, a_unit_that_is_not_found_or_does_not_stop_is_not_waited_for)
 
 // SSID and band
 
-TEST_F(AccessPoint, a_new_ssid_is_configured_restarted_and_remembered_and_the_listener_left_alone)
+TEST_F(AccessPoint, ANewSsidIsConfiguredRestartedAndRememberedAndTheListenerLeftAlone)
 {
     EXPECT_EQ(hostapd_set_ssid("Garden"), 1);
     EXPECT_EQ(configuration.configured, settings("Garden", "a"));
@@ -343,7 +343,7 @@ TEST_F(AccessPoint, a_new_ssid_is_configured_restarted_and_remembered_and_the_li
                 ElementsAre(call("hostapd_set_conf"), call("load hostapd.service"), call("restart /unit")));
 }
 
-TEST_F(AccessPoint, a_new_band_is_configured_restarted_and_remembered_and_the_listener_restarted)
+TEST_F(AccessPoint, ANewBandIsConfiguredRestartedAndRememberedAndTheListenerRestarted)
 {
     EXPECT_EQ(hostapd_set_frequency("5"), 1);
     EXPECT_EQ(configuration.configured, settings("Cellar", "a"));
@@ -356,7 +356,7 @@ TEST_F(AccessPoint, a_new_band_is_configured_restarted_and_remembered_and_the_li
     EXPECT_EQ(remembered(), "Attic/2.4");
 }
 
-TEST_F(AccessPoint, an_empty_band_is_the_default_one)
+TEST_F(AccessPoint, AnEmptyBandIsTheDefaultOne)
 {
     for (const auto& [frequency, hwMode] : {std::pair("5", "a"), std::pair("2.4", "g")}) {
         configuration.defaultFrequency = frequency;
@@ -366,7 +366,7 @@ TEST_F(AccessPoint, an_empty_band_is_the_default_one)
     }
 }
 
-TEST_F(AccessPoint, any_other_band_is_refused_before_anything_is_done)
+TEST_F(AccessPoint, AnyOtherBandIsRefusedBeforeAnythingIsDone)
 {
     configuration.configured.clear();
     for (const char* frequency : {"2.40", "5.0", " 5", "a", "5GHz"}) {
@@ -377,7 +377,7 @@ TEST_F(AccessPoint, any_other_band_is_refused_before_anything_is_done)
     EXPECT_EQ(remembered(), "Attic/2.4");
 }
 
-TEST_F(AccessPoint, a_configuration_that_could_not_be_written_does_not_hold_up_a_change)
+TEST_F(AccessPoint, AConfigurationThatCouldNotBeWrittenDoesNotHoldUpAChange)
 {
     results["hostapd_set_conf"] = 0;
     EXPECT_EQ(hostapd_set_ssid("Garden"), 1);
@@ -389,7 +389,7 @@ TEST_F(AccessPoint, a_configuration_that_could_not_be_written_does_not_hold_up_a
                             call("listener Restart")));
 }
 
-TEST_F(AccessPoint, a_change_that_did_not_reach_the_unit_is_not_remembered)
+TEST_F(AccessPoint, AChangeThatDidNotReachTheUnitIsNotRemembered)
 {
     for (const char* failing : {"load hostapd.service", "restart /unit"}) {
         results = {{failing, 0}};
@@ -417,7 +417,7 @@ std::string many_stations(const std::string& request, int count)
     return index < count ? address(index) + "\nflags=[AUTH][ASSOC][AUTHORIZED]\naid=1\n" : "";
 }
 
-TEST_F(AccessPoint, stations_are_asked_for_one_after_the_other_by_the_start_of_their_records)
+TEST_F(AccessPoint, StationsAreAskedForOneAfterTheOtherByTheStartOfTheirRecords)
 {
     socketState.answer = [](const std::string& request) { return many_stations(request, 2); };
     uint32_t count = 99;
@@ -431,7 +431,7 @@ TEST_F(AccessPoint, stations_are_asked_for_one_after_the_other_by_the_start_of_t
     EXPECT_THAT(captured_log().lines(), ElementsAre(call("connect wlan0"), call("close")));
 }
 
-TEST_F(AccessPoint, all_questions_of_a_count_have_ten_seconds_together)
+TEST_F(AccessPoint, AllQuestionsOfACountHaveTenSecondsTogether)
 {
     socketState.answer = [](const std::string& request) { return many_stations(request, 100); };
     const auto latest = std::chrono::steady_clock::now() + std::chrono::seconds(10);
@@ -443,7 +443,7 @@ TEST_F(AccessPoint, all_questions_of_a_count_have_ten_seconds_together)
     EXPECT_LT(socketState.until.front(), latest + std::chrono::seconds(5));
 }
 
-TEST_F(AccessPoint, a_record_that_fills_its_area_is_read_no_further_than_its_end)
+TEST_F(AccessPoint, ARecordThatFillsItsAreaIsReadNoFurtherThanItsEnd)
 {
     const std::string record = "02:00:00:00:00:01" + std::string(15, 'x');
     ASSERT_EQ(record.size(), 32U);
@@ -455,7 +455,7 @@ TEST_F(AccessPoint, a_record_that_fills_its_area_is_read_no_further_than_its_end
     EXPECT_THAT(socketState.requests, ElementsAre("STA-FIRST", "STA-NEXT " + record));
 }
 
-TEST_F(AccessPoint, nothing_of_a_longer_record_is_left_behind_a_shorter_one)
+TEST_F(AccessPoint, NothingOfALongerRecordIsLeftBehindAShorterOne)
 {
     socketState.answer = [](const std::string& request) -> std::string {
         if (request == "STA-FIRST") {
@@ -470,7 +470,7 @@ TEST_F(AccessPoint, nothing_of_a_longer_record_is_left_behind_a_shorter_one)
     EXPECT_EQ(socketState.requests.back(), "STA-NEXT 02:00:00:00:00:02");
 }
 
-TEST_F(AccessPoint, a_record_that_holds_no_address_is_not_counted_and_asked_on_from)
+TEST_F(AccessPoint, ARecordThatHoldsNoAddressIsNotCountedAndAskedOnFrom)
 {
     socketState.answer = [](const std::string& request) {
         return request == "STA-FIRST" ? "UNKNOWN COMMAND\n" : "FAIL\n";
@@ -481,7 +481,7 @@ TEST_F(AccessPoint, a_record_that_holds_no_address_is_not_counted_and_asked_on_f
     EXPECT_THAT(socketState.requests, ElementsAre("STA-FIRST", "STA-NEXT UNKNOWN COMMAND\n"));
 }
 
-TEST_F(AccessPoint, the_largest_access_point_is_counted_whole)
+TEST_F(AccessPoint, TheLargestAccessPointIsCountedWhole)
 {
     socketState.answer = [](const std::string& request) { return many_stations(request, 2007); };
     uint32_t count = 0;
@@ -489,7 +489,7 @@ TEST_F(AccessPoint, the_largest_access_point_is_counted_whole)
     EXPECT_EQ(count, 2007U);
 }
 
-TEST_F(AccessPoint, a_socket_that_never_comes_to_an_end_is_left_after_2007_stations)
+TEST_F(AccessPoint, ASocketThatNeverComesToAnEndIsLeftAfter2007Stations)
 {
     socketState.answer = [](const std::string&) { return "02:00:00:00:00:01\nflags="; };
     uint32_t count = 0;
@@ -499,7 +499,7 @@ TEST_F(AccessPoint, a_socket_that_never_comes_to_an_end_is_left_after_2007_stati
     EXPECT_EQ(captured_log().lines().back(), call("close"));
 }
 
-TEST_F(AccessPoint, without_a_connection_the_count_is_zero)
+TEST_F(AccessPoint, WithoutAConnectionTheCountIsZero)
 {
     socketState.reachable = false;
     uint32_t count = 99;

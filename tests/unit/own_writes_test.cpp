@@ -4,7 +4,7 @@
 
 namespace {
 
-TEST(OwnWrites, a_value_that_was_never_written_is_somebody_elses)
+TEST(OwnWrites, AValueThatWasNeverWrittenIsSomebodyElses)
 {
     OwnWrites writes;
     EXPECT_FALSE(writes.heard("Client"));
@@ -12,14 +12,14 @@ TEST(OwnWrites, a_value_that_was_never_written_is_somebody_elses)
     EXPECT_FALSE(writes.heard("Client"));
 }
 
-TEST(OwnWrites, the_last_write_is_not_outdated)
+TEST(OwnWrites, TheLastWriteIsNotOutdated)
 {
     OwnWrites writes;
     writes.remember("Client");
     EXPECT_FALSE(writes.heard("Client"));
 }
 
-TEST(OwnWrites, a_write_that_another_one_has_followed_is_outdated)
+TEST(OwnWrites, AWriteThatAnotherOneHasFollowedIsOutdated)
 {
     OwnWrites writes;
     writes.remember("Client");
@@ -28,7 +28,7 @@ TEST(OwnWrites, a_write_that_another_one_has_followed_is_outdated)
     EXPECT_FALSE(writes.heard("Host"));
 }
 
-TEST(OwnWrites, each_is_heard_of_once)
+TEST(OwnWrites, EachIsHeardOfOnce)
 {
     OwnWrites writes;
     writes.remember("Client");
@@ -37,7 +37,7 @@ TEST(OwnWrites, each_is_heard_of_once)
     EXPECT_FALSE(writes.heard("Client"));
 }
 
-TEST(OwnWrites, hearing_of_a_later_one_forgets_the_earlier_ones)
+TEST(OwnWrites, HearingOfALaterOneForgetsTheEarlierOnes)
 {
     OwnWrites writes;
     writes.remember("Attic");
@@ -48,7 +48,7 @@ TEST(OwnWrites, hearing_of_a_later_one_forgets_the_earlier_ones)
     EXPECT_FALSE(writes.heard("Kitchen"));
 }
 
-TEST(OwnWrites, somebody_elses_value_in_between_forgets_none)
+TEST(OwnWrites, SomebodyElsesValueInBetweenForgetsNone)
 {
     OwnWrites writes;
     writes.remember("Attic");
@@ -57,7 +57,7 @@ TEST(OwnWrites, somebody_elses_value_in_between_forgets_none)
     EXPECT_TRUE(writes.heard("Attic"));
 }
 
-TEST(OwnWrites, a_value_written_again_later_is_outdated_until_its_last_write_is_heard_of)
+TEST(OwnWrites, AValueWrittenAgainLaterIsOutdatedUntilItsLastWriteIsHeardOf)
 {
     OwnWrites writes;
     for (const char* value : {"Client", "Host", "Client"}) {
@@ -68,7 +68,7 @@ TEST(OwnWrites, a_value_written_again_later_is_outdated_until_its_last_write_is_
     EXPECT_FALSE(writes.heard("Client"));
 }
 
-TEST(OwnWrites, thirty_two_are_remembered)
+TEST(OwnWrites, ThirtyTwoAreRemembered)
 {
     OwnWrites writes;
     for (int i = 0; i < 33; ++i) {

@@ -132,7 +132,7 @@ int rename(const char* from, const char* to) noexcept
 
 namespace {
 
-TEST_F(ReplaceFile, takes_the_new_contents_and_leaves_nothing_beside_it)
+TEST_F(ReplaceFile, TakesTheNewContentsAndLeavesNothingBesideIt)
 {
     EXPECT_EQ(utils_replace_file(path, "brand new", 0600), 0);
     EXPECT_EQ(folder.read("a.conf"), "brand new");
@@ -141,13 +141,13 @@ TEST_F(ReplaceFile, takes_the_new_contents_and_leaves_nothing_beside_it)
     EXPECT_EQ(folder.read("a.conf"), "");
 }
 
-TEST_F(ReplaceFile, makes_one_that_was_not_there)
+TEST_F(ReplaceFile, MakesOneThatWasNotThere)
 {
     EXPECT_EQ(utils_replace_file(folder.file("b.conf"), "new", 0600), 0);
     EXPECT_EQ(folder.read("b.conf"), "new");
 }
 
-TEST_F(ReplaceFile, has_the_mode_asked_for_whatever_the_umask_and_before_anything_is_in_it)
+TEST_F(ReplaceFile, HasTheModeAskedForWhateverTheUmaskAndBeforeAnythingIsInIt)
 {
     for (const mode_t mask : {0, 0077, 0777}) {
         const mode_t before = umask(mask);
@@ -161,7 +161,7 @@ TEST_F(ReplaceFile, has_the_mode_asked_for_whatever_the_umask_and_before_anythin
     }
 }
 
-TEST_F(ReplaceFile, is_written_to_the_end_when_the_disk_takes_it_in_pieces_and_signals_interrupt)
+TEST_F(ReplaceFile, IsWrittenToTheEndWhenTheDiskTakesItInPiecesAndSignalsInterrupt)
 {
     disk.most = 2;
     disk.interruptions = 3;
@@ -170,7 +170,7 @@ TEST_F(ReplaceFile, is_written_to_the_end_when_the_disk_takes_it_in_pieces_and_s
     EXPECT_EQ(folder.read("a.conf"), "brand new");
 }
 
-TEST_F(ReplaceFile, keeps_the_old_contents_when_there_is_room_for_none_or_a_part_of_the_new)
+TEST_F(ReplaceFile, KeepsTheOldContentsWhenThereIsRoomForNoneOrAPartOfTheNew)
 {
     for (const size_t room : {0, 1, 8}) {
         disk.step = "write";
@@ -181,7 +181,7 @@ TEST_F(ReplaceFile, keeps_the_old_contents_when_there_is_room_for_none_or_a_part
     }
 }
 
-TEST_F(ReplaceFile, keeps_the_old_contents_whatever_other_step_is_refused)
+TEST_F(ReplaceFile, KeepsTheOldContentsWhateverOtherStepIsRefused)
 {
     for (const char* step : {"fchmod", "close", "rename"}) {
         for (const int error : {ENOSPC, EIO, EDQUOT}) {
@@ -193,7 +193,7 @@ TEST_F(ReplaceFile, keeps_the_old_contents_whatever_other_step_is_refused)
     }
 }
 
-TEST_F(ReplaceFile, takes_the_place_of_what_an_earlier_process_left_behind)
+TEST_F(ReplaceFile, TakesThePlaceOfWhatAnEarlierProcessLeftBehind)
 {
     for (const bool link : {false, true}) {
         folder.write("victim", "untouched");
@@ -209,7 +209,7 @@ TEST_F(ReplaceFile, takes_the_place_of_what_an_earlier_process_left_behind)
     }
 }
 
-TEST_F(ReplaceFile, replaces_a_link_and_leaves_alone_what_it_leads_to)
+TEST_F(ReplaceFile, ReplacesALinkAndLeavesAloneWhatItLeadsTo)
 {
     folder.write("victim", "untouched");
     std::filesystem::remove(path);
@@ -219,7 +219,7 @@ TEST_F(ReplaceFile, replaces_a_link_and_leaves_alone_what_it_leads_to)
     EXPECT_EQ(folder.read("victim"), "untouched");
 }
 
-TEST_F(ReplaceFile, fails_where_a_folder_is_in_the_way_or_none_is_there)
+TEST_F(ReplaceFile, FailsWhereAFolderIsInTheWayOrNoneIsThere)
 {
     std::filesystem::create_directory(folder.file("folder"));
     EXPECT_EQ(utils_replace_file(folder.file("folder"), "new", 0600), -EISDIR);

@@ -50,7 +50,7 @@ void lose_bus(PrivateBus& bus, EventLoop& loop, std::size_t attempts)
     ASSERT_TRUE(loop.run_until([attempts] { return pauses.size() >= attempts; }));
 }
 
-TEST(RetryDelays, double_up_to_half_a_minute_and_begin_anew_with_the_next_loss)
+TEST(RetryDelays, DoubleUpToHalfAMinuteAndBeginAnewWithTheNextLoss)
 {
     PrivateBus bus;
     EventLoop loop;

@@ -361,8 +361,7 @@ TEST(ForeignByteOrder, IsReadLikeTheOwn)
     ASSERT_GE(sd_bus_set_fd(bus, ends[0], ends[0]), 0);
     const std::string farSide =
         "DATA\r\nOK 0123456789abcdef0123456789abcdef\r\nAGREE_UNIX_FD\r\n" + big_endian_signal();
-    ASSERT_EQ(::write(farEnd.get(), farSide.data(), farSide.size()),
-              static_cast<ssize_t>(farSide.size()));
+    ASSERT_EQ(::write(farEnd.get(), farSide.data(), farSide.size()), static_cast<ssize_t>(farSide.size()));
 
     TypedPropertyMap properties;
     ASSERT_GE(sd_bus_add_filter(
@@ -610,7 +609,8 @@ TEST_F(CallsTest, SetsABooleanAndAString)
 
 TEST_F(CallsTest, RefusesToSetTextsThatDBusCannotCarry)
 {
-    EXPECT_EQ(SetProperty(nullptr, kService, kPath, kInterface, "name", std::string("a\0b", 3), error), -EINVAL);
+    EXPECT_EQ(SetProperty(nullptr, kService, kPath, kInterface, "name", std::string("a\0b", 3), error),
+              -EINVAL);
     EXPECT_EQ(error, "The value for property name holds a NUL character");
     EXPECT_LT(SetProperty(nullptr, kService, kPath, kInterface, "name", std::string("\xFF\xFE"), error), 0);
     EXPECT_NE(error, "");

@@ -112,8 +112,8 @@ TEST_F(SettingsClient, WritesASettingAsAPropertyOfItsSection)
 {
     EXPECT_GE(SettingsDaemonDbusHandler::SetSetting<bool>("network", "enabled", true), 0);
     EXPECT_GE(SettingsDaemonDbusHandler::SetSetting<std::string>("device", "deviceName", "Cellar"), 0);
-    EXPECT_THAT(daemon.calls(), ElementsAre(kNetworkPath + " org.freedesktop.DBus.Properties.Set('" + kService +
-                                                "', 'enabled', <b true>)",
+    EXPECT_THAT(daemon.calls(), ElementsAre(kNetworkPath + " org.freedesktop.DBus.Properties.Set('" +
+                                                kService + "', 'enabled', <b true>)",
                                             "/com/vantora/common/Settings1/device "
                                             "org.freedesktop.DBus.Properties.Set('" +
                                                 kService + "', 'deviceName', <s 'Cellar'>)"));
@@ -302,7 +302,8 @@ TEST_F(Notifications, WithoutASlashInThePathAreRejected)
     ASSERT_GE(sd_bus_message_new(connection.get(), &message, SD_BUS_MESSAGE_SIGNAL), 0);
     EXPECT_EQ(handle(finished(message, fill_enabled)), -1);
     EXPECT_THAT(heard, IsEmpty());
-    EXPECT_THAT(captured_log().lines(), ElementsAre(error(kPropertiesChanged + ": Failed to find / in path")));
+    EXPECT_THAT(captured_log().lines(),
+                ElementsAre(error(kPropertiesChanged + ": Failed to find / in path")));
 }
 
 TEST_F(Notifications, WithAPathThatEndsInASlashAreRejected)

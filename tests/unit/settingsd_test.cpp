@@ -132,8 +132,8 @@ protected:
     Answer set(const std::string& section, const char* key, const char* type, Arguments... value)
     {
         BusError error;
-        sd_bus_set_property(client.get(), kService, path_of(section).c_str(), kService, key, error.get(), type,
-                            value...);
+        sd_bus_set_property(client.get(), kService, path_of(section).c_str(), kService, key, error.get(),
+                            type, value...);
         return answer_of(error);
     }
 
@@ -511,8 +511,7 @@ TEST_F(SettingsdTest, TellsItsVersionAndItsOptions)
         EXPECT_EQ(program.wait(), 0);
         return folder.read("output");
     };
-    EXPECT_THAT(outputOf("--version"),
-                testing::MatchesRegex("vantora-settingsd [0-9]+\\.[0-9]+\\.[0-9]+\n"));
+    EXPECT_THAT(outputOf("--version"), testing::MatchesRegex("vantora-settingsd [0-9]+\\.[0-9]+\\.[0-9]+\n"));
     EXPECT_THAT(outputOf("--help"), HasSubstr("--state FILE"));
 }
 

@@ -18,14 +18,14 @@ bool readable(const StopFlag& flag)
     return poll(&wait, 1, 0) == 1;
 }
 
-TEST(StopFlag, is_clear_at_first_and_its_descriptor_not_readable)
+TEST(StopFlag, IsClearAtFirstAndItsDescriptorNotReadable)
 {
     const StopFlag flag;
     EXPECT_FALSE(flag.is_set());
     EXPECT_FALSE(readable(flag));
 }
 
-TEST(StopFlag, is_set_and_readable_until_it_is_cleared)
+TEST(StopFlag, IsSetAndReadableUntilItIsCleared)
 {
     StopFlag flag;
     for (int round = 0; round < 2; ++round) {
@@ -42,14 +42,14 @@ TEST(StopFlag, is_set_and_readable_until_it_is_cleared)
     EXPECT_FALSE(flag.is_set());
 }
 
-TEST(StopFlag, a_wait_for_a_set_flag_is_over_at_once)
+TEST(StopFlag, AWaitForASetFlagIsOverAtOnce)
 {
     StopFlag flag;
     flag.set();
     EXPECT_TRUE(flag.wait_for(1h));
 }
 
-TEST(StopFlag, a_wait_ends_when_another_thread_sets_the_flag)
+TEST(StopFlag, AWaitEndsWhenAnotherThreadSetsTheFlag)
 {
     StopFlag flag;
     std::thread setting([&] { flag.set(); });
@@ -57,7 +57,7 @@ TEST(StopFlag, a_wait_ends_when_another_thread_sets_the_flag)
     setting.join();
 }
 
-TEST(StopFlag, a_wait_for_a_clear_flag_lasts_as_long_as_was_asked)
+TEST(StopFlag, AWaitForAClearFlagLastsAsLongAsWasAsked)
 {
     const StopFlag flag;
     const auto before = std::chrono::steady_clock::now();
@@ -67,7 +67,7 @@ TEST(StopFlag, a_wait_for_a_clear_flag_lasts_as_long_as_was_asked)
     EXPECT_FALSE(flag.wait_for(-1ms));
 }
 
-TEST(StopFlag, works_as_a_plain_flag_when_there_is_no_descriptor_left)
+TEST(StopFlag, WorksAsAPlainFlagWhenThereIsNoDescriptorLeft)
 {
     rlimit limit{};
     ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);

@@ -28,7 +28,7 @@ extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attribute
 
 namespace {
 
-TEST(ThreadStart, a_thread_gets_its_arguments_and_runs)
+TEST(ThreadStart, AThreadGetsItsArgumentsAndRuns)
 {
     int sum = 0;
     std::thread thread = utils_start_thread([&sum](int first, int second) { sum = first + second; }, 2, 3);
@@ -36,7 +36,7 @@ TEST(ThreadStart, a_thread_gets_its_arguments_and_runs)
     EXPECT_EQ(sum, 5);
 }
 
-TEST(ThreadStart, where_there_is_no_thread_left_the_process_ends_with_a_line_and_status_1)
+TEST(ThreadStart, WhereThereIsNoThreadLeftTheProcessEndsWithALineAndStatus1)
 {
     EXPECT_EXIT(
         {

@@ -156,7 +156,7 @@ namespace {
 
 // Power
 
-TEST_F(WifiController, power_is_on_unless_the_listing_says_yes)
+TEST_F(WifiController, PowerIsOnUnlessTheListingSaysYes)
 {
     const std::vector<std::pair<std::string, int>> listings = {
         {"\tSoft blocked: no\n\tHard blocked: no\n", 1},
@@ -178,7 +178,7 @@ TEST_F(WifiController, power_is_on_unless_the_listing_says_yes)
     expect_log({});
 }
 
-TEST_F(WifiController, power_reads_off_without_a_message_when_no_pipe_can_be_opened)
+TEST_F(WifiController, PowerReadsOffWithoutAMessageWhenNoPipeCanBeOpened)
 {
     pipeState.opens = false;
     EXPECT_EQ(wifi_get_enabled(), 0);
@@ -186,19 +186,19 @@ TEST_F(WifiController, power_reads_off_without_a_message_when_no_pipe_can_be_ope
     expect_log({});
 }
 
-TEST_F(WifiController, switching_on_unblocks)
+TEST_F(WifiController, SwitchingOnUnblocks)
 {
     EXPECT_EQ(wifi_set_enabled(true), 1);
     expect_log({{LOG_INFO, "[WiFi] Enable wifi: True"}, call("rfkill unblock wlan")});
 }
 
-TEST_F(WifiController, switching_off_blocks)
+TEST_F(WifiController, SwitchingOffBlocks)
 {
     EXPECT_EQ(wifi_set_enabled(false), 1);
     expect_log({{LOG_INFO, "[WiFi] Enable wifi: False"}, call("rfkill block wlan")});
 }
 
-TEST_F(WifiController, switching_on_fails_with_the_status_of_the_command)
+TEST_F(WifiController, SwitchingOnFailsWithTheStatusOfTheCommand)
 {
     results["rfkill unblock wlan"] = 32512;
     EXPECT_EQ(wifi_set_enabled(true), 0);
@@ -207,7 +207,7 @@ TEST_F(WifiController, switching_on_fails_with_the_status_of_the_command)
                 {LOG_ERR, "[WiFi] wifi_set_enabled: Unable to power on wifi, error: 32512"}});
 }
 
-TEST_F(WifiController, switching_off_fails_with_the_status_of_the_command_and_without_the_tag)
+TEST_F(WifiController, SwitchingOffFailsWithTheStatusOfTheCommandAndWithoutTheTag)
 {
     results["rfkill block wlan"] = -1;
     EXPECT_EQ(wifi_set_enabled(false), 0);
@@ -218,7 +218,7 @@ TEST_F(WifiController, switching_off_fails_with_the_status_of_the_command_and_wi
 
 // Mode
 
-TEST_F(WifiController, mode_is_the_interface_type_and_ap_goes_first)
+TEST_F(WifiController, ModeIsTheInterfaceTypeAndApGoesFirst)
 {
     const std::vector<std::pair<std::string, WifiMode>> types = {
         {"\ttype AP\n", WifiMode::Host},
@@ -238,7 +238,7 @@ TEST_F(WifiController, mode_is_the_interface_type_and_ap_goes_first)
     expect_log({});
 }
 
-TEST_F(WifiController, any_other_type_is_unknown_and_leaves_the_mode_as_it_was)
+TEST_F(WifiController, AnyOtherTypeIsUnknownAndLeavesTheModeAsItWas)
 {
     for (const char* type : {"", "\ttype monitor\n", "\ttype Managed\n", "\ttype ap\n"}) {
         for (const WifiMode before : {WifiMode::Host, WifiMode::Client}) {
@@ -251,7 +251,7 @@ TEST_F(WifiController, any_other_type_is_unknown_and_leaves_the_mode_as_it_was)
     expect_log({});
 }
 
-TEST_F(WifiController, mode_is_unknown_without_a_message_when_no_pipe_can_be_opened)
+TEST_F(WifiController, ModeIsUnknownWithoutAMessageWhenNoPipeCanBeOpened)
 {
     pipeState.opens = false;
     pipeState.output = "\ttype AP\n";
@@ -266,14 +266,14 @@ TEST_F(WifiController, mode_is_unknown_without_a_message_when_no_pipe_can_be_ope
 const std::string kClientStart = "[WiFi] Start Client mode";
 const std::string kClientStop = "[WiFi] Stop Client mode";
 
-TEST_F(WifiController, client_start_starts_the_station_and_then_removes_addresses)
+TEST_F(WifiController, ClientStartStartsTheStationAndThenRemovesAddresses)
 {
     EXPECT_EQ(wifi_client_start(), 1);
     expect_log(heading(kClientStart) +
                std::vector<LogLine>{call("wpa_supplicant_start"), call("utils_flush_ip"), kSeparator});
 }
 
-TEST_F(WifiController, client_start_gives_up_when_the_station_does_not_start)
+TEST_F(WifiController, ClientStartGivesUpWhenTheStationDoesNotStart)
 {
     results["wpa_supplicant_start"] = 0;
     EXPECT_EQ(wifi_client_start(), 0);
@@ -282,7 +282,7 @@ TEST_F(WifiController, client_start_gives_up_when_the_station_does_not_start)
                                     {LOG_ERR, "[WiFi] wifi_client_start: Failed to start WPA supplicant"}});
 }
 
-TEST_F(WifiController, client_start_goes_on_when_addresses_can_not_be_removed)
+TEST_F(WifiController, ClientStartGoesOnWhenAddressesCanNotBeRemoved)
 {
     results["utils_flush_ip"] = 0;
     EXPECT_EQ(wifi_client_start(), 1);
@@ -291,14 +291,14 @@ TEST_F(WifiController, client_start_goes_on_when_addresses_can_not_be_removed)
                                                             kSeparator});
 }
 
-TEST_F(WifiController, client_stop_stops_the_dhcp_client_and_then_the_station)
+TEST_F(WifiController, ClientStopStopsTheDhcpClientAndThenTheStation)
 {
     EXPECT_EQ(wifi_client_stop(), 1);
     expect_log(heading(kClientStop) +
                std::vector<LogLine>{call("dhcp_client_stop"), call("wpa_supplicant_stop"), kSeparator});
 }
 
-TEST_F(WifiController, client_stop_leaves_the_station_alone_when_the_dhcp_client_does_not_stop)
+TEST_F(WifiController, ClientStopLeavesTheStationAloneWhenTheDhcpClientDoesNotStop)
 {
     results["dhcp_client_stop"] = 0;
     EXPECT_EQ(wifi_client_stop(), 0);
@@ -307,7 +307,7 @@ TEST_F(WifiController, client_stop_leaves_the_station_alone_when_the_dhcp_client
         std::vector<LogLine>{call("dhcp_client_stop"), {LOG_ERR, "wifi_client_stop: Unable to stop udhcpc"}});
 }
 
-TEST_F(WifiController, client_stop_fails_when_the_station_does_not_stop)
+TEST_F(WifiController, ClientStopFailsWhenTheStationDoesNotStop)
 {
     results["wpa_supplicant_stop"] = 0;
     EXPECT_EQ(wifi_client_stop(), 0);
@@ -323,7 +323,7 @@ const std::string kHostStart = "[WiFi] Start Host mode";
 const std::string kHostStop = "[WiFi] Stop Host mode";
 const std::string kAddAddress = "utils_add_ip 192.168.8.1/24";
 
-TEST_F(WifiController, host_start_sets_the_address_and_starts_access_point_and_dhcp_server)
+TEST_F(WifiController, HostStartSetsTheAddressAndStartsAccessPointAndDhcpServer)
 {
     EXPECT_EQ(wifi_host_start(), 1);
     expect_log(heading(kHostStart) + std::vector<LogLine>{call("utils_flush_ip"), call(kAddAddress),
@@ -331,7 +331,7 @@ TEST_F(WifiController, host_start_sets_the_address_and_starts_access_point_and_d
                                                           kSeparator});
 }
 
-TEST_F(WifiController, host_start_goes_on_when_addresses_can_not_be_removed)
+TEST_F(WifiController, HostStartGoesOnWhenAddressesCanNotBeRemoved)
 {
     results["utils_flush_ip"] = 0;
     EXPECT_EQ(wifi_host_start(), 1);
@@ -340,7 +340,7 @@ TEST_F(WifiController, host_start_goes_on_when_addresses_can_not_be_removed)
                                                           call("dhcp_server_start"), kSeparator});
 }
 
-TEST_F(WifiController, host_start_starts_nothing_without_the_address)
+TEST_F(WifiController, HostStartStartsNothingWithoutTheAddress)
 {
     results[kAddAddress] = 0;
     EXPECT_EQ(wifi_host_start(), 0);
@@ -350,7 +350,7 @@ TEST_F(WifiController, host_start_starts_nothing_without_the_address)
                                     {LOG_ERR, "[WiFi] wifi_host_start: Failed to add IP address"}});
 }
 
-TEST_F(WifiController, host_start_leaves_the_dhcp_server_alone_when_the_access_point_does_not_start)
+TEST_F(WifiController, HostStartLeavesTheDhcpServerAloneWhenTheAccessPointDoesNotStart)
 {
     results["hostapd_start"] = 0;
     EXPECT_EQ(wifi_host_start(), 0);
@@ -361,7 +361,7 @@ TEST_F(WifiController, host_start_leaves_the_dhcp_server_alone_when_the_access_p
                                     {LOG_WARNING, "[WiFi] Failed to start hostapd service"}});
 }
 
-TEST_F(WifiController, host_start_leaves_the_access_point_up_when_the_dhcp_server_does_not_start)
+TEST_F(WifiController, HostStartLeavesTheAccessPointUpWhenTheDhcpServerDoesNotStart)
 {
     results["dhcp_server_start"] = 0;
     EXPECT_EQ(wifi_host_start(), 0);
@@ -373,14 +373,14 @@ TEST_F(WifiController, host_start_leaves_the_access_point_up_when_the_dhcp_serve
                                     {LOG_WARNING, "[WiFi] Failed to start udhcpd service"}});
 }
 
-TEST_F(WifiController, host_stop_stops_the_dhcp_server_and_then_the_access_point)
+TEST_F(WifiController, HostStopStopsTheDhcpServerAndThenTheAccessPoint)
 {
     EXPECT_EQ(wifi_host_stop(), 1);
     expect_log(heading(kHostStop) +
                std::vector<LogLine>{call("dhcp_server_stop"), call("hostapd_stop"), kSeparator});
 }
 
-TEST_F(WifiController, host_stop_leaves_the_access_point_alone_when_the_dhcp_server_does_not_stop)
+TEST_F(WifiController, HostStopLeavesTheAccessPointAloneWhenTheDhcpServerDoesNotStop)
 {
     results["dhcp_server_stop"] = 0;
     EXPECT_EQ(wifi_host_stop(), 0);
@@ -389,7 +389,7 @@ TEST_F(WifiController, host_stop_leaves_the_access_point_alone_when_the_dhcp_ser
                                     {LOG_WARNING, "[WiFi] Failed to stop udhcpd service"}});
 }
 
-TEST_F(WifiController, host_stop_fails_when_the_access_point_does_not_stop)
+TEST_F(WifiController, HostStopFailsWhenTheAccessPointDoesNotStop)
 {
     results["hostapd_stop"] = 0;
     EXPECT_EQ(wifi_host_stop(), 0);
@@ -410,7 +410,7 @@ struct SwitchCase
     std::string message;
 };
 
-TEST_F(WifiController, switch_stops_the_other_mode_first_and_ends_at_the_first_failure)
+TEST_F(WifiController, SwitchStopsTheOtherModeFirstAndEndsAtTheFirstFailure)
 {
     const std::vector<std::string> toClient = {"dhcp_server_stop", "hostapd_stop", "wpa_supplicant_start",
                                                "utils_flush_ip"};

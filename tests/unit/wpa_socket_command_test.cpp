@@ -66,7 +66,7 @@ int32_t control_request(wpa_ctrl*, const char* command, char* reply, size_t& len
 
 namespace {
 
-TEST_F(WpaSocketCommand, without_a_connection_is_dropped_and_nobody_is_asked)
+TEST_F(WpaSocketCommand, WithoutAConnectionIsDroppedAndNobodyIsAsked)
 {
     EXPECT_EQ(wpa_socket_cmd(nullptr, "STA-FIRST", area.data(), 32), -1);
     EXPECT_THAT(library.requests, IsEmpty());
@@ -75,7 +75,7 @@ TEST_F(WpaSocketCommand, without_a_connection_is_dropped_and_nobody_is_asked)
                 ElementsAre(line(LOG_ERR, "wpa_socket_cmd: Not connected to socket - command dropped.")));
 }
 
-TEST_F(WpaSocketCommand, sends_the_command_and_pads_the_reply_with_nuls)
+TEST_F(WpaSocketCommand, SendsTheCommandAndPadsTheReplyWithNuls)
 {
     library.reply = "PONG\n";
     EXPECT_EQ(wpa_socket_cmd(kConnection, "PING", area.data(), 32), 0);
@@ -86,7 +86,7 @@ TEST_F(WpaSocketCommand, sends_the_command_and_pads_the_reply_with_nuls)
     EXPECT_THAT(captured_log().lines(), IsEmpty());
 }
 
-TEST_F(WpaSocketCommand, is_waited_for_ten_seconds_in_all_or_until_the_given_time)
+TEST_F(WpaSocketCommand, IsWaitedForTenSecondsInAllOrUntilTheGivenTime)
 {
     wpa_socket_cmd(kConnection, "PING", area.data(), 32);
     EXPECT_LE(library.left, std::chrono::seconds(10));
@@ -97,21 +97,21 @@ TEST_F(WpaSocketCommand, is_waited_for_ten_seconds_in_all_or_until_the_given_tim
     EXPECT_GT(library.left, std::chrono::minutes(50));
 }
 
-TEST_F(WpaSocketCommand, a_reply_that_fills_the_area_has_no_nul)
+TEST_F(WpaSocketCommand, AReplyThatFillsTheAreaHasNoNul)
 {
     library.reply = std::string(32, 'a');
     EXPECT_EQ(wpa_socket_cmd(kConnection, "STA-FIRST", area.data(), 32), 0);
     EXPECT_EQ(area, std::string(32, 'a') + std::string(8, '#'));
 }
 
-TEST_F(WpaSocketCommand, a_longer_reply_is_cut_to_the_area)
+TEST_F(WpaSocketCommand, ALongerReplyIsCutToTheArea)
 {
     library.reply = std::string(5000, 'b');
     EXPECT_EQ(wpa_socket_cmd(kConnection, "STA-FIRST", area.data(), 32), 0);
     EXPECT_EQ(area, std::string(32, 'b') + std::string(8, '#'));
 }
 
-TEST_F(WpaSocketCommand, no_more_than_the_buffer_is_copied_to_a_larger_area)
+TEST_F(WpaSocketCommand, NoMoreThanTheBufferIsCopiedToALargerArea)
 {
     library.reply = std::string(5000, 'c');
     std::string large(5000, '#');
@@ -119,21 +119,21 @@ TEST_F(WpaSocketCommand, no_more_than_the_buffer_is_copied_to_a_larger_area)
     EXPECT_EQ(large, std::string(4095, 'c') + std::string(1, '\0') + std::string(904, '#'));
 }
 
-TEST_F(WpaSocketCommand, a_reply_ends_at_its_first_nul)
+TEST_F(WpaSocketCommand, AReplyEndsAtItsFirstNul)
 {
     library.reply = std::string("ab\0cd", 5);
     EXPECT_EQ(wpa_socket_cmd(kConnection, "STATUS", area.data(), 8), 0);
     EXPECT_EQ(area, "ab" + std::string(6, '\0') + std::string(32, '#'));
 }
 
-TEST_F(WpaSocketCommand, an_area_of_no_size_is_left_alone)
+TEST_F(WpaSocketCommand, AnAreaOfNoSizeIsLeftAlone)
 {
     library.reply = "PONG\n";
     EXPECT_EQ(wpa_socket_cmd(kConnection, "PING", area.data(), 0), 0);
     EXPECT_EQ(area, std::string(40, '#'));
 }
 
-TEST_F(WpaSocketCommand, a_failure_is_passed_on)
+TEST_F(WpaSocketCommand, AFailureIsPassedOn)
 {
     for (const int result : {-1, -2}) {
         captured_log().clear();
@@ -145,7 +145,7 @@ TEST_F(WpaSocketCommand, a_failure_is_passed_on)
     }
 }
 
-TEST_F(WpaSocketCommand, a_reply_that_starts_with_fail_is_a_refusal)
+TEST_F(WpaSocketCommand, AReplyThatStartsWithFailIsARefusal)
 {
     for (const char* reply : {"FAIL", "FAIL\n", "FAIL-BUSY\n", "FAILURE"}) {
         captured_log().clear();
@@ -157,7 +157,7 @@ TEST_F(WpaSocketCommand, a_reply_that_starts_with_fail_is_a_refusal)
     }
 }
 
-TEST_F(WpaSocketCommand, a_reply_that_only_resembles_a_refusal_is_none)
+TEST_F(WpaSocketCommand, AReplyThatOnlyResemblesARefusalIsNone)
 {
     for (const char* reply : {"", "FAI", "fail\n", " FAIL", "UNKNOWN COMMAND\n"}) {
         library.reply = reply;
@@ -167,7 +167,7 @@ TEST_F(WpaSocketCommand, a_reply_that_only_resembles_a_refusal_is_none)
     EXPECT_THAT(captured_log().lines(), IsEmpty());
 }
 
-TEST(WpaSocketBufferDump, writes_each_byte_in_lower_case_without_leading_zeros)
+TEST(WpaSocketBufferDump, WritesEachByteInLowerCaseWithoutLeadingZeros)
 {
     captured_log().clear();
     const unsigned char bytes[] = {0x00, 0x0a, 0x7f, 0x80, 0xff, 0x11};
@@ -176,7 +176,7 @@ TEST(WpaSocketBufferDump, writes_each_byte_in_lower_case_without_leading_zeros)
                 ElementsAre(line(LOG_DEBUG, "wpa_socket_buffer_dump: 0x0 0xa 0x7f 0x80 0xff")));
 }
 
-TEST(WpaSocketBufferDump, of_nothing_writes_an_empty_text)
+TEST(WpaSocketBufferDump, OfNothingWritesAnEmptyText)
 {
     captured_log().clear();
     const unsigned char byte = 1;

@@ -99,7 +99,7 @@ protected:
 
 // Connecting
 
-TEST_F(WpaSocketListenerTest, start_opens_attaches_and_hands_over_events)
+TEST_F(WpaSocketListenerTest, StartOpensAttachesAndHandsOverEvents)
 {
     listener.Start();
     ScriptedWpaCtrl::send("<3>one");
@@ -109,7 +109,7 @@ TEST_F(WpaSocketListenerTest, start_opens_attaches_and_hands_over_events)
     EXPECT_THAT(captured_log().lines(), ElementsAre(received("<3>one")));
 }
 
-TEST_F(WpaSocketListenerTest, waits_a_second_twice_for_an_absent_socket_and_tries_all_the_same)
+TEST_F(WpaSocketListenerTest, WaitsASecondTwiceForAnAbsentSocketAndTriesAllTheSame)
 {
     EXPECT_EQ(open_control_socket(kDirectory, "wlan0").get(), &ScriptedWpaCtrl::connection);
     ASSERT_EQ(ScriptedWpaCtrl::sleeps.size(), 2U);
@@ -120,14 +120,14 @@ TEST_F(WpaSocketListenerTest, waits_a_second_twice_for_an_absent_socket_and_trie
     EXPECT_THAT(ScriptedWpaCtrl::noted(), ElementsAre(kOpened, "close"));
 }
 
-TEST_F(WpaSocketListenerTest, does_not_wait_for_a_socket_that_is_there)
+TEST_F(WpaSocketListenerTest, DoesNotWaitForASocketThatIsThere)
 {
     open_control_socket("/", "tmp");
     EXPECT_TRUE(ScriptedWpaCtrl::sleeps.empty());
     EXPECT_THAT(ScriptedWpaCtrl::noted(), ElementsAre("open //tmp", "close"));
 }
 
-TEST_F(WpaSocketListenerTest, without_a_connection_the_thread_ends_and_the_next_start_tries_again)
+TEST_F(WpaSocketListenerTest, WithoutAConnectionTheThreadEndsAndTheNextStartTriesAgain)
 {
     ScriptedWpaCtrl::opens = false;
     listener.Start();
@@ -141,7 +141,7 @@ TEST_F(WpaSocketListenerTest, without_a_connection_the_thread_ends_and_the_next_
     EXPECT_THAT(ScriptedWpaCtrl::noted(), ElementsAre(kOpened, kOpened, "ATTACH"));
 }
 
-TEST_F(WpaSocketListenerTest, an_attachment_that_is_refused_or_not_answered_ends_the_thread)
+TEST_F(WpaSocketListenerTest, AnAttachmentThatIsRefusedOrNotAnsweredEndsTheThread)
 {
     for (const char* answer : {"", "OK", "OK\n\n", "FAIL\n", "ok\n"}) {
         captured_log().clear();
@@ -155,7 +155,7 @@ TEST_F(WpaSocketListenerTest, an_attachment_that_is_refused_or_not_answered_ends
     }
 }
 
-TEST_F(WpaSocketListenerTest, a_negative_descriptor_ends_the_thread)
+TEST_F(WpaSocketListenerTest, ANegativeDescriptorEndsTheThread)
 {
     ScriptedWpaCtrl::descriptor = -1;
     listener.Start();
@@ -167,7 +167,7 @@ TEST_F(WpaSocketListenerTest, a_negative_descriptor_ends_the_thread)
 
 // Waiting
 
-TEST_F(WpaSocketListenerTest, waits_one_second_anew_each_time)
+TEST_F(WpaSocketListenerTest, WaitsOneSecondAnewEachTime)
 {
     listener.Start();
     for (int wait = 1; wait <= 3; ++wait) {
@@ -182,7 +182,7 @@ TEST_F(WpaSocketListenerTest, waits_one_second_anew_each_time)
     }
 }
 
-TEST_F(WpaSocketListenerTest, a_failing_wait_ends_the_thread)
+TEST_F(WpaSocketListenerTest, AFailingWaitEndsTheThread)
 {
     const int closed = dup(STDIN_FILENO);
     close(closed);
@@ -194,7 +194,7 @@ TEST_F(WpaSocketListenerTest, a_failing_wait_ends_the_thread)
     EXPECT_EQ(ScriptedWpaCtrl::selectTimeouts.size(), 1U);
 }
 
-TEST_F(WpaSocketListenerTest, a_descriptor_that_no_set_can_hold_ends_the_thread_instead_of_damaging_memory)
+TEST_F(WpaSocketListenerTest, ADescriptorThatNoSetCanHoldEndsTheThreadInsteadOfDamagingMemory)
 {
     ScriptedWpaCtrl::descriptor = FD_SETSIZE;
     listener.Start();
@@ -203,7 +203,7 @@ TEST_F(WpaSocketListenerTest, a_descriptor_that_no_set_can_hold_ends_the_thread_
     EXPECT_TRUE(ScriptedWpaCtrl::selectTimeouts.empty());
 }
 
-TEST_F(WpaSocketListenerTest, an_interrupted_wait_is_no_failure)
+TEST_F(WpaSocketListenerTest, AnInterruptedWaitIsNoFailure)
 {
     ScriptedWpaCtrl::interruptedSelects = 3;
     listener.Start();
@@ -215,7 +215,7 @@ TEST_F(WpaSocketListenerTest, an_interrupted_wait_is_no_failure)
 
 // Receiving
 
-TEST_F(WpaSocketListenerTest, a_later_event_of_one_wake_up_is_cut_to_the_length_of_the_one_before)
+TEST_F(WpaSocketListenerTest, ALaterEventOfOneWakeUpIsCutToTheLengthOfTheOneBefore)
 {
     ScriptedWpaCtrl::send("<3>first one");
     ScriptedWpaCtrl::send("<3>short");
@@ -231,7 +231,7 @@ TEST_F(WpaSocketListenerTest, a_later_event_of_one_wake_up_is_cut_to_the_length_
     EXPECT_EQ(captured_log().lines().at(2), received("<3>longe"));
 }
 
-TEST_F(WpaSocketListenerTest, an_empty_event_cuts_the_rest_of_its_wake_up_to_nothing)
+TEST_F(WpaSocketListenerTest, AnEmptyEventCutsTheRestOfItsWakeUpToNothing)
 {
     ScriptedWpaCtrl::send("");
     ScriptedWpaCtrl::send("<3>event");
@@ -241,14 +241,14 @@ TEST_F(WpaSocketListenerTest, an_empty_event_cuts_the_rest_of_its_wake_up_to_not
     EXPECT_THAT(captured_log().lines(), ElementsAre(received(""), received("")));
 }
 
-TEST_F(WpaSocketListenerTest, an_event_has_at_most_4095_bytes)
+TEST_F(WpaSocketListenerTest, AnEventHasAtMost4095Bytes)
 {
     ScriptedWpaCtrl::send(std::string(5000, 'e'));
     listener.Start();
     EXPECT_THAT(listener.events(1), ElementsAre(std::string(4095, 'e')));
 }
 
-TEST_F(WpaSocketListenerTest, nothing_of_a_longer_event_shows_behind_a_shorter_one)
+TEST_F(WpaSocketListenerTest, NothingOfALongerEventShowsBehindAShorterOne)
 {
     ScriptedWpaCtrl::send("<3>long event");
     ScriptedWpaCtrl::send("<3>e");
@@ -256,7 +256,7 @@ TEST_F(WpaSocketListenerTest, nothing_of_a_longer_event_shows_behind_a_shorter_o
     EXPECT_THAT(listener.events(2), ElementsAre("<3>long event", "<3>e"));
 }
 
-TEST_F(WpaSocketListenerTest, a_failing_receive_is_passed_over)
+TEST_F(WpaSocketListenerTest, AFailingReceiveIsPassedOver)
 {
     ScriptedWpaCtrl::failingReceives = 5;
     ScriptedWpaCtrl::send("event");
@@ -266,7 +266,7 @@ TEST_F(WpaSocketListenerTest, a_failing_receive_is_passed_over)
     EXPECT_THAT(captured_log().lines(), ElementsAre(received("event")));
 }
 
-TEST_F(WpaSocketListenerTest, bytes_that_are_no_text_pass_through)
+TEST_F(WpaSocketListenerTest, BytesThatAreNoTextPassThrough)
 {
     ScriptedWpaCtrl::send("\xff\xfe %s %n");
     listener.Start();
@@ -277,7 +277,7 @@ TEST_F(WpaSocketListenerTest, bytes_that_are_no_text_pass_through)
 
 // Stopping and starting again
 
-TEST_F(WpaSocketListenerTest, stop_ends_a_wait_at_once_and_closes_the_connection)
+TEST_F(WpaSocketListenerTest, StopEndsAWaitAtOnceAndClosesTheConnection)
 {
     listener.Start();
     ScriptedWpaCtrl::send("event");
@@ -288,7 +288,7 @@ TEST_F(WpaSocketListenerTest, stop_ends_a_wait_at_once_and_closes_the_connection
     EXPECT_EQ(ScriptedWpaCtrl::noted().back(), "close");
 }
 
-TEST_F(WpaSocketListenerTest, stop_is_harmless_without_a_thread_and_a_second_time)
+TEST_F(WpaSocketListenerTest, StopIsHarmlessWithoutAThreadAndASecondTime)
 {
     listener.Stop();
     EXPECT_THAT(ScriptedWpaCtrl::noted(), IsEmpty());
@@ -299,7 +299,7 @@ TEST_F(WpaSocketListenerTest, stop_is_harmless_without_a_thread_and_a_second_tim
     EXPECT_EQ(std::count(calls.begin(), calls.end(), "close"), 1);
 }
 
-TEST_F(WpaSocketListenerTest, stop_returns_although_asking_for_pending_events_fails)
+TEST_F(WpaSocketListenerTest, StopReturnsAlthoughAskingForPendingEventsFails)
 {
     ScriptedWpaCtrl::send("event");
     listener.onEvent = [] { ScriptedWpaCtrl::pendingErrors = true; };
@@ -310,7 +310,7 @@ TEST_F(WpaSocketListenerTest, stop_returns_although_asking_for_pending_events_fa
     EXPECT_THAT(captured_log().lines(), ElementsAre(received("event")));
 }
 
-TEST_F(WpaSocketListenerTest, an_error_counts_as_pending_and_the_events_after_it_are_received)
+TEST_F(WpaSocketListenerTest, AnErrorCountsAsPendingAndTheEventsAfterItAreReceived)
 {
     ScriptedWpaCtrl::pendingErrors = true;
     ScriptedWpaCtrl::send("one");
@@ -319,7 +319,7 @@ TEST_F(WpaSocketListenerTest, an_error_counts_as_pending_and_the_events_after_it
     EXPECT_THAT(listener.events(2), ElementsAre("one", "two"));
 }
 
-TEST_F(WpaSocketListenerTest, start_while_running_ends_the_thread_and_attaches_anew_over_the_same_connection)
+TEST_F(WpaSocketListenerTest, StartWhileRunningEndsTheThreadAndAttachesAnewOverTheSameConnection)
 {
     listener.Start();
     ScriptedWpaCtrl::send("one");
@@ -330,7 +330,7 @@ TEST_F(WpaSocketListenerTest, start_while_running_ends_the_thread_and_attaches_a
     EXPECT_THAT(ScriptedWpaCtrl::noted(), ElementsAre(kOpened, "ATTACH", "ATTACH"));
 }
 
-TEST_F(WpaSocketListenerTest, restart_opens_a_new_connection)
+TEST_F(WpaSocketListenerTest, RestartOpensANewConnection)
 {
     listener.Start();
     ScriptedWpaCtrl::send("one");
@@ -341,7 +341,7 @@ TEST_F(WpaSocketListenerTest, restart_opens_a_new_connection)
     EXPECT_THAT(ScriptedWpaCtrl::noted(), ElementsAre(kOpened, "ATTACH", "close", kOpened, "ATTACH"));
 }
 
-TEST_F(WpaSocketListenerTest, restart_lets_the_socket_of_before_go_away_first)
+TEST_F(WpaSocketListenerTest, RestartLetsTheSocketOfBeforeGoAwayFirst)
 {
     const TempFolder folder;
     folder.write("wlan0", "");
@@ -363,7 +363,7 @@ TEST_F(WpaSocketListenerTest, restart_lets_the_socket_of_before_go_away_first)
     EXPECT_EQ(ScriptedWpaCtrl::sleeps[3].tv_sec, 1); // from here on as for any absent socket
 }
 
-TEST_F(WpaSocketListenerTest, restart_waits_no_longer_than_a_second_for_a_socket_that_stays)
+TEST_F(WpaSocketListenerTest, RestartWaitsNoLongerThanASecondForASocketThatStays)
 {
     const TempFolder folder;
     folder.write("wlan0", "");
@@ -376,7 +376,7 @@ TEST_F(WpaSocketListenerTest, restart_waits_no_longer_than_a_second_for_a_socket
     }));
 }
 
-TEST_F(WpaSocketListenerTest, successor_that_is_there_already_is_not_waited_for)
+TEST_F(WpaSocketListenerTest, SuccessorThatIsThereAlreadyIsNotWaitedFor)
 {
     const TempFolder folder;
     folder.write("wlan0", "");
@@ -414,7 +414,7 @@ protected:
     const TempFolder folder;
 };
 
-TEST_F(ReplacedDaemon, restart_hands_over_what_the_old_one_says_until_its_socket_is_replaced)
+TEST_F(ReplacedDaemon, RestartHandsOverWhatTheOldOneSaysUntilItsSocketIsReplaced)
 {
     listener.Start();
     ASSERT_TRUE(ScriptedWpaCtrl::wait_for_selects(1));
@@ -434,7 +434,7 @@ TEST_F(ReplacedDaemon, restart_hands_over_what_the_old_one_says_until_its_socket
                 ElementsAre(opened(), "ATTACH", "close", opened(), "ATTACH", "close"));
 }
 
-TEST_F(ReplacedDaemon, restart_hands_over_what_has_arrived_when_the_thread_comes_back_from_an_event)
+TEST_F(ReplacedDaemon, RestartHandsOverWhatHasArrivedWhenTheThreadComesBackFromAnEvent)
 {
     std::promise<void> replaced;
     listener.onEvent = [&, first = true]() mutable {
@@ -459,7 +459,7 @@ TEST_F(ReplacedDaemon, restart_hands_over_what_has_arrived_when_the_thread_comes
                                                 "<3>AP-DISABLED ", "<3>CTRL-EVENT-T"));
 }
 
-TEST_F(ReplacedDaemon, restart_returns_although_the_old_one_goes_on_talking)
+TEST_F(ReplacedDaemon, RestartReturnsAlthoughTheOldOneGoesOnTalking)
 {
     listener.onEvent = [] { ScriptedWpaCtrl::send("<3>again"); };
     listener.Start();
@@ -470,7 +470,7 @@ TEST_F(ReplacedDaemon, restart_returns_although_the_old_one_goes_on_talking)
     EXPECT_EQ(ScriptedWpaCtrl::sleeps.size(), 100U); // its socket has stayed
 }
 
-TEST_F(ReplacedDaemon, stop_hands_over_nothing_more)
+TEST_F(ReplacedDaemon, StopHandsOverNothingMore)
 {
     std::promise<void> stopping;
     listener.onEvent = [&] { stopping.get_future().wait_for(std::chrono::seconds(20)); };
@@ -485,7 +485,7 @@ TEST_F(ReplacedDaemon, stop_hands_over_nothing_more)
     EXPECT_THAT(listener.events(1), ElementsAre("one"));
 }
 
-TEST_F(ReplacedDaemon, an_attachment_that_fails_is_made_once_more_to_the_new_one)
+TEST_F(ReplacedDaemon, AnAttachmentThatFailsIsMadeOnceMoreToTheNewOne)
 {
     size_t heard = 0;
     for (const char* answer : {"", "FAIL\n"}) {
@@ -509,7 +509,7 @@ TEST_F(ReplacedDaemon, an_attachment_that_fails_is_made_once_more_to_the_new_one
     }
 }
 
-TEST_F(ReplacedDaemon, a_new_one_that_is_not_there_yet_is_waited_for)
+TEST_F(ReplacedDaemon, ANewOneThatIsNotThereYetIsWaitedFor)
 {
     ScriptedWpaCtrl::attachAnswer = "";
     std::future<void> comes;
@@ -530,7 +530,7 @@ TEST_F(ReplacedDaemon, a_new_one_that_is_not_there_yet_is_waited_for)
     EXPECT_THAT(captured_log().lines(), IsEmpty());
 }
 
-TEST_F(ReplacedDaemon, a_new_one_that_does_not_come_is_reported)
+TEST_F(ReplacedDaemon, ANewOneThatDoesNotComeIsReported)
 {
     ScriptedWpaCtrl::attachAnswer = "";
     ScriptedWpaCtrl::whileAttaching = [this](const ControlWait&) {
@@ -543,7 +543,7 @@ TEST_F(ReplacedDaemon, a_new_one_that_does_not_come_is_reported)
     EXPECT_THAT(captured_log().lines(), ElementsAre(kNotConnected));
 }
 
-TEST_F(ReplacedDaemon, an_attachment_to_one_that_is_replaced_already_is_made_to_the_new_one)
+TEST_F(ReplacedDaemon, AnAttachmentToOneThatIsReplacedAlreadyIsMadeToTheNewOne)
 {
     ScriptedWpaCtrl::whileAttaching = [this](const ControlWait&) {
         if (std::filesystem::exists(folder.file("next"))) {
@@ -559,7 +559,7 @@ TEST_F(ReplacedDaemon, an_attachment_to_one_that_is_replaced_already_is_made_to_
                 ElementsAre(opened(), "ATTACH", "close", opened(), "ATTACH", "close"));
 }
 
-TEST_F(ReplacedDaemon, waiting_for_the_answer_is_given_up_for_a_new_one_and_for_a_stop_and_for_nothing_else)
+TEST_F(ReplacedDaemon, WaitingForTheAnswerIsGivenUpForANewOneAndForAStopAndForNothingElse)
 {
     std::vector<bool> given;
     ScriptedWpaCtrl::whileAttaching = [&](const ControlWait& wait) {
@@ -592,7 +592,7 @@ TEST_F(ReplacedDaemon, waiting_for_the_answer_is_given_up_for_a_new_one_and_for_
     EXPECT_EQ(ScriptedWpaCtrl::noted().back(), "close");
 }
 
-TEST_F(ReplacedDaemon, events_that_come_before_the_answer_are_handed_over_in_order)
+TEST_F(ReplacedDaemon, EventsThatComeBeforeTheAnswerAreHandedOverInOrder)
 {
     ScriptedWpaCtrl::whileAttaching = [](const ControlWait& wait) {
         wait.onEvent("<3>one");
@@ -605,7 +605,7 @@ TEST_F(ReplacedDaemon, events_that_come_before_the_answer_are_handed_over_in_ord
                 ElementsAre(received("<3>one"), received("<3>longer than one"), received("<3>three")));
 }
 
-TEST_F(ReplacedDaemon, one_that_was_replaced_before_it_could_be_connected_to_is_not_the_end)
+TEST_F(ReplacedDaemon, OneThatWasReplacedBeforeItCouldBeConnectedToIsNotTheEnd)
 {
     ScriptedWpaCtrl::opens = false;
     ScriptedWpaCtrl::onOpen = [this] {
@@ -622,7 +622,7 @@ TEST_F(ReplacedDaemon, one_that_was_replaced_before_it_could_be_connected_to_is_
     EXPECT_THAT(captured_log().lines(), IsEmpty());
 }
 
-TEST_F(WpaSocketListenerTest, many_starts_and_stops_leave_no_descriptor_behind)
+TEST_F(WpaSocketListenerTest, ManyStartsAndStopsLeaveNoDescriptorBehind)
 {
     const auto openDescriptors = [] {
         const int next = dup(STDIN_FILENO);
@@ -639,7 +639,7 @@ TEST_F(WpaSocketListenerTest, many_starts_and_stops_leave_no_descriptor_behind)
 
 // wpa_supplicant's listener
 
-TEST_F(WpaSocketListenerTest, the_station_listener_uses_its_own_folder_and_ignores_every_event)
+TEST_F(WpaSocketListenerTest, TheStationListenerUsesItsOwnFolderAndIgnoresEveryEvent)
 {
     WpaSupplicantSocketListner station;
     station.Start();
@@ -652,14 +652,14 @@ TEST_F(WpaSocketListenerTest, the_station_listener_uses_its_own_folder_and_ignor
                 ElementsAre("open /var/run/wpa_supplicant/wlan0", "ATTACH", "close"));
 }
 
-TEST_F(WpaSocketListenerTest, the_station_listener_ignores_a_null_event)
+TEST_F(WpaSocketListenerTest, TheStationListenerIgnoresANullEvent)
 {
     WpaSupplicantSocketListner station;
     station.SignalEvent(nullptr);
     EXPECT_THAT(captured_log().lines(), ElementsAre(line(LOG_INFO, "HostapdSocketListner::SignalEvent")));
 }
 
-TEST_F(WpaSocketListenerTest, the_station_connection_is_opened_in_its_folder)
+TEST_F(WpaSocketListenerTest, TheStationConnectionIsOpenedInItsFolder)
 {
     EXPECT_NE(WpaSupplicantSocketListner::ConnectSocket("wlan7"), nullptr);
     EXPECT_THAT(ScriptedWpaCtrl::noted(), ElementsAre("open /var/run/wpa_supplicant/wlan7", "close"));

@@ -90,7 +90,7 @@ protected:
     TempFolder folder;
 };
 
-TEST_F(ConfigFile, of_an_open_network_holds_exactly_these_lines)
+TEST_F(ConfigFile, OfAnOpenNetworkHoldsExactlyTheseLines)
 {
     EXPECT_TRUE(wpa_supplicant_write_open_config("Free Wi-Fi"));
     EXPECT_EQ(folder.read("station.conf"), "ctrl_interface=/var/run/wpa_supplicant\n"
@@ -102,7 +102,7 @@ TEST_F(ConfigFile, of_an_open_network_holds_exactly_these_lines)
     EXPECT_THAT(captured_log().lines(), IsEmpty());
 }
 
-TEST_F(ConfigFile, takes_the_place_of_an_earlier_longer_one)
+TEST_F(ConfigFile, TakesThePlaceOfAnEarlierLongerOne)
 {
     EXPECT_TRUE(wpa_supplicant_write_open_config(std::string(500, 'x')));
     EXPECT_TRUE(wpa_supplicant_write_open_config(""));
@@ -110,7 +110,7 @@ TEST_F(ConfigFile, takes_the_place_of_an_earlier_longer_one)
                                            "network={\n\tssid=\"\"\n\tkey_mgmt=NONE\n}\n");
 }
 
-TEST_F(ConfigFile, that_can_not_be_opened_is_a_failure)
+TEST_F(ConfigFile, ThatCanNotBeOpenedIsAFailure)
 {
     diverted.clear();
     EXPECT_FALSE(wpa_supplicant_write_open_config("cafe"));
@@ -118,7 +118,7 @@ TEST_F(ConfigFile, that_can_not_be_opened_is_a_failure)
                 ElementsAre(LogLine{LOG_ERR, "Unable to write to wpa_supplicant configuration file"}));
 }
 
-TEST_F(ConfigFile, that_there_is_no_room_for_is_a_failure)
+TEST_F(ConfigFile, ThatThereIsNoRoomForIsAFailure)
 {
     diverted = "/dev/full";
     EXPECT_FALSE(wpa_supplicant_write_open_config("cafe"));
@@ -126,7 +126,7 @@ TEST_F(ConfigFile, that_there_is_no_room_for_is_a_failure)
                 ElementsAre(LogLine{LOG_ERR, "Unable to write to wpa_supplicant configuration file"}));
 }
 
-TEST_F(ConfigFile, of_a_protected_network_is_made_by_a_command)
+TEST_F(ConfigFile, OfAProtectedNetworkIsMadeByACommand)
 {
     EXPECT_TRUE(wpa_supplicant_gen_passphrase("cafe", "it's \"secret\""));
     EXPECT_THAT(commands, ElementsAre("wpa_passphrase 'cafe' 'it's \"secret\"'" + kRedirection));
@@ -135,7 +135,7 @@ TEST_F(ConfigFile, of_a_protected_network_is_made_by_a_command)
                                               "successfully."}));
 }
 
-TEST_F(ConfigFile, fails_with_the_status_of_the_command)
+TEST_F(ConfigFile, FailsWithTheStatusOfTheCommand)
 {
     status = 256;
     EXPECT_FALSE(wpa_supplicant_gen_passphrase("cafe", "secret12"));
@@ -144,7 +144,7 @@ TEST_F(ConfigFile, fails_with_the_status_of_the_command)
                                              "passphrase, error: 256"}));
 }
 
-TEST_F(ConfigFile, is_made_by_a_command_of_at_most_255_characters)
+TEST_F(ConfigFile, IsMadeByACommandOfAtMost255Characters)
 {
     EXPECT_TRUE(wpa_supplicant_gen_passphrase(std::string(32, 's'), std::string(300, 'p')));
     ASSERT_EQ(commands.size(), 1U);
@@ -153,7 +153,7 @@ TEST_F(ConfigFile, is_made_by_a_command_of_at_most_255_characters)
               ("wpa_passphrase '" + std::string(32, 's') + "' '" + std::string(300, 'p')).substr(0, 255));
 }
 
-TEST_F(ConfigFile, is_written_by_the_one_or_the_other)
+TEST_F(ConfigFile, IsWrittenByTheOneOrTheOther)
 {
     EXPECT_TRUE(wpa_supplicant_configure("cafe", "secret12"));
     EXPECT_EQ(commands.size(), 1U);

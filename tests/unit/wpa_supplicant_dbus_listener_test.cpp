@@ -115,7 +115,7 @@ protected:
     std::vector<std::string> heard;
 };
 
-TEST_F(StationListener, a_dhcp_client_restarted_with_the_result_0_is_warned_of_and_the_state_goes_on)
+TEST_F(StationListener, ADhcpClientRestartedWithTheResult0IsWarnedOfAndTheStateGoesOn)
 {
     dhcpRestarted = 0;
     EXPECT_EQ(notify(1, "State", "s", "completed"), 0);
@@ -134,7 +134,7 @@ TEST_F(StationListener, a_dhcp_client_restarted_with_the_result_0_is_warned_of_a
     EXPECT_EQ(captured_log().lines().back().text, "[WPA Supplicant] Restarting udhcpc");
 }
 
-TEST_F(StationListener, a_refused_passphrase_is_told_before_the_state)
+TEST_F(StationListener, ARefusedPassphraseIsToldBeforeTheState)
 {
     notify(1, "State", "s", "4way_handshake");
     EXPECT_THAT(heard, IsEmpty());
@@ -143,7 +143,7 @@ TEST_F(StationListener, a_refused_passphrase_is_told_before_the_state)
     EXPECT_EQ(listener.GetState(), "failed");
 }
 
-TEST_F(StationListener, the_state_is_still_the_old_one_while_a_refused_passphrase_is_told)
+TEST_F(StationListener, TheStateIsStillTheOldOneWhileARefusedPassphraseIsTold)
 {
     std::string state;
     listener.connectFailed.connect([this, &state] { state = listener.GetState(); });
@@ -152,7 +152,7 @@ TEST_F(StationListener, the_state_is_still_the_old_one_while_a_refused_passphras
     EXPECT_EQ(state, "4way_handshake");
 }
 
-TEST_F(StationListener, a_list_is_handed_on_in_its_order_and_may_be_empty)
+TEST_F(StationListener, AListIsHandedOnInItsOrderAndMayBeEmpty)
 {
     std::vector<std::string> seen;
     listener.bssListChanged.connect([&seen](const std::vector<std::string>& paths) { seen = paths; });
@@ -162,14 +162,14 @@ TEST_F(StationListener, a_list_is_handed_on_in_its_order_and_may_be_empty)
     EXPECT_THAT(heard, ElementsAre("3 BSSs", "0 BSSs"));
 }
 
-TEST_F(StationListener, properties_are_handled_in_the_order_of_their_names)
+TEST_F(StationListener, PropertiesAreHandledInTheOrderOfTheirNames)
 {
     notify(3, "State", "s", "disconnected", "CurrentBSS", "o", "/", "BSSs", "ao", 1, "/a");
     EXPECT_THAT(heard, ElementsAre("1 BSSs", "disconnected/"));
     EXPECT_THAT(captured_log().lines()[1].text, StartsWith("[WPE supplicant] BSS changed: / SSID: <none>"));
 }
 
-TEST_F(StationListener, the_handler_remembers_whatever_it_is_given_and_tells_three_states)
+TEST_F(StationListener, TheHandlerRemembersWhateverItIsGivenAndTellsThreeStates)
 {
     for (const char* state : {"completed", "disconnected", "failed", "scanning", "", "completed"}) {
         listener.StateChangeHandler(state, "cafe");
@@ -178,7 +178,7 @@ TEST_F(StationListener, the_handler_remembers_whatever_it_is_given_and_tells_thr
     EXPECT_THAT(heard, ElementsAre("completed/cafe", "disconnected/cafe", "failed/cafe", "completed/cafe"));
 }
 
-TEST_F(StationListener, the_name_of_no_bss_and_of_no_path_at_all_is_empty)
+TEST_F(StationListener, TheNameOfNoBssAndOfNoPathAtAllIsEmpty)
 {
     for (const char* path : {"/", "", "no path", "/bss/"}) {
         EXPECT_EQ(WpaSupplicantDbusListener::GetBssSsid(path), "");
@@ -188,7 +188,7 @@ TEST_F(StationListener, the_name_of_no_bss_and_of_no_path_at_all_is_empty)
     EXPECT_THAT(captured_log().lines(), IsEmpty());
 }
 
-TEST_F(StationListener, a_value_of_another_type_raises_what_it_raises)
+TEST_F(StationListener, AValueOfAnotherTypeRaisesWhatItRaises)
 {
     EXPECT_THROW(notify(1, "State", "u", 9U), std::bad_any_cast);
     EXPECT_THROW(notify(1, "CurrentBSS", "ay", 0), std::bad_any_cast);
@@ -196,7 +196,7 @@ TEST_F(StationListener, a_value_of_another_type_raises_what_it_raises)
     EXPECT_EQ(listener.GetState(), "");
 }
 
-TEST_F(StationListener, a_signal_that_can_not_be_listened_to_is_an_error)
+TEST_F(StationListener, ASignalThatCanNotBeListenedToIsAnError)
 {
     matchesLeft = 0;
     EXPECT_EQ(listener.Start(), -ENOMEM);
@@ -207,7 +207,7 @@ TEST_F(StationListener, a_signal_that_can_not_be_listened_to_is_an_error)
     EXPECT_EQ(lines[3], (LogLine{LOG_INFO, "[WPA Listener] Start completed"}));
 }
 
-TEST_F(StationListener, stopping_says_so_and_succeeds)
+TEST_F(StationListener, StoppingSaysSoAndSucceeds)
 {
     EXPECT_EQ(listener.Start(), 0);
     captured_log().clear();

@@ -123,7 +123,7 @@ protected:
     PrivateBus bus{BusRole::System};
 };
 
-TEST_F(WpaSupplicant, each_wrapper_loads_the_unit_and_asks_for_its_job)
+TEST_F(WpaSupplicant, EachWrapperLoadsTheUnitAndAsksForItsJob)
 {
     EXPECT_EQ(wpa_supplicant_start_service(), 1);
     EXPECT_EQ(wpa_supplicant_restart_service(), 1);
@@ -136,7 +136,7 @@ TEST_F(WpaSupplicant, each_wrapper_loads_the_unit_and_asks_for_its_job)
                             LogLine{LOG_INFO, "Stoping WPA Supplicant daemon service"}));
 }
 
-TEST_F(WpaSupplicant, the_result_of_the_job_is_the_result)
+TEST_F(WpaSupplicant, TheResultOfTheJobIsTheResult)
 {
     units.done = -5;
     EXPECT_EQ(wpa_supplicant_start(), -5);
@@ -146,7 +146,7 @@ TEST_F(WpaSupplicant, the_result_of_the_job_is_the_result)
     EXPECT_EQ(wpa_supplicant_stop(), 0);
 }
 
-TEST_F(WpaSupplicant, a_unit_loaded_with_the_result_0_gets_no_job)
+TEST_F(WpaSupplicant, AUnitLoadedWithTheResult0GetsNoJob)
 {
     units.loaded = 0;
     EXPECT_EQ(wpa_supplicant_start(), 0);
@@ -155,7 +155,7 @@ TEST_F(WpaSupplicant, a_unit_loaded_with_the_result_0_gets_no_job)
     EXPECT_THAT(units.calls, testing::Each(std::string("load ") + kUnit));
 }
 
-TEST_F(WpaSupplicant, start_and_stop_forget_the_network_before_the_job)
+TEST_F(WpaSupplicant, StartAndStopForgetTheNetworkBeforeTheJob)
 {
     wpa_supplicant_select_network("/network");
     wpa_supplicant_stop();
@@ -168,7 +168,7 @@ TEST_F(WpaSupplicant, start_and_stop_forget_the_network_before_the_job)
     EXPECT_EQ(units.currentNetwork, "/network") << "a mere restart of the unit keeps it";
 }
 
-TEST_F(WpaSupplicant, scan_fails_only_with_the_result_0)
+TEST_F(WpaSupplicant, ScanFailsOnlyWithTheResult0)
 {
     EXPECT_NE(wpa_supplicant_scan(), 0);
     callResult = -ENXIO;
@@ -179,7 +179,7 @@ TEST_F(WpaSupplicant, scan_fails_only_with_the_result_0)
     EXPECT_NE(wpa_supplicant_scan(), 0);
 }
 
-TEST_F(WpaSupplicant, the_selected_network_is_current_even_when_selecting_it_fails)
+TEST_F(WpaSupplicant, TheSelectedNetworkIsCurrentEvenWhenSelectingItFails)
 {
     EXPECT_EQ(current_network(), "none, untouched");
     EXPECT_TRUE(wpa_supplicant_select_network("/first"));
@@ -194,7 +194,7 @@ TEST_F(WpaSupplicant, the_selected_network_is_current_even_when_selecting_it_fai
     EXPECT_EQ(current_network(), "/fourth");
 }
 
-TEST_F(WpaSupplicant, removing_and_leaving_forget_the_network_unless_there_is_no_bus)
+TEST_F(WpaSupplicant, RemovingAndLeavingForgetTheNetworkUnlessThereIsNoBus)
 {
     for (const int result : {1, 0, -ENXIO}) {
         callResult = result;
@@ -212,7 +212,7 @@ TEST_F(WpaSupplicant, removing_and_leaving_forget_the_network_unless_there_is_no
     EXPECT_EQ(current_network(), "/network");
 }
 
-TEST_F(WpaSupplicant, a_network_that_can_not_be_described_yields_no_path_and_no_zero)
+TEST_F(WpaSupplicant, ANetworkThatCanNotBeDescribedYieldsNoPathAndNoZero)
 {
     std::string path = "untouched";
     EXPECT_NE(wpa_supplicant_add_network("\xff", "secret12", path), 0);
@@ -223,7 +223,7 @@ TEST_F(WpaSupplicant, a_network_that_can_not_be_described_yields_no_path_and_no_
                     LogLine{LOG_ERR, "[WPA] wpa_supplicant_add_network: Failed to build request message"}));
 }
 
-TEST_F(WpaSupplicant, a_call_that_can_not_be_made_yields_no_path_and_no_zero)
+TEST_F(WpaSupplicant, ACallThatCanNotBeMadeYieldsNoPathAndNoZero)
 {
     creatable = false;
     std::string path = "untouched";
