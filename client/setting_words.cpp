@@ -6,15 +6,21 @@ namespace client {
 
 namespace {
 
-/** "The band is 5 GHz." or, when it is only stored, "Stored: the band will be 5 GHz when ...". */
+/** "The band is 5 GHz." or what is so instead. With the radio off the daemon tells neither the value nor
+ * whether it was stored: what equals the present one is not, and the present one may differ from what was
+ * stored last. So nothing is promised then.
+ */
 std::string sentence(std::string subject, const std::string& value, Applied applied)
 {
     if (applied == Applied::Now) {
         subject.front() = 'T';
         return subject + " is " + value + ".";
     }
-    return "Stored: " + subject + " will be " + value +
-           (applied == Applied::WhenOn ? " when the radio is on." : " when the device is an access point.");
+    if (applied == Applied::WhenOn) {
+        return "Not yet: the radio is off. 'vantora-wifi on' switches it on, and 'vantora-wifi status' then tells whether " +
+               subject + " is " + value + ".";
+    }
+    return "Stored: " + subject + " will be " + value + " when the device is an access point.";
 }
 
 } // namespace

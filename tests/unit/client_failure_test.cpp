@@ -140,8 +140,10 @@ TEST(ClientWords, WhatWasWrittenIsToldByWhenItHolds)
     using client::Command;
     using client::done_text;
     EXPECT_EQ(done_text(Command::Mode, "Client", Applied::Now), "The device is a station (Client).");
-    EXPECT_EQ(done_text(Command::Mode, "Host", Applied::WhenOn),
-              "Stored: the device will be an access point (Host) when the radio is on.");
+    EXPECT_EQ(
+        done_text(Command::Mode, "Host", Applied::WhenOn),
+        "Not yet: the radio is off. 'vantora-wifi on' switches it on, and 'vantora-wifi status' then tells "
+        "whether the device is an access point (Host).");
     EXPECT_EQ(done_text(Command::Ssid, "x\x1b", Applied::WhenHost),
               "Stored: the access point's name will be \"x\\x1b\" when the device is an access point.");
     EXPECT_EQ(done_text(Command::Band, "5", Applied::Now), "The access point's band is 5 GHz.");

@@ -102,6 +102,20 @@ def test_off_and_on_switch_the_radio(access_point: SharedDevice, way: Way) -> No
     assert not world.radio.blocked and world.get("Mode") == "Host"
 
 
+def test_nothing_is_promised_for_the_time_when_the_radio_is_on(access_point: SharedDevice, way: Way) -> None:
+    # An interface whose hostapd was stopped is that of a station, so the daemon takes the station for what there is already
+    # and stores nothing: switched on again it is an access point as before.
+    world = access_point.device.world
+    assert way.run(world, "off") == way.ended(DONE, "The radio is off.\n")
+    assert way.run(world, "mode", "client") == way.ended(
+        DONE,
+        "Not yet: the radio is off. 'vantora-wifi on' switches it on, and 'vantora-wifi status' then tells whether the "
+        "device is a station (Client).\n",
+    )
+    assert way.run(world, "on") == way.ended(DONE, "The radio is on.\n")
+    assert way.run(world, "mode") == way.ended(DONE, "host\n")
+
+
 def test_off_is_refused_where_the_radio_does_not_obey(access_point: SharedDevice, way: Way) -> None:
     world = access_point.device.world
     world.tools.rfkill.fail(on="block wlan")
@@ -207,6 +221,14 @@ def test_connect_shows_the_way_to_the_address_and_disconnect_leaves(station: Sha
     ended = way.run(world, "disconnect")
     assert ended.status == REFUSED
     assert "there is no network to leave: the device is not connected" in ended.stdout + ended.stderr
+
+
+def test_who_has_just_become_a_station_can_connect_at_once(access_point: SharedDevice, way: Way) -> None:
+    world = access_point.device.world
+    assert way.run(world, "mode", "client").status == DONE
+    ended = way.run(world, "connect", "open", "--open")
+    assert (ended.status, ended.stderr) == (DONE, "")
+    assert ended.stdout.splitlines()[-1].startswith('Connected to "open", address ')
 
 
 def test_connect_for_programs_moves_from_network_to_network(station: SharedDevice, way: Way) -> None:
