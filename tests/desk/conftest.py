@@ -28,8 +28,8 @@ def start(build_dir: Path) -> Iterator[Callable[..., Running]]:
     """Starts a page with options of vantora-sim; everything ends with the test."""
     started: list[Running] = []
 
-    def start_one(*options: str) -> Running:
-        started.append(Running(build_dir, *options))
+    def start_one(*options: str, desktop: dict[str, str] | None = None) -> Running:
+        started.append(Running(build_dir, *options, desktop=desktop))
         return started[-1]
 
     yield start_one

@@ -14,7 +14,8 @@ from selenium.webdriver.common.by import By
 from selenium.webdriver.common.keys import Keys
 from selenium.webdriver.remote.webelement import WebElement
 
-DEADLINE = 30.0 * PATIENCE
+DEADLINE = 90.0 * PATIENCE
+"""Seconds; what is well never needs them, so a busy machine may."""
 
 
 class Page:

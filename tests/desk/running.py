@@ -20,7 +20,7 @@ from selenium.webdriver.chrome.service import Service
 ROOT = Path(__file__).resolve().parents[2]
 PATIENCE = float(os.environ.get("VANTORA_DESK_PATIENCE", "1"))
 """How many times as long as usual everything may take: for machines that are busy with other things."""
-DEADLINE = 40.0 * PATIENCE
+DEADLINE = 90.0 * PATIENCE
 _LINK = re.compile(r"(http://127\.0\.0\.1:\d+)/#key=(\S+)")
 _FLAGS = (
     "--headless=new",
@@ -40,7 +40,8 @@ _FLAGS = (
 class Running:
     """A `vantora-sim` with a page: its address, and a fresh key whenever one is wanted."""
 
-    def __init__(self, build: Path, *options: str) -> None:
+    def __init__(self, build: Path, *options: str, desktop: dict[str, str] | None = None) -> None:
+        """`desktop` is what a desktop puts into the environment; without it there is none."""
         program = ROOT / "simulator/vantora-sim"
         environment = {name: value for name, value in os.environ.items() if name not in ("DISPLAY", "WAYLAND_DISPLAY")}
         self.process = subprocess.Popen(
@@ -49,7 +50,7 @@ class Running:
             stdout=subprocess.PIPE,
             stderr=subprocess.STDOUT,
             text=True,
-            env=environment,
+            env={**environment, **(desktop or {})},
             process_group=0,
         )
         self._links: queue.Queue[tuple[str, str]] = queue.Queue()

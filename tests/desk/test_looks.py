@@ -4,29 +4,33 @@ from __future__ import annotations
 
 import json
 import os
-import subprocess
 from collections.abc import Callable
 from pathlib import Path
 from typing import Any
 
 import pytest
 from page import DEADLINE, Page
-from running import PATIENCE, Running
+from running import Running
 from selenium.webdriver.common.action_chains import ActionChains
 from selenium.webdriver.common.keys import Keys
 
 START = Callable[..., Running]
 LOOK = Callable[..., Page]
 MANY = 100_000
-SLOWEST = 250.0 * PATIENCE
-"""Milliseconds for one picture of all lanes, on a machine that is busy with other things."""
+PICTURE = 0.2
+"""Seconds of a processor for one picture of lanes, curves and list."""
+SEARCH = 1.0
+"""Seconds of a processor for a first search through all of it."""
+NETWORKS = 200
 MARKUP = ("<img src=x onerror=fail()>", "<script>fail()</script>", "&lt;b&gt;", "${1+1}{{1+1}}", "\u202egnp.exe")
 
 
 def axe(page: Page) -> list[str]:
     """What the accessibility checker finds."""
+    checker = os.environ.get("VANTORA_AXE", "")
+    assert checker, "the accessibility checker could not be fetched (scripts/test-desk says why), so nothing was checked"
     # The page's policy forbids scripts from elsewhere; the browser's own debugger may bring one in all the same.
-    page.driver.execute_cdp_cmd("Runtime.evaluate", {"expression": Path(os.environ["VANTORA_AXE"]).read_text(encoding="utf-8")})
+    page.driver.execute_cdp_cmd("Runtime.evaluate", {"expression": Path(checker).read_text(encoding="utf-8")})
     found = page.driver.execute_async_script(
         "const done = arguments[0]; axe.run(document, {resultTypes: ['violations']}).then((result) => done(result.violations), (e) => done(String(e)))"
     )
@@ -151,26 +155,20 @@ def test_everything_is_reached_by_keyboard_in_the_order_of_the_page(start: START
     assert [one for one in reached if one in wanted] == wanted
 
 
-@pytest.mark.parametrize(
-    ("seconds", "step", "text"),
-    [
-        (0, 0.01, "0.00 s"),
-        (59.7, 1, "1:00"),
-        (719.6, 1, "12:00"),
-        (719.4, 1, "11:59"),
-        (61.5, 0.01, "1:01.50"),
-        (3599.999, 0.01, "1:00:00.00"),
-        (3661, 1, "1:01:01"),
-    ],
-)
-def test_times_are_written_as_people_read_them(seconds: float, step: float, text: str) -> None:
-    module = Path(__file__).resolve().parents[2] / "simulator/vantora_sim/desk/static/lanes.js"
-    source = module.read_text(encoding="utf-8")
-    function = source[source.index("export function timeText") : source.index("// The first index")].replace("export ", "")
-    ran = subprocess.run(
-        ["node", "-e", f"{function}console.log(timeText({seconds}, {step}))"], capture_output=True, text=True, check=True
-    )
-    assert ran.stdout.strip() == text
+def test_times_are_written_as_people_read_them(start: START, look: LOOK) -> None:
+    wanted = {
+        (0, 0.01): "0.00 s",
+        (59.7, 1): "1:00",
+        (719.6, 1): "12:00",
+        (719.4, 1): "11:59",
+        (61.5, 0.01): "1:01.50",
+        (3599.999, 0.01): "1:00:00.00",
+        (3661, 1): "1:01:01",
+    }
+    page = look(start("--desk"))
+    page.until(lambda: page.text("#clock") != "", "the page's modules")
+    call = "const done = arguments[1]; import('/static/lanes.js').then((m) => done(arguments[0].map(([s, step]) => m.timeText(s, step))))"
+    assert page.driver.execute_async_script(call, list(wanted)) == list(wanted.values())
 
 
 def long_run(path: Path) -> None:
@@ -192,40 +190,47 @@ def long_run(path: Path) -> None:
             }
             file.write(json.dumps(entry) + "\n")
             if number % 10 == 0:
-                file.write(json.dumps({"k": "sig", "t": time, "v": {"02:00:00:00:30:01": -40 - number // 10 % 40}}) + "\n")
+                moved = {f"02:00:00:00:30:{one:02x}": -40 - number // 10 % 40 for one in range(number // 10 % 10, NETWORKS, 10)}
+                file.write(json.dumps({"k": "sig", "t": time, "v": moved}) + "\n")
+
+
+def worked(page: Page) -> float:
+    """Seconds for which the page's thread has had a processor: others that are busy do not count."""
+    metrics = page.driver.execute_cdp_cmd("Performance.getMetrics", {})["metrics"]
+    return float(next(one["value"] for one in metrics if one["name"] == "TaskDuration"))
 
 
 def test_a_hundred_thousand_entries_are_drawn_searched_and_walked_quickly(start: START, look: LOOK, tmp_path: Path) -> None:
     long_run(tmp_path / "long.jsonl")
     page = look(start("--open", str(tmp_path / "long.jsonl")))
+    page.driver.execute_cdp_cmd("Performance.enable", {"timeDomain": "threadTicks"})
     page.until(lambda: f"{MANY:,} of {MANY:,} entries in view" in page.text("#shown"), "all entries", 2 * DEADLINE)
     assert len(page.all("#list .entry")) < 60, "only rows that can be seen exist"
-    timeline = """
+    pictures = """
         const done = arguments[1];
         const frame = () => new Promise((resolve) => requestAnimationFrame(() => setTimeout(resolve)));
         (async () => {
-          const times = [];
-          for (let round = 0; round < 8; round += 1) {
-            const began = performance.now();
+          for (let round = 0; round < 10; round += 1) {
             document.getElementById(arguments[0]).click();
             await frame();
             await frame();
-            times.push(performance.now() - began);
           }
-          times.sort((one, other) => one - other);
-          done([times[4], Number(document.getElementById("lanes").dataset.ms)]);
+          done();
         })();"""
-    whole = page.driver.execute_async_script(timeline, "fit")
-    zooming = page.driver.execute_async_script(timeline, "zoom-in")
-    print(f"all: {whole[0]:.0f} ms a picture, {whole[1]} ms of it the lanes; zooming: {zooming[0]:.0f} ms")
-    assert whole[0] < SLOWEST and zooming[0] < SLOWEST
+    for button, called in (("fit", "all of it"), ("zoom-in", "zooming in"), ("earlier", "going back")):
+        began = worked(page)
+        page.driver.execute_async_script(pictures, button)
+        took = (worked(page) - began) / 10
+        print(f"{called}: {1000 * took:.0f} ms a picture")
+        assert took < PICTURE, called
     page.press("#fit")
-    searched = page.driver.execute_script(
-        "const field = document.getElementById('search'); const began = performance.now(); field.value = 'entry 7777 of'; "
-        "field.dispatchEvent(new Event('input')); return performance.now() - began"
+    began = worked(page)
+    page.driver.execute_script(
+        "const field = document.getElementById('search'); field.value = 'entry 7777 of'; field.dispatchEvent(new Event('input'))"
     )
-    print(f"search: {searched:.0f} ms")
-    assert searched < 4 * SLOWEST
+    searched = worked(page) - began
+    print(f"search: {1000 * searched:.0f} ms")
+    assert searched < SEARCH
     page.until(lambda: page.titles() == ["entry 7777 of many"], "the entry")
     page.put("#search", "")
     page.until(lambda: f"{MANY:,} of" in page.text("#shown"), "all entries again")

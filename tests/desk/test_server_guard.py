@@ -7,6 +7,7 @@ import http.client
 import json
 import re
 import socket
+import time
 from collections.abc import Callable
 from pathlib import Path
 from typing import Any
@@ -14,7 +15,7 @@ from urllib.parse import urlsplit
 
 import aiohttp
 import pytest
-from running import Running
+from running import DEADLINE, Running
 
 GETS = ("/api/stream", "/api/settings", "/api/replay/script", "/api/replay/world")
 POSTS = ("/api/command", "/api/write", "/api/call", "/api/read", "/api/link")
@@ -33,7 +34,7 @@ class Outside:
         self, method: str, path: str, headers: dict[str, str], body: str | None = None
     ) -> tuple[int, dict[str, str], bytes]:
         """Status, headers and body of an answer to exactly these headers."""
-        connection = http.client.HTTPConnection("127.0.0.1", self.port, timeout=20)
+        connection = http.client.HTTPConnection("127.0.0.1", self.port, timeout=DEADLINE)
         connection.putrequest(method, path, skip_host=True, skip_accept_encoding=True)
         data = (body or "").encode()
         for name, value in {**headers, **({"Content-Length": str(len(data))} if data else {})}.items():
@@ -65,6 +66,25 @@ class Outside:
 def outside(served: Running) -> Outside:
     """Somebody who has opened the page once."""
     return Outside(served)
+
+
+def test_where_there_is_a_desktop_the_page_is_opened_with_a_link_of_its_own(
+    start: Callable[..., Running], tmp_path: Path
+) -> None:
+    opened = tmp_path / "opened"
+    program = tmp_path / "xdg-open"
+    program.write_text(f'#!/bin/sh\necho "$@" >"{opened}.part"\nmv "{opened}.part" "{opened}"\n')
+    program.chmod(0o755)
+    desktop = {"DISPLAY": ":7", "PATH": f"{tmp_path}:/usr/sbin:/usr/bin:/sbin:/bin"}
+    device = start("--desk", desktop=desktop)
+    deadline = time.monotonic() + DEADLINE
+    while not opened.exists():
+        assert time.monotonic() < deadline, "".join(device.output)
+        time.sleep(0.05)
+    link = opened.read_text().strip()
+    assert link.startswith(f"{device.base}/#key=")
+    person = Outside(device)  # uses the link that was printed
+    assert person.ask("POST", "/api/enter", json.dumps({"key": link.rpartition("=")[2]}))[0] == 200
 
 
 def test_the_page_itself_may_do_everything(outside: Outside) -> None:
@@ -289,7 +309,7 @@ def stream(outside: Outside, enough: Callable[[dict[str, Any]], bool]) -> list[d
             f"{outside.base}/api/stream", protocols=["vantora-desk", outside.visit]
         ) as socket_:
             while not found or not enough(found[-1]):
-                found.append(await asyncio.wait_for(socket_.receive_json(), 20))
+                found.append(await asyncio.wait_for(socket_.receive_json(), DEADLINE))
         return found
 
     return asyncio.run(read())
@@ -314,7 +334,7 @@ def test_a_talkative_page_is_cut_off(outside: Outside) -> None:
             f"{outside.base}/api/stream", protocols=["vantora-desk", outside.visit]
         ) as socket_:
             await socket_.send_str("x" * 10_000)
-            while (await asyncio.wait_for(socket_.receive(), 20)).type not in (
+            while (await asyncio.wait_for(socket_.receive(), DEADLINE)).type not in (
                 aiohttp.WSMsgType.CLOSE,
                 aiohttp.WSMsgType.CLOSED,
             ):

@@ -8,11 +8,12 @@ from collections.abc import Callable
 from typing import Any
 
 from .. import places, settings, state, words
-from ..client import SERVICE
+from ..client import SERVICE, Client
 from ..commands import CommandError
 from ..dbus_fake import CallRefused
 from ..journal import Entry
 from ..parts import Parts
+from ..plan import Network
 from .addresses import Addresses
 from .facts import Facts
 from .monitor import BusMonitor
@@ -42,6 +43,8 @@ class Desk:
         self.facts = Facts(places.dbus_api_page())
         self.deeds = Deeds(parts.plan)
         self._open = False
+        self._seen: dict[str, dict[str, Any]] = {}
+        """Every network that there was, by address, as it was last."""
         self._tasks: list[asyncio.Task[None]] = []
 
     def open(self) -> None:
@@ -68,6 +71,8 @@ class Desk:
         reader, actor = await self.surface.open(world.user_bus.address)
         self._monitors[0].call_it(reader, None)
         self._monitors[0].call_it(actor, "the desk")
+        self._settings_reader = await Client.open(world.user_bus.address)
+        self._monitors[0].call_it(self._settings_reader.unique_name, None)
         await self._monitors[0].open(world.user_bus.address)
         await self._monitors[1].open(world.system_bus.address)
         world.hostapd.on_event.append(self._hostapd_event)
@@ -85,6 +90,7 @@ class Desk:
         for task in self._tasks:
             task.cancel()
         await self.surface.close()
+        await self._settings_reader.close()
         for monitor in self._monitors:
             await monitor.close()
 
@@ -130,10 +136,17 @@ class Desk:
             joined = self._parts.station.joined
             found["client"]["bssid"] = joined.bssid if joined is not None else None
             found["addresses"], found["cable"] = self._addresses.of, self._addresses.cable
+            found["removed"] = self._removed(found["networks"])
             if found != self.state:
                 self.state = {**found, "addresses": {name: list(known) for name, known in found["addresses"].items()}}
                 self._touch()
             await asyncio.sleep(_LOOK)
+
+    def _removed(self, networks: list[dict[str, Any]]) -> list[dict[str, Any]]:
+        """The networks that were on the air once, as they were last: they can be switched on again."""
+        here = {network["bssid"]: network for network in networks}
+        self._seen.update(here)
+        return [network for bssid, network in self._seen.items() if bssid not in here]
 
     async def _sample(self) -> None:
         before: dict[str, int | None] = {}
@@ -143,7 +156,8 @@ class Desk:
             changed = {bssid: signal for bssid, signal in now.items() if before.get(bssid) != signal}
             changed |= {bssid: None for bssid in before.keys() - now.keys()}
             if changed:
-                self.recording.signals(changed)
+                names = {one.bssid: _label(one) for one in air.networks if one.bssid not in before}
+                self.recording.signals(changed, names)
             before = now
             await asyncio.sleep(_SAMPLE)
 
@@ -198,7 +212,8 @@ class Desk:
                     when=entry.when,
                 )
                 if not fields.get("by_plan"):
-                    self.deeds.command(self.recording.time(entry.when), entry.command, entry.arguments)
+                    deed = self.deeds.command(self.recording.time(entry.when), entry.command, entry.arguments)
+                    self.recording.deed(deed.at, entry.text, deed.line, world=True)
 
     # What a person asks for
 
@@ -218,15 +233,15 @@ class Desk:
         """Write a property of the daemon."""
         signature = next((one["signature"] for one in self.surface.members["properties"] if one["name"] == name), "s")
         line = write_line(name, signature, text)
-        return await self._ask(line, name, self.surface.write(name, text))
+        return await self._ask(line, name, f"{name} = {text}", self.surface.write(name, text))
 
     async def call(self, member: str, texts: list[str]) -> dict[str, Any]:
         """Call a method of the daemon."""
         signature = next(("".join(one["in"]) for one in self.surface.members["methods"] if one["name"] == member), "")
         line = call_line(member, signature, texts)
-        return await self._ask(line, member, self.surface.call(member, texts))
+        return await self._ask(line, member, f"{member}({', '.join(texts)})", self.surface.call(member, texts))
 
-    async def _ask(self, line: str, member: str, asking: Any) -> dict[str, Any]:
+    async def _ask(self, line: str, member: str, what: str, asking: Any) -> dict[str, Any]:
         at = self.recording.time()
         try:
             reply = await asking
@@ -241,20 +256,22 @@ class Desk:
             }
         except OSError as error:
             return {"error": str(error), "line": line}
-        self.deeds.line(at, line)
+        self.recording.deed(self.deeds.line(at, line).at, shorten(what), line, world=False)
         return {"text": "done", "reply": reply, "line": line}
 
     async def stored(self) -> dict[str, Any]:
         """All stored settings by section, or why they cannot be had."""
         try:
-            asking = self._parts.world.call_service_async(
+            asking = self._settings_reader.call(
                 settings.SERVICE, settings.BASE_PATH, "org.freedesktop.DBus.ObjectManager", "GetManagedObjects"
             )
-            reply = wire(await asyncio.wait_for(asyncio.wrap_future(asking), _STORED))
+            reply = wire(await asyncio.wait_for(asking, _STORED))
         except CallRefused as refusal:
             return {"error": refusal.text}
         except asyncio.TimeoutError:
             return {"error": "the settings daemon does not answer"}
+        except OSError as error:
+            return {"error": str(error)}
         found = {
             path.rsplit("/", 1)[-1]: values
             for path, interfaces in reply[0].items()
@@ -262,6 +279,10 @@ class Desk:
             if name == settings.SERVICE
         }
         return {"settings": {section: dict(sorted(values.items())) for section, values in sorted(found.items()) if values}}
+
+
+def _label(network: Network) -> str:
+    return f"{network.label}{' (hidden)' if network.hidden else ''}, {network.band} GHz"
 
 
 def _level(priority: str) -> str:

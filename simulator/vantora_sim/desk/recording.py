@@ -2,7 +2,7 @@
 
 Records are plain objects. "e": an entry of the time line, with its number "i", time "t" (seconds since the start), lane, title
 and body. "done": what became of entry "i": how long it took, its reply or error. "sig": signals of networks, by address.
-"sta": the station's state.
+"sta": the station's state. "deed": something that a person did, and the line that does it again.
 """
 
 from __future__ import annotations
@@ -54,9 +54,13 @@ class Recording:
         """Say what has become of an entry, a call for instance."""
         self._add({"k": "done", "i": number, "d": round(time.monotonic() - began, 6), "reply": reply, "error": error})
 
-    def signals(self, values: dict[str, int | None]) -> None:
-        """Signals that have changed, in dBm, by address; None for a network that is gone."""
-        self._add({"k": "sig", "t": self.time(), "v": values})
+    def signals(self, values: dict[str, int | None], names: dict[str, str]) -> None:
+        """Signals that have changed, in dBm, by address; None for a network that is gone. `names` are those of new ones."""
+        self._add({"k": "sig", "t": self.time(), "v": values, "n": names})
+
+    def deed(self, when: float, text: str, line: str, *, world: bool) -> None:
+        """Something was done to the world, or else to the device, and can be repeated with this line."""
+        self._add({"k": "deed", "t": when, "text": text, "line": line, "world": world})
 
     def station(self, state: str) -> None:
         """The station's new state."""

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import bisect
 import copy
 import json
 import shlex
@@ -49,13 +50,18 @@ class Deeds:
         """Before anything was done: commands change the networks in place."""
         self._done: list[Deed] = []
 
-    def command(self, at: float, command: str, arguments: dict[str, Any]) -> None:
+    def command(self, at: float, command: str, arguments: dict[str, Any]) -> Deed:
         """A command of vantora-simctl was done."""
-        self._done.append(Deed(at, words.command_line(command, arguments), command, arguments))
+        return self._add(Deed(at, words.command_line(command, arguments), command, arguments))
 
-    def line(self, at: float, line: str) -> None:
+    def line(self, at: float, line: str) -> Deed:
         """The device was asked for something, as this line does it."""
-        self._done.append(Deed(at, line))
+        return self._add(Deed(at, line))
+
+    def _add(self, deed: Deed) -> Deed:
+        # In the order in which they began: what the device takes its time for is told after what was done meanwhile.
+        bisect.insort(self._done, deed, key=lambda one: one.at)
+        return deed
 
     def script(self) -> str:
         """A script for a shell in reach of a device, with the pauses that there were."""

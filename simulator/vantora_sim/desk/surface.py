@@ -18,6 +18,9 @@ _ALL = "*"
 """Stands for every property while their names are not known yet."""
 _READING = 5.0
 """Seconds that a property is waited for: a daemon that hangs is shown as one."""
+_AGAIN = 2.0
+"""Seconds until a daemon that did not answer is asked again."""
+_NO_ANSWER = "no answer"
 _QUIET = 0.3
 """Seconds after an announcement until what is never announced is read again."""
 _NUMBERS = "ynqiuxt"
@@ -112,11 +115,20 @@ class Surface:
             self._wanted = set(names)
         for name in names:
             if name in self._wanted:
-                await self._read_one(name)
+                if not await self._read_one(name):
+                    self._silent(names)
+                    return
                 self._wanted.discard(name)
         self._changed()
 
-    async def _read_one(self, name: str) -> None:
+    def _silent(self, names: list[str]) -> None:
+        """It does not answer: that holds for all that is still to be read, which is asked for again later."""
+        self.failures.update({name: _NO_ANSWER for name in names if name in self._wanted})
+        self._changed()
+        self._task = asyncio.get_running_loop().create_task(self._read(_AGAIN))
+
+    async def _read_one(self, name: str) -> bool:
+        """Returns whether there was an answer, of whatever kind."""
         assert self._reader
         try:
             self.values[name] = wire(await asyncio.wait_for(self._reader.get(name), _READING))
@@ -124,9 +136,10 @@ class Surface:
         except CallRefused as refusal:
             self.failures[name] = refusal.text
         except asyncio.TimeoutError:
-            self.failures[name] = "no answer"
+            return False
         except OSError as error:
             self.failures[name] = str(error)
+        return True
 
     async def _introspect(self) -> None:
         assert self._reader

@@ -3,14 +3,17 @@
 import {$, h, setText, showAnswer, svg} from "./dom.js";
 import {ask} from "./connection.js";
 
-const STRONGEST = -30;
+const STRONGEST = -30;   // in the picture
 const WEAKEST = -100;
+const MOST = 0;          // of the sliders: what vantora-simctl takes
+const LEAST = -120;
 const HEARD = -92;
 const USABLE = -86;
 const RINGS = [-45, -60, -75, HEARD];
 const RADIUS = 150;
 const CENTRE = 170;
 const LABELS = 7;
+const CROWD = 40;
 
 export function networkName(network) {
   return network.hidden ? `${network.ssid} (hidden)` : network.ssid;
@@ -21,22 +24,20 @@ function distance(dbm) {
   return 22 + share * (RADIUS - 22);
 }
 
-// An angle that stays with an address, spread evenly whatever the addresses are.
-function angle(address) {
-  let hash = 2166136261;
-  for (const letter of address) hash = Math.imul(hash ^ letter.charCodeAt(0), 16777619);
-  hash ^= hash >>> 15;
-  hash = Math.imul(hash, 2246822519);
-  return ((hash >>> 0) / 2 ** 32) * 2 * Math.PI;
-}
+// Each turned from the one before by the golden angle: evenly spread however many come, and nobody moves for a new one.
+const GOLDEN = Math.PI * (3 - Math.sqrt(5));
+const FIRST_TURN = 0.65;  // so that the first few leave the labels of the rings free
+const OFF = "switch off ";
+const ON = "On again: ";
 
 export class AirPanel {
   constructor(store) {
     this.store = store;
     this.rows = new Map();
     this.dots = new Map();
-    this.removed = [];
+    this.turns = new Map();   // by address, in radians
     this.moved = new Map();   // by address: what a person is choosing, until the server says the same
+    this.moving = new Set();  // of these a request is under way
     this.key = "";
     this.#makeRadar();
     this.#makeForm();
@@ -52,10 +53,10 @@ export class AirPanel {
   update() {
     const state = this.store.state;
     if (!state) return;
-    const key = JSON.stringify([state.networks.map((one) => [one.bssid, one.ssid_hex, one.security, one.channel, one.hidden]), this.removed.length]);
+    const key = JSON.stringify([state.networks.map((one) => [one.bssid, one.ssid_hex, one.security, one.channel, one.hidden]), state.removed?.map((one) => one.bssid)]);
     if (this.key !== key) {
       this.key = key;
-      this.#makeRows(state.networks);
+      this.#makeRows(state.networks, state.removed ?? []);
     }
     const joined = state.client.bssid;
     for (const network of state.networks) {
@@ -76,7 +77,9 @@ export class AirPanel {
   signals() {
     const state = this.store.state;
     if (!state) return;
-    const ranked = [...state.networks].sort((one, other) => other.strength - one.strength).slice(0, LABELS).map((one) => one.bssid);
+    // Among too many the names would stand on each other: a search, or the pointer, tells them then.
+    const sought = state.networks.filter((one) => !this.rows.get(one.bssid)?.element.hidden);
+    const ranked = sought.length > CROWD ? [] : sought.sort((one, other) => other.strength - one.strength).slice(0, LABELS).map((one) => one.bssid);
     for (const network of state.networks) {
       const signal = this.store.signal(network.bssid) ?? network.strength;
       const row = this.rows.get(network.bssid);
@@ -85,10 +88,10 @@ export class AirPanel {
       row.slider.setAttribute("aria-valuetext", `${network.strength} dBm`);
       const dot = this.dots.get(network.bssid);
       const away = distance(this.moved.get(network.bssid) ?? signal);
-      const turn = angle(network.bssid);
+      const turn = this.turns.get(network.bssid);
       dot.element.setAttribute("transform", `translate(${CENTRE + away * Math.cos(turn)} ${CENTRE + away * Math.sin(turn)})`);
       dot.element.setAttribute("class", ["dot", network.security === "open" ? "open" : "", network.bssid === state.client.bssid ? "joined" : "",
-        signal < HEARD ? "lost" : signal < USABLE ? "weak" : "", ranked.includes(network.bssid) ? "named" : ""].join(" "));
+        signal < HEARD ? "lost" : signal < USABLE ? "weak" : "", ranked.includes(network.bssid) ? "named" : "", row.element.hidden ? "faded" : ""].join(" "));
       dot.label.setAttribute("text-anchor", Math.cos(turn) > 0.3 ? "end" : Math.cos(turn) < -0.3 ? "start" : "middle");
     }
   }
@@ -131,37 +134,52 @@ export class AirPanel {
     element.addEventListener("pointercancel", finish, {once: true});
   }
 
+  // One request at a time for each network, then the latest value: requests that overlap may be done in any order.
   async #move(bssid, dbm) {
     this.moved.set(bssid, dbm);
-    const answer = await this.command("signal", {network: bssid, dbm});
-    if (answer.error !== undefined) this.moved.delete(bssid);
+    if (this.moving.has(bssid)) return;
+    this.moving.add(bssid);
+    let asked = null;
+    while (this.moved.has(bssid) && this.moved.get(bssid) !== asked) {
+      asked = this.moved.get(bssid);
+      const answer = await this.command("signal", {network: bssid, dbm: asked});
+      if (answer.error !== undefined) this.moved.delete(bssid);
+    }
+    this.moving.delete(bssid);
   }
 
-  #makeRows(networks) {
+  #makeRows(networks, removed) {
+    for (const {bssid} of networks) if (!this.turns.has(bssid)) this.turns.set(bssid, FIRST_TURN + this.turns.size * GOLDEN);
+    const focused = document.activeElement?.getAttribute?.("aria-label");
     const ordered = [...networks].sort((one, other) => other.strength - one.strength);
     this.rows.clear();
     this.dots.clear();
-    $("networks").replaceChildren(...ordered.map((network) => this.#row(network)), ...this.removed.map((network) => this.#removedRow(network)));
+    $("networks").replaceChildren(...ordered.map((network) => this.#row(network)), ...removed.map((network) => this.#removedRow(network)));
     this.layer.replaceChildren(...[...ordered].reverse().map((network) => {
       const label = svg("text", {y: -9}, networkName(network));
       const element = svg("g", {onpointerdown: (event) => this.#dragFrom(network, event)},
-        svg("circle", {r: 6}), label, svg("title", {}, `${networkName(network)} ${network.bssid}`));
+        svg("circle", {class: "hit", r: 15}), svg("circle", {class: "mark", r: 6}), label, svg("title", {}, `${networkName(network)} ${network.bssid}`));
       this.dots.set(network.bssid, {element, label});
       return element;
     }));
     this.#filter();
+    if (!focused) return;
+    // Who has switched a network off with the keyboard can switch it on again at once.
+    const other = focused.startsWith(OFF) ? ON + focused.slice(OFF.length) : focused.startsWith(ON) ? OFF + focused.slice(ON.length) : focused;
+    const find = (label) => $("networks").querySelector(`[aria-label="${CSS.escape(label)}"]`);
+    (find(focused) ?? find(other))?.focus();
   }
 
   #row(network) {
     const name = networkName(network);
     const signal = h("output", {class: "signal"});
     const badge = h("span", {class: "badge", hidden: true}, "joined");
-    const slider = h("input", {type: "range", min: WEAKEST, max: STRONGEST, step: 1, value: network.strength, "data-live": true,
+    const slider = h("input", {type: "range", min: LEAST, max: MOST, step: 1, value: network.strength, "data-live": true,
       "aria-label": `signal of ${name}, ${network.bssid}`,
       oninput: () => { this.moved.set(network.bssid, Number(slider.value)); this.signals(); },
       onchange: () => this.#move(network.bssid, Number(slider.value))});
-    const actions = h("span", {class: "actions"}, h("button", {type: "button", class: "quiet", "data-live": true, "aria-label": `switch off ${name}, ${network.bssid}`,
-      onclick: () => this.#remove(network)}, "Off"));
+    const actions = h("span", {class: "actions"}, h("button", {type: "button", class: "quiet", "data-live": true, "aria-label": `${OFF}${name}, ${network.bssid}`,
+      onclick: () => this.command("remove", {network: network.bssid})}, "Off"));
     const element = h("li", {class: "network", "data-bssid": network.bssid},
       h("div", {class: "network-head"}, h("bdi", {class: "name"}, name), badge,
         h("span", {class: "muted small"}, `${network.security}, ${network.band} GHz, channel ${network.channel}`)),
@@ -174,7 +192,12 @@ export class AirPanel {
         if (answer.error === undefined) form.hidden = true;
       }}, input, h("button", {}, "Set"));
       actions.append(h("button", {type: "button", class: "quiet", "data-live": true, "aria-label": `Key: change the passphrase of ${name}, ${network.bssid}`,
-        onclick: () => { form.hidden = !form.hidden; if (!form.hidden) input.focus(); }}, "Key"));
+        onclick: () => {
+          form.hidden = !form.hidden;
+          if (form.hidden) return;
+          input.value = this.store.state.networks.find((one) => one.bssid === network.bssid)?.passphrase ?? "";
+          input.focus();
+        }}, "Key"));
       element.append(form);
     }
     this.rows.set(network.bssid, {element, slider, signal, badge, text: `${name} ${network.bssid}`.toLowerCase()});
@@ -185,25 +208,15 @@ export class AirPanel {
     const name = networkName(network);
     return h("li", {class: "network removed"}, h("div", {class: "network-head"}, h("bdi", {class: "name"}, name),
       h("span", {class: "muted small"}, "switched off")),
-      h("button", {type: "button", class: "quiet", "data-live": true, "aria-label": `On again: ${name}, ${network.bssid}`, onclick: () => this.#restore(network)}, "On again"));
+      h("button", {type: "button", class: "quiet", "data-live": true, "aria-label": `${ON}${name}, ${network.bssid}`, onclick: () => this.#restore(network)}, "On again"));
   }
 
-  async #remove(network) {
-    const answer = await this.command("remove", {network: network.bssid});
-    if (answer.error !== undefined) return;
-    this.removed.push(network);
-    this.update();
-  }
-
-  async #restore(network) {
+  #restore(network) {
     const {bssid, band, channel, security, address, ssid_hex} = network;
     const again = {ssid_hex, bssid, band, channel, signal: network.strength, security, address};
     if (network.passphrase) again.passphrase = network.passphrase;
     if (network.hidden) again.hidden = true;
-    const answer = await this.command("add", {network: again});
-    if (answer.error !== undefined) return;
-    this.removed = this.removed.filter((one) => one !== network);
-    this.update();
+    this.command("add", {network: again});
   }
 
   #filter() {
@@ -211,13 +224,14 @@ export class AirPanel {
     for (const [bssid, row] of this.rows) {
       const fits = row.text.includes(wanted);
       row.element.hidden = !fits;
-      this.dots.get(bssid).element.classList.toggle("faded", !fits);
     }
+    this.signals();
   }
 
   #makeForm() {
     const field = (name, label, input) => h("label", {}, label, fillName(input, name));
     const fillName = (input, name) => { input.name = name; return input; };
+    const check = (name, label) => h("label", {class: "check"}, fillName(h("input", {type: "checkbox"}), name), label);
     const choice = (values) => h("select", {}, ...values.map(([value, text]) => h("option", {value}, text)));
     const form = $("add-form");
     form.append(
@@ -229,14 +243,17 @@ export class AirPanel {
       field("signal", "Signal, dBm", h("input", {type: "number", min: -110, max: 0, value: "-55"})),
       field("address", "Address it gives", h("input", {placeholder: "192.168.1.50/24", autocomplete: "off"})),
       field("bssid", "Its own address", h("input", {placeholder: "made up", autocomplete: "off"})),
-      h("label", {class: "check"}, fillName(h("input", {type: "checkbox"}), "hidden"), "hides its name"),
+      check("hidden", "hides its name"), check("hex", "name is hexadecimal digits"), check("no-dhcp", "gives no address"),
       h("button", {}, "Add"));
     form.addEventListener("submit", async (event) => {
       event.preventDefault();
       const network = {};
-      for (const [name, value] of new FormData(form)) {
+      const given = new FormData(form);
+      for (const [name, value] of given) {
         if (name === "hidden") network.hidden = true;
-        else if (value !== "") network[name] = name === "channel" || name === "signal" ? Number(value) : value;
+        else if (name === "ssid" && given.has("hex")) network.ssid_hex = value;
+        else if (name === "no-dhcp") network.address = null;
+        else if (name !== "hex" && value !== "" && !(name === "address" && given.has("no-dhcp"))) network[name] = name === "channel" || name === "signal" ? Number(value) : value;
       }
       await this.command("add", {network});
     });
@@ -256,6 +273,12 @@ export class AirPanel {
     if (focused) $("stations").querySelector(`[data-station="${CSS.escape(focused)}"]`)?.focus();
   }
 
+  // An address is for a cable that is plugged, where one is given.
+  #plug(plugged) {
+    const address = $("cable-address").value.trim();
+    this.command("cable", plugged && address ? {plugged, address} : {plugged});
+  }
+
   #switches(state) {
     const key = JSON.stringify([state.radio, state.cable, state.addresses]);
     if (this.switchKey === key) return;
@@ -266,7 +289,7 @@ export class AirPanel {
     $("switches").replaceChildren(
       toggle("soft-block", soft, "Radio blocked by software", () => this.command("radio", {blocked: !soft})),
       toggle("hard-block", hard, "Radio switched off by hand", () => this.command("radio", {blocked: !hard, hard: true})),
-      toggle("cable-plug", state.cable, "Cable plugged", () => this.command("cable", {plugged: !state.cable})),
+      toggle("cable-plug", state.cable, "Cable plugged", () => this.#plug(!state.cable)),
       h("span", {class: "muted small"}, `wlan0: ${kind}, ${mhz} MHz, ${state.addresses.wlan0?.join(", ") || "no address"}; eth0: ${state.addresses.eth0?.join(", ") || "no address"}`));
     if (focused) document.getElementById(focused)?.focus();
   }

@@ -56,6 +56,9 @@ export class DevicePanel {
     if (!device.present) {
       title = "The daemon is gone";
       lines = ["Nobody owns com.vantora.Network1; what is shown is what it said last."];
+    } else if (Object.values(device.failures).includes("no answer")) {
+      title = "The daemon does not answer";
+      lines = ["It hangs, or takes its time; what is shown is what it said last."];
     } else if (!("Mode" in value)) {
       title = "The daemon starts";
     } else if (value.WiFiState === 0) {
@@ -69,7 +72,7 @@ export class DevicePanel {
       lines = [value.ClientSSID, value.WiFiClientState].filter(Boolean);
     }
     if (device.present && value.IPAddress) lines.push(value.IPAddress);
-    const kind = !device.present ? "gone" : value.WiFiState === 0 ? "off" : host ? "host" : "client";
+    const kind = !device.present || title === "The daemon does not answer" ? "gone" : value.WiFiState === 0 ? "off" : host ? "host" : "client";
     const key = JSON.stringify([title, lines, kind]);
     if (this.heroKey === key) return;
     this.heroKey = key;

@@ -13,7 +13,7 @@ import {startTheme} from "./theme.js";
 
 const FRAME = 150;
 const REST = 4;  // a slow machine draws less often: it rests so many times as long as it has drawn
-const WORDS = {live: "live", wait: "connecting", off: "switched off", saved: "saved run"};
+const WORDS = {live: "live", wait: "connecting", off: "switched off", saved: "saved run", locked: "no key"};
 
 const store = new Store();
 let timeline = null;
@@ -149,7 +149,7 @@ async function start() {
   try {
     await enter();
   } catch (error) {
-    setState("off");
+    setState("locked");
     notice(error.message);
     return;
   }

@@ -20,18 +20,15 @@ export class ReplayPanel {
     $("deeds").replaceChildren();
   }
 
+  // What is refused changes nothing, so it is neither here nor in the files: what is listed is what they hold.
   update() {
-    const {entries} = this.store;
-    const fresh = [];
-    for (; this.seen < entries.length; this.seen += 1) {
-      const entry = entries[this.seen];
-      const done = entry.lane === "world" && entry.what !== "exit";
-      const asked = entry.lane === "dbus" && entry.what === "call" && entry.body.from === "the desk";
-      if (done || asked) fresh.push(entry);
-    }
+    const {deeds} = this.store;
+    const fresh = deeds.slice(this.seen);
+    this.seen = deeds.length;
     if (!fresh.length) return;
     const list = $("deeds");
-    list.append(...fresh.slice(-MOST).map((entry) => h("li", {}, h("span", {class: "time"}, timeText(entry.t)), " ", h("bdi", {}, entry.title))));
+    list.append(...fresh.slice(-MOST).map((deed) => h("li", {}, h("span", {class: "time"}, timeText(deed.t)), h("bdi", {}, deed.text),
+      h("code", {class: "line"}, deed.line), deed.world ? null : h("span", {class: "muted small"}, "script only"))));
     while (list.children.length > MOST) list.firstElementChild.remove();
     list.scrollTop = list.scrollHeight;
   }

@@ -22,6 +22,8 @@ export class Store {
     this.head = {};
     this.entries = [];
     this.byNumber = new Map();
+    this.names = new Map();    // of networks, by address
+    this.deeds = [];           // {t, text, line, world}: what a person did
     this.series = new Map();   // by address: [{x, y}], y null where a network went
     this.states = [];          // [{x, y}] of the station
     this.state = null;
@@ -39,6 +41,7 @@ export class Store {
         case "done": this.#done(record); break;
         case "sig": this.#signals(record); break;
         case "sta": this.states.push({x: record.t, y: record.state}); break;
+        case "deed": this.deeds.push(record); break;
         case "state": this.state = record.state; break;
         case "device": this.device = record.device; break;
       }
@@ -60,6 +63,7 @@ export class Store {
   }
 
   #signals(record) {
+    for (const [address, name] of Object.entries(record.n ?? {})) this.names.set(address, name);
     for (const [address, value] of Object.entries(record.v)) {
       if (!this.series.has(address)) this.series.set(address, []);
       const points = this.series.get(address);

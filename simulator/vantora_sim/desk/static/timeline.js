@@ -19,11 +19,12 @@ export class TimeLine {
     this.chosen = null;
     this.lanesShown = new Set(LANES.map((lane) => lane.id));
     this.reset();
-    const gutter = () => (innerWidth < 600 ? 78 : 120);
+    const gutter = () => (innerWidth < 600 ? 106 : 120);
     this.curves = new Curves(store, gutter);
     this.lanes = new Lanes($("lanes"), gutter);
     this.list = new EntryList($("list"), (entry, byKey) => this.choose(entry, byKey), () => $("detail").focus());
     this.drawnCurves = 0;
+    this.reveal = false;  // the chosen entry shall be scrolled to
     this.took = 0;  // milliseconds of the last picture
     this.#wire();
   }
@@ -84,6 +85,7 @@ export class TimeLine {
     this.seen = 0;
     this.filtered = [];
     this.advance();
+    this.reveal = this.chosen !== null;
     this.draw();
   }
 
@@ -128,6 +130,7 @@ export class TimeLine {
     const from = firstAt(this.filtered, this.view.from);
     const to = firstAt(this.filtered, this.view.to + 1e-6);
     this.list.show(this.filtered, from, Math.max(to, from), this.chosen);
+    if (this.reveal) this.#reveal(from, to);
     setText($("shown"), `${(to - from).toLocaleString("en")} of ${this.store.entries.length.toLocaleString("en")} entries in view, `
             + `${timeText(Math.max(this.view.from, 0))} to ${timeText(this.view.to)}${this.store.lost ? `, ${this.store.lost} forgotten` : ""}`);
     const time = performance.now();
@@ -136,6 +139,15 @@ export class TimeLine {
       this.curves.update(this.view, this.now());
     }
     this.took = performance.now() - began;
+  }
+
+  // What was found by a search is seen among the others when the search is over.
+  #reveal(from, to) {
+    this.reveal = false;
+    const index = this.filtered.indexOf(this.chosen);
+    if (index < from || index >= to) return;
+    this.list.atEnd = false;
+    this.list.reveal(index);
   }
 
   #detail(entry) {
