@@ -8,7 +8,7 @@ from pathlib import Path
 from typing import Any
 
 from running import PATIENCE
-from selenium.common.exceptions import StaleElementReferenceException
+from selenium.common.exceptions import ElementNotInteractableException, StaleElementReferenceException
 from selenium.webdriver import Chrome
 from selenium.webdriver.common.by import By
 from selenium.webdriver.common.keys import Keys
@@ -59,7 +59,7 @@ class Page:
         while True:
             try:
                 found = condition()
-            except StaleElementReferenceException:
+            except (StaleElementReferenceException, ElementNotInteractableException):  # shown anew just now
                 found = None
             if found:
                 return found

@@ -44,7 +44,7 @@ def join_home(page: Page) -> None:
 
 def test_the_device_is_shown_as_it_publishes_itself_and_follows_what_it_announces(page: Page) -> None:
     assert (page.value("Mode"), page.value("SSID"), page.value("WiFiState")) == ('"Host"', '"Korrin One-3456"', "1")
-    assert "Access point on the air" in page.text("#hero")
+    page.until_text("#hero", "Access point on the air")
     writable = [form.get_attribute("aria-label") for form in page.all("#properties .writer input")]
     assert sorted(writable) == [f"new value of {name}" for name in ("Mode", "SSID", "WiFiFrequency", "WiFiState")]
     methods = {form.text.split()[-1]: len(form.find_elements("css selector", "input")) for form in page.all(".method")}

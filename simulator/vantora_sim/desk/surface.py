@@ -45,6 +45,8 @@ class Surface:
         self._task: asyncio.Task[None] | None = None
         self._wanted: set[str] = set()
         """Properties that are still to be read."""
+        self._announcements: dict[str, int] = {}
+        """How often each property was announced."""
         self.present = False
         """Whether the daemon has its name."""
         self.values: dict[str, Any] = {}
@@ -74,6 +76,7 @@ class Surface:
         self.values.update(values)
         for name in values:
             self.failures.pop(name, None)
+            self._announcements[name] = self._announcements.get(name, 0) + 1
         self._changed()
         following = {name: _FOLLOWS[name] for name in values if name in _FOLLOWS}
         if None in following.values():
@@ -85,6 +88,7 @@ class Surface:
         """A signal of the daemon that is no announcement of properties."""
         if member == "AccessPointsChanged" and body:
             self.values["AccessPoints"] = body[0]
+            self._announcements["AccessPoints"] = self._announcements.get("AccessPoints", 0) + 1
             self._changed()
 
     def owner(self, present: bool) -> None:
@@ -130,8 +134,12 @@ class Surface:
     async def _read_one(self, name: str) -> bool:
         """Returns whether there was an answer, of whatever kind."""
         assert self._reader
+        announced = self._announcements.get(name)
         try:
-            self.values[name] = wire(await asyncio.wait_for(self._reader.get(name), _READING))
+            value = wire(await asyncio.wait_for(self._reader.get(name), _READING))
+            # What was announced meanwhile is newer, although it came by another way and was here first.
+            if self._announcements.get(name) == announced:
+                self.values[name] = value
             self.failures.pop(name, None)
         except CallRefused as refusal:
             self.failures[name] = refusal.text

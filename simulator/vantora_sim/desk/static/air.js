@@ -1,6 +1,6 @@
 // The air: networks by how strongly they are received, stations, radio and cable.
 
-import {$, h, setText, showAnswer, svg} from "./dom.js";
+import {$, arrange, h, setText, showAnswer, svg} from "./dom.js";
 import {ask} from "./connection.js";
 
 const STRONGEST = -30;   // in the picture
@@ -30,6 +30,11 @@ const FIRST_TURN = 0.65;  // so that the first few leave the labels of the rings
 const OFF = "switch off ";
 const ON = "On again: ";
 
+// What a row is made of; all else changes in it.
+function rowKey(network) {
+  return JSON.stringify([network.ssid_hex, network.band, network.channel, network.security, network.hidden, network.passphrase !== ""]);
+}
+
 export class AirPanel {
   constructor(store) {
     this.store = store;
@@ -53,7 +58,7 @@ export class AirPanel {
   update() {
     const state = this.store.state;
     if (!state) return;
-    const key = JSON.stringify([state.networks.map((one) => [one.bssid, one.ssid_hex, one.security, one.channel, one.hidden]), state.removed?.map((one) => one.bssid)]);
+    const key = JSON.stringify([state.networks.map((one) => [one.bssid, rowKey(one)]), state.removed?.map((one) => one.bssid)]);
     if (this.key !== key) {
       this.key = key;
       this.#makeRows(state.networks, state.removed ?? []);
@@ -152,10 +157,20 @@ export class AirPanel {
     for (const {bssid} of networks) if (!this.turns.has(bssid)) this.turns.set(bssid, FIRST_TURN + this.turns.size * GOLDEN);
     const focused = document.activeElement?.getAttribute?.("aria-label");
     const ordered = [...networks].sort((one, other) => other.strength - one.strength);
-    this.rows.clear();
-    this.dots.clear();
-    $("networks").replaceChildren(...ordered.map((network) => this.#row(network)), ...removed.map((network) => this.#removedRow(network)));
-    this.layer.replaceChildren(...[...ordered].reverse().map((network) => {
+    const before = this.rows;
+    const dots = this.dots;
+    this.rows = new Map();
+    this.dots = new Map();
+    const kept = (network) => before.get(network.bssid)?.key === rowKey(network);
+    arrange($("networks"), [
+      ...ordered.map((network) => (kept(network) ? this.#keep(before.get(network.bssid), network) : this.#row(network))),
+      ...removed.map((network) => this.#removedRow(network)),
+    ]);
+    arrange(this.layer, [...ordered].reverse().map((network) => {
+      if (kept(network)) {
+        this.dots.set(network.bssid, dots.get(network.bssid));
+        return dots.get(network.bssid).element;
+      }
       const label = svg("text", {y: -9}, networkName(network));
       const element = svg("g", {onpointerdown: (event) => this.#dragFrom(network, event)},
         svg("circle", {class: "hit", r: 15}), svg("circle", {class: "mark", r: 6}), label, svg("title", {}, `${networkName(network)} ${network.bssid}`));
@@ -163,11 +178,16 @@ export class AirPanel {
       return element;
     }));
     this.#filter();
-    if (!focused) return;
+    if (!focused || document.activeElement !== document.body) return;
     // Who has switched a network off with the keyboard can switch it on again at once.
     const other = focused.startsWith(OFF) ? ON + focused.slice(OFF.length) : focused.startsWith(ON) ? OFF + focused.slice(ON.length) : focused;
     const find = (label) => $("networks").querySelector(`[aria-label="${CSS.escape(label)}"]`);
     (find(focused) ?? find(other))?.focus();
+  }
+
+  #keep(row, network) {
+    this.rows.set(network.bssid, row);
+    return row.element;
   }
 
   #row(network) {
@@ -200,7 +220,7 @@ export class AirPanel {
         }}, "Key"));
       element.append(form);
     }
-    this.rows.set(network.bssid, {element, slider, signal, badge, text: `${name} ${network.bssid}`.toLowerCase()});
+    this.rows.set(network.bssid, {element, slider, signal, badge, key: rowKey(network), text: `${name} ${network.bssid}`.toLowerCase()});
     return element;
   }
 

@@ -28,6 +28,15 @@ export function setText(element, text) {
   if (element.textContent !== text) element.textContent = text;
 }
 
+// Make these the children of a place. Those that stay are not touched: whoever is about to press one of them, does.
+export function arrange(place, children) {
+  const wanted = new Set(children);
+  for (const child of [...place.children]) if (!wanted.has(child)) child.remove();
+  children.forEach((child, index) => {
+    if (place.children[index] !== child) place.insertBefore(child, place.children[index] ?? null);
+  });
+}
+
 // Show the answer to something that was asked for: what was done, or why not, and the command that does the same.
 export function showAnswer(place, answer) {
   const lines = [];
