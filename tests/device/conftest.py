@@ -12,7 +12,7 @@ from typing import Any
 
 import pytest
 
-from bench import Device, Evidence, Machine, Snapshot, World
+from bench import Device, Evidence, Machine, Mark, Snapshot, World
 from bench.deadline import BOOT
 from bench.evidence import Result
 from bench.snapshots import saved_host_machine
@@ -28,11 +28,18 @@ def pytest_addoption(parser: pytest.Parser) -> None:
         help="folder that tests/device/image/make-device printed (default: $VANTORA_DEVICE_IMAGE)",
     )
     parser.addoption(
+        "--stock",
+        help="folder that tests/device/image/make-device --stock printed: then the tests that install our packages run, too",
+    )
+    parser.addoption(
         "--evidence", default=os.environ.get("VANTORA_DEVICE_EVIDENCE"), help="folder for what the results page is made from"
     )
 
 
-def pytest_collection_modifyitems(items: list[pytest.Item]) -> None:
+def pytest_collection_modifyitems(config: pytest.Config, items: list[pytest.Item]) -> None:
+    if not config.getoption("--stock"):
+        # Not skipped: they are another run's.
+        items[:] = [item for item in items if "stock_boot" not in getattr(item, "fixturenames", ())]
     for item in items:
         if item.get_closest_marker("timeout") is None:
             item.add_marker(pytest.mark.timeout(TIME_OUT))
@@ -110,7 +117,29 @@ def boot(image: Path, work: Path, evidence: Evidence, request: pytest.FixtureReq
         device = Device(machine, evidence)
         devices.append(device)
         if saved is None:
-            device.wait_for_log("Setup initial WiFi mode", since=(0, 0), priority="info", seconds=BOOT)
+            device.wait_for_log("Setup initial WiFi mode", since=Mark(), priority="info", seconds=BOOT)
+        return device
+
+    yield start
+    for device in devices:
+        if device.machine.running:
+            device.machine.cut_power()
+
+
+@pytest.fixture
+def stock_boot(request: pytest.FixtureRequest, work: Path, evidence: Evidence) -> Iterator[Callable[..., Device]]:
+    """Boots a Debian that has our packages in /packages and not installed, or what has become of one: `stock_boot(disk=...)`.
+
+    It has then come to the end of its boot.
+    """
+    image = Path(request.config.getoption("--stock")).resolve()
+    devices: list[Device] = []
+    request.node.devices = devices
+
+    def start(*, disk: Path | None = None, words: str = "") -> Device:
+        device = Device(Machine(image, work / str(len(devices)), disk=disk, words=words), evidence)
+        devices.append(device)
+        device.guest.wait_until("systemctl is-system-running | grep -E 'running|degraded'", seconds=BOOT)
         return device
 
     yield start

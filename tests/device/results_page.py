@@ -15,6 +15,7 @@ TITLES = {
     "test_settings": "Settings changed by another program",
     "test_power": "Power, and daemons that die",
     "test_wired": "The wired DHCP server",
+    "test_install": "Installation and removal",
     "test_endurance": "Endurance and cost",
 }
 KINDS = {"bus": "bus ", "log": "log ", "tool": "tool"}

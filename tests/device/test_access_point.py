@@ -5,7 +5,6 @@ from __future__ import annotations
 from bench import Device, World
 
 SSID = "Korrin One-3456"
-PASSPHRASE = "korrin-passphrase"
 OWN_ADDRESS = "192.168.8.1"
 STATION = "02:00:00:00:01:00"
 
@@ -14,7 +13,7 @@ def test_a_station_that_joins_gets_an_address_and_is_counted_until_it_leaves(dev
     """A station joins with WPA2, gets a lease and reaches the device; it is announced when it comes and when it goes."""
     assert device.get("WiFiConnectedClients") == 0
     mark = device.mark()
-    world.join(SSID, PASSPHRASE)
+    world.join(SSID, world.device.passphrase())
     device.wait_for_log(f"wifi_host_station_connected: {STATION}", since=mark, priority="info")
     device.wait_for_change("WiFiConnectedClients", 1, since=mark)
     assert STATION in device.see("hostapd_cli -i wlan0 all_sta")
@@ -48,7 +47,7 @@ def test_a_new_ssid_is_seen_on_air_and_stored(device: Device, world: World) -> N
     assert world.find_on_air(SSID) is None
 
     device.wait_for_log("restart_wifi_host_listener_callback: Restarting...", since=mark)
-    world.join("Boathouse 7", PASSPHRASE)
+    world.join("Boathouse 7", world.device.passphrase())
     device.wait_for_property("WiFiConnectedClients", 1)
 
 

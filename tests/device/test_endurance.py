@@ -80,7 +80,7 @@ def test_a_daemon_restarted_as_a_station_reads_its_state_back(device: Device, wo
     device.guest.run("systemctl restart vantora-network.service")
     device.wait_for_change("Mode", "Client", since=mark)
     assert device.process() != before
-    device.wait_for_change("WiFiClientState", "completed", since=mark)
+    device.wait_for_change("WiFiClientState", "completed", since=mark.anew())
     assert (device.get("Mode"), device.get("ClientSSID")) == ("Client", HARBOUR)
     assert "wpa_state=COMPLETED" in device.see("wpa_cli -i wlan0 status")
     device.see_once("ip -4 -oneline address show dev wlan0 | grep 192.168.20.")

@@ -4,10 +4,9 @@ from __future__ import annotations
 
 from collections.abc import Callable
 
-from bench import Device, World, unit_log
+from bench import Device, Mark, World, unit_log
 
 SSID = "Korrin One-3456"
-PASSPHRASE = "korrin-passphrase"
 STATION = "02:00:00:00:01:00"
 
 
@@ -25,7 +24,7 @@ def test_the_radio_off_silences_the_access_point_and_on_brings_it_back(device: D
     mark = device.mark()
     device.set("WiFiState", "u", "1")
     device.wait_for_change("Mode", "Host", since=mark)
-    device.wait_for_change("WiFiState", 1, since=mark)
+    device.wait_for_change("WiFiState", 1, since=mark.anew())
     device.wait_for_access_point()
     world.wait_on_air(SSID)
     assert device.get("IPAddress") == "192.168.8.1"
@@ -44,7 +43,7 @@ def test_hostapd_that_is_killed_is_set_up_anew_and_its_stations_are_counted(devi
     world.wait_on_air(SSID)
 
     mark = device.mark()
-    world.join(SSID, PASSPHRASE)
+    world.join(SSID, world.device.passphrase())
     device.wait_for_log(f"wifi_host_station_connected: {STATION}", since=mark)
     device.wait_for_change("WiFiConnectedClients", 1, since=mark)
     assert STATION in device.see("hostapd_cli -i wlan0 all_sta")
@@ -53,7 +52,7 @@ def test_hostapd_that_is_killed_is_set_up_anew_and_its_stations_are_counted(devi
 def test_a_daemon_that_is_killed_as_an_access_point_comes_back_with_its_state(device: Device, world: World) -> None:
     """systemd starts it again; SSID, mode and the station that stayed are read back, and its leaving is heard."""
     mark = device.mark()
-    world.join(SSID, PASSPHRASE)
+    world.join(SSID, world.device.passphrase())
     device.wait_for_change("WiFiConnectedClients", 1, since=mark)
     before = device.process()
 
@@ -119,7 +118,7 @@ def test_a_boot_with_stored_host_settings_puts_the_access_point_on_air(device: D
     device.machine.cut_power()
 
     again = boot(disk=device.machine.disk)
-    again.wait_for_change("Mode", "Host", since=(0, 0))
+    again.wait_for_change("Mode", "Host", since=Mark())
     again.wait_for_access_point()
     assert "ssid[0]=Summer House" in again.see("hostapd_cli -i wlan0 status")
     assert "192.168.8.1/24" in again.see("ip -4 -oneline address show dev wlan0")
@@ -129,7 +128,7 @@ def test_a_boot_with_stored_host_settings_puts_the_access_point_on_air(device: D
     world = World(again)
     assert world.wait_on_air("Summer House").frequency < 3000
     mark = again.mark()
-    world.join("Summer House", PASSPHRASE)
+    world.join("Summer House", world.device.passphrase())
     again.wait_for_change("WiFiConnectedClients", 1, since=mark)
     assert world.lease().startswith("192.168.8.")
     assert again.see("systemctl is-system-running") == "running"
@@ -141,7 +140,7 @@ def test_kill_wifi_on_boot_silences_the_radio_until_the_settings_are_read(device
     device.machine.cut_power()
 
     again = boot(disk=device.machine.disk)
-    start = (0, 0)
+    start = Mark()
     blocked = again.wait_for_log('utils_do_system_call: trying "rfkill block wlan"...', since=start)
     unblocked = again.wait_for_log('utils_do_system_call: trying "rfkill unblock wlan"...', since=start)
     assert blocked.seconds < unblocked.seconds

@@ -4,7 +4,7 @@ from __future__ import annotations
 
 from collections.abc import Callable
 
-from bench import Device, World
+from bench import Device, Mark, World
 
 UNIT = "udhcpd_eth0.service"
 STARTED = f"Successfully enabled and started {UNIT}"
@@ -37,7 +37,7 @@ def test_on_an_nfs_root_the_wired_dhcp_server_never_runs(boot: Callable[..., Dev
     systemd does not find a unit outside its folders by name before it has been enabled once, and says so.
     """
     device = boot(words="root=/dev/nfs")
-    device.wait_for_log("[NETLINK] Starting kernel netlink task...", since=(0, 0))
+    device.wait_for_log("[NETLINK] Starting kernel netlink task...", since=Mark())
     assert "root=/dev/nfs" in device.see("cat /proc/cmdline")
     mark = device.mark()
     device.guest.run(GIVE_ADDRESS)

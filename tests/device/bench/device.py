@@ -17,7 +17,31 @@ NETWORK = "com.vantora.Network1 /com/vantora/Network1 com.vantora.Network1.WiFi"
 NETWORK_PATH = "/com/vantora/Network1"
 SETTINGS = "com.vantora.common.Settings1"
 SETTINGS_PATH = "/com/vantora/common/Settings1"
-WPA_INTERFACE = "fi.w1.wpa_supplicant1 /fi/w1/wpa_supplicant1/Interfaces/1 fi.w1.wpa_supplicant1.Interface"
+WPA_INTERFACE = "fi.w1.wpa_supplicant1 /fi/w1/wpa_supplicant1/Interfaces/0 fi.w1.wpa_supplicant1.Interface"
+BENCH_SIGNAL = "/bench com.vantora.bench Mark"
+
+
+class Mark:
+    """Where journal and signals stood before a deed.
+
+    Waits with the same mark take turns: each looks only at what came after that which answered the one before it, in
+    the journal and among the signals for itself. So no line that is older than what a test has waited for can pass for its
+    consequence. What comes in no certain order is waited for with `anew()`.
+    """
+
+    def __init__(self, journal: int = 0, signals: int = 0) -> None:
+        self.journal, self.signals = journal, signals
+        self.next = {"journal": journal, "signals": signals}
+
+    def anew(self) -> Mark:
+        """The same mark, as if nothing had been waited for yet."""
+        return Mark(self.journal, self.signals)
+
+    def wait(self, stream: Stream, match: Match, *, seconds: float, what: str) -> Event:
+        """Waits for what matches and comes after all that this mark was used for."""
+        position, event = stream.wait_for_position(match, since=self.next[stream.name], seconds=seconds, what=what)
+        self.next[stream.name] = position + 1
+        return event
 
 
 class Device:
@@ -81,64 +105,65 @@ class Device:
 
     # What it announces and logs.
 
-    def mark(self) -> tuple[int, int]:
+    def mark(self) -> Mark:
         """Where journal and signals stand: waits that are given this look only at what comes after.
 
-        The journal arrives late, so an entry of the bench's own is waited for: everything before it is there then.
+        Both arrive late, so an entry and a signal of the bench's own are waited for: all that came before is there then.
         """
         text = f"bench {next(self._numbers)}"
-        position = self.journal.position
-        self.guest.run(f"logger -t bench {shlex.quote(text)}")
-        self.journal.wait_for(lambda event: event.message == text, since=position, what="the bench's own entry")
-        return self.journal.position, self.signals.position
+        mark = Mark(self.journal.position, self.signals.position)
+        self.guest.run(f"logger -t bench '{text}' && busctl --user emit {BENCH_SIGNAL} s '{text}'")
+        mark.wait(self.journal, lambda event: event.message == text, seconds=EVENT, what="the bench's own entry")
+        mark.wait(self.signals, lambda event: is_bench_signal(event, text), seconds=EVENT, what="the bench's own signal")
+        return Mark(mark.next["journal"], mark.next["signals"])
 
-    def wait_for_change(self, name: str, value: Any = None, *, since: tuple[int, int], seconds: float = EVENT) -> Any:
+    def wait_for_change(self, name: str, value: Any = None, *, since: Mark, seconds: float = EVENT) -> Any:
         """Waits until a property is announced, with this value if one is given; the value announced."""
 
         def match(event: Event) -> bool:
             found = changed_value(event, name)
             return found is not None and (value is None or found[0] == value)
 
-        event = self.signals.wait_for(match, since=since[1], seconds=seconds, what=f"change of {name} to {value!r}")
+        event = since.wait(self.signals, match, seconds=seconds, what=f"change of {name} to {value!r}")
         found = changed_value(event, name)
         assert found is not None
         self.evidence.add(BUS, f"announced: {name} = {json.dumps(found[0], ensure_ascii=False)}")
         return found[0]
 
-    def wait_for_signal(
-        self, member: str, *, since: tuple[int, int], seconds: float = EVENT, match: Match = lambda event: True
-    ) -> Any:
+    def wait_for_signal(self, member: str, *, since: Mark, seconds: float = EVENT, match: Match = lambda event: True) -> Any:
         """Waits for a signal of the object; its arguments."""
-        event = self.signals.wait_for(
+        event = since.wait(
+            self.signals,
             lambda event: event.fields.get("path") == NETWORK_PATH and event.fields.get("member") == member and match(event),
-            since=since[1],
             seconds=seconds,
             what=f"signal {member}",
         )
         self.evidence.add(BUS, f"signal {signal_text(event.fields)}")
         return plain(event.fields["payload"])
 
-    def changes(self, name: str, *, since: tuple[int, int]) -> list[Any]:
+    def changes(self, name: str, *, since: Mark) -> list[Any]:
         """All values of a property that were announced after a mark."""
-        found = (changed_value(event, name) for event in self.signals.since(since[1]))
+        found = (changed_value(event, name) for event in self.signals.since(since.signals))
         return [value[0] for value in found if value is not None]
 
-    def wait_for_log(self, text: str, *, since: tuple[int, int], priority: str | None = None, seconds: float = EVENT) -> Event:
+    def wait_for_log(self, text: str, *, since: Mark, priority: str | None = None, seconds: float = EVENT) -> Event:
         """Waits for a line of the daemon's, given whole."""
-        event = self.journal.wait_for(log(text, priority=priority), since=since[0], seconds=seconds, what=f"log line {text!r}")
+        event = since.wait(self.journal, log(text, priority=priority), seconds=seconds, what=f"log line {text!r}")
         self.evidence.add(LOG, str(event))
         return event
 
-    def wait_for_entry(self, match: Match, what: str, *, since: tuple[int, int], seconds: float = EVENT) -> Event:
+    def wait_for_entry(self, match: Match, what: str, *, since: Mark, seconds: float = EVENT) -> Event:
         """Waits for a journal entry, of whomever."""
-        event = self.journal.wait_for(match, since=since[0], seconds=seconds, what=what)
+        event = since.wait(self.journal, match, seconds=seconds, what=what)
         self.evidence.add(LOG, str(event))
         return event
 
-    def logged(self, *, since: tuple[int, int]) -> list[Event]:
+    def logged(self, *, since: Mark) -> list[Event]:
         """All that the daemon has logged after a mark and until now."""
         self.mark()
-        return [event for event in self.journal.since(since[0]) if event.fields.get("SYSLOG_IDENTIFIER") == "vantora-network"]
+        return [
+            event for event in self.journal.since(since.journal) if event.fields.get("SYSLOG_IDENTIFIER") == "vantora-network"
+        ]
 
     # Other programs' own view.
 
@@ -174,6 +199,10 @@ class Device:
         """The daemon's process number."""
         return int(self.guest.run("systemctl show --value --property=MainPID vantora-network"))
 
+    def passphrase(self) -> str:
+        """The access point's passphrase, which the device has made itself."""
+        return self.guest.run("cat /var/lib/vantora-device/passphrase")
+
     # States that tests start from.
 
     def wait_for_access_point(self, *, seconds: float = EVENT) -> None:
@@ -193,6 +222,11 @@ class Device:
         self.wait_for_access_point()
 
 
+def is_bench_signal(event: Event, text: str) -> bool:
+    """Whether this is the signal that the bench has sent with a text."""
+    return event.fields.get("path") == "/bench" and plain(event.fields.get("payload")) == [text]
+
+
 def changed_value(event: Event, name: str) -> tuple[Any] | None:
     """The value that a signal announces for a property of the network object, in a tuple; None when it does not."""
     fields = event.fields
@@ -202,4 +236,4 @@ def changed_value(event: Event, name: str) -> tuple[Any] | None:
     return (changed[name],) if name in changed else None
 
 
-__all__ = ["CommandFailed", "Device"]
+__all__ = ["CommandFailed", "Device", "Mark"]

@@ -9,7 +9,7 @@ import tempfile
 from pathlib import Path
 
 from .deadline import BOOT
-from .device import Device
+from .device import Device, Mark
 from .evidence import Evidence
 from .machine import CLOCK, KERNEL_COMMAND_LINE, LINES, MEMORY, Machine, Snapshot
 
@@ -36,7 +36,7 @@ def make(image: Path, work: Path) -> Path:
         device = Device(machine, Evidence())
         device.wait_for_access_point(seconds=BOOT)
         # The last thing that the daemon does when it starts.
-        device.wait_for_log("[NETLINK] Starting kernel netlink task...", since=(0, 0))
+        device.wait_for_log("[NETLINK] Starting kernel netlink task...", since=Mark())
         # Boot is over, and so is what it started.
         device.guest.wait_until("systemctl is-system-running | grep -E 'running|degraded'")
         device.mark()

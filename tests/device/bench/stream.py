@@ -126,13 +126,17 @@ class Stream:
 
     def wait_for(self, match: Match, *, since: int = 0, seconds: float = EVENT, what: str = "") -> Event:
         """The first that matches after a position, waited for."""
+        return self.wait_for_position(match, since=since, seconds=seconds, what=what)[1]
+
+    def wait_for_position(self, match: Match, *, since: int, seconds: float = EVENT, what: str = "") -> tuple[int, Event]:
+        """The same, with its position."""
         deadline = Deadline(seconds)
         position = since
         with self._changed:
             while True:
                 while position < len(self._events):
                     if match(self._events[position]):
-                        return self._events[position]
+                        return position, self._events[position]
                     position += 1
                 if self._ended or deadline.over:
                     tail = "\n".join(str(event) for event in self._events[since:][-60:])

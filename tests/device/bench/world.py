@@ -68,7 +68,7 @@ class World:
 
     def lease(self, *, interface: str = "wlan1") -> str:
         """Gets an address from the DHCP server at the other end; the address."""
-        output = self.see(f"busybox udhcpc -i {interface} -n -q -t 20 -T 2 -s /etc/udhcpc/default.script 2>&1")
+        output = self.see(f"busybox udhcpc -i {interface} -n -q -t 20 -T 2 -s /usr/local/libexec/world-dhcp-client 2>&1")
         found = re.search(r"lease of ([0-9.]+) obtained", output)
         assert found, output
         return found.group(1)
