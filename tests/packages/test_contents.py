@@ -41,7 +41,7 @@ FILES = {
         *(f"/usr/share/vantora-device/units/{path.name}" for path in (ROOT / "packaging/device/units").iterdir()),
     },
     "vantora-network": {
-        "/lib/systemd/system/vantora-network.service",
+        "/usr/lib/systemd/system/vantora-network.service",
         "/usr/sbin/vantora-network",
         "/usr/share/dbus-1/interfaces/com.vantora.Network1.WiFi.xml",
         "/usr/share/dbus-1/services/com.vantora.Network1.service",
@@ -78,13 +78,13 @@ FILES = {
         "/usr/share/vantora-sim/dbus-api.md",
     },
     "vantora-settingsd": {
-        "/lib/systemd/system/vantora-settingsd.service",
+        "/usr/lib/systemd/system/vantora-settingsd.service",
         "/usr/sbin/vantora-settingsd",
         "/usr/share/dbus-1/services/com.vantora.common.Settings1.service",
         "/usr/share/man/man8/vantora-settingsd.8.gz",
     },
     "vantora-supplicant-names": {
-        "/lib/systemd/system/vantora-supplicant-names.service",
+        "/usr/lib/systemd/system/vantora-supplicant-names.service",
         "/usr/lib/sysusers.d/vantora-supplicant-names.conf",
         "/usr/sbin/vantora-supplicant-names",
         "/usr/share/dbus-1/system.d/vantora-supplicant-names.conf",
@@ -133,10 +133,24 @@ def test_there_is_one_package_for_each_purpose(packages: dict[str, Package], arc
         assert package.field("Architecture") == (architecture if name in WITH_PROGRAMS else "all")
 
 
-def test_their_version_is_the_projects(packages: dict[str, Package]) -> None:
-    version = re.search(r"^ *VERSION (\S+)$", (ROOT / "CMakeLists.txt").read_text(), re.MULTILINE)
-    assert version is not None
-    assert {package.field("Version") for package in packages.values()} == {version[1]}
+def test_their_version_is_the_projects_and_grows_with_the_commits(packages: dict[str, Package], architecture: str) -> None:
+    project = re.search(r"^ *VERSION (\S+)$", (ROOT / "CMakeLists.txt").read_text(), re.MULTILINE)
+    assert project is not None
+    commit = (ROOT / "build/packages" / architecture / "commit").read_text().strip()
+    counted = subprocess.run(
+        ["git", "rev-list", "--count", commit], cwd=ROOT, check=True, capture_output=True, text=True, timeout=60
+    ).stdout.strip()
+    assert {package.field("Version") for package in packages.values()} == {f"{project[1]}+{counted}.g{commit[:10]}"}
+
+
+@pytest.mark.parametrize("name", ["vantora-network", "vantora-settingsd", "vantora-supplicant-names"])
+def test_programs_and_units_tell_the_version_of_their_package(
+    packages: dict[str, Package], unpacked: dict[str, Path], name: str
+) -> None:
+    version = packages[name].field("Version")
+    assert f"{name} {version}\0".encode() in (unpacked[name] / f"usr/sbin/{name}").read_bytes()
+    (unit,) = unpacked[name].rglob(f"{name}.service")
+    assert f"X-Version={version}" in unit.read_text().splitlines()
 
 
 @pytest.mark.parametrize("name", NAMES)
@@ -144,6 +158,11 @@ def test_a_package_holds_its_files_and_no_others(packages: dict[str, Package], n
     files = {path for path, member in packages[name].members().items() if not member.mode.startswith("d")}
     assert files - DOCUMENTED == FILES[name]
     assert files & DOCUMENTED == {path for path in DOCUMENTED if path.startswith(f"/usr/share/doc/{name}/")}
+
+
+@pytest.mark.parametrize("name", NAMES)
+def test_nothing_is_in_a_folder_that_is_a_link_by_now(packages: dict[str, Package], name: str) -> None:
+    assert [path for path in packages[name].members() if path.split("/")[1] in ("bin", "lib", "sbin")] == []
 
 
 @pytest.mark.parametrize("name", NAMES)

@@ -1,4 +1,4 @@
-"""The packages in a fresh Debian: installed by dpkg, used, installed again, removed, purged.
+"""The packages in a fresh Debian: installed as version 1.0.0, upgraded by apt, installed by dpkg, used, removed, purged.
 
 One system is made for all of this, and everything is done in it that the tests then look at. It has no systemd running, as
 when a device's image is built.
@@ -6,6 +6,7 @@ when a device's image is built.
 
 from __future__ import annotations
 
+import re
 import shutil
 import subprocess
 from pathlib import Path
@@ -25,6 +26,27 @@ def outside_packages(packages: dict[str, Package]) -> str:
     return ",".join(sorted(name for name in wanted if name not in packages))
 
 
+def as_version_1(package: Package, folder: Path) -> None:
+    """Make the same package with the version that all had before they grew with the commits."""
+    root = package.unpack(folder / "unpacked" / package.path.stem)
+    control = root / "DEBIAN/control"
+    control.write_text(re.sub(r"^Version: .*$", "Version: 1.0.0", control.read_text(), flags=re.MULTILINE))
+    name = package.field("Package")
+    subprocess.run(
+        ["dpkg-deb", "--root-owner-group", "--build", root, folder / f"{name}.deb"], check=True, capture_output=True, timeout=60
+    )
+    shutil.rmtree(folder / "unpacked")
+
+
+def make_source(folder: Path) -> None:
+    """Make a source for apt of all packages in the folder; it takes the newest."""
+    index = subprocess.run(
+        ["dpkg-scanpackages", "--multiversion", "."], cwd=folder, check=True, capture_output=True, text=True, timeout=60
+    ).stdout
+    (folder / "Packages").write_text(index)
+    (folder / "sources.list").write_text("deb [trusted=yes] file:/packages ./\n")
+
+
 @pytest.fixture(scope="module")
 def results(packages: dict[str, Package], tmp_path_factory: pytest.TempPathFactory) -> Path:
     """The folder with what each step has left: NAME.status, NAME.out, and lists of files."""
@@ -33,6 +55,9 @@ def results(packages: dict[str, Package], tmp_path_factory: pytest.TempPathFacto
     for package in packages.values():
         shutil.copy(package.path, work / "packages")
     shutil.copy(STEPS, work / "packages/steps")
+    for package in packages.values():
+        as_version_1(package, work / "packages/before")
+    make_source(work / "packages")
     mirror = subprocess.run(
         [
             "bash",
@@ -81,8 +106,50 @@ def files(results: Path, when: str) -> set[str]:
     return set((results / f"{when}.files").read_text().splitlines())
 
 
+def versions(results: Path, when: str) -> dict[str, str]:
+    """The installed versions by package."""
+    return dict(line.split() for line in output(results, f"installed-{when}").splitlines())
+
+
+def asked_of_the_service_manager(results: Path, step: str) -> list[str]:
+    """What a step had systemctl do, in this order, without the questions."""
+    lines = (results / f"{step}.asked").read_text().splitlines()
+    return [line for line in lines if "is-enabled" not in line and "is-active" not in line]
+
+
 def test_dpkg_installs_them_where_no_systemd_runs(results: Path) -> None:
-    output(results, "install")
+    output(results, "install-before")
+
+
+def test_apt_upgrades_what_was_installed_before(results: Path, packages: dict[str, Package]) -> None:
+    assert set(versions(results, "before").values()) == {"1.0.0"}
+    output(results, "apt-update")
+    output(results, "apt-upgrade")
+    assert versions(results, "after") == {name: package.field("Version") for name, package in packages.items()}
+
+
+def test_apt_finds_nothing_newer_than_the_same(results: Path) -> None:
+    assert "0 upgraded, 0 newly installed, 0 to remove and 0 not upgraded." in output(results, "apt-upgrade-again")
+
+
+def test_an_upgrade_keeps_what_people_changed(results: Path) -> None:
+    kept = output(results, "changed-before")
+    assert '"stored": "before"' in kept
+    assert output(results, "changed-after") == kept
+
+
+@pytest.mark.parametrize(("step", "action"), [("install", "start"), ("apt-upgrade", "restart")])
+def test_the_daemons_are_started_by_an_installation_and_anew_by_an_upgrade(results: Path, step: str, action: str) -> None:
+    asked = asked_of_the_service_manager(results, step)
+    for daemon in ("vantora-network", "vantora-settingsd", "vantora-supplicant-names"):
+        mine = [line for line in asked if f"{daemon}.service" in line]
+        assert mine == [f"--quiet --system {action} {daemon}.service"], asked
+        # The new unit is read first.
+        assert asked.index("--system daemon-reload") < asked.index(mine[0]), asked
+
+
+def test_a_purge_after_an_upgrade_leaves_nothing(results: Path) -> None:
+    assert files(results, "purged-before") == files(results, "before")
 
 
 @pytest.mark.parametrize(

@@ -231,7 +231,7 @@ def test_help_and_version_end_with_0(world: World) -> None:
     assert (shown.status, shown.stderr) == (DONE, "")
     for command in COMMANDS:
         assert re.search(rf"^  {command[0]} ", shown.stdout, re.MULTILINE), command[0]
-    assert re.fullmatch(r"vantora-wifi \d+\.\d+\.\d+\n", run(world, "--version").stdout)
+    assert re.fullmatch(r"vantora-wifi \d+\.\d+\.\d+(\+\d+\.g[0-9a-f]{10})?\n", run(world, "--version").stdout)
 
 
 def test_a_full_disk_behind_standard_output_is_a_failure(world: World) -> None:
