@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import re
 import shutil
 import subprocess
 from pathlib import Path
@@ -51,7 +52,9 @@ def test_run_hands_everything_on_and_ends_with_the_status_of_the_command(tree: P
 
 def test_run_builds_what_the_device_needs_and_keeps_that_off_standard_output(tree: Path, tmp_path: Path) -> None:
     ran = run(tree, tmp_path)
-    assert ran.stderr == ("build release vantora-network vantora-settingsd vantora-wifi vantora-sim-tool vantora-sim-sandbox\n")
+    assert ran.stderr == (
+        "build --no-tests release vantora-network vantora-settingsd vantora-wifi vantora-sim-tool vantora-sim-sandbox\n"
+    )
     assert "build release" not in ran.stdout
 
 
@@ -81,6 +84,80 @@ def test_run_installs_what_the_page_needs_for_the_page_only(
     assert ran.returncode == 7
     assert ("install --desk-page\n" in ran.stderr) == wanted
     assert "install --desk-page" not in ran.stdout
+
+
+# build
+
+
+@pytest.fixture
+def build_tree(tmp_path: Path) -> Path:
+    """A source tree with scripts/build, in which the installation of packages tells what is wanted and then fails."""
+    root = tmp_path / "tree"
+    (root / "scripts").mkdir(parents=True)
+    for name in ("build", "common.sh"):
+        shutil.copy(ROOT / "scripts" / name, root / "scripts")
+    (root / "scripts/install-packages").write_text('#!/bin/sh\necho "install $*"\nexit 9\n')
+    (root / "scripts/install-packages").chmod(0o755)
+    return root
+
+
+@pytest.mark.parametrize(
+    ("arguments", "built_before", "wanted"),
+    [
+        (("release",), None, "install --test"),
+        (("asan", "vantora-network"), None, "install --test"),
+        (("fuzz",), None, "install --test --fuzz"),
+        (("--no-tests", "release", "vantora-network"), None, "install"),
+        (("--no-tests", "release", "vantora-network"), "OFF", "install"),
+        # They were there for what stands in the folder, and it is configured with them again.
+        (("--no-tests", "release", "vantora-network"), "ON", "install --test"),
+        (("release",), "OFF", "install --test"),
+    ],
+)
+def test_build_installs_what_tests_need_unless_there_are_none(
+    build_tree: Path, arguments: tuple[str, ...], built_before: str | None, wanted: str
+) -> None:
+    if built_before is not None:
+        (build_tree / "build/release").mkdir(parents=True)
+        (build_tree / "build/release/CMakeCache.txt").write_text(f"VANTORA_BUILD_TESTS:BOOL={built_before}\n")
+    ran = subprocess.run([build_tree / "scripts/build", *arguments], capture_output=True, text=True, timeout=60)
+    assert (ran.returncode, ran.stdout.strip()) == (9, wanted)
+
+
+# packages
+
+
+def listed(name: str) -> set[str]:
+    """The packages of one list, without the comments."""
+    lines = (ROOT / "scripts" / name).read_text().splitlines()
+    return {line.split("#")[0].strip() for line in lines} - {""}
+
+
+def field_of(paragraph: str, field: str) -> set[str]:
+    """The names in a field of one of our packages, or of their source; without what debhelper fills in."""
+    paragraphs = (ROOT / "packaging/debian/control").read_text().split("\n\n")
+    (found,) = (part for part in paragraphs if f"{paragraph}\n" in part)
+    value = re.search(rf"^{field}:((?:\n .*)+)", found, re.MULTILINE)
+    assert value is not None
+    return {re.split(r"[ (:]", name.strip())[0] for name in value[1].split(",") if name.strip() and "$" not in name}
+
+
+def test_what_only_tests_need_is_not_installed_to_run() -> None:
+    assert listed("packages") & listed("packages-test") == set()
+    for name in listed("packages"):
+        assert not re.search(r"test|gmock|hypothesis|zsh|hostapd|wpasupplicant", name)
+
+
+def test_what_is_installed_to_run_is_what_the_packaged_simulation_depends_on() -> None:
+    assert field_of("Package: vantora-network-sim", "Depends") - listed("packages") == set()
+
+
+def test_the_lists_have_what_packages_are_built_with() -> None:
+    wanted = {name for name in field_of("Source: vantora-network", "Build-Depends") if name != "debhelper-compat"}
+    there = listed("packages") | listed("packages-package")
+    assert wanted - there == set()
+    # What dpkg-buildpackage asks for without being told.
+    assert "build-essential" in there
 
 
 # count-results
