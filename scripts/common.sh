@@ -14,6 +14,8 @@ unset PYTHONPATH PYTHONHOME
 export PYTHONNOUSERSITE=1
 PYTHON=/usr/bin/python3
 export PYTHON
+# What Python compiles is kept with everything else that is built, not among the sources.
+export PYTHONPYCACHEPREFIX="$ROOT/build/pycache"
 
 # How many processes to run at once.
 JOBS="${VANTORA_JOBS:-$(nproc)}"
@@ -33,6 +35,19 @@ say() {
 # usage: prints the comment block at the top of the running script, which is its help text.
 usage() {
     sed -n '2,/^$/{/^#/!d;s/^# \{0,1\}//;p}' "$0"
+}
+
+# temporary_files_go: whatever is started from here on has its temporary files in a folder that goes with this script, however it
+# ends. What is killed cannot tidy up after itself, and tests kill.
+temporary_files_go() {
+    # Once is enough.
+    [[ "${TMPDIR:-}" != "${temporary_files:-none}" ]] || return 0
+    # A short name: sockets below it have addresses of 107 bytes at most. Others may pass through, as apt's own user has to.
+    temporary_files="$(mktemp -d -- "${TMPDIR:-/tmp}/vt-XXXXXX")"
+    chmod 711 -- "$temporary_files"
+    export TMPDIR="$temporary_files"
+    # The kernel's overlays leave folders that their owner may not look into.
+    trap 'chmod -R u+rwX -- "$temporary_files" 2>/dev/null; rm -rf -- "$temporary_files"' EXIT
 }
 
 # list_packages FILE...: the package names in such files, without comments.

@@ -7,7 +7,7 @@ PACKAGE_SOURCES=(CMakeLists.txt client cmake docs/dbus-api.md docs/world.schema.
 
 # package_commit: prints the last commit that changed any of it, or the way in which packages are made of it.
 package_commit() {
-    git log -1 --format=%H -- "${PACKAGE_SOURCES[@]}" scripts/package scripts/package-sources.sh scripts/armhf-sysroot
+    git log -1 --format=%H -- "${PACKAGE_SOURCES[@]}" scripts/package scripts/package-sources.sh scripts/sysroot
 }
 
 # package_version COMMIT: prints the version of what is made of COMMIT: the project's, how many commits led there, and

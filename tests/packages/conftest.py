@@ -61,7 +61,7 @@ def pytest_addoption(parser: pytest.Parser) -> None:
     parser.addoption(
         "--architecture",
         default="amd64",
-        choices=["amd64", "armhf"],
+        choices=["amd64", "arm64", "armhf"],
         help="whose packages to test: those in build/packages/ARCHITECTURE",
     )
 

@@ -1,11 +1,12 @@
 """The packages in a fresh Debian: installed as version 1.0.0, upgraded by apt, installed by dpkg, used, removed, purged.
 
-One system is made for all of this, and everything is done in it that the tests then look at. It has no systemd running, as
-when a device's image is built.
+One system is made for all of this, of the release that the packages are built on and of the next, and everything is done in it
+that the tests then look at. It has no systemd running, as when a device's image is built.
 """
 
 from __future__ import annotations
 
+import platform
 import re
 import shutil
 import subprocess
@@ -15,6 +16,15 @@ import pytest
 from conftest import ROOT, Package
 
 STEPS = Path(__file__).with_name("in-a-fresh-system")
+
+RELEASES = ["bookworm", "trixie"]
+
+
+def this_release() -> str:
+    """The release that this machine runs, and that the packages are built on."""
+    release = platform.freedesktop_os_release()["VERSION_CODENAME"]
+    assert release in RELEASES, release
+    return release
 
 
 def outside_packages(packages: dict[str, Package]) -> str:
@@ -47,8 +57,8 @@ def make_source(folder: Path) -> None:
     (folder / "sources.list").write_text("deb [trusted=yes] file:/packages ./\n")
 
 
-@pytest.fixture(scope="module")
-def results(packages: dict[str, Package], tmp_path_factory: pytest.TempPathFactory) -> Path:
+@pytest.fixture(scope="module", params=RELEASES[RELEASES.index(this_release()) :])
+def results(packages: dict[str, Package], tmp_path_factory: pytest.TempPathFactory, request: pytest.FixtureRequest) -> Path:
     """The folder with what each step has left: NAME.status, NAME.out, and lists of files."""
     work = tmp_path_factory.mktemp("fresh")
     (work / "packages").mkdir()
@@ -62,8 +72,9 @@ def results(packages: dict[str, Package], tmp_path_factory: pytest.TempPathFacto
         [
             "bash",
             "-c",
-            "source scripts/common.sh; source scripts/debian-mirror.sh; " "debian_sources; echo; debian_apt_options >$0",
+            "source scripts/common.sh; source scripts/debian-mirror.sh; debian_sources $1; debian_apt_options >$0",
             str(work / "apt.conf"),
+            request.param,
         ],
         cwd=ROOT,
         check=True,
@@ -83,7 +94,7 @@ def results(packages: dict[str, Package], tmp_path_factory: pytest.TempPathFacto
             f"--customize-hook=copy-in {work}/packages /",
             '--customize-hook=chroot "$1" sh /packages/steps',
             f"--customize-hook=sync-out /results {work}",
-            "bookworm",
+            request.param,
             "-",
             work / "sources.list",
         ],

@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import re
 import signal
+import subprocess
 from collections.abc import Callable
 from concurrent.futures import Future
 from typing import Any
@@ -14,6 +15,7 @@ from control import REFUSED
 from station import bring_up_station
 from vantora_sim import CallRefused, Variant, World, command
 from vantora_sim.client import INTERFACE, PATH, SERVICE
+from wifi_client import environment
 
 PREFIX = "org.freedesktop.DBus.Error."
 PROPERTIES = "org.freedesktop.DBus.Properties"
@@ -147,9 +149,13 @@ def no_daemon(world: World) -> Error:
 
 
 def dbus_send(world: World, *options: str) -> Error:
-    """Ask with a program of libdbus."""
-    said = world.sandbox.run(
-        ["/usr/bin/dbus-send", "--session", "--print-reply", *options, f"--dest={SERVICE}", PATH, f"{INTERFACE}.Disconnect"]
+    """Ask with a program of libdbus: outside of the sandbox, since it tells the bus its user id, which is another one there."""
+    said = subprocess.run(
+        ["/usr/bin/dbus-send", "--session", "--print-reply", *options, f"--dest={SERVICE}", PATH, f"{INTERFACE}.Disconnect"],
+        env=environment(world),
+        capture_output=True,
+        text=True,
+        timeout=60,
     ).stderr
     found = re.fullmatch(r"Error ([\w.]+): (.*)\n", said, re.DOTALL)
     assert found, said

@@ -128,7 +128,8 @@ class OddBus:
         for task in list(self._connections):
             task.cancel()
         await asyncio.gather(*self._connections, return_exceptions=True)
-        self._path.unlink()
+        # Python from 3.13 on has removed it already.
+        self._path.unlink(missing_ok=True)
 
     async def _accept(self, reader: asyncio.StreamReader, writer: asyncio.StreamWriter) -> None:
         task = asyncio.current_task()

@@ -160,6 +160,49 @@ def test_the_lists_have_what_packages_are_built_with() -> None:
     assert "build-essential" in there
 
 
+# temporary files
+
+LEAVES_MUCH = """
+source scripts/common.sh
+temporary_files_go
+temporary_files_go
+mkdir -p "$TMPDIR/deep/locked"
+touch "$TMPDIR/deep/locked/file"
+chmod 0 "$TMPDIR/deep/locked"
+echo "$TMPDIR"
+{end}
+"""
+
+
+@pytest.mark.parametrize(("end", "status"), [("exit 3", 3), ("false", 1), ("kill -TERM $$", -15)])
+def test_temporary_files_go_however_a_script_ends(tmp_path: Path, end: str, status: int) -> None:
+    ran = subprocess.run(
+        ["/bin/bash", "-c", LEAVES_MUCH.format(end=end)],
+        cwd=ROOT,
+        env={"PATH": "/usr/bin:/bin", "TMPDIR": str(tmp_path)},
+        capture_output=True,
+        text=True,
+        timeout=60,
+    )
+    assert Path(ran.stdout.strip()).parent == tmp_path
+    assert (ran.returncode, list(tmp_path.iterdir())) == (status, [])
+
+
+def test_what_python_compiles_is_not_kept_among_the_sources(tmp_path: Path) -> None:
+    root = tmp_path / "tree"
+    (root / "scripts").mkdir(parents=True)
+    shutil.copy(ROOT / "scripts/common.sh", root / "scripts")
+    (root / "module.py").write_text("")
+    subprocess.run(
+        ["/bin/bash", "-c", 'source scripts/common.sh; "$PYTHON" -c "import module"'],
+        cwd=root,
+        env={"PATH": "/usr/bin:/bin"},
+        check=True,
+        timeout=60,
+    )
+    assert [path.relative_to(root).parts[0] for path in root.rglob("*.pyc")] == ["build"]
+
+
 # count-results
 
 PASSED = '<testcase classname="c" name="{}"/>'
