@@ -73,5 +73,5 @@ def excess_of_medians(value: Times, floor: Times) -> Comparison:
 
 
 def _summary(value: float, floor: float, relations: Sequence[float]) -> Comparison:
-    low, middle, high = statistics.quantiles(relations, n=4, method="inclusive")
-    return Comparison(value, floor, middle, low, high)
+    quartiles = statistics.quantiles(relations, n=4, method="inclusive")
+    return Comparison(value, floor, relation=quartiles[1], low=quartiles[0], high=quartiles[2])

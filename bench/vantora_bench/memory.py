@@ -26,7 +26,7 @@ class Memory:
     @classmethod
     def of(cls, pid: int) -> "Memory":
         """What it takes now."""
-        text = Path(f"/proc/{pid}/smaps_rollup").read_text()
+        text = Path(f"/proc/{pid}/smaps_rollup").read_text(encoding="utf-8")
         found = {key: int(value) for key, value in re.findall(r"^(\w+):\s+(\d+) kB$", text, re.MULTILINE)}
         return cls(found["Pss"], found["Private_Dirty"])
 

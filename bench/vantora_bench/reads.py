@@ -11,7 +11,7 @@ from .report import Row, Section, seconds
 DAEMON = "com.vantora.Network1"
 
 MODE = "pm"
-GET_ALL = "p" "pm" "s" "pm" "pm" "pm" "p" "pm" "pm" "pm"
+GET_ALL = "".join(["p", "pm", "s", "pm", "pm", "pm", "p", "pm", "pm", "pm"])
 """The commands behind each property in turn, as vantora-bench-measure calls them."""
 
 

@@ -98,7 +98,7 @@ def _text(section: Section, arguments: Sequence[str]) -> str:
 
 
 def _machine() -> str:
-    model = re.search(r"^model name\s*:\s*(.*)$", Path("/proc/cpuinfo").read_text(), re.MULTILINE)
+    model = re.search(r"^model name\s*:\s*(.*)$", Path("/proc/cpuinfo").read_text(encoding="utf-8"), re.MULTILINE)
     load = os.getloadavg()[0]
     priority = "real-time" if os.sched_getscheduler(0) == os.SCHED_RR else "ordinary"
     return (

@@ -10,7 +10,7 @@ struct Layout
 {
     std::string work;                 ///< folder with `run` and `tmp`, which become /run and /tmp
     std::vector<std::string> exposed; ///< folders that stay visible and writable at their own place
-    bool userNamespace = false;      ///< true when the caller is not root
+    bool userNamespace = false;       ///< true when the caller is not root
 };
 
 /// Writes "vantora-sim-sandbox: WHAT: reason" to standard error and ends the process with status 1.

@@ -200,4 +200,7 @@ class SimulatedDevice:
 
     def _radio_blocked(self, blocked: bool) -> None:
         for side in (self.access_point, self.station):
-            side.block() if blocked else side.unblock()
+            if blocked:
+                side.block()
+            else:
+                side.unblock()

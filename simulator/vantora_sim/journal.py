@@ -152,8 +152,9 @@ class Journal:
             entry = Entry(self._end(), kind, fields)
             self._entries.append(entry)
             if self._keep is not None and len(self._entries) > 2 * self._keep:
-                self._forgotten += len(self._entries) - self._keep
-                del self._entries[: -self._keep]
+                superfluous = len(self._entries) - self._keep
+                self._forgotten += superfluous
+                del self._entries[:superfluous]
             self._condition.notify_all()
             return entry
 

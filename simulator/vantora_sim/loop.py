@@ -7,9 +7,9 @@ One loop serves all worlds of a process: it costs nothing when idle and outlives
 from __future__ import annotations
 
 import asyncio
-import concurrent.futures
 import threading
 from collections.abc import Callable, Coroutine
+from concurrent.futures import Future
 from typing import Any, TypeVar
 
 Result = TypeVar("Result")
@@ -34,7 +34,7 @@ class LoopThread:
                 cls._shared = cls()
             return cls._shared
 
-    def submit(self, coroutine: Coroutine[Any, Any, Result]) -> "concurrent.futures.Future[Result]":
+    def submit(self, coroutine: Coroutine[Any, Any, Result]) -> Future[Result]:
         """Start a coroutine on the loop; its result can be waited for from any other thread."""
         return asyncio.run_coroutine_threadsafe(coroutine, self.asyncio)
 

@@ -103,7 +103,7 @@ class Process:
         deadline = time.monotonic() + DEADLINE
         while self._pid is None:
             try:
-                found = children.read_text().split()
+                found = children.read_text(encoding="utf-8").split()
             except OSError:
                 found = []
             if found:
@@ -120,7 +120,7 @@ class Process:
     def stopped(self) -> bool:
         """Whether a signal has stopped it, and none has let it go on."""
         try:
-            return Path(f"/proc/{self.pid}/stat").read_text().rpartition(")")[2].split()[0] == "T"
+            return Path(f"/proc/{self.pid}/stat").read_text(encoding="utf-8").rpartition(")")[2].split()[0] == "T"
         except (OSError, IndexError):
             return False  # it has just ended
 
@@ -198,6 +198,10 @@ class Sandbox:
                 raise SandboxError(self._keeper.stderr.read().decode().strip() or "the sandbox could not be made")
             self._init = int(line)
         return self._init
+
+    def wait_complete(self) -> None:
+        """Wait until whatever is started or looked up in the sandbox finds it as it stays."""
+        assert self.init
 
     def path(self, inside: str | Path) -> Path:
         """Where a path of the sandbox is reached from outside, to read, write or remove the file."""

@@ -83,18 +83,17 @@ def as_text(found: dict[str, Any]) -> str:
     yes = {True: "yes", False: "no"}
     radio, access_point, client = found["radio"], found["access_point"], found["client"]
     blocked = [kind for kind in ("soft", "hard") if radio[f"{kind}_blocked"]]
+    on_air = f"on the air as \"{access_point['ssid']}\"" if access_point["on_air"] else "not on the air"
+    station = client["state"] or "wpa_supplicant is not running"
+    if client["state"] and client["network"]:
+        station += f", joined \"{client['network']}\""
     lines = [
         f"world         {found['world']}",
         f"running       {', '.join(_running(found))}",
         f"radio         {' and '.join(blocked) + ' blocked' if blocked else 'on'}, wlan0 is {radio['interface_type']}, "
         f"{radio['mhz']} MHz",
-        f"access point  " + (f"on the air as \"{access_point['ssid']}\"" if access_point["on_air"] else "not on the air"),
-        f"client        "
-        + (
-            f"{client['state']}" + (f", joined \"{client['network']}\"" if client["network"] else "")
-            if client["state"]
-            else "wpa_supplicant is not running"
-        ),
+        f"access point  {on_air}",
+        f"client        {station}",
         *(f"{name:<14}{', '.join(addresses) or 'no address'}" for name, addresses in found["addresses"].items()),
         f"cable         {'plugged' if found['cable'] else 'unplugged'}",
         "",

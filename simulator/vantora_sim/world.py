@@ -10,13 +10,13 @@
 from __future__ import annotations
 
 import asyncio
-import concurrent.futures
 import platform
 import re
 import shutil
 import tempfile
 import time
 from collections.abc import Sequence
+from concurrent.futures import Future
 from pathlib import Path
 from types import TracebackType
 from typing import Any
@@ -140,7 +140,7 @@ class World:
             self.user_bus.wait_ready()
             self.system_bus.wait_ready()
             self.loop.run(self._open())
-            self.sandbox.init  # complete before anyone uses its paths
+            self.sandbox.wait_complete()  # before anyone uses its paths
         except BaseException:
             self.close()
             raise
@@ -255,7 +255,7 @@ class World:
         """Wait until the daemon hears of kernel addresses: the last step of its deferred start-up."""
         sockets = Path(f"/proc/{self.sandbox.init}/net/netlink")
         deadline = time.monotonic() + timeout
-        while not any(line.split()[3] == _NETLINK_GROUPS for line in sockets.read_text().splitlines()[1:]):
+        while not any(line.split()[3] == _NETLINK_GROUPS for line in sockets.read_text(encoding="utf-8").splitlines()[1:]):
             assert time.monotonic() < deadline, "the daemon does not listen to kernel addresses"
             time.sleep(0.001)
 
@@ -304,14 +304,14 @@ class World:
 
     def call_async(
         self, member: str, signature: str = "", args: list[Any] | None = None, interface: str = INTERFACE
-    ) -> "concurrent.futures.Future[list[Any]]":
+    ) -> Future[list[Any]]:
         """The same without waiting: `.done()`, `.result(timeout)`. Interface "org.freedesktop.DBus.Properties" works, too."""
         assert self._client
         return self.call_service_async(SERVICE, PATH, interface, member, signature, args)
 
     def call_service_async(
         self, service: str, path: str, interface: str, member: str, signature: str = "", args: list[Any] | None = None
-    ) -> "concurrent.futures.Future[list[Any]]":
+    ) -> Future[list[Any]]:
         """Call a method of any service on the user bus without waiting."""
         assert self._client
         return self.loop.submit(self._client.call(service, path, interface, member, signature, args))

@@ -99,7 +99,7 @@ bool WpaSupplicantDbusListener::take_reporter(const char* sender)
 }
 
 void WpaSupplicantDbusListener::handle_state_property(std::string& newState, const std::string& oldState,
-                                                    bool sameReporter)
+                                                      bool sameReporter)
 {
     constexpr const char* kFunction = "PropertyChangedCallback";
 

@@ -12,7 +12,7 @@ sys.path[:0] = [str(ROOT / "tests/contract/harness"), str(ROOT / "tests/support"
 
 from wifi_client import PIPE, TERMINAL, Way  # noqa: E402  (finds what it needs through the line above)
 
-pytest_plugins = ["world_fixtures", "older_name_fixtures"]
+pytest_plugins = ["world_fixtures", "older_name_fixtures", "simulated"]
 
 
 @pytest.fixture(params=[PIPE, TERMINAL], ids=str)

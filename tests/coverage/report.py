@@ -27,7 +27,7 @@ class Line:
 def reasons() -> dict[tuple[str, str], str]:
     """(file, line's text) to the reason why no test reaches it."""
     known = {}
-    for entry in tomllib.loads(LEFT.read_text()).get("left", []):
+    for entry in tomllib.loads(LEFT.read_text(encoding="utf-8")).get("left", []):
         for text in entry["lines"]:
             known[entry["file"], text.strip()] = entry["reason"]
     return known
@@ -46,7 +46,7 @@ def share(reached: int, all_of_them: int) -> float:
 
 
 def main() -> int:
-    files = json.loads(Path(sys.argv[1]).read_text())["files"]
+    files = json.loads(Path(sys.argv[1]).read_text(encoding="utf-8"))["files"]
     known = reasons()
     without_reason = 0
     print("\nNot reached:")

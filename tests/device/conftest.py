@@ -46,7 +46,7 @@ def pytest_collection_modifyitems(config: pytest.Config, items: list[pytest.Item
 
 
 @pytest.hookimpl(hookwrapper=True)
-def pytest_runtest_makereport(item: pytest.Item, call: pytest.CallInfo[None]) -> Generator[None, Any, None]:
+def pytest_runtest_makereport(item: pytest.Item) -> Generator[None, Any, None]:
     """Keeps the evidence of each test, and shows journal and signals beside a failure."""
     outcome = yield
     report = outcome.get_result()

@@ -50,6 +50,11 @@ def scenario(result: dict[str, Any]) -> list[str]:
     return [*page, "```", ""]
 
 
+def _order(module: str) -> int:
+    """Modules in the order of their titles, those without one at the end."""
+    return [*TITLES, module].index(module)
+
+
 def figures(results: list[dict[str, Any]]) -> list[str]:
     """The table of everything measured."""
     rows = [text.split(": ", 1) for result in results for kind, text in result["entries"] if kind == "figure"]
@@ -71,7 +76,7 @@ def main(evidence: Path, page: Path) -> None:
     """Writes the page, chapters in a fixed order."""
     results = [json.loads(path.read_text()) for path in sorted(evidence.glob("*.json"))]
     noted = Path("build/packages/armhf/commit")
-    commit = noted.read_text()[:12] if noted.exists() else "unknown"
+    commit = noted.read_text(encoding="utf-8")[:12] if noted.exists() else "unknown"
     passed = sum(result["outcome"] == "passed" for result in results)
     lines = [
         "# What a booted device showed",
@@ -84,7 +89,7 @@ def main(evidence: Path, page: Path) -> None:
         "",
         *figures(results),
     ]
-    for module in sorted({result["module"] for result in results}, key=lambda name: [*TITLES, name].index(name)):
+    for module in sorted({result["module"] for result in results}, key=_order):
         lines += [f"## {TITLES.get(module, module)}", ""]
         for result in results:
             if result["module"] == module:

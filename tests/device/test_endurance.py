@@ -115,7 +115,7 @@ def test_the_daemon_costs_little(device: Device) -> None:
     device.evidence.figure("proportional memory", f"{now.proportional_kib} KiB")
     device.evidence.figure("threads, descriptors", f"{now.threads}, {now.descriptors}")
 
-    wake_ups = "cat /proc/{0}/task/*/status | awk '/^voluntary_ctxt/ {{ n += $2 }} END {{ print n }}'".format(device.process())
+    wake_ups = f"cat /proc/{device.process()}/task/*/status | awk '/^voluntary_ctxt/ {{ n += $2 }} END {{ print n }}'"
     counts = device.see(f"{wake_ups}; cut -d' ' -f1 /proc/uptime; sleep 20; {wake_ups}; cut -d' ' -f1 /proc/uptime").split()
     a_second = (int(counts[2]) - int(counts[0])) / (float(counts[3]) - float(counts[1]))
     device.evidence.figure("wake-ups a second, all threads", f"{a_second:.1f}")

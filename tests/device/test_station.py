@@ -89,7 +89,8 @@ def test_a_connection_with_the_right_key_is_announced_and_gets_an_address(device
     device.wait_for_change("SSID", since=mark)
 
 
-def test_a_wrong_key_is_announced_and_a_following_right_one_works(device: Device, harbour: World) -> None:
+@pytest.mark.usefixtures("harbour")
+def test_a_wrong_key_is_announced_and_a_following_right_one_works(device: Device) -> None:
     """A wrong key: failure announced, network removed from wpa_supplicant; then the right key connects."""
     mark = device.mark()
     device.call("Connect", HARBOUR, "not-the-passphrase")
@@ -113,7 +114,8 @@ def test_an_open_network_needs_no_key(device: Device, world: World) -> None:
     assert "key_mgmt=NONE" in device.see("wpa_cli -i wlan0 status")
 
 
-def test_disconnect_leaves_the_network_and_gives_up_the_address(device: Device, harbour: World) -> None:
+@pytest.mark.usefixtures("harbour")
+def test_disconnect_leaves_the_network_and_gives_up_the_address(device: Device) -> None:
     """Disconnect: SSID and IPAddress announced, the address gone, and the access point rid of the device."""
     mark = device.mark()
     device.call("Connect", HARBOUR, HARBOUR_KEY)
@@ -152,8 +154,9 @@ def test_an_access_point_that_vanishes_and_returns_is_joined_again(device: Devic
     device.see_once(f"ping -c 1 -W 2 {HARBOUR_ADDRESS}")
 
 
-def test_wpa_supplicant_that_starts_anew_is_followed(device: Device, harbour: World) -> None:
-    """wpa_supplicant is killed while connected: systemd starts it again, its network is gone, Connect works again."""
+@pytest.mark.usefixtures("harbour")
+def test_wpa_supplicant_that_starts_anew_is_followed(device: Device) -> None:
+    """wpa_supplicant is killed and started again while connected: its network is gone with it, Connect works again."""
     mark = device.mark()
     device.call("Connect", HARBOUR, HARBOUR_KEY)
     wait_until_connected(device, HARBOUR, "192.168.20.", mark)

@@ -107,7 +107,8 @@ class RandomCalls:
         """
         maker, answer = self._chance.choices(self._makers, self._weights)[0]
         message = maker()
-        if maker != self._set_good and self._chance.random() < 0.03:
+        is_change = maker.__name__ == "_set_good"
+        if not is_change and self._chance.random() < 0.03:
             message.flags = MessageFlag.NO_REPLY_EXPECTED
         return message, answer
 

@@ -149,7 +149,7 @@ def judge(tree: Tree, mutant: Mutant, units: list[str]) -> Verdict:
 
 def excused() -> dict[tuple[str, str, str], tuple[bool, str]]:
     """Mutants that are known to survive: (file, function, change) -> (whether nobody can tell it from the sound code, reason)."""
-    listed = tomllib.loads(SURVIVORS.read_text()).get("survivor", []) if SURVIVORS.exists() else []
+    listed = tomllib.loads(SURVIVORS.read_text(encoding="utf-8")).get("survivor", []) if SURVIVORS.exists() else []
     return {
         (each["file"], each["function"], each["change"]): (bool(each.get("equivalent", False)), each["reason"])
         for each in listed

@@ -136,7 +136,7 @@ def _operator(cursor: Cursor, children: list[Cursor]) -> Iterator[tuple[int, int
 def _overloaded(cursor: Cursor) -> Iterator[tuple[int, int, str]]:
     name = cursor.spelling.removeprefix("operator")
     if name in ("==", "!=", "<", ">", "<=", ">="):
-        at = [token for token in cursor.get_tokens() if token.kind is TokenKind.PUNCTUATION and token.spelling == name]
+        at = [token for token in cursor.get_tokens() if token.kind.name == "PUNCTUATION" and token.spelling == name]
         if len(at) == 1:
             yield at[0].extent.start.offset, at[0].extent.end.offset, OPERATORS[name]
 

@@ -15,7 +15,7 @@ import sys
 import time
 import tomllib
 from collections.abc import Iterator
-from dataclasses import dataclass
+from dataclasses import dataclass, fields
 from pathlib import Path
 
 ROOT = Path(__file__).resolve().parents[2]
@@ -54,7 +54,7 @@ class Fault:
             tuple(table.get("unit", ())),
             tuple(table.get("contract", ())),
         )
-        unknown = set(table) - set(Fault.__dataclass_fields__)
+        unknown = set(table) - {field.name for field in fields(Fault)}
         if unknown:
             raise Failure(f"{fault.name}: unknown keys {', '.join(sorted(unknown))}")
         if not fault.unit and not fault.contract:
@@ -214,7 +214,7 @@ def main() -> int:
     parser.add_argument("--list", action="store_true", help="only list the faults")
     arguments = parser.parse_args()
 
-    faults = [Fault.read(table) for table in tomllib.loads(FAULTS.read_text())["fault"]]
+    faults = [Fault.read(table) for table in tomllib.loads(FAULTS.read_text(encoding="utf-8"))["fault"]]
     if arguments.words:
         faults = [fault for fault in faults if any(word in fault.name or word in fault.file for word in arguments.words)]
     if arguments.list:

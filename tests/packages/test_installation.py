@@ -101,6 +101,7 @@ def results(packages: dict[str, Package], tmp_path_factory: pytest.TempPathFacto
         capture_output=True,
         text=True,
         timeout=1500,
+        check=False,
     )
     assert made.returncode == 0, made.stderr
     return work

@@ -82,6 +82,11 @@ class RealDevice:
         self.world.settings.set("network", "mode", mode)
         self.world.up()
 
+    def wait_started(self, unit: str, times: int) -> None:
+        """Wait until the unit's program has been started so often in all, and fail where it is started more often."""
+        wait_until(lambda: self.services.started(unit) >= times, f"{unit} to be started {times} times")
+        assert self.services.started(unit) == times
+
     def close(self) -> None:
         """Let go of what is held outside of the world."""
         self.supplicant.close()

@@ -34,7 +34,7 @@ def restart_with(device: RealDevice, name: str) -> None:
     """Give the access point another name and wait until hostapd has read it, or has refused it."""
     before = device.services.started(units.HOSTAPD)
     device.world.set("SSID", name)
-    device.world.journal.wait_until(lambda: device.services.started(units.HOSTAPD) > before, "hostapd to be restarted")
+    device.wait_started(units.HOSTAPD, before + 1)
     device.hostapd.wait_serves()
 
 
@@ -58,7 +58,7 @@ def test_configuration_of_either_band_is_accepted(make_device: Callable[..., Rea
     for band, hw_mode in (("5", "a"), ("2.4", "g")):
         before = device.services.started(units.HOSTAPD)
         device.world.set("WiFiFrequency", band)
-        device.world.journal.wait_until(lambda: device.services.started(units.HOSTAPD) > before, "hostapd to be restarted")
+        device.wait_started(units.HOSTAPD, before + 1)
         device.hostapd.wait_serves()
         expect_read(device, "Korrin One")
         assert f"hw_mode={hw_mode}\n" in device.world.hostapd_conf.read_text()
@@ -101,7 +101,7 @@ def test_hostapd_that_refused_a_name_takes_the_next_and_is_heard_after_a_change_
     before = device.services.started(units.HOSTAPD)
     device.world.set("Mode", "Client")
     device.world.set("Mode", "Host")
-    device.world.journal.wait_until(lambda: device.services.started(units.HOSTAPD) > before, "hostapd to be started")
+    device.wait_started(units.HOSTAPD, before + 1)
     device.hostapd.wait_attached()
 
 

@@ -103,7 +103,7 @@ def test_successor_of_a_killed_hostapd_is_asked_but_not_heard_until_the_mode_cha
 
     device.world.set("Mode", "Client")
     device.world.set("Mode", "Host")
-    wait_until(lambda: device.services.started(units.HOSTAPD) == 3, "hostapd to be started")
+    device.wait_started(units.HOSTAPD, 3)
     device.hostapd.wait_attached()
     announced(device, TABLET)
 
@@ -123,7 +123,7 @@ def test_listener_that_is_started_twice_attaches_twice_and_hears_everything_once
 def test_change_of_the_ssid_restarts_hostapd_and_the_daemon_follows(access_point: RealDevice) -> None:
     device = access_point
     device.world.set("SSID", "Another name")
-    wait_until(lambda: device.services.started(units.HOSTAPD) == 2, "hostapd to be restarted")
+    device.wait_started(units.HOSTAPD, 2)
     device.hostapd.wait_attached()
     assert "ssid[0]=Another name" in device.hostapd.cli("status").splitlines()
     announced(device, PHONE)
@@ -134,7 +134,7 @@ def test_every_change_of_the_band_restarts_hostapd_and_the_daemon_follows(access
     device = access_point
     for change, band in enumerate(["5", "2.4"] * 3, start=2):
         device.world.set("WiFiFrequency", band)
-        wait_until(lambda: device.services.started(units.HOSTAPD) == change, "hostapd to be restarted")
+        device.wait_started(units.HOSTAPD, change)
         device.hostapd.wait_attached()
     announced(device, PHONE)
 
@@ -145,6 +145,6 @@ def test_mode_client_stops_hostapd_and_mode_host_brings_it_back(access_point: Re
     device.supplicant.wait_present()
     assert not device.hostapd.process.running
     device.world.set("Mode", "Host")
-    wait_until(lambda: device.services.started(units.HOSTAPD) == 2, "hostapd to be started")
+    device.wait_started(units.HOSTAPD, 2)
     device.hostapd.wait_attached()
     announced(device, PHONE)

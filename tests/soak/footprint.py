@@ -59,7 +59,7 @@ def look(pid: int) -> Footprint:
     """The footprint of a process that rests."""
     descriptors, threads = resting_counts(pid)
     memory: dict[str, int] = {}
-    for line in Path(f"/proc/{pid}/smaps_rollup").read_text().splitlines()[1:]:
+    for line in Path(f"/proc/{pid}/smaps_rollup").read_text(encoding="utf-8").splitlines()[1:]:
         name, amount = line.split()[:2]
         memory[name] = int(amount)
     return Footprint(descriptors, threads, memory["Rss:"], memory["Pss:"], memory["Private_Dirty:"])

@@ -27,7 +27,7 @@ def machine() -> str:
     model = next(
         (
             line.split(":", 1)[1].strip()
-            for line in Path("/proc/cpuinfo").read_text().splitlines()
+            for line in Path("/proc/cpuinfo").read_text(encoding="utf-8").splitlines()
             if line.startswith("model name")
         ),
         "unknown processor",

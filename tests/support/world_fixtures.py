@@ -9,6 +9,7 @@ from __future__ import annotations
 import os
 import sys
 from collections.abc import Callable, Generator, Iterator
+from contextlib import ExitStack
 from pathlib import Path
 from typing import Any
 
@@ -18,7 +19,6 @@ from vantora_sim import World
 ROOT = Path(__file__).resolve().parents[2]
 sys.path[:0] = [path for path in (str(ROOT / "tests"),) if path not in sys.path]
 
-from model.life import is_sanitized  # noqa: E402  (found through the line above)
 from model.stage import Stage  # noqa: E402  (found through the line above)
 
 TIME_OUT = 120
@@ -74,15 +74,12 @@ def make_world(build_dir: Path, request: pytest.FixtureRequest) -> Iterator[Call
     def make(**arguments: Any) -> World:
         world = World(build_dir, **arguments)
         worlds.append(world)
-        return world.__enter__()
+        return open_worlds.enter_context(world)
 
-    try:
+    with ExitStack() as open_worlds:
         yield make
         for world in worlds:
             _check_end(world)
-    finally:
-        for world in worlds:
-            world.close()
 
 
 def _check_end(world: World) -> None:

@@ -67,7 +67,8 @@ std::string machine_id_digest(const std::string& path)
     return text.data();
 }
 
-/** As many whole words of a text as fit into a number of bytes; where the first does not, as many of its bytes. */
+/** As many whole words of a text as fit into a number of bytes; where the first does not, as many of its
+ * bytes. */
 std::string first_words(const std::string& text, std::size_t longest)
 {
     if (text.size() <= longest) {

@@ -189,7 +189,7 @@ def test_the_mode_switched_in_the_middle_is_a_failure(world: World, way: Way) ->
         world.set("Mode", "Host")
         assert client.end() == REFUSED
         assert client.plain.endswith(
-            "vantora-wifi: the device stopped being a station in the middle of this: the radio or " "the mode was switched\n"
+            "vantora-wifi: the device stopped being a station in the middle of this: the radio or the mode was switched\n"
         )
 
 
@@ -272,7 +272,7 @@ def test_a_network_that_is_not_taken_is_told(world: World, way: Way) -> None:
     assert ended == way.ended(
         REFUSED,
         'Connecting to "cafe"\n' + WAITING,
-        "vantora-wifi: wpa_supplicant did not take the network, or does not run " '(the daemon: "Failed to connect to AP")\n',
+        'vantora-wifi: wpa_supplicant did not take the network, or does not run (the daemon: "Failed to connect to AP")\n',
     )
 
 
@@ -338,7 +338,7 @@ def test_without_a_terminal_nobody_is_asked(world: World) -> None:
     ended = run(world, "connect", "cafe", "--force", stdin=SECRET + "\n")
     assert ended.status == USAGE
     assert ended.stderr == (
-        "vantora-wifi: there is no terminal to ask for the passphrase; use --passphrase-file, " "--passphrase-stdin or --open\n"
+        "vantora-wifi: there is no terminal to ask for the passphrase; use --passphrase-file, --passphrase-stdin or --open\n"
     )
 
 

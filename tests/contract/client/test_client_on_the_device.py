@@ -12,7 +12,7 @@ import signal
 from collections.abc import Callable
 
 import pytest
-from simulated import KEY, SharedDevice, module_device, shared, simctl  # noqa: F401  (fixtures)
+from simulated import KEY, SharedDevice
 from vantora_sim import changed
 from wifi_client import DONE, REFUSED, TIMED_OUT, UNREACHABLE, USAGE, Running, Way, objects_in, program
 
@@ -250,7 +250,7 @@ def test_connect_with_a_wrong_passphrase_ends_with_1(station: SharedDevice, way:
     with way.connect(station.device.world, "secured", "not the right one") as client:
         assert client.end() == REFUSED
         assert client.plain.endswith(
-            "  failed            the passphrase was refused\n" 'vantora-wifi: "secured" refused the passphrase\n'
+            '  failed            the passphrase was refused\nvantora-wifi: "secured" refused the passphrase\n'
         )
 
 

@@ -5,13 +5,12 @@ from __future__ import annotations
 import re
 import signal
 from collections.abc import Callable, Iterator
-from pathlib import Path
 
 import pyte
 import pytest
 from dbus_next import Variant
 from played_daemon import ACCESS_POINT, OPEN, OTHER, SECURED, PlayedDaemon, played_daemon
-from simulated import KEY, make_device, small_plan  # noqa: F401  (fixtures)
+from simulated import KEY, small_plan
 from vantora_sim import World
 from vantora_sim.device import SimulatedDevice
 from wifi_client import DONE, TERMINAL, UNREACHABLE, USAGE, Running, environment, program
@@ -163,12 +162,19 @@ def test_a_refusal_is_told_in_words(world: World, daemon: PlayedDaemon) -> None:
         wait_seen(client, "there is no network to leave: the device is not connected")
 
 
-def test_another_size_is_filled_at_once(world: World, daemon: PlayedDaemon) -> None:
+def wait_for_title(client: Running, mark: int, rows: int, columns: int) -> None:
+    """Wait until a screen of this size, drawn since the mark, begins with what it is."""
+    title = " vantora-"[:columns]
+    client.wait_until(lambda text: lines_of(text[mark:], rows, columns)[0].startswith(title), "title")
+
+
+@pytest.mark.usefixtures("daemon")
+def test_another_size_is_filled_at_once(world: World) -> None:
     with started(world) as client:
         for rows, columns in ((12, 40), (40, 120), (3, 10), (24, 80)):
             mark = len(client.text)
             client.resize(rows, columns)
-            client.wait_until(lambda text: lines_of(text[mark:], rows, columns)[0].startswith(" vantora-"[:columns]), "title")
+            wait_for_title(client, mark, rows, columns)
             wait_until_quiet_and_right(client, mark, rows, columns)
         client.type("q")
         assert client.end() == DONE
@@ -196,7 +202,8 @@ def wait_until_quiet_and_right(client: Running, mark: int, rows: int, columns: i
     ],
     ids=lambda number: number.name,
 )
-def test_the_terminal_is_given_back_at_every_end(world: World, daemon: PlayedDaemon, number: int) -> None:
+@pytest.mark.usefixtures("daemon")
+def test_the_terminal_is_given_back_at_every_end(world: World, number: int) -> None:
     with started(
         world,
         ASAN_OPTIONS="handle_segv=0:handle_abort=0:handle_sigbus=0:handle_sigfpe=0:handle_sigill=0",
@@ -208,14 +215,16 @@ def test_the_terminal_is_given_back_at_every_end(world: World, daemon: PlayedDae
         assert given_back(client)
 
 
-def test_control_c_leaves(world: World, daemon: PlayedDaemon) -> None:
+@pytest.mark.usefixtures("daemon")
+def test_control_c_leaves(world: World) -> None:
     with started(world) as client:
         client.type("\x03")
         assert client.end() == -signal.SIGINT
         assert given_back(client)
 
 
-def test_a_lost_bus_ends_it_with_words_on_the_terminal_that_was(world: World, daemon: PlayedDaemon) -> None:
+@pytest.mark.usefixtures("daemon")
+def test_a_lost_bus_ends_it_with_words_on_the_terminal_that_was(world: World) -> None:
     with started(world) as client:
         world.user_bus.stop()
         assert client.end() == UNREACHABLE
@@ -303,21 +312,24 @@ def test_a_wrongly_typed_signal_is_told_once_and_passed_over(world: World, daemo
         assert client.running
 
 
-def test_no_colours_where_they_are_not_wanted(world: World, daemon: PlayedDaemon) -> None:
+@pytest.mark.usefixtures("daemon")
+def test_no_colours_where_they_are_not_wanted(world: World) -> None:
     with started(world) as client:
         assert "\x1b[32m" in client.text
     with started(world, NO_COLOR="1") as client:
         assert "\x1b[32m" not in client.text
 
 
-def test_bars_and_locks_are_ascii_where_the_locale_has_nothing_else(world: World, daemon: PlayedDaemon) -> None:
+@pytest.mark.usefixtures("daemon")
+def test_bars_and_locks_are_ascii_where_the_locale_has_nothing_else(world: World) -> None:
     with started(world, LC_ALL="C") as client:
         wait_seen(client, r"^> ####    -50  \*  secured$")
         wait_seen(client, r"^  ##\.\.    -70  x  office$")
 
 
 @pytest.mark.parametrize("term", ["dumb", None], ids=str)
-def test_a_terminal_that_cannot_be_drawn_on_is_told(world: World, daemon: PlayedDaemon, term: str | None) -> None:
+@pytest.mark.usefixtures("daemon")
+def test_a_terminal_that_cannot_be_drawn_on_is_told(world: World, term: str | None) -> None:
     ended = TERMINAL.run(world, TERM=term)
     assert (ended.status, ended.stdout) == (
         USAGE,
@@ -325,9 +337,7 @@ def test_a_terminal_that_cannot_be_drawn_on_is_told(world: World, daemon: Played
     )
 
 
-def test_on_the_device_a_person_joins_a_network_and_leaves_it(
-    make_device: Callable[..., SimulatedDevice], tmp_path: Path  # noqa: F811
-) -> None:
+def test_on_the_device_a_person_joins_a_network_and_leaves_it(make_device: Callable[..., SimulatedDevice]) -> None:
     device = make_device(small_plan("Client"))
     device.world.journal.wait_until(lambda: device.world.wpa.present, "wpa_supplicant")
     with TERMINAL.start(device.world, TERM=TERM) as client:

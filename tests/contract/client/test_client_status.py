@@ -40,7 +40,7 @@ COMMANDS = [
 
 def rows(text: str) -> dict[str, str]:
     """Label and value of each row of the status table."""
-    return {label: value for label, value in (re.split(r" {2,}", line, maxsplit=1) for line in text.splitlines())}
+    return dict(re.split(r" {2,}", line, maxsplit=1) for line in text.splitlines())
 
 
 def test_status_of_an_access_point_shows_what_makes_sense_there(world: World) -> None:

@@ -4,7 +4,7 @@ from __future__ import annotations
 
 from collections.abc import Callable
 
-from simulated import KEY, make_device, small_plan  # noqa: F401  (fixtures)
+from simulated import KEY, small_plan
 from vantora_sim.device import SimulatedDevice
 from wifi_client import DONE, REFUSED, run
 

@@ -6,6 +6,7 @@ On a played daemon, which says what no real one can be brought to say.
 from __future__ import annotations
 
 import os
+import signal
 from collections.abc import Iterator
 
 import pytest
@@ -54,13 +55,13 @@ def access_point(daemon: PlayedDaemon) -> None:
             ["mode", "client"],
             "Mode",
             Variant("s", "Host"),
-            "the mode is stored, but the device is still an access point; the daemon's " "log says why",
+            "the mode is stored, but the device is still an access point; the daemon's log says why",
         ),
         (
             ["mode", "host"],
             "Mode",
             Variant("s", "Client"),
-            "the mode is stored, but the device is still a station; the daemon's log " "says why",
+            "the mode is stored, but the device is still a station; the daemon's log says why",
         ),
         (["band", "5"], "WiFiFrequency", Variant("s", "2.4"), "the band is stored, but the access point does not have it yet"),
     ],
@@ -99,7 +100,8 @@ def test_a_value_that_takes_its_time_is_waited_for(world: World, daemon: PlayedD
         assert client.plain == "The device is an access point (Host).\n"
 
 
-def test_the_name_of_the_access_point_waits_for_one(world: World, daemon: PlayedDaemon, way: Way) -> None:
+@pytest.mark.usefixtures("daemon")
+def test_the_name_of_the_access_point_waits_for_one(world: World, way: Way) -> None:
     assert way.run(world, "ssid", "Kitchen") == way.ended(
         DONE, 'Stored: the access point\'s name will be "Kitchen" when the device is an access point.\n'
     )
@@ -121,7 +123,8 @@ def test_a_bare_setting_prints_the_present_value(
     assert daemon.written == []
 
 
-def test_a_bare_setting_that_there_is_not_is_a_failure(world: World, daemon: PlayedDaemon, way: Way) -> None:
+@pytest.mark.usefixtures("daemon")
+def test_a_bare_setting_that_there_is_not_is_a_failure(world: World, way: Way) -> None:
     for command in ("band", "ssid"):
         assert way.run(world, command) == way.ended(
             REFUSED,
@@ -149,7 +152,8 @@ def test_status_shows_how_the_access_point_does(world: World, daemon: PlayedDaem
 # Scanning
 
 
-def test_nothing_in_range_is_told_from_a_station_that_is_not_heard(world: World, daemon: PlayedDaemon, way: Way) -> None:
+@pytest.mark.usefixtures("daemon")
+def test_nothing_in_range_is_told_from_a_station_that_is_not_heard(world: World, way: Way) -> None:
     assert way.run(world, "scan") == way.ended(
         SILENT,
         stderr="vantora-wifi: nothing was found, and nothing was heard from the station daemon (wpa_supplicant): it may "
@@ -308,7 +312,10 @@ def test_control_c_says_that_the_device_goes_on(world: World, daemon: PlayedDaem
         world.journal.wait_until(lambda: joined(daemon) == [["free", ""]], "attempt")
         daemon.properties["WiFiClientState"] = Variant("s", "scanning")
         client.wait_for("  scanning ")
-        client.type("\x03") if way.terminal else client.send_signal(2)
+        if way.terminal:
+            client.type("\x03")
+        else:
+            client.send_signal(signal.SIGINT)
         assert client.end() == -2
         assert client.plain.endswith(
             "vantora-wifi: the device goes on trying until 'vantora-wifi off' or 'vantora-wifi mode host'\n"
@@ -457,7 +464,8 @@ def test_without_a_sub_command_a_pipe_gets_the_usage(world: World) -> None:
 
 @pytest.mark.skipif(os.geteuid() != 0, reason="needs root: an ordinary user has no second user id to try")
 @pytest.mark.parametrize("arguments", [["status"], ["scan"], ["connect", "x"], ["monitor"], ["on"]], ids=str)
-def test_an_ordinary_user_of_a_device_is_told_of_roots_bus(world: World, daemon: PlayedDaemon, arguments: list[str]) -> None:
+@pytest.mark.usefixtures("daemon")
+def test_an_ordinary_user_of_a_device_is_told_of_roots_bus(world: World, arguments: list[str]) -> None:
     as_other = ["/usr/bin/setpriv", "--reuid", "65534", "--regid", "65534", "--clear-groups", program(world), *arguments]
     told = "vantora-wifi: the daemon's object is on root's bus, which only root reaches: use 'sudo vantora-wifi'\n"
     for address in (None, "unix:path=/run/user/65534/bus"):

@@ -236,7 +236,7 @@ def test_a_setting_that_cannot_be_read_counts_as_false(world: World, fault: str)
 
 def voluntary_switches(daemon: Process, thread: int) -> int:
     """How often a thread has gone to sleep by itself: once for each time that it was woken."""
-    status = Path(f"/proc/{daemon.pid}/task/{thread}/status").read_text()
+    status = Path(f"/proc/{daemon.pid}/task/{thread}/status").read_text(encoding="utf-8")
     return int(re.search(r"^voluntary_ctxt_switches:\s+(\d+)", status, re.MULTILINE)[1])  # type: ignore[index]
 
 

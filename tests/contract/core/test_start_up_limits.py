@@ -6,8 +6,8 @@ import re
 from pathlib import Path
 
 import pytest
+from model.life import is_sanitized
 from vantora_sim import Process, World, exited, log, notify
-from world_fixtures import is_sanitized
 
 LOADER_NEEDS = 4
 """With fewer descriptors no program can even be loaded: the loader says so, and nothing of the daemon has run."""

@@ -115,7 +115,7 @@ def still_world(world: World) -> World:
 def send(world: World, *datagrams: bytes) -> None:
     """Send datagrams to the daemon's socket, whose port is its process id in the sandbox."""
     assert world.daemon is not None
-    status = Path(f"/proc/{world.daemon.pid}/status").read_text()
+    status = Path(f"/proc/{world.daemon.pid}/status").read_text(encoding="utf-8")
     port = next(line for line in status.splitlines() if line.startswith("NSpid:")).split()[-1]
     sent = world.sandbox.run(["/usr/bin/python3", "-c", SEND, port, *(data.hex() for data in datagrams)])
     assert sent.status == 0, sent.stderr

@@ -158,7 +158,7 @@ FLOODING: dict[str, tuple[str, Sequence[Asked]]] = {
     "rfkill": (f"0: phy0\n{FLOOD}yes\n", [Asked(READ_POWER), Asked(POWER_OFF)]),
     "iw": (f"type managed\ntxpower 20.00 dBm\ntype {FLOOD}\n", [Asked(READ_MODE), Asked(READ_SIGNAL)]),
     "ip": (FLOOD, [Asked(TO_HOST_MODE), Asked(DISCONNECT)]),
-    "wpa_cli": (f"ssid=cafe\nssid={FLOOD}\n", [Asked(CLIENT_SSID, '"cafe%s"' % ("." * 252))]),
+    "wpa_cli": (f"ssid=cafe\nssid={FLOOD}\n", [Asked(CLIENT_SSID, '"cafe' + "." * 252 + '"')]),
 }
 REQUESTS: dict[str, Request] = {"rfkill": READ_POWER, "iw": READ_MODE, "ip": DISCONNECT, "wpa_cli": CLIENT_SSID}
 HOLDS = "the request, and all that come after it, are answered when the command has ended"

@@ -85,7 +85,7 @@ def write_name(world: World) -> "Future[list[Any]]":
 
 def queue_length() -> int:
     """How many lines the log's socket holds at most."""
-    return int(Path("/proc/sys/net/unix/max_dgram_qlen").read_text())
+    return int(Path("/proc/sys/net/unix/max_dgram_qlen").read_text(encoding="utf-8"))
 
 
 def silent(world: World) -> bool:

@@ -5,6 +5,7 @@ from __future__ import annotations
 import json
 import time
 from collections.abc import Callable, Iterator
+from contextlib import ExitStack
 from pathlib import Path
 from typing import Any
 
@@ -48,19 +49,15 @@ def make_device(build_dir: Path, request: pytest.FixtureRequest) -> Iterator[Cal
     def make(plan: Plan | None = None, **arguments: Any) -> SimulatedDevice:
         device = SimulatedDevice(plan or small_plan(), build_dir, **arguments)
         request.node.worlds.append(device.world)
-        devices.append(device)
-        device.__enter__()
+        devices.append(open_devices.enter_context(device))
         device.wait_up()
         return device
 
-    try:
+    with ExitStack() as open_devices:
         yield make
         for device in devices:
             assert device.shut_down() == 0
             assert device.world.sanitizer_reports() == ""
-    finally:
-        for device in devices:
-            device.close()
 
 
 @pytest.fixture

@@ -124,7 +124,7 @@ def test_addresses_are_followed_again_after_the_kernel_dropped_notifications(sti
     ip(world, "addr add 10.99.0.1/32 dev eth0")
     world.journal.wait_for(log("info", "[Utils] Trying to enable /etc/korrin/udhcpd_eth0.service"), mark)
     ip(world, "-batch /tmp/batch")
-    dropped = Path(f"/proc/{world.sandbox.init}/net/netlink").read_text()
+    dropped = Path(f"/proc/{world.sandbox.init}/net/netlink").read_text(encoding="utf-8")
     world.systemd.release()
     world.journal.wait_for(log(*event("eth0", "10.0.0.1", "Added")), mark)
     assert any(line.split()[3] == "00000011" and int(line.split()[8]) > 0 for line in dropped.splitlines()[1:])

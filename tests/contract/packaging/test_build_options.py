@@ -20,6 +20,7 @@ def configure(folder: Path, *options: str) -> subprocess.CompletedProcess[str]:
         capture_output=True,
         text=True,
         timeout=110,
+        check=False,
     )
 
 

@@ -154,7 +154,7 @@ def start_python_example(world: World, *arguments: str) -> Running:
 @pytest.mark.parametrize(
     ("states", "outcome"),
     [(["4way_handshake", "completed"], "completed"), (["4way_handshake", "disconnected"], "failed")],
-    ids=lambda value: str(value),
+    ids=str,
 )
 def test_the_python_example_of_the_page_tells_the_outcome(world: World, states: list[str], outcome: str) -> None:
     bring_up_station(world)

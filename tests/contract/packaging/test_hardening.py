@@ -86,7 +86,8 @@ def test_every_source_is_compiled_with_the_flags(build_dir: Path, cache: dict[st
         assert last == f"-D_FORTIFY_SOURCE={level}", command["file"]
 
 
-def test_this_compiler_has_the_highest_level(cache: dict[str, str], plain_release: None) -> None:
+@pytest.mark.usefixtures("plain_release")
+def test_this_compiler_has_the_highest_level(cache: dict[str, str]) -> None:
     version = subprocess.run([cache["CMAKE_CXX_COMPILER"], "-dumpversion"], check=True, capture_output=True, text=True).stdout
     if int(version.split(".")[0]) >= 12:
         assert cache.get("VANTORA_HAS_FORTIFY_3") == "1"

@@ -74,8 +74,10 @@ def formatted(buffer: str, text: str) -> list[str]:
         arguments = arguments_from(text, call.end())
         literal = LITERAL.match(arguments)
         assert literal
-        names = iter(re.findall(r"(\w+)\.c_str\(\)", arguments[literal.end() :]))
-        found.append(re.sub("%s", lambda _: f"<{next(names)}>", value_of(literal)))
+        text_of = value_of(literal)
+        for name in re.findall(r"(\w+)\.c_str\(\)", arguments[literal.end() :]):
+            text_of = text_of.replace("%s", f"<{name}>", 1)
+        found.append(text_of)
     return found
 
 

@@ -77,7 +77,7 @@ def test_worlds_stand_side_by_side_and_leave_nothing(make_world: Callable[..., W
     first.close()
     assert not Path(f"/proc/{init}").exists()
     assert not first.work.exists()
-    assert str(first.work) not in Path("/proc/self/mountinfo").read_text()
+    assert str(first.work) not in Path("/proc/self/mountinfo").read_text(encoding="utf-8")
 
 
 def test_everything_ends_with_the_process_that_made_it(build_dir: Path) -> None:

@@ -5,19 +5,7 @@ from __future__ import annotations
 import time
 from collections.abc import Callable
 
-from simulated import (
-    KEY,
-    client,
-    connect,
-    device,
-    kernel_addresses,
-    make_device,
-    names,
-    small_plan,  # noqa: F401  (fixtures)
-    state_words,
-    wait_for_state,
-    wait_until,
-)
+from simulated import KEY, connect, kernel_addresses, names, small_plan, state_words, wait_for_state, wait_until
 from vantora_sim import Variant, call, changed, command, log, signal, unit_path
 from vantora_sim.air import Air
 from vantora_sim.device import SimulatedDevice

@@ -8,20 +8,7 @@ from collections.abc import Callable
 from pathlib import Path
 
 import pytest
-from simulated import (
-    KEY,
-    OTHER_ADDRESS,
-    client,
-    connect,
-    device,
-    kernel_addresses,
-    make_device,
-    names,
-    shown,  # noqa: F401
-    simctl,
-    state_words,
-    wait_until,
-)
+from simulated import KEY, OTHER_ADDRESS, connect, kernel_addresses, names, shown, state_words, wait_until
 from vantora_sim import Variant, call, changed, hostapd_request, notify, signal, unit_path
 from vantora_sim.device import SimulatedDevice
 from vantora_sim.simctl import main as simctl_main
@@ -266,7 +253,8 @@ def test_cable_brings_the_wired_dhcp_server_and_takes_it_away(device: SimulatedD
 # What is said
 
 
-def test_show_tells_how_things_really_are(device: SimulatedDevice, simctl: Simctl) -> None:
+@pytest.mark.usefixtures("device")
+def test_show_tells_how_things_really_are(simctl: Simctl) -> None:
     simctl("join", "phone")
     found = shown(simctl)
     assert (found["world"], found["cable"], found["client"]) == ("small", False, {"state": None, "network": None})
@@ -306,7 +294,8 @@ REFUSALS = [
 ]
 
 
-def test_what_cannot_be_done_is_said(device: SimulatedDevice, simctl: Simctl) -> None:
+@pytest.mark.usefixtures("device")
+def test_what_cannot_be_done_is_said(simctl: Simctl) -> None:
     for arguments, complaint in REFUSALS:
         assert simctl(*arguments) == (1, f"vantora-simctl: {complaint}")
 

@@ -76,6 +76,7 @@ class OrdinaryUser:
             timeout=110,
             cwd=self.home,
             env=self._environment,
+            check=False,
         )
 
     def device(self, *arguments: str | Path) -> "subprocess.CompletedProcess[str]":
@@ -139,6 +140,7 @@ def test_user_id_without_a_name_is_told_what_is_wrong(user: OrdinaryUser) -> Non
         text=True,
         cwd="/",
         timeout=110,
+        check=False,
     )
     assert (ran.returncode, ran.stdout) == (1, "")
     assert ran.stderr == (

@@ -97,7 +97,7 @@ def test_wrong_network_is_named_with_field_and_line(tmp_path: Path, fields: str,
         ),
         (
             '{ "name": "x", "stations": [ { "name": "s\\n" } ] }',
-            "1: stations[0].name: must be a string (letters, digits, '.', '_' and '-'), " 'not "s\\n"',
+            "1: stations[0].name: must be a string (letters, digits, '.', '_' and '-'), not \"s\\n\"",
         ),
         ('{ "name": "\\ud800" }', " half of a character: a surrogate without its other half"),
         ('{ "name": "x", "\\udfff": 1 }', " half of a character: a surrogate without its other half"),

@@ -213,7 +213,7 @@ def test_with_the_policy_root_is_served_by_a_program_that_is_not_root(names: Old
     names.logged("info", f"[Names] Standing in for {OLDER}")
     assert strict.call("0").stdout == 's "/fi/w1/wpa_supplicant1/Interfaces/3"\n'
     assert names.process is not None
-    status = Path(f"/proc/{names.process.pid}/status").read_text()
+    status = Path(f"/proc/{names.process.pid}/status").read_text(encoding="utf-8")
     uids = next(line.split()[1:] for line in status.splitlines() if line.startswith("Uid:"))
     assert (
         len(set(uids)) == 1

@@ -29,7 +29,7 @@ def wait_for_descendants(pid: int, names: set[str]) -> dict[int, str]:
     deadline = time.monotonic() + DEADLINE
     while True:
         try:
-            found = {child: Path(f"/proc/{child}/comm").read_text().strip() for child in descendants(pid)}
+            found = {child: Path(f"/proc/{child}/comm").read_text(encoding="utf-8").strip() for child in descendants(pid)}
         except OSError:  # one has just ended
             found = {}
         if sorted(found.values()) == sorted(names):
@@ -40,7 +40,7 @@ def wait_for_descendants(pid: int, names: set[str]) -> dict[int, str]:
 
 def signal_mask(pid: int, name: str) -> int:
     """One of the signal masks in /proc/PID/status, for instance "SigBlk"."""
-    status = Path(f"/proc/{pid}/status").read_text()
+    status = Path(f"/proc/{pid}/status").read_text(encoding="utf-8")
     return int(re.search(rf"^{name}:\s*([0-9a-f]+)$", status, re.MULTILINE)[1], 16)  # type: ignore[index]
 
 

@@ -20,7 +20,7 @@ time outside. So a busy computer slows the machine down, clock and all, and make
 LINES = ("agent.1", "agent.2", "journal", "signals")
 """Serial lines into the machine, by the names under which it finds them below /dev/virtio-ports."""
 KERNEL_COMMAND_LINE = (
-    "console=ttyAMA0 loglevel=4 systemd.show_status=0 panic=-1 net.ifnames=0 " "cryptomgr.notests apparmor=0 audit=0"
+    "console=ttyAMA0 loglevel=4 systemd.show_status=0 panic=-1 net.ifnames=0 cryptomgr.notests apparmor=0 audit=0"
 )
 
 

@@ -16,7 +16,7 @@ from .machine import CLOCK, KERNEL_COMMAND_LINE, LINES, MEMORY, Machine, Snapsho
 
 def saved_host_machine(image: Path) -> Snapshot:
     """A device that booted into Host mode, saved once the access point was on air and everything had settled."""
-    setup = "\n".join([KERNEL_COMMAND_LINE, MEMORY, CLOCK, *LINES, Path(__file__).read_text()])
+    setup = "\n".join([KERNEL_COMMAND_LINE, MEMORY, CLOCK, *LINES, Path(__file__).read_text(encoding="utf-8")])
     folder = image / f"host-{hashlib.sha256(setup.encode()).hexdigest()[:16]}"
     with (image / "host.lock").open("w") as lock:
         fcntl.flock(lock, fcntl.LOCK_EX)

@@ -151,7 +151,8 @@ int fsync(int fd)
 
 int rename(const char* from, const char* to) noexcept
 {
-    static auto* const kNext = reinterpret_cast<int (*)(const char*, const char*)>(dlsym(RTLD_NEXT, "rename"));
+    static auto* const kNext =
+        reinterpret_cast<int (*)(const char*, const char*)>(dlsym(RTLD_NEXT, "rename"));
     return fails("rename", to) ? -1 : kNext(from, to);
 }
 
