@@ -156,7 +156,7 @@ def test_an_access_point_that_vanishes_and_returns_is_joined_again(device: Devic
 
 @pytest.mark.usefixtures("harbour")
 def test_wpa_supplicant_that_starts_anew_is_followed(device: Device) -> None:
-    """wpa_supplicant is killed and started again while connected: its network is gone with it, Connect works again."""
+    """wpa_supplicant is killed while connected: systemd starts it again, its network is gone, Connect works again."""
     mark = device.mark()
     device.call("Connect", HARBOUR, HARBOUR_KEY)
     wait_until_connected(device, HARBOUR, "192.168.20.", mark)
