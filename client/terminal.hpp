@@ -20,6 +20,7 @@ public:
     static Terminal of(int descriptor);
 
     bool unicode() const { return unicode_; }
+    bool coloured() const { return coloured_; }
 
     /** Whether the cursor can be moved where the descriptor leads: a terminal that is not dumb. */
     static bool can_move(int descriptor);

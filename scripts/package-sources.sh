@@ -2,7 +2,7 @@
 # What Debian packages are made of, of which commit, and which version that is. Sourced after common.sh.
 
 # What packages are made of.
-PACKAGE_SOURCES=(CMakeLists.txt client cmake docs/dbus-api.md docs/world.schema.json packaging platform simulator src
+PACKAGE_SOURCES=(CMakeLists.txt client cmake doctor docs/dbus-api.md docs/world.schema.json packaging platform simulator src
     supplicant-names support)
 
 # package_commit: prints the last commit that changed any of it, or the way in which packages are made of it.

@@ -24,11 +24,12 @@ _FAILED = 1
 _USAGE = 2
 _NOT_FOUND = 127
 _NOT_EXECUTABLE = 126
+_INNER = "vantora-doctor"
 
 _EPILOG = """\
 Without COMMAND it stays until Ctrl-C and ends with status 0. With COMMAND it runs that program, with the addresses of both
-buses in its environment (DBUS_SESSION_BUS_ADDRESS, DBUS_SYSTEM_BUS_ADDRESS) and vantora-wifi and vantora-simctl on its PATH,
-and ends with its status.
+buses in its environment (DBUS_SESSION_BUS_ADDRESS, DBUS_SYSTEM_BUS_ADDRESS) and vantora-wifi, vantora-simctl and
+vantora-doctor (which looks at the device from within) on its PATH, and ends with its status.
 """
 
 
@@ -184,6 +185,18 @@ def _path_with_tools(build: Path) -> str:
     return os.pathsep.join([*folders, path])
 
 
+def _inner_programs(device: SimulatedDevice) -> str:
+    """A folder with those that look at files and interfaces and so have to run in the sandbox, under their own names."""
+    folder = device.world.work / "inner"
+    program = device.world.build / _INNER
+    found = str(program) if program.exists() else shutil.which(_INNER)
+    folder.mkdir(exist_ok=True)
+    if found:
+        (folder / _INNER).write_text(device.world.sandbox.entrance(Path(found)))
+        (folder / _INNER).chmod(0o755)
+    return str(folder)
+
+
 def _hints(build: Path) -> str:
     """Where the programs stand that are made for people."""
     what = {"vantora-wifi": "The same in words and tables", "vantora-simctl": "Change what is around it"}
@@ -219,7 +232,8 @@ def _run_command(device: SimulatedDevice, command: list[str]) -> int:
     """Run a program in reach of the device; Ctrl-C is its business then."""
     device.wait_up()
     _introduce(device, sys.stderr)
-    environment = {**os.environ, **device.environment, "PATH": _path_with_tools(device.world.build)}
+    path = os.pathsep.join([_inner_programs(device), _path_with_tools(device.world.build)])
+    environment = {**os.environ, **device.environment, "PATH": path}
     try:
         process = subprocess.Popen(command, env=environment)
     except FileNotFoundError:

@@ -16,7 +16,7 @@ from pathlib import Path
 from types import TracebackType
 from typing import Any
 
-from . import commands, places, units
+from . import commands, furniture, places, units
 from .access_point import AccessPoint
 from .activity import Activity
 from .air import Air
@@ -51,7 +51,8 @@ class SimulatedDevice:
         self.world.hostapd.spacing = _BETWEEN_EVENTS
         self.world.systemd.forget_wired_dhcp_server()
         radio_type = int({**DEVICE, **plan.device}["radio_type"])
-        self.air = Air(plan.networks, BAND_OF_RADIO_TYPE.get(radio_type, ("2.4",)))
+        self.world.radio.bands = BAND_OF_RADIO_TYPE.get(radio_type, ("2.4",))
+        self.air = Air(plan.networks, self.world.radio.bands)
         self.access_point = AccessPoint(self.world, plan.visitors)
         self.station = StationSide(self.world, self.air)
         self.dhcp = DhcpClient(self.world, self.station)
@@ -76,6 +77,7 @@ class SimulatedDevice:
         try:
             self.world.try_ip("link", "set", "cable0", "down")
             self.world.settings.go()
+            furniture.furnish(self.world)
             for hook in self.before_start:
                 hook()
             self.settings_daemon.start()

@@ -14,6 +14,12 @@ class Radio:
     hard_blocked: bool = False
     present: bool = True
     """Whether there is a WLAN device at all."""
+    can_be_access_point: bool = True
+    """Whether its driver offers that at all."""
+    bands: tuple[str, ...] = ("2.4", "5")
+    """The bands it has, in GHz."""
+    country: str = "NL"
+    """The regulatory domain; "00" is that of no country."""
     interface_type: str = "managed"
     """The interface type as iw names it: "AP", "managed", "monitor", ..."""
     tx_power: str | None = "20.00"

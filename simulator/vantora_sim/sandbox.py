@@ -7,6 +7,7 @@ fake stays outside and is reached through sockets below /run, which is a folder 
 from __future__ import annotations
 
 import os
+import shlex
 import signal
 import subprocess
 import threading
@@ -234,6 +235,12 @@ class Sandbox:
     def sh(self, script: str, timeout: float = DEADLINE) -> Completed:
         """Run a shell script in the sandbox to its end."""
         return self.run(["/bin/sh", "-c", script], timeout=timeout)
+
+    def entrance(self, program: Path) -> str:
+        """A shell script that becomes a program in the sandbox, with the arguments that it is given."""
+        settings = [f"{name}={value}" for name, value in ENVIRONMENT.items()]
+        surroundings = ["/usr/bin/env", "--unset=DBUS_SYSTEM_BUS_ADDRESS", *settings]
+        return "#!/bin/sh\nexec " + shlex.join([*self._enter_command(), *surroundings, str(program)]) + ' "$@"\n'
 
     def close(self) -> None:
         """End everything in it."""

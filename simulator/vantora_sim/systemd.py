@@ -33,6 +33,9 @@ class Systemd(DBusFake):
         """Unit files that can be enabled, by name or path."""
         self.enabled: set[str] = set()
         """Unit names that are enabled."""
+        self.described: dict[str, dict[str, Variant]] = {}
+        """What is said of a unit beside what follows from its jobs; a unit that is only here is loaded, and runs or not as
+        its ActiveState says."""
         self.on_job: list[Callable[[str, str], Awaitable[None]]] = []
         """Awaited on the loop before a job is answered, with the verb ("Start", "Restart", "Stop") and the unit."""
         self._next_job = 1
@@ -76,6 +79,12 @@ class Systemd(DBusFake):
                 return self._enable(call.args[0])
             case ("DisableUnitFiles", "asb"):
                 return self._disable(call.args[0])
+            case ("UnmaskUnitFiles", "asb"):
+                return self._unmask(call.args[0])
+            case ("Reload", ""):
+                return "", []
+            case ("StartUnit", "ss"):
+                return self._start(call.args[0])
         raise CallRefused("org.freedesktop.DBus.Error.UnknownMethod", f"Unknown method {call.member}.")
 
     def _check_name(self, name: str) -> None:
@@ -102,6 +111,19 @@ class Systemd(DBusFake):
         self.enabled.difference_update(files)
         return "a(sss)", [[]]
 
+    def _unmask(self, names: list[str]) -> tuple[str, list[Any]]:
+        for name in names:
+            for property in ("LoadState", "UnitFileState"):
+                self.described.get(name, {}).pop(property, None)
+        return "a(sss)", [[["unlink", f"/etc/systemd/system/{name}", ""] for name in names]]
+
+    def _start(self, name: str) -> tuple[str, list[Any]]:
+        """Only for units that are described: those of the device are started through their objects."""
+        if name not in self.described:
+            raise CallRefused("org.freedesktop.systemd1.NoSuchUnit", f"Unit {name} not found.")
+        self.described[name]["ActiveState"] = Variant("s", "active")
+        return "o", ["/org/freedesktop/systemd1/job/0"]
+
     async def _job(self, verb: str, unit: str) -> tuple[str, list[Any]]:
         if unit not in self.active:
             problem = "not loaded" if verb == "Stop" else "not found"
@@ -118,7 +140,8 @@ class Systemd(DBusFake):
         known = {
             "Id": Variant("s", unit),
             "ActiveState": Variant("s", state),
-            "LoadState": Variant("s", "loaded" if unit in self.active else "not-found"),
+            "LoadState": Variant("s", "loaded" if unit in self.active or unit in self.described else "not-found"),
+            **self.described.get(unit, {}),
         }
         if call.member == "Get" and call.args[1] in known:
             return "v", [known[call.args[1]]]

@@ -190,6 +190,8 @@ class Tools:
 
     def _rfkill(self, arguments: list[str]) -> Output:
         match arguments:
+            case ["--version"]:
+                return Output(b"rfkill from util-linux 2.38.1\n")
             case ["list", "wlan" | "wifi" | "all"] | ["list"]:
                 if not self._radio.present:
                     return Output()
@@ -209,8 +211,22 @@ class Tools:
         return Output(b"", 1, b"rfkill: invalid arguments\n")
 
     def _iw(self, arguments: list[str]) -> Output:
-        if arguments not in (["dev", "wlan0", "info"], ["wlan0", "info"]):
-            return Output(b"", 1, b"Usage:\tiw [options] command\n")
+        match arguments:
+            case ["dev", "wlan0", "info"] | ["wlan0", "info"]:
+                return self._interface()
+            case ["--version"]:
+                return Output(b"iw version 5.19\n")
+            case ["list"]:
+                return Output(_radio_description(self._radio) if self._radio.present else b"")
+            case ["reg", "get"]:
+                return Output(f"global\ncountry {self._radio.country}: DFS-UNSET\n".encode())
+            case ["dev"] if self._radio.present:
+                return Output(f"phy#0\n\tInterface wlan0\n\t\tifindex 3\n\t\taddr {self._radio.mac}\n".encode())
+            case ["dev"]:
+                return Output()
+        return Output(b"", 1, b"Usage:\tiw [options] command\n")
+
+    def _interface(self) -> Output:
         if not self._radio.present:
             return Output(b"", 237, b"command failed: No such device (-19)\n")
         radio = self._radio
@@ -232,6 +248,8 @@ class Tools:
         return Output(b"", 1, f"{arguments[-1] if arguments else ''}: no process found\n".encode())
 
     def _wpa_cli(self, arguments: list[str]) -> Output:
+        if arguments == ["-v"]:
+            return Output(b"wpa_cli v2.10\n")
         if not self._radio.station_running:
             return Output(b"", 255, b"Failed to connect to non-global ctrl_ifname: (nil)  error: No such file or directory\n")
         if arguments != ["status"]:
@@ -270,6 +288,17 @@ def channel(frequency: int) -> int:
     if frequency == 2484:
         return 14
     return (frequency - 2407) // 5 if frequency < 5000 else (frequency - 5000) // 5
+
+
+def _radio_description(radio: Radio) -> bytes:
+    """As much of `iw list` as says what the radio can be, and where."""
+    frequencies = {"2.4": (2412, 2437, 2462), "5": (5180, 5200)}
+    lines = ["Wiphy phy0", "\twiphy index: 0", "\tSupported interface modes:", "\t\t * managed"]
+    lines += ["\t\t * AP"] if radio.can_be_access_point else []
+    for number, band in enumerate(radio.bands, start=1):
+        lines += [f"\tBand {number}:", "\t\tFrequencies:"]
+        lines += [f"\t\t\t* {mhz} MHz [{channel(mhz)}] (20.0 dBm)" for mhz in frequencies[band]]
+    return ("\n".join(lines) + "\n").encode()
 
 
 def printable(name: bytes) -> bytes:

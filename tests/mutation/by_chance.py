@@ -28,7 +28,7 @@ from run import DAEMONS, PYTHON, Failure, Tree, run, timed
 
 ROOT = Path(__file__).resolve().parents[2]
 SURVIVORS = Path(__file__).with_name("survivors.toml")
-FOLDERS = ("src/", "platform/", "client/", "support/")
+FOLDERS = ("src/", "platform/", "client/", "doctor/", "support/")
 ROOMS = {
     "src/core": ("core", "faults"),
     "src/config": ("config",),
@@ -37,6 +37,7 @@ ROOMS = {
     "src/utils": ("utils", "core"),
     "src/main.cpp": ("core",),
     "client": ("client",),
+    "doctor": ("doctor",),
     "platform/settingsd": ("config", "faults"),
     "platform/korrin-info": ("core",),
     "platform/dbus-helper": ("config", "listeners"),

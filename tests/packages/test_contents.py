@@ -12,6 +12,7 @@ from hardening import ASSERTION, Elf, programs_below
 
 NAMES = (
     "vantora-device",
+    "vantora-doctor",
     "vantora-network",
     "vantora-network-sim",
     "vantora-network-tools",
@@ -39,6 +40,12 @@ FILES = {
         "/usr/lib/systemd/system-generators/vantora-device-generator",
         *(f"/usr/libexec/vantora-device/{path.name}" for path in (ROOT / "packaging/device/libexec").iterdir()),
         *(f"/usr/share/vantora-device/units/{path.name}" for path in (ROOT / "packaging/device/units").iterdir()),
+    },
+    "vantora-doctor": {
+        "/usr/bin/vantora-doctor",
+        "/usr/share/bash-completion/completions/vantora-doctor",
+        "/usr/share/man/man1/vantora-doctor.1.gz",
+        "/usr/share/zsh/vendor-completions/_vantora-doctor",
     },
     "vantora-network": {
         "/usr/lib/systemd/system/vantora-network.service",
@@ -101,6 +108,7 @@ LIBRARIES = {
     "libgcc_s.so.1": "libgcc-s1",
     "libm.so.6": "libc6",
     "libncursesw.so.6": "libncursesw6",
+    "libqrencode.so.4": "libqrencode4",
     "libsigc-2.0.so.0": "libsigc++-2.0-0v5",
     "libstdc++.so.6": "libstdc++6",
     "libsystemd.so.0": "libsystemd0",

@@ -174,6 +174,7 @@ def test_units_are_enabled_by_the_installation(results: Path, unit: str) -> None
 @pytest.mark.parametrize(
     ("program", "first"),
     [
+        ("vantora-doctor", "vantora-doctor 1"),
         ("vantora-settingsd", "vantora-settingsd 1"),
         ("vantora-wifi", "vantora-wifi 1"),
         ("vantora-sim", "usage: vantora-sim"),

@@ -183,6 +183,47 @@ def test_completions_know_every_command_and_option_of_the_world() -> None:
             assert re.search(rf"(?<![a-z]){word}(?![a-z-])", text), word
 
 
+DOCTOR_BASH = ROOT / "packaging/completions/vantora-doctor.bash"
+DOCTOR_ZSH = ROOT / "packaging/completions/_vantora-doctor"
+
+
+@pytest.mark.parametrize(
+    ("words", "offers"),
+    [
+        ([""], {"key"}),
+        (["--"], {"--fix", "--json", "--report", "--help", "--version"}),
+        (["--json", "--f"], {"--fix"}),
+        (["key", ""], set()),
+    ],
+    ids=lambda value: " ".join(value) if isinstance(value, list) else "offers",
+)
+def test_bash_completes_the_doctors_words(words: list[str], offers: set[str]) -> None:
+    script = (
+        f'source {DOCTOR_BASH}; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _vantora_doctor; printf "%s\\n" "${{COMPREPLY[@]}}"'
+    )
+    completed = subprocess.run(
+        ["/bin/bash", "--norc", "-c", script, "bash", "vantora-doctor", *words],
+        check=True,
+        capture_output=True,
+        text=True,
+        timeout=60,
+    )
+    assert (set(completed.stdout.split()), completed.stderr) == (offers, "")
+
+
+@pytest.mark.parametrize(("typed", "completed"), [("vantora-doctor ke", "key"), ("vantora-doctor --rep", "--report")])
+def test_zsh_completes_the_doctors_words(tmp_path: Path, typed: str, completed: str) -> None:
+    assert zsh_completes(tmp_path, typed) == completed
+
+
+def test_completions_know_every_option_of_the_doctor(build_dir: Path) -> None:
+    told = subprocess.run(
+        [build_dir / "vantora-doctor", "--help"], check=True, capture_output=True, text=True, timeout=60
+    ).stdout
+    for text in (DOCTOR_BASH.read_text(), DOCTOR_ZSH.read_text()):
+        assert set(re.findall(r"--[a-z]+", told)) <= set(re.findall(r"--[a-z]+", text))
+
+
 def zsh_completes(tmp_path: Path, typed: str, tools: Path | None = None) -> str:
     """What zsh makes of a line after the tab key."""
     (tmp_path / ".zshrc").write_text(

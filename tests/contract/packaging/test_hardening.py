@@ -11,6 +11,7 @@ import pytest
 from hardening import ASSERTION, Elf, programs_below
 
 PRODUCT = (
+    "vantora-doctor",
     "vantora-network",
     "vantora-settingsd",
     "vantora-supplicant-names",

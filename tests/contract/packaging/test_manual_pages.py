@@ -75,7 +75,11 @@ def test_shipped_worlds_are_documented() -> None:
 
 @pytest.mark.parametrize(
     ("page", "program", "commands"),
-    [("vantora-settingsd.8", "vantora-settingsd", []), ("vantora-wifi.1", "vantora-wifi", ["connect", "scan", "status"])],
+    [
+        ("vantora-doctor.1", "vantora-doctor", ["key"]),
+        ("vantora-settingsd.8", "vantora-settingsd", []),
+        ("vantora-wifi.1", "vantora-wifi", ["connect", "scan", "status"]),
+    ],
 )
 def test_a_program_is_documented_option_by_option(build_dir: Path, page: str, program: str, commands: list[str]) -> None:
     told = help_of(build_dir / program) + "".join(help_of(build_dir / program, command) for command in commands)
@@ -83,12 +87,13 @@ def test_a_program_is_documented_option_by_option(build_dir: Path, page: str, pr
 
 
 @pytest.mark.parametrize(
-    ("page", "program"), [("vantora-settingsd.8", "vantora-settingsd"), ("vantora-wifi.1", "vantora-wifi")]
+    ("page", "program"),
+    [("vantora-doctor.1", "vantora-doctor"), ("vantora-settingsd.8", "vantora-settingsd"), ("vantora-wifi.1", "vantora-wifi")],
 )
 def test_exit_statuses_are_those_of_the_help(build_dir: Path, page: str, program: str) -> None:
     told = re.search(r"(?s)Exit status: (.*)", help_of(build_dir / program))
     assert told
-    assert re.findall(r"(?m)^\*(\d)\*$", section(page, "EXIT STATUS")) == re.findall(r"\b(\d)\b(?!\))", told[1])
+    assert re.findall(r"(?m)^\*(\d+)\*$", section(page, "EXIT STATUS")) == re.findall(r"\b(\d+)\b(?!\))", told[1])
 
 
 def test_the_settings_file_is_where_the_page_says(build_dir: Path) -> None:

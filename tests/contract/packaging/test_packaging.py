@@ -43,6 +43,7 @@ def test_programs_and_files_for_integrators_are_installed(installed: Path) -> No
         "sbin/vantora-network",
         "sbin/vantora-settingsd",
         "sbin/vantora-supplicant-names",
+        "bin/vantora-doctor",
         "bin/vantora-wifi",
         "bin/vantora-sim",
         "bin/vantora-simctl",

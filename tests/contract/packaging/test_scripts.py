@@ -54,7 +54,7 @@ def test_run_hands_everything_on_and_ends_with_the_status_of_the_command(tree: P
 def test_run_builds_what_the_device_needs_and_keeps_that_off_standard_output(tree: Path, tmp_path: Path) -> None:
     ran = run(tree, tmp_path)
     assert ran.stderr == (
-        "build --no-tests release vantora-network vantora-settingsd vantora-wifi vantora-sim-tool vantora-sim-sandbox\n"
+        "build --no-tests release vantora-network vantora-settingsd vantora-wifi vantora-doctor vantora-sim-tool vantora-sim-sandbox\n"
     )
     assert "build release" not in ran.stdout
 

@@ -1,0 +1,23 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "client/terminal.hpp"
+#include "finding.hpp"
+#include "fix.hpp"
+
+namespace doctor {
+
+/** The lines for people: what was mended, group after group what was found, and one line that sums it up.
+ * Whatever comes from files, programs or the air is escaped. */
+std::string shown_to_people(const std::vector<Mended>& mended, const Findings& findings,
+                            const client::Terminal& terminal);
+
+/** One JSON object on one line, ASCII only: "status", "mended" and "findings". */
+std::string shown_to_programs(const std::vector<Mended>& mended, const Findings& findings);
+
+/** The word that stands for a level in JSON: "good", "note", "unseen", "warning", "bad". */
+const char* word_of(Level level);
+
+} // namespace doctor

@@ -1,0 +1,73 @@
+"""vantora-doctor on the booted device: clean where all is well, and a guide where a person has broken something."""
+
+from __future__ import annotations
+
+import json
+from typing import Any
+
+from bench import Device
+
+DOCTOR = "vantora-doctor"
+TEMPLATE = "/etc/hostapd.conf"
+
+
+def look(device: Device, options: str = "") -> tuple[int, dict[str, Any]]:
+    """What it finds, and its exit status."""
+    status, output = device.guest.try_run(f"{DOCTOR} --json {options}", seconds=120)
+    return status, json.loads(output)
+
+
+def complaints(found: dict[str, Any]) -> list[str]:
+    """All that is neither good nor worth a note."""
+    return [
+        f"{one['level']} {one['check']}: {one['text']}" for one in found["findings"] if one["level"] not in ("good", "note")
+    ]
+
+
+def text(found: dict[str, Any], check: str) -> str:
+    """What is said of one matter."""
+    return next(str(one["text"]) for one in found["findings"] if one["check"] == check)
+
+
+def test_a_template_that_a_person_broke_is_mended_by_what_the_doctor_says(device: Device) -> None:
+    """Clean at first; a mistyped key is named with its line; mended as told, hostapd takes it and all is clean again."""
+    status, found = look(device)
+    assert (status, complaints(found)) == (0, [])
+    assert text(found, "radio.access-point").endswith("can be an access point, on 2.4 and 5 GHz")
+    assert text(found, "hostapd.accepted") == "hostapd itself accepts the template"
+
+    number = int(device.see(f"grep -n '^wpa_key_mgmt=' {TEMPLATE} | cut -d: -f1"))
+    device.see(f"sed -i 's/^wpa_key_mgmt=/wpa_key_mgnt=/' {TEMPLATE}")
+    status, found = look(device)
+    assert status == 2
+    assert complaints(found) == [
+        f"bad hostapd.accepted: hostapd refuses line {number} (wpa_key_mgnt): unknown configuration item 'wpa_key_mgnt'"
+    ]
+    told = next(one for one in found["findings"] if one["check"] == "hostapd.accepted")
+    assert told["mend"] == f"edit line {number} of {TEMPLATE}"
+
+    device.see(f"sed -i '{number}s/wpa_key_mgnt/wpa_key_mgmt/' {TEMPLATE}")
+    device.set("SSID", "s", "Mended")
+    device.wait_for_access_point()
+    assert "ssid[0]=Mended" in device.see("hostapd_cli -i wlan0 status")
+    status, found = look(device)
+    assert (status, complaints(found)) == (0, [])
+
+
+def test_a_masked_unit_is_unmasked_without_a_question(device: Device) -> None:
+    """udhcpd.service is masked by hand; --fix unmasks it, and systemd can start it again."""
+    device.see("systemctl mask udhcpd.service")
+    status, found = look(device)
+    assert (status, complaints(found)) == (2, ["bad units.udhcpd.service: udhcpd.service is masked"])
+    status, found = look(device, "--fix")
+    assert found["mended"] == [{"done": True, "text": "unmasked udhcpd.service"}]
+    device.see("systemctl start udhcpd.service")
+
+
+def test_a_report_of_a_booted_device_has_no_passphrase_in_it(device: Device) -> None:
+    """Files, programs and log of a running device, and not one passphrase."""
+    assert device.guest.try_run(f"{DOCTOR} --report /run/report.txt", seconds=120)[0] == 0
+    report = device.see("cat /run/report.txt")
+    assert "korrin-passphrase" not in report
+    assert "wpa_passphrase=***" in report
+    assert "===== $ journalctl" in report
