@@ -2,8 +2,10 @@
 
 from __future__ import annotations
 
+import contextlib
 import json
-from collections.abc import Callable
+import socket
+from collections.abc import Callable, Iterator
 from dataclasses import dataclass
 from typing import Any
 
@@ -43,13 +45,24 @@ class Seen:
         return next(str(one["mend"]) for one in self.findings if one["check"] == check)
 
 
-def look(world: World, *options: str) -> Seen:
+def look(world: World, *options: str, **environment: str) -> Seen:
     """Run it in the world's sandbox."""
-    ran = world.sandbox.run([world.build / "vantora-doctor", "--json", *options], timeout=LONGEST)
+    ran = world.sandbox.run([world.build / "vantora-doctor", "--json", *options], environment, timeout=LONGEST)
     assert ran.stderr == "", ran.stderr
     said = json.loads(ran.stdout)
     assert said["status"] == ran.status
     return Seen(ran.status, said["findings"], said["mended"])
+
+
+@contextlib.contextmanager
+def silent_bus(world: World) -> Iterator[str]:
+    """A bus that takes connections and never says a word, for the time of this; its address within the sandbox."""
+    path = world.sandbox.path("/run/silent-bus")
+    with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as listening:
+        listening.bind(str(path))
+        listening.listen(8)
+        yield "unix:path=/run/silent-bus"
+    path.unlink()
 
 
 @pytest.fixture
