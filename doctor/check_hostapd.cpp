@@ -79,7 +79,8 @@ bool is_translated(const View& view)
 void check_dialect(const View& view, Findings& findings)
 {
     if (view.waits_for_boot()) {
-        findings.note("hostapd.dialect", "hostapd does not know acs_blacklist; its unit takes its place with the next start");
+        findings.note("hostapd.dialect",
+                      "hostapd does not know acs_blacklist; its unit takes its place with the next start");
     } else if (is_translated(view)) {
         findings.good("hostapd.dialect",
                       "hostapd does not know acs_blacklist; hostapd.service translates it");

@@ -21,10 +21,10 @@ const Radio& radio_of_wlan0(const View& view, const std::vector<Radio>& radios)
 
 std::string bands_of(const Radio& radio)
 {
-    if (radio.usable2_4GHz > 0 && radio.usable5GHz > 0) {
+    if (radio.usableLow > 0 && radio.usableHigh > 0) {
         return "2.4 and 5 GHz";
     }
-    return radio.usable2_4GHz > 0 ? "2.4 GHz" : "5 GHz";
+    return radio.usableLow > 0 ? "2.4 GHz" : "5 GHz";
 }
 
 void check_bands(const Radio& radio, Findings& findings)
@@ -33,7 +33,7 @@ void check_bands(const Radio& radio, Findings& findings)
         findings.bad("radio.access-point", "the radio " + radio.name + " cannot be an access point",
                      "Host mode needs one that can; its driver does not offer it",
                      "another radio or driver: \"iw list\" must have AP under \"Supported interface modes\"");
-    } else if (radio.usable2_4GHz + radio.usable5GHz == 0) {
+    } else if (radio.usableLow + radio.usableHigh == 0) {
         findings.bad("radio.access-point",
                      "the radio " + radio.name + " may be an access point on no channel",
                      "all channels are disabled, for listening only, or shared with radar",

@@ -21,11 +21,10 @@ void check_configuration(const View& view, Findings& findings)
     const Files::Contents file = view.files.read(name);
     constexpr const char* kMend = "put the line ctrl_interface=/var/run/wpa_supplicant into that file";
     if (!file && !view.root && file.error == EACCES) {
-        findings.unseen("supplicant.file", name + " can be read by root only",
-                        kAsRoot);
+        findings.unseen("supplicant.file", name + " can be read by root only", kAsRoot);
     } else if (!file) {
-        findings.bad("supplicant.file", "there is no " + name,
-                     "wpa_supplicant does not start without it", kMend);
+        findings.bad("supplicant.file", "there is no " + name, "wpa_supplicant does not start without it",
+                     kMend);
     } else if (file.text.find("ctrl_interface=") == std::string::npos) {
         findings.warning("supplicant.file", name + " has no ctrl_interface",
                          "ClientSSID is read with wpa_cli, which then finds nobody", kMend);
@@ -34,13 +33,15 @@ void check_configuration(const View& view, Findings& findings)
     }
 }
 
-/** Whether another policy than the stand-in's lets somebody own the older name: a wpa_supplicant that has both. */
+/** Whether another policy than the stand-in's lets somebody own the older name: a wpa_supplicant that has
+ * both. */
 bool is_owned_by_policy(const View& view)
 {
     for (const std::string folder : {"/etc/dbus-1/system.d/", "/usr/share/dbus-1/system.d/"}) {
         for (const std::string& name : view.files.names(folder)) {
             if (name != "vantora-supplicant-names.conf" &&
-                view.files.read(folder + name).text.find("own=\"" + std::string(kOlderName) + "\"") != std::string::npos) {
+                view.files.read(folder + name).text.find("own=\"" + std::string(kOlderName) + "\"") !=
+                    std::string::npos) {
                 return true;
             }
         }

@@ -18,8 +18,8 @@ void count_channel(std::string_view line, Radio& radio)
         holds("passive scan") || holds("radar")) {
         return;
     }
-    radio.usable2_4GHz += frequency >= 2400 && frequency < 2500 ? 1 : 0;
-    radio.usable5GHz += frequency >= 5000 && frequency < 5900 ? 1 : 0;
+    radio.usableLow += frequency >= 2400 && frequency < 2500 ? 1 : 0;
+    radio.usableHigh += frequency >= 5000 && frequency < 5900 ? 1 : 0;
 }
 
 } // namespace

@@ -11,10 +11,11 @@ struct Radio
 {
     std::string name;         /**< "phy0" */
     bool accessPoint = false; /**< whether it can be an access point at all */
-    /** Channels on which it may be one just now: not disabled, not for listening only, not shared with radar.
-     */
-    int usable2_4GHz = 0;
-    int usable5GHz = 0;
+    /** Channels at 2.4 GHz on which it may be one just now: not disabled, not for listening only, not shared
+     * with radar. */
+    int usableLow = 0;
+    /** The same at 5 GHz. */
+    int usableHigh = 0;
 };
 
 /** The radios in what `iw list` prints. Any bytes may be given. */

@@ -7,8 +7,8 @@
 #include "support/captured_log.hpp"
 #include "support/temp_folder.hpp"
 
-// Texts of any bytes as the doctor reads them: hostapd's template as the daemon reads it, what `iw` prints, and
-// configurations out of which no secret may come.
+// Texts of any bytes as the doctor reads them: hostapd's template as the daemon reads it, what `iw` prints,
+// and configurations out of which no secret may come.
 
 namespace {
 
@@ -45,12 +45,15 @@ void check_redacted(const std::string& text)
     if (text.find(kSecret) != std::string::npos) {
         return;
     }
-    const std::string around = text + "\nwpa_passphrase=" + kSecret + "\n" + text + "\n\t#psk=\"" + kSecret + "\"\n" + text;
-    fuzz::require(doctor::redacted(around).find(kSecret) == std::string::npos, "a secret goes, whatever is around it");
+    const std::string around =
+        text + "\nwpa_passphrase=" + kSecret + "\n" + text + "\n\t#psk=\"" + kSecret + "\"\n" + text;
+    fuzz::require(doctor::redacted(around).find(kSecret) == std::string::npos,
+                  "a secret goes, whatever is around it");
     fuzz::require(doctor::redacted_output(around).find(kSecret) == std::string::npos, "from an output, too");
     doctor::Secrets secrets = doctor::Secrets::of_configuration(text);
     secrets.add(kSecret);
-    fuzz::require(secrets.removed_from(text + kSecret + text).find(kSecret) == std::string::npos, "and without its name");
+    fuzz::require(secrets.removed_from(text + kSecret + text).find(kSecret) == std::string::npos,
+                  "and without its name");
 }
 
 } // namespace
@@ -62,7 +65,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     check_template(text);
     check_redacted(text);
     for (const doctor::Radio& radio : doctor::radios_in(text)) {
-        fuzz::require(radio.usable2_4GHz >= 0 && radio.usable5GHz >= 0, "channels are counted");
+        fuzz::require(radio.usableLow >= 0 && radio.usableHigh >= 0, "channels are counted");
     }
     fuzz::require(doctor::iw_value(text, "type").size() <= size, "a value is of the text");
     fuzz::require(doctor::regulatory_country(text).size() <= size, "and so is a country");

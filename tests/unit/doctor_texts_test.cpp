@@ -56,8 +56,8 @@ TEST(DoctorIwText, CountsTheChannelsOnWhichAnAccessPointMayBe)
     EXPECT_FALSE(radios[0].accessPoint);
     EXPECT_EQ(radios[1].name, "phy4");
     EXPECT_TRUE(radios[1].accessPoint);
-    EXPECT_EQ(radios[1].usable2_4GHz, 1);
-    EXPECT_EQ(radios[1].usable5GHz, 2);
+    EXPECT_EQ(radios[1].usableLow, 1);
+    EXPECT_EQ(radios[1].usableHigh, 2);
 }
 
 TEST(DoctorIwText, IsContentWithAnything)
@@ -288,12 +288,8 @@ TEST(DoctorArguments, AreReadOrRefused)
     EXPECT_EQ(std::get<Arguments>(parsed({"key"})).task, Task::ShowKey);
     EXPECT_EQ(std::get<EarlyEnd>(parsed({"--help"})).status, 0);
     EXPECT_THAT(std::get<EarlyEnd>(parsed({"--version"})).text, testing::StartsWith("vantora-doctor "));
-    const std::vector<std::vector<const char*>> wrong = {{"--x"},
-                                                         {"x"},
-                                                         {"--report"},
-                                                         {"--report", ""},
-                                                         {"--fix", "key"},
-                                                         {"key", "--json"}};
+    const std::vector<std::vector<const char*>> wrong = {
+        {"--x"}, {"x"}, {"--report"}, {"--report", ""}, {"--fix", "key"}, {"key", "--json"}};
     for (const auto& words : wrong) {
         const auto end = parsed(words);
         ASSERT_TRUE(std::holds_alternative<EarlyEnd>(end)) << words.front();
