@@ -11,8 +11,6 @@
 
 namespace {
 
-constexpr const char* kSettings = "com.vantora.common.Settings1";
-
 int ignore_signal(sd_bus_message*, void*, sd_bus_error*)
 {
     return 0;

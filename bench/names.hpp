@@ -17,6 +17,11 @@ constexpr const char* kBssInterface = "fi.w1.wpa_supplicant1.BSS";
 
 constexpr const char* kPropertiesInterface = "org.freedesktop.DBus.Properties";
 
+constexpr const char* kSettings = "com.vantora.common.Settings1";
+constexpr const char* kSettingsSection = "/com/vantora/common/Settings1/display";
+constexpr const char* kSettingsFolder = "/run/sim";
+constexpr const char* kSettingsFile = "/run/sim/settings.json";
+
 constexpr const char* kHostapdFolder = "/run/hostapd";
 constexpr const char* kHostapdSocket = "/run/hostapd/wlan0";
 

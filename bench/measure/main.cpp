@@ -4,12 +4,15 @@
 //   the
 //                                                            subject's number and SIZE times in nanoseconds
 //   vantora-bench-measure --load SECONDS PAUSE_MS SUBJECT... no times, only the doing, with pauses
+//   vantora-bench-measure --count TIMES SUBJECT...           no times, only the doing, so often: for those
+//   who
+//                                                            count what it takes
 //
 // A block is SIZE runs of one subject. Every second round of blocks has the subjects in the opposite order.
 // What comes first is dropped: one block of each, in which caches and heaps settle.
 //
 // Subjects: get:SERVICE:PROPERTY, getall:SERVICE, commands:LETTERS, access-points,
-// access-points:read, start:PROGRAM, event
+// access-points:read, start:PROGRAM, event, stations-leave, setting, setting:file, run:PROGRAM ARGUMENT...
 
 #include <chrono>
 #include <cstdio>
@@ -46,6 +49,12 @@ std::unique_ptr<Subject> make_subject(const std::string& text)
         return make_start(rest);
     } else if (kind == "event") {
         return make_station_event();
+    } else if (kind == "stations-leave") {
+        return make_stations_leave();
+    } else if (kind == "setting") {
+        return rest == "file" ? make_bare_file_write() : make_setting_write();
+    } else if (kind == "run") {
+        return make_run(rest);
     }
     throw MeasuringFailed("unknown subject: " + text);
 }
@@ -93,23 +102,37 @@ void load(const Subjects& subjects, std::chrono::seconds duration, std::chrono::
     }
 }
 
+/** The subjects that are each done so often, without being timed. */
+void count(const Subjects& subjects, size_t times)
+{
+    for (const auto& subject : subjects) {
+        run_block(*subject, times);
+    }
+}
+
 int run(std::span<char*> arguments)
 {
-    const bool loading = !arguments.empty() && std::string_view(arguments[0]) == "--load";
-    if (loading) {
+    const std::string_view option = !arguments.empty() ? arguments[0] : "";
+    const bool loading = option == "--load";
+    const bool counting = option == "--count";
+    if (loading || counting) {
         arguments = arguments.subspan(1);
     }
-    if (arguments.size() < 3) {
-        std::fprintf(stderr, "usage: vantora-bench-measure [--load] NUMBER NUMBER SUBJECT...\n");
+    const size_t numbers = counting ? 1 : 2;
+    if (arguments.size() <= numbers) {
+        std::fprintf(stderr, "usage: vantora-bench-measure [--load] NUMBER NUMBER SUBJECT...\n"
+                             "       vantora-bench-measure --count NUMBER SUBJECT...\n");
         return EXIT_FAILURE;
     }
     const size_t first = std::strtoul(arguments[0], nullptr, 10);
-    const size_t second = std::strtoul(arguments[1], nullptr, 10);
+    const size_t second = std::strtoul(arguments[numbers - 1], nullptr, 10);
     Subjects subjects;
-    for (const char* text : arguments.subspan(2)) {
+    for (const char* text : arguments.subspan(numbers)) {
         subjects.push_back(make_subject(text));
     }
-    if (loading) {
+    if (counting) {
+        count(subjects, first);
+    } else if (loading) {
         load(subjects, std::chrono::seconds(first), std::chrono::milliseconds(second));
     } else {
         measure(subjects, first, second);

@@ -76,3 +76,20 @@ std::unique_ptr<Subject> make_start(const std::string& program);
 
 /** Has hostapd report a station, and waits until the daemon announces the number of stations as changed. */
 std::unique_ptr<Subject> make_station_event();
+
+/** Has hostapd report that 20 stations leave, all at once, and waits for one announcement for each. */
+std::unique_ptr<Subject> make_stations_leave();
+
+/** Changes a setting that nobody follows, so that the settings daemon stores it. */
+std::unique_ptr<Subject> make_setting_write();
+
+/** The operations on files that storing a setting safely needs, with a text of the same length, and nothing
+ * else. */
+std::unique_ptr<Subject> make_bare_file_write();
+
+/**
+ * Runs a program to its end, its output going nowhere.
+ *
+ * @param command the program's path and its arguments, between spaces
+ */
+std::unique_ptr<Subject> make_run(const std::string& command);

@@ -4,9 +4,9 @@ from __future__ import annotations
 
 from pathlib import Path
 
-from .device import Device
+from .device import DAEMON, Device
 from .measure import Times, measure, ratio_of_medians
-from .reads import DAEMON, row
+from .reads import row
 from .report import Row, Section, seconds
 
 _COUNTS = (10, 100, 1000)

@@ -8,10 +8,12 @@ from collections.abc import Callable, Sequence
 from pathlib import Path
 
 from . import access_points, events, memory, older_name, reads, report, size, starts, wakeups
+from .exact.cli import exact
 from .report import Section
 
 ROOT = Path(__file__).resolve().parents[2]
 RESULTS = ROOT / "bench/RESULTS.md"
+BASELINE = ROOT / "bench/baseline.toml"
 PACKAGES = ROOT / "build/packages/armhf"
 
 LOADED = "memory"
@@ -22,6 +24,8 @@ def main(arguments: Sequence[str]) -> int:
     """Measure, print and write down; 0 when every goal that could be measured is reached."""
     options = _parse(arguments)
     build = options.build_dir.resolve()
+    if options.exact:
+        return exact(build, options.baseline, check=options.check)
     figures: dict[str, Callable[[], Section]] = {
         "read": lambda: reads.plain_read(build, options.quick),
         "commands": lambda: reads.reads_with_commands(build, options.quick),
@@ -61,4 +65,12 @@ def _parse(arguments: Sequence[str]) -> argparse.Namespace:
     parser.add_argument("--results", type=Path, default=RESULTS)
     parser.add_argument("--load-seconds", type=int, default=3600)
     parser.add_argument("--quick", action="store_true")
-    return parser.parse_args(arguments)
+    parser.add_argument("--exact", action="store_true")
+    parser.add_argument("--check", action="store_true")
+    parser.add_argument("--baseline", type=Path, default=BASELINE)
+    options = parser.parse_args(arguments)
+    if options.check and not options.exact:
+        parser.error("--check goes with --exact")
+    if options.exact and options.figures:
+        parser.error("--exact counts all figures")
+    return options

@@ -6,14 +6,16 @@ The neighbours of the tests are scripts: they take longer to answer than the dae
 from __future__ import annotations
 
 import time
-from collections.abc import Iterator
+from collections.abc import Callable, Iterator
 from contextlib import contextmanager
 from pathlib import Path
 
+from dbus_next.aio import MessageBus
 from vantora_sim import DEADLINE, Process, Variant, World, settings
 from vantora_sim.dbus_fake import PROPERTIES
 
 BARE_SERVICE = "com.vantora.bench.BareService"
+DAEMON = "com.vantora.Network1"
 
 _RFKILL = "0: phy0: Wireless LAN\n\tSoft blocked: no\n\tHard blocked: no\n"
 _IW = (
@@ -33,14 +35,15 @@ class Device:
 
     @classmethod
     @contextmanager
-    def booted(cls, build: Path, mode: str) -> Iterator["Device"]:
-        """A device with its neighbours; taken down at the end."""
+    def booted(cls, build: Path, mode: str, settings: Callable[["Device"], Path] | None = None) -> Iterator["Device"]:
+        """A device with its neighbours; taken down at the end. `settings` names a program to start in the place of the
+        settings daemon."""
         with World(build, lasting=True) as world:
             device = cls(world, mode)
-            device._furnish()
+            device._furnish(settings(device) if settings else build / "vantora-settingsd")
             yield device
 
-    def _furnish(self) -> None:
+    def _furnish(self, settings_daemon: Path) -> None:
         world = self.world
         world.follow_units = False
         tools = world.work / "run/sim/bin"
@@ -53,7 +56,7 @@ class Device:
         if self.mode == "Host":
             self.start_stand_in("hostapd")
         world.settings.go()
-        world.sandbox.start([self._build / "vantora-settingsd", "--state", "/run/sim/settings.json"])
+        self.settings = world.sandbox.start([settings_daemon, "--state", "/run/sim/settings.json"])
         self._wait_for_name(settings.SERVICE)
         self.change_setting("network", "mode", "s", self.mode)
 
@@ -66,18 +69,18 @@ class Device:
             time.sleep(0.01)
         return process
 
-    def start_daemon(self) -> Process:
-        """Start the daemon and wait until its deferred start-up is over."""
-        daemon = self.world.start_daemon()
+    def start_daemon(self, program: Path | None = None) -> Process:
+        """Start the daemon, or what is named in its place, and wait until its deferred start-up is over."""
+        daemon = self.world.start_daemon(program)
         self.world.wait_ready()
         self.world.wait_follows_addresses()
         self.world.settle()
         assert self.world.get("Mode") == self.mode
         return daemon
 
-    def start_bare_service(self) -> Process:
-        """Start the service that is the floor."""
-        service = self.world.sandbox.start([self._build / "vantora-bench-service"])
+    def start_bare_service(self, program: Path | None = None) -> Process:
+        """Start the service that is the floor, or what is named in its place."""
+        service = self.world.sandbox.start([program or self._build / "vantora-bench-service"])
         self._wait_for_name(BARE_SERVICE)
         return service
 
@@ -91,6 +94,24 @@ class Device:
             "ssv",
             [settings.SERVICE, key, Variant(signature, value)],
         ).result(DEADLINE)
+
+    def lengthen_bus_names(self) -> None:
+        """From now on whoever comes to a bus is given a name of the same length, for a while: ":1." and three digits."""
+        connections = 100
+
+        async def come_and_go(address: str) -> None:
+            for _ in range(connections):
+                bus = await MessageBus(bus_address=address).connect()
+                bus.disconnect()
+                await bus.wait_for_disconnect()
+
+        for bus in (self.world.user_bus, self.world.system_bus):
+            self.world.loop.run(come_and_go(bus.address))
+
+    def settle(self, service: str) -> None:
+        """Return when a service on the user bus has nothing left to do of what had reached it."""
+        for _ in range(2):
+            self.world.call_service_async(service, "/", "org.freedesktop.DBus.Peer", "Ping").result(DEADLINE)
 
     def _wait_for_name(self, name: str) -> None:
         deadline = time.monotonic() + DEADLINE

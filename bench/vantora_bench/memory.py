@@ -7,8 +7,7 @@ import time
 from dataclasses import dataclass
 from pathlib import Path
 
-from .device import BARE_SERVICE, Device
-from .reads import DAEMON
+from .device import BARE_SERVICE, DAEMON, Device
 from .report import Row, Section
 
 _MINUTE = 60

@@ -8,9 +8,9 @@ from pathlib import Path
 
 from vantora_sim import DEADLINE
 
-from .device import Device
+from .device import DAEMON, Device
 from .measure import Times, measure, ratio_of_medians
-from .reads import DAEMON, row
+from .reads import row
 from .report import Section, seconds
 
 _COUNT = 1000

@@ -4,11 +4,10 @@ from __future__ import annotations
 
 from pathlib import Path
 
-from .device import BARE_SERVICE, Device
+from .device import BARE_SERVICE, DAEMON, Device
 from .measure import Comparison, measure, ratio_of_medians, ratio_of_p99
 from .report import Row, Section, seconds
 
-DAEMON = "com.vantora.Network1"
 
 MODE = "pm"
 GET_ALL = "".join(["p", "pm", "s", "pm", "pm", "pm", "p", "pm", "pm", "pm"])
