@@ -18,7 +18,7 @@
 
 namespace {
 
-constexpr int kPatienceMsec = 20'000;
+constexpr int kPatienceMsec = 300'000;
 constexpr std::string_view kReady = "READY=1";
 
 class Start : public Subject

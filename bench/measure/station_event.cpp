@@ -12,7 +12,7 @@
 namespace {
 
 constexpr int kStations = 20;
-constexpr uint64_t kPatienceUsec = 20'000'000;
+constexpr uint64_t kPatienceUsec = 300'000'000;
 
 /** Says on hostapd's behalf that stations come and go, and hears what the daemon announces of it. */
 class StationSubject : public Subject

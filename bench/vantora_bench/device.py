@@ -28,18 +28,21 @@ _IW_TYPES = {"Host": "AP", "Client": "managed"}
 class Device:
     """A device in one mode ("Host" or "Client"), with no daemon started yet."""
 
-    def __init__(self, world: World, mode: str) -> None:
+    def __init__(self, world: World, mode: str, patience: float) -> None:
         self.world = world
         self.mode = mode
+        self._patience = patience
         self._build = world.build
 
     @classmethod
     @contextmanager
-    def booted(cls, build: Path, mode: str, settings: Callable[["Device"], Path] | None = None) -> Iterator["Device"]:
+    def booted(
+        cls, build: Path, mode: str, settings: Callable[["Device"], Path] | None = None, patience: float = DEADLINE
+    ) -> Iterator["Device"]:
         """A device with its neighbours; taken down at the end. `settings` names a program to start in the place of the
-        settings daemon."""
+        settings daemon, `patience` how many seconds a program may take to come up."""
         with World(build, lasting=True) as world:
-            device = cls(world, mode)
+            device = cls(world, mode, patience)
             device._furnish(settings(device) if settings else build / "vantora-settingsd")
             yield device
 
@@ -63,7 +66,7 @@ class Device:
     def start_stand_in(self, name: str, *arguments: str) -> Process:
         """Start a neighbour and wait until it serves."""
         process = self.world.sandbox.start([self._build / f"vantora-bench-{name}", *arguments])
-        deadline = time.monotonic() + DEADLINE
+        deadline = time.monotonic() + self._patience
         while "ready" not in process.stdout:
             assert process.running and time.monotonic() < deadline, f"the stand-in for {name} does not come up"
             time.sleep(0.01)
@@ -72,8 +75,8 @@ class Device:
     def start_daemon(self, program: Path | None = None) -> Process:
         """Start the daemon, or what is named in its place, and wait until its deferred start-up is over."""
         daemon = self.world.start_daemon(program)
-        self.world.wait_ready()
-        self.world.wait_follows_addresses()
+        self.world.wait_ready(self._patience)
+        self.world.wait_follows_addresses(self._patience)
         self.world.settle()
         assert self.world.get("Mode") == self.mode
         return daemon
@@ -93,7 +96,7 @@ class Device:
             "Set",
             "ssv",
             [settings.SERVICE, key, Variant(signature, value)],
-        ).result(DEADLINE)
+        ).result(self._patience)
 
     def lengthen_bus_names(self) -> None:
         """From now on whoever comes to a bus is given a name of the same length, for a while: ":1." and three digits."""
@@ -111,10 +114,10 @@ class Device:
     def settle(self, service: str) -> None:
         """Return when a service on the user bus has nothing left to do of what had reached it."""
         for _ in range(2):
-            self.world.call_service_async(service, "/", "org.freedesktop.DBus.Peer", "Ping").result(DEADLINE)
+            self.world.call_service_async(service, "/", "org.freedesktop.DBus.Peer", "Ping").result(self._patience)
 
     def _wait_for_name(self, name: str) -> None:
-        deadline = time.monotonic() + DEADLINE
+        deadline = time.monotonic() + self._patience
         while not self.world.name_owned(name):
             assert time.monotonic() < deadline, f"{name} does not come up"
             time.sleep(0.01)

@@ -106,7 +106,7 @@ class Callgrind:
         inside = re.search(r"^NSpid:.*\s(\d+)$", Path(f"/proc/{process.pid}/status").read_text(), re.MULTILINE)
         assert inside
         told = self._world.sandbox.run(
-            ["/usr/bin/vgdb", "--vgdb-prefix=/tmp/vgdb", f"--pid={inside[1]}", "--wait=10", command], timeout=60
+            ["/usr/bin/vgdb", "--vgdb-prefix=/tmp/vgdb", f"--pid={inside[1]}", "--wait=60", command], timeout=300
         )
         if told.status != 0:
             raise RuntimeError(f"callgrind does not take '{command}': {told.stderr.strip()}")

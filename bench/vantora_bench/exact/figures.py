@@ -78,7 +78,9 @@ class _Counting:
 
     def run(self, command: list[object]) -> None:
         """Run a program of the device to its end."""
-        completed = self.device.world.sandbox.run([str(word) for word in command], timeout=_PATIENCE)
+        completed = self.device.world.sandbox.run(
+            [str(word) for word in command], {"SYSTEMD_BUS_TIMEOUT": str(_PATIENCE)}, timeout=_PATIENCE
+        )
         if completed.status != 0:
             raise RuntimeError(f"{command} ended with {completed.status}: {completed.stderr.strip()}")
 
@@ -126,7 +128,7 @@ class _Counting:
 
 @contextlib.contextmanager
 def _booted(build: Path, mode: str, settings: Callable[[Device], Path] | None = None) -> Iterator[_Counting]:
-    with Device.booted(build, mode, settings) as device:
+    with Device.booted(build, mode, settings, _PATIENCE) as device:
         device.lengthen_bus_names()
         yield _Counting(build, device)
 

@@ -7,11 +7,12 @@ import time
 from collections.abc import Callable
 from pathlib import Path
 
-from vantora_sim import DEADLINE, World
+from vantora_sim import World
 
 from .counts import Counts, difference
 from .trace import OPTIONS, Trace
 
+_PATIENCE = 300
 _READY = r"\x52\x45\x41\x44\x59\x3d\x31"
 """READY=1, as strace shows it."""
 
@@ -36,7 +37,7 @@ class Traced:
     def _next(self) -> Counts:
         """What has happened since, once the program's loop waits again: its last calls may come a little later than an answer."""
         found: list[str] = []
-        deadline = time.monotonic() + DEADLINE
+        deadline = time.monotonic() + _PATIENCE
         while True:
             with open(self._path, encoding="ascii", errors="replace") as file:
                 file.seek(self._read)

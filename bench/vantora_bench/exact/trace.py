@@ -72,6 +72,7 @@ class Trace:
 
     def __init__(self) -> None:
         self._begun: dict[int, tuple[str, str]] = {}
+        self._seen: set[int] = set()  # threads whose new thread or child has been seen before the call returned
         self._main: int | None = None
         self._threads: set[int] = set()
         self._children: set[int] = set()  # until they become a program
@@ -127,13 +128,12 @@ class Trace:
             self._threads.add(pid)
         if pid in self._threads | self._children | self._others:
             return
-        begun = [arguments for maker, (name, arguments) in self._begun.items() if maker in self._threads and name in _FORKS]
-        if not begun:
-            self._others.add(pid)
-        elif "CLONE_THREAD" in begun[0]:
-            self._threads.add(pid)
-        else:
-            self._children.add(pid)
+        for maker, (name, arguments) in self._begun.items():
+            if maker in self._threads and name in _FORKS and maker not in self._seen:
+                self._seen.add(maker)
+                (self._threads if "CLONE_THREAD" in arguments else self._children).add(pid)
+                return
+        self._others.add(pid)
 
     def _take(self, call: Call, window: Window) -> None:
         if call.name in _FORKS and call.value > 0:
@@ -141,13 +141,18 @@ class Trace:
                 self._threads.add(call.value)
             else:
                 window.processes += 1
-                if call.pid in self._threads and call.value not in self._others:
+                if call.pid in self._threads - self._seen:
                     self._children.add(call.value)
+            self._seen.discard(call.pid)
         if call.pid in self._children:
             window.children.append(call)
             if call.name == "execve" and call.value == 0:
                 self._children.remove(call.pid)
                 self._others.add(call.pid)
+        if call.name == "exit_group":
+            # Its number may be given to somebody else.
+            self._children.discard(call.pid)
+            self._others.discard(call.pid)
         if call.pid not in self._threads or _is_chance(call):
             return
         call.is_message = self._is_message(call)
