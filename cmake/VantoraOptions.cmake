@@ -20,6 +20,14 @@ target_compile_options(vantora-build-flags INTERFACE
 target_link_options(vantora-build-flags INTERFACE -Wl,--gc-sections -Wl,--as-needed)
 target_link_libraries(vantora-build-flags INTERFACE vantora-hardening)
 
+# The loader looks a name up in the libraries in the order in which the program names them. Nearly all that it looks up at a
+# start is in the C++ library, which refers to itself 3,300 times, or in the C library: named first, they are not looked for
+# in the others. A sanitizer has to come before both.
+add_library(vantora-load-order INTERFACE)
+if(NOT VANTORA_SANITIZE)
+  target_link_options(vantora-load-order INTERFACE "LINKER:--push-state,--no-as-needed,-lstdc++,-lc,--pop-state")
+endif()
+
 if(VANTORA_SANITIZE)
   target_compile_options(vantora-build-flags INTERFACE
     -fsanitize=${VANTORA_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
