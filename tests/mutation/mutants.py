@@ -10,7 +10,7 @@ from collections.abc import Iterator
 from dataclasses import dataclass
 from pathlib import Path
 
-from clang.cindex import Cursor, CursorKind, Index, TokenKind, TranslationUnit, TypeKind
+from clang.cindex import Cursor, CursorKind, Index, TranslationUnit, TypeKind
 
 OPERATORS = {
     "<": "<=",
