@@ -511,7 +511,9 @@ TEST_F(SettingsdTest, TellsItsVersionAndItsOptions)
         EXPECT_EQ(program.wait(), 0);
         return folder.read("output");
     };
-    EXPECT_THAT(outputOf("--version"), testing::MatchesRegex("vantora-settingsd [0-9]+\\.[0-9]+\\.[0-9]+(\\+[0-9]+\\.g[0-9a-f]+)?\n"));
+    EXPECT_THAT(
+        outputOf("--version"),
+        testing::MatchesRegex("vantora-settingsd [0-9]+\\.[0-9]+\\.[0-9]+(\\+[0-9]+\\.g[0-9a-f]+)?\n"));
     EXPECT_THAT(outputOf("--help"), HasSubstr("--state FILE"));
 }
 
