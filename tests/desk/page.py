@@ -74,6 +74,15 @@ class Page:
         """Wait until an element's text contains this."""
         self.until(lambda: wanted in self.text(selector), f"{wanted!r} in {selector}, which is {self.text(selector)!r}")
 
+    def keep_texts(self, selector: str) -> Callable[[], list[str]]:
+        """From now on keep each text that an element has; the function returns them."""
+        keep = (
+            "const one = document.querySelector(arguments[0]); const kept = (window.kept ??= {})[arguments[0]] = [one.textContent];"
+            "new MutationObserver(() => kept.push(one.textContent)).observe(one, {childList: true, characterData: true, subtree: true})"
+        )
+        self.driver.execute_script(keep, selector)
+        return lambda: list(self.driver.execute_script("return window.kept[arguments[0]]", selector))
+
     def press(self, selector: str) -> None:
         """Press a button, as a keyboard does, as soon as it can be."""
 

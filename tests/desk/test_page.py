@@ -77,9 +77,11 @@ def test_an_error_is_shown_by_name_and_text_with_what_the_manual_says(page: Page
 
 def test_a_network_is_moved_farther_by_keyboard_and_lost_and_its_command_is_shown(page: Page) -> None:
     join_home(page)
+    page.until(lambda: page.all(f'[data-bssid="{HOME}"].joined'), "the strongest one to be joined")
     page.slide(f'[data-bssid="{HOME}"] input[type="range"]', -52)
     page.until_text("#air-answer", f"vantora-simctl signal -- {HOME} -100")
-    page.until(lambda: page.value("WiFiClientState") != '"completed"', "the network to be lost")
+    # Another access point of that name takes over, perhaps before anybody has looked: what stays is that this one is left.
+    page.until(lambda: not page.all(f'[data-bssid="{HOME}"].joined'), "the network to be lost")
 
 
 def test_a_network_is_dragged_nearer(page: Page) -> None:
@@ -208,8 +210,10 @@ def test_stored_settings_are_read_and_changed(page: Page) -> None:
 
 
 def test_a_daemon_that_dies_is_gone_and_comes_back(page: Page) -> None:
+    # It is gone for two seconds only: what is shown meanwhile is kept, however late it is looked at.
+    said = page.keep_texts("#hero")
     page.press('[aria-label="kill vantora-network"]')
-    page.until_text("#hero", "The daemon is gone")
+    page.until(lambda: any("The daemon is gone" in text for text in said()), "the page to say so")
     page.until_text("#hero", "Access point")
     page.until(lambda: page.one('[data-daemon="vantora-network"]').get_attribute("data-how") == "running", "the daemon")
     assert page.entries("has ended with status -9") == ["vantora-network has ended with status -9"]
