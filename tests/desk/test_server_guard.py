@@ -341,7 +341,9 @@ def test_a_talkative_page_is_cut_off(outside: Outside) -> None:
                 pass
             return socket_.close_code
 
-    assert asyncio.run(talk()) == 1009
+    # "Too large"; or the connection is gone before that word has been read, which the other end sees as 1006. A server that
+    # takes it all goes on, and the deadline ends this.
+    assert asyncio.run(talk()) in (1009, 1006)
     assert outside.ask("GET", "/api/settings")[0] == 200
 
 
