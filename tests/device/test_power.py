@@ -49,6 +49,19 @@ def test_hostapd_that_is_killed_is_set_up_anew_and_its_stations_are_counted(devi
     assert STATION in device.see("hostapd_cli -i wlan0 all_sta")
 
 
+def test_an_access_point_that_cannot_start_is_tried_again_until_somebody_has_mended_it(device: Device, world: World) -> None:
+    """A person breaks /etc/hostapd.conf: tried again at growing distance; mended, the access point comes by itself."""
+    device.guest.run("echo nonsense=1 >>/etc/hostapd.conf")
+    mark = device.mark()
+    device.set("SSID", "s", "Boathouse 7")
+    for count, seconds in ((1, 0), (2, 2), (3, 4), (4, 8)):
+        said = f"hostapd has failed {count} times; the next attempt comes in {seconds} s"
+        device.wait_for_entry(unit_log("vantora-access-point-retry.service", said), said, since=mark)
+    device.guest.run("sed -i /nonsense/d /etc/hostapd.conf")
+    device.wait_for_access_point()
+    world.wait_on_air("Boathouse 7")
+
+
 def test_a_daemon_that_is_killed_as_an_access_point_comes_back_with_its_state(device: Device, world: World) -> None:
     """systemd starts it again; SSID, mode and the station that stayed are read back, and its leaving is heard."""
     mark = device.mark()
