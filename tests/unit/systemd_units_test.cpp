@@ -46,11 +46,12 @@ struct Library
     int buses = 0;
     int messages = 0;
 
-    int result_of(const std::string& function)
+    /** What a function returns next: what was asked for, or what the real one returns when it succeeds. */
+    int result_of(const std::string& function, int success)
     {
         std::vector<int>& waiting = results[function];
         if (waiting.empty()) {
-            return 1;
+            return success;
         }
         const int result = waiting.front();
         waiting.erase(waiting.begin());
@@ -82,7 +83,7 @@ extern "C" {
 
 int sd_bus_open_system(sd_bus** bus)
 {
-    const int result = library->result_of("open_system");
+    const int result = library->result_of("open_system", 0);
     library->steps.emplace_back("open_system");
     if (result >= 0) {
         *bus = kBus;
@@ -139,7 +140,7 @@ sd_bus_message* sd_bus_message_unref(sd_bus_message*)
 int sd_bus_message_new_method_call(sd_bus*, sd_bus_message** message, const char* destination,
                                    const char* path, const char* interface, const char* member)
 {
-    const int result = library->result_of("new_method_call");
+    const int result = library->result_of("new_method_call", 0);
     library->steps.push_back(std::string("new_method_call ") + destination + " " + path + " " + interface +
                              " " + member);
     if (result >= 0) {
@@ -151,13 +152,13 @@ int sd_bus_message_new_method_call(sd_bus*, sd_bus_message** message, const char
 int sd_bus_message_open_container(sd_bus_message*, char type, const char* contents)
 {
     library->steps.push_back(std::string("open_container ") + type + " " + contents);
-    return library->result_of("open_container");
+    return library->result_of("open_container", 0);
 }
 
 int sd_bus_message_close_container(sd_bus_message*)
 {
     library->steps.emplace_back("close_container");
-    return library->result_of("close_container");
+    return library->result_of("close_container", 0);
 }
 
 int sd_bus_message_append(sd_bus_message*, const char* types, ...)
@@ -169,12 +170,12 @@ int sd_bus_message_append(sd_bus_message*, const char* types, ...)
         type == "s" ? va_arg(arguments, const char*) : std::to_string(va_arg(arguments, int));
     va_end(arguments);
     library->steps.push_back("append " + type + " " + value);
-    return library->result_of("append " + type);
+    return library->result_of("append " + type, 1);
 }
 
 int sd_bus_call(sd_bus*, sd_bus_message*, uint64_t usec, sd_bus_error* error, sd_bus_message** reply)
 {
-    const int result = library->result_of("call");
+    const int result = library->result_of("call", 1);
     library->steps.push_back("call " + std::to_string(usec));
     if (result < 0) {
         set_error(error);
@@ -193,7 +194,7 @@ int sd_bus_call_method(sd_bus*, const char* destination, const char* path, const
     library->steps.push_back(std::string("call_method ") + destination + " " + path + " " + interface + " " +
                              member + " " + types + " " + va_arg(arguments, const char*));
     va_end(arguments);
-    const int result = library->result_of("call_method");
+    const int result = library->result_of("call_method", 1);
     if (result < 0) {
         set_error(error);
     } else {
@@ -205,7 +206,7 @@ int sd_bus_call_method(sd_bus*, const char* destination, const char* path, const
 int sd_bus_message_read(sd_bus_message*, const char* types, ...)
 {
     library->steps.push_back(std::string("read ") + types);
-    const int result = library->result_of("read");
+    const int result = library->result_of("read", 1);
     va_list arguments;
     va_start(arguments, types);
     if (result > 0) {

@@ -2,13 +2,14 @@
 
 from __future__ import annotations
 
+import os
 import shutil
 import time
 from collections.abc import Callable
 
 import pytest
 from access_point import attached_up, receive
-from vantora_sim import Variant, World, changed, hostapd_request, log, units
+from vantora_sim import Variant, World, call, changed, hostapd_request, log, units
 
 ONE = "02:00:00:00:00:01"
 NOT_CONNECTED = ("err", "ListenTask: Not connected to socket - cannot listen.")
@@ -17,6 +18,12 @@ TERMINATED = ("err", "wifi_host_terminated: hostapd terminated.")
 RESTART = ("err", "wifi_host_terminated: We are supposed to be in host mode. Restart hostapd listener")
 RESTARTING = ("info", "restart_wifi_host_listener_callback: Restarting...")
 READING = ("info", "Read settings from Settings Daemon")
+
+
+def threads(world: World) -> int:
+    """How many threads the daemon has."""
+    assert world.daemon is not None
+    return len(os.listdir(f"/proc/{world.daemon.pid}/task"))
 
 
 def test_access_point_without_a_socket_is_up_and_nobody_listens(world: World) -> None:
@@ -93,11 +100,18 @@ def test_hostapd_that_restarts_is_followed_again(world: World) -> None:
 
 def test_hostapd_that_ends_for_good_leaves_the_listener_ended(world: World) -> None:
     attached_up(world)
+    while_listening = threads(world)
     mark = world.journal.mark()
     world.hostapd.terminate()
     world.journal.expect_in_order([log(*RESTARTING), log(*NOT_CONNECTED)], mark)
-    world.settle()
+    world.journal.wait_until(lambda: threads(world) == while_listening - 1, "the listener's thread to end")
     assert world.get("Mode") == "Host"
+
+    mark = world.journal.mark()
+    world.hostapd.start()  # not by the daemon: nobody has told it
+    world.settle()
+    assert world.journal.count(hostapd_request("ATTACH"), mark) == 0
+    assert threads(world) == while_listening - 1
 
 
 def test_farewell_forgets_the_stations_that_left_and_a_band_change_keeps_them(world: World) -> None:
@@ -139,6 +153,21 @@ def test_whether_the_access_point_is_ready_stays_known_after_a_stop(world: World
 
 
 def test_mode_change_ends_the_listener_without_waiting_for_its_time_out(world: World) -> None:
+    """The listener looks at its socket every second, the first time a second after the last event."""
+    attached_up(world)
+    took = []
+    for _ in range(3):
+        mark = receive(world, "AP-ENABLED ")
+        world.set("Mode", "Client")
+        stopping = world.journal.wait_for(log("info", "Stopping Hostapd daemon service"), mark)
+        stopped = world.journal.wait_for(call("LoadUnit", "hostapd.service"), stopping.index)
+        took.append(stopped.when - stopping.when)
+        world.set("Mode", "Host")
+        world.hostapd.wait_attached()
+    assert min(took) < 0.3
+
+
+def test_band_changes_leave_one_connection(world: World) -> None:
     attached_up(world)
     for _ in range(5):
         mark = world.journal.mark()
