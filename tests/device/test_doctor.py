@@ -9,6 +9,7 @@ from bench import Device
 
 DOCTOR = "vantora-doctor"
 TEMPLATE = "/etc/hostapd.conf"
+DHCP_CLIENT = "udhcpc@wlan0.service"
 
 
 def look(device: Device, options: str = "") -> tuple[int, dict[str, Any]]:
@@ -36,17 +37,17 @@ def test_a_template_that_a_person_broke_is_mended_by_what_the_doctor_says(device
     assert text(found, "radio.access-point").endswith("can be an access point, on 2.4 and 5 GHz")
     assert text(found, "hostapd.accepted") == "hostapd itself accepts the template"
 
-    number = int(device.see(f"grep -n '^wpa_key_mgmt=' {TEMPLATE} | cut -d: -f1"))
-    device.see(f"sed -i 's/^wpa_key_mgmt=/wpa_key_mgnt=/' {TEMPLATE}")
+    number = int(device.see(f"grep -n '^acs_num_scans=' {TEMPLATE} | cut -d: -f1"))
+    device.see(f"sed -i 's/^acs_num_scans=/acs_num_scanz=/' {TEMPLATE}")
     status, found = look(device)
     assert status == 2
     assert complaints(found) == [
-        f"bad hostapd.accepted: hostapd refuses line {number} (wpa_key_mgnt): unknown configuration item 'wpa_key_mgnt'"
+        f"bad hostapd.accepted: hostapd refuses line {number} (acs_num_scanz): unknown configuration item 'acs_num_scanz'"
     ]
     told = next(one for one in found["findings"] if one["check"] == "hostapd.accepted")
     assert told["mend"] == f"edit line {number} of {TEMPLATE}"
 
-    device.see(f"sed -i '{number}s/wpa_key_mgnt/wpa_key_mgmt/' {TEMPLATE}")
+    device.see(f"sed -i '{number}s/acs_num_scanz/acs_num_scans/' {TEMPLATE}")
     device.set("SSID", "s", "Mended")
     device.wait_for_access_point()
     assert "ssid[0]=Mended" in device.see("hostapd_cli -i wlan0 status")
@@ -55,13 +56,13 @@ def test_a_template_that_a_person_broke_is_mended_by_what_the_doctor_says(device
 
 
 def test_a_masked_unit_is_unmasked_without_a_question(device: Device) -> None:
-    """udhcpd.service is masked by hand; --fix unmasks it, and systemd can start it again."""
-    device.see("systemctl mask udhcpd.service")
+    """The DHCP client's unit is masked by hand; --fix unmasks it, and systemd knows it again."""
+    device.see(f"systemctl mask {DHCP_CLIENT}")
     status, found = look(device)
-    assert (status, complaints(found)) == (2, ["bad units.udhcpd.service: udhcpd.service is masked"])
+    assert (status, complaints(found)) == (2, [f"bad units.{DHCP_CLIENT}: {DHCP_CLIENT} is masked"])
     status, found = look(device, "--fix")
-    assert found["mended"] == [{"done": True, "text": "unmasked udhcpd.service"}]
-    device.see("systemctl start udhcpd.service")
+    assert found["mended"] == [{"done": True, "text": f"unmasked {DHCP_CLIENT}"}]
+    assert device.see(f"systemctl show --property=LoadState --value {DHCP_CLIENT}").strip() == "loaded"
 
 
 def test_a_report_of_a_booted_device_has_no_passphrase_in_it(device: Device) -> None:
