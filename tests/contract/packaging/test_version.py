@@ -80,7 +80,9 @@ class Clone:
         )
         build = self.folder / "build"
         try:
-            subprocess.run(["cmake", "-S", self.folder, "-B", build], check=True, capture_output=True, timeout=120)
+            subprocess.run(
+                ["cmake", "-G", "Ninja", "-S", self.folder, "-B", build], check=True, capture_output=True, timeout=120
+            )
         finally:
             project.write_text(whole)
         return (build / "version").read_text()
