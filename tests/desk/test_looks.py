@@ -47,9 +47,10 @@ def test_the_names_of_an_office_are_text_wherever_they_are_shown(start: START, l
     device.wait_up()
     page = look(device).opened()
     for name in MARKUP:
-        page.put('#add-form [name="ssid"]', "") if page.one("#add-network").get_attribute("open") else page.one(
-            "#add-network summary"
-        ).click()
+        if page.one("#add-network").get_attribute("open"):
+            page.put('#add-form [name="ssid"]', "")
+        else:
+            page.one("#add-network summary").click()
         page.driver.execute_script("document.querySelector('#add-form [name=ssid]').value = arguments[0]", name)
         page.press("#add-form button")
         page.until_text("#air-answer", "is on the air")

@@ -268,7 +268,7 @@ def test_it_listens_on_the_loopback_address_only(outside: Outside) -> None:
     listening = [
         line.split()[1]
         for name in ("tcp", "tcp6")
-        for line in Path(f"/proc/net/{name}").read_text().splitlines()[1:]
+        for line in Path(f"/proc/net/{name}").read_text(encoding="utf-8").splitlines()[1:]
         if line.split()[3] == "0A"
     ]
     assert [address for address in listening if address.endswith(f":{outside.port:04X}")] == [f"0100007F:{outside.port:04X}"]

@@ -22,7 +22,7 @@ class SlowReader:
         self.asked = asyncio.Event()
         self.arrives = asyncio.Event()
 
-    async def get(self, name: str) -> Variant:
+    async def get(self, _name: str) -> Variant:
         """Read a property: it was false when the daemon answered."""
         self.asked.set()
         await self.arrives.wait()
@@ -37,7 +37,7 @@ def test_what_is_announced_is_newer_than_an_answer_that_was_under_way(monkeypatc
     async def cross() -> dict[str, Any]:
         reader, read = SlowReader(), asyncio.Event()
 
-        async def open_reader(address: str) -> SlowReader:
+        async def open_reader(_address: str) -> SlowReader:
             return reader
 
         monkeypatch.setattr(module.Client, "open", open_reader)

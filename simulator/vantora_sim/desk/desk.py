@@ -55,8 +55,8 @@ class Desk:
         self._addresses = Addresses(world, self.recording, self._touch)
         self._addresses.start()
         self.state: dict[str, Any] = {}
+        # Counts how often state or surface have changed.
         self.version = 0
-        """Counts how often state or surface have changed."""
         self._position = world.journal.mark()
         self._loop.run(self._start())
         self._open = True
