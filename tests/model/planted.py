@@ -43,7 +43,7 @@ class Fault:
     @staticmethod
     def read() -> "list[Fault]":
         """All of them."""
-        tables = tomllib.loads(FAULTS.read_text())["fault"]
+        tables = tomllib.loads(FAULTS.read_text(encoding="utf-8"))["fault"]
         return [Fault(table["name"], table["shows"], tuple(table["change"])) for table in tables]
 
 
@@ -55,7 +55,7 @@ def find(tree: Tree, fault: Fault, seed: int, most: int) -> tuple[Found | None, 
         if not tree.make(TARGETS):
             raise Failure(f"{fault.name}: does not build")
         search = Search(tree.build, seed, lambda line: print(f"   {line}", flush=True), shortening=SHORTENING)
-        search.search(steps=most, until=lambda found: fault.is_shown_by(found))
+        search.search(steps=most, until=fault.is_shown_by)
         return next(filter(fault.is_shown_by, search.found), None), search
 
 

@@ -152,7 +152,7 @@ class Stage(Neighbours):
 
     def follows_addresses(self) -> bool:
         """Whether somebody in the device follows the kernel's addresses."""
-        sockets = Path(f"/proc/{self.world.sandbox.init}/net/netlink").read_text()
+        sockets = Path(f"/proc/{self.world.sandbox.init}/net/netlink").read_text(encoding="utf-8")
         return any(line.split()[3] == "00000011" for line in sockets.splitlines()[1:])
 
     def _check_addresses(self) -> None:
