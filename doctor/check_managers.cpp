@@ -4,6 +4,8 @@
 #include <string_view>
 #include <vector>
 
+#include "dhcpcd_options.hpp"
+#include "interface_patterns.hpp"
 #include "service_manager.hpp"
 #include "text_lines.hpp"
 
@@ -104,27 +106,47 @@ bool check_connman(const View& view, Findings& findings)
     return true;
 }
 
-/** dhcpcd has no interface to be asked on: it runs, and its file does not keep it off. */
+/** dhcpcd has no interface to be asked on: it runs, and neither its command line nor its file keeps it off.
+ */
 bool check_dhcpcd(const View& view, Findings& findings)
 {
-    const bool runs = Unit::look_up(view.system, "dhcpcd.service").is_active() ||
-                      Unit::look_up(view.system, "dhcpcd@wlan0.service").is_active();
-    if (!runs) {
-        return false;
-    }
-    for (const std::string& line : lines_of(view.files.read("/etc/dhcpcd.conf").text)) {
-        const std::string_view bare = trimmed(line);
-        if (bare.starts_with("denyinterfaces") &&
-            (bare.find("wlan0") != std::string_view::npos || bare.find("wlan*") != std::string_view::npos)) {
-            return false;
+    for (const char* const name : {"dhcpcd.service", "dhcpcd@wlan0.service"}) {
+        const Unit unit = Unit::look_up(view.system, name);
+        if (!unit.is_active()) {
+            continue;
+        }
+        DhcpcdOptions options;
+        for (const std::vector<std::string>& words : unit.starts()) {
+            options.add_command_line(words);
+        }
+        options.add_file(view.files.read(options.file()).text);
+        if (!options.leaves_alone("wlan0")) {
+            held("dhcpcd", "dhcpcd runs and is not told to leave wlan0 alone",
+                 "put \"denyinterfaces wlan0\" into " + options.file() + ", then systemctl restart " + name,
+                 findings);
+            return true;
         }
     }
-    held("dhcpcd", "dhcpcd runs and is not told to leave wlan0 alone",
-         "put \"denyinterfaces wlan0\" into /etc/dhcpcd.conf, then systemctl restart dhcpcd", findings);
-    return true;
+    return false;
 }
 
-/** ifupdown is no daemon: what counts is what its files say. */
+/** Whether what starts ifupdown, at boot and when the interface appears, is told to pass wlan0 over. */
+bool ifupdown_is_kept_off(const View& view)
+{
+    std::string excluded = Unit::look_up(view.system, "networking.service").variable("EXCLUDE_INTERFACES");
+    // The unit reads this file, and what is in it holds.
+    constexpr std::string_view kVariable = "EXCLUDE_INTERFACES=";
+    for (const std::string& line : lines_of(view.files.read("/etc/default/networking").text)) {
+        const std::string_view bare = trimmed(line);
+        if (bare.starts_with(kVariable)) {
+            excluded = bare.substr(kVariable.size());
+            std::erase_if(excluded, [](char character) { return character == '"' || character == '\''; });
+        }
+    }
+    return has_pattern_for(excluded, "wlan0") && Unit::look_up(view.system, "ifup@wlan0.service").is_masked();
+}
+
+/** ifupdown is no daemon: what counts is what its files say, and what starts it. */
 bool check_ifupdown(const View& view, Findings& findings)
 {
     std::vector<std::string> files = {"/etc/network/interfaces"};
@@ -138,6 +160,9 @@ bool check_ifupdown(const View& view, Findings& findings)
             const std::string_view bare = trimmed(line);
             if (!bare.starts_with("iface wlan0 ") || bare.ends_with(" manual")) {
                 continue;
+            }
+            if (ifupdown_is_kept_off(view)) {
+                return false;
             }
             held("ifupdown", "ifupdown configures wlan0: line " + std::to_string(number) + " of " + file,
                  "take the lines about wlan0 out of " + file, findings);

@@ -1,6 +1,6 @@
 #include "service_manager.hpp"
 
-#include <array>
+#include <vector>
 
 namespace doctor {
 
@@ -8,31 +8,43 @@ namespace {
 
 constexpr const char* kSystemd = "org.freedesktop.systemd1";
 
-/** The words of one command line: (sasb...) as ExecStart has it. */
-std::string command_line(const Json& command)
+using CommandLines = std::vector<std::vector<std::string>>;
+
+Target service(const std::string& path)
 {
-    std::string line;
-    if (command.is_array() && command.size() > 1 && command[1].is_array()) {
-        for (const Json& word : command[1]) {
-            line += (line.empty() ? "" : " ") + (word.is_string() ? word.get<std::string>() : "");
-        }
-    }
-    return line;
+    return {kSystemd, path, "org.freedesktop.systemd1.Service"};
 }
 
-std::string command_lines(Bus& bus, const std::string& path)
+/** The words of each command of a property: (sasb...) as ExecStart has it. */
+CommandLines command_lines(Bus& bus, const std::string& path, const char* property)
 {
-    std::string lines;
-    for (const char* const property : {"ExecStartPre", "ExecStart"}) {
-        const Reply reply = bus.property({kSystemd, path, "org.freedesktop.systemd1.Service"}, property);
-        if (!reply.value().is_array()) {
-            continue;
-        }
-        for (const Json& command : reply.value()) {
-            lines += command_line(command) + "\n";
+    CommandLines lines;
+    const Reply reply = bus.property(service(path), property);
+    if (!reply.value().is_array()) {
+        return lines;
+    }
+    for (const Json& command : reply.value()) {
+        std::vector<std::string>& words = lines.emplace_back();
+        if (command.is_array() && command.size() > 1 && command[1].is_array()) {
+            for (const Json& word : command[1]) {
+                words.push_back(word.is_string() ? word.get<std::string>() : "");
+            }
         }
     }
     return lines;
+}
+
+std::string joined(const CommandLines& lines)
+{
+    std::string text;
+    for (const std::vector<std::string>& words : lines) {
+        std::string line;
+        for (const std::string& word : words) {
+            line += (line.empty() ? "" : " ") + word;
+        }
+        text += line + "\n";
+    }
+    return text;
 }
 
 } // namespace
@@ -58,12 +70,14 @@ Unit Unit::look_up(Bus& bus, const std::string& name)
     }
     unit.properties_ = all.value();
     if (unit.is_loaded()) {
-        unit.commands_ = command_lines(bus, path.word());
-        // How often it was restarted is a matter of services, not of units.
-        const Reply restarts =
-            bus.property({kSystemd, path.word(), "org.freedesktop.systemd1.Service"}, "NRestarts");
-        if (restarts.value().is_number_unsigned()) {
-            unit.properties_["NRestarts"] = restarts.value();
+        unit.starts_ = command_lines(bus, path.word(), "ExecStart");
+        unit.commands_ = joined(command_lines(bus, path.word(), "ExecStartPre")) + joined(unit.starts_);
+        // How often it was restarted and with which environment are matters of services, not of units.
+        for (const char* const property : {"NRestarts", "Environment"}) {
+            const Reply reply = bus.property(service(path.word()), property);
+            if (reply.answered()) {
+                unit.properties_[property] = reply.value();
+            }
         }
     }
     return unit;
@@ -85,6 +99,22 @@ bool Unit::truth(const char* property) const
 {
     const auto found = properties_.find(property);
     return found != properties_.end() && found->is_boolean() && found->get<bool>();
+}
+
+std::string Unit::variable(std::string_view name) const
+{
+    std::string value;
+    const auto found = properties_.find("Environment");
+    if (found == properties_.end() || !found->is_array()) {
+        return value;
+    }
+    const std::string start = std::string(name) + "=";
+    for (const Json& assignment : *found) {
+        if (assignment.is_string() && assignment.get_ref<const std::string&>().starts_with(start)) {
+            value = assignment.get<std::string>().substr(start.size());
+        }
+    }
+    return value;
 }
 
 } // namespace doctor

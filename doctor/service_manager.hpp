@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "bus.hpp"
 
@@ -35,11 +36,19 @@ public:
      */
     const std::string& commands() const { return commands_; }
 
+    /** The words of each ExecStart=, drop-ins included; none when that cannot be asked. */
+    const std::vector<std::vector<std::string>>& starts() const { return starts_; }
+
+    /** A variable of its Environment=, drop-ins included; empty without one. Files of variables are not read.
+     */
+    std::string variable(std::string_view name) const;
+
 private:
     std::string name_;
     std::string failure_;
     Json properties_ = Json::object();
     std::string commands_;
+    std::vector<std::vector<std::string>> starts_;
 };
 
 /** The manager's object. */

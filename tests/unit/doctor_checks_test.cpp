@@ -157,6 +157,106 @@ INSTANTIATE_TEST_SUITE_P(
                },
                "warning interfaces.eth0: there is no interface eth0", 1, "eth0"}));
 
+/** What the package for devices does: at boot by a variable, and later by a mask. */
+void keep_ifupdown_off(HealthyDevice& device)
+{
+    device.system.unit("networking.service")["ActiveState"] = "active";
+    device.system.answers["Get /unit/networking.service org.freedesktop.systemd1.Service Environment"] =
+        PlayedBus::answered(Json::array({"PATH=/bin", "EXCLUDE_INTERFACES=wlan0"}));
+    device.system.unit("ifup@wlan0.service")["LoadState"] = "masked";
+}
+
+/** Another manager that runs, and is kept off wlan0. */
+struct KeptOff
+{
+    const char* name;
+    std::function<void(HealthyDevice&)> act;
+};
+
+void PrintTo(const KeptOff& manager, std::ostream* out)
+{
+    *out << manager.name;
+}
+
+class DoctorIsContentWith : public testing::TestWithParam<KeptOff>
+{
+};
+
+TEST_P(DoctorIsContentWith, AManagerThatLeavesWlan0Alone)
+{
+    HealthyDevice device;
+    GetParam().act(device);
+    EXPECT_THAT(device.complaints(), IsEmpty());
+}
+
+/** dhcpcd runs, started like this. */
+void run_dhcpcd(HealthyDevice& device, const std::vector<std::string>& words)
+{
+    device.system.unit("dhcpcd.service")["ActiveState"] = "active";
+    device.system.runs("dhcpcd.service", words);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Managers, DoctorIsContentWith,
+    testing::Values(
+        KeptOff{"NetworkManager",
+                [](HealthyDevice& device) {
+                    device.system.owns("org.freedesktop.NetworkManager");
+                    device.system.answers["GetDeviceByIpIface wlan0"] = PlayedBus::answered("/device/1");
+                    device.system.answers["Get /device/1 org.freedesktop.NetworkManager.Device Managed"] =
+                        PlayedBus::answered(false);
+                }},
+        KeptOff{"networkd",
+                [](HealthyDevice& device) {
+                    device.system.owns("org.freedesktop.network1");
+                    device.system.answers["GetLinkByName wlan0"] = {doctor::Reply::Kind::Answered,
+                                                                    Json::array({3, "/link/_33"}), "", ""};
+                    device.system.answers["Get /link/_33 org.freedesktop.network1.Link AdministrativeState"] =
+                        PlayedBus::answered("unmanaged");
+                }},
+        KeptOff{"connman",
+                [](HealthyDevice& device) {
+                    device.system.owns("net.connman");
+                    device.root.write("etc/connman/main.conf", "NetworkInterfaceBlacklist=wlan\n");
+                }},
+        KeptOff{"dhcpcd by its command line",
+                [](HealthyDevice& device) {
+                    run_dhcpcd(device, {"/usr/sbin/dhcpcd", "-q", "-b", "-Z", "wlan0"});
+                }},
+        KeptOff{"dhcpcd by its command line, briefly",
+                [](HealthyDevice& device) {
+                    run_dhcpcd(device, {"/usr/sbin/dhcpcd", "-qbZeth1,wl*"});
+                }},
+        KeptOff{"dhcpcd by its command line, at length",
+                [](HealthyDevice& device) {
+                    run_dhcpcd(device, {"/usr/sbin/dhcpcd", "--quiet", "--denyinterfaces", "eth1 wlan0"});
+                }},
+        KeptOff{"dhcpcd that may have a cable only",
+                [](HealthyDevice& device) {
+                    run_dhcpcd(device, {"/usr/sbin/dhcpcd", "--allowinterfaces=e*"});
+                }},
+        KeptOff{"dhcpcd by its file",
+                [](HealthyDevice& device) {
+                    run_dhcpcd(device, {"/usr/sbin/dhcpcd", "-q", "-b"});
+                    device.root.write("etc/dhcpcd.conf", "hostname\n denyinterfaces\tveth* wlan0\n");
+                }},
+        KeptOff{"dhcpcd by a file of another name",
+                [](HealthyDevice& device) {
+                    run_dhcpcd(device, {"/usr/sbin/dhcpcd", "-f", "/etc/other.conf"});
+                    device.root.write("etc/other.conf", "denyinterfaces wlan0\n");
+                }},
+        KeptOff{"ifupdown",
+                [](HealthyDevice& device) {
+                    device.root.write("etc/network/interfaces",
+                                      "auto wlan0\nallow-hotplug wlan0\niface wlan0 inet dhcp\n");
+                    keep_ifupdown_off(device);
+                }},
+        KeptOff{"ifupdown by a file", [](HealthyDevice& device) {
+                    device.root.write("etc/network/interfaces", "auto wlan0\niface wlan0 inet dhcp\n");
+                    device.system.unit("ifup@wlan0.service")["LoadState"] = "masked";
+                    device.root.write("etc/default/networking", "EXCLUDE_INTERFACES=\"eth1 wlan0\"\n");
+                }}));
+
 INSTANTIATE_TEST_SUITE_P(
     Managers, DoctorFindsBroken,
     testing::Values(
@@ -192,6 +292,23 @@ INSTANTIATE_TEST_SUITE_P(
                [](HealthyDevice& device) { device.system.unit("dhcpcd.service")["ActiveState"] = "active"; },
                "bad managers.dhcpcd: dhcpcd runs and is not told to leave wlan0 alone", 2,
                "denyinterfaces wlan0"},
+        Broken{"dhcpcd that is kept off another interface",
+               [](HealthyDevice& device) {
+                   device.system.unit("dhcpcd.service")["ActiveState"] = "active";
+                   device.system.runs("dhcpcd.service", {"/usr/sbin/dhcpcd", "-qbZ", "wlan1,eth*", "wlan0"});
+                   device.root.write("etc/dhcpcd.conf", "interface eth0\ndenyinterfaces wlan0\n");
+               },
+               "bad managers.dhcpcd: dhcpcd runs and is not told to leave wlan0 alone", 2,
+               "into /etc/dhcpcd.conf, then systemctl restart dhcpcd.service"},
+        Broken{"dhcpcd of wlan0 alone, with a file of its own",
+               [](HealthyDevice& device) {
+                   device.system.unit("dhcpcd@wlan0.service")["ActiveState"] = "active";
+                   device.system.runs("dhcpcd@wlan0.service",
+                                      {"/usr/sbin/dhcpcd", "--config=/etc/radio.conf", "-w", "wlan0"});
+                   device.root.write("etc/dhcpcd.conf", "denyinterfaces wlan0\n");
+               },
+               "bad managers.dhcpcd: dhcpcd runs and is not told to leave wlan0 alone", 2,
+               "into /etc/radio.conf, then systemctl restart dhcpcd@wlan0.service"},
         Broken{"ifupdown",
                [](HealthyDevice& device) {
                    device.root.write("etc/network/interfaces", "auto lo\n");
@@ -200,6 +317,24 @@ INSTANTIATE_TEST_SUITE_P(
                },
                "bad managers.ifupdown: ifupdown configures wlan0: line 2 of /etc/network/interfaces.d/radio",
                2, "/etc/network/interfaces.d/radio"},
+        Broken{"ifupdown that leaves wlan0 alone at boot only",
+               [](HealthyDevice& device) {
+                   device.root.write("etc/network/interfaces",
+                                     "allow-hotplug wlan0\niface wlan0 inet dhcp\n");
+                   keep_ifupdown_off(device);
+                   device.system.unit("ifup@wlan0.service")["LoadState"] = "loaded";
+               },
+               "bad managers.ifupdown: ifupdown configures wlan0: line 2 of /etc/network/interfaces", 2,
+               "/etc/network/interfaces"},
+        Broken{"ifupdown that a person has told otherwise",
+               [](HealthyDevice& device) {
+                   device.root.write("etc/network/interfaces", "auto wlan0\niface wlan0 inet dhcp\n");
+                   keep_ifupdown_off(device);
+                   device.root.write("etc/default/networking",
+                                     "#EXCLUDE_INTERFACES=wlan0\nEXCLUDE_INTERFACES=\"eth1\"\n");
+               },
+               "bad managers.ifupdown: ifupdown configures wlan0: line 2 of /etc/network/interfaces", 2,
+               "/etc/network/interfaces"},
         Broken{"Debian's station",
                [](HealthyDevice& device) {
                    device.system.unit("wpa_supplicant.service")["UnitFileState"] = "enabled";
