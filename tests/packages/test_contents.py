@@ -31,13 +31,13 @@ FILES = {
         "/etc/korrin/udhcpd_eth0.service",
         "/etc/korrin/udhcpd_wlan0.conf",
         "/etc/wpa_supplicant/wpa_supplicant-nl80211-wlan0.conf",
-        "/lib/systemd/system/udhcpc@.service",
-        "/lib/systemd/system/vantora-access-point-retry.service",
-        "/lib/systemd/system/vantora-device-passphrase.service",
         "/usr/lib/NetworkManager/conf.d/vantora-device.conf",
         "/usr/lib/systemd/network/00-vantora-device.network",
         "/usr/lib/systemd/network/10-vantora-device.link",
         "/usr/lib/systemd/system-generators/vantora-device-generator",
+        "/usr/lib/systemd/system/udhcpc@.service",
+        "/usr/lib/systemd/system/vantora-access-point-retry.service",
+        "/usr/lib/systemd/system/vantora-device-passphrase.service",
         *(f"/usr/libexec/vantora-device/{path.name}" for path in (ROOT / "packaging/device/libexec").iterdir()),
         *(f"/usr/share/vantora-device/units/{path.name}" for path in (ROOT / "packaging/device/units").iterdir()),
     },
@@ -261,5 +261,5 @@ def test_on_a_running_system_wlan0_is_left_alone_until_the_next_boot(unpacked: d
     # Before the files are there: another package's installation may have systemd read them.
     script = (unpacked[name] / "DEBIAN/preinst").read_text()
     assert '"$1" = install ]' in script and ": >/run/vantora-network.wait-for-boot" in script
-    unit = (unpacked["vantora-network"] / "lib/systemd/system/vantora-network.service").read_text()
+    unit = (unpacked["vantora-network"] / "usr/lib/systemd/system/vantora-network.service").read_text()
     assert "\nConditionPathExists=!/run/vantora-network.wait-for-boot\n" in unit

@@ -38,6 +38,7 @@ def outside_packages(packages: dict[str, Package]) -> str:
 
 def as_version_1(package: Package, folder: Path) -> None:
     """Make the same package with the version that all had before they grew with the commits."""
+    (folder / "unpacked").mkdir(parents=True)
     root = package.unpack(folder / "unpacked" / package.path.stem)
     control = root / "DEBIAN/control"
     control.write_text(re.sub(r"^Version: .*$", "Version: 1.0.0", control.read_text(), flags=re.MULTILINE))
