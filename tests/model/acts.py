@@ -102,6 +102,20 @@ VALUES = st.one_of(
 BABBLE = st.sampled_from((b"", b"AP-STA-POSSIBLE-PSK-MISMATCH 02:00:00:00:50:00", b"\xff" * 8))
 BUSES = st.sampled_from(("", "tcp:host=127.0.0.1,port=1", "unixexec:path=/bin/false", "unix:path=/none", "none"))
 CALLS = st.sampled_from(("write", "open", "fsync", "rename", "unlink", "read"))
+STEPS_OF_A_WRITE = st.sampled_from(
+    (
+        ("fsync", 1),
+        ("fsync", 0),
+        ("write", 0),
+        ("open", 0),
+        ("open", 1),
+        ("rename", 0),
+        ("unlink", 0),
+        ("unlink", 1),
+        ("read", 0),
+    )
+)
+"""Calls of the settings daemon by name and how many of the name go before: the new file's, the exchange, and the folder's."""
 ERRORS = st.sampled_from((errno.EIO, errno.ENOSPC, errno.EMFILE))
 
 
@@ -193,9 +207,11 @@ HARM: Acts = (
     (1, _act("user_bus_restarts")),
     (1, _act("radio_is_switched_off_by_hand")),
     (1, _act("configuration_cannot_be_written", CALLS, st.integers(0, 2), ERRORS)),
-    (4, _act("settings_cannot_be_written", CALLS, st.integers(0, 2), ERRORS)),
 )
 """What it need not get over by itself, or may complain of: once that is over, its mode is set anew before it is judged."""
+
+HARM_TO_SETTINGS: Acts = ((4, _act_of("settings_cannot_be_written", STEPS_OF_A_WRITE, ERRORS)),)
+"""The same, where the settings daemon is the real one."""
 
 LONGEST, PARTS = 24, 4
 LEAST_KINDS, MOST_KINDS = 5, 16
@@ -204,15 +220,18 @@ LEAST_KINDS, MOST_KINDS = 5, 16
 @st.composite
 def runs(draw: st.DrawFn) -> Run:
     """A run of some length, of a few kinds of acts: two that matter together meet far more often than among all kinds."""
-    acts = USUAL + HARM if draw(st.booleans()) else USUAL
+    harm = draw(st.booleans())
+    acts = USUAL + HARM if harm else USUAL
+    real_settings = draw(st.integers(0, 2)) == 2
     chosen = draw(st.sets(st.integers(1, len(acts) - 1), min_size=LEAST_KINDS, max_size=MOST_KINDS))
-    kinds = [strategy for number in (0, *sorted(chosen)) for weight, strategy in (acts[number],) for _ in range(weight)]
+    drawn = tuple(acts[number] for number in (0, *sorted(chosen))) + (HARM_TO_SETTINGS if harm and real_settings else ())
+    kinds = [strategy for weight, strategy in drawn for _ in range(weight)]
     # Several lists, since one would be short as a rule.
     parts = [draw(st.lists(st.one_of(kinds), max_size=LONGEST)) for _ in range(PARTS)]
     return Run(
         draw(st.sampled_from(("Host", "Host", "Client"))),
         draw(st.booleans()),
-        draw(st.integers(0, 2)) == 2,
+        real_settings,
         draw(st.integers(0, 3)) == 3,
         tuple(act for part in parts for act in part),
     )
