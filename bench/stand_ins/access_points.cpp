@@ -1,13 +1,17 @@
 // Takes the place of wpa_supplicant on the system bus, as far as the list of access points goes: as many BSS
 // objects as its argument says, with the properties and the types that wpa_supplicant gives them. It owns
-// both names; with "newer" behind the number only that one.
+// both names; with "newer" behind the number only that one. With "late" it answers when whoever asks is
+// asleep already, so that each answer is looked for once in vain: instructions are counted then, and must be
+// the same ones.
 
 #include <array>
+#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <string_view>
+#include <thread>
 
 #include "bare_bus.hpp"
 #include "names.hpp"
@@ -21,7 +25,10 @@ constexpr std::array<uint32_t, 8> kRates = {54'000'000, 48'000'000, 36'000'000, 
 /** About as many as a beacon has. */
 constexpr std::array<uint8_t, 180> kElements = {};
 
+constexpr std::chrono::milliseconds kLate(2);
+
 int count = 0;
+bool isLate = false;
 
 std::string bss_prefix()
 {
@@ -98,6 +105,9 @@ int answer(sd_bus_message* call, void*, sd_bus_error*)
     } else {
         return 0;
     }
+    if (isLate) {
+        std::this_thread::sleep_for(kLate);
+    }
     return sd_bus_send(nullptr, reply.get(), nullptr);
 }
 
@@ -106,8 +116,10 @@ int answer(sd_bus_message* call, void*, sd_bus_error*)
 int main(int argc, char** argv)
 {
     const BareBusPtr bus = open_bare_bus(sd_bus_open_system);
-    const bool newerNameOnly = argc == 3 && std::string_view(argv[2]) == "newer";
-    if ((argc != 2 && !newerNameOnly) || !bus) {
+    const std::string_view manner = argc == 3 ? argv[2] : "";
+    const bool newerNameOnly = manner == "newer";
+    isLate = manner == "late";
+    if ((argc != 2 && !newerNameOnly && !isLate) || !bus) {
         return EXIT_FAILURE;
     }
     count = std::atoi(argv[1]);

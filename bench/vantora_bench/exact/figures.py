@@ -49,7 +49,7 @@ class _Request:
 
 
 _HOST = (
-    _Request("event", "event", {"floor": f"commands:{_STATION_EVENT}"}, 20),
+    _Request("event", "event", {"floor": f"commands:{_STATION_EVENT}"}, 40),
     _Request(_PROPERTY, f"get:{DAEMON}:{_PROPERTY}", {}, 200),
     _Request("Mode", f"get:{DAEMON}:Mode", {"floor": f"commands:{MODE}"}, 20),
     _Request("GetAll", f"getall:{DAEMON}", {"floor": f"commands:{GET_ALL}"}, 4),
@@ -205,7 +205,7 @@ def _client_instructions(build: Path) -> Figures:
         beat = _cost_of_a_beat(counting, daemon)
         for count in (10, 100, 1000):
             request = _lists(count)
-            stand_in = counting.device.start_stand_in("access-points", str(count))
+            stand_in = counting.device.start_stand_in("access-points", str(count), "late")
             found[request.figure] = {
                 "daemon": _window(counting, daemon, _NETWORK, request.subject, request.times, beat),
                 **{floor: counting.bare(subject, request.times) for floor, subject in request.floors.items()},
@@ -220,13 +220,13 @@ def _client_calls(build: Path) -> Figures:
         counting.up(counting.strace.wrap(build / _NETWORK))
         for count in (10, 100, 1000):
             request = _lists(count)
-            stand_in = counting.device.start_stand_in("access-points", str(count))
+            stand_in = counting.device.start_stand_in("access-points", str(count), "late")
             found[request.figure] = {"daemon": _traced(counting, _NETWORK, request.subject, 1)}
             stand_in.stop()
     with _booted(build, "Client") as counting:
         daemon = counting.up(counting.dhat.wrap(build / _NETWORK))
         request = _lists(1000)
-        counting.device.start_stand_in("access-points", "1000")
+        counting.device.start_stand_in("access-points", "1000", "late")
         counting.ask(request.subject, 1)
         daemon.stop(timeout=_PATIENCE)
         measure = build / _MEASURE

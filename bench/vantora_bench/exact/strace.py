@@ -62,6 +62,16 @@ def _waits(lines: list[str], begun: str) -> bool:
     return bool(main) and "epoll_wait(" in after and after.endswith("<unfinished ...>") and not begun.startswith(main[0])
 
 
+def until_ready(lines: list[str]) -> list[str]:
+    """What comes before the program has said that it is ready, and that. Another thread's call may stand in its middle."""
+    said = next(number for number, line in enumerate(lines) if _READY in line)
+    if not lines[said].endswith("<unfinished ...>"):
+        return lines[: said + 1]
+    thread = lines[said].split(maxsplit=1)[0]
+    returned = next(number for number, line in enumerate(lines) if number > said and line.split(maxsplit=1)[0] == thread)
+    return [line for number, line in enumerate(lines[: returned + 1]) if number <= said or number == returned]
+
+
 class Strace:
     """Runs programs of one world under strace."""
 
@@ -86,8 +96,7 @@ class Strace:
         lines = self._file(program).read_text(errors="replace").splitlines()
         self._file(program).unlink()
         if until_ready:
-            last = next(number for number, line in enumerate(lines) if _READY in line)
-            lines = lines[: last + 1]
+            lines = until_ready(lines)
         trace = Trace()
         return trace.counts(trace.rest(trace.window(lines)))
 

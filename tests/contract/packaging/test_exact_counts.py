@@ -15,6 +15,7 @@ from vantora_bench.exact.baseline import Baseline  # noqa: E402
 from vantora_bench.exact.callgrind import Profile  # noqa: E402
 from vantora_bench.exact.cli import report  # noqa: E402
 from vantora_bench.exact.counts import Counts, difference, tidy, total  # noqa: E402
+from vantora_bench.exact.strace import until_ready  # noqa: E402
 from vantora_bench.exact.trace import Trace  # noqa: E402
 
 MADE_WITH = {"compiler": "c++ 12.2.0", "libc6": "2.36"}
@@ -108,6 +109,25 @@ def test_what_is_written_is_read_again(tmp_path: Path) -> None:
     path = tmp_path / "baseline.toml"
     baseline({"calls.read": 2.5}).save(path)
     assert Baseline.load(path) == baseline({"calls.read": 2.5})
+
+
+def test_the_baseline_of_this_tree_can_be_read_and_holds_every_figure() -> None:
+    kept = Baseline.load(ROOT / "bench/baseline.toml")
+    assert {"compiler", "libc6", "libsystemd0", "valgrind"} <= set(kept.made_with)
+    assert {
+        "start to READY=1",
+        "WiFiAccessPointInitialised",
+        "Mode",
+        "GetAll",
+        "AccessPoints, 10 BSSs",
+        "AccessPoints, 100 BSSs",
+        "AccessPoints, 1,000 BSSs",
+        "event",
+        "20 stations leave",
+        "a setting stored",
+        "vantora-wifi status",
+    } <= set(kept.figures)
+    assert all("floor" in sides for sides in kept.figures.values())
 
 
 def test_check_without_exact_is_refused() -> None:
@@ -246,3 +266,21 @@ def test_a_listener_counts_when_something_came() -> None:
     assert "calls.pselect6" not in without
     found = difference(counted(START, thread, idle, event, idle), without, 1)
     assert tidy(found) == {"calls.pselect6": 1, "calls.recvfrom": 1, "waits": 1}
+
+
+READY = hexadecimal(b"READY=1")
+
+
+@pytest.mark.parametrize(
+    "said",
+    [
+        [f'7 sendmsg(4, {{iov_base="{READY}"}}) = 7'],
+        [f'7 sendmsg(4, {{iov_base="{READY}"}} <unfinished ...>', "9 pselect6(5) = 0", "7 <... sendmsg resumed>) = 7"],
+    ],
+    ids=["in one line", "with another thread's call in between"],
+)
+def test_a_start_ends_with_the_word_that_it_is_over(said: list[str]) -> None:
+    counts = Trace()
+    window = counts.window(until_ready([*START.splitlines(), *said, "7 close(4) = 0"]))
+    found = counts.counts(counts.rest(window))
+    assert (found["calls.sendmsg"], "calls.close" in found, "calls.pselect6" in found) == (1, False, False)
