@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import asyncio
+import contextlib
 import socket
 from collections.abc import Awaitable, Callable
 from dataclasses import dataclass
@@ -202,6 +203,13 @@ class DBusFake:
         bus, self._bus = self._bus, None
         if bus is not None:
             await disconnect(bus)
+
+    async def arrived(self) -> None:
+        """Return when all that it has sent waits at its receivers: the bus answers only after what came before."""
+        bus = self._bus
+        if bus is not None and bus.connected:
+            with contextlib.suppress(OSError, EOFError):  # the bus has just been taken away
+                await bus.call(Message("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "GetId"))
 
     def end(self) -> None:
         """Give up everything still in progress (on the loop)."""

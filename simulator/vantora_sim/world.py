@@ -319,13 +319,14 @@ class World:
     def settle(self) -> None:
         """Return when the daemon's main loop has handled everything that had reached it, and the journal shows it.
 
-        Not by waiting a while: the daemon answers a ping only after what came before it. Its listener threads are not
-        covered: wait for their log lines.
+        Not by waiting a while: the daemon answers a ping only after what came before it, and what the settings daemon has
+        announced is there before it is pinged. Its listener threads are not covered: wait for their log lines.
         """
         assert self._client
 
         async def rounds() -> None:
             assert self._client
+            await self.settings.arrived()
             for _ in range(3):
                 await self._client.ping()
             await self._catch_up()
