@@ -141,6 +141,27 @@ class World:
             f"{', hidden' if hidden else ''}{', WPA2' if passphrase else ', open'}",
         )
 
+    def crowd(self, ssids: list[str], *, radio: int) -> None:
+        """Puts many open access points on air with one radio."""
+        first, *others = ssids
+        lines = [
+            f"interface=wlan{radio}",
+            "driver=nl80211",
+            f"ctrl_interface=/run/ap{radio}",
+            f"ssid={first}",
+            "hw_mode=g",
+            "channel=1",
+        ]
+        for number, ssid in enumerate(others):
+            lines += [f"bss=wlan{radio}c{number}", f"ssid={ssid}"]
+        configuration = shlex.quote("\n".join(lines) + "\n")
+        self.guest.run(
+            f"printf %s {configuration} >/run/ap{radio}.conf && {IN_WORLD} hostapd -B -t -P /run/ap{radio}.pid "
+            f"-f /run/ap{radio}.log /run/ap{radio}.conf"
+        )
+        self.guest.wait_until(f"{IN_WORLD} hostapd_cli -p /run/ap{radio} -i wlan{radio} status | grep -x state=ENABLED")
+        self.device.evidence.add(TOOL, f"world: {len(ssids)} open access points on channel 1")
+
     def access_point_command(self, command: str, *, radio: int) -> str:
         """Tells or asks an access point's hostapd."""
         return self.see(f"hostapd_cli -p /run/ap{radio} -i wlan{radio} {command}")
