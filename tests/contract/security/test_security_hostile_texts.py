@@ -81,8 +81,11 @@ def test_identity_of_the_device_template_and_kernel_command_line(guarded: Guarde
     world.settings.remove("device", "deviceName")
     world.up()
     assert "touch /tmp/c" in world.get("SSID")
+    world.settle()
+    mark = world.journal.mark()
     world.add_address("10.1.2.3/24", "eth0")
-    world.journal.wait_for(log("info", "Successfully stopped and disabled udhcpd_eth0.service"))
+    world.journal.wait_for(log("info", "Successfully stopped and disabled udhcpd_eth0.service"), mark)
+    assert world.journal.count(call("EnableUnitFiles"), mark) == 0, "the root is on the network, whatever stands behind it"
 
 
 def test_networks_in_the_air_and_states_of_wpa_supplicant(guarded: Guarded) -> None:
