@@ -113,8 +113,8 @@ class Systemd(DBusFake):
 
     def _unmask(self, names: list[str]) -> tuple[str, list[Any]]:
         for name in names:
-            for property in ("LoadState", "UnitFileState"):
-                self.described.get(name, {}).pop(property, None)
+            for what in ("LoadState", "UnitFileState"):
+                self.described.get(name, {}).pop(what, None)
         return "a(sss)", [[["unlink", f"/etc/systemd/system/{name}", ""] for name in names]]
 
     def _start(self, name: str) -> tuple[str, list[Any]]:

@@ -103,7 +103,7 @@ class Callgrind:
         return profiles
 
     def _tell(self, process: Process, command: str) -> None:
-        inside = re.search(r"^NSpid:.*\s(\d+)$", Path(f"/proc/{process.pid}/status").read_text(), re.MULTILINE)
+        inside = re.search(r"^NSpid:.*\s(\d+)$", Path(f"/proc/{process.pid}/status").read_text(encoding="utf-8"), re.MULTILINE)
         assert inside
         told = self._world.sandbox.run(
             ["/usr/bin/vgdb", "--vgdb-prefix=/tmp/vgdb", f"--pid={inside[1]}", "--wait=60", command], timeout=300

@@ -93,14 +93,15 @@ class _Counting:
     def bare(self, subject: str, times: int) -> Counts:
         """What the measuring program itself takes for something that it does on its own, as floors do."""
         program = self.build / _MEASURE
-        found: list[Counts] = []
-        for number in (times, 2 * times):
+
+        def count(number: int) -> Counts:
             self.run([self.callgrind.wrap(program), "--count", number, subject])
             instructions = counts_of(self.callgrind.take(program.name)[0], 1)
             few = max(1, times // 10) * number // times
             self.run([self.strace.wrap(program), "--count", few, subject])
-            found.append(total(instructions, {"few": few}, self.strace.whole(program)))
-        less, more = found
+            return total(instructions, {"few": few}, self.strace.whole(program))
+
+        less, more = count(times), count(2 * times)
         few = int(less.pop("few"))
         more.pop("few")
         measured = {"instructions", "allocations"}

@@ -43,7 +43,7 @@ class Traced:
                 file.seek(self._read)
                 text = self._rest + file.read()
                 self._read = file.tell()
-            whole, newline, self._rest = text.rpartition("\n")
+            whole, _, self._rest = text.rpartition("\n")
             found += whole.splitlines()
             if _waits(found, self._rest):
                 return self._trace.counts(self._trace.window(found))

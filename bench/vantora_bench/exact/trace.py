@@ -202,7 +202,7 @@ class Trace:
         """Whether a call carries the beginning of a D-Bus message: byte order, type, flags, version 1."""
         data = call.data
         on_bus = self._peers.get(call.fd, "").endswith(" bus")
-        return on_bus and len(data) >= 4 and data[0] in b"lB" and 1 <= data[1] <= 4 and data[3] == 1
+        return on_bus and len(data) > 3 and data[0] in b"lB" and 1 <= data[1] <= 4 and data[3] == 1
 
     def _without_clock(self, turn: list[Call]) -> list[Call]:
         """A turn without its timer: nothing at all, where it was for that only."""

@@ -13,7 +13,8 @@ from typing import Any
 import pytest
 from dbus_next import Variant
 
-from doctor_ground import BROKEN, LONGEST, WARNS, WORKS, bare, device, look, silent_bus  # noqa: F401  (fixtures)
+from doctor_ground import BROKEN, LONGEST, WARNS, WORKS, look, silent_bus
+from doctor_ground import bare, device  # fixtures; pylint: disable=unused-import
 from vantora_sim import World, units
 from vantora_sim.dbus_fake import PROPERTIES, Call, DBusFake
 from vantora_sim.unit_files import NETWORK, SUPPLICANT_NAMES

@@ -11,7 +11,8 @@ from pathlib import Path
 import pytest
 from dbus_next import Variant
 
-from doctor_ground import BROKEN, FAILED, LONGEST, USAGE, WARNS, WORKS, bare, device, look  # noqa: F401  (fixtures)
+from doctor_ground import BROKEN, FAILED, LONGEST, USAGE, WARNS, WORKS, look
+from doctor_ground import bare, device  # fixtures; pylint: disable=unused-import
 from vantora_sim import World, units
 from vantora_sim.sandbox import Completed
 from vantora_sim.unit_files import NETWORK, SETTINGS

@@ -22,6 +22,7 @@ def run(root: Path, script: str, *arguments: str, **environment: str) -> subproc
         capture_output=True,
         text=True,
         timeout=60,
+        check=False,
     )
 
 

@@ -137,6 +137,7 @@ def test_check_without_exact_is_refused() -> None:
         capture_output=True,
         text=True,
         timeout=60,
+        check=False,
     )
     assert ran.returncode == 2 and "--check goes with --exact" in ran.stderr
 
