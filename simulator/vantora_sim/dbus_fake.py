@@ -256,6 +256,7 @@ class DBusFake:
             member=call.member,
             signature=call.signature,
             args=call.args,
+            sender=call.sender,
         )
         action = self._faults.take(call.member, self.subjects(call))
         if isinstance(action, Vanish):

@@ -2,7 +2,7 @@
 
 from __future__ import annotations
 
-import time
+from pathlib import Path
 from typing import Any
 
 import pytest
@@ -270,17 +270,33 @@ def test_nothing_is_kept_between_two_reads(world: World) -> None:
     assert world.get("AccessPoints") == []
 
 
-def test_a_thousand_bsss_are_listed_in_a_few_seconds(world: World) -> None:
+def listed_with_work(world: World) -> tuple[list[list[Any]], int]:
+    """The list, and the nanoseconds for which the daemon's main thread has worked: the same on a busy machine."""
+
+    def worked() -> int:
+        assert world.daemon is not None
+        return int(Path(f"/proc/{world.daemon.pid}/schedstat").read_text(encoding="ascii").split()[0])
+
+    before = worked()
+    return world.get("AccessPoints"), worked() - before
+
+
+def test_a_thousand_bsss_cost_a_call_each_and_no_more_work_each_than_a_hundred(world: World) -> None:
     bring_up_station(world)
-    for number in range(1000):
-        world.wpa.add_bss(f"net {number % 900}", signal=-20 - number % 100)
-    begin = time.monotonic()
-    listed = world.get("AccessPoints")
-    took = time.monotonic() - begin
-    assert len(listed) == 900
-    assert len({entry[0] for entry in listed}) == 900
-    assert [entry[2] for entry in listed] == sorted((entry[2] for entry in listed), reverse=True)
-    assert took < 20, "each costs one call; on an idle machine all of it takes about a second"
+    work = {}
+    for count in (100, 1000):
+        for number in range(len(world.wpa.bss), count):
+            world.wpa.add_bss(f"net {number % 900}", signal=-20 - number % 100)
+        mark = world.journal.mark()
+        listed, once = listed_with_work(world)
+        asked = world.journal.find(call("GetAll"), mark)
+        assert sorted(entry.path for entry in asked) == sorted(world.wpa.bss)
+        assert len({entry.sender for entry in asked}) == 1, "one connection serves them all"
+        assert world.journal.count(call(), mark) == count + 1
+        assert len(listed) == len({entry[0] for entry in listed}) == min(count, 900)
+        assert [entry[2] for entry in listed] == sorted((entry[2] for entry in listed), reverse=True)
+        work[count] = min(once, listed_with_work(world)[1]) / count
+    assert work[1000] < 2 * work[100]
 
 
 def test_the_list_of_a_blocked_radio_is_empty_with_a_message(world: World) -> None:
