@@ -11,6 +11,20 @@ SSID = "Korrin One-3456"
 HARBOUR, HARBOUR_KEY, HARBOUR_ADDRESS = "Harbour", "harbour-passphrase", "192.168.20.1"
 SWITCHES = 20
 
+# What was measured, on the machine's own clock, and how much of it a figure may come to: what is dearer has a reason.
+MOST = 1.5
+TO_CLIENT, TO_HOST = 0.69, 1.22
+"""Seconds that a switch took at the most."""
+GROWTH = 36
+"""KiB that the resident memory grew by during the switches."""
+READY = 0.34
+"""Seconds from the start of the process."""
+EXECUTABLE, RESIDENT, PROPORTIONAL = 210, 3756, 1571
+"""KiB."""
+THREADS, DESCRIPTORS = 4, 18
+WAKE_UPS = 2.3
+"""A second, of all threads."""
+
 
 @dataclass(frozen=True)
 class Cost:
@@ -60,12 +74,14 @@ def test_twenty_mode_switches_leak_nothing_and_stick_nowhere(device: Device, wor
     assert device.get("Mode") == "Host"
     assert after.descriptors <= before.descriptors
     assert after.threads <= before.threads
-    assert after.resident_kib <= before.resident_kib + 128, f"{before} {after}"
     device.evidence.figure("switch to Client mode", f"{min(to_client):.2f} to {max(to_client):.2f} s")
     device.evidence.figure("switch to Host mode", f"{min(to_host):.2f} to {max(to_host):.2f} s")
     device.evidence.figure(
         "memory before and after 20 mode switches", f"{before.resident_kib} and {after.resident_kib} KiB resident"
     )
+    assert after.resident_kib - before.resident_kib <= MOST * GROWTH, f"{before} {after}"
+    assert max(to_client) <= MOST * TO_CLIENT
+    assert max(to_host) <= MOST * TO_HOST
 
 
 def test_a_daemon_restarted_as_a_station_reads_its_state_back(device: Device, world: World) -> None:
@@ -119,6 +135,14 @@ def test_the_daemon_costs_little(device: Device) -> None:
     counts = device.see(f"{wake_ups}; cut -d' ' -f1 /proc/uptime; sleep 20; {wake_ups}; cut -d' ' -f1 /proc/uptime").split()
     a_second = (int(counts[2]) - int(counts[0])) / (float(counts[3]) - float(counts[1]))
     device.evidence.figure("wake-ups a second, all threads", f"{a_second:.1f}")
-    assert a_second < 5
-    assert now.resident_kib < 16 * 1024
-    assert ready - started < 5
+    figures = {
+        "start of the process to READY": (ready - started, MOST * READY),
+        "executable": (size / 1024, MOST * EXECUTABLE),
+        "resident memory": (now.resident_kib, MOST * RESIDENT),
+        "proportional memory": (now.proportional_kib, MOST * PROPORTIONAL),
+        # Nothing here depends on the machine or the hour.
+        "threads": (now.threads, THREADS),
+        "descriptors": (now.descriptors, DESCRIPTORS),
+        "wake-ups": (a_second, MOST * WAKE_UPS),
+    }
+    assert {name: figure for name, figure in figures.items() if figure[0] > figure[1]} == {}
