@@ -9,7 +9,7 @@ from pathlib import Path
 
 import pytest
 from fault_table import BEGIN, END, MODULES, PAGE, SLOW_TEST, name_of_test, neighbours_of, page_with, rendered
-from faults import KINDS, Impossible, Row
+from faults import Impossible, Kind, Row
 
 HERE = Path(__file__).parent
 CONTRACT = HERE.parent
@@ -49,8 +49,8 @@ def test_every_neighbour_has_every_kind_of_fault_or_a_reason_against_it() -> Non
     for module in MODULES:
         for neighbour in neighbours_of(module):
             kinds = [kind for row in neighbour.rows for kind in (row.kinds if isinstance(row, Impossible) else (row.kind,))]
-            assert set(kinds) == set(KINDS), neighbour.title
-            assert kinds == sorted(kinds, key=KINDS.index), f"{neighbour.title}: in the order of the kinds"
+            assert set(kinds) == set(Kind), neighbour.title
+            assert kinds == sorted(kinds, key=list(Kind).index), f"{neighbour.title}: in the order of the kinds"
 
 
 def test_every_row_names_a_test_that_exists(tests: set[str]) -> None:

@@ -6,21 +6,7 @@ import shutil
 
 import pytest
 from fault_requests import CLIENTS, CLIENTS_READ, still_access_point
-from faults import (
-    ABSENT,
-    DIES,
-    FLOODS,
-    GARBAGE,
-    HANGS,
-    REFUSES,
-    RESTARTS,
-    WRONG_TYPE,
-    Asked,
-    Impossible,
-    Neighbour,
-    Row,
-    try_row,
-)
+from faults import Asked, Impossible, Kind, Neighbour, Row, try_row
 from vantora_sim import World, hostapd_request, log
 
 REQUEST_TIMEOUT = 10.0
@@ -103,7 +89,7 @@ NEIGHBOUR = Neighbour(
     ABOUT,
     [
         Row(
-            ABSENT,
+            Kind.ABSENT,
             "no socket: looked for three times, a second apart",
             [Asked(CLIENTS, "0", NO_SOCKET, SOCKET_WAIT)],
             before=remove,
@@ -111,7 +97,7 @@ NEIGHBOUR = Neighbour(
             after=DEAF,
         ),
         Row(
-            ABSENT,
+            Kind.ABSENT,
             "no socket when the access point starts",
             name="no socket for the listener",
             lines=[NOT_LISTENING],
@@ -120,9 +106,9 @@ NEIGHBOUR = Neighbour(
             test="test_hostapd_listener.py::test_access_point_without_a_socket_is_up_and_nobody_listens",
             after=DEAF,
         ),
-        Row(REFUSES, "answers FAIL", [Asked(CLIENTS, "0", FAILED)], lambda world: world.hostapd.refuse("STA-FIRST")),
+        Row(Kind.REFUSES, "answers FAIL", [Asked(CLIENTS, "0", FAILED)], lambda world: world.hostapd.refuse("STA-FIRST")),
         Row(
-            REFUSES,
+            Kind.REFUSES,
             "refuses to attach the listener",
             name="refuses to attach",
             lines=[NOT_ATTACHED],
@@ -132,14 +118,14 @@ NEIGHBOUR = Neighbour(
             test="test_hostapd_listener.py::test_refused_attach_ends_the_listener_until_it_is_started_again",
         ),
         Row(
-            HANGS,
+            Kind.HANGS,
             "answers nothing",
             [Asked(CLIENTS, "0", UNANSWERED, REQUEST_TIMEOUT)],
             lambda world: world.hostapd.hang("STA-FIRST"),
             slow=True,
         ),
         Row(
-            HANGS,
+            Kind.HANGS,
             "does not answer the listener",
             [Asked(CLIENTS)],
             before=lambda world: world.hostapd.hang("ATTACH"),
@@ -149,10 +135,10 @@ NEIGHBOUR = Neighbour(
             lines=[NOT_ATTACHED],
             after="after 10 s, on the listener's thread, it counts as refused",
         ),
-        Impossible((WRONG_TYPE,), "it speaks text, which has no types; see garbage"),
-        Row(GARBAGE, "bytes that are no record", [Asked(CLIENTS, "0")], garble),
+        Impossible((Kind.WRONG_TYPE,), "it speaks text, which has no types; see garbage"),
+        Row(Kind.GARBAGE, "bytes that are no record", [Asked(CLIENTS, "0")], garble),
         Row(
-            GARBAGE,
+            Kind.GARBAGE,
             "events that are no text, or of 4,095 bytes",
             name="garbage for events",
             takes="at once",
@@ -160,7 +146,7 @@ NEIGHBOUR = Neighbour(
             test="test_hostapd_events.py::test_longest_event_and_bytes_that_are_no_text",
         ),
         Row(
-            DIES,
+            Kind.DIES,
             "is killed with the question in hand",
             [Asked(CLIENTS, "0", UNANSWERED, REQUEST_TIMEOUT, ask=ask_and_kill)],
             slow=True,
@@ -169,7 +155,7 @@ NEIGHBOUR = Neighbour(
             after=DEAF,
         ),
         Row(
-            DIES,
+            Kind.DIES,
             "was killed before: the socket is there, and nobody behind it",
             [Asked(CLIENTS, "0", NO_SOCKET)],
             kill,
@@ -178,7 +164,7 @@ NEIGHBOUR = Neighbour(
             after=DEAF,
         ),
         Row(
-            RESTARTS,
+            Kind.RESTARTS,
             "says that it ends, and is back within 2 s",
             [Asked(CLIENTS)],
             restart,
@@ -190,14 +176,14 @@ NEIGHBOUR = Neighbour(
             after="its events are heard",
         ),
         Row(
-            FLOODS,
+            Kind.FLOODS,
             "5,000 events as fast as they can be sent, while properties are read",
             text="every read is answered",
             takes="at once",
             test="test_hostapd_events.py::test_flood_of_events_while_properties_are_read",
         ),
         Row(
-            FLOODS,
+            Kind.FLOODS,
             "sends events instead of an answer",
             [Asked(CLIENTS, "0", UNANSWERED, REQUEST_TIMEOUT)],
             lambda world: world.hostapd.chatter("STA-FIRST", f"AP-STA-CONNECTED {STATION}", 0.5),
@@ -205,7 +191,7 @@ NEIGHBOUR = Neighbour(
             name="events for an answer",
         ),
         Row(
-            FLOODS,
+            Kind.FLOODS,
             "names the same station for ever",
             name="a list without end",
             text="read `WiFiConnectedClients`: 2007, the most it can have",

@@ -7,7 +7,7 @@ import time
 from pathlib import Path
 
 import pytest
-from faults import ABSENT, DIES, FLOODS, GARBAGE, HANGS, REFUSES, RESTARTS, WRONG_TYPE, Impossible, Line, Neighbour, Row
+from faults import Impossible, Kind, Line, Neighbour, Row
 from kernel_events import EVENT, event
 from vantora_sim import World, changed, log
 
@@ -40,9 +40,9 @@ NEIGHBOUR = Neighbour(
     "Kernel addresses",
     ABOUT,
     [
-        Impossible((ABSENT,), "a kernel without netlink has no interfaces either"),
+        Impossible((Kind.ABSENT,), "a kernel without netlink has no interfaces either"),
         Row(
-            REFUSES,
+            Kind.REFUSES,
             "the socket cannot be bound",
             text="read `IPAddress`: right; changes are not announced",
             takes="at once",
@@ -50,9 +50,9 @@ NEIGHBOUR = Neighbour(
             test=EXISTING + "test_port_that_is_taken_ends_the_listener_and_nothing_else",
             after="announced from the daemon's next start on",
         ),
-        Impossible((HANGS,), "it is asked nothing: silence is the rule"),
+        Impossible((Kind.HANGS,), "it is asked nothing: silence is the rule"),
         Row(
-            WRONG_TYPE,
+            Kind.WRONG_TYPE,
             "notifies of links and of IPv6",
             text="nothing is announced",
             takes="at once",
@@ -60,7 +60,7 @@ NEIGHBOUR = Neighbour(
             after="the next address is",
         ),
         Row(
-            GARBAGE,
+            Kind.GARBAGE,
             POINTLESS,
             name="garbage",
             text="nothing is announced",
@@ -69,7 +69,7 @@ NEIGHBOUR = Neighbour(
             after="the next address is",
         ),
         Row(
-            GARBAGE,
+            Kind.GARBAGE,
             "a datagram with an impossible length, from the same",
             name="impossible length",
             lines=[INVALID],
@@ -79,7 +79,7 @@ NEIGHBOUR = Neighbour(
             after="a restart of the daemon ends it",
         ),
         Row(
-            DIES,
+            Kind.DIES,
             "cannot die, but takes `wlan0` away",
             name="takes the interface away",
             text='read `IPAddress`, `MacAddress`: ""',
@@ -91,9 +91,9 @@ NEIGHBOUR = Neighbour(
             test="test_an_interface_that_is_gone_reads_as_empty_and_is_followed_when_it_is_back",
             after="read and announced again when it is back",
         ),
-        Impossible((RESTARTS,), "the daemon goes with it"),
+        Impossible((Kind.RESTARTS,), "the daemon goes with it"),
         Row(
-            FLOODS,
+            Kind.FLOODS,
             "2,000 addresses at once: more than the socket holds",
             text="those that fit are announced, one a second",
             takes="1 s each",

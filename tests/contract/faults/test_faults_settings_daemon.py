@@ -7,27 +7,7 @@ from collections.abc import Sequence
 
 import pytest
 from fault_requests import BLOCK, CHANGE_MODE, POWER_OFF, READ_SETTINGS, STOP_HOST, still_station
-from faults import (
-    ABSENT,
-    DIES,
-    FLOODS,
-    GARBAGE,
-    HANGS,
-    REAL_TIMEOUT,
-    REFUSES,
-    RESTARTS,
-    SHORT,
-    SHORT_TIMEOUT,
-    WRONG_TYPE,
-    Asked,
-    Line,
-    Neighbour,
-    Request,
-    Row,
-    Said,
-    check,
-    try_row,
-)
+from faults import REAL_TIMEOUT, SHORT, SHORT_TIMEOUT, Asked, Kind, Line, Neighbour, Request, Row, Said, check, try_row
 from settings_texts import ABSENT as NOT_THERE
 from settings_texts import PROPERTIES_CHANGED, get_failed, set_failed
 from vantora_sim import DEADLINE, Variant, World, changed, log
@@ -109,7 +89,7 @@ NEIGHBOUR = Neighbour(
     ABOUT,
     [
         Row(
-            ABSENT,
+            Kind.ABSENT,
             "not on the bus, and the bus cannot start it",
             asked(NOT_THERE),
             before=lambda world: world.settings.go(),
@@ -117,7 +97,7 @@ NEIGHBOUR = Neighbour(
             after="its changes are heard as soon as it is there",
         ),
         Row(
-            ABSENT,
+            Kind.ABSENT,
             "the same, while the device comes up",
             name="absent while the device comes up",
             lines=SAFE_LINES,
@@ -126,10 +106,16 @@ NEIGHBOUR = Neighbour(
             test="test_a_device_without_settings_is_a_safe_access_point_until_the_next_start",
             after="its changes are heard; the stored mode is in effect with the next start",
         ),
-        Row(REFUSES, "answers every call with an error", asked("refused"), lambda world: world.settings.refuse()),
-        Row(HANGS, "answers no call", asked(TIMED_OUT, SHORT_TIMEOUT), lambda world: world.settings.hang(), environment=SHORT),
+        Row(Kind.REFUSES, "answers every call with an error", asked("refused"), lambda world: world.settings.refuse()),
         Row(
-            HANGS,
+            Kind.HANGS,
+            "answers no call",
+            asked(TIMED_OUT, SHORT_TIMEOUT),
+            lambda world: world.settings.hang(),
+            environment=SHORT,
+        ),
+        Row(
+            Kind.HANGS,
             "answers no write, at the real time-out",
             asked(TIMED_OUT, REAL_TIMEOUT)[:1],
             lambda world: world.settings.hang("Set"),
@@ -137,13 +123,13 @@ NEIGHBOUR = Neighbour(
             name="hangs for 25 s",
         ),
         Row(
-            WRONG_TYPE,
+            Kind.WRONG_TYPE,
             "a value of another type than the setting's",
             [Asked(POWER_OFF, logs=unreadable(get_failed("enabled", "Property enabled is of type 'u', not 'b'")))],
             lambda world: world.settings.reply("Get", "v", [Variant("u", 1)], on="network.enabled"),
         ),
         Row(
-            WRONG_TYPE,
+            Kind.WRONG_TYPE,
             "notifies of a setting with another type",
             name="notifies of another type",
             text="the setting is passed over",
@@ -151,7 +137,7 @@ NEIGHBOUR = Neighbour(
             test="test_settings_notifications.py::test_known_names_of_another_type_are_ignored",
         ),
         Row(
-            GARBAGE,
+            Kind.GARBAGE,
             "a reply with nothing in it to a read, with too much to a write",
             [
                 Asked(WRITE, NOT_STORED),
@@ -163,7 +149,7 @@ NEIGHBOUR = Neighbour(
             garbage,
         ),
         Row(
-            GARBAGE,
+            Kind.GARBAGE,
             "notifies with a body or path that cannot be read",
             name="notifies with garbage",
             text="the notification is dropped",
@@ -171,16 +157,21 @@ NEIGHBOUR = Neighbour(
             takes="at once",
             test="test_settings_notifications.py::test_a_malformed_notification_is_dropped_with_a_message",
         ),
-        Row(DIES, "ends instead of answering", [dies("Set", 0), dies("Get", 1)], end=lambda world: world.settings.come_back()),
         Row(
-            RESTARTS,
+            Kind.DIES,
+            "ends instead of answering",
+            [dies("Set", 0), dies("Get", 1)],
+            end=lambda world: world.settings.come_back(),
+        ),
+        Row(
+            Kind.RESTARTS,
             "gone and back",
             [Asked(WRITE), Asked(POWER_OFF)],
             start_again,
             after="its changes are heard from the new one",
         ),
         Row(
-            FLOODS,
+            Kind.FLOODS,
             "3,000 notifications at once",
             test="test_a_flood_of_notifications_holds_requests_up_for_a_moment_and_loses_none",
             text="both requests: success",

@@ -26,25 +26,7 @@ from fault_requests import (
     still_station,
 )
 from access_point import heading
-from faults import (
-    ABSENT,
-    DIES,
-    FLOODS,
-    GARBAGE,
-    HANGS,
-    KINDS,
-    REFUSES,
-    RESTARTS,
-    WRONG_TYPE,
-    Asked,
-    Impossible,
-    Line,
-    Neighbour,
-    Request,
-    Row,
-    check,
-    try_row,
-)
+from faults import Asked, Impossible, Kind, Line, Neighbour, Request, Row, check, try_row
 from station import FLUSH_LOGS
 from vantora_sim import World, command
 
@@ -169,55 +151,55 @@ def rows(tool: str) -> list[Row | Impossible]:
     flood, flooding = FLOODING[tool]
     return [
         Row(
-            ABSENT,
+            Kind.ABSENT,
             "not installed",
             FAILURES[tool](NOT_FOUND),
             end=behave,
             before=lambda world: (world.work / TOOLBOX / tool).unlink(),
             environment={"PATH": f"/{TOOLBOX}"},
-            name=f"{tool} {ABSENT}",
+            name=f"{tool} {Kind.ABSENT}",
         ),
         Row(
-            REFUSES,
+            Kind.REFUSES,
             "ends with status 1 and prints nothing",
             FAILURES[tool](256),
             lambda world: world.tools[tool].fail(1),
             end=behave,
-            name=f"{tool} {REFUSES}",
+            name=f"{tool} {Kind.REFUSES}",
         ),
         Row(
-            HANGS,
+            Kind.HANGS,
             "does not end",
             text=HOLDS,
             takes="as long as it hangs: a command has no time-out",
-            name=f"{tool} {HANGS}",
+            name=f"{tool} {Kind.HANGS}",
             test=f"test_a_command_that_hangs_holds_all_requests_until_it_ends[{tool}]",
         ),
-        Impossible((WRONG_TYPE,), "text has no types; see garbage"),
+        Impossible((Kind.WRONG_TYPE,), "text has no types; see garbage"),
         Row(
-            GARBAGE,
+            Kind.GARBAGE,
             "prints bytes that mean nothing",
             garbled,
             lambda world: world.tools[tool].output(garbage),
             end=behave,
-            name=f"{tool} {GARBAGE}",
+            name=f"{tool} {Kind.GARBAGE}",
         ),
         Row(
-            DIES,
+            Kind.DIES,
             "is killed",
             FAILURES[tool](KILLED),
             lambda world: world.tools[tool].die(signals.SIGKILL),
             end=behave,
-            name=f"{tool} {DIES}",
+            name=f"{tool} {Kind.DIES}",
         ),
-        Impossible((RESTARTS,), "it is run anew for each question"),
+        Impossible((Kind.RESTARTS,), "it is run anew for each question"),
         Row(
-            FLOODS,
+            Kind.FLOODS,
             "prints a megabyte",
             flooding,
             lambda world: world.tools[tool].output(flood),
             end=behave,
-            name=f"{tool} {FLOODS}",
+            name=f"{tool} {Kind.FLOODS}",
         ),
     ]
 
@@ -243,7 +225,7 @@ def with_helpers(world: World) -> None:
 
 SHELL_ROWS: list[Row | Impossible] = [
     Row(
-        ABSENT,
+        Kind.ABSENT,
         "cannot be started, which reads as a radio that is off",
         [
             Asked(READ_POWER, "0"),
@@ -267,10 +249,10 @@ SHELL_ROWS: list[Row | Impossible] = [
         ],
         without_shell,
         end=with_shell,
-        name=f"sh {ABSENT}",
+        name=f"sh {Kind.ABSENT}",
     ),
     Row(
-        REFUSES,
+        Kind.REFUSES,
         "finds none of `tail`, `grep`, `egrep`, `cut` and `tr`",
         [Asked(READ_POWER), *UNKNOWN, Asked(CLIENT_SSID, '""', [*CLIENT_SSID.logs, NO_MODE]), Asked(POWER_OFF)],
         before=without_helpers,
@@ -278,7 +260,7 @@ SHELL_ROWS: list[Row | Impossible] = [
         environment={"PATH": f"/{TOOLBOX}"},
         name="sh without its helpers",
     ),
-    Impossible(tuple(kind for kind in KINDS if kind not in (ABSENT, REFUSES)), "it does what the command in it does"),
+    Impossible(tuple(kind for kind in Kind if kind not in (Kind.ABSENT, Kind.REFUSES)), "it does what the command in it does"),
 ]
 
 ABOUT_SHELL = "Runs each command line. (`killall` and `wpa_passphrase` stand in the code, but nothing runs them.)"

@@ -18,26 +18,7 @@ from fault_requests import (
     TO_CLIENT_MODE,
     still_station,
 )
-from faults import (
-    ABSENT,
-    DIES,
-    FLOODS,
-    GARBAGE,
-    HANGS,
-    REAL_TIMEOUT,
-    REFUSES,
-    RESTARTS,
-    SHORT,
-    SHORT_TIMEOUT,
-    SLACK,
-    WRONG_TYPE,
-    Asked,
-    Neighbour,
-    Row,
-    check,
-    seen_by_caller,
-    try_row,
-)
+from faults import REAL_TIMEOUT, SHORT, SHORT_TIMEOUT, SLACK, Asked, Kind, Neighbour, Row, check, seen_by_caller, try_row
 from odd_bus import OddBus, odd_bus
 from station import FLUSH_LOGS, INTERFACE, STATION
 from test_faults_systemd import not_found
@@ -131,16 +112,16 @@ NEIGHBOUR = Neighbour(
     "Each call opens a connection of its own; one more stays, for wpa_supplicant's signals.",
     [
         Row(
-            ABSENT,
+            Kind.ABSENT,
             "no socket",
             WITHOUT_A_BUS,
             before=stop_bus,
             end=start_bus,
             after="used as soon as it is there; the signals of " "wpa_supplicant are heard from the daemon's next start on",
-            name=ABSENT,
+            name=Kind.ABSENT,
         ),
         Row(
-            REFUSES,
+            Kind.REFUSES,
             "lets nobody in",
             all_fail(NOT_LET_IN),
             lambda world: odd_bus(world).reject(),
@@ -148,7 +129,7 @@ NEIGHBOUR = Neighbour(
             environment=ODD,
         ),
         Row(
-            HANGS,
+            Kind.HANGS,
             "takes connections and messages, and never answers",
             all_fail(NOT_LET_IN, SHORT_TIMEOUT),
             lambda world: world.system_bus.freeze(),
@@ -156,7 +137,7 @@ NEIGHBOUR = Neighbour(
             environment=SHORT,
         ),
         Row(
-            HANGS,
+            Kind.HANGS,
             "the same, at the real time-out",
             [Asked(SCAN, logs=SCAN_FAILED, waits=REAL_TIMEOUT)],
             lambda world: world.system_bus.freeze(),
@@ -165,7 +146,7 @@ NEIGHBOUR = Neighbour(
             name="hangs for 25 s",
         ),
         Row(
-            HANGS,
+            Kind.HANGS,
             "stops reading in the middle of a message that its socket cannot hold",
             name="stops reading",
             takes="25 s",
@@ -174,7 +155,7 @@ NEIGHBOUR = Neighbour(
             test="test_a_bus_that_stops_reading_in_the_middle_of_a_call_is_given_up_in_time",
         ),
         Row(
-            WRONG_TYPE,
+            Kind.WRONG_TYPE,
             "greets with a value of another type",
             all_fail(NOT_LET_IN),
             lambda world: odd_bus(world).retype("Hello"),
@@ -182,7 +163,7 @@ NEIGHBOUR = Neighbour(
             environment=ODD,
         ),
         Row(
-            GARBAGE,
+            Kind.GARBAGE,
             "greets with bytes that mean nothing",
             all_fail(NOT_LET_IN),
             lambda world: odd_bus(world).garble(),
@@ -190,7 +171,7 @@ NEIGHBOUR = Neighbour(
             environment=ODD,
         ),
         Row(
-            GARBAGE,
+            Kind.GARBAGE,
             "sends such bytes to the connection that stays",
             EVERYTHING,
             lambda world: odd_bus(world).inject_garbage(),
@@ -199,15 +180,15 @@ NEIGHBOUR = Neighbour(
             after="signals are heard again after 1 s",
         ),
         Row(
-            DIES,
+            Kind.DIES,
             "its connections break in the middle of a call",
             [Asked(SCAN, logs=SCAN_FAILED, ask=ask_and_stop_bus)],
             end=start_bus,
             after="signals are heard again after 1 s, or up to 30 s where it stays away long",
         ),
-        Row(RESTARTS, "its connections break", EVERYTHING, restart_bus, after="signals are heard again after 1 s"),
+        Row(Kind.RESTARTS, "its connections break", EVERYTHING, restart_bus, after="signals are heard again after 1 s"),
         Row(
-            FLOODS,
+            Kind.FLOODS,
             "3,000 signals of somebody else, sent straight to the daemon",
             name="floods",
             test="test_a_flood_of_signals_of_somebody_else_is_passed_over",
@@ -223,7 +204,7 @@ NEIGHBOUR = Neighbour(
 def test_fault(world: World, row: Row) -> None:
     with OddBus(world, world.system_bus):
         try_row(world, row, NEIGHBOUR.prepare)
-        if row.kind != ABSENT:
+        if row.kind != Kind.ABSENT:
             hear_signals(world)
 
 

@@ -7,7 +7,7 @@ from concurrent.futures import Future
 from pathlib import Path
 from typing import Any
 
-from faults import ABSENT, DIES, FLOODS, GARBAGE, HANGS, REFUSES, RESTARTS, WRONG_TYPE, Impossible, Neighbour, Row
+from faults import Impossible, Kind, Neighbour, Row
 from vantora_sim import DEADLINE, Variant, World, log, notify
 
 PERIOD = 4.0
@@ -24,9 +24,16 @@ NEIGHBOUR = Neighbour(
     "System log",
     "`/dev/log`, to which syslog(3) writes every line before the daemon goes on.",
     [
-        Row(ABSENT, "no socket", text=ANSWERED, takes="at once", test="test_without_a_log_everything_else_works", after=LOST),
         Row(
-            REFUSES,
+            Kind.ABSENT,
+            "no socket",
+            text=ANSWERED,
+            takes="at once",
+            test="test_without_a_log_everything_else_works",
+            after=LOST,
+        ),
+        Row(
+            Kind.REFUSES,
             "nobody is behind the socket",
             text=ANSWERED,
             takes="at once",
@@ -35,7 +42,7 @@ NEIGHBOUR = Neighbour(
             after=LOST,
         ),
         Row(
-            HANGS,
+            Kind.HANGS,
             "takes nothing out of a queue that is full (10 lines, 512 with systemd)",
             takes="as long as it hangs, until the " "watchdog or SIGTERM ends the daemon",
             text="requests are answered when it goes on",
@@ -43,7 +50,7 @@ NEIGHBOUR = Neighbour(
             test="test_a_log_that_hangs_stops_the_daemon_until_it_goes_on",
         ),
         Row(
-            HANGS,
+            Kind.HANGS,
             "the same, when the daemon is to end",
             takes="under 1 s",
             text="exit status 0",
@@ -51,9 +58,9 @@ NEIGHBOUR = Neighbour(
             after="the next start after the fault succeeds",
             test="test_a_log_that_hangs_does_not_keep_the_daemon_from_ending",
         ),
-        Impossible((WRONG_TYPE, GARBAGE), "it is told and says nothing"),
+        Impossible((Kind.WRONG_TYPE, Kind.GARBAGE), "it is told and says nothing"),
         Row(
-            DIES,
+            Kind.DIES,
             "ends while the daemon waits for it",
             text="requests that waited are answered at once",
             takes="at once",
@@ -61,14 +68,14 @@ NEIGHBOUR = Neighbour(
             test="test_a_log_that_dies_lets_go_of_the_daemon",
         ),
         Row(
-            RESTARTS,
+            Kind.RESTARTS,
             "its socket is replaced by a new one",
             text=ANSWERED,
             takes="at once",
             after="the next line arrives at the new one",
             test="test_a_log_that_restarts_is_found_again",
         ),
-        Impossible((FLOODS,), "it says nothing"),
+        Impossible((Kind.FLOODS,), "it says nothing"),
     ],
 )
 

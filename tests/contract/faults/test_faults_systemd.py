@@ -7,25 +7,7 @@ from collections.abc import Callable
 import pytest
 from access_point import HOSTAPD, SEPARATOR, heading
 from fault_requests import CHANGE_MODE, STATION, TO_CLIENT, TO_CLIENT_MODE, still_station
-from faults import (
-    ABSENT,
-    DIES,
-    FLOODS,
-    GARBAGE,
-    HANGS,
-    REAL_TIMEOUT,
-    REFUSES,
-    RESTARTS,
-    SHORT,
-    SHORT_TIMEOUT,
-    WRONG_TYPE,
-    Asked,
-    Impossible,
-    Line,
-    Neighbour,
-    Row,
-    try_row,
-)
+from faults import REAL_TIMEOUT, SHORT, SHORT_TIMEOUT, Asked, Impossible, Kind, Line, Neighbour, Row, try_row
 from station import FLUSH_LOGS
 from unit_control import DHCP_SERVER, empty_path_log, job_failed_log, load_failed_log, loaded_log
 from vantora_sim import World, unit_path
@@ -124,21 +106,21 @@ NEIGHBOUR = Neighbour(
     ABOUT,
     [
         Row(
-            ABSENT,
+            Kind.ABSENT,
             "not on the bus",
             [Asked(TO_CLIENT_MODE, logs=not_found(MISSING))],
             before=lambda world: world.systemd.go(),
             end=lambda world: world.systemd.come_back(),
         ),
         Row(
-            REFUSES,
+            Kind.REFUSES,
             "refuses look-ups",
             [Asked(TO_CLIENT_MODE, logs=not_found("refused (r = -13)"))],
             lambda world: world.systemd.refuse("LoadUnit", name="org.freedesktop.DBus.Error.AccessDenied"),
             name="refuses look-ups",
         ),
         Row(
-            REFUSES,
+            Kind.REFUSES,
             "refuses jobs",
             [
                 Asked(
@@ -152,7 +134,7 @@ NEIGHBOUR = Neighbour(
             name="refuses jobs",
         ),
         Row(
-            REFUSES,
+            Kind.REFUSES,
             "is absent, refuses or dies while a unit file is enabled or disabled",
             text=UNIT_FILES,
             lines=ENABLE_LINES,
@@ -161,14 +143,14 @@ NEIGHBOUR = Neighbour(
             after="the next event is acted upon",
         ),
         Row(
-            HANGS,
+            Kind.HANGS,
             "answers no call",
             [Asked(TO_CLIENT_MODE, logs=not_found(TIMED_OUT), waits=3 * SHORT_TIMEOUT)],
             lambda world: world.systemd.hang(),
             environment=SHORT,
         ),
         Row(
-            HANGS,
+            Kind.HANGS,
             "answers one look-up not, at the real time-out",
             [
                 Asked(
@@ -193,7 +175,7 @@ NEIGHBOUR = Neighbour(
             name="hangs for 25 s",
         ),
         Row(
-            HANGS,
+            Kind.HANGS,
             "does not answer the enabling of a unit file",
             text=UNIT_FILES,
             lines=ENABLE_LINES,
@@ -201,14 +183,19 @@ NEIGHBOUR = Neighbour(
             test=WIRED + "test_enable_that_is_not_answered_ends_after_five_seconds_and_holds_up_nobody",
         ),
         Row(
-            WRONG_TYPE,
+            Kind.WRONG_TYPE,
             "answers look-up and jobs with other types",
             [Asked(TO_CLIENT_MODE, logs=to_client(odd_lines))],
             odd_types,
         ),
-        Row(GARBAGE, "names an object that is not there", [Asked(TO_CLIENT_MODE, logs=to_client(elsewhere_lines))], elsewhere),
         Row(
-            DIES,
+            Kind.GARBAGE,
+            "names an object that is not there",
+            [Asked(TO_CLIENT_MODE, logs=to_client(elsewhere_lines))],
+            elsewhere,
+        ),
+        Row(
+            Kind.DIES,
             "ends instead of answering",
             [
                 dies_in("LoadUnit", first(lambda verb, unit: [load_failed_log(unit, VANISHED), empty_path_log(verb)])),
@@ -216,8 +203,8 @@ NEIGHBOUR = Neighbour(
             ],
             end=lambda world: world.systemd.come_back(),
         ),
-        Row(RESTARTS, "`systemctl daemon-reexec`", [Asked(TO_CLIENT_MODE)], start_again),
-        Impossible((FLOODS,), "nothing that systemd sends by itself is subscribed to, so the bus does not pass it on"),
+        Row(Kind.RESTARTS, "`systemctl daemon-reexec`", [Asked(TO_CLIENT_MODE)], start_again),
+        Impossible((Kind.FLOODS,), "nothing that systemd sends by itself is subscribed to, so the bus does not pass it on"),
     ],
     still_station,
 )

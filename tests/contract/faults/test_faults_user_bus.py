@@ -10,23 +10,7 @@ from collections.abc import Callable
 
 import pytest
 from dbus_next.aio import MessageBus
-from faults import (
-    ABSENT,
-    DIES,
-    FLOODS,
-    GARBAGE,
-    HANGS,
-    REFUSES,
-    RESTARTS,
-    SHORT,
-    SHORT_TIMEOUT,
-    SLACK,
-    WRONG_TYPE,
-    Line,
-    Neighbour,
-    Row,
-    try_row,
-)
+from faults import SHORT, SHORT_TIMEOUT, SLACK, Kind, Line, Neighbour, Row, try_row
 from odd_bus import OddBus, odd_bus
 from supervisor import Supervisor
 from test_faults_settings_daemon import asked as settings_fail
@@ -47,43 +31,40 @@ def failed_start(error: int) -> Line:
     return "err", f"[Main] Failed to connect to dbus: {error}, exiting ..."
 
 
+def not_started(
+    kind: Kind,
+    how: str,
+    test: str,
+    error: int,
+    *,
+    name: str = "",
+    takes: str = "at once",
+    text: str = "nobody can ask; exit status 1",
+) -> Row:
+    """A fault with which no start succeeds."""
+    return Row(kind, how, name=name, test=test, text=text, lines=[failed_start(error)], takes=takes, after=COMES_UP)
+
+
 ABOUT = "A daemon that nobody can reach is worth nothing: without its bus it ends, and its unit starts it anew."
 
 NEIGHBOUR = Neighbour(
     "User bus",
     ABOUT,
     [
-        Row(
-            ABSENT,
-            "no socket",
-            test="test_without_a_bus_it_is_started_until_there_is_one",
-            text="nobody can ask; exit status 1",
-            lines=[failed_start(-2)],
-            takes="at once",
-            after=COMES_UP,
+        not_started(Kind.ABSENT, "no socket", "test_without_a_bus_it_is_started_until_there_is_one", -2),
+        not_started(
+            Kind.REFUSES, "lets nobody in", "test_a_bus_that_lets_nobody_in_is_tried_again", -107, name="lets nobody in"
         ),
-        Row(
-            REFUSES,
-            "lets nobody in",
-            name="lets nobody in",
-            test="test_a_bus_that_lets_nobody_in_is_tried_again",
-            text="nobody can ask; exit status 1",
-            lines=[failed_start(-107)],
-            takes="at once",
-            after=COMES_UP,
-        ),
-        Row(
-            REFUSES,
+        not_started(
+            Kind.REFUSES,
             "the name is somebody else's",
+            "test_a_name_that_is_taken_is_asked_for_again",
+            -17,
             name="name taken",
-            test="test_a_name_that_is_taken_is_asked_for_again",
             text="the other one answers; exit status 1",
-            lines=[failed_start(-17)],
-            takes="at once",
-            after=COMES_UP,
         ),
         Row(
-            REFUSES,
+            Kind.REFUSES,
             "refuses further connections, and so those to the settings daemon",
             settings_fail(NOT_LET_IN),
             lambda world: odd_bus(world).reject(),
@@ -91,18 +72,16 @@ NEIGHBOUR = Neighbour(
             environment=ODD,
             name="refuses further connections",
         ),
-        Row(
-            HANGS,
+        not_started(
+            Kind.HANGS,
             "takes the connection and says nothing, at the start",
+            "test_a_bus_that_hangs_at_the_start_is_given_up_and_tried_again",
+            -107,
             name="hangs at the start",
-            test="test_a_bus_that_hangs_at_the_start_is_given_up_and_tried_again",
-            text="nobody can ask; exit status 1",
-            lines=[failed_start(-107)],
             takes="25 s",
-            after=COMES_UP,
         ),
         Row(
-            HANGS,
+            Kind.HANGS,
             "passes nothing on for a while",
             name="hangs while the daemon runs",
             test="test_a_bus_that_hangs_for_a_while_loses_nothing",
@@ -110,7 +89,7 @@ NEIGHBOUR = Neighbour(
             takes="as long as it hangs",
         ),
         Row(
-            HANGS,
+            Kind.HANGS,
             "takes no further connection in, and so none to the settings daemon",
             settings_fail(NOT_LET_IN, SHORT_TIMEOUT),
             lambda world: odd_bus(world).be_silent(),
@@ -118,17 +97,14 @@ NEIGHBOUR = Neighbour(
             environment={**ODD, **SHORT},
             name="hangs for further connections",
         ),
-        Row(
-            WRONG_TYPE,
+        not_started(
+            Kind.WRONG_TYPE,
             "answers the request for the name with another type",
-            test="test_an_answer_of_another_type_ends_the_start",
-            text="nobody can ask; exit status 1",
-            lines=[failed_start(-6)],
-            takes="at once",
-            after=COMES_UP,
+            "test_an_answer_of_another_type_ends_the_start",
+            -6,
         ),
         Row(
-            GARBAGE,
+            Kind.GARBAGE,
             "sends bytes that mean nothing",
             test="test_bytes_that_mean_nothing_end_the_daemon_which_comes_back",
             text=ENDS,
@@ -136,25 +112,22 @@ NEIGHBOUR = Neighbour(
             after=COMES_BACK,
         ),
         Row(
-            DIES,
+            Kind.DIES,
             "is killed while a mode is being changed",
             test="test_a_bus_that_dies_in_the_middle_of_a_change_keeps_what_was_stored",
             text=ENDS + ", after the change",
             takes="at once",
             after=COMES_BACK + "; the mode is the new one",
         ),
-        Row(
-            DIES,
+        not_started(
+            Kind.DIES,
             "hangs up on the daemon that is being let in, at the start",
+            "test_start_up.py::test_a_user_bus_that_takes_the_connection_and_hangs_up_ends_it_likewise",
+            -107,
             name="hangs up at the start",
-            test="test_start_up.py::test_a_user_bus_that_takes_the_connection_and_hangs_up_ends_it_likewise",
-            text="nobody can ask; exit status 1",
-            lines=[failed_start(-107)],
-            takes="at once",
-            after=COMES_UP,
         ),
         Row(
-            RESTARTS,
+            Kind.RESTARTS,
             "with `user@0.service`",
             test="test_a_restart_of_the_bus_is_one_of_the_daemon",
             text=ENDS,
@@ -162,14 +135,14 @@ NEIGHBOUR = Neighbour(
             after=COMES_BACK,
         ),
         Row(
-            FLOODS,
+            Kind.FLOODS,
             "1,500 notifications of the settings daemon",
             text="a request is answered between two of them",
             takes="under 1 s",
             test="test_settings_notifications.py::test_a_flood_of_notifications_keeps_a_request_waiting_for_less_than_a_second",
         ),
         Row(
-            FLOODS,
+            Kind.FLOODS,
             "2,000 requests of four clients, wrong in most ways",
             text="each is answered; nothing is changed",
             takes="at once",

@@ -20,25 +20,7 @@ from fault_requests import (
     select,
     still_station,
 )
-from faults import (
-    ABSENT,
-    DIES,
-    FLOODS,
-    GARBAGE,
-    HANGS,
-    REAL_TIMEOUT,
-    REFUSES,
-    RESTARTS,
-    SHORT,
-    SHORT_TIMEOUT,
-    WRONG_TYPE,
-    Asked,
-    Line,
-    Neighbour,
-    Row,
-    check,
-    try_row,
-)
+from faults import REAL_TIMEOUT, SHORT, SHORT_TIMEOUT, Asked, Kind, Line, Neighbour, Row, check, try_row
 from station import network, wait_first_state
 from supervisor import Supervisor
 from vantora_sim import DEADLINE, Variant, World, call, changed, log
@@ -149,17 +131,17 @@ NEIGHBOUR = Neighbour(
     ABOUT,
     [
         Row(
-            ABSENT,
+            Kind.ABSENT,
             "its unit never started",
             answers_nothing(),
             before=lambda world: world.wpa.go(),
             end=lambda world: world.wpa.come_back(),
             after="used and heard as soon as it is there",
         ),
-        Row(REFUSES, "answers every call with an error", answers_nothing(), lambda world: world.wpa.refuse()),
-        Row(HANGS, "answers no call", answers_nothing(SHORT_TIMEOUT), lambda world: world.wpa.hang(), environment=SHORT),
+        Row(Kind.REFUSES, "answers every call with an error", answers_nothing(), lambda world: world.wpa.refuse()),
+        Row(Kind.HANGS, "answers no call", answers_nothing(SHORT_TIMEOUT), lambda world: world.wpa.hang(), environment=SHORT),
         Row(
-            HANGS,
+            Kind.HANGS,
             "answers no call, at the real time-out",
             [Asked(SCAN, logs=SCAN_FAILED, waits=REAL_TIMEOUT)],
             lambda world: world.wpa.hang(),
@@ -167,7 +149,7 @@ NEIGHBOUR = Neighbour(
             name="hangs for 25 s",
         ),
         Row(
-            HANGS,
+            Kind.HANGS,
             "answers for the list, not for its BSSs: given up after two",
             [Asked(ACCESS_POINTS, "[]", waits=2 * SHORT_TIMEOUT)],
             hang_in_a_list,
@@ -176,7 +158,7 @@ NEIGHBOUR = Neighbour(
             end=no_longer_hang,
         ),
         Row(
-            WRONG_TYPE,
+            Kind.WRONG_TYPE,
             "answers with other types",
             [
                 Asked(SCAN),
@@ -187,7 +169,7 @@ NEIGHBOUR = Neighbour(
             odd_types,
         ),
         Row(
-            WRONG_TYPE,
+            Kind.WRONG_TYPE,
             "`State`, `CurrentBSS`, `BSSs` or a property of a BSS of a type that it never has",
             name="signals a wrong type",
             test="test_a_wrong_type_in_a_signal_ends_the_daemon_which_comes_back",
@@ -196,7 +178,7 @@ NEIGHBOUR = Neighbour(
             after="started again by its unit; the stored mode and all announcements are back",
         ),
         Row(
-            GARBAGE,
+            Kind.GARBAGE,
             "names what does not exist, signals what cannot be read",
             [
                 Asked(SCAN),
@@ -216,7 +198,7 @@ NEIGHBOUR = Neighbour(
             odd_values,
         ),
         Row(
-            DIES,
+            Kind.DIES,
             "ends instead of answering",
             [
                 dies("Scan", SCAN, None, SCAN_FAILED),
@@ -229,14 +211,14 @@ NEIGHBOUR = Neighbour(
             end=lambda world: world.wpa.come_back(),
         ),
         Row(
-            RESTARTS,
+            Kind.RESTARTS,
             "forgets the network that was selected",
             [Asked(CONNECT), Asked(DISCONNECT), Asked(SCAN), Asked(ACCESS_POINTS)],
             start_again,
             after="its signals are heard from the new one",
         ),
         Row(
-            FLOODS,
+            Kind.FLOODS,
             "3,000 notifications at once",
             test="test_a_flood_of_notifications_holds_requests_up_for_a_moment_and_loses_none",
             text="`Scan`: success",

@@ -12,6 +12,7 @@ import re
 import time
 from collections.abc import Callable, Sequence
 from dataclasses import dataclass, field
+from enum import StrEnum
 from typing import Any
 
 import pytest
@@ -20,10 +21,19 @@ from vantora_sim import CallRefused, World
 Line = tuple[str, str]
 """Priority and text of a line of the log."""
 
-ABSENT, REFUSES, HANGS, WRONG_TYPE = "absent at start", "refuses", "hangs", "answers the wrong type"
-GARBAGE, DIES, RESTARTS, FLOODS = "answers garbage", "dies in the middle of a call", "restarts", "floods"
-KINDS = (ABSENT, REFUSES, HANGS, WRONG_TYPE, GARBAGE, DIES, RESTARTS, FLOODS)
-"""What may be wrong with a neighbour. Its part of the table has at least one row for each."""
+
+class Kind(StrEnum):
+    """What may be wrong with a neighbour. Its part of the table has at least one row for each, in this order."""
+
+    ABSENT = "absent at start"
+    REFUSES = "refuses"
+    HANGS = "hangs"
+    WRONG_TYPE = "answers the wrong type"
+    GARBAGE = "answers garbage"
+    DIES = "dies in the middle of a call"
+    RESTARTS = "restarts"
+    FLOODS = "floods"
+
 
 SHORT_TIMEOUT = 1.0
 """Seconds that a bus call is waited for in most rows that hang, in place of the 25 s of a device."""
@@ -72,7 +82,7 @@ class Asked:
 class Row:
     """A fault of a neighbour. It begins in a running daemon, unless `before` says what is done before the start."""
 
-    kind: str
+    kind: Kind
     how: str
     """What the neighbour does, for the table."""
     asked: Sequence[Asked] = ()
@@ -95,14 +105,14 @@ class Row:
 
     @property
     def id(self) -> str:
-        return self.name or self.kind
+        return self.name or str(self.kind)
 
 
 @dataclass(frozen=True)
 class Impossible:
     """Faults that the neighbour cannot have, and why."""
 
-    kinds: tuple[str, ...]
+    kinds: tuple[Kind, ...]
     reason: str
 
 
