@@ -4,6 +4,7 @@
 #include <climits>
 #include <clocale>
 #include <csignal>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <cwchar>
@@ -54,7 +55,7 @@ void prepare_goodbye()
     std::string text;
     for (const char* const name : {"sgr0", "cnorm", "rmcup"}) {
         const char* const sequence = ::tigetstr(name);
-        if (sequence != nullptr && sequence != reinterpret_cast<const char*>(-1)) {
+        if (sequence != nullptr && reinterpret_cast<std::intptr_t>(sequence) != -1) {
             text += sequence;
         }
     }
@@ -258,7 +259,7 @@ void ScreenTerminal::take_signals(Input& input)
     }
 }
 
-void ScreenTerminal::take_keys(Input& input) const
+void ScreenTerminal::take_keys(Input& input)
 {
     wint_t character = 0;
     for (;;) {

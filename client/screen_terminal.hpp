@@ -48,8 +48,8 @@ public:
 
 private:
     void take_signals(Input& input);
-    void take_keys(Input& input) const;
-    void stop();
+    static void take_keys(Input& input);
+    static void stop();
     void fit_window() const;
 
     UniqueFd signals_;

@@ -2,7 +2,7 @@
 
 #include <cerrno>
 #include <cstdint>
-#include <string_view>
+#include <string>
 
 #include "signal_bars.hpp"
 
@@ -73,13 +73,21 @@ int read_number(sd_bus_message* message, char type, Json& value)
 
 } // namespace
 
+int next_type(sd_bus_message* message, char& type, std::string& contents)
+{
+    const char* held = nullptr;
+    const int result = sd_bus_message_peek_type(message, &type, &held);
+    contents = held != nullptr ? held : "";
+    return result == 0 ? -ENXIO : result;
+}
+
 int read_value(sd_bus_message* message, Json& value)
 {
     char type = 0;
-    const char* contents = nullptr;
-    int result = sd_bus_message_peek_type(message, &type, &contents);
-    if (result <= 0) {
-        return result < 0 ? result : -ENXIO;
+    std::string contents;
+    int result = next_type(message, type, contents);
+    if (result < 0) {
+        return result;
     }
     switch (type) {
     case 's':
@@ -89,16 +97,16 @@ int read_value(sd_bus_message* message, Json& value)
     case 'b':
         return read_number(message, type, value);
     case 'v':
-        result = sd_bus_message_enter_container(message, 'v', contents);
+        result = sd_bus_message_enter_container(message, 'v', contents.c_str());
         if (result > 0) {
             result = read_value(message, value);
         }
         return result < 0 ? result : sd_bus_message_exit_container(message);
     case 'a':
-        if (contents == std::string_view("s")) {
+        if (contents == "s") {
             return read_texts(message, value);
         }
-        if (contents == std::string_view("(siib)")) {
+        if (contents == "(siib)") {
             return read_networks(message, value);
         }
         return -EBADMSG;

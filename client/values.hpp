@@ -10,6 +10,14 @@ namespace client {
 using Json = nlohmann::json;
 
 /**
+ * The type of the next value of a message, and of what it holds where it is a container: a copy, since the
+ * library's text goes with the container that is left.
+ *
+ * @return 1, or a negative errno: -ENXIO where there is no further value
+ */
+int next_type(sd_bus_message* message, char& type, std::string& contents);
+
+/**
  * Reads the next value of a message, of the types that the daemon's properties have: s, u, b, i, as, a(siib),
  * and a variant around one of them.
  *

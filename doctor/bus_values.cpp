@@ -4,6 +4,8 @@
 #include <cstdint>
 #include <string>
 
+#include "client/values.hpp"
+
 namespace doctor {
 
 namespace {
@@ -51,11 +53,9 @@ Json object_of(const Json& entries)
     return object;
 }
 
-int read_container(sd_bus_message* message, char type, const char* contents, Json& value)
+int read_container(sd_bus_message* message, char type, const std::string& contents, Json& value)
 {
-    // Copied: the library's text goes with the container that is left.
-    const std::string inner = contents != nullptr ? contents : "";
-    int result = sd_bus_message_enter_container(message, type, inner.c_str());
+    int result = sd_bus_message_enter_container(message, type, contents.c_str());
     if (result < 0) {
         return result;
     }
@@ -66,7 +66,7 @@ int read_container(sd_bus_message* message, char type, const char* contents, Jso
     }
     if (type == 'v') {
         value = values.empty() ? Json() : values.front();
-    } else if (type == 'a' && inner.starts_with('{')) {
+    } else if (type == 'a' && contents.starts_with('{')) {
         value = object_of(values);
     } else {
         value = std::move(values);
@@ -77,10 +77,10 @@ int read_container(sd_bus_message* message, char type, const char* contents, Jso
 int read_one(sd_bus_message* message, Json& value)
 {
     char type = 0;
-    const char* contents = nullptr;
-    int result = sd_bus_message_peek_type(message, &type, &contents);
-    if (result <= 0) {
-        return result < 0 ? result : -ENXIO;
+    std::string contents;
+    int result = client::next_type(message, type, contents);
+    if (result < 0) {
+        return result;
     }
     switch (type) {
     case 'y':
