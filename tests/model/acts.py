@@ -7,6 +7,7 @@ from dataclasses import dataclass
 from typing import TYPE_CHECKING, Any
 
 from hypothesis import strategies as st
+from vantora_sim.view import PROPERTIES as READABLE
 
 if TYPE_CHECKING:
     from .stage import Stage
@@ -76,23 +77,7 @@ MEMBERS = st.one_of(
 )
 WHO = st.sampled_from(("systemd", "settings", "wpa_supplicant"))
 TOOLS = st.sampled_from(("rfkill", "iw", "ip", "wpa_cli"))
-PROPERTIES = st.sampled_from(
-    (
-        "WiFiState",
-        "Mode",
-        "SSID",
-        "WiFiFrequency",
-        "WiFiConnectedClients",
-        "WiFiAccessPointInitialised",
-        "WiFiClientState",
-        "ClientSSID",
-        "IPAddress",
-        "MacAddress",
-        "WiFiSignal",
-        "WiFiAvailableFrequencies",
-        "AccessPoints",
-    )
-)
+PROPERTIES = st.sampled_from(READABLE)
 VALUES = st.one_of(
     st.tuples(st.just("SSID"), NAMES),
     st.tuples(st.just("WiFiFrequency"), BANDS),

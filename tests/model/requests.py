@@ -16,21 +16,6 @@ from .finding import Finding
 from .life import SLACK, TIME_OUT, Life
 
 WRITABLE = {"WiFiState": "u", "Mode": "s", "WiFiFrequency": "s", "SSID": "s"}
-READABLE = (
-    "WiFiState",
-    "Mode",
-    "SSID",
-    "WiFiFrequency",
-    "WiFiConnectedClients",
-    "WiFiAccessPointInitialised",
-    "WiFiClientState",
-    "ClientSSID",
-    "IPAddress",
-    "MacAddress",
-    "WiFiSignal",
-    "WiFiAvailableFrequencies",
-    "AccessPoints",
-)
 STORED = {"Mode": ("network", "mode"), "WiFiFrequency": ("network", "frequency"), "SSID": ("device", "deviceName")}
 
 REFUSED = "org.freedesktop.DBus.Error.AccessDenied"

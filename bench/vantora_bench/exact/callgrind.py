@@ -14,6 +14,7 @@ from pathlib import Path
 from vantora_sim import Process, World
 
 from .counts import Counts
+from .wrapper import script_for
 
 _PLAIN_PROCESSOR = (
     "GLIBC_TUNABLES=glibc.cpu.hwcaps=-AVX2,-AVX,-AVX_Fast_Unaligned_Load,-AVX512F,-AVX512VL,-AVX512BW,-BMI2,-ERMS,-FSRM,"
@@ -69,14 +70,15 @@ class Callgrind:
 
     def wrap(self, program: Path, *options: str) -> Path:
         """A script, as seen in the sandbox, that is the program under callgrind."""
-        script = self._world.work / "run/sim/bin" / f"counted-{program.name}"
         # Under its own name, which is in its log lines.
-        script.write_text(
-            f"#!/bin/sh\nexport {_PLAIN_PROCESSOR}\nexec /usr/bin/valgrind -q --tool=callgrind --separate-threads=yes "
-            f"--callgrind-out-file=/tmp/{program.name}.profile --vgdb-prefix=/tmp/vgdb {' '.join(options)} {program} \"$@\"\n"
+        return script_for(
+            self._world,
+            "counted",
+            program,
+            "/usr/bin/valgrind -q --tool=callgrind --separate-threads=yes "
+            f"--callgrind-out-file=/tmp/{program.name}.profile --vgdb-prefix=/tmp/vgdb {' '.join(options)}",
+            f"export {_PLAIN_PROCESSOR}",
         )
-        script.chmod(0o755)
-        return Path("/run/sim/bin") / script.name
 
     def window(self, process: Process, name: str, work: Callable[[], None]) -> list[Profile]:
         """What each thread of a process under callgrind does while `work` runs; the main thread comes first."""

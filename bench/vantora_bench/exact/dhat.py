@@ -8,6 +8,7 @@ from pathlib import Path
 from vantora_sim import World
 
 from .counts import Counts
+from .wrapper import script_for
 
 _PEAK = re.compile(r"At t-gmax:\s+([\d,]+) bytes")
 
@@ -20,13 +21,8 @@ class Dhat:
 
     def wrap(self, program: Path) -> Path:
         """A script, as seen in the sandbox, that is the program under dhat."""
-        script = self._world.work / "run/sim/bin" / f"weighed-{program.name}"
-        script.write_text(
-            f"#!/bin/sh\nexec /usr/bin/valgrind --tool=dhat --dhat-out-file=/dev/null --log-file=/tmp/{program.name}.heap "
-            f'{program} "$@"\n'
-        )
-        script.chmod(0o755)
-        return Path("/run/sim/bin") / script.name
+        options = f"--tool=dhat --dhat-out-file=/dev/null --log-file=/tmp/{program.name}.heap"
+        return script_for(self._world, "weighed", program, f"/usr/bin/valgrind {options}")
 
     def peak(self, program: Path) -> Counts:
         """What a program that has ended held at most, in bytes."""

@@ -11,6 +11,7 @@ from vantora_sim import World
 
 from .counts import Counts, difference
 from .trace import OPTIONS, Trace
+from .wrapper import script_for
 
 _PATIENCE = 300
 _READY = r"\x52\x45\x41\x44\x59\x3d\x31"
@@ -80,12 +81,9 @@ class Strace:
 
     def wrap(self, program: Path) -> Path:
         """A script, as seen in the sandbox, that is the program under strace: signals for the script reach the program."""
-        script = self._world.work / "run/sim/bin" / f"traced-{program.name}"
-        script.write_text(
-            f"#!/bin/sh\nexec /usr/bin/strace -D {' '.join(OPTIONS)} -o /tmp/{program.name}.trace {program} \"$@\"\n"
+        return script_for(
+            self._world, "traced", program, f"/usr/bin/strace -D {' '.join(OPTIONS)} -o /tmp/{program.name}.trace"
         )
-        script.chmod(0o755)
-        return Path("/run/sim/bin") / script.name
 
     def traced(self, program: Path) -> Traced:
         """What is written of a program that is running."""
