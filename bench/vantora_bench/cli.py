@@ -7,7 +7,7 @@ import sys
 from collections.abc import Callable, Sequence
 from pathlib import Path
 
-from . import access_points, events, memory, older_name, reads, report, size, starts, wakeups
+from . import access_points, client, events, memory, older_name, reads, report, settings, size, starts, stations, wakeups
 from .exact.cli import exact
 from .report import Section
 
@@ -35,6 +35,9 @@ def main(arguments: Sequence[str]) -> int:
         LOADED: lambda: memory.memory_after_load(build, options.load_seconds),
         "wake-ups": lambda: wakeups.idle_wake_ups(build, options.quick),
         "older-name": lambda: older_name.older_name(build, options.quick),
+        "setting": lambda: settings.stored_setting(build, options.quick),
+        "stations": lambda: stations.stations_leave(build, options.quick),
+        "status": lambda: client.status(build, options.quick),
         "size": lambda: size.armhf_size(PACKAGES),
     }
     unknown = set(options.figures) - set(figures) - {"all"}

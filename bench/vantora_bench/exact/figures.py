@@ -26,8 +26,8 @@ _PROPERTY = "WiFiAccessPointInitialised"
 _STATION_EVENT = "pmh"
 _SETTING = "a setting stored"
 _STATUS_FIGURE = "vantora-wifi status"
-_BUSCTL = Path("/usr/bin/busctl")
-_BUSCTL_ARGUMENTS = (
+BUSCTL = Path("/usr/bin/busctl")
+BUSCTL_ARGUMENTS = (
     "--user get-property com.vantora.Network1 /com/vantora/Network1 com.vantora.Network1.WiFi WiFiState Mode SSID "
     "WiFiFrequency WiFiAvailableFrequencies WiFiAccessPointInitialised WiFiConnectedClients ClientSSID WiFiClientState "
     "IPAddress MacAddress WiFiSignal"
@@ -184,7 +184,7 @@ def _host_others(build: Path) -> Figures:
         service = device.start_bare_service(counting.dhat.wrap(build / _SERVICE))
         found[_STATUS_FIGURE] = {
             "client": counting.whole(build / _STATUS, "status"),
-            "floor": counting.whole(_BUSCTL, *_BUSCTL_ARGUMENTS),
+            "floor": counting.whole(BUSCTL, *BUSCTL_ARGUMENTS),
         }
         counting.ask(f"get:{BARE_SERVICE}:{_PROPERTY}", 20)
         for request in _HOST:
