@@ -63,7 +63,7 @@ def _waits(lines: list[str], begun: str) -> bool:
     return bool(main) and "epoll_wait(" in after and after.endswith("<unfinished ...>") and not begun.startswith(main[0])
 
 
-def until_ready(lines: list[str]) -> list[str]:
+def up_to_ready(lines: list[str]) -> list[str]:
     """What comes before the program has said that it is ready, and that. Another thread's call may stand in its middle."""
     said = next(number for number, line in enumerate(lines) if _READY in line)
     if not lines[said].endswith("<unfinished ...>"):
@@ -94,7 +94,7 @@ class Strace:
         lines = self._file(program).read_text(errors="replace").splitlines()
         self._file(program).unlink()
         if until_ready:
-            lines = until_ready(lines)
+            lines = up_to_ready(lines)
         trace = Trace()
         return trace.counts(trace.rest(trace.window(lines)))
 

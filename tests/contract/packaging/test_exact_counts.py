@@ -15,7 +15,7 @@ from vantora_bench.exact.baseline import Baseline  # noqa: E402
 from vantora_bench.exact.callgrind import Profile  # noqa: E402
 from vantora_bench.exact.cli import report  # noqa: E402
 from vantora_bench.exact.counts import Counts, difference, tidy, total  # noqa: E402
-from vantora_bench.exact.strace import until_ready  # noqa: E402
+from vantora_bench.exact.strace import up_to_ready  # noqa: E402
 from vantora_bench.exact.trace import Trace  # noqa: E402
 
 MADE_WITH = {"compiler": "c++ 12.2.0", "libc6": "2.36"}
@@ -282,6 +282,6 @@ READY = hexadecimal(b"READY=1")
 )
 def test_a_start_ends_with_the_word_that_it_is_over(said: list[str]) -> None:
     counts = Trace()
-    window = counts.window(until_ready([*START.splitlines(), *said, "7 close(4) = 0"]))
+    window = counts.window(up_to_ready([*START.splitlines(), *said, "7 close(4) = 0"]))
     found = counts.counts(counts.rest(window))
     assert (found["calls.sendmsg"], "calls.close" in found, "calls.pselect6" in found) == (1, False, False)
