@@ -299,7 +299,7 @@ void ScreenTerminal::stop()
     ::wrefresh(curscr);
 }
 
-void ScreenTerminal::fit_window() const
+void ScreenTerminal::fit_window()
 {
     winsize size = {};
     if (::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_row > 0 && size.ws_col > 0) {
@@ -307,7 +307,7 @@ void ScreenTerminal::fit_window() const
     }
 }
 
-void ScreenTerminal::draw(const ScreenModel& model)
+void ScreenTerminal::draw(const ScreenModel& model) const
 {
     const int rows = ::getmaxy(stdscr);
     const int columns = ::getmaxx(stdscr);

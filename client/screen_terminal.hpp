@@ -44,13 +44,13 @@ public:
     Input take();
 
     /** Draws the model. */
-    void draw(const ScreenModel& model);
+    void draw(const ScreenModel& model) const;
 
 private:
     void take_signals(Input& input);
     static void take_keys(Input& input);
     static void stop();
-    void fit_window() const;
+    static void fit_window();
 
     UniqueFd signals_;
     bool usable_ = false;

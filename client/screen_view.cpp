@@ -123,7 +123,7 @@ std::vector<ScreenLine> help_lines()
     for (const auto& [key, meaning] : kHelp) {
         lines.push_back({{padded(key, kLabel), Style::Heading}, {meaning}});
     }
-    lines.push_back({});
+    lines.emplace_back();
     lines.push_back(plain("Everything here can be had by sub-commands, too: vantora-wifi --help"));
     lines.push_back(plain("Any key leads back.", Style::Faint));
     return lines;

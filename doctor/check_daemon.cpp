@@ -1,5 +1,6 @@
 #include "checks.hpp"
 
+#include <array>
 #include <cstdint>
 #include <string>
 
@@ -21,10 +22,10 @@ std::string told_time(std::uint64_t seconds)
         const char* one;
         const char* many;
     };
-    constexpr Measure kMeasures[] = {{86'400, "day", "days"},
-                                     {3'600, "hour", "hours"},
-                                     {60, "minute", "minutes"},
-                                     {1, "second", "seconds"}};
+    constexpr auto kMeasures = std::to_array<Measure>({{86'400, "day", "days"},
+                                                       {3'600, "hour", "hours"},
+                                                       {60, "minute", "minutes"},
+                                                       {1, "second", "seconds"}});
     for (const Measure& measure : kMeasures) {
         if (seconds >= measure.seconds) {
             const std::uint64_t count = seconds / measure.seconds;

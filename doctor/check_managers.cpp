@@ -1,5 +1,6 @@
 #include "checks.hpp"
 
+#include <array>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -80,7 +81,7 @@ bool check_iwd(const View& view, Findings& findings)
     }
     const Reply objects =
         view.system.call({kName, "/", "org.freedesktop.DBus.ObjectManager"}, "GetManagedObjects");
-    if (objects.value().dump(-1, ' ', false, Json::error_handler_t::replace).find("\"Name\":\"wlan0\"") ==
+    if (objects.value().dump(-1, ' ', false, Json::error_handler_t::replace).find(R"("Name":"wlan0")") ==
         std::string::npos) {
         return false;
     }
@@ -200,13 +201,13 @@ void check_managers(const View& view, Findings& findings)
                         "systemctl status dbus");
         return;
     }
-    const bool anyone[] = {check_network_manager(view, findings),
-                           check_networkd(view, findings),
-                           check_iwd(view, findings),
-                           check_connman(view, findings),
-                           check_dhcpcd(view, findings),
-                           check_ifupdown(view, findings),
-                           check_debians_supplicant(view, findings)};
+    const std::array anyone = {check_network_manager(view, findings),
+                               check_networkd(view, findings),
+                               check_iwd(view, findings),
+                               check_connman(view, findings),
+                               check_dhcpcd(view, findings),
+                               check_ifupdown(view, findings),
+                               check_debians_supplicant(view, findings)};
     for (const bool one : anyone) {
         if (one) {
             return;

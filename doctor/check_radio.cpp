@@ -32,7 +32,7 @@ void check_bands(const Radio& radio, Findings& findings)
     if (!radio.accessPoint) {
         findings.bad("radio.access-point", "the radio " + radio.name + " cannot be an access point",
                      "Host mode needs one that can; its driver does not offer it",
-                     "another radio or driver: \"iw list\" must have AP under \"Supported interface modes\"");
+                     R"(another radio or driver: "iw list" must have AP under "Supported interface modes")");
     } else if (radio.usableLow + radio.usableHigh == 0) {
         findings.bad("radio.access-point",
                      "the radio " + radio.name + " may be an access point on no channel",

@@ -1,5 +1,6 @@
 #include "checks.hpp"
 
+#include <array>
 #include <string>
 
 #include "service_manager.hpp"
@@ -40,11 +41,11 @@ std::string not_name(const Json& value)
     return size >= 1 && size <= kLongestName ? "" : "a text of 1 to 32 bytes";
 }
 
-constexpr Setting kSettings[] = {{"network", "enabled", not_truth},
-                                 {"network", "mode", not_mode},
-                                 {"network", "frequency", not_band},
-                                 {"device", "deviceName", not_name},
-                                 {"development", "killWifiOnBoot", not_truth}};
+constexpr auto kSettings = std::to_array<Setting>({{"network", "enabled", not_truth},
+                                                   {"network", "mode", not_mode},
+                                                   {"network", "frequency", not_band},
+                                                   {"device", "deviceName", not_name},
+                                                   {"development", "killWifiOnBoot", not_truth}});
 
 std::string shown(const Json& value)
 {

@@ -99,7 +99,7 @@ void check_wired(const View& view, Findings& findings)
     }
     findings.warning(kCheck, std::string(kWiredFile) + " has no section [Install]",
                      "enabling it does nothing, so the DHCP server of eth0 never starts",
-                     std::string("add \"[Install]\" and \"WantedBy=multi-user.target\" to ") + kWiredFile);
+                     std::string(R"(add "[Install]" and "WantedBy=multi-user.target" to )") + kWiredFile);
 }
 
 } // namespace

@@ -29,7 +29,7 @@ UniqueFd input_of(const std::string& text)
     while (file && !left.empty()) {
         const ssize_t written = ::write(file.get(), left.data(), left.size());
         if (written <= 0) {
-            return UniqueFd();
+            return {};
         }
         left.remove_prefix(static_cast<std::size_t>(written));
     }
@@ -56,6 +56,7 @@ std::vector<std::string> plain_environment()
 std::vector<char*> pointers_to(std::vector<std::string>& words)
 {
     std::vector<char*> pointers;
+    pointers.reserve(words.size() + 1);
     for (std::string& word : words) {
         pointers.push_back(word.data());
     }
@@ -134,7 +135,7 @@ std::string RealCommands::find(const std::string& program)
         std::string(own != nullptr ? own : "") + ":/usr/local/sbin:/usr/sbin:/sbin:/usr/bin:/bin";
     for (std::size_t begin = 0; begin <= path.size();) {
         const std::size_t end = std::min(path.find(':', begin), path.size());
-        const std::string full = path.substr(begin, end - begin) + "/" + program;
+        std::string full = path.substr(begin, end - begin) + "/" + program;
         if (full.front() == '/' && end > begin && ::access(full.c_str(), X_OK) == 0) {
             return full;
         }
