@@ -5,6 +5,7 @@ was not has a reason.
 """
 
 import json
+import re
 import sys
 import tomllib
 from collections.abc import Iterator
@@ -19,26 +20,69 @@ BRANCHES_WANTED = 85.0
 
 @dataclass(frozen=True)
 class Line:
+    """A line that no test reaches."""
+
     file: str
     number: int
     text: str
+    function: str
 
 
-def reasons() -> dict[tuple[str, str], str]:
-    """(file, line's text) to the reason why no test reaches it."""
-    known = {}
-    for entry in tomllib.loads(LEFT.read_text(encoding="utf-8")).get("left", []):
-        for text in entry["lines"]:
-            known[entry["file"], text.strip()] = entry["reason"]
-    return known
+@dataclass(frozen=True)
+class Left:
+    """What left.toml says of some lines of one function, and the tests that show all but them."""
+
+    file: str
+    function: str
+    reason: str
+    lines: tuple[str, ...]
+    tests: tuple[str, ...]
+
+    def excuses(self, line: Line) -> bool:
+        """Whether this is one of the lines."""
+        is_here = line.function == self.function or line.function.endswith(f"::{self.function}")
+        return line.file == self.file and is_here and line.text in self.lines
+
+    @staticmethod
+    def read() -> "list[Left]":
+        """All of them."""
+        tables = tomllib.loads(LEFT.read_text(encoding="utf-8"))["left"]
+        return [
+            Left(table["file"], table["function"], table["reason"], tuple(table["lines"]), tuple(table["tests"]))
+            for table in tables
+        ]
+
+
+def bare(name: str) -> str:
+    """A function's name without the arguments of its templates and without namespaces that have no name."""
+    name = name.replace("(anonymous namespace)::", "").replace("[abi:cxx11]", "")
+    while (shorter := re.sub(r"<[^<>]*>", "", name)) != name:
+        name = shorter
+    return name
+
+
+def plain(name: str) -> str:
+    """A function's name and nothing else: no type, no arguments."""
+    return bare(name).split("(")[0].split(" ")[-1]
+
+
+def function_at(functions: list[dict], number: int) -> str:
+    """The function that holds a line: the last one that begins before it. Lambdas are part of the function they stand in."""
+    begun = [
+        (function["lineno"], function["name"])
+        for function in functions
+        if function["lineno"] <= number and "}::operator()" not in bare(function["name"])
+    ]
+    return plain(max(begun)[1]) if begun else ""
 
 
 def unreached(files: list[dict]) -> Iterator[Line]:
     for file in files:
-        source = (ROOT / file["file"]).read_text().splitlines()
+        source = (ROOT / file["file"]).read_text(encoding="utf-8").splitlines()
         for line in file["lines"]:
             if line["count"] == 0 and not line.get("gcovr/noncode"):
-                yield Line(file["file"], line["line_number"], source[line["line_number"] - 1].strip())
+                number = line["line_number"]
+                yield Line(file["file"], number, source[number - 1].strip(), function_at(file["functions"], number))
 
 
 def share(reached: int, all_of_them: int) -> float:
@@ -47,13 +91,19 @@ def share(reached: int, all_of_them: int) -> float:
 
 def main() -> int:
     files = json.loads(Path(sys.argv[1]).read_text(encoding="utf-8"))["files"]
-    known = reasons()
+    known = Left.read()
+    needed = set()
     without_reason = 0
     print("\nNot reached:")
     for line in unreached(files):
-        reason = known.get((line.file, line.text))
-        without_reason += reason is None
-        print(f"  {line.file}:{line.number}: {line.text}\n      {reason or 'NO REASON GIVEN'}")
+        entry = next((entry for entry in known if entry.excuses(line)), None)
+        needed.add(entry)
+        without_reason += entry is None
+        told = f"{entry.reason} Relied on: {', '.join(entry.tests)}." if entry else "NO REASON GIVEN"
+        print(f"  {line.file}:{line.number}: {line.function}: {line.text}\n      {told}")
+    for entry in known:
+        if entry not in needed:
+            print(f"  {entry.file}: {entry.function}: all of it is reached; left.toml need not name it")
 
     lines = [line for file in files for line in file["lines"] if not line.get("gcovr/noncode")]
     branches = [branch for line in lines for branch in line["branches"]]
