@@ -7,6 +7,7 @@ from pathlib import Path
 
 from services import Service
 from vantora_sim import World, units
+from vantora_sim.world import HOSTAPD_TEMPLATE
 
 ACCESS_POINT = """\
 interface=wlan0
@@ -18,20 +19,7 @@ channel=6
 """
 """Without a radio and without security: stations come and go by order (`new_sta`, `deauthenticate`)."""
 
-SECURED_ACCESS_POINT = """\
-# Access point of the device
-interface=wlan0
-driver=none
-ctrl_interface=/var/run/hostapd
-country_code=NL
-ssid=template
-hw_mode=g
-channel=0
-wpa=2
-wpa_key_mgmt=WPA-PSK
-rsn_pairwise=CCMP
-wpa_passphrase=korrin-secret
-"""
+SECURED_ACCESS_POINT = HOSTAPD_TEMPLATE.replace("driver=nl80211", "driver=none")
 """Everything that the template of a device holds. Without a radio it waits five seconds for the country's channels, and then
 goes on without."""
 

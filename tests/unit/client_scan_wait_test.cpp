@@ -13,6 +13,14 @@ using client::ScanWait;
 
 const Deadline kBegin = Deadline() + 1h;
 
+/** The wait is over at this time and no millisecond earlier, and this is when it is looked at next. */
+void expect_over_at(const ScanWait& wait, Deadline time)
+{
+    EXPECT_FALSE(wait.is_over(time - 1ms));
+    EXPECT_TRUE(wait.is_over(time));
+    EXPECT_EQ(wait.next(), time);
+}
+
 TEST(ClientScanWait, EightSecondsAreEnoughWhereNothingIsAnnounced)
 {
     const ScanWait wait(kBegin, kNever);
@@ -24,9 +32,7 @@ TEST(ClientScanWait, EightSecondsAreEnoughWhereNothingIsAnnounced)
 TEST(ClientScanWait, TheDeadlineComesFirst)
 {
     const ScanWait wait(kBegin, kBegin + 2s);
-    EXPECT_FALSE(wait.is_over(kBegin + 1999ms));
-    EXPECT_TRUE(wait.is_over(kBegin + 2s));
-    EXPECT_EQ(wait.next(), kBegin + 2s);
+    expect_over_at(wait, kBegin + 2s);
 }
 
 TEST(ClientScanWait, AnAnnouncementEndsItSoonAfter)
@@ -34,9 +40,7 @@ TEST(ClientScanWait, AnAnnouncementEndsItSoonAfter)
     ScanWait wait(kBegin, kNever);
     wait.announced(kBegin + 1s);
     EXPECT_TRUE(wait.has_announced());
-    EXPECT_FALSE(wait.is_over(kBegin + 1299ms));
-    EXPECT_TRUE(wait.is_over(kBegin + 1300ms));
-    EXPECT_EQ(wait.next(), kBegin + 1300ms);
+    expect_over_at(wait, kBegin + 1300ms);
 }
 
 TEST(ClientScanWait, AFurtherPieceIsWaitedForFromTheLastOne)
@@ -44,16 +48,14 @@ TEST(ClientScanWait, AFurtherPieceIsWaitedForFromTheLastOne)
     ScanWait wait(kBegin, kNever);
     wait.announced(kBegin + 1000ms);
     wait.announced(kBegin + 1200ms);
-    EXPECT_FALSE(wait.is_over(kBegin + 1499ms));
-    EXPECT_TRUE(wait.is_over(kBegin + 1500ms));
+    expect_over_at(wait, kBegin + 1500ms);
 }
 
 TEST(ClientScanWait, AnAnnouncementDoesNotOutliveTheDeadline)
 {
     ScanWait wait(kBegin, kBegin + 1100ms);
     wait.announced(kBegin + 1000ms);
-    EXPECT_EQ(wait.next(), kBegin + 1100ms);
-    EXPECT_TRUE(wait.is_over(kBegin + 1100ms));
+    expect_over_at(wait, kBegin + 1100ms);
 }
 
 TEST(ClientScanWait, AfterThreeSilentSecondsItIsAskedForOnceMore)

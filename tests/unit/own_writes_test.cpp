@@ -2,7 +2,20 @@
 
 #include <gtest/gtest.h>
 
+#include <initializer_list>
+#include <string>
+
 namespace {
+
+/** What has stored these values, in this order. */
+OwnWrites after(std::initializer_list<const char*> values)
+{
+    OwnWrites writes;
+    for (const char* value : values) {
+        writes.remember(value);
+    }
+    return writes;
+}
 
 TEST(OwnWrites, AValueThatWasNeverWrittenIsSomebodyElses)
 {
@@ -14,35 +27,27 @@ TEST(OwnWrites, AValueThatWasNeverWrittenIsSomebodyElses)
 
 TEST(OwnWrites, TheLastWriteIsNotOutdated)
 {
-    OwnWrites writes;
-    writes.remember("Client");
+    OwnWrites writes = after({"Client"});
     EXPECT_FALSE(writes.heard("Client"));
 }
 
 TEST(OwnWrites, AWriteThatAnotherOneHasFollowedIsOutdated)
 {
-    OwnWrites writes;
-    writes.remember("Client");
-    writes.remember("Host");
+    OwnWrites writes = after({"Client", "Host"});
     EXPECT_TRUE(writes.heard("Client"));
     EXPECT_FALSE(writes.heard("Host"));
 }
 
 TEST(OwnWrites, EachIsHeardOfOnce)
 {
-    OwnWrites writes;
-    writes.remember("Client");
-    writes.remember("Host");
+    OwnWrites writes = after({"Client", "Host"});
     EXPECT_TRUE(writes.heard("Client"));
     EXPECT_FALSE(writes.heard("Client"));
 }
 
 TEST(OwnWrites, HearingOfALaterOneForgetsTheEarlierOnes)
 {
-    OwnWrites writes;
-    writes.remember("Attic");
-    writes.remember("Cellar");
-    writes.remember("Kitchen");
+    OwnWrites writes = after({"Attic", "Cellar", "Kitchen"});
     EXPECT_TRUE(writes.heard("Cellar"));
     EXPECT_FALSE(writes.heard("Attic"));
     EXPECT_FALSE(writes.heard("Kitchen"));
@@ -50,19 +55,14 @@ TEST(OwnWrites, HearingOfALaterOneForgetsTheEarlierOnes)
 
 TEST(OwnWrites, SomebodyElsesValueInBetweenForgetsNone)
 {
-    OwnWrites writes;
-    writes.remember("Attic");
-    writes.remember("Cellar");
+    OwnWrites writes = after({"Attic", "Cellar"});
     EXPECT_FALSE(writes.heard("Garage"));
     EXPECT_TRUE(writes.heard("Attic"));
 }
 
 TEST(OwnWrites, AValueWrittenAgainLaterIsOutdatedUntilItsLastWriteIsHeardOf)
 {
-    OwnWrites writes;
-    for (const char* value : {"Client", "Host", "Client"}) {
-        writes.remember(value);
-    }
+    OwnWrites writes = after({"Client", "Host", "Client"});
     EXPECT_TRUE(writes.heard("Client"));
     EXPECT_TRUE(writes.heard("Host"));
     EXPECT_FALSE(writes.heard("Client"));

@@ -7,21 +7,9 @@ from pathlib import Path
 import pytest
 from vantora_sim import DEADLINE, World
 from vantora_sim.dbus_fake import CallRefused
-from wifi_client import UNREACHABLE, Way
+from wifi_client import COMMANDS, UNREACHABLE, Way
 
 NAME = "com.vantora.Network1"
-COMMANDS = [
-    ["status"],
-    ["on"],
-    ["off"],
-    ["mode", "host"],
-    ["band", "5"],
-    ["ssid", "x"],
-    ["scan"],
-    ["connect", "x", "--open"],
-    ["disconnect"],
-    ["monitor", "--timeout", "8"],
-]
 
 
 @pytest.fixture

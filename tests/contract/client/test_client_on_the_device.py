@@ -14,22 +14,10 @@ from collections.abc import Callable
 import pytest
 from simulated import KEY, SharedDevice
 from vantora_sim import changed
-from wifi_client import DONE, REFUSED, TIMED_OUT, UNREACHABLE, USAGE, Running, Way, objects_in, program
+from wifi_client import COMMANDS, DONE, REFUSED, TIMED_OUT, UNREACHABLE, USAGE, Running, Way, objects_in, program
 
 Simctl = Callable[..., tuple[int, str]]
 
-COMMANDS = [
-    ["status"],
-    ["on"],
-    ["off"],
-    ["mode", "client"],
-    ["band", "5"],
-    ["ssid", "Kitchen"],
-    ["scan"],
-    ["connect", "open", "--open"],
-    ["disconnect"],
-    ["monitor"],
-]
 WRONG = [
     ["status", "now"],
     ["on", "2"],

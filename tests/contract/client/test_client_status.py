@@ -7,7 +7,7 @@ import re
 import pytest
 from station import bring_up_station
 from vantora_sim import World, changed
-from wifi_client import DONE, REFUSED, TIMED_OUT, UNREACHABLE, USAGE, on_terminal, program, run
+from wifi_client import COMMANDS, DONE, REFUSED, TIMED_OUT, UNREACHABLE, USAGE, on_terminal, program, run
 
 STATUS_FIELDS = {
     "type",
@@ -24,18 +24,6 @@ STATUS_FIELDS = {
     "mac_address",
     "transmit_power",
 }
-COMMANDS = [
-    ["status"],
-    ["on"],
-    ["off"],
-    ["mode", "host"],
-    ["band", "5"],
-    ["ssid", "x"],
-    ["scan"],
-    ["connect", "x", "--open"],
-    ["disconnect"],
-    ["monitor"],
-]
 
 
 def rows(text: str) -> dict[str, str]:

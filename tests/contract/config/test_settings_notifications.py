@@ -153,14 +153,19 @@ WRITES = [
 ]
 
 
+def written(world: World, name: str, values: tuple[str, str]) -> int:
+    """A device on which the values were written one after the other; where the journal stood then."""
+    bring_up_quietly(world)
+    for value in values:
+        world.set(name, value)
+    return world.journal.mark()
+
+
 @pytest.mark.parametrize(("name", "section", "key", "values"), WRITES)
 def test_the_echo_of_a_first_write_does_not_undo_a_second_one(
     world: World, name: str, section: str, key: str, values: tuple[str, str]
 ) -> None:
-    bring_up_quietly(world)
-    for value in values:
-        world.set(name, value)
-    mark = world.journal.mark()
+    mark = written(world, name, values)
     for value in values:
         world.settings.notify(section, {key: value})
         world.settle()
@@ -177,10 +182,7 @@ def test_the_echo_of_a_first_write_does_not_undo_a_second_one(
 def test_a_first_value_that_somebody_else_has_stored_again_is_taken(
     world: World, name: str, section: str, key: str, values: tuple[str, str]
 ) -> None:
-    bring_up_quietly(world)
-    for value in values:
-        world.set(name, value)
-    mark = world.journal.mark()
+    mark = written(world, name, values)
     world.settings.change(section, **{key: values[0]})  # by a daemon that tells nobody of his own writes
     world.journal.wait_for(changed(name, values[0]), mark)
 

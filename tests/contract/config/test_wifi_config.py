@@ -7,11 +7,10 @@ from typing import Any
 
 import pytest
 from control import logs
-from settings_texts import ABSENT, GET_BOOL, MISSING, get_failed
+from settings_texts import ABSENT, GET_BOOL, MISSING, config_dump, get_failed
 from vantora_sim import Variant, World, call
 
 READ = ("info", "Read settings from Settings Daemon")
-LINE = ("info", "-" * 38)
 SAFE = ("err", "[Main] Failed to read initial wifi configuration, use safe config")
 
 
@@ -20,21 +19,7 @@ def identity(model: str = "Korrin One", serial: str = "12-3456", ssid: str = "Ko
     return [("info", f"model name: {model}"), ("info", f"serial number : {serial}"), ("info", f"default ssid: {ssid}")]
 
 
-def dump(enabled: str, mode: str, band: str, ssid: str) -> list[tuple[str, str]]:
-    """The eight lines of the configuration."""
-    return [
-        LINE,
-        ("info", "WiFi config dump"),
-        LINE,
-        ("info", f"Enabled:          {enabled}"),
-        ("info", f"Mode:             {mode}"),
-        ("info", f"Frequency band:   {band}"),
-        ("info", f"Host SSID:        {ssid}"),
-        ("info", "Client SSID:      "),
-    ]
-
-
-SAFE_DUMP = dump("Enabled", "Host", "5.0 GHz", "Korrin One-3456")
+SAFE_DUMP = config_dump("Enabled", "Host", "5.0 GHz", "Korrin One-3456")
 
 
 def config_logs(world: World) -> list[tuple[str, str]]:
@@ -74,10 +59,10 @@ def test_each_setting_is_read_by_one_get_of_its_property_in_order(world: World) 
 @pytest.mark.parametrize(
     ("stored", "lines"),
     [
-        ((True, "Host", "2.4", "Korrin One"), dump("Enabled", "Host", "2.4 GHz", "Korrin One")),
-        ((False, "Client", "5", ""), dump("Disabled", "Client", "5.0 GHz", "")),
-        ((True, "client", "5", "x" * 40), dump("Enabled", "Host", "5.0 GHz", "x" * 40)),
-        ((False, "", "2.4", "50%s"), dump("Disabled", "Host", "2.4 GHz", "50%s")),
+        ((True, "Host", "2.4", "Korrin One"), config_dump("Enabled", "Host", "2.4 GHz", "Korrin One")),
+        ((False, "Client", "5", ""), config_dump("Disabled", "Client", "5.0 GHz", "")),
+        ((True, "client", "5", "x" * 40), config_dump("Enabled", "Host", "5.0 GHz", "x" * 40)),
+        ((False, "", "2.4", "50%s"), config_dump("Disabled", "Host", "2.4 GHz", "50%s")),
     ],
 )
 def test_the_stored_configuration_is_read_and_dumped(
@@ -190,7 +175,7 @@ def test_the_default_ssid_follows_from_the_device(make_world: Callable[..., Worl
         *get_failed("enabled", MISSING),
         SAFE,
         *identity(model, serial, ssid),
-        *dump("Enabled", "Host", "2.4 GHz", ssid),
+        *config_dump("Enabled", "Host", "2.4 GHz", ssid),
     ]
     assert f"\nssid={ssid}\n" in world.hostapd_conf.read_text()
 
@@ -215,7 +200,7 @@ def test_slow_answers_are_waited_for(world: World) -> None:
     world.settings.slow("Get", 0.2)
     world.settings.set("network", "mode", "Client")
     world.up()
-    assert config_logs(world) == [READ, *dump("Enabled", "Client", "2.4 GHz", "Korrin One")]
+    assert config_logs(world) == [READ, *config_dump("Enabled", "Client", "2.4 GHz", "Korrin One")]
 
 
 def test_a_daemon_that_ends_in_the_middle_of_a_read_counts_as_failed(world: World) -> None:

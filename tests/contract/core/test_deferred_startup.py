@@ -5,27 +5,13 @@ from __future__ import annotations
 from collections.abc import Callable
 
 import pytest
+from settings_texts import config_dump
 from station import wait_first_state
 from vantora_sim import World, call, changed, command, log, notify, unit_path
 
 NETLINK_LOG = ("info", "[NETLINK] Starting kernel netlink listener...")
-LINE = ("info", "--------------------------------------")
 POWER_ON_LOGS = [("info", "[WiFi] Enable wifi: True"), ("info", 'utils_do_system_call: trying "rfkill unblock wlan"...')]
 POWER_OFF_LOGS = [("info", "[WiFi] Enable wifi: False"), ("info", 'utils_do_system_call: trying "rfkill block wlan"...')]
-
-
-def dump_logs(enabled: str, mode: str, band: str, ssid: str) -> list[tuple[str, str]]:
-    """The record as it is written to the log."""
-    return [
-        LINE,
-        ("info", "WiFi config dump"),
-        LINE,
-        ("info", f"Enabled:          {enabled}"),
-        ("info", f"Mode:             {mode}"),
-        ("info", f"Frequency band:   {band}"),
-        ("info", f"Host SSID:        {ssid}"),
-        ("info", "Client SSID:      "),
-    ]
 
 
 def startup_logs(world: World) -> list[tuple[str, str]]:
@@ -44,7 +30,7 @@ def test_a_stored_access_point_is_started(world: World) -> None:
     lines = startup_logs(world)
     assert lines[:2] == [("info", "Setup initial WiFi mode"), ("info", "Read settings from Settings Daemon")]
     assert lines[2:14] == [
-        *dump_logs("Enabled", "Host", "2.4 GHz", "Korrin One"),
+        *config_dump("Enabled", "Host", "2.4 GHz", "Korrin One"),
         *POWER_ON_LOGS,
         ("info", "[Main] WiFi is on, start in 'Host' mode"),
         ("info", "[WiFi] Switch wifi mode to 0"),
@@ -74,7 +60,7 @@ def test_a_stored_station_is_started(world: World) -> None:
     world.settings.set("network", "frequency", "5")
     world.up()
     assert startup_logs(world)[2:14] == [
-        *dump_logs("Enabled", "Client", "5.0 GHz", "Korrin One"),
+        *config_dump("Enabled", "Client", "5.0 GHz", "Korrin One"),
         *POWER_ON_LOGS,
         ("info", "[Main] WiFi is on, start in 'Client' mode"),
         ("info", "[WiFi] Switch wifi mode to 1"),
@@ -95,7 +81,7 @@ def test_a_stored_radio_off_stays_off(world: World, mode: str) -> None:
     world.settings.set("network", "mode", mode)
     world.up()
     assert startup_logs(world)[2:14] == [
-        *dump_logs("Disabled", mode, "2.4 GHz", "Korrin One"),
+        *config_dump("Disabled", mode, "2.4 GHz", "Korrin One"),
         *POWER_OFF_LOGS,
         ("info", "[Main] WiFi is disabled, do nothing..."),
         NETLINK_LOG,
@@ -131,7 +117,7 @@ def test_unreadable_settings_mean_an_access_point_with_the_default_name(world: W
             ("info", "model name: Korrin One"),
             ("info", "serial number : 12-3456"),
             ("info", "default ssid: Korrin One-3456"),
-            *dump_logs("Enabled", "Host", "5.0 GHz", "Korrin One-3456"),
+            *config_dump("Enabled", "Host", "5.0 GHz", "Korrin One-3456"),
             *POWER_ON_LOGS,
             ("info", "[Main] WiFi is on, start in 'Host' mode"),
         ]
@@ -148,7 +134,7 @@ def test_the_safe_band_of_a_radio_without_5_ghz_is_the_other(make_world: Callabl
     world = make_world(device={"radio_type": "0"})
     world.settings.go()
     world.up()
-    world.journal.expect_logs_in_order(dump_logs("Enabled", "Host", "2.4 GHz", "Korrin One-3456"))
+    world.journal.expect_logs_in_order(config_dump("Enabled", "Host", "2.4 GHz", "Korrin One-3456"))
 
 
 def test_a_radio_that_can_not_be_switched_is_hoped_for(world: World) -> None:

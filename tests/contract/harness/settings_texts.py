@@ -30,3 +30,18 @@ def set_failed(key: str, text: str) -> list[tuple[str, str]]:
         ("err", f"{SET_STRING}: ERROR sdbus_utils::SetProperty {key} failed {text}"),
         ("warning", f"Failed to set '{key}' setting"),
     ]
+
+
+def config_dump(enabled: str, mode: str, band: str, ssid: str) -> list[tuple[str, str]]:
+    """The eight lines of the configuration as it is written to the log."""
+    line = ("info", "-" * 38)
+    return [
+        line,
+        ("info", "WiFi config dump"),
+        line,
+        ("info", f"Enabled:          {enabled}"),
+        ("info", f"Mode:             {mode}"),
+        ("info", f"Frequency band:   {band}"),
+        ("info", f"Host SSID:        {ssid}"),
+        ("info", "Client SSID:      "),
+    ]

@@ -23,6 +23,20 @@ from vantora_sim import DEADLINE, World
 DONE, REFUSED, USAGE, UNREACHABLE, TIMED_OUT = range(5)
 """The exit statuses."""
 
+COMMANDS = [
+    ["status"],
+    ["on"],
+    ["off"],
+    ["mode", "host"],
+    ["band", "5"],
+    ["ssid", "x"],
+    ["scan"],
+    ["connect", "x", "--open"],
+    ["disconnect"],
+    ["monitor"],
+]
+"""Each sub-command, as it needs nothing else."""
+
 
 @dataclass(frozen=True)
 class Ended:

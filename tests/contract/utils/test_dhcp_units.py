@@ -39,15 +39,18 @@ def test_starting_a_dhcp_server_that_runs_already_succeeds(world: World) -> None
     assert world.get("Mode") == "Host"
 
 
+def expect_job(world: World, mark: int, line: str, verb: str, unit: str, number: int) -> None:
+    """The unit is looked up, its job is queued, and both are told."""
+    world.journal.expect_in_order([manager_call("LoadUnit", "s", unit), job_call(verb, unit)], mark)
+    world.journal.expect_logs_in_order([("info", line), loaded_log(unit), queued_log(verb, unit, number)], mark)
+
+
 def test_dhcp_server_is_stopped_when_the_access_point_ends(world: World) -> None:
     world.tools.ip.output("")
     world.up()
     mark = world.journal.mark()
     world.set("Mode", "Client")
-    world.journal.expect_in_order([manager_call("LoadUnit", "s", DHCP_SERVER), job_call("Stop", DHCP_SERVER)], mark)
-    world.journal.expect_logs_in_order(
-        [("info", "Stoping UDHCP daemon service"), loaded_log(DHCP_SERVER), queued_log("Stop", DHCP_SERVER, 5)], mark
-    )
+    expect_job(world, mark, "Stoping UDHCP daemon service", "Stop", DHCP_SERVER, 5)
     assert not world.systemd.active[DHCP_SERVER]
 
 
@@ -56,18 +59,12 @@ def test_dhcp_client_is_restarted_by_an_association_and_stopped_when_the_station
     world.settings.set("network", "mode", "Client")
     world.up()
     mark = associate(world)
-    world.journal.expect_in_order([manager_call("LoadUnit", "s", DHCP_CLIENT), job_call("Restart", DHCP_CLIENT)], mark)
-    world.journal.expect_logs_in_order(
-        [("info", "Re-Starting UDHCP client service"), loaded_log(DHCP_CLIENT), queued_log("Restart", DHCP_CLIENT, 4)], mark
-    )
+    expect_job(world, mark, "Re-Starting UDHCP client service", "Restart", DHCP_CLIENT, 4)
     assert world.systemd.active[DHCP_CLIENT]
 
     mark = world.journal.mark()
     world.set("Mode", "Host")
-    world.journal.expect_in_order([manager_call("LoadUnit", "s", DHCP_CLIENT), job_call("Stop", DHCP_CLIENT)], mark)
-    world.journal.expect_logs_in_order(
-        [("info", "Stoping UDHCP client service"), loaded_log(DHCP_CLIENT), queued_log("Stop", DHCP_CLIENT, 5)], mark
-    )
+    expect_job(world, mark, "Stoping UDHCP client service", "Stop", DHCP_CLIENT, 5)
     assert not world.systemd.active[DHCP_CLIENT]
 
 

@@ -150,47 +150,27 @@ def misbehaviours(world: World, verb: str, function: str) -> list[tuple[Callable
     ]
 
 
-def test_refused_and_unreadable_stops_are_logged_and_the_mode_is_switched_all_the_same(world: World) -> None:
+@pytest.mark.parametrize(
+    ("verb", "modes", "before", "after"),
+    [
+        ("Stop", ("Host", "Client"), "Stoping UDHCP daemon service", "Stopping Hostapd daemon service"),
+        ("Start", ("Client", "Host"), "Starting UDHCP daemon service", "-" * 44),
+    ],
+)
+def test_refused_and_unreadable_jobs_are_logged_and_the_mode_is_switched_all_the_same(
+    world: World, verb: str, modes: tuple[str, str], before: str, after: str
+) -> None:
     world.tools.ip.output("")  # no kernel address comes or goes, so nothing else is logged meanwhile
+    world.settings.set("network", "mode", modes[0])
     world.up()
-    for misbehave, line in misbehaviours(world, "Stop", "utils_stop_service"):
-        world.set("Mode", "Host")
+    for misbehave, line in misbehaviours(world, verb, f"utils_{verb.lower()}_service"):
+        world.set("Mode", modes[0])
         mark = world.journal.mark()
         misbehave()
-        world.set("Mode", "Client")
-        world.journal.expect_logs_in_order(
-            [
-                ("info", "Stoping UDHCP daemon service"),
-                loaded_log(DHCP_SERVER),
-                line,
-                ("info", "Stopping Hostapd daemon service"),
-            ],
-            mark,
-        )
+        world.set("Mode", modes[1])
+        world.journal.expect_logs_in_order([("info", before), loaded_log(DHCP_SERVER), line, ("info", after)], mark)
         world.systemd.clear()
-        assert world.get("Mode") == "Client"
-
-
-def test_refused_and_unreadable_starts_are_logged_and_the_mode_is_switched_all_the_same(world: World) -> None:
-    world.tools.ip.output("")  # no kernel address comes or goes, so nothing else is logged meanwhile
-    world.settings.set("network", "mode", "Client")
-    world.up()
-    for misbehave, line in misbehaviours(world, "Start", "utils_start_service"):
-        world.set("Mode", "Client")
-        mark = world.journal.mark()
-        misbehave()
-        world.set("Mode", "Host")
-        world.journal.expect_logs_in_order(
-            [
-                ("info", "Starting UDHCP daemon service"),
-                loaded_log(DHCP_SERVER),
-                line,
-                ("info", "--------------------------------------------"),
-            ],
-            mark,
-        )
-        world.systemd.clear()
-        assert world.get("Mode") == "Host"
+        assert world.get("Mode") == modes[1]
 
 
 def test_look_up_and_job_wait_as_long_as_the_bus_library_does_by_default(world: World) -> None:
