@@ -1,7 +1,12 @@
 // Each check on a device on which all is well but one thing.
 
+#include <chrono>
+#include <cstdint>
 #include <functional>
 #include <ostream>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -22,6 +27,7 @@ using doctor::RemedyKind;
 using testing::AllOf;
 using testing::Contains;
 using testing::ElementsAre;
+using testing::Field;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing_support::HealthyDevice;
@@ -35,6 +41,24 @@ TEST(DoctorChecks, FindNothingWhereAllIsWell)
     EXPECT_EQ(device.findings().all().front().text, "rfkill is there");
     EXPECT_EQ(device.findings().all()[1].text, "iw 5.19");
     EXPECT_EQ(device.findings().all()[5].text, "hostapd 2.10");
+}
+
+TEST(DoctorChecks, TellHowLongTheDaemonHasRunInTheLargestUnitThatItFills)
+{
+    constexpr std::uint64_t kBegan = 1'000'000;
+    const std::vector<std::pair<std::uint64_t, std::string>> told = {
+        {0, "a moment"},      {1, "1 second"},       {59, "59 seconds"},
+        {60, "1 minute"},     {3'599, "59 minutes"}, {3'600, "1 hour"},
+        {86'399, "23 hours"}, {86'400, "1 day"},     {259'200, "3 days"}};
+    for (const auto& [seconds, words] : told) {
+        HealthyDevice device;
+        device.system.unit("vantora-network.service")["ActiveEnterTimestampMonotonic"] = kBegan;
+        doctor::View view = device.view();
+        view.sinceBoot = std::chrono::microseconds(kBegan + 1'000'000 * seconds);
+        const doctor::Findings findings = doctor::look_at(view);
+        EXPECT_THAT(findings.all(),
+                    Contains(Field(&doctor::Finding::text, "the daemon has been running for " + words)));
+    }
 }
 
 /** One thing that is broken, and what is said of it. */
