@@ -1,6 +1,5 @@
 #include "checks.hpp"
 
-#include <array>
 #include <cstdint>
 #include <string>
 
@@ -13,26 +12,27 @@ namespace {
 constexpr const char* kUnit = "vantora-network.service";
 const Target kObject = {"com.vantora.Network1", "/com/vantora/Network1", "com.vantora.Network1.WiFi"};
 
+std::string counted(std::uint64_t count, const char* unit)
+{
+    return std::to_string(count) + " " + unit + (count == 1 ? "" : "s");
+}
+
 /** A time for people: "3 days", "2 hours", "5 minutes", "40 seconds". */
 std::string told_time(std::uint64_t seconds)
 {
-    struct Measure
-    {
-        std::uint64_t seconds;
-        const char* one;
-        const char* many;
-    };
-    constexpr auto kMeasures = std::to_array<Measure>({{86'400, "day", "days"},
-                                                       {3'600, "hour", "hours"},
-                                                       {60, "minute", "minutes"},
-                                                       {1, "second", "seconds"}});
-    for (const Measure& measure : kMeasures) {
-        if (seconds >= measure.seconds) {
-            const std::uint64_t count = seconds / measure.seconds;
-            return std::to_string(count) + " " + (count == 1 ? measure.one : measure.many);
-        }
+    constexpr std::uint64_t kMinute = 60;
+    constexpr std::uint64_t kHour = 60 * kMinute;
+    constexpr std::uint64_t kDay = 24 * kHour;
+    if (seconds >= kDay) {
+        return counted(seconds / kDay, "day");
     }
-    return "a moment";
+    if (seconds >= kHour) {
+        return counted(seconds / kHour, "hour");
+    }
+    if (seconds >= kMinute) {
+        return counted(seconds / kMinute, "minute");
+    }
+    return seconds > 0 ? counted(seconds, "second") : "a moment";
 }
 
 std::uint64_t seconds_since(std::uint64_t monotonicUsec, const View& view)

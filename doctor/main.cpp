@@ -114,7 +114,7 @@ int run_program(int argc, const char* const* argv)
     std::signal(SIGALRM, give_up);
     ::alarm(kGivenUp);
 
-    const Arguments& arguments = std::get<Arguments>(parsed);
+    const auto& arguments = std::get<Arguments>(parsed);
     const Patience patience(kAllWaits);
     const Files files;
     RealCommands commands(patience);

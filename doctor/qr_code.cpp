@@ -74,8 +74,10 @@ std::string drawn_code(const std::string& text, const client::Terminal& terminal
     const std::string end = terminal.coloured() ? "\033[0m" : "";
     std::string lines;
     for (int row = 0; row < squares.size(); row += terminal.unicode() ? 2 : 1) {
-        lines += begin + (terminal.unicode() ? line_of_blocks(squares, row) : line_of_letters(squares, row)) +
-                 end + "\n";
+        lines += begin;
+        lines += terminal.unicode() ? line_of_blocks(squares, row) : line_of_letters(squares, row);
+        lines += end;
+        lines += '\n';
     }
     return lines;
 }

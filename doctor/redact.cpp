@@ -107,12 +107,12 @@ std::string redacted_lines(std::string_view text, bool configuration)
     for (const std::string& line : lines_of(text)) {
         const std::string_view bare = trimmed(line);
         const auto begin = secret_begin(line);
-        if (blocks.hides(bare)) {
+        const bool isOdd =
+            configuration && line.find('=') == std::string::npos && !is_harmless_without_key(bare);
+        if (blocks.hides(bare) || (!begin && isOdd)) {
             result += kHidden;
         } else if (begin) {
             result += line.substr(0, *begin) + kHidden;
-        } else if (configuration && line.find('=') == std::string::npos && !is_harmless_without_key(bare)) {
-            result += kHidden;
         } else {
             result += line;
         }

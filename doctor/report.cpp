@@ -76,7 +76,7 @@ std::vector<std::string> paths(const View& view)
     for (const std::string folder : kFolders) {
         for (const std::string& name : view.files.names(folder)) {
             if (name.ends_with(".conf")) {
-                all.push_back(folder + "/" + name);
+                all.push_back(std::string(folder).append("/").append(name));
             }
         }
     }

@@ -45,9 +45,10 @@ std::string first_line(std::string_view text)
 
 std::string version_in(std::string_view text)
 {
-    for (auto begin = text.begin(); begin != text.end();) {
-        begin = std::find_if(begin, text.end(), is_digit);
-        const auto end = std::find_if_not(begin, text.end(), is_of_version);
+    const char* const last = text.data() + text.size();
+    for (const char* begin = text.data(); begin != last;) {
+        begin = std::find_if(begin, last, is_digit);
+        const char* const end = std::find_if_not(begin, last, is_of_version);
         if (std::find(begin, end, '.') != end) {
             std::string version(begin, end);
             version.erase(version.find_last_not_of('.') + 1);

@@ -17,10 +17,10 @@ constexpr const char* kSecret = "Fuzz3dS3cret";
 /** The daemon's own reader, of a file. */
 HostapdConfig read_by_daemon(const std::string& text)
 {
-    static const testing_support::TempFolder folder;
-    folder.write("template", text);
+    static const testing_support::TempFolder kFolder;
+    kFolder.write("template", text);
     HostapdConfig config;
-    fuzz::require(hostapd_read_conf(folder.file("template"), config) == 1, "the file can be read");
+    fuzz::require(hostapd_read_conf(kFolder.file("template"), config) == 1, "the file can be read");
     return config;
 }
 

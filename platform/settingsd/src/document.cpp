@@ -127,7 +127,7 @@ void check_section(Document& document, const std::string& section, json& setting
             ++entry;
             continue;
         }
-        report_damage(document, "setting " + name + " " + refusal);
+        report_damage(document, std::string("setting ").append(name).append(" ").append(refusal));
         entry = settings.erase(entry);
     }
 }
