@@ -2,7 +2,7 @@
 
 from __future__ import annotations
 
-from collections.abc import Iterator
+from collections.abc import Iterator, Sequence
 from pathlib import Path
 
 from elftools.elf.dynamic import DynamicSection
@@ -26,6 +26,10 @@ _RELATIVE = {"x64": 8, "AArch64": 1027}
 """The relocation that puts the address of something of the program itself into a table."""
 
 _X86_SHADOW_STACK = 2
+
+_ARM64_COMPILERS_OWN = 3
+"""Functions without landing pads that a compiler which was not built with them puts before and after every program: two of the
+start-up code, and one that asks the kernel how this processor counts, where something is counted by several threads."""
 
 
 class Elf:
@@ -79,18 +83,24 @@ class Elf:
                 yield "is not marked for shadow stacks"
         elif self.architecture == "AArch64":
             missing, pads = self._without_landing_pad(_ARM64_LANDING_PADS)
+            missing -= min(_ARM64_COMPILERS_OWN, self._start_and_end_without(_ARM64_LANDING_PADS))
         else:
             return
-        # The start-up code of a compiler that was not built with landing pads has two functions of its own.
-        if missing > (2 if self.architecture == "AArch64" else 0) or pads == 0:
+        if missing or pads == 0:
             yield f"has {missing} functions in tables that are no landing pads, and {pads} that are"
 
-    def _without_landing_pad(self, pads: tuple[bytes, ...]) -> tuple[int, int]:
-        """How many functions that tables hold do not begin with a landing pad, and how many do."""
+    def _start_and_end_without(self, pads: tuple[bytes, ...]) -> int:
+        """How many of the functions that run before and after the program's own do not begin with a landing pad."""
+        tables = [self._elf.get_section_by_name(name) for name in (".init_array", ".fini_array")]
+        places = [range(table["sh_addr"], table["sh_addr"] + table["sh_size"]) for table in tables if table is not None]
+        return self._without_landing_pad(pads, places)[0]
+
+    def _without_landing_pad(self, pads: tuple[bytes, ...], places: Sequence[range] | None = None) -> tuple[int, int]:
+        """How many functions that tables hold, all or those in some places, do not begin with a landing pad, and how many do."""
         text = self._elf.get_section_by_name(".text")
         start, code = text["sh_addr"], text.data()
         without, with_pad = 0, 0
-        for target in set(self._addresses_in_tables()):
+        for target in set(self._addresses_in_tables(places)):
             if start <= target < start + len(code):
                 if code[target - start : target - start + 4] in pads:
                     with_pad += 1
@@ -98,11 +108,13 @@ class Elf:
                     without += 1
         return without, with_pad
 
-    def _addresses_in_tables(self) -> Iterator[int]:
+    def _addresses_in_tables(self, places: Sequence[range] | None) -> Iterator[int]:
         for section in self._elf.iter_sections():
             if isinstance(section, RelocationSection):
                 for relocation in section.iter_relocations():
-                    if relocation["r_info_type"] == _RELATIVE[self.architecture]:
+                    if relocation["r_info_type"] != _RELATIVE[self.architecture]:
+                        continue
+                    if places is None or any(relocation["r_offset"] in place for place in places):
                         yield relocation["r_addend"]
 
     def _x86_features(self) -> int:
