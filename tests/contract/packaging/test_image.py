@@ -31,9 +31,7 @@ case "$*" in
 *apt-get*) ls "$root/packages" >"$TREE/installed"; [ -x "$root/usr/sbin/policy-rc.d" ] ;;
 grub-mkimage*) cp "$root/tmp/grub.cfg" "$root/tmp/loader" ;;
 esac""",
-    **{
-        f"qemu-system-{name}": 'echo "${0##*/} $*" >"$TREE/started"; exit 7' for name in ("x86_64", "aarch64", "arm")
-    },
+    **{f"qemu-system-{name}": 'echo "${0##*/} $*" >"$TREE/started"; exit 7' for name in ("x86_64", "aarch64", "arm")},
 }
 
 DEBIAN = {
