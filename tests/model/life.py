@@ -322,6 +322,8 @@ class Life:
         if hostapd.running:
             return
         await self._pause(self.start_lag)
+        if hostapd.running:
+            return
         if not self.comes_up:
             self._set_type("managed")
             return

@@ -84,7 +84,8 @@ class Neighbours(Requests):
         self.history.complaints.add("hostapd ended")
         self.world.loop.call(self._terminate)
         time.sleep(gap)
-        self.world.loop.call(self.open_access_point)
+        # Its unit may have been told to start it meanwhile, and one is all that a unit has.
+        self.world.loop.call(lambda: self.world.hostapd.running or self.open_access_point())
 
     def hostapd_is_replaced(self) -> None:
         """hostapd is killed, and another is there at once."""
