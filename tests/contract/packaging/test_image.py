@@ -292,3 +292,14 @@ def test_an_ordinary_user_starts_it_with_simulated_radios_and_this_terminal(
     assert " -serial mon:stdio " in started
     assert " -icount shift=1,sleep=on " in started, "a busy computer makes nothing in it late"
     assert tree.called() == []
+
+
+@pytest.mark.parametrize(("arguments", "may_lend"), [([], True), (["--emulate"], False)])
+def test_a_processor_is_lent_where_there_is_one_unless_it_is_to_be_emulated(
+    tree: Tree, arguments: list[str], may_lend: bool
+) -> None:
+    assert tree.image().returncode == 0
+    tree.image("--boot", *arguments)
+    started = (tree.root / "started").read_text()
+    lends = may_lend and os.access("/dev/kvm", os.W_OK)
+    assert (" -enable-kvm -cpu host " in started, " -icount " in started) == (lends, not lends)
