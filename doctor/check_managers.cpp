@@ -1,10 +1,12 @@
 #include "checks.hpp"
 
 #include <array>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "connman_options.hpp"
 #include "dhcpcd_options.hpp"
 #include "interface_patterns.hpp"
 #include "service_manager.hpp"
@@ -14,49 +16,39 @@ namespace doctor {
 
 namespace {
 
-constexpr const char* kWhy = "two managers of one interface undo each other's work";
-
-void held(const char* manager, const std::string& text, const std::string& mend, Findings& findings)
+/** That another manager holds wlan0. */
+struct Holder
 {
-    findings.bad(std::string("managers.") + manager, text, kWhy, mend);
-}
+    const char* manager;
+    std::string text;
+    std::string mend;
+    const char* why = "two managers of one interface undo each other's work";
+};
 
-bool has_owner(const View& view, const char* name)
-{
-    return !view.system.owner(name).word().empty();
-}
+using Held = std::optional<Holder>;
 
-bool check_network_manager(const View& view, Findings& findings)
+Held network_manager(const View& view)
 {
     constexpr const char* kName = "org.freedesktop.NetworkManager";
-    if (!has_owner(view, kName)) {
-        return false;
-    }
     const Reply device = view.system.call({kName, "/org/freedesktop/NetworkManager", kName},
                                           "GetDeviceByIpIface", "s", {"wlan0"});
-    const Reply managed =
-        view.system.property({kName, device.word(), "org.freedesktop.NetworkManager.Device"}, "Managed");
-    if (managed.value() != true) {
-        return false;
+    if (view.system.property({kName, device.word(), "org.freedesktop.NetworkManager.Device"}, "Managed")
+            .value() != true) {
+        return {};
     }
-    held("NetworkManager", "NetworkManager manages wlan0",
-         "put \"[keyfile]\" and \"unmanaged-devices=interface-name:wlan0\" into "
-         "/etc/NetworkManager/conf.d/vantora.conf, then systemctl reload NetworkManager",
-         findings);
-    return true;
+    return Holder{"NetworkManager", "NetworkManager manages wlan0",
+                  "put \"[keyfile]\" and \"unmanaged-devices=interface-name:wlan0\" into "
+                  "/etc/NetworkManager/conf.d/vantora.conf, then systemctl reload NetworkManager"};
 }
 
-bool check_networkd(const View& view, Findings& findings)
+Held networkd(const View& view)
 {
     constexpr const char* kName = "org.freedesktop.network1";
-    if (!has_owner(view, kName)) {
-        return false;
-    }
     const Reply link =
         view.system.call({kName, "/org/freedesktop/network1", "org.freedesktop.network1.Manager"},
                          "GetLinkByName", "s", {"wlan0"});
     if (link.values.size() < 2 || !link.values[1].is_string()) {
-        return false;
+        return {};
     }
     const std::string state =
         view.system
@@ -64,52 +56,49 @@ bool check_networkd(const View& view, Findings& findings)
                       "AdministrativeState")
             .word();
     if (state.empty() || state == "unmanaged") {
-        return false;
+        return {};
     }
-    held("systemd-networkd", "systemd-networkd manages wlan0 (it is " + state + ")",
-         "put \"[Match]\", \"Name=wlan0\", \"[Link]\" and \"Unmanaged=yes\" into "
-         "/etc/systemd/network/05-wlan0.network, then networkctl reload",
-         findings);
-    return true;
+    return Holder{"systemd-networkd", "systemd-networkd manages wlan0 (it is " + state + ")",
+                  "put \"[Match]\", \"Name=wlan0\", \"[Link]\" and \"Unmanaged=yes\" into "
+                  "/etc/systemd/network/05-wlan0.network, then networkctl reload"};
 }
 
-bool check_iwd(const View& view, Findings& findings)
+/** Networks have names, too: only a device's counts. */
+Held iwd(const View& view)
 {
-    constexpr const char* kName = "net.connman.iwd";
-    if (!has_owner(view, kName)) {
-        return false;
-    }
     const Reply objects =
-        view.system.call({kName, "/", "org.freedesktop.DBus.ObjectManager"}, "GetManagedObjects");
-    if (objects.value().dump(-1, ' ', false, Json::error_handler_t::replace).find(R"("Name":"wlan0")") ==
-        std::string::npos) {
-        return false;
-    }
-    held("iwd", "iwd has wlan0", "systemctl mask --now iwd.service", findings);
-    return true;
-}
-
-bool check_connman(const View& view, Findings& findings)
-{
-    if (!has_owner(view, "net.connman")) {
-        return false;
-    }
-    const std::string settings = view.files.read("/etc/connman/main.conf").text;
-    for (const std::string& line : lines_of(settings)) {
-        if (line.starts_with("NetworkInterfaceBlacklist") && line.find("wlan") != std::string::npos) {
-            return false;
+        view.system.call({"net.connman.iwd", "/", "org.freedesktop.DBus.ObjectManager"}, "GetManagedObjects");
+    for (const Json& interfaces : objects.value()) {
+        const Json name = interfaces.is_object()
+                              ? interfaces.value("/net.connman.iwd.Device/Name"_json_pointer, Json())
+                              : Json();
+        if (name == "wlan0") {
+            return Holder{"iwd", "iwd has wlan0", "systemctl mask --now iwd.service"};
         }
     }
-    held(
-        "connman", "connman runs and is not told to leave wlan0 alone",
-        "put wlan0 into NetworkInterfaceBlacklist= in /etc/connman/main.conf, then systemctl restart connman",
-        findings);
-    return true;
+    return {};
+}
+
+/** What connman takes cannot be asked of it before it has taken it; it is told when it starts. */
+Held connman(const View& view)
+{
+    const Unit unit = Unit::look_up(view.system, "connman.service");
+    ConnmanOptions options;
+    for (const std::vector<std::string>& words : unit.starts()) {
+        options.add_command_line(words);
+    }
+    options.add_file(view.files.read(options.file()).text);
+    if (options.leaves_alone("wlan0")) {
+        return {};
+    }
+    return Holder{"connman", "connman runs and is not told to leave wlan0 alone",
+                  "put wlan0 into NetworkInterfaceBlacklist= of [General] in " + options.file() +
+                      ", then systemctl restart connman.service"};
 }
 
 /** dhcpcd has no interface to be asked on: it runs, and neither its command line nor its file keeps it off.
  */
-bool check_dhcpcd(const View& view, Findings& findings)
+Held dhcpcd(const View& view)
 {
     for (const char* const name : {"dhcpcd.service", "dhcpcd@wlan0.service"}) {
         const Unit unit = Unit::look_up(view.system, name);
@@ -122,13 +111,12 @@ bool check_dhcpcd(const View& view, Findings& findings)
         }
         options.add_file(view.files.read(options.file()).text);
         if (!options.leaves_alone("wlan0")) {
-            held("dhcpcd", "dhcpcd runs and is not told to leave wlan0 alone",
-                 "put \"denyinterfaces wlan0\" into " + options.file() + ", then systemctl restart " + name,
-                 findings);
-            return true;
+            return Holder{"dhcpcd", "dhcpcd runs and is not told to leave wlan0 alone",
+                          "put \"denyinterfaces wlan0\" into " + options.file() +
+                              ", then systemctl restart " + name};
         }
     }
-    return false;
+    return {};
 }
 
 /** Whether what starts ifupdown, at boot and when the interface appears, is told to pass wlan0 over. */
@@ -148,7 +136,7 @@ bool ifupdown_is_kept_off(const View& view)
 }
 
 /** ifupdown is no daemon: what counts is what its files say, and what starts it. */
-bool check_ifupdown(const View& view, Findings& findings)
+Held ifupdown(const View& view)
 {
     std::vector<std::string> files = {"/etc/network/interfaces"};
     for (const std::string& name : view.files.names("/etc/network/interfaces.d")) {
@@ -163,30 +151,46 @@ bool check_ifupdown(const View& view, Findings& findings)
                 continue;
             }
             if (ifupdown_is_kept_off(view)) {
-                return false;
+                return {};
             }
-            held("ifupdown", "ifupdown configures wlan0: line " + std::to_string(number) + " of " + file,
-                 "take the lines about wlan0 out of " + file, findings);
-            return true;
+            return Holder{"ifupdown",
+                          "ifupdown configures wlan0: line " + std::to_string(number) + " of " + file,
+                          "take the lines about wlan0 out of " + file};
         }
     }
-    return false;
+    return {};
 }
 
 /** Debian starts it with the system; it takes the bus name that our station needs. */
-bool check_debians_supplicant(const View& view, Findings& findings)
+Held debians_supplicant(const View& view)
 {
     const Unit unit = Unit::look_up(view.system, "wpa_supplicant.service");
     if (!unit.is_active() && unit.file_state() != "enabled") {
-        return false;
+        return {};
     }
-    findings.bad(
-        "managers.wpa_supplicant",
+    return Holder{
+        "wpa_supplicant",
         std::string("Debian's wpa_supplicant.service ") + (unit.is_active() ? "runs" : "is enabled"),
-        "it owns the bus name that wpa_supplicant-nl80211@wlan0.service needs, which then cannot start",
-        "systemctl mask --now wpa_supplicant.service");
-    return true;
+        "systemctl mask --now wpa_supplicant.service",
+        "it owns the bus name that wpa_supplicant-nl80211@wlan0.service needs, which then cannot start"};
 }
+
+/** Another manager, and the name on the system bus that it owns while it runs, if that is how it is found. */
+struct Manager
+{
+    const char* busName;
+    Held (*look)(const View& view);
+};
+
+constexpr std::array<Manager, 7> kManagers = {{
+    {"org.freedesktop.NetworkManager", network_manager},
+    {"org.freedesktop.network1", networkd},
+    {"net.connman.iwd", iwd},
+    {"net.connman", connman},
+    {nullptr, dhcpcd},
+    {nullptr, ifupdown},
+    {nullptr, debians_supplicant},
+}};
 
 } // namespace
 
@@ -201,19 +205,19 @@ void check_managers(const View& view, Findings& findings)
                         "systemctl status dbus");
         return;
     }
-    const std::array anyone = {check_network_manager(view, findings),
-                               check_networkd(view, findings),
-                               check_iwd(view, findings),
-                               check_connman(view, findings),
-                               check_dhcpcd(view, findings),
-                               check_ifupdown(view, findings),
-                               check_debians_supplicant(view, findings)};
-    for (const bool one : anyone) {
-        if (one) {
-            return;
+    bool anyone = false;
+    for (const Manager& manager : kManagers) {
+        if (manager.busName != nullptr && view.system.owner(manager.busName).word().empty()) {
+            continue;
+        }
+        if (const Held held = manager.look(view)) {
+            findings.bad(std::string("managers.") + held->manager, held->text, held->why, held->mend);
+            anyone = true;
         }
     }
-    findings.good("managers.none", "no other manager holds wlan0");
+    if (!anyone) {
+        findings.good("managers.none", "no other manager holds wlan0");
+    }
 }
 
 } // namespace doctor

@@ -220,6 +220,14 @@ void run_dhcpcd(HealthyDevice& device, const std::vector<std::string>& words)
     device.system.runs("dhcpcd.service", words);
 }
 
+/** connman runs, started like this. */
+void run_connman(HealthyDevice& device, const std::vector<std::string>& words)
+{
+    device.system.owns("net.connman");
+    device.system.unit("connman.service")["ActiveState"] = "active";
+    device.system.runs("connman.service", words);
+}
+
 INSTANTIATE_TEST_SUITE_P(
     Managers, DoctorIsContentWith,
     testing::Values(
@@ -238,10 +246,40 @@ INSTANTIATE_TEST_SUITE_P(
                     device.system.answers["Get /link/_33 org.freedesktop.network1.Link AdministrativeState"] =
                         PlayedBus::answered("unmanaged");
                 }},
-        KeptOff{"connman",
+        KeptOff{"iwd that knows a network of that name",
+                [](HealthyDevice& device) {
+                    device.system.owns("net.connman.iwd");
+                    device.system.answers["GetManagedObjects"] = PlayedBus::answered(
+                        {{"/net/connman/iwd/0/3", {{"net.connman.iwd.Device", {{"Name", "wlan1"}}}}},
+                         {"/net/connman/iwd/0/3/77_psk",
+                          {{"net.connman.iwd.Network", {{"Name", "wlan0"}}}}}});
+                }},
+        KeptOff{"connman by its file",
                 [](HealthyDevice& device) {
                     device.system.owns("net.connman");
-                    device.root.write("etc/connman/main.conf", "NetworkInterfaceBlacklist=wlan\n");
+                    device.root.write("etc/connman/main.conf",
+                                      "# ours\n[General]\n NetworkInterfaceBlacklist = eth1 , wlan\n");
+                }},
+        KeptOff{"connman by a file of another name",
+                [](HealthyDevice& device) {
+                    run_connman(device, {"/usr/sbin/connmand", "-n", "--config=/etc/other.conf"});
+                    device.root.write("etc/other.conf", "[General]\nNetworkInterfaceBlacklist=wlan0\n");
+                }},
+        KeptOff{"connman by its command line",
+                [](HealthyDevice& device) {
+                    run_connman(device, {"/usr/sbin/connmand", "-n", "-I", "wlan0"});
+                }},
+        KeptOff{"connman by its command line, with a pattern",
+                [](HealthyDevice& device) {
+                    run_connman(device, {"/usr/sbin/connmand", "-rI", "eth1,wl*"});
+                }},
+        KeptOff{"connman by its command line, at length",
+                [](HealthyDevice& device) {
+                    run_connman(device, {"/usr/sbin/connmand", "--nodevice", "wlan0"});
+                }},
+        KeptOff{"connman that may have a cable only",
+                [](HealthyDevice& device) {
+                    run_connman(device, {"/usr/sbin/connmand", "-n", "-i", "eth?"});
                 }},
         KeptOff{"dhcpcd by its command line",
                 [](HealthyDevice& device) {
@@ -311,7 +349,35 @@ INSTANTIATE_TEST_SUITE_P(
                "bad managers.iwd: iwd has wlan0", 2, "systemctl mask --now iwd.service"},
         Broken{"connman", [](HealthyDevice& device) { device.system.owns("net.connman"); },
                "bad managers.connman: connman runs and is not told to leave wlan0 alone", 2,
+               "put wlan0 into NetworkInterfaceBlacklist= of [General] in /etc/connman/main.conf"},
+        Broken{"connman that is kept off another interface",
+               [](HealthyDevice& device) {
+                   // Neither part of a name, nor a list with blanks, nor an option that is a value.
+                   run_connman(device, {"/usr/sbin/connmand", "-i", "e*,wl*", "-I", "wlan,eth0, wlan0", "-W",
+                                        "-I", "wlan0"});
+                   device.root.write("etc/connman/main.conf",
+                                     "[General]\nNetworkInterfaceBlacklist=wlan01,wl*,eth0;wlan0,\n");
+               },
+               "bad managers.connman: connman runs and is not told to leave wlan0 alone", 2,
+               "systemctl restart connman.service"},
+        Broken{"connman that is told something else last",
+               [](HealthyDevice& device) {
+                   run_connman(device, {"/usr/sbin/connmand", "-I", "wlan0", "--nodevice=wlan[0]"});
+                   device.root.write("etc/connman/main.conf",
+                                     "[General]\nNetworkInterfaceBlacklist=wlan0\n[Other]\n[General]\n"
+                                     "NetworkInterfaceBlacklist=eth0\n");
+               },
+               "bad managers.connman: connman runs and is not told to leave wlan0 alone", 2,
                "NetworkInterfaceBlacklist"},
+        Broken{"connman whose file has the line outside of its group",
+               [](HealthyDevice& device) {
+                   run_connman(device, {"/usr/sbin/connmand", "-c", "/etc/other.conf"});
+                   device.root.write("etc/other.conf", "NetworkInterfaceBlacklist=wlan0\n[Other]\n"
+                                                       "NetworkInterfaceBlacklist=wlan0\n");
+                   device.root.write("etc/connman/main.conf", "[General]\nNetworkInterfaceBlacklist=wlan0\n");
+               },
+               "bad managers.connman: connman runs and is not told to leave wlan0 alone", 2,
+               "in /etc/other.conf, then systemctl restart connman.service"},
         Broken{"dhcpcd",
                [](HealthyDevice& device) { device.system.unit("dhcpcd.service")["ActiveState"] = "active"; },
                "bad managers.dhcpcd: dhcpcd runs and is not told to leave wlan0 alone", 2,
