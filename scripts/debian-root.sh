@@ -49,7 +49,7 @@ debian_root() {
     shift 3
     foreign_programs_run "$architecture"
     folder="$(mktemp -d -- "$(dirname -- "$tar")/apt.XXXXXX")"
-    debian_sources "$suite" >"$folder/debian.list"
+    debian_sources "$suite" "$architecture" >"$folder/debian.list"
     debian_apt_options >"$folder/apt.conf"
     # It goes to standard error what it says: our callers print what they have made.
     mmdebstrap --quiet --mode=root "--architectures=$architecture" --format=tar "--aptopt=$folder/apt.conf" "$@" \

@@ -1,0 +1,102 @@
+"""Where systems in files get Debian from, with a stand-in for apt: what a mirror does not keep soundly is left out."""
+
+from __future__ import annotations
+
+import shutil
+import subprocess
+from pathlib import Path
+
+import pytest
+from conftest import ROOT
+
+# Asked where this machine's packages come from, and to fetch the indexes of a sources.list: those of UNSOUND differ from what
+# the mirror has signed.
+APT_GET = """#!/bin/sh
+tree="${0%/bin/apt-get}"
+echo "$*" >>"$tree/called"
+case "$*" in
+indextargets*) cat "$tree/targets"; exit ;;
+esac
+for word in "$@"; do case "$word" in
+Dir::Etc::sourcelist=*) list="${word#*=}" ;;
+APT::Architecture=*) architecture="${word#*=}" ;;
+esac; done
+! grep -qF "$(cut -d' ' -f3 "$list") $architecture" "$tree/unsound"
+"""
+
+SUITES = ["bookworm", "trixie"]
+
+
+class Mirror:
+    """A machine whose apt has one mirror."""
+
+    def __init__(self, root: Path) -> None:
+        self.root = root
+        (root / "scripts").mkdir(parents=True)
+        (root / "bin").mkdir()
+        common = (ROOT / "scripts/common.sh").read_text()
+        (root / "scripts/common.sh").write_text(common.replace("export PATH=", f'export PATH="{root}/bin":'))
+        shutil.copy(ROOT / "scripts/debian-mirror.sh", root / "scripts")
+        (root / "bin/apt-get").write_text(APT_GET)
+        (root / "bin/apt-get").chmod(0o755)
+        targets = (f"{suite}{part} http://mirror.example/debian/\n" for suite in SUITES for part in ("", "-updates"))
+        (root / "targets").write_text("".join(targets))
+        self.unsound("")
+
+    def unsound(self, line: str) -> None:
+        """Of these `SUITE ARCHITECTURE` the mirror has no sound index."""
+        (self.root / "unsound").write_text(line)
+
+    def sources(self, arguments: str) -> subprocess.CompletedProcess[str]:
+        """What debian_sources prints."""
+        (self.root / "called").write_text("")
+        return subprocess.run(
+            [
+                "bash",
+                "-c",
+                f"source {self.root}/scripts/common.sh; source scripts/debian-mirror.sh; debian_suite() {{ echo bookworm; }};"
+                f"TMPDIR={self.root}/bin debian_sources {arguments}",
+            ],
+            capture_output=True,
+            text=True,
+            timeout=60,
+            check=True,
+        )
+
+    def fetched(self) -> int:
+        """How often apt has fetched indexes."""
+        return sum(" update" in line for line in (self.root / "called").read_text().splitlines())
+
+
+@pytest.fixture
+def mirror(tmp_path: Path) -> Mirror:
+    return Mirror(tmp_path / "tree")
+
+
+BOTH = "deb http://mirror.example/debian/ trixie main\ndeb http://mirror.example/debian/ trixie-updates main\n"
+
+
+@pytest.mark.parametrize("arguments", ["trixie", "trixie armhf"])
+def test_a_release_comes_with_its_updates(mirror: Mirror, arguments: str) -> None:
+    ran = mirror.sources(arguments)
+    assert (ran.stdout, ran.stderr) == (BOTH, "")
+
+
+def test_updates_whose_index_is_not_the_one_that_was_signed_are_left_out_and_it_is_said(mirror: Mirror) -> None:
+    mirror.unsound("trixie-updates armhf")
+    ran = mirror.sources("trixie armhf")
+    assert ran.stdout == BOTH.splitlines(keepends=True)[0]
+    assert ran.stderr == "-- the mirror has no sound index of trixie-updates for armhf: without these\n"
+    assert mirror.sources("trixie arm64").stdout == BOTH
+    assert [path.name for path in (mirror.root / "bin").iterdir()] == ["apt-get"], "nothing is left behind"
+
+
+def test_nothing_is_fetched_where_no_architecture_is_named(mirror: Mirror) -> None:
+    mirror.unsound("trixie-updates armhf")
+    assert mirror.sources("trixie").stdout == BOTH
+    assert mirror.fetched() == 0
+
+
+def test_a_release_without_a_sound_index_stays_and_whoever_needs_it_fails(mirror: Mirror) -> None:
+    mirror.unsound("trixie armhf")
+    assert mirror.sources("trixie armhf").stdout == BOTH
