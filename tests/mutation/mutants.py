@@ -7,10 +7,10 @@ Each mutant replaces one stretch of text. What is changed: comparisons and logic
 from __future__ import annotations
 
 from collections.abc import Iterator
-from dataclasses import dataclass
 from pathlib import Path
 
 from clang.cindex import Cursor, CursorKind, Index, TranslationUnit, TypeKind
+from mutant import Mutant
 
 OPERATORS = {
     "<": "<=",
@@ -53,24 +53,6 @@ WHOLE_NUMBERS = (TypeKind.INT, TypeKind.LONG, TypeKind.LONGLONG, TypeKind.UINT, 
 
 class Unreadable(Exception):
     """A source that the parser could not make sense of."""
-
-
-@dataclass(frozen=True, order=True)
-class Mutant:
-    """One fault: bytes `begin` to `end` of `file` become `new`."""
-
-    file: str
-    line: int
-    begin: int
-    end: int
-    old: str
-    new: str
-    function: str
-
-    @property
-    def title(self) -> str:
-        """The fault on one line, the same for the same text: what a list of survivors names it by."""
-        return f"{' '.join(self.old.split())} -> {' '.join(self.new.split()) or 'nothing'}"
 
 
 def mutants_of(root: Path, file: str, flags: list[str]) -> list[Mutant]:

@@ -1,0 +1,146 @@
+"""`scripts/mutation --random`: which tests it asks first, what it writes down, and how it counts."""
+
+from __future__ import annotations
+
+import re
+import sys
+import tomllib
+from pathlib import Path
+
+import pytest
+from conftest import ROOT
+
+sys.path.insert(0, str(ROOT / "tests/mutation"))
+
+import rounds  # noqa: E402
+from mutant import Mutant  # noqa: E402
+from nearest import contract_files  # noqa: E402
+from run import Failure, Tree  # noqa: E402
+from verdicts import Record, Verdict, moved  # noqa: E402
+
+SURVIVORS = tomllib.loads((ROOT / "tests/mutation/survivors.toml").read_text(encoding="utf-8")).get("survivor", [])
+
+
+def mutant(line: int, old: str = "a < b", file: str = "src/core/heartbeat.cpp") -> Mutant:
+    return Mutant(file, line, line * 10, line * 10 + len(old), old, "a <= b", "beat")
+
+
+def verdict(of: Mutant, caught_by: str | None = "beat_test", compiles: bool = True) -> Verdict:
+    return Verdict(of, caught_by, compiles, 1.0, True)
+
+
+# The survivors
+
+
+def test_a_survivor_that_is_named_can_still_be_planted() -> None:
+    for entry in SURVIVORS:
+        old, arrow, _ = entry["change"].rpartition(" -> ")
+        source = " ".join((ROOT / entry["file"]).read_text().split())
+        assert arrow and old in source, entry
+        assert re.search(rf"{re.escape(entry['function'])}\b", source), entry
+        assert entry["reason"].endswith("."), entry
+
+
+# Which tests are asked
+
+
+@pytest.mark.parametrize(
+    ("file", "nearest"),
+    [
+        ("src/core/wired_dhcp_server.cpp", "core/test_wired_dhcp_server.py"),
+        ("src/radio/hostapd_config.cpp", "radio/test_hostapd_unit.py"),
+        ("src/listeners/kernel_netlink_listener.cpp", "listeners/test_kernel_addresses.py"),
+        ("client/scan.cpp", "client/test_client_scan.py"),
+        ("platform/settingsd/src/store.cpp", "config/test_real_settings_daemon.py"),
+    ],
+)
+def test_the_contract_tests_with_most_words_in_common_come_first_and_none_is_left_out(file: str, nearest: str) -> None:
+    files = contract_files(Tree(ROOT, "release"), file)
+    assert nearest in [str(path.relative_to(ROOT / "tests/contract")) for path in files[:2]]
+    assert sorted(files) == sorted((ROOT / "tests/contract").glob("*/test_*.py"))
+
+
+# What is written down
+
+
+def test_of_two_verdicts_about_the_same_fault_the_later_holds(tmp_path: Path) -> None:
+    record = Record(tmp_path / "made" / "1.jsonl")
+    assert record.read() == {}
+    record.add(verdict(mutant(1), caught_by=None))
+    record.add(verdict(mutant(2)))
+    record.add(verdict(mutant(1)))
+    assert record.read() == {mutant(1): verdict(mutant(1)), mutant(2): verdict(mutant(2))}
+
+
+def test_a_fault_is_found_again_where_its_text_stands_now() -> None:
+    assert moved(mutant(20), [mutant(3), mutant(22), mutant(21, old="a < c")]) == mutant(22)
+    assert moved(mutant(20), [mutant(19), mutant(20)]) == mutant(20)
+    assert moved(mutant(20), [mutant(20, file="src/core/main_loop.cpp")]) is None
+
+
+# How faults are drawn and counted
+
+
+class Judged:
+    """Stands in for building and testing: says of the faults at these lines what is expected, and remembers who asked."""
+
+    def __init__(self, survive: set[int] = frozenset(), broken: set[int] = frozenset()) -> None:
+        self._survive, self._broken = survive, broken
+        self.asked: list[int] = []
+
+    def __call__(self, _tree: Tree, of: Mutant) -> Verdict:
+        self.asked.append(of.line)
+        return verdict(of, None if of.line in self._survive else "beat_test", of.line not in self._broken)
+
+
+@pytest.fixture
+def record(tmp_path: Path) -> Record:
+    return Record(tmp_path / "1.jsonl")
+
+
+def rounds_of(judged: Judged, record: Record, count: int, again: bool = False, shift: int = 0) -> rounds.Rounds:
+    made = rounds.Rounds([Tree(ROOT, "release")], judged, record)
+    made.run([mutant(line + shift, old=f"a < {line}") for line in range(1, 10)], count, again)
+    return made
+
+
+def test_what_does_not_compile_is_no_fault_and_another_is_drawn(record: Record) -> None:
+    judged = Judged(survive={3}, broken={1})
+    made = rounds_of(judged, record, 3)
+    assert judged.asked == [1, 2, 3, 4]
+    assert [each.caught_by for each in made.counted()] == ["beat_test", None, "beat_test"]
+
+
+def test_a_run_goes_on_where_an_earlier_one_ended(record: Record) -> None:
+    rounds_of(Judged(survive={2}, broken={1}), record, 2)
+    judged = Judged()
+    made = rounds_of(judged, record, 5)
+    assert judged.asked == [4, 5, 6]
+    assert [each.caught_by for each in made.counted()].count(None) == 1
+
+
+def test_survivors_are_judged_again_on_request_even_where_the_text_has_moved(record: Record) -> None:
+    rounds_of(Judged(survive={2, 4}), record, 4)
+    judged = Judged(survive={7})
+    made = rounds_of(judged, record, 4, again=True, shift=3)
+    assert judged.asked == [5, 7]
+    assert [each.mutant.line for each in made.counted() if not each.caught_by] == [4]
+    assert [each.mutant.line for each in record.read().values() if not each.caught_by] == [4]
+
+
+def test_a_fault_that_makes_no_difference_does_not_count(record: Record, monkeypatch: pytest.MonkeyPatch) -> None:
+    known = {("src/core/heartbeat.cpp", "beat", "a < b -> a <= b"): (True, "Nobody can tell.")}
+    monkeypatch.setattr(rounds, "excused", lambda: known)
+    made = rounds.Rounds([Tree(ROOT, "release")], Judged(survive={1}), record)
+    made.run([mutant(1), mutant(2, old="a < c")], 1, again=False)
+    assert [each.mutant.line for each in made.counted()] == [2]
+    assert [each.mutant.line for each in made.verdicts] == [1, 2]
+
+
+def test_what_cannot_be_judged_ends_the_run_and_is_told(record: Record) -> None:
+    def fails(_tree: Tree, _of: Mutant) -> Verdict:
+        raise Failure("no compiler")
+
+    made = rounds.Rounds([Tree(ROOT, "release")], fails, record)
+    made.run([mutant(1), mutant(2)], 2, again=False)
+    assert (made.failures, made.counted()) == (["src/core/heartbeat.cpp:1: no compiler"], [])

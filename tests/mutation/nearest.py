@@ -1,0 +1,80 @@
+"""Which tests are asked about a source, and in which order: the nearest first, since the first that fails ends it."""
+
+from __future__ import annotations
+
+import os
+import re
+import shlex
+from pathlib import Path
+
+from run import Tree, run
+from sources import FOLDERS, compile_commands
+
+ROOMS = {
+    "src/core": ("core", "faults"),
+    "src/config": ("config", "core"),
+    "src/radio": ("radio", "core"),
+    "src/listeners": ("listeners", "core"),
+    "src/utils": ("utils", "core"),
+    "src/main.cpp": ("core",),
+    "client": ("client",),
+    "doctor": ("doctor",),
+    "platform/settingsd": ("config", "faults"),
+    "platform/korrin-info": ("core",),
+    "platform/dbus-helper": ("config", "listeners"),
+    "support": ("core", "faults"),
+}
+"""Contract tests' folders, nearest first, for the folders of the code."""
+UNIT_TESTS = "tests/unit/"
+
+
+def nearness(file: str, name: str) -> int:
+    """How many words a source's name and a test's have in common, as a key that sorts the most first."""
+    return -len(set(re.split(r"[/_.\-]", file)) & set(re.split(r"[/_.\-]", name)) - {"cpp", "test", "py", "src", "tests"})
+
+
+def contract_files(tree: Tree, file: str) -> list[Path]:
+    """All contract tests: those of a source's rooms first, and of these those with most words in common with its path."""
+    rooms = next((rooms for folder, rooms in ROOMS.items() if file.startswith(folder)), ())
+
+    def distance(path: Path) -> tuple[int, int, str]:
+        room = path.parent.name
+        return (rooms.index(room), nearness(file, path.name), path.name) if room in rooms else (len(rooms), 0, str(path))
+
+    return sorted((tree.folder / "tests/contract").glob("*/test_*.py"), key=distance)
+
+
+def unit_programs(tree: Tree) -> dict[str, list[str]]:
+    """Source -> unit test programs that hold a function of it, or run a program that does, nearest first.
+
+    A library is linked into more programs than take something out of it, and what the linker has left out of a program cannot fail
+    there.
+    """
+    texts = {file: functions_of(tree, command) for file, command in compile_commands(tree).items()}
+    found: dict[str, list[str]] = {file: [] for file in texts}
+    for path in sorted((tree.build / UNIT_TESTS).iterdir()):
+        if not (path.is_file() and os.access(path, os.X_OK)):
+            continue
+        inputs = run(["ninja", "-C", str(tree.build), "-t", "inputs", UNIT_TESTS + path.name], tree.folder).stdout.splitlines()
+        held: set[str] = symbols(path)
+        for started in inputs:
+            program = tree.build / started.strip()
+            if program.parent == tree.build and program.is_file() and os.access(program, os.X_OK):
+                held |= symbols(program)
+        linked = {os.path.relpath(line.strip(), tree.folder) for line in inputs if line.strip().endswith(".cpp")}
+        for file in linked:
+            if file.startswith(FOLDERS) and texts[file] & held:
+                found[file].append(path.name)
+    return {file: sorted(names, key=lambda name, file=file: (nearness(file, name), name)) for file, names in found.items()}
+
+
+def functions_of(tree: Tree, command: str) -> set[str]:
+    """The functions that a source's object offers."""
+    words = shlex.split(command)
+    return symbols(tree.build / words[words.index("-o") + 1])
+
+
+def symbols(path: Path) -> set[str]:
+    """The functions with a name of their own in an object or a program."""
+    lines = run(["nm", "--defined-only", str(path)], path.parent).stdout.splitlines()
+    return {words[2] for words in map(str.split, lines) if len(words) == 3 and words[1] == "T"}
