@@ -28,20 +28,20 @@ from verdicts import Record, Verdict
 ROOT = Path(__file__).resolve().parents[2]
 BUILD = ROOT / "build"
 PROGRAMS = ("network", "settingsd", "wifi", "doctor", "supplicant-names", "sim-sandbox", "sim-tool")
-NEAR = 4
+NEAR = 2
 """So many files of contract tests are near to a source."""
 
 
 def failed_contract(tree: Tree, files: list[Path], limit: float) -> str | None:
-    """The first contract test that fails; None when all pass."""
+    """The first contract test that fails; None when all pass, or none has failed within the limit: a busy machine is no catch."""
     options = ["-x", "-q", "-n", "2", "--tb=no", "-rfE", "-p", "no:cacheprovider", "--build-dir", str(tree.build)]
     status, output = timed([PYTHON, "-m", "pytest", *map(str, files), *options], tree.folder, limit)
-    if status == 0:
+    if status == 0 or "had to be ended" in output:
         return None
     named = re.search(r"^(?:FAILED|ERROR) (?:tests/contract/)?(\S+)", output, re.MULTILINE)
-    if not named and "had to be ended" not in output:
+    if not named:
         raise Failure(f"pytest ended with {status}:\n{output[-2000:]}")
-    return named[1] if named else f"the time that {files[0].name} may take"
+    return named[1]
 
 
 def failed_unit(tree: Tree, name: str) -> str | None:
@@ -76,7 +76,7 @@ def judge(tree: Tree, mutant: Mutant, units: list[str], near: bool) -> Verdict:
         if not tree.make(programs if near else ["all"]):
             return verdict(None, compiles=False)
         for files in (contract[:1], contract[1:NEAR], *([] if near else [contract[NEAR:12], contract[12:]])):
-            if failed := failed_contract(tree, files, 120 if len(files) < NEAR else 1200):
+            if failed := failed_contract(tree, files, 100 if near else 1800):
                 return verdict(failed)
         return verdict(None)
     finally:
