@@ -5,6 +5,7 @@ from __future__ import annotations
 import os
 import re
 import shlex
+from functools import cache
 from pathlib import Path
 
 from run import Tree, run
@@ -56,7 +57,7 @@ def unit_programs(tree: Tree) -> dict[str, list[str]]:
         if not (path.is_file() and os.access(path, os.X_OK)):
             continue
         inputs = run(["ninja", "-C", str(tree.build), "-t", "inputs", UNIT_TESTS + path.name], tree.folder).stdout.splitlines()
-        held: set[str] = symbols(path)
+        held = symbols(path)
         for started in inputs:
             program = tree.build / started.strip()
             if program.parent == tree.build and program.is_file() and os.access(program, os.X_OK):
@@ -68,13 +69,14 @@ def unit_programs(tree: Tree) -> dict[str, list[str]]:
     return {file: sorted(names, key=lambda name, file=file: (nearness(file, name), name)) for file, names in found.items()}
 
 
-def functions_of(tree: Tree, command: str) -> set[str]:
+def functions_of(tree: Tree, command: str) -> frozenset[str]:
     """The functions that a source's object offers."""
     words = shlex.split(command)
     return symbols(tree.build / words[words.index("-o") + 1])
 
 
-def symbols(path: Path) -> set[str]:
+@cache
+def symbols(path: Path) -> frozenset[str]:
     """The functions with a name of their own in an object or a program."""
     lines = run(["nm", "--defined-only", str(path)], path.parent).stdout.splitlines()
-    return {words[2] for words in map(str.split, lines) if len(words) == 3 and words[1] == "T"}
+    return frozenset(words[2] for words in map(str.split, lines) if len(words) == 3 and words[1] == "T")
