@@ -6,6 +6,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -89,6 +90,22 @@ TEST(DoctorCommands, AreKilledWithAllThatTheyStartedWhenTheirTimeIsOver)
     EXPECT_FALSE(runs());
     // The time of all is used up: the next one is over before it can say anything.
     EXPECT_TRUE(commands.run({"sleep", "100"}).timedOut);
+}
+
+TEST(DoctorCommands, AreWaitedForAsleepWhenTheyHaveClosedTheirOutput)
+{
+    const auto used = [] {
+        rusage usage{};
+        ::getrusage(RUSAGE_THREAD, &usage);
+        return std::chrono::seconds(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+               std::chrono::microseconds(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec);
+    };
+    const Patience patience(20s);
+    RealCommands commands(patience);
+    const auto usedBefore = used();
+    const auto began = std::chrono::steady_clock::now();
+    EXPECT_EQ(commands.run({"sh", "-c", "exec >&- 2>&-; sleep 0.3; exit 7"}).status, 7);
+    EXPECT_LT(used() - usedBefore, (std::chrono::steady_clock::now() - began) / 4);
 }
 
 TEST(DoctorBus, ReadsValuesOfEveryType)
