@@ -19,8 +19,8 @@ from pathlib import Path
 
 from mutant import Mutant
 from nearest import UNIT_TESTS, contract_files, unit_programs
-from places import places_of
-from rounds import Rounds
+from places import drawn, places_of
+from rounds import Rounds, line_of
 from run import PYTHON, Failure, Tree, timed
 from sources import FOLDERS
 from verdicts import Record, Verdict
@@ -30,6 +30,8 @@ BUILD = ROOT / "build"
 PROGRAMS = ("network", "settingsd", "wifi", "doctor", "supplicant-names", "sim-sandbox", "sim-tool")
 NEAR = 2
 """So many files of contract tests are near to a source."""
+NEAR_LIMIT = 45
+"""Seconds that these may take where no others are asked."""
 
 
 def failed_contract(tree: Tree, files: list[Path], limit: float) -> str | None:
@@ -81,8 +83,8 @@ def judge(tree: Tree, mutant: Mutant, units: list[str], near: bool) -> Verdict:
                     return verdict(failed)
         if not tree.make(programs if near else ["all"]):
             return verdict(None, compiles=False)
-        for files in (contract[:1], contract[1:NEAR], *([] if near else [contract[NEAR:12], contract[12:]])):
-            if failed := failed_contract(tree, files, 100 if near else 1800):
+        for files in (contract[:NEAR], *([] if near else [contract[NEAR:12], contract[12:]])):
+            if failed := failed_contract(tree, files, NEAR_LIMIT if near else 1800):
                 return verdict(failed)
         return verdict(None)
     finally:
@@ -117,13 +119,12 @@ def main() -> int:
     every = places_of(trees[0], arguments.words, BUILD / "mutation-places.json")
     if not every:
         raise Failure("there is nothing to break")
-    random.Random(arguments.seed).shuffle(every)
     print(f"-- {len(every)} places", flush=True)
 
     record = Record(BUILD / "mutation-verdicts" / f"{'-'.join([str(arguments.seed), *arguments.words])}.jsonl")
     units = unit_programs(trees[0])
     rounds = Rounds(trees, lambda tree, mutant: judge(tree, mutant, units.get(mutant.file, []), arguments.near), record)
-    rounds.run(every, arguments.count, arguments.again)
+    rounds.run(drawn(every, arguments.seed), arguments.count, arguments.again)
     return say_result(rounds, arguments.want)
 
 
@@ -140,7 +141,8 @@ def say_result(rounds: Rounds, want: float) -> int:
             print(f"{folder} {sum(1 for each in inside if each.caught_by)} of {len(inside)} caught")
     for mutant in survivors:
         print(
-            f'[[survivor]]\nfile = "{mutant.file}"\nfunction = "{mutant.function}"\nchange = {json.dumps(mutant.title)}\nreason = ""\n'
+            f'[[survivor]]\nfile = "{mutant.file}"\nfunction = "{mutant.function}"\nline = {json.dumps(line_of(mutant))}\n'
+            f"change = {json.dumps(mutant.title)}\nreason = {json.dumps(rounds.reason(mutant)[1])}\n"
         )
     print(
         f"kill rate: {'at least ' if near else ''}{rate:.1f} % of {len(counted)}, "

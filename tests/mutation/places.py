@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import hashlib
 import json
+from collections import Counter
 from concurrent.futures import ProcessPoolExecutor
 from dataclasses import astuple
 from pathlib import Path
@@ -30,3 +31,14 @@ def places_of(tree: Tree, words: list[str], kept: Path) -> list[Mutant]:
     kept.parent.mkdir(parents=True, exist_ok=True)
     kept.write_text(json.dumps(known))
     return [Mutant(*fields) for file in files for fields in known[file]["mutants"]]
+
+
+def drawn(places: list[Mutant], seed: int) -> list[Mutant]:
+    """The places in an order by chance, which stays the same for those of sources that do not change between two runs."""
+    seen: Counter[tuple[str, str, str]] = Counter()
+    keyed = []
+    for place in places:
+        name = (place.file, place.function, place.title)
+        seen[name] += 1
+        keyed.append((hashlib.sha256(repr((seed, name, seen[name])).encode()).digest(), place))
+    return [place for _, place in sorted(keyed)]
