@@ -142,7 +142,7 @@ def say_result(rounds: Rounds, want: float) -> int:
     for mutant in survivors:
         print(
             f'[[survivor]]\nfile = "{mutant.file}"\nfunction = "{mutant.function}"\nline = {json.dumps(line_of(mutant))}\n'
-            f"change = {json.dumps(mutant.title)}\nreason = {json.dumps(rounds.reason(mutant)[1])}\n"
+            f"change = {json.dumps(mutant.title)}\nreason = {json.dumps(rounds.excuse(mutant).reason)}\n"
         )
     print(
         f"kill rate: {'at least ' if near else ''}{rate:.1f} % of {len(counted)}, "

@@ -6,7 +6,7 @@ import queue
 import threading
 import tomllib
 from collections.abc import Callable
-from dataclasses import replace
+from dataclasses import dataclass, replace
 from functools import cache
 from pathlib import Path
 
@@ -18,17 +18,35 @@ ROOT = Path(__file__).resolve().parents[2]
 SURVIVORS = Path(__file__).with_name("survivors.toml")
 
 
-def excused() -> dict[tuple[str, str, str, str], tuple[bool, str]]:
-    """Mutants that are known to survive: (file, function, line's text, change) -> (whether nobody can tell it, reason)."""
-    listed = tomllib.loads(SURVIVORS.read_text(encoding="utf-8")).get("survivor", []) if SURVIVORS.exists() else []
-    return {
-        (each["file"], each["function"], each["line"], each["change"]): (bool(each.get("equivalent", False)), each["reason"])
-        for each in listed
-    }
+@dataclass(frozen=True)
+class Excuse:
+    """A mutant that is known to survive, as survivors.toml names it."""
+
+    file: str
+    function: str
+    line: str
+    change: str
+    reason: str
+    equivalent: bool = False
+
+    def is_for(self, mutant: Mutant) -> bool:
+        named = (self.file, self.function, self.change) == (mutant.file, mutant.function, mutant.title)
+        return named and text_from(mutant).startswith(self.line)
+
+
+NO_EXCUSE = Excuse("", "", "", "", "")
+
+
+def excuses() -> list[Excuse]:
+    return [Excuse(**each) for each in tomllib.loads(SURVIVORS.read_text(encoding="utf-8")).get("survivor", [])]
+
+
+def text_from(mutant: Mutant) -> str:
+    """The text from the line on that a mutant begins in, with one blank for all that is blank."""
+    return " ".join(" ".join(lines_of(mutant.file)[mutant.line - 1 : mutant.line + 4]).split())
 
 
 def line_of(mutant: Mutant) -> str:
-    """The text of the line that a mutant begins in."""
     return lines_of(mutant.file)[mutant.line - 1].strip()
 
 
@@ -44,8 +62,7 @@ class Rounds:
         self._trees, self._judge, self._record = trees, judge, record
         self._drawn: queue.SimpleQueue[tuple[Mutant, Mutant]] = queue.SimpleQueue()
         self._lock = threading.Lock()
-        self._known = excused()
-        self._reasons: dict[Mutant, tuple[bool, str]] = {}
+        self._known = excuses()
         self.verdicts: list[Verdict] = []
         self.failures: list[str] = []
         self._wanted = 0
@@ -57,12 +74,12 @@ class Rounds:
         for verdict in self._record.read().values():
             place = moved(verdict.mutant, places)
             known.add(place)
-            if again and place and verdict.compiles and not verdict.caught_by and not self.reason(place)[0]:
+            if again and place and verdict.compiles and not verdict.caught_by and not self.excuse(place).equivalent:
                 self._drawn.put((verdict.mutant, place))
             elif verdict.compiles:
                 self.verdicts.append(replace(verdict, mutant=place or verdict.mutant))
         for place in places:
-            if place not in known and not self.reason(place)[0]:
+            if place not in known and not self.excuse(place).equivalent:
                 self._drawn.put((place, place))
         threads = [threading.Thread(target=self._work, args=(tree,)) for tree in self._trees]
         for thread in threads:
@@ -72,14 +89,11 @@ class Rounds:
 
     def counted(self) -> list[Verdict]:
         """The verdicts about mutants that are faults: they compile, and somebody could tell them from the sound code."""
-        return [each for each in self.verdicts if each.compiles and not self.reason(each.mutant)[0]]
+        return [each for each in self.verdicts if each.compiles and not self.excuse(each.mutant).equivalent]
 
-    def reason(self, mutant: Mutant) -> tuple[bool, str]:
-        """Whether nobody can tell a mutant from the sound code, and why it is borne; an empty reason for one that is not known."""
-        if mutant not in self._reasons:
-            found = (mutant.file, mutant.function, line_of(mutant), mutant.title)
-            self._reasons[mutant] = self._known.get(found, (False, ""))
-        return self._reasons[mutant]
+    def excuse(self, mutant: Mutant) -> Excuse:
+        """What is known of a mutant that survives."""
+        return next((each for each in self._known if each.is_for(mutant)), NO_EXCUSE)
 
     def _work(self, tree: Tree) -> None:
         while True:
@@ -100,10 +114,12 @@ class Rounds:
 
     def _say(self, found: Verdict) -> None:
         mutant = found.mutant
-        equivalent, reason = self.reason(mutant)
-        text = f"caught by {found.caught_by}" if found.caught_by else f"SURVIVED{' (no difference)' if equivalent else ''}"
+        excuse = self.excuse(mutant)
+        text = (
+            f"caught by {found.caught_by}" if found.caught_by else f"SURVIVED{' (no difference)' if excuse.equivalent else ''}"
+        )
         print(
             f"{text}: {mutant.file}:{mutant.line} {mutant.function}: {mutant.title} ({found.seconds:.0f} s)"
-            + (f"; {reason}" if reason and not found.caught_by else ""),
+            + (f"; {excuse.reason}" if excuse.reason and not found.caught_by else ""),
             flush=True,
         )

@@ -4,7 +4,6 @@ from __future__ import annotations
 
 import re
 import sys
-import tomllib
 from pathlib import Path
 
 import pytest
@@ -17,8 +16,6 @@ from mutant import Mutant  # noqa: E402
 from nearest import contract_files  # noqa: E402
 from run import Failure, Tree  # noqa: E402
 from verdicts import Record, Verdict, moved  # noqa: E402
-
-SURVIVORS = tomllib.loads((ROOT / "tests/mutation/survivors.toml").read_text(encoding="utf-8")).get("survivor", [])
 
 
 def mutant(line: int, old: str = "a < b", file: str = "src/core/heartbeat.cpp") -> Mutant:
@@ -33,13 +30,20 @@ def verdict(of: Mutant, caught_by: str | None = "beat_test", compiles: bool = Tr
 
 
 def test_a_survivor_that_is_named_can_still_be_planted() -> None:
-    for entry in SURVIVORS:
-        old, arrow, _ = entry["change"].rpartition(" -> ")
-        source = " ".join((ROOT / entry["file"]).read_text().split())
-        assert arrow and old in source, entry
-        assert entry["line"] in [line.strip() for line in (ROOT / entry["file"]).read_text().splitlines()], entry
-        assert re.search(rf"{re.escape(entry['function'])}\b", source), entry
-        assert entry["reason"].endswith("."), entry
+    for excuse in rounds.excuses():
+        old, arrow, _ = excuse.change.rpartition(" -> ")
+        source = " ".join((ROOT / excuse.file).read_text().split())
+        assert arrow and old in source and excuse.line in source, excuse
+        assert re.search(rf"{re.escape(excuse.function)}\b", source), excuse
+        assert excuse.reason.endswith("."), excuse
+
+
+def test_of_the_same_change_of_two_like_lines_only_the_named_one_is_excused() -> None:
+    lines = rounds.lines_of("client/daemon.cpp")
+    first = next(number for number, line in enumerate(lines, 1) if line.strip() == "if (result >= 0) {")
+    one, other = (Mutant("client/daemon.cpp", line, 0, 2, ">=", ">", "open_user_bus") for line in (first, first + 3))
+    excuse = rounds.Excuse("client/daemon.cpp", "open_user_bus", rounds.text_from(other)[:60], ">= -> >", "Nobody can tell.")
+    assert (excuse.is_for(one), excuse.is_for(other)) == (False, True)
 
 
 # Which tests are asked
@@ -132,8 +136,9 @@ def test_survivors_are_judged_again_on_request_even_where_the_text_has_moved(rec
 def test_a_fault_that_makes_no_difference_does_not_count(record: Record, monkeypatch: pytest.MonkeyPatch) -> None:
     record.add(verdict(mutant(1), caught_by=None))
     text = rounds.line_of(mutant(1))
-    known = {("src/core/heartbeat.cpp", "beat", text, f"a < {name} -> a <= b"): (True, "Nobody can tell.") for name in "bc"}
-    monkeypatch.setattr(rounds, "excused", lambda: known)
+    file = "src/core/heartbeat.cpp"
+    known = [rounds.Excuse(file, "beat", text, f"a < {name} -> a <= b", "Nobody can tell.", True) for name in "bc"]
+    monkeypatch.setattr(rounds, "excuses", lambda: known)
     judged = Judged()
     made = rounds.Rounds([Tree(ROOT, "release")], judged, record)
     made.run([mutant(1), mutant(1, old="a < c"), mutant(1, old="a < d"), mutant(2, old="a < c")], 2, again=True)
