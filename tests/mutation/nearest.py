@@ -26,12 +26,39 @@ ROOMS = {
     "support": ("core", "faults"),
 }
 """Contract tests' folders, nearest first, for the folders of the code."""
+WORDS = {
+    "client/arguments": "settings status",
+    "client/con": "joining",
+    "client/daemon": "joining status",
+    "client/daemon_signals": "signals",
+    "client/disconnect": "joining",
+    "client/failure": "status settings",
+    "client/follower": "screen truth",
+    "client/interrupts": "joining scan",
+    "client/join": "joining",
+    "client/main": "status settings",
+    "client/network": "joining scan",
+    "client/output": "truth status",
+    "client/passphrase": "joining",
+    "client/properties": "signals status",
+    "client/setting": "settings",
+    "client/signal_bars": "scan",
+    "client/t": "status scan",
+    "client/values": "signals status",
+    "client/watch": "truth",
+    "client/whose_bus": "truth",
+    "client/words": "joining",
+}
+"""What the client's contract tests call what is in a source, by the beginning of its path: they go by command, and it does not."""
 UNIT_TESTS = "tests/unit/"
 
 
 def nearness(file: str, name: str) -> int:
     """How many words a source's name and a test's have in common, as a key that sorts the most first."""
-    return -len(set(re.split(r"[/_.\-]", file)) & set(re.split(r"[/_.\-]", name)) - {"cpp", "test", "py", "src", "tests"})
+    more = next((WORDS[begin] for begin in sorted(WORDS, reverse=True) if file.startswith(begin)), "")
+    return -len(
+        {*re.split(r"[/_.\-]", file), *more.split()} & set(re.split(r"[/_.\-]", name)) - {"cpp", "test", "py", "src", "tests"}
+    )
 
 
 def contract_files(tree: Tree, file: str) -> list[Path]:
