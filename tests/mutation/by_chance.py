@@ -57,6 +57,8 @@ def failed_unit(tree: Tree, name: str) -> str | None:
         status, output = timed([str(tree.build / UNIT_TESTS / name), "--gtest_fail_fast"], tree.build, 120)
         if status == 0:
             return None
+        if output == "had to be ended":
+            return f"{name}: it does not end"
         named = re.search(r"^\[  FAILED  \] (\w\S*?),? ", output, re.MULTILINE)
     return f"{name}: {named[1] if named else f'status {status}'}"
 
