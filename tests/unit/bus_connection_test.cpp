@@ -66,30 +66,30 @@ class BusConnection : public testing::Test
 protected:
     static void SetUpTestSuite() { ::setenv("SYSTEMD_BUS_TIMEOUT", "400ms", 1); }
 
-    BusPtr bus_;
+    BusPtr bus;
 };
 
 TEST_F(BusConnection, IsLetInBeforeItIsHandedOut)
 {
     const PrivateBus there;
-    EXPECT_GE(open_system_bus(bus_), 0);
-    EXPECT_GT(sd_bus_is_ready(bus_.get()), 0);
-    EXPECT_GE(open_user_bus(bus_), 0);
-    EXPECT_GT(sd_bus_is_ready(bus_.get()), 0);
-    EXPECT_GE(open_system_bus(bus_, 20s), 0);
-    EXPECT_GT(sd_bus_is_ready(bus_.get()), 0);
+    EXPECT_GE(open_system_bus(bus), 0);
+    EXPECT_GT(sd_bus_is_ready(bus.get()), 0);
+    EXPECT_GE(open_user_bus(bus), 0);
+    EXPECT_GT(sd_bus_is_ready(bus.get()), 0);
+    EXPECT_GE(open_system_bus(bus, 20s), 0);
+    EXPECT_GT(sd_bus_is_ready(bus.get()), 0);
 }
 
 TEST_F(BusConnection, IsNotWaitedForWhereThatIsNotNeeded)
 {
     const SilentBus there;
     const Watch watch;
-    EXPECT_GE(open_system_bus(bus_, LetIn::Unneeded), 0);
-    EXPECT_GT(sd_bus_is_open(bus_.get()), 0);
-    EXPECT_EQ(sd_bus_is_ready(bus_.get()), 0);
-    EXPECT_GE(open_user_bus(bus_, LetIn::Unneeded), 0);
-    EXPECT_GT(sd_bus_is_open(bus_.get()), 0);
-    EXPECT_EQ(sd_bus_is_ready(bus_.get()), 0);
+    EXPECT_GE(open_system_bus(bus, LetIn::Unneeded), 0);
+    EXPECT_GT(sd_bus_is_open(bus.get()), 0);
+    EXPECT_EQ(sd_bus_is_ready(bus.get()), 0);
+    EXPECT_GE(open_user_bus(bus, LetIn::Unneeded), 0);
+    EXPECT_GT(sd_bus_is_open(bus.get()), 0);
+    EXPECT_EQ(sd_bus_is_ready(bus.get()), 0);
     EXPECT_LT(watch.passed(), kFarBeyondIt);
 }
 
@@ -99,8 +99,8 @@ TEST_F(BusConnection, IsGivenUpWhenTheTimeOfACallIsOver)
     for (int (*const open)(BusPtr&, LetIn) :
          {&open_user_bus, static_cast<int (*)(BusPtr&, LetIn)>(&open_system_bus)}) {
         const Watch watch;
-        EXPECT_GE(open(bus_, LetIn::Awaited), 0);
-        EXPECT_EQ(sd_bus_is_open(bus_.get()), 0);
+        EXPECT_GE(open(bus, LetIn::Awaited), 0);
+        EXPECT_EQ(sd_bus_is_open(bus.get()), 0);
         EXPECT_GE(watch.passed(), kCallTimeout);
         EXPECT_LT(watch.passed(), kFarBeyondIt);
     }
@@ -110,13 +110,13 @@ TEST_F(BusConnection, IsGivenUpAfterTheShorterOfItsOwnTimeAndThatOfACall)
 {
     const SilentBus there;
     const Watch own;
-    EXPECT_GE(open_system_bus(bus_, 100ms), 0);
-    EXPECT_EQ(sd_bus_is_open(bus_.get()), 0);
+    EXPECT_GE(open_system_bus(bus, 100ms), 0);
+    EXPECT_EQ(sd_bus_is_open(bus.get()), 0);
     EXPECT_GE(own.passed(), 100ms);
     EXPECT_LT(own.passed(), kFarBeyondIt);
     const Watch ofACall;
-    EXPECT_GE(open_system_bus(bus_, 1h), 0);
-    EXPECT_EQ(sd_bus_is_open(bus_.get()), 0);
+    EXPECT_GE(open_system_bus(bus, 1h), 0);
+    EXPECT_EQ(sd_bus_is_open(bus.get()), 0);
     EXPECT_GE(ofACall.passed(), kCallTimeout);
     EXPECT_LT(ofACall.passed(), kFarBeyondIt);
 }
@@ -125,28 +125,28 @@ TEST_F(BusConnection, IsSaidToBeLetInOrNot)
 {
     {
         const PrivateBus there;
-        ASSERT_GE(open_system_bus(bus_, LetIn::Unneeded), 0);
-        EXPECT_EQ(await_letting_in(bus_.get()), 0);
-        EXPECT_GT(sd_bus_is_ready(bus_.get()), 0);
-        EXPECT_EQ(await_letting_in(bus_.get(), 0s), 0) << "it is ready already";
-        ASSERT_GE(open_system_bus(bus_, LetIn::Unneeded), 0);
-        EXPECT_EQ(await_letting_in(bus_.get(), microseconds::max()), 0);
+        ASSERT_GE(open_system_bus(bus, LetIn::Unneeded), 0);
+        EXPECT_EQ(await_letting_in(bus.get()), 0);
+        EXPECT_GT(sd_bus_is_ready(bus.get()), 0);
+        EXPECT_EQ(await_letting_in(bus.get(), 0s), 0) << "it is ready already";
+        ASSERT_GE(open_system_bus(bus, LetIn::Unneeded), 0);
+        EXPECT_EQ(await_letting_in(bus.get(), microseconds::max()), 0);
     }
     const SilentBus there;
-    ASSERT_GE(open_system_bus(bus_, LetIn::Unneeded), 0);
-    EXPECT_EQ(await_letting_in(bus_.get()), -ETIMEDOUT);
-    ASSERT_GE(open_system_bus(bus_, LetIn::Unneeded), 0);
-    EXPECT_EQ(await_letting_in(bus_.get(), 10ms), -ETIMEDOUT);
+    ASSERT_GE(open_system_bus(bus, LetIn::Unneeded), 0);
+    EXPECT_EQ(await_letting_in(bus.get()), -ETIMEDOUT);
+    ASSERT_GE(open_system_bus(bus, LetIn::Unneeded), 0);
+    EXPECT_EQ(await_letting_in(bus.get(), 10ms), -ETIMEDOUT);
 }
 
 TEST_F(BusConnection, ThatIsRefusedIsGivenUpAtOnce)
 {
     SilentBus there;
-    ASSERT_GE(open_system_bus(bus_, LetIn::Unneeded), 0);
+    ASSERT_GE(open_system_bus(bus, LetIn::Unneeded), 0);
     there.hang_up();
     const Watch watch;
-    EXPECT_LT(await_letting_in(bus_.get(), 1h), 0);
-    EXPECT_EQ(sd_bus_is_open(bus_.get()), 0);
+    EXPECT_LT(await_letting_in(bus.get(), 1h), 0);
+    EXPECT_EQ(sd_bus_is_open(bus.get()), 0);
     EXPECT_LT(watch.passed(), kFarBeyondIt);
 }
 
@@ -156,11 +156,11 @@ TEST_F(BusConnection, ToNoBusFails)
     ::setenv("DBUS_SYSTEM_BUS_ADDRESS", ("unix:path=" + folder.file("none")).c_str(), 1);
     ::setenv("DBUS_SESSION_BUS_ADDRESS", ("unix:path=" + folder.file("none")).c_str(), 1);
     for (const LetIn letIn : {LetIn::Awaited, LetIn::Unneeded}) {
-        EXPECT_EQ(open_system_bus(bus_, letIn), -ENOENT);
-        EXPECT_EQ(open_user_bus(bus_, letIn), -ENOENT);
+        EXPECT_EQ(open_system_bus(bus, letIn), -ENOENT);
+        EXPECT_EQ(open_user_bus(bus, letIn), -ENOENT);
     }
-    EXPECT_EQ(open_system_bus(bus_, 1s), -ENOENT);
-    EXPECT_EQ(bus_, nullptr);
+    EXPECT_EQ(open_system_bus(bus, 1s), -ENOENT);
+    EXPECT_EQ(bus, nullptr);
 }
 
 } // namespace
