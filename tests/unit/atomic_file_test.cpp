@@ -99,6 +99,28 @@ TEST_F(ReplaceFile, KeepsTheOldContentsWhenTheyCanNotBeReplaced)
     EXPECT_EQ(folder.read("settings.json"), "old");
 }
 
+TEST_F(ReplaceFile, TouchesNothingInAFolderThatCanNotBeSynced)
+{
+    // One that may be written to and not be read, by anybody but root.
+    std::filesystem::create_directory(folder.path() / "unread");
+    const std::string other = folder.file("unread/settings.json");
+    ASSERT_EQ(settingsd::replace_file(other, "old", settled), 0);
+    ::chmod(folder.path().c_str(), 0711);
+    ::chmod((folder.path() / "unread").c_str(), 0333);
+    const bool isRoot = ::geteuid() == 0;
+    if (isRoot) {
+        constexpr uid_t kNobody = 65534;
+        ASSERT_EQ(::seteuid(kNobody), 0);
+    }
+    EXPECT_EQ(settingsd::replace_file(other, "brand new", settled), -EACCES);
+    if (isRoot) {
+        ASSERT_EQ(::seteuid(0), 0);
+    }
+    ::chmod((folder.path() / "unread").c_str(), 0700);
+    EXPECT_EQ(folder.read("unread/settings.json"), "old");
+    EXPECT_FALSE(folder.has("unread/settings.json.tmp"));
+}
+
 TEST_F(ReplaceFile, GivesTheOldContentsTheirNameBackWhenTheFolderCanNotBeSynced)
 {
     failing = {"sync folder"};

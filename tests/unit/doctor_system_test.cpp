@@ -1,6 +1,7 @@
 // The doctor's own hands: files, programs and buses that hang, refuse, or are something else.
 
 #include <chrono>
+#include <csignal>
 #include <thread>
 
 #include <gmock/gmock.h>
@@ -9,6 +10,7 @@
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <sys/un.h>
 
 #include "doctor/bus.hpp"
@@ -90,6 +92,20 @@ TEST(DoctorCommands, AreKilledWithAllThatTheyStartedWhenTheirTimeIsOver)
     EXPECT_FALSE(runs());
     // The time of all is used up: the next one is over before it can say anything.
     EXPECT_TRUE(commands.run({"sleep", "100"}).timedOut);
+}
+
+TEST(DoctorCommands, AreWaitedForNoLongerWhereSignalsInterruptTheWait)
+{
+    struct sigaction noted = {};
+    struct sigaction before = {};
+    noted.sa_handler = [](int) {};
+    ::sigaction(SIGALRM, &noted, &before);
+    const Patience patience(300ms);
+    RealCommands commands(patience);
+    const itimerval once = {.it_interval = {}, .it_value = {0, 50'000}};
+    ::setitimer(ITIMER_REAL, &once, nullptr);
+    EXPECT_TRUE(commands.run({"sleep", "100"}).timedOut);
+    ::sigaction(SIGALRM, &before, nullptr);
 }
 
 TEST(DoctorCommands, AreWaitedForAsleepWhenTheyHaveClosedTheirOutput)

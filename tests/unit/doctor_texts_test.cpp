@@ -245,6 +245,27 @@ TEST(DoctorKey, IsDrawnAsASquareWithABrightEdge)
     EXPECT_EQ(drawn_code(std::string(5000, 'x'), client::Terminal(false, true)), "");
 }
 
+TEST(DoctorShows, EachEndOfTheSum)
+{
+    const auto sum = [](auto... found) {
+        Findings findings;
+        (found(findings), ...);
+        const auto lines = lines_of(shown_to_people({}, findings, client::Terminal(false, false)));
+        return lines.empty() ? std::string() : lines.back();
+    };
+    const auto good = [](Findings& findings) { findings.good("a.b", "x"); };
+    const auto odd = [](Findings& findings) { findings.warning("a.b", "x", "y", "z"); };
+    const auto broken = [](Findings& findings) { findings.bad("a.b", "x", "y", "z"); };
+    const auto unseen = [](Findings& findings) { findings.unseen("a.b", "x", "y"); };
+    EXPECT_EQ(sum(good), "1 thing is as it must be, 0 warnings, 0 bad: the device works.");
+    EXPECT_EQ(sum(good, good), "2 things are as they must be, 0 warnings, 0 bad: the device works.");
+    EXPECT_EQ(sum(good, odd), "1 thing is as it must be, 1 warning, 0 bad: it works, with warnings.");
+    EXPECT_EQ(sum(good, odd, odd), "1 thing is as it must be, 2 warnings, 0 bad: it works, with warnings.");
+    EXPECT_EQ(sum(good, unseen),
+              "1 thing is as it must be, 0 warnings, 0 bad, 1 not looked at: nothing wrong is seen.");
+    EXPECT_EQ(sum(good, odd, broken), "1 thing is as it must be, 1 warning, 1 bad: it does not work.");
+}
+
 TEST(DoctorShows, EscapedTextsMarksAndASum)
 {
     Findings findings;

@@ -136,7 +136,9 @@ TEST_F(SettingsStoreTest, WritesNothingWhenTheValueIsTheSame)
 TEST_F(SettingsStoreTest, RefusesAValueOfAnotherType)
 {
     SettingsStore store = load_store();
-    EXPECT_EQ(set(store, mode, true), -EINVAL);
+    bool changed = true;
+    EXPECT_EQ(store.set(mode, true, changed), -EINVAL);
+    EXPECT_FALSE(changed);
     EXPECT_EQ(store.get(mode), Value("Host"));
 }
 

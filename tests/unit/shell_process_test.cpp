@@ -6,6 +6,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/time.h>
 #include <sys/wait.h>
 
 #include "support/unique_fd.hpp"
@@ -60,6 +61,21 @@ TEST(ShellPipe, ReadsToTheEndAcrossPausesOfTheCommand)
     ShellPipe pipe("printf one; sleep 0.1; printf two");
     EXPECT_EQ(pipe.read(256), "onetwo");
     EXPECT_EQ(pipe.read(256), "");
+}
+
+TEST(ShellPipe, ReadsOnAfterASignal)
+{
+    struct sigaction noted = {};
+    struct sigaction before = {};
+    noted.sa_handler = [](int) {}; // without SA_RESTART
+    sigaction(SIGALRM, &noted, &before);
+    ShellPipe pipe("sleep 0.3; printf late");
+    const itimerval often = {.it_interval = {0, 20'000}, .it_value = {0, 20'000}};
+    setitimer(ITIMER_REAL, &often, nullptr);
+    EXPECT_EQ(pipe.read(256), "late");
+    const itimerval never = {};
+    setitimer(ITIMER_REAL, &never, nullptr);
+    sigaction(SIGALRM, &before, nullptr);
 }
 
 TEST(ShellPipe, ReadsNoMoreThanTheLimit)

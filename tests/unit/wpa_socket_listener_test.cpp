@@ -13,13 +13,16 @@
 #include <utility>
 #include <vector>
 
+#include <fcntl.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <syslog.h>
 
 #include "listeners/wpa_supplicant_socket_listener.hpp"
 #include "support/captured_log.hpp"
 #include "support/scripted_wpa_ctrl.hpp"
 #include "support/temp_folder.hpp"
+#include "support/unique_fd.hpp"
 
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -201,6 +204,28 @@ TEST_F(WpaSocketListenerTest, ADescriptorThatNoSetCanHoldEndsTheThreadInsteadOfD
     EXPECT_TRUE(captured_log().wait_for(kSelectFailed));
     listener.Stop();
     EXPECT_TRUE(ScriptedWpaCtrl::selectTimeouts.empty());
+}
+
+TEST_F(WpaSocketListenerTest, NorDoesItsOwnDescriptorWhereTheProcessHasSoMany)
+{
+    rlimit before = {};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+    const rlimit enough = {std::max<rlim_t>(before.rlim_cur, FD_SETSIZE + 100), before.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &enough), 0);
+    {
+        // The next to be opened is the first that no set can hold.
+        std::vector<UniqueFd> others;
+        do {
+            others.emplace_back(open("/dev/null", O_RDONLY | O_CLOEXEC));
+            ASSERT_TRUE(others.back());
+        } while (others.back().get() < FD_SETSIZE - 1);
+        RecordingListener late;
+        late.Start();
+        EXPECT_TRUE(captured_log().wait_for(kSelectFailed));
+        late.Stop();
+        EXPECT_TRUE(ScriptedWpaCtrl::selectTimeouts.empty());
+    }
+    setrlimit(RLIMIT_NOFILE, &before);
 }
 
 TEST_F(WpaSocketListenerTest, AnInterruptedWaitIsNoFailure)

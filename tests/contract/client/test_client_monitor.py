@@ -4,7 +4,8 @@ from __future__ import annotations
 
 import re
 import signal
-import time
+from datetime import datetime, time, timedelta, timezone
+from time import monotonic, sleep
 
 from station import bring_up_station
 from vantora_sim import DEADLINE, Process, World
@@ -22,10 +23,10 @@ def wait_object(client: Running, **expected: object) -> dict[str, object]:
 
 def wait_printed(process: Process) -> None:
     """Wait until a process of the sandbox has written something."""
-    deadline = time.monotonic() + DEADLINE
+    deadline = monotonic() + DEADLINE
     while not process.stdout:
-        assert time.monotonic() < deadline, "nothing was written"
-        time.sleep(0.01)
+        assert monotonic() < deadline, "nothing was written"
+        sleep(0.01)
 
 
 def monitor_up(world: World, *arguments: str) -> Running:
@@ -59,6 +60,24 @@ def test_monitor_for_programs_names_the_fields_of_status(world: World) -> None:
         wanted = [("ssid", "Kitchen"), ("band", "5"), ("radio", "off")]
         assert [change for change in changes if change in wanted] == wanted
         assert {name for name, _ in changes} <= set(found[0])
+
+
+def test_people_read_their_own_time_and_programs_that_of_the_world(world: World) -> None:
+    world.up()
+    with start(world, "monitor", TZ="Here-05:30") as people, start(world, "monitor", "--json", TZ="Here-05:30") as programs:
+        people.wait_for("Transmit power .*\n")
+        wait_object(programs, type="status")
+        before = datetime.now(timezone.utc)
+        world.set("SSID", "Kitchen")
+        own = people.wait_until(lambda text: re.search(r"(?m)^(\d\d:\d\d:\d\d)  SSID", text), "a time")[1]
+        told = str(wait_object(programs, type="changed", name="ssid")["time"])
+    after = datetime.now(timezone.utc)
+    # A time without a date is the one nearest to when it was told.
+    here = timezone(timedelta(hours=5, minutes=30))
+    owns = [datetime.combine(day.astimezone(here), time.fromisoformat(own), here) for day in (before, after)]
+    second = timedelta(seconds=1)
+    assert any(before - second <= one <= after for one in owns)
+    assert before - second <= datetime.fromisoformat(told) <= after
 
 
 def test_monitor_reads_the_network_that_is_never_announced(world: World) -> None:
