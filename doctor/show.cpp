@@ -12,36 +12,30 @@ using client::escaped;
 using client::Style;
 using Json = nlohmann::json;
 
-/** What stands in front of a line: all of one width. */
-const char* mark_of(Level level)
+/** How a level looks: what stands in front of a line, all of one width; its colours; its name for programs.
+ */
+struct Appearance
 {
-    switch (level) {
-    case Level::Good:
-        return "ok   ";
-    case Level::Note:
-        return "note ";
-    case Level::Unseen:
-        return "?    ";
-    case Level::Warning:
-        return "warn ";
-    default:
-        return "BAD  ";
-    }
-}
+    const char* mark;
+    Style style;
+    const char* word;
+};
 
-Style style_of(Level level)
+Appearance appearance_of(Level level)
 {
     switch (level) {
     case Level::Good:
-        return Style::Good;
+        return {"ok   ", Style::Good, "good"};
     case Level::Note:
+        return {"note ", Style::Faint, "note"};
     case Level::Unseen:
-        return Style::Faint;
+        return {"?    ", Style::Faint, "unseen"};
     case Level::Warning:
-        return Style::Heading;
-    default:
-        return Style::Bad;
+        return {"warn ", Style::Heading, "warning"};
+    case Level::Bad:
+        break;
     }
+    return {"BAD  ", Style::Bad, "bad"};
 }
 
 std::string group_of(const Finding& finding)
@@ -78,22 +72,6 @@ std::string summary(const Findings& findings)
 
 } // namespace
 
-const char* word_of(Level level)
-{
-    switch (level) {
-    case Level::Good:
-        return "good";
-    case Level::Note:
-        return "note";
-    case Level::Unseen:
-        return "unseen";
-    case Level::Warning:
-        return "warning";
-    default:
-        return "bad";
-    }
-}
-
 std::string shown_to_people(const std::vector<Mended>& mended, const Findings& findings,
                             const client::Terminal& terminal)
 {
@@ -107,8 +85,8 @@ std::string shown_to_people(const std::vector<Mended>& mended, const Findings& f
             group = group_of(finding);
             text += terminal.styled(Style::Heading, group) + "\n";
         }
-        text += "  " + terminal.styled(style_of(finding.level), mark_of(finding.level)) +
-                escaped(finding.text) + "\n";
+        const Appearance appearance = appearance_of(finding.level);
+        text += "  " + terminal.styled(appearance.style, appearance.mark) + escaped(finding.text) + "\n";
         if (!finding.why.empty()) {
             text += "       why   " + escaped(finding.why) + "\n";
         }
@@ -128,7 +106,7 @@ std::string shown_to_programs(const std::vector<Mended>& mended, const Findings&
     }
     for (const Finding& finding : findings.all()) {
         object["findings"].push_back({{"check", finding.check},
-                                      {"level", word_of(finding.level)},
+                                      {"level", appearance_of(finding.level).word},
                                       {"text", finding.text},
                                       {"why", finding.why},
                                       {"mend", finding.mend},

@@ -14,10 +14,8 @@ namespace doctor {
 std::string shown_to_people(const std::vector<Mended>& mended, const Findings& findings,
                             const client::Terminal& terminal);
 
-/** One JSON object on one line, ASCII only: "status", "mended" and "findings". */
+/** One JSON object on one line, ASCII only: "status", "mended" and "findings". A finding's "level" is "good",
+ * "note", "unseen", "warning" or "bad". */
 std::string shown_to_programs(const std::vector<Mended>& mended, const Findings& findings);
-
-/** The word that stands for a level in JSON: "good", "note", "unseen", "warning", "bad". */
-const char* word_of(Level level);
 
 } // namespace doctor
