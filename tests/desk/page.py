@@ -115,6 +115,15 @@ class Page:
         self.put(f'[aria-label="new value of {name}"]', text)
         self.press(f'[aria-label="write {name}"]')
 
+    def ask_for_home(self) -> None:
+        """Make the device a station, and have it join the first network of the world "home"."""
+        self.write("Mode", "Client")
+        self.until(lambda: self.value("Mode") == '"Client"', "the mode")
+        self.until(lambda: self.one('[data-daemon="wpa_supplicant"]').get_attribute("data-how") == "running", "wpa_supplicant")
+        names = self.all(".method input")
+        names[0].send_keys("Casa Marisol")
+        names[1].send_keys("quiet-harbour-42", Keys.ENTER)
+
     def titles(self) -> list[str]:
         """The entries of the list that exist as rows."""
         script = "return [...document.querySelectorAll('#list .entry:not([hidden]) .title')].map((one) => one.textContent)"

@@ -15,7 +15,6 @@ sys.path[:0] = [str(ROOT / "simulator")]
 from PIL import Image  # noqa: E402
 from page import Page  # noqa: E402  (finds what it needs through the line above)
 from running import browser, running  # noqa: E402
-from selenium.webdriver.common.keys import Keys  # noqa: E402
 
 
 LARGEST = 200_000
@@ -28,12 +27,7 @@ def tell_a_story(page: Page) -> None:
     """Something to be seen: a station joins, the device becomes one, finds its network and is connected; a network comes nearer."""
     page.press('[data-station="tablet"]')
     page.until(lambda: page.value("WiFiConnectedClients") in ("1", "2"), "the station")
-    page.write("Mode", "Client")
-    page.until(lambda: page.value("Mode") == '"Client"', "the mode")
-    page.until(lambda: page.one('[data-daemon="wpa_supplicant"]').get_attribute("data-how") == "running", "wpa_supplicant")
-    names = page.all(".method input")
-    names[0].send_keys("Casa Marisol")
-    names[1].send_keys("quiet-harbour-42", Keys.ENTER)
+    page.ask_for_home()
     page.until(lambda: page.value("ClientSSID") == '"Casa Marisol"', "the connection")
     page.slide('[data-bssid="02:00:00:00:30:04"] input[type="range"]', 8)
     page.until_text("#air-answer", "is received with -58 dBm")

@@ -30,12 +30,7 @@ def page(start: START, look: LOOK) -> Page:
 
 def join_home(page: Page) -> None:
     """Make the device a station of the first network."""
-    page.write("Mode", "Client")
-    page.until(lambda: page.value("Mode") == '"Client"', "the mode")
-    page.until(lambda: page.one('[data-daemon="wpa_supplicant"]').get_attribute("data-how") == "running", "wpa_supplicant")
-    names = page.all(".method input")
-    names[0].send_keys("Casa Marisol")
-    names[1].send_keys("quiet-harbour-42", Keys.ENTER)
+    page.ask_for_home()
     page.until(lambda: page.value("WiFiClientState") == '"completed"', "the connection")
 
 
