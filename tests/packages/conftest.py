@@ -13,6 +13,13 @@ ROOT = Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(ROOT / "tests/support"))
 
 
+def printed(*command: str | Path) -> str:
+    """What a command prints, in no language but its own; it succeeds."""
+    return subprocess.run(
+        command, check=True, capture_output=True, text=True, timeout=60, env={"PATH": "/usr/bin:/bin", "LC_ALL": "C"}
+    ).stdout
+
+
 @dataclass(frozen=True)
 class Member:
     """One entry of a package: what `ls -l` would show of it."""
@@ -47,14 +54,7 @@ class Package:
         return folder
 
     def _dpkg_deb(self, action: str, *arguments: str) -> str:
-        return subprocess.run(
-            ["dpkg-deb", action, self.path, *arguments],
-            check=True,
-            capture_output=True,
-            text=True,
-            timeout=60,
-            env={"PATH": "/usr/bin:/bin", "LC_ALL": "C"},
-        ).stdout
+        return printed("dpkg-deb", action, self.path, *arguments)
 
 
 def pytest_addoption(parser: pytest.Parser) -> None:

@@ -7,7 +7,7 @@ import subprocess
 from pathlib import Path
 
 import pytest
-from conftest import ROOT, Package
+from conftest import ROOT, Package, printed
 from hardening import ASSERTION, Elf, programs_below
 
 NAMES = (
@@ -125,14 +125,7 @@ def programs(unpacked: dict[str, Path], name: str) -> list[Path]:
 
 
 def readelf(option: str, path: Path) -> str:
-    return subprocess.run(
-        ["readelf", "--wide", option, path],
-        check=True,
-        capture_output=True,
-        text=True,
-        timeout=60,
-        env={"PATH": "/usr/bin:/bin", "LC_ALL": "C"},
-    ).stdout
+    return printed("readelf", "--wide", option, path)
 
 
 def test_there_is_one_package_for_each_purpose(packages: dict[str, Package], architecture: str) -> None:

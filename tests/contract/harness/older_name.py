@@ -156,16 +156,9 @@ class Caller:
         flags: MessageFlag = MessageFlag.NONE,
     ) -> "Any":
         """Make a call; a future of the whole answer."""
-        message = Message(
-            destination=destination,
-            path=path,
-            interface=interface,
-            member=member,
-            signature=signature,
-            body=body or [],
-            flags=flags,
+        return self.world.loop.submit(
+            self.bus.call(Message(destination, path, interface, member, flags=flags, signature=signature, body=body or []))
         )
-        return self.world.loop.submit(self.bus.call(message))
 
     def call(self, member: str, signature: str = "", body: list[Any] | None = None, **more: Any) -> Message:
         """Make a call and wait for the whole answer, an error or not."""
@@ -178,15 +171,8 @@ class Caller:
 
     def send(self, member: str, signature: str = "", body: list[Any] | None = None, *, path: str = FIRST) -> None:
         """Make a call that expects no answer."""
-        message = Message(
-            destination=OLDER,
-            path=path,
-            interface=INTERFACE,
-            member=member,
-            signature=signature,
-            body=body or [],
-            flags=MessageFlag.NO_REPLY_EXPECTED,
-        )
+        flags = MessageFlag.NO_REPLY_EXPECTED
+        message = Message(OLDER, path, INTERFACE, member, flags=flags, signature=signature, body=body or [])
         self.world.loop.call(lambda: self.bus.send(message))
 
     def ask_bus(self, member: str, *args: str) -> Any:

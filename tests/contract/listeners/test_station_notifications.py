@@ -39,6 +39,19 @@ def notified(world: World, since: int) -> list[tuple[str, str]]:
     return world.journal.logs(since)
 
 
+def assert_left(world: World, bss: str, name: str, emitting: tuple[str, str]) -> None:
+    """The log when a station leaves a scan for nothing, with the name of its access point in it."""
+    mark = world.journal.mark()
+    world.wpa.report_state("disconnected", bss=bss)
+    assert notified(world, mark) == [
+        CHANGED_LOG,
+        ("info", f"[WPE supplicant] BSS changed: {bss} SSID: {name}"),
+        state_log("scanning", "disconnected"),
+        emitting,
+        READ_LOG,
+    ]
+
+
 def test_properties_of_other_types_beside_do_no_harm(world: World) -> None:
     bring_up_scanning(world)
     mark = world.journal.mark()
@@ -165,15 +178,7 @@ def test_a_name_that_can_not_be_read_is_none(world: World, trouble: str) -> None
             world.wpa.reply("Get", "", [], on=bss)
         case "vanished":
             world.wpa.vanish("Get", on=bss)
-    mark = world.journal.mark()
-    world.wpa.report_state("disconnected", bss=bss)
-    assert notified(world, mark) == [
-        CHANGED_LOG,
-        ("info", f"[WPE supplicant] BSS changed: {bss} SSID: <none>"),
-        state_log("scanning", "disconnected"),
-        emitting_log("disconnected"),
-        READ_LOG,
-    ]
+    assert_left(world, bss, "<none>", emitting_log("disconnected"))
 
 
 @pytest.mark.parametrize(
@@ -189,15 +194,7 @@ def test_a_name_that_can_not_be_read_is_none(world: World, trouble: str) -> None
 def test_an_odd_name_is_logged_up_to_its_first_nul(world: World, ssid: bytes, written: str) -> None:
     bring_up_scanning(world)
     bss = world.wpa.add_bss(ssid)
-    mark = world.journal.mark()
-    world.wpa.report_state("disconnected", bss=bss)
-    assert notified(world, mark) == [
-        CHANGED_LOG,
-        ("info", f"[WPE supplicant] BSS changed: {bss} SSID: {written}"),
-        state_log("scanning", "disconnected"),
-        emitting_log("disconnected", written),
-        READ_LOG,
-    ]
+    assert_left(world, bss, written, emitting_log("disconnected", written))
 
 
 def test_a_name_that_hangs_holds_the_notification_until_it_is_answered(world: World) -> None:

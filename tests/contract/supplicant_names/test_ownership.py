@@ -2,9 +2,19 @@
 
 from __future__ import annotations
 
-from older_name import LEFT, NEWER, NOBODY, OLDER, OlderName, error_of, old_start
+from older_name import LEFT, NEWER, NOBODY, OLDER, Caller, OlderName, error_of, old_start
 from vantora_sim import notify
 from vantora_sim.dbus_fake import disconnect
+
+
+def beaten_to_the_name(names: OlderName) -> Caller:
+    """Have somebody else own the name by the time that wpa_supplicant comes; who it is."""
+    other = names.another_caller()
+    other.ask_bus_for_name(OLDER)
+    names.start()
+    names.supplicant.come_back()
+    names.logged("info", f"[Names] {OLDER} has an owner, stepping aside")
+    return other
 
 
 def test_ready_is_said_before_wpa_supplicant_is_there(names: OlderName) -> None:
@@ -77,11 +87,7 @@ def test_two_names_taken_one_right_after_the_other_are_never_beaten(names: Older
 
 
 def test_the_name_is_taken_once_its_other_owner_lets_go_of_it(names: OlderName) -> None:
-    other = names.another_caller()
-    other.ask_bus_for_name(OLDER)
-    names.start()
-    names.supplicant.come_back()
-    names.logged("info", f"[Names] {OLDER} has an owner, stepping aside")
+    other = beaten_to_the_name(names)
     assert names.caller.owner() == other.name
     other.leave()
     names.wait_owned()
@@ -89,11 +95,7 @@ def test_the_name_is_taken_once_its_other_owner_lets_go_of_it(names: OlderName) 
 
 
 def test_nobody_waits_in_the_queue_for_the_name(names: OlderName) -> None:
-    other = names.another_caller()
-    other.ask_bus_for_name(OLDER)
-    names.start()
-    names.supplicant.come_back()
-    names.logged("info", f"[Names] {OLDER} has an owner, stepping aside")
+    other = beaten_to_the_name(names)
     assert names.caller.ask_bus("ListQueuedOwners", OLDER)[0] == [other.name]
 
 

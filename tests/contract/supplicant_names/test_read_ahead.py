@@ -10,6 +10,7 @@ from vantora_sim.wpa_supplicant import BSS, INTERFACE
 STATION = f"{ROOT}/Interfaces/7"
 COUNT = 60
 AHEAD = 16
+NEW = {"SSID": Variant("ay", b"new")}
 
 
 def list_of(names: OlderName, count: int = COUNT) -> list[str]:
@@ -19,6 +20,15 @@ def list_of(names: OlderName, count: int = COUNT) -> list[str]:
     answer = names.caller.call("Get", "ss", [INTERFACE, "BSSs"], interface=PROPERTIES)
     assert answer.body == [Variant("ao", names.supplicant.bsss)]
     return names.supplicant.bsss
+
+
+def list_that_was_asked_ahead_and_is_old(names: OlderName) -> list[str]:
+    """A list of which the next few have been asked for, and wpa_supplicant says "new" of each since then."""
+    listed = list_of(names)
+    names.caller.get_all(listed[0])
+    names.wait_call("GetAll", times=1 + AHEAD)
+    names.supplicant.reply("GetAll", "a{sv}", [NEW])
+    return listed
 
 
 def paths(names: OlderName, mark: int = 0) -> list[str]:
@@ -60,51 +70,39 @@ def test_a_single_read_in_the_middle_asks_for_nothing_else(names: OlderName) -> 
 
 
 def test_an_answer_is_not_used_after_wpa_supplicant_has_said_anything(names: OlderName) -> None:
-    listed = list_of(names)
-    names.caller.get_all(listed[0])
-    names.wait_call("GetAll", times=1 + AHEAD)
+    listed = list_that_was_asked_ahead_and_is_old(names)
     mark = names.journal.mark()
-    names.supplicant.reply("GetAll", "a{sv}", [{"SSID": Variant("ay", b"new")}])
-    names.supplicant.emit(listed[1], BSS, "PropertiesChanged", "a{sv}", [{"SSID": Variant("ay", b"new")}])
+    names.supplicant.emit(listed[1], BSS, "PropertiesChanged", "a{sv}", [NEW])
     names.settle()  # the bus has given the signal to everybody by now
-    assert names.caller.get_all(listed[1]).body == [{"SSID": Variant("ay", b"new")}]
+    assert names.caller.get_all(listed[1]).body == [NEW]
     assert paths(names, mark)[0] == listed[1]
 
 
 def test_an_answer_is_not_used_after_the_caller_has_called_something_else(names: OlderName) -> None:
-    listed = list_of(names)
-    names.caller.get_all(listed[0])
-    names.wait_call("GetAll", times=1 + AHEAD)
-    names.supplicant.reply("GetAll", "a{sv}", [{"SSID": Variant("ay", b"new")}])
+    listed = list_that_was_asked_ahead_and_is_old(names)
     names.caller.call("Scan", "a{sv}", [{"Type": Variant("s", "active")}])
-    assert names.caller.get_all(listed[1]).body == [{"SSID": Variant("ay", b"new")}]
+    assert names.caller.get_all(listed[1]).body == [NEW]
 
 
 def test_an_answer_is_not_used_once_it_is_old(names: OlderName) -> None:
-    listed = list_of(names)
-    names.caller.get_all(listed[0])
-    names.wait_call("GetAll", times=1 + AHEAD)
-    names.supplicant.reply("GetAll", "a{sv}", [{"SSID": Variant("ay", b"new")}])
+    listed = list_that_was_asked_ahead_and_is_old(names)
     # Another caller's call that is answered after so long, since nobody tells of time passing.
     names.supplicant.slow("Wait", 5.2)
     assert names.another_caller().call("Wait").message_type is MessageType.METHOD_RETURN
-    assert names.caller.get_all(listed[1]).body == [{"SSID": Variant("ay", b"new")}]
+    assert names.caller.get_all(listed[1]).body == [NEW]
 
 
 def test_an_answer_is_not_used_by_another_caller(names: OlderName) -> None:
-    listed = list_of(names)
-    names.caller.get_all(listed[0])
-    names.wait_call("GetAll", times=1 + AHEAD)
-    names.supplicant.reply("GetAll", "a{sv}", [{"SSID": Variant("ay", b"new")}])
-    assert names.another_caller().get_all(listed[1]).body == [{"SSID": Variant("ay", b"new")}]
+    listed = list_that_was_asked_ahead_and_is_old(names)
+    assert names.another_caller().get_all(listed[1]).body == [NEW]
 
 
 def test_an_answer_is_used_once(names: OlderName) -> None:
     listed = list_of(names)
     names.caller.get_all(listed[0])
     names.caller.get_all(listed[1])
-    names.supplicant.reply("GetAll", "a{sv}", [{"SSID": Variant("ay", b"new")}])
-    assert names.caller.get_all(listed[1]).body == [{"SSID": Variant("ay", b"new")}]
+    names.supplicant.reply("GetAll", "a{sv}", [NEW])
+    assert names.caller.get_all(listed[1]).body == [NEW]
 
 
 def test_an_error_is_not_kept_for_the_caller(names: OlderName) -> None:
