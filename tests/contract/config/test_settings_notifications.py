@@ -6,6 +6,7 @@ import signal
 import time
 
 import pytest
+from connections import connections_of_the_daemon
 from control import READ_MODE, READ_POWER, RESTART_HOSTAPD, bring_up_quietly, control_logs, logs, steps
 from settings_texts import PROPERTIES_CHANGED, set_failed
 from vantora_sim import DEADLINE, Variant, World, changed, log
@@ -229,13 +230,6 @@ def test_a_flood_of_notifications_keeps_a_request_waiting_for_less_than_a_second
     assert world.journal.logs().count(told) < 1500, "the request came before the last of them"
 
 
-def daemon_connections(world: World) -> list[str]:
-    """The unique names of the daemon on the user bus: the one it serves on and the one it listens on."""
-    listed = [line.split()[:2] for line in world.sandbox.sh("busctl --user list --no-legend --no-pager").stdout.splitlines()]
-    owner = next(process for name, process in listed if name == "com.vantora.Network1")
-    return [name for name, process in listed if process == owner and name.startswith(":")]
-
-
 def test_a_forged_notification_of_another_client_is_ignored(world: World) -> None:
     bring_up_quietly(world)
     mark = world.journal.mark()
@@ -245,7 +239,7 @@ def test_a_forged_notification_of_another_client_is_ignored(world: World) -> Non
     everybody = world.sandbox.sh(f"busctl --user {forged}")
     assert everybody.status == 0, everybody.stderr
     # Straight to the daemon's connections, past the matches of the bus.
-    connections = daemon_connections(world)
+    connections = connections_of_the_daemon(world, world.user_bus.address)
     assert len(connections) == 2
     for name in connections:
         straight = world.sandbox.sh(f"busctl --user --destination={name} {forged}")

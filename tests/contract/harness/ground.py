@@ -2,11 +2,17 @@
 
 from __future__ import annotations
 
-import json
 import time
 from collections.abc import Callable
+from typing import Any
 
+from dbus_next import Message, MessageType
 from vantora_sim import DEADLINE, Process, World, unit_path
+from vantora_sim.client import Client
+from vantora_sim.dbus_fake import connect
+
+Signal = tuple[str, str, list[Any]]
+"""Path, member and body."""
 
 SYSTEMD = "org.freedesktop.systemd1"
 MANAGER = f"busctl --system call {SYSTEMD} /org/freedesktop/systemd1 {SYSTEMD}.Manager"
@@ -49,18 +55,40 @@ def wait_for_text(read: Callable[[], str], text: str) -> None:
         time.sleep(0.002)
 
 
-def start_monitor(world: World, bus: str, rule: str) -> Process:
-    """A program in the sandbox that prints the signals of a bus that fit the rule, one JSON object a line."""
-    monitor = world.sandbox.start(["/usr/bin/busctl", bus, "monitor", "--json=short", f"--match=type='signal',{rule}"])
-    wait_for_text(lambda: monitor.stderr, "Monitoring bus message stream")
-    return monitor
+class Monitor:
+    """Somebody who hears the signals of a bus that fit the rule, from when it is made until close()."""
 
+    def __init__(self, world: World, address: str, rule: str) -> None:
+        self._world = world
+        self._signals: list[Signal] = []
+        self._client: Client = world.loop.run(self._begin(address, f"type='signal',{rule}"))
 
-def seen_signals(monitor: Process) -> list[tuple[str, str, list[object]]]:
-    """Path, member and body of the signals printed so far."""
-    messages = [json.loads(line) for line in monitor.stdout.splitlines()]
-    return [
-        (message["path"], message["member"], message["payload"]["data"])
-        for message in messages
-        if message.get("path") not in (None, "/org/freedesktop/DBus")
-    ]
+    async def _begin(self, address: str, rule: str) -> Client:
+        bus = await connect(address)
+        bus.add_message_handler(self._receive)
+        client = Client(bus)
+        await client.ask_bus("AddMatch", "s", [rule])
+        return client
+
+    def _receive(self, message: Message) -> bool:
+        if message.message_type is MessageType.SIGNAL and message.path != "/org/freedesktop/DBus":
+            self._signals.append((message.path, message.member, message.body))
+        return False
+
+    def signals(self) -> list[Signal]:
+        """Path, member and body of the signals heard so far."""
+        return list(self._signals)
+
+    def wait_for(self, number: int) -> None:
+        """Wait until so many have been heard, or more."""
+        deadline = time.monotonic() + DEADLINE
+        while len(self._signals) < number:
+            assert time.monotonic() < deadline, f"{number} signals did not come, but {self._signals}"
+            time.sleep(0.002)
+        # What was sent along with the last of them comes before the bus's second answer.
+        for _ in range(2):
+            self._world.loop.run(self._client.ask_bus("GetId"))
+
+    def close(self) -> None:
+        """Hear no more."""
+        self._world.loop.run(self._client.close())

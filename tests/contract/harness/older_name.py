@@ -8,6 +8,7 @@ from collections.abc import Callable
 from pathlib import Path
 from typing import Any
 
+from connections import names_of
 from dbus_next import Message, MessageFlag, MessageType, Variant
 from dbus_next.aio import MessageBus
 from vantora_sim import DEADLINE, CallRefused, Process, World, log, notify
@@ -300,20 +301,7 @@ class OlderName:
     def connections(self) -> int:
         """How many connections to the system bus the program has."""
         assert self.process
-        pid = self.process.pid
-
-        async def count() -> int:
-            client = self.caller._client
-            found = 0
-            for name in (await client.ask_bus("ListNames"))[0]:
-                if name.startswith(":"):
-                    try:
-                        found += (await client.ask_bus("GetConnectionUnixProcessID", "s", [name]))[0] == pid
-                    except CallRefused:
-                        pass  # it has just left
-            return found
-
-        return self.world.loop.run(count())
+        return len(self.world.loop.run(names_of(self.caller._client, self.process.pid)))
 
     def logged(self, priority: str, text: str, since: int = 0) -> None:
         """Wait for a line of the program."""

@@ -7,6 +7,7 @@ from pathlib import Path
 
 import pytest
 from access_point import attached_up
+from connections import connections_of_the_daemon
 from station import bring_up_scanning, bring_up_station
 from vantora_sim import Variant, World, changed
 from vantora_sim.client import INTERFACE, PATH, SERVICE
@@ -62,11 +63,9 @@ def test_the_user_bus_gives_another_user_nothing(world: World, folder_mode: int)
 
 
 def names_of_the_daemon(world: World) -> list[str]:
-    """The daemon's connections to the system bus, by their unique names. The bus sees process ids from outside."""
-    listed = world.sandbox.sh("busctl --system list --no-pager --no-legend").stdout.split("\n")
-    assert world.daemon
-    names = [line.split()[0] for line in listed if line.startswith(":") and line.split()[1:2] == [str(world.daemon.pid)]]
-    assert names, listed
+    """The daemon's connections to the system bus, by their unique names."""
+    names = connections_of_the_daemon(world, world.system_bus.address)
+    assert names
     return names
 
 

@@ -5,7 +5,7 @@ from __future__ import annotations
 import ast
 
 from ground import MANAGER, NETWORK, SCAN, SETTINGS, STATION
-from ground import SYSTEMD, control, seen_signals, start_monitor, unit_job, wait_for_text
+from ground import SYSTEMD, Monitor, control, unit_job
 from vantora_sim import Variant, World, call, hostapd_request, unit_name, unit_path
 
 # systemd
@@ -114,20 +114,21 @@ def test_setting_can_fail_alone_and_the_daemon_can_be_away(world: World) -> None
 
 
 def test_change_by_another_client_is_notified_and_echo_is_off_unless_wanted(world: World) -> None:
-    monitor = start_monitor(world, "--user", f"sender='{SETTINGS}'")
+    monitor = Monitor(world, world.user_bus.address, f"sender='{SETTINGS}'")
     world.sandbox.sh(f"busctl --user set-property {NETWORK} mode s Client")
     world.settings.change("network", enabled=False)
     world.settings.notify_raw("/", "s", ["odd"])
-    wait_for_text(lambda: monitor.stdout, "odd")
+    monitor.wait_for(2)
     world.settings.echo = True
     world.sandbox.sh(f"busctl --user set-property {NETWORK} frequency s 5")
-    wait_for_text(lambda: monitor.stdout, "frequency")
+    monitor.wait_for(3)
     path = "/com/vantora/common/Settings1/network"
-    assert seen_signals(monitor) == [
-        (path, "PropertiesChanged", [SETTINGS, {"enabled": {"type": "b", "data": False}}, []]),
+    assert monitor.signals() == [
+        (path, "PropertiesChanged", [SETTINGS, {"enabled": Variant("b", False)}, []]),
         ("/", "PropertiesChanged", ["odd"]),
-        (path, "PropertiesChanged", [SETTINGS, {"frequency": {"type": "s", "data": "5"}}, []]),
+        (path, "PropertiesChanged", [SETTINGS, {"frequency": Variant("s", "5")}, []]),
     ]
+    monitor.close()
     assert world.settings.get("network", "enabled") is False
 
 
@@ -236,16 +237,13 @@ def test_station_daemon_comes_and_goes_with_its_unit_under_both_names(world: Wor
 
 def test_station_daemon_that_starts_knows_nothing_and_says_that_it_is_disconnected(world: World) -> None:
     path, interface = "/fi/w1/wpa_supplicant1/Interfaces/1", "fi.w1.wpa_supplicant1.Interface"
-    state = {"State": {"type": "s", "data": "disconnected"}}
+    state = {"State": Variant("s", "disconnected")}
     for verb in ("Start", "Restart"):
-        monitor = start_monitor(world, "--system", "member='PropertiesChanged'")
+        monitor = Monitor(world, world.system_bus.address, "member='PropertiesChanged'")
         world.sandbox.sh(unit_job(verb, "wpa_supplicant-nl80211@wlan0.service"))
-        wait_for_text(lambda monitor=monitor: monitor.stdout, f'"interface":"{interface}"')
-        monitor.stop()
-        assert seen_signals(monitor) == [
-            (path, "PropertiesChanged", [interface, state, []]),
-            (path, "PropertiesChanged", [state]),
-        ]
+        monitor.wait_for(2)
+        monitor.close()
+        assert monitor.signals() == [(path, "PropertiesChanged", [interface, state, []]), (path, "PropertiesChanged", [state])]
         assert world.wpa.networks == {}
         assert world.sandbox.sh(f"busctl --system call {STATION} AddNetwork 'a{{sv}}' 1 ssid s net").status == 0
 
@@ -292,9 +290,10 @@ def test_networks_around_are_objects_that_can_vanish(world: World) -> None:
 def test_state_changes_are_notified_twice(world: World) -> None:
     world.wpa.come_back()
     path = world.wpa.add_bss("net")
-    monitor = start_monitor(world, "--system", "member='PropertiesChanged'")
+    monitor = Monitor(world, world.system_bus.address, "member='PropertiesChanged'")
     world.wpa.report_state("completed", bss=path)
-    wait_for_text(lambda: monitor.stdout, '"interface":"fi.w1.wpa_supplicant1.Interface"')
-    values = {"State": {"type": "s", "data": "completed"}, "CurrentBSS": {"type": "o", "data": path}}
+    monitor.wait_for(2)
+    values = {"State": Variant("s", "completed"), "CurrentBSS": Variant("o", path)}
     interface = "fi.w1.wpa_supplicant1.Interface"
-    assert [body for _, _, body in seen_signals(monitor)] == [[interface, values, []], [values]]
+    assert [body for _, _, body in monitor.signals()] == [[interface, values, []], [values]]
+    monitor.close()
