@@ -161,6 +161,55 @@ def test_the_lists_have_what_packages_are_built_with() -> None:
     assert "build-essential" in there
 
 
+@pytest.mark.parametrize(
+    ("arguments", "installed", "tested"),
+    [
+        (("armhf",), "install --package", []),
+        (
+            ("--check", "amd64", "armhf"),
+            "install --package --test",
+            ["amd64 test_contents.py test_installation.py", "armhf test_contents.py"],
+        ),
+        (
+            ("--check-emulated", "amd64", "armhf"),
+            "install --package --test --emulated",
+            ["amd64 test_contents.py test_installation.py", "armhf test_contents.py test_installation.py"],
+        ),
+    ],
+)
+def test_packages_are_installed_where_their_programs_run_or_are_to_be_emulated(
+    tmp_path: Path, arguments: tuple[str, ...], installed: str, tested: list[str]
+) -> None:
+    root = tmp_path / "tree"
+    (root / "scripts").mkdir(parents=True)
+    (root / "bin").mkdir()
+    shutil.copy(ROOT / "scripts/package", root / "scripts")
+    common = (ROOT / "scripts/common.sh").read_text()
+    own = common.replace("export PATH=", f'export PATH="{root}/bin":').replace("/usr/bin/python3", f"{root}/bin/python3")
+    (root / "scripts/common.sh").write_text(own)
+    (root / "scripts/package-sources.sh").write_text(
+        "PACKAGE_SOURCES=(src)\npackage_commit() { echo 0123456789abcdef; }\npackage_version() { echo 1.0.0+1; }\n"
+    )
+    (root / "scripts/debian-mirror.sh").write_text("debian_suite() { echo bookworm; }\n")
+    for name, script in {
+        "scripts/install-packages": 'echo "install $*"',
+        "bin/dpkg": "echo amd64",
+        "bin/git": ":",
+        "bin/python3": 'for word; do case "$word" in --architecture=*) echo "tests ${word#*=} $(shift 6; echo "$*")" ;; esac; done',
+    }.items():
+        (root / name).write_text(f"#!/bin/sh\n{script}\n")
+        (root / name).chmod(0o755)
+    # They have been built.
+    for architecture in ("amd64", "armhf"):
+        (root / "build/packages" / architecture).mkdir(parents=True)
+        (root / "build/packages" / architecture / "commit").write_text("0123456789abcdef\n")
+    ran = subprocess.run([root / "scripts/package", *arguments], capture_output=True, text=True, timeout=60, check=False)
+    assert (ran.returncode, ran.stderr) == (0, "")
+    lines = ran.stdout.splitlines()
+    assert lines[0] == installed
+    assert [line.replace("tests/packages/", "").removeprefix("tests ") for line in lines if line.startswith("tests ")] == tested
+
+
 # temporary files
 
 LEAVES_MUCH = """
