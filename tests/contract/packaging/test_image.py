@@ -30,6 +30,7 @@ echo "in the system: $*" >>"$TREE/called"
 case "$*" in
 *apt-get*) ls "$root/packages" >"$TREE/installed"; [ -x "$root/usr/sbin/policy-rc.d" ] ;;
 grub-mkimage*) cp "$root/tmp/grub.cfg" "$root/tmp/loader" ;;
+*lsinitramfs*) [ ! -e "$TREE/incomplete" ] ;;
 esac""",
     **{f"qemu-system-{name}": 'echo "${0##*/} $*" >"$TREE/started"; exit 7' for name in ("x86_64", "aarch64", "arm")},
 }
@@ -218,6 +219,23 @@ def test_the_disk_starts_a_debian_with_our_packages(
     assert "search --no-floppy --label vantora-root --set=root\n" in started
     words = f"root=LABEL=vantora-root ro net.ifnames=0 console=tty0 console={serial}"
     assert f"linux /vmlinuz {words}\ninitrd /initrd.img\n" in started
+
+
+@pytest.mark.parametrize(("machine", "of"), [("amd64", "armhf"), ("amd64", "arm64"), ("armhf", "armhf"), ("amd64", "amd64")])
+def test_emulated_programs_of_32_bits_find_the_drivers_in_memory(tree: Tree, machine: str, of: str) -> None:
+    tree.use(of)
+    tree.use(machine)
+    assert tree.image("--arch", of).returncode == 0
+    (installing,) = [line for line in tree.called() if "apt-get -q -y install" in line]
+    assert ("mount -t tmpfs modules" in installing) == ((machine, of) == ("amd64", "armhf"))
+
+
+def test_an_initrd_without_drivers_of_disks_is_no_image(tree: Tree) -> None:
+    (tree.root / "incomplete").touch()
+    ran = tree.image()
+    assert ran.returncode == 1
+    assert ran.stderr.endswith("image: the initrd has no drivers of disks\n")
+    assert not (tree.root / "build/image/debian-12-amd64").exists()
 
 
 def test_nothing_on_the_disk_tells_of_the_machine_that_made_it(tree: Tree) -> None:
