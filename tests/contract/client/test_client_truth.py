@@ -417,6 +417,20 @@ def test_networks_are_watched(world: World, daemon: PlayedDaemon, way: Way) -> N
         assert client.running
 
 
+def test_a_note_goes_when_its_reason_has_gone(world: World, daemon: PlayedDaemon, way: Way) -> None:
+    note = "The device is not a station, and does not look for networks."
+    with way.start(world, "scan", "--watch") as client:
+        client.wait_for("No networks in range.")
+        daemon.announce("Mode", Variant("s", "Host"))
+        client.wait_for(note)
+        daemon.announce("Mode", Variant("s", "Client"))
+        client.wait_for("No networks in range.", 3)
+        daemon.announce_networks(OPEN)
+        client.wait_for("open      free")
+        assert client.plain.count(note) == 1
+        assert client.plain.count("No networks in range.") == 3
+
+
 def test_watching_ends_as_the_command_does_where_there_is_nothing_to_watch(
     world: World, daemon: PlayedDaemon, way: Way
 ) -> None:
