@@ -12,6 +12,7 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
+#include "support/interrupting_signals.hpp"
 #include "support/private_bus.hpp"
 #include "support/temp_folder.hpp"
 #include "support/unique_fd.hpp"
@@ -21,6 +22,7 @@ namespace {
 using namespace std::chrono_literals;
 using std::chrono::microseconds;
 using Clock = std::chrono::steady_clock;
+using testing_support::InterruptingSignals;
 using testing_support::PrivateBus;
 using testing_support::TempFolder;
 
@@ -137,6 +139,14 @@ TEST_F(BusConnection, IsSaidToBeLetInOrNot)
     EXPECT_EQ(await_letting_in(bus.get()), -ETIMEDOUT);
     ASSERT_GE(open_system_bus(bus, LetIn::Unneeded), 0);
     EXPECT_EQ(await_letting_in(bus.get(), 10ms), -ETIMEDOUT);
+}
+
+TEST_F(BusConnection, IsWaitedForOnWhenASignalCame)
+{
+    const SilentBus there;
+    ASSERT_GE(open_system_bus(bus, LetIn::Unneeded), 0);
+    const InterruptingSignals signals;
+    EXPECT_EQ(await_letting_in(bus.get(), 200ms), -ETIMEDOUT);
 }
 
 TEST_F(BusConnection, ThatIsRefusedIsGivenUpAtOnce)

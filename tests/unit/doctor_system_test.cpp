@@ -1,7 +1,6 @@
 // The doctor's own hands: files, programs and buses that hang, refuse, or are something else.
 
 #include <chrono>
-#include <csignal>
 #include <thread>
 
 #include <gmock/gmock.h>
@@ -10,13 +9,13 @@
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/time.h>
 #include <sys/un.h>
 
 #include "doctor/bus.hpp"
 #include "doctor/bus_values.hpp"
 #include "doctor/commands.hpp"
 #include "doctor/files.hpp"
+#include "support/interrupting_signals.hpp"
 #include "support/private_bus.hpp"
 #include "support/temp_folder.hpp"
 
@@ -25,6 +24,7 @@ namespace {
 using namespace doctor;
 using namespace std::chrono_literals;
 using testing::ElementsAre;
+using testing_support::InterruptingSignals;
 using testing_support::PrivateBus;
 using testing_support::TempFolder;
 
@@ -96,16 +96,20 @@ TEST(DoctorCommands, AreKilledWithAllThatTheyStartedWhenTheirTimeIsOver)
 
 TEST(DoctorCommands, AreWaitedForNoLongerWhereSignalsInterruptTheWait)
 {
-    struct sigaction noted = {};
-    struct sigaction before = {};
-    noted.sa_handler = [](int) {};
-    ::sigaction(SIGALRM, &noted, &before);
     const Patience patience(300ms);
     RealCommands commands(patience);
-    const itimerval once = {.it_interval = {}, .it_value = {0, 50'000}};
-    ::setitimer(ITIMER_REAL, &once, nullptr);
+    const InterruptingSignals signals;
     EXPECT_TRUE(commands.run({"sleep", "100"}).timedOut);
-    ::sigaction(SIGALRM, &before, nullptr);
+}
+
+TEST(DoctorCommands, AreWaitedForToTheirEndWhereSignalsInterruptTheWait)
+{
+    const Patience patience(20s);
+    RealCommands commands(patience);
+    const InterruptingSignals signals;
+    const Ran ran = commands.run({"sh", "-c", "sleep 0.2; echo late; exec >&- 2>&-; sleep 0.2; exit 3"});
+    EXPECT_EQ(ran.output, "late\n");
+    EXPECT_EQ(ran.status, 3);
 }
 
 TEST(DoctorCommands, AreWaitedForAsleepWhenTheyHaveClosedTheirOutput)

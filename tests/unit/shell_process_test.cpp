@@ -6,12 +6,14 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/time.h>
 #include <sys/wait.h>
 
+#include "support/interrupting_signals.hpp"
 #include "support/unique_fd.hpp"
 
 namespace {
+
+using testing_support::InterruptingSignals;
 
 constexpr int kExitStatusOne = 256;
 
@@ -22,6 +24,12 @@ TEST(ShellRun, GivesTheRawWaitStatus)
     EXPECT_EQ(shell_run("exit 255"), 255 * kExitStatusOne);
     EXPECT_EQ(shell_run("kill -TERM $$"), SIGTERM);
     EXPECT_EQ(shell_run("/nowhere/at-all 2>/dev/null"), 127 * kExitStatusOne);
+}
+
+TEST(ShellRun, WaitsOnAfterASignal)
+{
+    const InterruptingSignals signals;
+    EXPECT_EQ(shell_run("sleep 0.3; exit 1"), kExitStatusOne);
 }
 
 TEST(ShellRun, GivesTheCommandNoDescriptorsBesideTheStandardOnes)
@@ -65,17 +73,9 @@ TEST(ShellPipe, ReadsToTheEndAcrossPausesOfTheCommand)
 
 TEST(ShellPipe, ReadsOnAfterASignal)
 {
-    struct sigaction noted = {};
-    struct sigaction before = {};
-    noted.sa_handler = [](int) {}; // without SA_RESTART
-    sigaction(SIGALRM, &noted, &before);
+    const InterruptingSignals signals;
     ShellPipe pipe("sleep 0.3; printf late");
-    const itimerval often = {.it_interval = {0, 20'000}, .it_value = {0, 20'000}};
-    setitimer(ITIMER_REAL, &often, nullptr);
     EXPECT_EQ(pipe.read(256), "late");
-    const itimerval never = {};
-    setitimer(ITIMER_REAL, &never, nullptr);
-    sigaction(SIGALRM, &before, nullptr);
 }
 
 TEST(ShellPipe, ReadsNoMoreThanTheLimit)

@@ -8,6 +8,8 @@
 #include <poll.h>
 #include <sys/resource.h>
 
+#include "support/interrupting_signals.hpp"
+
 using namespace std::chrono_literals;
 
 namespace {
@@ -55,6 +57,15 @@ TEST(StopFlag, AWaitEndsWhenAnotherThreadSetsTheFlag)
     std::thread setting([&] { flag.set(); });
     EXPECT_TRUE(flag.wait_for(1h));
     setting.join();
+}
+
+TEST(StopFlag, AWaitGoesOnAfterASignal)
+{
+    const StopFlag flag;
+    const testing_support::InterruptingSignals signals;
+    const auto began = std::chrono::steady_clock::now();
+    EXPECT_FALSE(flag.wait_for(200ms));
+    EXPECT_GE(std::chrono::steady_clock::now() - began, 200ms);
 }
 
 TEST(StopFlag, AWaitForAClearFlagLastsAsLongAsWasAsked)
