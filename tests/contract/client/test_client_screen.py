@@ -5,6 +5,7 @@ from __future__ import annotations
 import re
 import signal
 from collections.abc import Callable, Iterator
+from time import monotonic
 
 import pyte
 import pytest
@@ -97,6 +98,21 @@ def test_arrows_choose_and_enter_joins_an_open_network(world: World, daemon: Pla
         world.journal.wait_until(lambda: joined(daemon) == [["free", ""]], "attempt")
         daemon.announce("WiFiClientState", Variant("s", "completed"))
         wait_seen(client, 'Connected to "free".')
+
+
+def test_escape_takes_effect_at_once(world: World, daemon: PlayedDaemon) -> None:
+    took = []
+    with started(world) as client:
+        for _ in range(5):
+            client.type("\r")
+            wait_seen(client, '^Passphrase for "secured":$')
+            began = monotonic()
+            client.type("\x1b")
+            client.wait_until(lambda text: not any("Passphrase" in line for line in lines_of(text, 24, 80)), "end of question")
+            took.append(monotonic() - began)
+    assert joined(daemon) == []
+    # The terminal's library waits for a second, each time, where nobody tells it otherwise; a busy machine is slow at times.
+    assert min(took) < 0.9
 
 
 def test_a_passphrase_is_asked_for_and_never_shown(world: World, daemon: PlayedDaemon) -> None:
