@@ -14,6 +14,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include "support/disk_in_pieces.hpp"
 #include "support/temp_folder.hpp"
 
 // In which order a file is replaced: only so does a power cut find the old contents or the new, whole.
@@ -21,6 +22,7 @@
 namespace {
 
 using testing::ElementsAre;
+using testing_support::DiskInPieces;
 using testing_support::TempFolder;
 
 std::vector<std::string> steps;
@@ -36,25 +38,6 @@ int take(const std::string& step)
         return -1;
     }
     return 0;
-}
-
-// How much of a file one call writes or reads at most, and how many calls a signal ends first.
-std::size_t piece = SIZE_MAX;
-int interruptions = 0;
-
-/** How much of so many bytes a call takes, or -1 where a signal ends it. */
-ssize_t taken(int fd, std::size_t size)
-{
-    struct stat status = {};
-    if (fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
-        return static_cast<ssize_t>(size);
-    }
-    if (interruptions > 0) {
-        --interruptions;
-        errno = EINTR;
-        return -1;
-    }
-    return static_cast<ssize_t>(std::min(size, piece));
 }
 
 bool failingAfterSync = false; // a rename fails too, once the folder could not be synced
@@ -75,18 +58,6 @@ protected:
 };
 
 } // namespace
-
-extern "C" ssize_t write(int fd, const void* data, std::size_t size)
-{
-    const ssize_t now = taken(fd, size);
-    return now < 0 ? now : syscall(SYS_write, fd, data, now);
-}
-
-extern "C" ssize_t read(int fd, void* data, std::size_t size)
-{
-    const ssize_t now = taken(fd, size);
-    return now < 0 ? now : syscall(SYS_read, fd, data, now);
-}
 
 extern "C" int fsync(int fd)
 {
@@ -117,19 +88,17 @@ TEST_F(ReplaceFile, SyncsTheNewContentsBeforeTheyTakeTheNameAndTheFolderAfter)
 
 TEST_F(ReplaceFile, WritesAndReadsToTheEndInPiecesAndAfterSignals)
 {
-    for (const std::size_t most : {1, 2, 9}) {
-        piece = most;
-        interruptions = 3;
-        EXPECT_EQ(settingsd::replace_file(path, "brand new", settled), 0);
+    for (const std::size_t piece : {1, 2, 9}) {
+        {
+            const DiskInPieces disk(piece);
+            EXPECT_EQ(settingsd::replace_file(path, "brand new", settled), 0);
+        }
+        EXPECT_EQ(folder.read("settings.json"), "brand new");
+        const DiskInPieces disk(piece);
         std::string contents;
-        interruptions = 3;
         EXPECT_EQ(settingsd::read_file(path, 9, contents), 0);
         EXPECT_EQ(contents, "brand new");
         EXPECT_EQ(settingsd::read_file(path, 8, contents), -EFBIG);
-        piece = SIZE_MAX;
-        interruptions = 0;
-        EXPECT_EQ(folder.read("settings.json"), "brand new");
-        ASSERT_EQ(settingsd::replace_file(path, "old", settled), 0);
     }
 }
 

@@ -15,6 +15,8 @@
 #include "doctor/bus_values.hpp"
 #include "doctor/commands.hpp"
 #include "doctor/files.hpp"
+#include "doctor/report.hpp"
+#include "support/disk_in_pieces.hpp"
 #include "support/interrupting_signals.hpp"
 #include "support/private_bus.hpp"
 #include "support/temp_folder.hpp"
@@ -24,6 +26,7 @@ namespace {
 using namespace doctor;
 using namespace std::chrono_literals;
 using testing::ElementsAre;
+using testing_support::DiskInPieces;
 using testing_support::InterruptingSignals;
 using testing_support::PrivateBus;
 using testing_support::TempFolder;
@@ -47,6 +50,23 @@ TEST(DoctorFiles, AreReadOnlyWhereTheyAreFiles)
     EXPECT_FALSE(files.is_abandoned_socket("/file"));
     EXPECT_EQ(files.remove("/file"), 0);
     EXPECT_EQ(files.remove("/file"), ENOENT);
+}
+
+TEST(DoctorFiles, AreReadAndReportsWrittenInPiecesAndAfterSignals)
+{
+    const TempFolder folder;
+    const Files files;
+    for (const std::size_t piece : {1, 2, 4}) {
+        const std::string path = folder.file("report" + std::to_string(piece));
+        {
+            const DiskInPieces disk(piece);
+            EXPECT_EQ(write_report(path, "text"), 0);
+        }
+        const DiskInPieces disk(piece);
+        EXPECT_EQ(files.read(path).text, "text");
+        EXPECT_EQ(files.read(path, 3).text, "tex");
+    }
+    EXPECT_EQ(write_report(folder.file("report1"), "other"), EEXIST);
 }
 
 TEST(DoctorCommands, SeeOutputStatusAndWhatTheyAreGiven)

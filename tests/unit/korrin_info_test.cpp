@@ -18,6 +18,8 @@
 #include "device_conf.hpp"
 #include "identity.hpp"
 #include "radio_bands.hpp"
+#include "small_file.hpp"
+#include "support/disk_in_pieces.hpp"
 #include "support/temp_folder.hpp"
 
 namespace {
@@ -307,6 +309,16 @@ TEST(KorrinInfo, AnswersOnAnyMachine)
     EXPECT_EQ(KorrinInfo::ThisModel::DisplayName(), display_name(""));
     EXPECT_EQ(KorrinInfo::ThisKorrin::SerialNumber(), serial_number(""));
     EXPECT_EQ(KorrinInfo::ThisKorrin::RadioType(), radio_type("", radio_offers_5ghz));
+}
+
+TEST(SmallFile, IsReadToItsEndInPiecesAndAfterSignals)
+{
+    const testing_support::TempFolder folder;
+    folder.write("file", "contents");
+    for (const std::size_t piece : {1, 3, 8}) {
+        const testing_support::DiskInPieces disk(piece);
+        EXPECT_EQ(read_small_file(folder.file("file")), "contents");
+    }
 }
 
 } // namespace
