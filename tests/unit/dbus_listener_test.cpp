@@ -388,7 +388,7 @@ TEST_F(DbusListenerTest, ReportsAFirstConnectionThatFailsAndArmsNothing)
 {
     bus.stop();
     DbusListener listener(loop.get());
-    EXPECT_LT(listener.Connect(), 0);
+    EXPECT_EQ(listener.Connect(), -ENOENT);
     EXPECT_EQ(listener.ListenSignal(kSender, "", kInterface, kMember, note, &heard), -ENOTCONN);
     EXPECT_EQ(sd_event_prepare(loop.get()), 0);
     EXPECT_EQ(sd_event_wait(loop.get(), std::uint64_t{1500} * 1000), 0) << "a timer fired";
