@@ -13,11 +13,11 @@ from typing import Any
 import pytest
 
 from bench import Device, Evidence, Machine, Mark, Snapshot, World
-from bench.deadline import BOOT
+from bench.deadline import BOOT, SCALE
 from bench.evidence import Result
 from bench.snapshots import saved_host_machine
 
-TIME_OUT = 900
+TIME_OUT = 900 * SCALE
 """Seconds after which a single test is given up: only a fault gets there, every wait has its own, shorter deadline."""
 
 
