@@ -55,6 +55,8 @@ class Hostapd:
         """Those of them that have left."""
         self.on_event: list[Callable[[bytes], None]] = []
         """Called on the loop with each event, also when nobody is attached to hear it."""
+        self.in_haste = False
+        """Whether requests are answered without first having everything in the journal that came before them."""
         self.before_event: Callable[[], None] | None = None
         """Called before each event, on the caller's thread; None to send events as fast as possible."""
         self.spacing = 0.0
@@ -268,7 +270,8 @@ class Hostapd:
 
     async def _serve(self, request: str, client: str) -> None:
         server = self._socket
-        await self._catch_up()
+        if not self.in_haste:
+            await self._catch_up()
         self._journal.add("hostapd", request=request)
         word = request.split(" ", 1)[0]
         action: Any = self._faults.take(word, (request,))

@@ -152,6 +152,8 @@ class World:
     def _furnish(self) -> None:
         run = self.work / "run"
         for folder in (
+            # Who owns a folder may write into it: an ordinary user, too.
+            run / "sim/etc/upper/dbus-1/system.d",
             run / "sim/etc/upper/korrin",
             run / "sim/etc/upper/wpa_supplicant",
             run / "sim/etc/scratch",

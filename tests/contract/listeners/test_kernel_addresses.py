@@ -14,7 +14,10 @@ STARTING = ("info", "[NETLINK] Starting kernel netlink listener...")
 TASK = ("info", "[NETLINK] Starting kernel netlink task...")
 
 TAKE_PORT = """
-import socket, sys, time
+import resource, socket, sys, time
+# A shell is given 1,024 descriptors, and may take more.
+hard = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
+resource.setrlimit(resource.RLIMIT_NOFILE, (hard, hard))
 taken = []
 for port in range(2, 4000):
     taken.append(socket.socket(socket.AF_NETLINK, socket.SOCK_RAW, socket.NETLINK_ROUTE))

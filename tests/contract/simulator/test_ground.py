@@ -18,7 +18,11 @@ from vantora_sim import DEADLINE, World, call, changed, command, exited, log, no
 
 
 def test_host_is_read_only_and_own_paths_are_private(world: World) -> None:
-    assert "Read-only" in world.sandbox.sh("touch /usr/vantora-sim-x").stderr
+    outside = Path(f"/usr/vantora-sim-{os.getpid()}")
+    try:
+        assert "Read-only" in world.sandbox.sh(f"touch {outside}").stderr
+    finally:
+        outside.unlink(missing_ok=True)  # where it is not read-only, the next run is to see so, too
     paths = ("/etc/vantora-sim-x", "/run/vantora-sim-x", "/tmp/vantora-sim-x", "/dev/shm/vantora-sim-x")
     assert world.sandbox.sh("touch " + " ".join(paths)).status == 0
     for path in paths:
