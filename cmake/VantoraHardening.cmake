@@ -8,10 +8,11 @@ include(CheckCXXSourceCompiles)
 add_library(vantora-hardening INTERFACE)
 
 # Programs that can be loaded anywhere, whose tables of addresses are read-only before main runs, with no code on the stack.
-# Libraries that are loaded get what CMake gives them.
+# Libraries that are loaded get what CMake gives them; a program whose property VANTORA_STATIC is set says -static-pie itself.
 set(loaded_library "$<IN_LIST:$<TARGET_PROPERTY:TYPE>,SHARED_LIBRARY;MODULE_LIBRARY>")
 target_compile_options(vantora-hardening INTERFACE "$<$<NOT:${loaded_library}>:-fPIE>" -fstack-protector-strong)
-target_link_options(vantora-hardening INTERFACE "$<$<NOT:${loaded_library}>:-pie>" -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack)
+target_link_options(vantora-hardening INTERFACE
+  "$<$<NOT:$<OR:${loaded_library},$<BOOL:$<TARGET_PROPERTY:VANTORA_STATIC>>>>:-pie>" -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack)
 
 # The standard library's cheap checks: an index past the end, a value that is not there.
 target_compile_definitions(vantora-hardening INTERFACE _GLIBCXX_ASSERTIONS)
