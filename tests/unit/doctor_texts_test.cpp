@@ -249,6 +249,24 @@ TEST(DoctorKey, IsDrawnAsASquareWithABrightEdge)
     EXPECT_EQ(drawn_code(std::string(5000, 'x'), client::Terminal(false, true)), "");
 }
 
+TEST(DoctorShows, EachMarkInItsColours)
+{
+    Findings findings;
+    findings.good("a.b", "x");
+    findings.note("a.b", "x", "");
+    findings.unseen("a.b", "x", "");
+    findings.warning("a.b", "x", "", "");
+    findings.bad("a.b", "x", "", "");
+    const auto lines = lines_of(shown_to_people({}, findings, client::Terminal(true, true)));
+    ASSERT_EQ(lines.size(), 7U);
+    EXPECT_EQ(lines[0], "\033[1ma\033[0m");
+    EXPECT_EQ(lines[1], "  \033[32mok   \033[0mx");
+    EXPECT_EQ(lines[2], "  \033[2mnote \033[0mx");
+    EXPECT_EQ(lines[3], "  \033[2m?    \033[0mx");
+    EXPECT_EQ(lines[4], "  \033[1mwarn \033[0mx");
+    EXPECT_EQ(lines[5], "  \033[31mBAD  \033[0mx");
+}
+
 TEST(DoctorShows, EachEndOfTheSum)
 {
     const auto sum = [](auto... found) {
