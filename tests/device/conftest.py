@@ -104,13 +104,22 @@ def work() -> Iterator[Path]:
 
 
 @pytest.fixture
-def boot(image: Path, work: Path, evidence: Evidence, request: pytest.FixtureRequest) -> Iterator[Callable[..., Device]]:
+def devices(request: pytest.FixtureRequest) -> Iterator[list[Device]]:
+    """The machines of this test: they are named where it fails, and lose their power when it is over."""
+    found: list[Device] = []
+    request.node.devices = found
+    yield found
+    for device in found:
+        if device.machine.running:
+            device.machine.cut_power()
+
+
+@pytest.fixture
+def boot(image: Path, work: Path, evidence: Evidence, devices: list[Device]) -> Callable[..., Device]:
     """Boots a device from its disk, or from the disk that another one had: `boot(disk=..., words="root=/dev/nfs")`.
 
     It has then come as far as the daemon's first look at the settings.
     """
-    devices: list[Device] = []
-    request.node.devices = devices
 
     def start(*, disk: Path | None = None, words: str = "", saved: Snapshot | None = None) -> Device:
         machine = Machine(image, work / str(len(devices)), disk=disk, words=words, saved=saved)
@@ -120,21 +129,16 @@ def boot(image: Path, work: Path, evidence: Evidence, request: pytest.FixtureReq
             device.wait_for_log("Setup initial WiFi mode", since=Mark(), priority="info", seconds=BOOT)
         return device
 
-    yield start
-    for device in devices:
-        if device.machine.running:
-            device.machine.cut_power()
+    return start
 
 
 @pytest.fixture
-def stock_boot(request: pytest.FixtureRequest, work: Path, evidence: Evidence) -> Iterator[Callable[..., Device]]:
+def stock_boot(request: pytest.FixtureRequest, work: Path, evidence: Evidence, devices: list[Device]) -> Callable[..., Device]:
     """Boots a Debian that has our packages in /packages and not installed, or what has become of one: `stock_boot(disk=...)`.
 
     It has then come to the end of its boot.
     """
     image = Path(request.config.getoption("--stock")).resolve()
-    devices: list[Device] = []
-    request.node.devices = devices
 
     def start(*, disk: Path | None = None, words: str = "") -> Device:
         device = Device(Machine(image, work / str(len(devices)), disk=disk, words=words), evidence)
@@ -142,10 +146,7 @@ def stock_boot(request: pytest.FixtureRequest, work: Path, evidence: Evidence) -
         device.guest.wait_until("systemctl is-system-running | grep -E 'running|degraded'", seconds=BOOT)
         return device
 
-    yield start
-    for device in devices:
-        if device.machine.running:
-            device.machine.cut_power()
+    return start
 
 
 @pytest.fixture
