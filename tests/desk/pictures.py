@@ -15,6 +15,7 @@ sys.path[:0] = [str(ROOT / "simulator")]
 from PIL import Image  # noqa: E402
 from page import Page  # noqa: E402  (finds what it needs through the line above)
 from running import browser, running  # noqa: E402
+from selenium.webdriver.common.keys import Keys  # noqa: E402
 
 
 LARGEST = 200_000
