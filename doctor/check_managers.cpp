@@ -2,6 +2,7 @@
 
 #include <array>
 #include <optional>
+#include <sstream>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -135,6 +136,18 @@ bool ifupdown_is_kept_off(const View& view)
     return has_pattern_for(excluded, "wlan0") && Unit::look_up(view.system, "ifup@wlan0.service").is_masked();
 }
 
+/** Whether a line of ifupdown's files is "iface wlan0 FAMILY METHOD", with any method that does something. */
+bool configures_wlan0(const std::string& line)
+{
+    std::istringstream words(line);
+    std::string keyword;
+    std::string name;
+    std::string family;
+    std::string method;
+    words >> keyword >> name >> family >> method;
+    return keyword == "iface" && name == "wlan0" && !family.empty() && method != "manual";
+}
+
 /** ifupdown is no daemon: what counts is what its files say, and what starts it. */
 Held ifupdown(const View& view)
 {
@@ -146,8 +159,7 @@ Held ifupdown(const View& view)
         std::size_t number = 0;
         for (const std::string& line : lines_of(view.files.read(file).text)) {
             ++number;
-            const std::string_view bare = trimmed(line);
-            if (!bare.starts_with("iface wlan0 ") || bare.ends_with(" manual")) {
+            if (!configures_wlan0(line)) {
                 continue;
             }
             if (ifupdown_is_kept_off(view)) {

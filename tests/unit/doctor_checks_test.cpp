@@ -313,6 +313,14 @@ INSTANTIATE_TEST_SUITE_P(
                                       "auto wlan0\nallow-hotplug wlan0\niface wlan0 inet dhcp\n");
                     keep_ifupdown_off(device);
                 }},
+        KeptOff{"ifupdown that does nothing",
+                [](HealthyDevice& device) {
+                    device.root.write("etc/network/interfaces", "iface wlan0 inet\tmanual \n");
+                }},
+        KeptOff{"ifupdown of a longer name",
+                [](HealthyDevice& device) {
+                    device.root.write("etc/network/interfaces", "iface wlan00 inet dhcp\n");
+                }},
         KeptOff{"ifupdown by a file", [](HealthyDevice& device) {
                     device.root.write("etc/network/interfaces", "auto wlan0\niface wlan0 inet dhcp\n");
                     device.system.unit("ifup@wlan0.service")["LoadState"] = "masked";
@@ -407,6 +415,12 @@ INSTANTIATE_TEST_SUITE_P(
                },
                "bad managers.ifupdown: ifupdown configures wlan0: line 2 of /etc/network/interfaces.d/radio",
                2, "/etc/network/interfaces.d/radio"},
+        Broken{"ifupdown with tabs",
+               [](HealthyDevice& device) {
+                   device.root.write("etc/network/interfaces", "auto lo\n\tiface\twlan0  inet\tdhcp\n");
+               },
+               "bad managers.ifupdown: ifupdown configures wlan0: line 2 of /etc/network/interfaces", 2,
+               "/etc/network/interfaces"},
         Broken{"ifupdown that leaves wlan0 alone at boot only",
                [](HealthyDevice& device) {
                    device.root.write("etc/network/interfaces",
