@@ -51,8 +51,10 @@ debian_root() {
     folder="$(mktemp -d -- "$(dirname -- "$tar")/apt.XXXXXX")"
     debian_sources "$suite" "$architecture" >"$folder/debian.list"
     debian_apt_options >"$folder/apt.conf"
-    # It goes to standard error what it says: our callers print what they have made.
-    mmdebstrap --quiet --mode=root "--architectures=$architecture" --format=tar "--aptopt=$folder/apt.conf" "$@" \
+    # It goes to standard error what it says: our callers print what they have made. What its packages compile of their Python
+    # belongs into the system, where they look for it when they go, and not into our folder's path inside of it.
+    env -u PYTHONPYCACHEPREFIX \
+        mmdebstrap --quiet --mode=root "--architectures=$architecture" --format=tar "--aptopt=$folder/apt.conf" "$@" \
         "$suite" "$tar" "$folder/debian.list" >&2
     rm -rf -- "$folder"
 }

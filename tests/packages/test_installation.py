@@ -7,6 +7,7 @@ this machine's run in an emulator, which takes ten times as long.
 
 from __future__ import annotations
 
+import os
 import platform
 import re
 import shutil
@@ -117,6 +118,8 @@ def results(
         text=True,
         timeout=LONGEST,
         check=False,
+        # What packages compile of their Python is to be where they look for it when they go.
+        env={name: value for name, value in os.environ.items() if name != "PYTHONPYCACHEPREFIX"},
     )
     assert made.returncode == 0, made.stderr
     return work
