@@ -100,3 +100,26 @@ def test_nothing_is_fetched_where_no_architecture_is_named(mirror: Mirror) -> No
 def test_a_release_without_a_sound_index_stays_and_whoever_needs_it_fails(mirror: Mirror) -> None:
     mirror.unsound("trixie armhf")
     assert mirror.sources("trixie armhf").stdout == BOTH
+
+
+def test_what_a_made_system_compiles_of_its_python_stays_where_it_belongs(tmp_path: Path) -> None:
+    """Packages look for it there when they go; our own cache's path means nothing inside of another system."""
+    mirror = Mirror(tmp_path)
+    shutil.copy(ROOT / "scripts/debian-root.sh", tmp_path / "scripts")
+    seen = tmp_path / "seen"
+    (tmp_path / "bin/mmdebstrap").write_text(f'#!/bin/sh\necho "cache=$PYTHONPYCACHEPREFIX $*" >{seen}\n')
+    (tmp_path / "bin/mmdebstrap").chmod(0o755)
+    script = (
+        "source scripts/common.sh; source scripts/debian-mirror.sh; source scripts/debian-root.sh; "
+        'debian_suite() { echo bookworm; }; test -n "$PYTHONPYCACHEPREFIX"; '
+        f"debian_root bookworm {mirror_architecture()} {tmp_path}/root.tar"
+    )
+    subprocess.run(["bash", "-ec", script], cwd=mirror.root, check=True, timeout=60)
+    assert seen.read_text().startswith("cache= --quiet ")
+
+
+def mirror_architecture() -> str:
+    """This machine's: nothing is emulated for it."""
+    return subprocess.run(
+        ["dpkg", "--print-architecture"], check=True, capture_output=True, text=True, timeout=60
+    ).stdout.strip()
