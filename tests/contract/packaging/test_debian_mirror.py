@@ -118,6 +118,37 @@ def test_what_a_made_system_compiles_of_its_python_stays_where_it_belongs(tmp_pa
     assert seen.read_text().startswith("cache= --quiet ")
 
 
+@pytest.mark.parametrize(("unsound", "parts"), [("", ["", "-updates"]), ("bookworm-updates armhf", [""])])
+def test_a_sysroot_is_filled_where_a_mirror_has_no_sound_updates(
+    mirror: Mirror, tmp_path: Path, unsound: str, parts: list[str]
+) -> None:
+    mirror.unsound(unsound)
+    shutil.copy(ROOT / "scripts/sysroot", mirror.root / "scripts")
+    script = mirror.root / "scripts/debian-mirror.sh"
+    script.write_text(script.read_text() + "debian_suite() { echo bookworm; }\n")
+    (mirror.root / "packaging").mkdir()
+    (mirror.root / "packaging/sysroot-packages").write_text("libsystemd-dev\n")
+    for name, text in {
+        "mmdebstrap": f'for word; do last="$word"; done; cat "$last" >{tmp_path}/seen; tar -c -T /dev/null',
+        "arm-linux-gnueabihf-g++": "echo 12",
+    }.items():
+        (mirror.root / "bin" / name).write_text(f"#!/bin/sh\n{text}\n")
+        (mirror.root / "bin" / name).chmod(0o755)
+    ran = subprocess.run(
+        [mirror.root / "scripts/sysroot", "armhf"],
+        env={"HOME": str(tmp_path)},
+        capture_output=True,
+        text=True,
+        timeout=60,
+        check=True,
+    )
+    assert Path(ran.stdout.strip()).is_dir()
+    lines = (tmp_path / "seen").read_text().splitlines()
+    assert lines == [f"deb http://mirror.example/debian/ bookworm{part} main" for part in parts]
+    said = "-- the mirror has no sound index of bookworm-updates for armhf: without these\n" if unsound else ""
+    assert ran.stderr.startswith(said + "-- armhf: filling ")
+
+
 def mirror_architecture() -> str:
     """This machine's: nothing is emulated for it."""
     return subprocess.run(
