@@ -12,6 +12,9 @@ import pytest
 ROOT = Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(ROOT / "tests/support"))
 
+LONGEST_BUILD = 3600
+"""Seconds that packages may be in the making when they are asked for."""
+
 
 def printed(*command: str | Path) -> str:
     """What a command prints, in no language but its own; it succeeds."""
@@ -73,12 +76,33 @@ def architecture(request: pytest.FixtureRequest) -> str:
 
 
 @pytest.fixture(scope="session")
-def packages(architecture: str) -> dict[str, Package]:
+def built(architecture: str, tmp_path_factory: pytest.TempPathFactory) -> Path:
+    """A copy of what scripts/package has built, since it may build anew while these tests run."""
+    folder = tmp_path_factory.mktemp("built") / architecture
+    copied = subprocess.run(
+        [
+            "bash",
+            "-c",
+            "source scripts/common.sh; source scripts/built-packages.sh;"
+            'with_packages "$0" cp -r -- "build/packages/$0" "$1"',
+            architecture,
+            folder,
+        ],
+        cwd=ROOT,
+        capture_output=True,
+        text=True,
+        timeout=LONGEST_BUILD,
+        check=False,
+    )
+    if copied.returncode != 0:
+        pytest.exit(f"no packages for {architecture}; scripts/package builds them: {copied.stderr}", 2)
+    return folder
+
+
+@pytest.fixture(scope="session")
+def packages(built: Path) -> dict[str, Package]:
     """The packages by name."""
-    files = sorted((ROOT / "build/packages" / architecture).glob("*.deb"))
-    if not files:
-        pytest.exit(f"no packages for {architecture}; scripts/package builds them", 2)
-    return {package.field("Package"): package for package in map(Package, files)}
+    return {package.field("Package"): package for package in map(Package, sorted(built.glob("*.deb")))}
 
 
 @pytest.fixture(scope="session")

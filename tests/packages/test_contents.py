@@ -134,10 +134,10 @@ def test_there_is_one_package_for_each_purpose(packages: dict[str, Package], arc
         assert package.field("Architecture") == (architecture if name in WITH_PROGRAMS else "all")
 
 
-def test_their_version_is_the_projects_and_grows_with_the_commits(packages: dict[str, Package], architecture: str) -> None:
+def test_their_version_is_the_projects_and_grows_with_the_commits(packages: dict[str, Package], built: Path) -> None:
     project = re.search(r"^ *VERSION (\S+)$", (ROOT / "CMakeLists.txt").read_text(), re.MULTILINE)
     assert project is not None
-    commit = (ROOT / "build/packages" / architecture / "commit").read_text().strip()
+    commit = (built / "commit").read_text().strip()
     counted = subprocess.run(
         ["git", "rev-list", "--count", commit], cwd=ROOT, check=True, capture_output=True, text=True, timeout=60
     ).stdout.strip()

@@ -59,7 +59,7 @@ class Tree:
     def __init__(self, root: Path) -> None:
         self.root = root
         (root / "scripts").mkdir(parents=True)
-        for name in ("image", "debian-root.sh"):
+        for name in ("image", "built-packages.sh", "debian-root.sh"):
             shutil.copy(ROOT / "scripts" / name, root / "scripts")
         common = (ROOT / "scripts/common.sh").read_text()
         own = common.replace("export PATH=", f'export PATH="{root}/bin":')
@@ -69,9 +69,9 @@ class Tree:
             "debian_suite() { echo bookworm; }\ndebian_sources() { echo deb; }\ndebian_apt_options() { :; }\n"
         )
         for name in ("install-packages", "package"):
-            self._program(root / "scripts" / name, f'echo "{name} $*" >>"$TREE/called"')
+            self._write(root / "scripts" / name, f'echo "{name} $*" >>"$TREE/called"')
         for name, text in STAND_INS.items():
-            self._program(root / "bin" / name, text)
+            self.program(name, text)
         for name, text in DEBIAN.items():
             (root / "debian" / name).parent.mkdir(parents=True, exist_ok=True)
             (root / "debian" / name).write_text(text)
@@ -79,8 +79,12 @@ class Tree:
         (root / "debian/initrd.img").symlink_to("boot/initrd.img-6")
         self.use("amd64")
 
+    def program(self, name: str, text: str) -> None:
+        """A program that the script finds before this machine's."""
+        self._write(self.root / "bin" / name, text)
+
     @staticmethod
-    def _program(path: Path, text: str) -> None:
+    def _write(path: Path, text: str) -> None:
         path.parent.mkdir(exist_ok=True)
         path.write_text(f"#!/bin/sh\n{text}\n")
         path.chmod(0o755)
@@ -278,6 +282,21 @@ def test_an_image_is_made_anew_when_a_package_changes_and_not_before(tree: Tree)
     later = tree.called()[once + 2 :]
     assert any("apt-get" in line for line in later)
     assert not any(line.startswith("mmdebstrap") for line in later), "Debian itself has not changed"
+
+
+def test_packages_that_are_replaced_meanwhile_change_nothing(tree: Tree) -> None:
+    tree.program("mmdebstrap", 'rm -r "$TREE/build/packages"' + STAND_INS["mmdebstrap"])
+    ran = tree.image()
+    assert ran.returncode == 0, ran.stderr
+    assert "vantora-device_1.0.0_amd64.deb" in (tree.root / "installed").read_text()
+
+
+@pytest.mark.parametrize("there", [False, True])
+def test_nothing_is_left_behind_also_where_the_emulator_takes_over(tree: Tree, there: bool) -> None:
+    if there:
+        assert tree.image().returncode == 0
+    assert tree.image("--boot").returncode == 7
+    assert [path.name for path in (tree.root / "build/image").iterdir()] == ["debian-12-amd64"]
 
 
 @pytest.mark.parametrize(

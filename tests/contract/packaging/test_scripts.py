@@ -183,7 +183,8 @@ def test_packages_are_installed_where_their_programs_run_or_are_to_be_emulated(
     root = tmp_path / "tree"
     (root / "scripts").mkdir(parents=True)
     (root / "bin").mkdir()
-    shutil.copy(ROOT / "scripts/package", root / "scripts")
+    for name in ("package", "built-packages.sh"):
+        shutil.copy(ROOT / "scripts" / name, root / "scripts")
     common = (ROOT / "scripts/common.sh").read_text()
     own = common.replace("export PATH=", f'export PATH="{root}/bin":').replace("/usr/bin/python3", f"{root}/bin/python3")
     (root / "scripts/common.sh").write_text(own)
