@@ -33,6 +33,7 @@ class Stage(Neighbours):
     def __init__(self, build: Path) -> None:
         super().__init__(build)
         self.judges_addresses = False
+        self.rest = REST
         self._at_rest: Footprint | None = None
 
     def begin(self, *, mode: str = "Host", echo: bool = False, real_settings: bool = False) -> None:
@@ -47,7 +48,7 @@ class Stage(Neighbours):
     def quiet(self) -> None:
         """End all faults, wait until the device has come to rest, and compare it with the model."""
         self._calm()
-        until = REST + self.history.patience
+        until = self.rest + self.history.patience
         if self.judges_addresses:
             until += 2.0 + ADDRESS_EVENT * self.history.address_events
         began = time.monotonic()
@@ -105,7 +106,7 @@ class Stage(Neighbours):
         heard = self.history.initialised
         if heard is None or self.history.disturbed & {"descriptors", "deaf"}:
             return
-        deadline = time.monotonic() + REST + self.history.patience
+        deadline = time.monotonic() + self.rest + self.history.patience
         while (told := self.read("WiFiAccessPointInitialised")) != self.history.initialised:
             if time.monotonic() > deadline:
                 raise Finding("access_point", f"the last word of hostapd is {heard}, WiFiAccessPointInitialised is {told}")
@@ -129,7 +130,7 @@ class Stage(Neighbours):
         self.write("Mode", "Client")
         self.write("Mode", "Host")
         self.settle()
-        deadline = time.monotonic() + REST + history.patience
+        deadline = time.monotonic() + self.rest + history.patience
         while not self.world.loop.call(self.live_listeners):
             if time.monotonic() > deadline:
                 raise Finding("listener", "nobody is attached to hostapd although its mode was set anew")
@@ -165,7 +166,7 @@ class Stage(Neighbours):
     def _check_flat(self) -> None:
         assert self.world.daemon is not None and self._at_rest is not None
         before = self._at_rest
-        deadline = time.monotonic() + REST
+        deadline = time.monotonic() + self.rest
         while True:
             now = look(self.world.daemon.pid)
             if (now.descriptors, now.threads) == (before.descriptors, before.threads):

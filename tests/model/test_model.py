@@ -33,6 +33,12 @@ def _lose_a_descriptor(stage: Stage) -> None:
     stage._at_rest = type(stage._at_rest)(**{**vars(stage._at_rest), "descriptors": stage._at_rest.descriptors - 1})
 
 
+def _quiet_and_hasty(stage: Stage) -> None:
+    """At rest; what is wrong from now on is broken on purpose, and does not get better by waiting for it."""
+    stage.quiet()
+    stage.rest = 1.0
+
+
 BREAKS: dict[str, Callable[[Stage], object]] = {
     "power": _switch_reads_as_off,
     "mode": lambda stage: stage.world.settings.set("network", "mode", "Client"),
@@ -50,7 +56,7 @@ BREAKS: dict[str, Callable[[Stage], object]] = {
 @pytest.mark.parametrize("rule", BREAKS)
 def test_a_device_that_breaks_a_rule_is_found(stage: Stage, rule: str) -> None:
     stage.begin()
-    stage.quiet()
+    _quiet_and_hasty(stage)
     BREAKS[rule](stage)
     with pytest.raises(Finding) as raised:
         stage.finish()
@@ -59,7 +65,7 @@ def test_a_device_that_breaks_a_rule_is_found(stage: Stage, rule: str) -> None:
 
 def test_stations_that_the_daemon_does_not_count_are_found(stage: Stage) -> None:
     stage.begin()
-    stage.quiet()
+    _quiet_and_hasty(stage)
     stage.world.hostapd.answer("STA-FIRST", b"")
     stage.world.loop.call(stage.world.hostapd.stations.append, "02:00:00:00:50:00")
     stage.release_everything = lambda: None  # type: ignore[method-assign]
@@ -69,7 +75,7 @@ def test_stations_that_the_daemon_does_not_count_are_found(stage: Stage) -> None
 
 def test_a_state_that_the_daemon_did_not_hear_is_found(stage: Stage) -> None:
     stage.begin(mode="Client")
-    stage.quiet()
+    _quiet_and_hasty(stage)
     stage.history.station_said("completed")
     with pytest.raises(Finding, match="the last word of wpa_supplicant is 'completed'"):
         stage.quiet()

@@ -6,6 +6,7 @@ import os
 import shutil
 import signal as signals
 import subprocess
+import threading
 import time
 from collections.abc import Callable
 from pathlib import Path
@@ -166,6 +167,35 @@ def test_flood_of_log_lines_is_kept_and_ordered_before_the_next_call(world: Worl
     assert world.sandbox.run(["/usr/bin/python3", "-c", script]).status == 0
     before = world.journal.since()[: world.journal.wait_for(command("rfkill list wlan")).index]
     assert [entry.text for entry in before] == [str(i) for i in range(5000)]
+
+
+def test_flood_of_announcements_is_kept_and_ordered_before_the_next_command(world: World) -> None:
+    """More than a socket holds at once, while nobody reads: what the bus has not yet passed on came before the command, too."""
+    script = """
+import asyncio, os
+from dbus_next import Message
+from dbus_next.aio import MessageBus
+
+async def flood():
+    bus = await MessageBus().connect()
+    for i in range(2000):
+        await bus.send(Message.new_signal("/com/vantora/Network1", "com.vantora.Network1.WiFi", "Said", "us", [i, "x" * 1000]))
+    await bus.introspect("org.freedesktop.DBus", "/org/freedesktop/DBus")
+    print("all said", flush=True)
+    os.system("rfkill list wlan")
+
+asyncio.run(flood())
+"""
+    flood = world.sandbox.start(["/usr/bin/python3", "-c", script])
+    reading = threading.Event()
+    world.loop.asyncio.call_soon_threadsafe(reading.wait)
+    try:
+        wait_for_text(lambda: flood.stdout, "all said")
+    finally:
+        reading.set()
+    assert flood.wait(DEADLINE) == 0
+    before = world.journal.since()[: world.journal.wait_for(command("rfkill list wlan")).index]
+    assert [entry.body[0] for entry in before if entry.kind == "signal"] == list(range(2000))
 
 
 def test_signals_of_the_daemon_are_recorded_one_entry_per_property(world: World) -> None:
