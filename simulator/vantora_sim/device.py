@@ -13,8 +13,7 @@ import threading
 import time
 from collections.abc import Callable
 from pathlib import Path
-from types import TracebackType
-from typing import Any
+from typing import Any, Self
 
 from . import commands, furniture, places, units
 from .access_point import AccessPoint
@@ -23,6 +22,7 @@ from .air import Air
 from .control import CONTROL_SOCKET, Control
 from .dhcp import DhcpClient
 from .journal import DEADLINE, log
+from .lasting import Lasting
 from .parts import Parts
 from .plan import BAND_OF_RADIO_TYPE, Plan
 from .settings_daemon import SettingsDaemon
@@ -36,7 +36,7 @@ _RESTART = 2.0
 """Seconds after which the service manager starts a daemon again that has ended."""
 
 
-class SimulatedDevice:
+class SimulatedDevice(Lasting):
     """Everything around the daemon, and the daemon. Entering brings it up as far as the daemon's start."""
 
     def __init__(self, plan: Plan, build: Path, *, state: Path | None = None) -> None:
@@ -72,28 +72,23 @@ class SimulatedDevice:
         self.world.systemd.on_job.append(self._job)
         self.world.radio.on_block.append(self._radio_blocked)
 
-    def __enter__(self) -> "SimulatedDevice":
-        self.world.__enter__()
-        try:
-            self.world.try_ip("link", "set", "cable0", "down")
-            self.world.settings.go()
-            furniture.furnish(self.world)
-            for hook in self.before_start:
-                hook()
-            self.settings_daemon.start()
-            self.settings_daemon.store_initial(self.plan.settings)
-            self.world.loop.call(lambda: self._weather.begin(self._drift()))
-            self.control.open(self.world.work / CONTROL_SOCKET)
-            self.world.start_daemon()
-            self._supervisor.start()
-            self._player.start()
-        except BaseException:
-            self.close()
-            raise
-        return self
+    def __enter__(self) -> Self:
+        self.world.__enter__()  # which ends itself where it cannot begin
+        return super().__enter__()
 
-    def __exit__(self, kind: type[BaseException] | None, error: BaseException | None, trace: TracebackType | None) -> None:
-        self.close()
+    def _begin(self) -> None:
+        self.world.try_ip("link", "set", "cable0", "down")
+        self.world.settings.go()
+        furniture.furnish(self.world)
+        for hook in self.before_start:
+            hook()
+        self.settings_daemon.start()
+        self.settings_daemon.store_initial(self.plan.settings)
+        self.world.loop.call(lambda: self._weather.begin(self._drift()))
+        self.control.open(self.world.work / CONTROL_SOCKET)
+        self.world.start_daemon()
+        self._supervisor.start()
+        self._player.start()
 
     def close(self) -> None:
         """End everything and leave nothing behind but the state folder."""

@@ -18,7 +18,6 @@ import time
 from collections.abc import Sequence
 from concurrent.futures import Future
 from pathlib import Path
-from types import TracebackType
 from typing import Any
 
 from dbus_next import Variant
@@ -30,6 +29,7 @@ from .dbus_fake import plain
 from .hostapd import Hostapd
 from .hostapd_conf import read_hostapd_conf
 from .journal import DEADLINE, Journal, exited, hostapd_request, log, notify
+from .lasting import Lasting
 from .loop import LoopThread
 from .radio import Radio
 from .recorder import Recorder
@@ -83,7 +83,7 @@ def _remove_tree(work: Path) -> None:
     shutil.rmtree(work, ignore_errors=True)
 
 
-class World:
+class World(Lasting):
     """One private world. Enter it to bring it up; leaving it takes everything down and leaves nothing behind."""
 
     def __init__(
@@ -130,24 +130,16 @@ class World:
 
     # Up and down
 
-    def __enter__(self) -> "World":
-        try:
-            self._furnish()
-            self.log_daemon = Recorder(self.journal, self.work / "run/sim", self.loop.asyncio)
-            self.loop.call(self.user_bus.start)
-            self.loop.call(self.system_bus.start)
-            self.sandbox = Sandbox(self.work, self.build, self._exposed, self._note_end)
-            self.user_bus.wait_ready()
-            self.system_bus.wait_ready()
-            self.loop.run(self._open())
-            self.sandbox.wait_complete()  # before anyone uses its paths
-        except BaseException:
-            self.close()
-            raise
-        return self
-
-    def __exit__(self, kind: type[BaseException] | None, error: BaseException | None, trace: TracebackType | None) -> None:
-        self.close()
+    def _begin(self) -> None:
+        self._furnish()
+        self.log_daemon = Recorder(self.journal, self.work / "run/sim", self.loop.asyncio)
+        self.loop.call(self.user_bus.start)
+        self.loop.call(self.system_bus.start)
+        self.sandbox = Sandbox(self.work, self.build, self._exposed, self._note_end)
+        self.user_bus.wait_ready()
+        self.system_bus.wait_ready()
+        self.loop.run(self._open())
+        self.sandbox.wait_complete()  # before anyone uses its paths
 
     def _furnish(self) -> None:
         run = self.work / "run"

@@ -18,7 +18,7 @@ from pathlib import Path
 ROOT = Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(ROOT / "tests/mutation"))
 
-from run import Failure, Tree, planted  # noqa: E402  (found through the line above)
+from run import Failure, Tree, as_program, planted  # noqa: E402  (found through the line above)
 
 from .search import Found, Search, report  # noqa: E402
 
@@ -89,8 +89,4 @@ def main() -> int:
 
 
 if __name__ == "__main__":
-    try:
-        sys.exit(main())
-    except Failure as failure:
-        print(f"scripts/chaos: {failure}", file=sys.stderr)
-        sys.exit(2)
+    as_program("scripts/chaos", main)

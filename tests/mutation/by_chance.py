@@ -13,7 +13,6 @@ import argparse
 import json
 import random
 import re
-import sys
 import time
 from pathlib import Path
 
@@ -21,7 +20,7 @@ from mutant import Mutant
 from nearest import UNIT_TESTS, contract_files, unit_programs
 from places import drawn, places_of
 from rounds import Rounds, line_of
-from run import PYTHON, Failure, Tree, timed
+from run import PYTHON, Failure, Tree, as_program, timed
 from sources import FOLDERS
 from verdicts import Record, Verdict
 
@@ -155,8 +154,4 @@ def say_result(rounds: Rounds, want: float) -> int:
 
 
 if __name__ == "__main__":
-    try:
-        sys.exit(main())
-    except Failure as failure:
-        print(f"scripts/mutation: {failure}", file=sys.stderr)
-        sys.exit(2)
+    as_program("scripts/mutation", main)

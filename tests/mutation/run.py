@@ -14,9 +14,10 @@ import subprocess
 import sys
 import time
 import tomllib
-from collections.abc import Iterator
+from collections.abc import Callable, Iterator
 from dataclasses import dataclass, fields
 from pathlib import Path
+from typing import NoReturn
 
 ROOT = Path(__file__).resolve().parents[2]
 FAULTS = Path(__file__).with_name("faults.toml")
@@ -96,7 +97,9 @@ class Tree:
         return run(["cmake", "--build", str(self.build), "--target", *targets], self.folder).returncode == 0
 
 
-def run(command: list[str], folder: Path) -> subprocess.CompletedProcess[str]:
+def run(
+    command: list[str], folder: Path, limit: float = 1800, environment: dict[str, str] | None = None
+) -> subprocess.CompletedProcess[str]:
     return subprocess.run(
         command,
         cwd=folder,
@@ -104,7 +107,8 @@ def run(command: list[str], folder: Path) -> subprocess.CompletedProcess[str]:
         stderr=subprocess.STDOUT,
         text=True,
         errors="replace",
-        timeout=1800,
+        timeout=limit,
+        env=environment,
         check=False,
     )
 
@@ -112,17 +116,7 @@ def run(command: list[str], folder: Path) -> subprocess.CompletedProcess[str]:
 def timed(command: list[str], folder: Path, limit: float = TIME_LIMIT) -> tuple[int, str]:
     """Status and output; one that had to be ended has failed."""
     try:
-        ended = subprocess.run(
-            command,
-            cwd=folder,
-            stdout=subprocess.PIPE,
-            stderr=subprocess.STDOUT,
-            text=True,
-            errors="replace",
-            timeout=limit,
-            env={**os.environ, **SANITIZERS},
-            check=False,
-        )
+        ended = run(command, folder, limit, {**os.environ, **SANITIZERS})
     except subprocess.TimeoutExpired:
         return 1, "had to be ended"
     return ended.returncode, ended.stdout
@@ -244,9 +238,14 @@ def main() -> int:
     return 0 if caught == len(faults) else 1
 
 
-if __name__ == "__main__":
+def as_program(script: str, begin: Callable[[], int]) -> NoReturn:
+    """Ends this program with the status that `begin` returns; with 2 and a line of its script's name where it cannot begin."""
     try:
-        sys.exit(main())
+        sys.exit(begin())
     except Failure as failure:
-        print(f"scripts/mutation: {failure}", file=sys.stderr)
+        print(f"{script}: {failure}", file=sys.stderr)
         sys.exit(2)
+
+
+if __name__ == "__main__":
+    as_program("scripts/mutation", main)

@@ -60,13 +60,22 @@ std::string failure_text(int r, const BusError& error)
     return error.name() != nullptr ? std::string(error.name()) : errno_text(r);
 }
 
+/** As BusForCall::open; `error` says why it failed. */
+int open_or_explain(BusForCall& connection, std::string& error)
+{
+    const int r = connection.open();
+    if (r < 0) {
+        error = "Cannot open the user bus: " + errno_text(r);
+    }
+    return r;
+}
+
 /** Calls Get and enters the variant of the reply, which must hold exactly `type`. */
 int fetch(sd_bus* bus, const Property& property, const char* type, MessagePtr& reply, std::string& error)
 {
     BusForCall connection(bus);
-    int r = connection.open();
+    int r = open_or_explain(connection, error);
     if (r < 0) {
-        error = "Cannot open the user bus: " + errno_text(r);
         return r;
     }
     BusError busError;
@@ -116,9 +125,8 @@ template <typename Wire>
 int store(sd_bus* bus, const Property& property, const char* type, Wire value, std::string& error)
 {
     BusForCall connection(bus);
-    int r = connection.open();
+    int r = open_or_explain(connection, error);
     if (r < 0) {
-        error = "Cannot open the user bus: " + errno_text(r);
         return r;
     }
     BusError busError;

@@ -5,23 +5,12 @@ from __future__ import annotations
 import time
 
 import pytest
-from access_point import SEPARATOR, heading
 from dbus_next import Message
-from fault_requests import (
-    ACCESS_POINTS,
-    CHANGE_MODE,
-    CONNECT,
-    DISCONNECT,
-    NOT_CONNECTED,
-    SCAN,
-    TO_CLIENT,
-    TO_CLIENT_MODE,
-    still_station,
-)
+from fault_requests import ACCESS_POINTS, CONNECT, DISCONNECT, NOT_CONNECTED, SCAN, TO_CLIENT_MODE, still_station
 from faults import REAL_TIMEOUT, SHORT, SHORT_TIMEOUT, SLACK, Asked, Kind, Neighbour, Row, check, seen_by_caller, try_row
 from odd_bus import OddBus, odd_bus
-from station import FLUSH_LOGS, INTERFACE, STATION
-from test_faults_systemd import not_found
+from station import INTERFACE, STATION
+from test_faults_systemd import not_found, to_client
 from test_faults_wpa_supplicant import NO_LIST, SCAN_FAILED, answers_nothing
 from vantora_sim import DEADLINE, Variant, World, call, log
 from vantora_sim.dbus_fake import connect, disconnect
@@ -46,21 +35,7 @@ def at_each_call(failed: Asked) -> Asked:
 
 WITHOUT_A_BUS = [
     *(at_each_call(failed) for failed in answers_nothing()),
-    Asked(
-        TO_CLIENT_MODE,
-        logs=[
-            CHANGE_MODE,
-            TO_CLIENT,
-            *heading("[WiFi] Stop Host mode"),
-            ("info", "Stoping UDHCP daemon service"),
-            ("info", "Stopping Hostapd daemon service"),
-            SEPARATOR,
-            *heading("[WiFi] Start Client mode"),
-            ("info", "Starting WPA Supplicant daemon service"),
-            *FLUSH_LOGS,
-            SEPARATOR,
-        ],
-    ),
+    Asked(TO_CLIENT_MODE, logs=to_client(lambda verb, unit: [])),
 ]
 
 
