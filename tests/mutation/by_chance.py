@@ -10,18 +10,20 @@ reason, and does not count.
 from __future__ import annotations
 
 import argparse
+import hashlib
 import json
 import random
 import re
 import time
+from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
 from mutant import Mutant
 from nearest import UNIT_TESTS, contract_files, unit_programs
 from places import drawn, places_of
-from rounds import Rounds, line_of
+from rounds import Rounds, line_of, text_before
 from run import PYTHON, Failure, Tree, as_program, timed
-from sources import FOLDERS
+from sources import FOLDERS, compile_commands, object_of
 from verdicts import Record, Verdict
 
 ROOT = Path(__file__).resolve().parents[2]
@@ -29,7 +31,9 @@ BUILD = ROOT / "build"
 PROGRAMS = ("network", "settingsd", "wifi", "doctor", "supplicant-names", "sim-sandbox", "sim-tool")
 NEAR = 2
 """So many files of contract tests are near to a source."""
-NEAR_LIMIT = 45
+AT_ONCE = 3
+"""So many tests run at a time: most of them wait, for others or for the clock."""
+NEAR_LIMIT = 75
 """Seconds that these may take where no others are asked."""
 
 
@@ -38,7 +42,7 @@ def failed_contract(tree: Tree, files: list[Path], limit: float) -> str | None:
 
     None when all pass, or none has failed within the limit.
     """
-    options = ["-x", "-q", "-n", "2", "--tb=no", "-rfE", "-o", f"cache_dir={tree.build / 'pytest-cache'}"]
+    options = ["-x", "-q", "-n", str(AT_ONCE), "--tb=no", "-rfE", "-o", f"cache_dir={tree.build / 'pytest-cache'}"]
     command = [PYTHON, "-m", "pytest", *map(str, files), *options, "--build-dir", str(tree.build)]
     for more in ([], ["--last-failed"]):
         status, output = timed([*command, *more], tree.folder, limit)
@@ -50,7 +54,16 @@ def failed_contract(tree: Tree, files: list[Path], limit: float) -> str | None:
     return named[1]
 
 
-def failed_unit(tree: Tree, name: str) -> str | None:
+def failed_unit(tree: Tree, names: list[str]) -> str | None:
+    """What fails in the first of the unit test programs in which anything does; None when all pass."""
+    with ThreadPoolExecutor(AT_ONCE) as runners:
+        try:
+            return next(filter(None, runners.map(lambda name: failed_program(tree, name), names)), None)
+        finally:
+            runners.shutdown(cancel_futures=True)
+
+
+def failed_program(tree: Tree, name: str) -> str | None:
     """The first test of a unit test program that fails, or how else it fails, twice; None when all pass."""
     for _ in range(2):
         status, output = timed([str(tree.build / UNIT_TESTS / name), "--gtest_fail_fast"], tree.build, 120)
@@ -62,26 +75,29 @@ def failed_unit(tree: Tree, name: str) -> str | None:
     return f"{name}: {named[1] if named else f'status {status}'}"
 
 
-def judge(tree: Tree, mutant: Mutant, units: list[str], near: bool) -> Verdict:
-    """Plant a mutant, run what may catch it, and take it out again."""
+def judge(tree: Tree, mutant: Mutant, units: list[str], compiled: Compiled, near: bool) -> Verdict:
+    """Plant a mutant, run what may catch it, and take it out again. `compiled` is what the sound source compiles to."""
     began = time.monotonic()
     path = tree.folder / mutant.file
     sound = path.read_bytes()
     contract = contract_files(tree, mutant.file)
     programs = [f"vantora-{name}" for name in PROGRAMS]
 
-    def verdict(caught_by: str | None, compiles: bool = True) -> Verdict:
-        return Verdict(mutant, caught_by, compiles, time.monotonic() - began, near)
+    def verdict(caught_by: str | None, compiles: bool = True, same: bool = False) -> Verdict:
+        return Verdict(mutant, caught_by, compiles, time.monotonic() - began, near, same)
 
     path.write_bytes(sound[: mutant.begin] + mutant.new.encode() + sound[mutant.end :])
     try:
+        if not tree.make([compiled.object]):
+            return verdict(None, compiles=False)
+        if compiled.is_still(tree):
+            return verdict(None, same=True)
         # The nearest test alone is built and run first: most faults end there, and the others take longer to link than to run.
         for some in (units[:1], units[1:]):
             if not tree.make([UNIT_TESTS + name for name in some] or programs):
                 return verdict(None, compiles=False)
-            for name in some:
-                if failed := failed_unit(tree, name):
-                    return verdict(failed)
+            if failed := failed_unit(tree, some):
+                return verdict(failed)
         if not tree.make(programs if near else ["all"]):
             return verdict(None, compiles=False)
         for files in (contract[:NEAR], *([] if near else [contract[NEAR:12], contract[12:]])):
@@ -90,6 +106,20 @@ def judge(tree: Tree, mutant: Mutant, units: list[str], near: bool) -> Verdict:
         return verdict(None)
     finally:
         path.write_bytes(sound)
+
+
+class Compiled:
+    """What a sound source was compiled to."""
+
+    def __init__(self, tree: Tree, command: str) -> None:
+        self.object = object_of(command)
+        self._mark = self._mark_now(tree)
+
+    def is_still(self, tree: Tree) -> bool:
+        return self._mark_now(tree) == self._mark
+
+    def _mark_now(self, tree: Tree) -> bytes:
+        return hashlib.sha256((tree.build / self.object).read_bytes()).digest()
 
 
 def prepare(number: int, preset: str) -> Tree:
@@ -124,7 +154,12 @@ def main() -> int:
 
     record = Record(BUILD / "mutation-verdicts" / f"{'-'.join([str(arguments.seed), *arguments.words])}.jsonl")
     units = unit_programs(trees[0])
-    rounds = Rounds(trees, lambda tree, mutant: judge(tree, mutant, units.get(mutant.file, []), arguments.near), record)
+    sound = {tree.folder: {file: Compiled(tree, command) for file, command in compile_commands(tree).items()} for tree in trees}
+
+    def judged(tree: Tree, mutant: Mutant) -> Verdict:
+        return judge(tree, mutant, units.get(mutant.file, []), sound[tree.folder][mutant.file], arguments.near)
+
+    rounds = Rounds(trees, judged, record)
     rounds.run(drawn(every, arguments.seed), arguments.count, arguments.again)
     return say_result(rounds, arguments.want)
 
@@ -143,7 +178,9 @@ def say_result(rounds: Rounds, want: float) -> int:
     for mutant in survivors:
         print(
             f'[[survivor]]\nfile = "{mutant.file}"\nfunction = "{mutant.function}"\nline = {json.dumps(line_of(mutant))}\n'
-            f"change = {json.dumps(mutant.title)}\nreason = {json.dumps(rounds.excuse(mutant).reason)}\n"
+            f"change = {json.dumps(mutant.title)}\n"
+            + (f"behind = {json.dumps(text_before(mutant))}\n" if line_of(mutant).count(mutant.old) > 1 else "")
+            + f"reason = {json.dumps(rounds.excuse(mutant).reason)}\n"
         )
     print(
         f"kill rate: {'at least ' if near else ''}{rate:.1f} % of {len(counted)}, "

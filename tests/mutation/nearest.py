@@ -4,12 +4,11 @@ from __future__ import annotations
 
 import os
 import re
-import shlex
 from functools import cache
 from pathlib import Path
 
 from run import Tree, run
-from sources import FOLDERS, compile_commands
+from sources import FOLDERS, compile_commands, object_of
 
 ROOMS = {
     "src/core": ("core", "faults"),
@@ -98,8 +97,7 @@ def unit_programs(tree: Tree) -> dict[str, list[str]]:
 
 def functions_of(tree: Tree, command: str) -> frozenset[str]:
     """The functions that a source's object offers."""
-    words = shlex.split(command)
-    return symbols(tree.build / words[words.index("-o") + 1])
+    return symbols(tree.build / object_of(command))
 
 
 @cache

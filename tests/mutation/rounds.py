@@ -28,10 +28,11 @@ class Excuse:
     change: str
     reason: str
     equivalent: bool = False
+    behind: str = ""
 
     def is_for(self, mutant: Mutant) -> bool:
         named = (self.file, self.function, self.change) == (mutant.file, mutant.function, mutant.title)
-        return named and text_from(mutant).startswith(self.line)
+        return named and text_from(mutant).startswith(self.line) and text_before(mutant).endswith(self.behind)
 
 
 NO_EXCUSE = Excuse("", "", "", "", "")
@@ -44,6 +45,12 @@ def excuses() -> list[Excuse]:
 def text_from(mutant: Mutant) -> str:
     """The text from the line on that a mutant begins in, with one blank for all that is blank."""
     return " ".join(" ".join(lines_of(mutant.file)[mutant.line - 1 : mutant.line + 4]).split())
+
+
+def text_before(mutant: Mutant) -> str:
+    """The text between the beginning of the line and the mutant, with one blank for all that is blank."""
+    text = (ROOT / mutant.file).read_bytes()[: mutant.begin]
+    return " ".join(text[text.rfind(b"\n") + 1 :].decode(errors="replace").split())
 
 
 def line_of(mutant: Mutant) -> str:
@@ -74,7 +81,7 @@ class Rounds:
         for verdict in self._record.read().values():
             place = moved(verdict.mutant, places)
             known.add(place)
-            if again and place and verdict.compiles and not verdict.caught_by and not self.excuse(place).equivalent:
+            if again and place and self.is_survivor(replace(verdict, mutant=place)):
                 self._drawn.put((verdict.mutant, place))
             elif verdict.compiles:
                 self.verdicts.append(replace(verdict, mutant=place or verdict.mutant))
@@ -89,7 +96,13 @@ class Rounds:
 
     def counted(self) -> list[Verdict]:
         """The verdicts about mutants that are faults: they compile, and somebody could tell them from the sound code."""
-        return [each for each in self.verdicts if each.compiles and not self.excuse(each.mutant).equivalent]
+        return [each for each in self.verdicts if self.is_fault(each)]
+
+    def is_fault(self, verdict: Verdict) -> bool:
+        return verdict.compiles and not verdict.same and not self.excuse(verdict.mutant).equivalent
+
+    def is_survivor(self, verdict: Verdict) -> bool:
+        return self.is_fault(verdict) and not verdict.caught_by
 
     def excuse(self, mutant: Mutant) -> Excuse:
         """What is known of a mutant that survives."""
@@ -116,7 +129,11 @@ class Rounds:
         mutant = found.mutant
         excuse = self.excuse(mutant)
         text = (
-            f"caught by {found.caught_by}" if found.caught_by else f"SURVIVED{' (no difference)' if excuse.equivalent else ''}"
+            f"caught by {found.caught_by}"
+            if found.caught_by
+            else "compiles to the same"
+            if found.same
+            else f"SURVIVED{' (no difference)' if excuse.equivalent else ''}"
         )
         print(
             f"{text}: {mutant.file}:{mutant.line} {mutant.function}: {mutant.title} ({found.seconds:.0f} s)"

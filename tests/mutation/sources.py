@@ -27,3 +27,9 @@ def compile_commands(tree: Tree) -> dict[str, str]:
     entries = json.loads((tree.build / "compile_commands.json").read_text())
     commands = {os.path.relpath(entry["file"], tree.folder): entry["command"] for entry in entries}
     return {file: command for file, command in commands.items() if file.startswith(FOLDERS)}
+
+
+def object_of(command: str) -> str:
+    """What a source is compiled to, below the build's folder."""
+    words = shlex.split(command)
+    return words[words.index("-o") + 1]

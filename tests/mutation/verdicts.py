@@ -19,6 +19,8 @@ class Verdict:
     seconds: float
     near: bool
     """Only the nearest tests were asked."""
+    same: bool = False
+    """The compiler makes the same of it as of the sound code, so nobody can tell them apart."""
 
 
 class Record:

@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import re
 import sys
+from dataclasses import replace
 from pathlib import Path
 
 import pytest
@@ -44,6 +45,19 @@ def test_of_the_same_change_of_two_like_lines_only_the_named_one_is_excused() ->
     one, other = (Mutant("client/daemon.cpp", line, 0, 2, ">=", ">", "open_user_bus") for line in (first, first + 3))
     excuse = rounds.Excuse("client/daemon.cpp", "open_user_bus", rounds.text_from(other)[:60], ">= -> >", "Nobody can tell.")
     assert (excuse.is_for(one), excuse.is_for(other)) == (False, True)
+
+
+def test_of_the_same_change_in_two_places_of_a_line_only_the_named_one_is_excused() -> None:
+    text = (ROOT / "client/daemon.cpp").read_text()
+    line = text.index("left % 1'000'000 * 1000")
+    number = text.count("\n", 0, line) + 1
+    places = [text.rindex("left", 0, line), line]
+    assert text.rindex("\n", 0, line) < places[0]
+    mutants = [Mutant("client/daemon.cpp", number, begin, begin + 4, "left", "0", "wait") for begin in places]
+    excuse = rounds.Excuse(
+        "client/daemon.cpp", "wait", "const timespec time", "left -> 0", "Fine.", behind="static_cast<long>("
+    )
+    assert [excuse.is_for(each) for each in mutants] == [False, True]
 
 
 # Which tests are asked
@@ -89,13 +103,14 @@ def test_a_fault_is_found_again_where_its_text_stands_now() -> None:
 class Judged:
     """Stands in for building and testing: says of the faults at these lines what is expected, and remembers who asked."""
 
-    def __init__(self, survive: set[int] = frozenset(), broken: set[int] = frozenset()) -> None:
-        self._survive, self._broken = survive, broken
+    def __init__(self, survive: set[int] = frozenset(), broken: set[int] = frozenset(), same: set[int] = frozenset()) -> None:
+        self._survive, self._broken, self._same = survive, broken, same
         self.asked: list[int] = []
 
     def __call__(self, _tree: Tree, of: Mutant) -> Verdict:
         self.asked.append(of.line)
-        return verdict(of, None if of.line in self._survive else "beat_test", of.line not in self._broken)
+        caught_by = None if of.line in self._survive | self._same else "beat_test"
+        return replace(verdict(of, caught_by, of.line not in self._broken), same=of.line in self._same)
 
 
 @pytest.fixture
@@ -114,6 +129,14 @@ def test_what_does_not_compile_is_no_fault_and_another_is_drawn(record: Record) 
     made = rounds_of(judged, record, 3)
     assert judged.asked == [1, 2, 3, 4]
     assert [each.caught_by for each in made.counted()] == ["beat_test", None, "beat_test"]
+
+
+def test_what_compiles_to_the_same_is_no_fault_and_not_judged_again(record: Record) -> None:
+    made = rounds_of(Judged(survive={3}, same={1}), record, 2)
+    assert [each.mutant.line for each in made.counted()] == [2, 3]
+    judged = Judged()
+    assert [each.mutant.line for each in rounds_of(judged, record, 2, again=True).counted()] == [2, 3]
+    assert judged.asked == [3]
 
 
 def test_a_run_goes_on_where_an_earlier_one_ended(record: Record) -> None:
