@@ -248,10 +248,6 @@ TEST_F(ClientScreen, AQuestionMarkHelpsAndAnyKeyLeadsBack)
 {
     press("?");
     EXPECT_EQ(model.page(), Page::Help);
-    for (const char* word :
-         {"Enter", "leave the network", "become a station", "look for networks", "Ctrl-Z"}) {
-        EXPECT_NE(shown().find(word), std::string::npos) << word;
-    }
     EXPECT_EQ(press("q").kind, Action::None);
     EXPECT_EQ(model.page(), Page::Networks);
 }
@@ -362,16 +358,190 @@ TEST_F(ClientScreen, EveryWindowIsFilledAndNeverOverfilled)
     }
 }
 
-TEST_F(ClientScreen, StateAndNetworksAreShown)
+/** What a screen looks like, with its styles: "*a*" a heading, "+a+" good, "!a!" bad, "~a~" faint;
+ * inverse parts stand in "[]", and each line ends with "|". */
+std::string drawn(const ScreenModel& model, std::size_t rows, std::size_t columns)
+{
+    std::string text;
+    for (const auto& line : draw_screen(model, rows, columns, true)) {
+        for (const auto& span : line) {
+            const std::string mark(1, " *+!~"[static_cast<int>(span.style)]);
+            const std::string styled = mark == " " ? span.text : mark + span.text + mark;
+            text += span.inverse ? "[" + styled + "]" : styled;
+        }
+        text += "|\n";
+    }
+    return text;
+}
+
+TEST_F(ClientScreen, LooksLikeThisAtFirstAndWithoutADaemon)
+{
+    EXPECT_EQ(drawn(ScreenModel(), 6, 20), R"([* vantora-wifi       *]|
+|
+~~|
+|
++ +|
+[ Enter join  d disco]|
+)");
+    model.update({.running = false});
+    EXPECT_EQ(drawn(model, 6, 20), R"([* vantora-wifi       *]|
+|
+~~|
+|
+! The daemon is not r!|
+[ Enter join  d disco]|
+)");
+}
+
+TEST_F(ClientScreen, LooksLikeThisAsAStation)
 {
     Json networks = street();
-    networks[0]["joined"] = true;
+    networks[1]["joined"] = true;
+    networks.push_back(network_value("far", true, -86, true));
     model.update(station(networks));
-    const std::string text = shown();
-    EXPECT_NE(text.find("Mode            Client (station)\n"), std::string::npos) << text;
-    EXPECT_NE(text.find("> ▂▄▆█    -48  🔒 home  (joined)"), std::string::npos) << text;
-    EXPECT_NE(text.find("  ▂▄▆·    -60     free\n"), std::string::npos) << text;
-    EXPECT_NE(text.find("  ▂▄··    -70  ✗  office\n"), std::string::npos) << text;
+    press(Kind::Down);
+    EXPECT_EQ(drawn(model, 16, 60), R"([* vantora-wifi                                               *]|
+*Radio           *+on+|
+*Mode            *Client (station)|
+*Bands           *?|
+*Network         *?|
+*State           *inactive (no network to look for)|
+*Address         *?|
+*MAC address     *?|
+*Transmit power  *?|
+|
++  ▂▄▆█+    -48  🔒 home|
+[+> ▂▄▆·+][    -60     free  (joined)                            ]|
+  ▂▄··~    -70  ✗  office~|
+!  ····!    -86  🔒 far|
++ +|
+[ Enter join  d disconnect  m mode  r scan  ? help  q quit   ]|
+)");
+    EXPECT_EQ(drawn(model, 8, 20), R"([* vantora-wifi       *]|
+*Radio           *+on+|
+*Mode            *Clie|
+|
++  ▂▄▆█+    -48  🔒 ho|
+[+> ▂▄▆·+][    -60     fr]|
++ +|
+[ Enter join  d disco]|
+)");
+    EXPECT_EQ(drawn(model, 5, 9), R"([* vantora-*]|
+|
+[+> ▂▄▆·+][   ]|
++ +|
+[ Enter jo]|
+)");
+    EXPECT_EQ(drawn(model, 2, 20), R"(+ +|
+[ Enter join  d disco]|
+)");
+    model.update(station(Json::array()));
+    EXPECT_EQ(drawn(model, 6, 60), R"([* vantora-wifi                                               *]|
+|
+~No networks in range; r looks for some.~|
+|
++ +|
+[ Enter join  d disconnect  m mode  r scan  ? help  q quit   ]|
+)");
+}
+
+TEST_F(ClientScreen, LooksLikeThisAsAnAccessPoint)
+{
+    ScreenState host = {.fields =
+                            client::status_fields({{"WiFiState", 0U}, {"Mode", "Host"}, {"SSID", "home"}})};
+    model.update(host);
+    EXPECT_EQ(drawn(model, 9, 72),
+              R"([* vantora-wifi                                                           *]|
+*Radio           *!off!|
+*Mode            *Host (access point)|
+*SSID            *home|
+|
+~~|
+|
++ +|
+[ Enter join  d disconnect  m mode  r scan  ? help  q quit               ]|
+)");
+    host.complete = true;
+    model.update(host);
+    EXPECT_EQ(drawn(model, 16, 72),
+              R"([* vantora-wifi                                                           *]|
+*Radio           *!off!|
+*Mode            *Host (access point)|
+*SSID            *home|
+*Band            *?|
+*Bands           *?|
+*On the air      *?|
+*Stations        *?|
+*Address         *?|
+*MAC address     *?|
+*Transmit power  *?|
+|
+~An access point does not look for networks; m makes the device a station~|
+|
++ +|
+[ Enter join  d disconnect  m mode  r scan  ? help  q quit               ]|
+)");
+}
+
+TEST_F(ClientScreen, HelpLooksLikeThis)
+{
+    press("?");
+    EXPECT_EQ(drawn(model, 16, 72),
+              R"([* vantora-wifi                                                           *]|
+*Keys*|
+|
+*Up, Down, k, j  *choose a network|
+*Enter           *join it; asks for the passphrase where it wants one|
+*d               *leave the network|
+*m               *become a station, or an access point|
+*o               *switch the radio on or off|
+*r               *look for networks|
+*q               *leave; Ctrl-Z leaves for a while|
+|
+Everything here can be had by sub-commands, too: vantora-wifi --help|
+~Any key leads back.~|
+|
++ +|
+[ any key back                                                           ]|
+)");
+    EXPECT_EQ(drawn(model, 5, 72),
+              R"([* vantora-wifi                                                           *]|
+*Keys*|
+|
++ +|
+[ any key back                                                           ]|
+)");
+}
+
+TEST_F(ClientScreen, APassphraseIsAskedForLikeThis)
+{
+    press(Kind::Enter);
+    type("12345");
+    EXPECT_EQ(drawn(model, 8, 72),
+              R"([* vantora-wifi                                                           *]|
+*Radio           *+on+|
+*Mode            *Client (station)|
+|
+Passphrase for "home": *****|
+~Enter joins, Esc leads back.~|
++ +|
+[ Enter join  Esc back                                                   ]|
+)");
+    press(Kind::Enter);
+    EXPECT_EQ(drawn(model, 8, 72),
+              R"([* vantora-wifi                                                           *]|
+*Radio           *+on+|
+*Mode            *Client (station)|
+|
+Passphrase for "home": |
+~Enter joins, Esc leads back.~|
+! a passphrase has 8 to 63 characters, this one has 5!|
+[ Enter join  Esc back                                                   ]|
+)");
+}
+
+TEST_F(ClientScreen, ATerminalWithoutUnicodeHasSignsOfItsOwn)
+{
     const std::string ascii = shown(24, 80, false);
     EXPECT_NE(ascii.find("> ####    -48  *  home"), std::string::npos) << ascii;
     EXPECT_NE(ascii.find("  ##..    -70  x  office\n"), std::string::npos) << ascii;
