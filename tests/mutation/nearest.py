@@ -41,6 +41,7 @@ WORDS = {
     "client/passphrase": "joining",
     "client/properties": "signals status",
     "client/setting": "settings",
+    "client/settings": "settings truth",
     "client/signal_bars": "scan",
     "client/t": "status scan",
     "client/values": "signals status",

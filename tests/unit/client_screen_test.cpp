@@ -212,15 +212,20 @@ TEST_F(ClientScreen, LettersDoWhatTheHelpSays)
     EXPECT_EQ(model.message(), "Asked for a scan; what it finds appears above.");
     const ScreenAction leave = press("d");
     EXPECT_EQ(leave.kind, Action::Disconnect);
+    EXPECT_EQ(model.message(), "Leaving the network...");
     model.answered(leave, std::nullopt);
     EXPECT_EQ(model.message(), "Disconnected.");
     const ScreenAction mode = press("m");
     EXPECT_EQ(mode.kind, Action::Mode);
     EXPECT_EQ(mode.value, "Host");
+    EXPECT_EQ(model.message(), "Becoming an access point...");
     model.answered(mode, std::nullopt);
+    EXPECT_EQ(model.message(), "") << "the state says it";
     const ScreenAction radio = press("o");
     EXPECT_EQ(radio.kind, Action::Radio);
     EXPECT_EQ(radio.value, 0U);
+    EXPECT_EQ(model.message(), "Switching the radio off...");
+    EXPECT_FALSE(model.is_bad());
 }
 
 TEST_F(ClientScreen, TheModeIsTheOtherOne)
@@ -230,8 +235,10 @@ TEST_F(ClientScreen, TheModeIsTheOtherOne)
     host.fields["radio"] = "off";
     model.update(host);
     EXPECT_EQ(press("m").value, "Client");
+    EXPECT_EQ(model.message(), "Becoming a station...");
     model.answered({Action::Mode}, std::nullopt);
     EXPECT_EQ(press("o").value, 1U);
+    EXPECT_EQ(model.message(), "Switching the radio on...");
 }
 
 TEST_F(ClientScreen, OneRequestAtATime)
@@ -292,6 +299,24 @@ TEST_F(ClientScreen, AWrongPassphraseIsTold)
     EXPECT_TRUE(model.is_bad());
 }
 
+TEST_F(ClientScreen, AnAttemptIsForgottenWithTheNetworkTheModeAndTheRadio)
+{
+    for (const Action ended : {Action::Disconnect, Action::Mode, Action::Radio}) {
+        press(Kind::Down);
+        model.answered(press(Kind::Enter), std::nullopt);
+        EXPECT_TRUE(model.is_joining());
+        model.answered({ended}, std::nullopt);
+        EXPECT_FALSE(model.is_joining());
+        press(Kind::Home);
+    }
+    press(Kind::Down);
+    model.answered(press(Kind::Enter), std::nullopt);
+    model.update(station(street(), "off"));
+    EXPECT_EQ(model.message(), "The device is not a station any more.");
+    EXPECT_TRUE(model.is_bad());
+    EXPECT_FALSE(model.is_joining());
+}
+
 TEST_F(ClientScreen, ADaemonThatIsGoneOrSilentIsToldAndAskedNothing)
 {
     ScreenState gone = station(Json::array());
@@ -304,8 +329,10 @@ TEST_F(ClientScreen, ADaemonThatIsGoneOrSilentIsToldAndAskedNothing)
     silent.silent = true;
     model.update(silent);
     EXPECT_EQ(model.message(), "The daemon does not answer; waiting for it.");
+    EXPECT_TRUE(model.is_bad());
     press("m");
     EXPECT_EQ(model.message(), "Becoming an access point...") << "it has something to do";
+    EXPECT_FALSE(model.is_bad());
 }
 
 TEST_F(ClientScreen, ASecondAttemptThatFailsLikeTheFirstIsTold)
