@@ -144,6 +144,21 @@ TEST_F(ReadWifiConfig, FillsTheRecordWithOneReadPerSetting)
     EXPECT_THAT(captured_log().lines(), ElementsAre(info("Read settings from Settings Daemon")));
 }
 
+TEST_F(ReadWifiConfig, NothingIsLeftOfWhatTheRecordHeldBefore)
+{
+    stored["network.enabled"] = false;
+    store("network.mode", "Host");
+    store("network.frequency", "2.4");
+    WifiConfig config;
+    config.enabled = true;
+    config.mode = WifiMode::Client;
+    config.band = WifiBand::Band5GHz;
+    ASSERT_TRUE(read_wifi_config(config));
+    EXPECT_FALSE(config.enabled);
+    EXPECT_EQ(config.mode, WifiMode::Host);
+    EXPECT_EQ(config.band, WifiBand::Band2_4GHz);
+}
+
 TEST_F(ReadWifiConfig, AnEmptyDeviceNameIsTakenAsItIs)
 {
     store("device.deviceName", "");
