@@ -198,14 +198,17 @@ TEST(ClientWords, ModesAreSpelledAsOnTheCommandLine)
 
 TEST(ClientNearestWord, OneOrTwoMistakesAreForgiven)
 {
-    const std::vector<std::string> words = {"status", "on", "off", "scan", "ssid", "connect", "disconnect"};
+    const std::vector<std::string> words = {"status", "on",      "off",        "scan",    "ssid",
+                                            "mode",   "connect", "disconnect", "monitor", "band"};
     EXPECT_EQ(client::nearest_word("statsu", words), "status");
     EXPECT_EQ(client::nearest_word("staus", words), "status");
     EXPECT_EQ(client::nearest_word("statuss", words), "status");
     EXPECT_EQ(client::nearest_word("conect", words), "connect");
     EXPECT_EQ(client::nearest_word("conecct", words), "connect");
     EXPECT_EQ(client::nearest_word("diconect", words), "disconnect");
+    EXPECT_EQ(client::nearest_word("dcionnect", words), "connect");
     EXPECT_EQ(client::nearest_word("of", words), "") << "on and off are as near";
+    EXPECT_EQ(client::nearest_word("omd", words), "") << "mode, with two letters in the wrong order, and on";
     EXPECT_EQ(client::nearest_word("statistics", words), "");
     EXPECT_EQ(client::nearest_word("xy", words), "") << "two mistakes make any word of two letters";
     EXPECT_EQ(client::nearest_word("", words), "");
