@@ -611,10 +611,19 @@ TEST_F(ReplacedDaemon, WaitingForTheAnswerIsGivenUpForANewOneAndForAStopAndForNo
     };
     listener.Start();
     asking.get_future().wait();
-    listener.Stop();
+    ScriptedWpaCtrl::onOpen = [] {
+        ScriptedWpaCtrl::whileAttaching = nullptr;
+        ScriptedWpaCtrl::attachAnswer = "OK\n";
+    };
+    const std::size_t before = ScriptedWpaCtrl::noted().size();
+    listener.Start();
     EXPECT_TRUE(stopped.get_future().get());
+    listener.Stop();
     EXPECT_THAT(captured_log().lines(), IsEmpty()); // it was not refused
-    EXPECT_EQ(ScriptedWpaCtrl::noted().back(), "close");
+    const auto calls = ScriptedWpaCtrl::noted();
+    EXPECT_THAT(std::vector(calls.begin() + static_cast<std::ptrdiff_t>(before) - 1, calls.end()),
+                ElementsAre("ATTACH", "close", opened(), "ATTACH", "close"))
+        << "an answer that came late would be taken for that to the next question";
 }
 
 TEST_F(ReplacedDaemon, EventsThatComeBeforeTheAnswerAreHandedOverInOrder)
