@@ -156,8 +156,10 @@ def test_letters_do_what_the_help_says(world: World, daemon: PlayedDaemon) -> No
         client.type("r")
         wait_seen(client, "Asked for a scan; what it finds appears above.")
         assert ("Scan", []) in daemon.called
+        daemon.properties["IPAddress"] = Variant("s", "10.0.0.7")  # not announced: everything is asked for after a request
         client.type("d")
         wait_seen(client, "Disconnected.")
+        wait_seen(client, "^Address +10.0.0.7$")
         assert ("Disconnect", []) in daemon.called
         client.type("m")
         world.journal.wait_until(lambda: ("Mode", "Host") in daemon.written, "mode")
