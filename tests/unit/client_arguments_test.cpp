@@ -68,6 +68,12 @@ TEST(ClientArguments, CommonOptionsStandBeforeOrBehindTheCommand)
     }
 }
 
+TEST(ClientArguments, TheShortestAndTheLongestTimeAreTaken)
+{
+    EXPECT_EQ(parsed({"--timeout", "0.001", "scan"}).timeout, 1ms);
+    EXPECT_EQ(parsed({"--timeout", "86400", "scan"}).timeout, 24h);
+}
+
 TEST(ClientArguments, ModesAreSpelledAsTheDaemonDoes)
 {
     EXPECT_EQ(parsed({"mode", "host"}).value, "Host");
@@ -113,6 +119,7 @@ TEST(ClientArguments, WrongOnesEndWithStatusTwo)
              {"connect", "a", "b"},
              {"scan", "--open"},
              {"--timeout", "0", "scan"},
+             {"--timeout", "0.0009", "scan"},
              {"--timeout", "-1", "scan"},
              {"--timeout", "inf", "scan"},
              {"--timeout", "nan", "scan"},

@@ -87,12 +87,15 @@ public:
     /** Makes it the standard error; for the child. */
     void take_errors() const { ::dup2(line_.get(), STDERR_FILENO); }
 
-    /** What is on it. */
+    /** What has come onto it since it was asked last. */
     std::string text() const
     {
+        std::string text;
         std::array<char, 4096> buffer = {};
-        const ssize_t size = ::read(screen_.get(), buffer.data(), buffer.size());
-        return {buffer.data(), size > 0 ? static_cast<std::size_t>(size) : 0};
+        for (ssize_t size = 0; (size = ::read(screen_.get(), buffer.data(), buffer.size())) > 0;) {
+            text.append(buffer.data(), static_cast<std::size_t>(size));
+        }
+        return text;
     }
 
 private:
@@ -211,6 +214,16 @@ protected:
         while (sd_bus_process(client.get(), nullptr) > 0) {
         }
         return changes;
+    }
+
+    /** What a daemon with this file says when it does not start. */
+    std::string failure_with(const std::string& file) const
+    {
+        const Terminal terminal;
+        ChildProcess failing({daemon_program(), "--state", folder.file(file)},
+                             [&] { terminal.take_errors(); });
+        EXPECT_EQ(failing.wait(), 1);
+        return terminal.text();
     }
 
     json stored() const { return json::parse(folder.read("state/settings.json")); }
@@ -350,7 +363,8 @@ TEST_F(SettingsdTest, RefusesAValueThatIsNotAllowedWithTheReason)
 TEST_F(SettingsdTest, RefusesChangesUntilItsFileCanBeReadAndThenAnnouncesWhatIsInIt)
 {
     folder.write("state/settings.json/inside", "a folder where the file should be");
-    start();
+    Terminal terminal;
+    start([&] { terminal.take_errors(); });
     listen();
     EXPECT_EQ(set("network", "mode", "s", "Client"),
               Answer("org.freedesktop.DBus.Error.IOError", "Cannot store network.mode: Is a directory"));
@@ -372,14 +386,24 @@ TEST_F(SettingsdTest, RefusesChangesUntilItsFileCanBeReadAndThenAnnouncesWhatIsI
     EXPECT_EQ(set("network", "enabled", "b", 0), kSuccess);
     EXPECT_EQ(stored(), json::parse(R"({"device": {"deviceName": "Kitchen"},
                                         "network": {"enabled": false, "mode": "Client"}})"));
+    const std::string file = folder.file("state/settings.json");
+    EXPECT_EQ(terminal.text(),
+              "vantora-settingsd: " + file +
+                  ": cannot be read and is left alone, settings cannot be changed until it can: Is a "
+                  "directory\r\n"
+                  "vantora-settingsd: Cannot store network.mode: Is a directory\r\n"
+                  "vantora-settingsd: " +
+                  file + ": is in use again\r\n");
 }
 
 TEST_F(SettingsdTest, FailsWhenAnotherProcessHasItsFile)
 {
     start();
     const PrivateBus otherBus(testing_support::BusRole::User);
-    ChildProcess second({daemon_program(), "--state", folder.file("state/settings.json")});
-    EXPECT_EQ(second.wait(), 1);
+    EXPECT_EQ(failure_with("state/settings.json"),
+              "vantora-settingsd: " + folder.file("state/settings.json") +
+                  ": is in use by another process\r\n"
+                  "vantora-settingsd: Cannot have the settings to itself: Device or resource busy\r\n");
     EXPECT_EQ(set("network", "mode", "s", "Client"), kSuccess);
 }
 
@@ -471,8 +495,8 @@ TEST_F(SettingsdTest, SaysNothingWhileAllIsWell)
 TEST_F(SettingsdTest, FailsWithoutABus)
 {
     bus.stop();
-    ChildProcess second({daemon_program(), "--state", folder.file("other.json")});
-    EXPECT_EQ(second.wait(), 1);
+    EXPECT_EQ(failure_with("other.json"),
+              "vantora-settingsd: Cannot open the user bus: No such file or directory\r\n");
 }
 
 TEST_F(SettingsdTest, FailsWithinACallsTimeOutWhereTheBusLetsNobodyIn)
@@ -497,8 +521,8 @@ TEST_F(SettingsdTest, FailsWithinACallsTimeOutWhereTheBusLetsNobodyIn)
 TEST_F(SettingsdTest, FailsWhenTheNameIsTaken)
 {
     start();
-    ChildProcess second({daemon_program(), "--state", folder.file("other.json")});
-    EXPECT_EQ(second.wait(), 1);
+    EXPECT_EQ(failure_with("other.json"),
+              "vantora-settingsd: Cannot own the name com.vantora.common.Settings1: File exists\r\n");
 }
 
 TEST_F(SettingsdTest, TellsItsVersionAndItsOptions)
