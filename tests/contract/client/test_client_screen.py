@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import itertools
 import re
 import signal
 from collections.abc import Callable, Iterator
@@ -12,7 +13,8 @@ import pytest
 from dbus_next import Variant
 from played_daemon import ACCESS_POINT, OPEN, OTHER, SECURED, PlayedDaemon, played_daemon
 from simulated import KEY, small_plan
-from vantora_sim import World
+from vantora_sim import World, call
+from vantora_sim.client import INTERFACE
 from vantora_sim.device import SimulatedDevice
 from wifi_client import DONE, TERMINAL, UNREACHABLE, USAGE, Running, environment, program
 
@@ -96,6 +98,12 @@ def test_arrows_choose_and_enter_joins_an_open_network(world: World, daemon: Pla
         wait_seen(client, "^> .* free$")
         client.type("\r")
         world.journal.wait_until(lambda: joined(daemon) == [["free", ""]], "attempt")
+        asked = call("Get", INTERFACE, "WiFiClientState")
+        mark = world.journal.mark()
+        world.journal.wait_until(lambda: world.journal.count(asked, mark) > 6, "questions about an attempt")
+        times = [entry.when for entry in world.journal.find(asked, mark)][1:]  # the first comes with the answer
+        between = [after - before for before, after in itertools.pairwise(times)]
+        assert max(between) > 0.25 and min(between) < 1.5, between
         daemon.announce("WiFiClientState", Variant("s", "completed"))
         wait_seen(client, 'Connected to "free".')
 

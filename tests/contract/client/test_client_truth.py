@@ -5,6 +5,7 @@ On a played daemon, which says what no real one can be brought to say.
 
 from __future__ import annotations
 
+import itertools
 import os
 import signal
 from collections.abc import Iterator
@@ -12,7 +13,9 @@ from collections.abc import Iterator
 import pytest
 from dbus_next import Variant
 from played_daemon import ACCESS_POINT, OPEN, OTHER, SECURED, PlayedDaemon, played_daemon
-from vantora_sim import World
+from vantora_sim import World, call
+from vantora_sim.client import INTERFACE
+from vantora_sim.journal import Pattern
 from wifi_client import DONE, REFUSED, TIMED_OUT, UNREACHABLE, USAGE, Way, objects_in, program, run, start
 
 SILENT = 5
@@ -490,3 +493,46 @@ def test_an_ordinary_user_of_a_device_is_told_of_roots_bus(world: World, argumen
         UNREACHABLE,
         "vantora-wifi: the user bus cannot be reached: No such file or directory\n",
     )
+
+
+# How often the daemon is asked: each question costs it a command or two
+
+
+def pauses(world: World, asked: Pattern, since: int, count: int = 4) -> list[float]:
+    """The seconds between so many questions of one kind that follow each other."""
+    world.journal.wait_until(lambda: world.journal.count(asked, since) > count, str(asked))
+    times = [entry.when for entry in world.journal.find(asked, since)]
+    return [after - before for before, after in itertools.pairwise(times)]
+
+
+def get(name: str) -> Pattern:
+    return call("Get", INTERFACE, name)
+
+
+@pytest.mark.parametrize(
+    ("words", "state", "asked", "seconds"),
+    [
+        (["connect", "free"], "associating", get("WiFiClientState"), 0.3),
+        (["connect", "free"], "completed", get("IPAddress"), 0.3),
+        (["mode", "host"], None, get("Mode"), 0.2),
+    ],
+    ids=["state", "address", "mode"],
+)
+def test_what_is_not_announced_is_asked_for_now_and_then(
+    world: World, daemon: PlayedDaemon, words: list[str], state: str | None, asked: Pattern, seconds: float
+) -> None:
+    in_range(daemon)
+    daemon.obeys = False
+    with start(world, *words):
+        if state:
+            world.journal.wait_until(lambda: joined(daemon), "attempt")
+            daemon.announce("WiFiClientState", Variant("s", state))
+        # A pause begins with the answer: a busy machine makes it longer, and never shorter.
+        assert seconds * 0.9 < min(pauses(world, asked, world.journal.mark())) < seconds * 5
+
+
+def test_a_station_that_does_not_take_a_network_is_asked_again_twice_a_second(world: World, daemon: PlayedDaemon) -> None:
+    in_range(daemon)
+    daemon.refuse("Connect", text="Failed to connect to AP")
+    with start(world, "connect", "free"):
+        assert 0.45 < min(pauses(world, call("Connect"), 0, 2)) < 2.5
