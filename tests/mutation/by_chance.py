@@ -14,7 +14,11 @@ import hashlib
 import json
 import random
 import re
+import signal
+import subprocess
+import threading
 import time
+from collections import deque
 from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
@@ -26,6 +30,7 @@ from run import PYTHON, Failure, Tree, as_program, timed
 from sources import FOLDERS, compile_commands, object_of
 from verdicts import Record, Verdict
 
+FAILED = re.compile(r"\[gw\d+\] \[ *\d+%\] (?:FAILED|ERROR) (.+?)\s*$")
 ROOT = Path(__file__).resolve().parents[2]
 BUILD = ROOT / "build"
 PROGRAMS = ("network", "settingsd", "wifi", "doctor", "supplicant-names", "sim-sandbox", "sim-tool")
@@ -33,6 +38,10 @@ NEAR = 2
 """So many files of contract tests are near to a source."""
 AT_ONCE = 3
 """So many tests run at a time: most of them wait, for others or for the clock."""
+NOT_FOUND = (4, 5)
+"""How pytest ends when there is no test of a name, as of some that are made of odd arguments."""
+UNIT_LIMIT = 60
+"""Seconds that a unit test program may take."""
 NEAR_LIMIT = 75
 """Seconds that these may take where no others are asked."""
 
@@ -42,16 +51,42 @@ def failed_contract(tree: Tree, files: list[Path], limit: float) -> str | None:
 
     None when all pass, or none has failed within the limit.
     """
-    options = ["-x", "-q", "-n", str(AT_ONCE), "--tb=no", "-rfE", "-o", f"cache_dir={tree.build / 'pytest-cache'}"]
-    command = [PYTHON, "-m", "pytest", *map(str, files), *options, "--build-dir", str(tree.build)]
-    for more in ([], ["--last-failed"]):
-        status, output = timed([*command, *more], tree.folder, limit)
-        if status == 0 or "had to be ended" in output:
-            return None
-        named = re.search(r"^(?:FAILED|ERROR) (?:tests/contract/)?(.+?)(?: - .*)?$", output, re.MULTILINE)
-        if not named:
-            raise Failure(f"pytest ended with {status}:\n{output[-2000:]}")
-    return named[1]
+    name = first_failure(tree, [str(path) for path in files], limit)
+    again = name and first_failure(tree, [name], limit)
+    return again.removeprefix("tests/contract/") if again else None
+
+
+def first_failure(tree: Tree, tests: list[str], limit: float) -> str | None:
+    """The name of the first test that is seen to fail; those that still wait for what does not come are not waited for."""
+    command = [PYTHON, "-m", "pytest", *tests, "-v", "--tb=no", "-n", str(AT_ONCE), "--build-dir", str(tree.build)]
+    command += ["-p", "no:cacheprovider"]
+    said: deque[str] = deque(maxlen=40)
+    with subprocess.Popen(
+        command, cwd=tree.folder, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, errors="replace"
+    ) as pytest:
+        late = threading.Event()
+
+        def end() -> None:
+            late.set()
+            pytest.send_signal(signal.SIGINT)
+
+        timer = threading.Timer(limit, end)
+        timer.start()
+        try:
+            for line in pytest.stdout or ():
+                said.append(line)
+                if named := FAILED.match(line):
+                    pytest.send_signal(signal.SIGINT)
+                    return named[1]
+        finally:
+            timer.cancel()
+            deque(pytest.stdout or (), maxlen=0)
+            status = pytest.wait()
+    if status in NOT_FOUND and "[" in tests[0]:
+        return first_failure(tree, [tests[0].partition("[")[0]], limit)
+    if status != 0 and not late.is_set():
+        raise Failure(f"pytest ended with {status}:\n{''.join(said)}")
+    return None
 
 
 def failed_unit(tree: Tree, names: list[str]) -> str | None:
@@ -66,7 +101,7 @@ def failed_unit(tree: Tree, names: list[str]) -> str | None:
 def failed_program(tree: Tree, name: str) -> str | None:
     """The first test of a unit test program that fails, or how else it fails, twice; None when all pass."""
     for _ in range(2):
-        status, output = timed([str(tree.build / UNIT_TESTS / name), "--gtest_fail_fast"], tree.build, 120)
+        status, output = timed([str(tree.build / UNIT_TESTS / name), "--gtest_fail_fast"], tree.build, UNIT_LIMIT)
         if status == 0:
             return None
         if output == "had to be ended":
