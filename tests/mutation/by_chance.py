@@ -12,6 +12,7 @@ from __future__ import annotations
 import argparse
 import hashlib
 import json
+import os
 import random
 import re
 import signal
@@ -62,13 +63,19 @@ def first_failure(tree: Tree, tests: list[str], limit: float) -> str | None:
     command += ["-p", "no:cacheprovider"]
     said: deque[str] = deque(maxlen=40)
     with subprocess.Popen(
-        command, cwd=tree.folder, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, errors="replace"
+        command,
+        cwd=tree.folder,
+        stdout=subprocess.PIPE,
+        stderr=subprocess.STDOUT,
+        text=True,
+        errors="replace",
+        start_new_session=True,
     ) as pytest:
         late = threading.Event()
 
         def end() -> None:
             late.set()
-            pytest.send_signal(signal.SIGINT)
+            os.killpg(pytest.pid, signal.SIGKILL)
 
         timer = threading.Timer(limit, end)
         timer.start()
@@ -76,11 +83,11 @@ def first_failure(tree: Tree, tests: list[str], limit: float) -> str | None:
             for line in pytest.stdout or ():
                 said.append(line)
                 if named := FAILED.match(line):
-                    pytest.send_signal(signal.SIGINT)
+                    # Asked kindly, it would wait for the others' time-outs. What they have started ends with them.
+                    os.killpg(pytest.pid, signal.SIGKILL)
                     return named[1]
         finally:
             timer.cancel()
-            deque(pytest.stdout or (), maxlen=0)
             status = pytest.wait()
     if status in NOT_FOUND and "[" in tests[0]:
         return first_failure(tree, [tests[0].partition("[")[0]], limit)

@@ -13,37 +13,39 @@
 
 namespace testing_support {
 
-/** A disk that takes and gives files in pieces, and whose calls signals end, as long as it lives. */
+/** A disk that takes and gives files in pieces, and some calls of which fail, as long as it lives. */
 class DiskInPieces
 {
 public:
     /**
      * @param piece how many bytes a call writes or reads at most
-     * @param interruptions how many calls a signal ends before one does anything
+     * @param failures how many calls fail before one does anything
+     * @param error why they do
      */
-    explicit DiskInPieces(std::size_t piece, int interruptions = 3)
+    explicit DiskInPieces(std::size_t piece, int failures = 3, int error = EINTR)
     {
         mostBytes = piece;
-        interruptionsLeft = interruptions;
+        failuresLeft = failures;
+        failure = error;
     }
     ~DiskInPieces()
     {
         mostBytes = SIZE_MAX;
-        interruptionsLeft = 0;
+        failuresLeft = 0;
     }
     DiskInPieces(const DiskInPieces&) = delete;
     DiskInPieces& operator=(const DiskInPieces&) = delete;
 
-    /** How much of so many bytes a call takes now, or -1 where a signal ends it. */
+    /** How much of so many bytes a call takes now, or -1 where it fails. */
     static ssize_t taken(int fd, std::size_t size)
     {
         struct stat status = {};
         if (mostBytes == SIZE_MAX || ::fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
             return static_cast<ssize_t>(size);
         }
-        if (interruptionsLeft > 0) {
-            --interruptionsLeft;
-            errno = EINTR;
+        if (failuresLeft > 0) {
+            --failuresLeft;
+            errno = failure;
             return -1;
         }
         return static_cast<ssize_t>(std::min(size, mostBytes));
@@ -51,7 +53,8 @@ public:
 
 private:
     static inline std::size_t mostBytes = SIZE_MAX;
-    static inline int interruptionsLeft = 0;
+    static inline int failuresLeft = 0;
+    static inline int failure = EINTR;
 };
 
 } // namespace testing_support

@@ -16,6 +16,7 @@
 #include "rules.hpp"
 #include "schema.hpp"
 #include "store.hpp"
+#include "support/disk_in_pieces.hpp"
 #include "support/temp_folder.hpp"
 
 namespace {
@@ -53,11 +54,11 @@ protected:
         return store;
     }
 
-    /** Loads the store; what was odd, when it can be used. */
-    static std::vector<std::string> findings_of(SettingsStore& store)
+    /** Loads the store, with this result; what was odd. */
+    static std::vector<std::string> findings_of(SettingsStore& store, int result = 0)
     {
         std::vector<std::string> findings;
-        EXPECT_EQ(store.load(findings), 0);
+        EXPECT_EQ(store.load(findings), result);
         return findings;
     }
 
@@ -292,6 +293,21 @@ TEST_F(SettingsStoreTest, KeepsAFileThatIsFarTooLargeAside)
     EXPECT_THAT(findings_of(store), Contains("is larger than 4 MiB, nothing in it is kept"));
     EXPECT_EQ(folder.read("settings.json.damaged-1").size(), std::size_t{5} << 20U);
     EXPECT_EQ(set(store, enabled, false), 0);
+}
+
+TEST_F(SettingsStoreTest, AFailureToReadCountsWhenItLastsForThreeAttempts)
+{
+    folder.write("settings.json", R"({"network": {"mode": "Client"}})");
+    {
+        const testing_support::DiskInPieces disk(SIZE_MAX - 1, 2, EIO);
+        EXPECT_EQ(load_store().get(mode), Value("Client"));
+    }
+    const testing_support::DiskInPieces disk(SIZE_MAX - 1, 3, EIO);
+    SettingsStore store = make_store();
+    EXPECT_THAT(findings_of(store, -EIO),
+                ElementsAre("cannot be read and is left alone, settings cannot be changed "
+                            "until it can: Input/output error"));
+    EXPECT_EQ(store.get(mode), Value("Host"));
 }
 
 TEST_F(SettingsStoreTest, LeavesAFileAloneThatCannotBeReadUntilItCan)

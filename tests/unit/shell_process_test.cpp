@@ -3,9 +3,12 @@
 #include <cerrno>
 #include <csignal>
 #include <string>
+#include <utility>
 
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <spawn.h>
 #include <sys/wait.h>
 
 #include "support/interrupting_signals.hpp"
@@ -17,6 +20,22 @@ using testing_support::InterruptingSignals;
 
 constexpr int kExitStatusOne = 256;
 
+/** Why no shell can be started; 0 when one can. */
+int spawnError = 0;
+
+} // namespace
+
+/** Stands before the C library's. */
+extern "C" int posix_spawn(pid_t* child, const char* path, const posix_spawn_file_actions_t* actions,
+                           const posix_spawnattr_t* attributes, char* const arguments[],
+                           char* const environment[])
+{
+    static const auto kReal = reinterpret_cast<decltype(&posix_spawn)>(dlsym(RTLD_NEXT, "posix_spawn"));
+    return spawnError != 0 ? spawnError : kReal(child, path, actions, attributes, arguments, environment);
+}
+
+namespace {
+
 TEST(ShellRun, GivesTheRawWaitStatus)
 {
     EXPECT_EQ(shell_run("true"), 0);
@@ -24,6 +43,21 @@ TEST(ShellRun, GivesTheRawWaitStatus)
     EXPECT_EQ(shell_run("exit 255"), 255 * kExitStatusOne);
     EXPECT_EQ(shell_run("kill -TERM $$"), SIGTERM);
     EXPECT_EQ(shell_run("/nowhere/at-all 2>/dev/null"), 127 * kExitStatusOne);
+}
+
+TEST(ShellRun, WithoutAShellThereIsNoCommandAndWithoutAProcessNoStatus)
+{
+    for (const auto& [error, status] : {std::pair(ENOENT, 127 * kExitStatusOne),
+                                        {EACCES, 127 * kExitStatusOne},
+                                        {EAGAIN, -1},
+                                        {ENOMEM, -1}}) {
+        spawnError = error;
+        EXPECT_EQ(shell_run("true"), status) << error;
+        ShellPipe pipe("echo text");
+        EXPECT_FALSE(pipe) << error;
+        EXPECT_EQ(pipe.read(100), "") << error;
+    }
+    spawnError = 0;
 }
 
 TEST(ShellRun, WaitsOnAfterASignal)
