@@ -84,10 +84,15 @@ std::optional<Failure> pause_until(Daemon& daemon, Deadline moment)
     return std::nullopt;
 }
 
-/** Reads the property until it has the value or the time is over; the value read last. */
+/**
+ * Reads the property until it has the value or the time is over; the value read last. A quarter of the time
+ * is kept for the answer to the last look: a busy device that says no is not to be taken for one that says
+ * nothing.
+ */
 Result<Json> settled(Daemon& daemon, const Setting& setting, Deadline deadline)
 {
-    const Deadline end = std::min(deadline, Clock::now() + kSettling);
+    const auto now = Clock::now();
+    const Deadline end = now + std::min<Clock::duration>((deadline - now) / 4 * 3, kSettling);
     for (;;) {
         auto read = daemon.get(setting.property, deadline);
         if (!read || read.value() == setting.value || Clock::now() + kPollInterval >= end) {

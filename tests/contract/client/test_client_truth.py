@@ -91,6 +91,15 @@ def test_an_access_point_that_does_not_get_its_name_is_told(world: World, daemon
     )
 
 
+def test_a_slow_answer_near_the_end_is_waited_for(world: World, daemon: PlayedDaemon, way: Way) -> None:
+    """A device that says no to the last look is not one that says nothing."""
+    access_point(daemon)
+    daemon.obeys = False
+    daemon.slow("Get", 0.5, on="SSID")
+    ended = way.run(world, "ssid", "Kitchen", "--timeout", "3")
+    assert ended.status == REFUSED, ended
+
+
 def test_a_value_that_takes_its_time_is_waited_for(world: World, daemon: PlayedDaemon, way: Way) -> None:
     access_point(daemon)
     daemon.obeys = False
