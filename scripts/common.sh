@@ -14,7 +14,9 @@ unset PYTHONPATH PYTHONHOME
 export PYTHONNOUSERSITE=1
 PYTHON=/usr/bin/python3
 export PYTHON
-# What Python compiles is kept with everything else that is built, not among the sources.
+# What Python compiles is kept with everything else that is built, not among the sources; also where somebody has asked for
+# none to be kept: twenty processes of a test run would each compile all tests anew.
+unset PYTHONDONTWRITEBYTECODE
 export PYTHONPYCACHEPREFIX="$ROOT/build/pycache"
 
 # How many processes to run at once.
