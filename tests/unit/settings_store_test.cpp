@@ -6,6 +6,7 @@
 #include <csignal>
 #include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <sys/resource.h>
@@ -293,6 +294,20 @@ TEST_F(SettingsStoreTest, KeepsAFileThatIsFarTooLargeAside)
     EXPECT_THAT(findings_of(store), Contains("is larger than 4 MiB, nothing in it is kept"));
     EXPECT_EQ(folder.read("settings.json.damaged-1").size(), std::size_t{5} << 20U);
     EXPECT_EQ(set(store, enabled, false), 0);
+}
+
+TEST_F(SettingsStoreTest, ItsFileIsReadByItsGroupAndNobodyElseAndTheLockByNobody)
+{
+    const mode_t before = ::umask(0);
+    SettingsStore store = load_store();
+    EXPECT_EQ(set(store, mode, "Client"), 0);
+    ::umask(before);
+    for (const auto& [name, permissions] :
+         {std::pair("settings.json", 0640U), std::pair("settings.json.lock", 0600U)}) {
+        struct stat status = {};
+        ASSERT_EQ(::stat(folder.file(name).c_str(), &status), 0);
+        EXPECT_EQ(status.st_mode & 07777U, permissions) << name;
+    }
 }
 
 TEST_F(SettingsStoreTest, AFailureToReadCountsWhenItLastsForThreeAttempts)
