@@ -50,6 +50,11 @@ WORDS = {
     "client/words": "joining",
 }
 """What the client's contract tests call what is in a source, by the beginning of its path: they go by command, and it does not."""
+ELSEWHERE = {
+    "src/radio/wpa_supplicant.cpp": ("core/test_station_connect.py", "core/test_station_scan_disconnect.py"),
+    "client/passphrase.cpp": ("client/test_client_joining.py", "client/test_client_truth.py"),
+}
+"""The nearest contract tests of those sources that neither room nor words lead to."""
 UNIT_TESTS = "tests/unit/"
 
 
@@ -67,6 +72,8 @@ def contract_files(tree: Tree, file: str) -> list[Path]:
 
     def distance(path: Path) -> tuple[int, int, str]:
         room = path.parent.name
+        if f"{room}/{path.name}" in ELSEWHERE.get(file, ()):
+            return (-1, 0, path.name)
         return (rooms.index(room), nearness(file, path.name), path.name) if room in rooms else (len(rooms), 0, str(path))
 
     return sorted((tree.folder / "tests/contract").glob("*/test_*.py"), key=distance)

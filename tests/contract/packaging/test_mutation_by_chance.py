@@ -69,6 +69,7 @@ def test_of_the_same_change_in_two_places_of_a_line_only_the_named_one_is_excuse
         ("src/core/wired_dhcp_server.cpp", "core/test_wired_dhcp_server.py"),
         ("src/radio/hostapd_config.cpp", "radio/test_hostapd_unit.py"),
         ("src/listeners/kernel_netlink_listener.cpp", "listeners/test_kernel_addresses.py"),
+        ("src/radio/wpa_supplicant.cpp", "core/test_station_connect.py"),
         ("client/scan.cpp", "client/test_client_scan.py"),
         ("platform/settingsd/src/store.cpp", "config/test_real_settings_daemon.py"),
     ],
