@@ -23,12 +23,15 @@ enum class BusRole { User, System, Both };
 class PrivateBus
 {
 public:
-    explicit PrivateBus(BusRole role = BusRole::Both)
+    /** @param rules further ones of the bus daemon's policy, which hold against those that allow everything
+     */
+    explicit PrivateBus(BusRole role = BusRole::Both, const std::string& rules = "")
     {
         folder_.write("bus.conf", "<busconfig><type>session</type><listen>" + address() +
                                       "</listen><auth>EXTERNAL</auth><policy context=\"default\">"
                                       "<allow send_destination=\"*\" eavesdrop=\"true\"/>"
-                                      "<allow eavesdrop=\"true\"/><allow own=\"*\"/></policy></busconfig>");
+                                      "<allow eavesdrop=\"true\"/><allow own=\"*\"/>" +
+                                      rules + "</policy></busconfig>");
         if (role != BusRole::System) {
             ::setenv("DBUS_SESSION_BUS_ADDRESS", address().c_str(), 1);
         }

@@ -510,6 +510,17 @@ TEST_F(DbusListenerTest, MayOutliveTheLoopOwner)
     listener.Disconnect();
 }
 
+TEST(DbusListenerRefused, SaysThatNobodyTellsWhoItsSenderIs)
+{
+    const PrivateBus bus(BusRole::Both,
+                         "<deny send_interface=\"org.freedesktop.DBus\" send_member=\"GetNameOwner\"/>");
+    const EventLoop loop;
+    DbusListener listener(loop.get());
+    ASSERT_EQ(listener.Connect(), 0);
+    Texts heard;
+    EXPECT_EQ(listener.ListenSignal(kSender, "", kInterface, kMember, note, &heard), -EACCES);
+}
+
 TEST(DbusListenerBuses, AreToldApart)
 {
     const PrivateBus userBus(BusRole::User);
