@@ -8,58 +8,14 @@
 #include <syslog.h>
 
 #include "support/captured_log.hpp"
-#include "utils/systemd_units.hpp"
+#include "support/played_units.hpp"
 
 namespace {
 
 using testing::ElementsAre;
 using testing_support::captured_log;
 using testing_support::LogLine;
-
-/** What the unit control was asked to do, and what it answers. */
-struct UnitControl
-{
-    int loadResult = 1;
-    int jobResult = 1;
-    std::string loadedPath = "/unit";
-    std::vector<std::string> calls;
-};
-
-UnitControl control;
-
-int job(const char* name, const std::string& path)
-{
-    // The line of the wrapper stands first, so it is there by now.
-    EXPECT_EQ(captured_log().lines().size(), 1U);
-    control.calls.push_back(std::string(name) + " '" + path + "'");
-    return control.jobResult;
-}
-
-} // namespace
-
-int utils_load_service_unit(const std::string& name, std::string& path)
-{
-    control.calls.push_back("load " + name);
-    path = control.loadedPath;
-    return control.loadResult;
-}
-
-int utils_start_service(const std::string& path)
-{
-    return job("start", path);
-}
-
-int utils_restart_service(const std::string& path)
-{
-    return job("restart", path);
-}
-
-int utils_stop_service(const std::string& path)
-{
-    return job("stop", path);
-}
-
-namespace {
+using testing_support::units;
 
 struct Wrapper
 {
@@ -75,7 +31,9 @@ class DhcpUnits : public testing::TestWithParam<Wrapper>
 protected:
     DhcpUnits()
     {
-        control = {};
+        units = {};
+        // The line of the wrapper stands first, so it is there when a job is asked for.
+        units.atJob = [] { EXPECT_EQ(captured_log().lines().size(), 1U); };
         captured_log().clear();
     }
 };
@@ -84,29 +42,29 @@ TEST_P(DhcpUnits, WritesItsLineThenLoadsItsUnitThenRunsItsJob)
 {
     EXPECT_EQ(GetParam().function(), 1);
     EXPECT_THAT(captured_log().lines(), ElementsAre(LogLine{LOG_INFO, GetParam().line}));
-    EXPECT_THAT(control.calls, ElementsAre(std::string("load ") + GetParam().unit,
-                                           std::string(GetParam().job) + " '/unit'"));
+    EXPECT_THAT(units.calls, ElementsAre(std::string("load ") + GetParam().unit,
+                                         std::string(GetParam().job) + " '/unit'"));
 }
 
 TEST_P(DhcpUnits, ReturnsTheResultOfTheJob)
 {
-    control.jobResult = 0;
+    units.jobDone = 0;
     EXPECT_EQ(GetParam().function(), 0);
 }
 
 TEST_P(DhcpUnits, GoesOnWithAnEmptyPathAfterALookUpThatFailedWithNonzero)
 {
-    control.loadedPath = "";
+    units.loadedPath = "";
     EXPECT_EQ(GetParam().function(), 1);
-    EXPECT_THAT(control.calls,
+    EXPECT_THAT(units.calls,
                 ElementsAre(std::string("load ") + GetParam().unit, std::string(GetParam().job) + " ''"));
 }
 
 TEST_P(DhcpUnits, RunsNoJobAfterALookUpOfZero)
 {
-    control.loadResult = 0;
+    units.loaded = 0;
     EXPECT_EQ(GetParam().function(), 0);
-    EXPECT_THAT(control.calls, ElementsAre(std::string("load ") + GetParam().unit));
+    EXPECT_THAT(units.calls, ElementsAre(std::string("load ") + GetParam().unit));
     EXPECT_THAT(captured_log().lines(), ElementsAre(LogLine{LOG_INFO, GetParam().line}));
 }
 

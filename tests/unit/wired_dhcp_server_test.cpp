@@ -8,64 +8,23 @@
 #include <syslog.h>
 
 #include "support/captured_log.hpp"
+#include "support/played_units.hpp"
 #include "utils/interface_queries.hpp"
-#include "utils/systemd_units.hpp"
 
 namespace {
 
 using testing::ElementsAre;
 using testing_support::captured_log;
 using testing_support::LogLine;
+using testing_support::units;
 
-/** The machine around the reaction: what it was asked to do, and what it answers. */
-struct Machine
-{
-    bool nfsRoot = false;
-    bool enabled = true;
-    bool disabled = true;
-    int loaded = 1;
-    int jobDone = 1;
-    std::vector<std::string> calls;
-};
-
-Machine machine;
+bool nfsRoot = false;
 
 } // namespace
 
 bool utils_is_nfs_root()
 {
-    return machine.nfsRoot;
-}
-
-bool utils_enable_service(const std::string& unit)
-{
-    machine.calls.push_back("enable " + unit);
-    return machine.enabled;
-}
-
-bool utils_disable_service(const std::string& unit)
-{
-    machine.calls.push_back("disable " + unit);
-    return machine.disabled;
-}
-
-int utils_load_service_unit(const std::string& name, std::string& path)
-{
-    machine.calls.push_back("load " + name);
-    path = "/unit";
-    return machine.loaded;
-}
-
-int utils_start_service(const std::string& path)
-{
-    machine.calls.push_back("start " + path);
-    return machine.jobDone;
-}
-
-int utils_stop_service(const std::string& path)
-{
-    machine.calls.push_back("stop " + path);
-    return machine.jobDone;
+    return nfsRoot;
 }
 
 namespace {
@@ -75,7 +34,8 @@ class WiredDhcpServer : public testing::Test
 protected:
     WiredDhcpServer()
     {
-        machine = {};
+        units = {};
+        nfsRoot = false;
         captured_log().clear();
     }
 
@@ -86,8 +46,8 @@ protected:
 
     static void expect_stopped_and_disabled()
     {
-        EXPECT_THAT(machine.calls,
-                    ElementsAre("load udhcpd_eth0.service", "stop /unit", "disable udhcpd_eth0.service"));
+        EXPECT_THAT(units.calls,
+                    ElementsAre("load udhcpd_eth0.service", "stop '/unit'", "disable udhcpd_eth0.service"));
         EXPECT_THAT(log(),
                     ElementsAre(LogLine{LOG_INFO, "Successfully stopped and disabled udhcpd_eth0.service"}));
     }
@@ -96,8 +56,8 @@ protected:
 TEST_F(WiredDhcpServer, IsEnabledAndStartedForAnAddressAddedOnTheWire)
 {
     address_added();
-    EXPECT_THAT(machine.calls, ElementsAre("enable /etc/korrin/udhcpd_eth0.service",
-                                           "load udhcpd_eth0.service", "start /unit"));
+    EXPECT_THAT(units.calls, ElementsAre("enable /etc/korrin/udhcpd_eth0.service", "load udhcpd_eth0.service",
+                                         "start '/unit'"));
     EXPECT_THAT(log(),
                 ElementsAre(LogLine{LOG_INFO, "Successfully enabled and started udhcpd_eth0.service"}));
 }
@@ -122,57 +82,57 @@ TEST_F(WiredDhcpServer, IsStoppedAndDisabledForAnAliasOfTheWire)
 
 TEST_F(WiredDhcpServer, IsStoppedAndDisabledForEveryEventOnANetworkRoot)
 {
-    machine.nfsRoot = true;
+    nfsRoot = true;
     address_added();
     expect_stopped_and_disabled();
 }
 
 TEST_F(WiredDhcpServer, IsNeitherLoadedNorStartedWhenItCanNotBeEnabled)
 {
-    machine.enabled = false;
+    units.enabled = false;
     address_added();
-    EXPECT_THAT(machine.calls, ElementsAre("enable /etc/korrin/udhcpd_eth0.service"));
+    EXPECT_THAT(units.calls, ElementsAre("enable /etc/korrin/udhcpd_eth0.service"));
     EXPECT_THAT(log(), ElementsAre(LogLine{LOG_ERR, "Failed to enable udhcpd_eth0.service"}));
 }
 
 TEST_F(WiredDhcpServer, IsNotStartedWhenTheLookUpIsZero)
 {
-    machine.loaded = 0;
+    units.loaded = 0;
     address_added();
-    EXPECT_THAT(machine.calls,
+    EXPECT_THAT(units.calls,
                 ElementsAre("enable /etc/korrin/udhcpd_eth0.service", "load udhcpd_eth0.service"));
     EXPECT_THAT(log(), ElementsAre(LogLine{LOG_ERR, "Failed to load udhcpd_eth0.service"}));
 }
 
 TEST_F(WiredDhcpServer, HasNotStartedWhenTheJobIsZero)
 {
-    machine.jobDone = 0;
+    units.jobDone = 0;
     address_added();
     EXPECT_THAT(log(), ElementsAre(LogLine{LOG_ERR, "Failed to start udhcpd_eth0.service"}));
 }
 
 TEST_F(WiredDhcpServer, IsNeitherStoppedNorDisabledWhenTheLookUpIsZero)
 {
-    machine.loaded = 0;
+    units.loaded = 0;
     address_removed();
-    EXPECT_THAT(machine.calls, ElementsAre("load udhcpd_eth0.service"));
+    EXPECT_THAT(units.calls, ElementsAre("load udhcpd_eth0.service"));
     EXPECT_THAT(log(), ElementsAre(LogLine{LOG_ERR, "Failed to load udhcpd_eth0.service"}));
 }
 
 TEST_F(WiredDhcpServer, IsNotDisabledWhenTheStopJobIsZero)
 {
-    machine.jobDone = 0;
+    units.jobDone = 0;
     address_removed();
-    EXPECT_THAT(machine.calls, ElementsAre("load udhcpd_eth0.service", "stop /unit"));
+    EXPECT_THAT(units.calls, ElementsAre("load udhcpd_eth0.service", "stop '/unit'"));
     EXPECT_THAT(log(), ElementsAre(LogLine{LOG_ERR, "Failed to stop udhcpd_eth0.service"}));
 }
 
 TEST_F(WiredDhcpServer, IsStoppedAllTheSameWhenItCanNotBeDisabled)
 {
-    machine.disabled = false;
+    units.disabled = false;
     address_removed();
-    EXPECT_THAT(machine.calls,
-                ElementsAre("load udhcpd_eth0.service", "stop /unit", "disable udhcpd_eth0.service"));
+    EXPECT_THAT(units.calls,
+                ElementsAre("load udhcpd_eth0.service", "stop '/unit'", "disable udhcpd_eth0.service"));
     EXPECT_THAT(log(), ElementsAre(LogLine{LOG_ERR, "Failed to disable udhcpd_eth0.service"}));
 }
 

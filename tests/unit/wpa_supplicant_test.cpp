@@ -12,8 +12,8 @@
 #include <syslog.h>
 
 #include "support/captured_log.hpp"
+#include "support/played_units.hpp"
 #include "support/private_bus.hpp"
-#include "utils/systemd_units.hpp"
 
 // The unit's wrappers over replaced unit jobs, and the result conventions of the calls.
 
@@ -25,16 +25,12 @@ using testing_support::BusRole;
 using testing_support::captured_log;
 using testing_support::LogLine;
 using testing_support::PrivateBus;
+using testing_support::units;
 
 constexpr const char* kUnit = "wpa_supplicant-nl80211@wlan0.service";
 
-struct
-{
-    int loaded = 1;
-    int done = 1;
-    std::vector<std::string> calls;
-    std::string currentNetwork; // at the time of the last job
-} units;
+/** At the time of the last job. */
+std::string networkAtJob;
 
 /** What sd-bus answers in place of a call without a reply to read. */
 int callResult = 1;
@@ -42,42 +38,13 @@ int callResult = 1;
 /** Whether AddNetwork can be made into a message. */
 bool creatable = true;
 
-int job(const std::string& verb, const std::string& path)
+void note_network()
 {
-    units.calls.push_back(verb + " " + path);
-    units.currentNetwork.clear();
-    wpa_supplicant_get_current_network(units.currentNetwork);
-    return units.done;
+    networkAtJob.clear();
+    wpa_supplicant_get_current_network(networkAtJob);
 }
 
 } // namespace
-
-int utils_load_service_unit(const std::string& name, std::string& path)
-{
-    units.calls.push_back("load " + name);
-    path = "/unit";
-    return units.loaded;
-}
-int utils_start_service(const std::string& path)
-{
-    return job("start", path);
-}
-int utils_restart_service(const std::string& path)
-{
-    return job("restart", path);
-}
-int utils_stop_service(const std::string& path)
-{
-    return job("stop", path);
-}
-bool utils_enable_service(const std::string&)
-{
-    return false;
-}
-bool utils_disable_service(const std::string&)
-{
-    return false;
-}
 
 extern "C" {
 
@@ -111,6 +78,7 @@ protected:
         creatable = true;
         wpa_supplicant_stop();
         units = {};
+        units.atJob = note_network;
         captured_log().clear();
     }
 
@@ -129,7 +97,8 @@ TEST_F(WpaSupplicant, EachWrapperLoadsTheUnitAndAsksForItsJob)
     EXPECT_EQ(wpa_supplicant_restart_service(), 1);
     EXPECT_EQ(wpa_supplicant_stop_service(), 1);
     const std::string load = std::string("load ") + kUnit;
-    EXPECT_THAT(units.calls, ElementsAre(load, "start /unit", load, "restart /unit", load, "stop /unit"));
+    EXPECT_THAT(units.calls,
+                ElementsAre(load, "start '/unit'", load, "restart '/unit'", load, "stop '/unit'"));
     EXPECT_THAT(captured_log().lines(),
                 ElementsAre(LogLine{LOG_INFO, "Starting WPA Supplicant daemon service"},
                             LogLine{LOG_INFO, "Re-Starting WPA Supplicant daemon service"},
@@ -138,10 +107,10 @@ TEST_F(WpaSupplicant, EachWrapperLoadsTheUnitAndAsksForItsJob)
 
 TEST_F(WpaSupplicant, TheResultOfTheJobIsTheResult)
 {
-    units.done = -5;
+    units.jobDone = -5;
     EXPECT_EQ(wpa_supplicant_start(), -5);
     EXPECT_EQ(wpa_supplicant_stop(), -5);
-    units.done = 0;
+    units.jobDone = 0;
     EXPECT_EQ(wpa_supplicant_start(), 0);
     EXPECT_EQ(wpa_supplicant_stop(), 0);
 }
@@ -159,13 +128,13 @@ TEST_F(WpaSupplicant, StartAndStopForgetTheNetworkBeforeTheJob)
 {
     wpa_supplicant_select_network("/network");
     wpa_supplicant_stop();
-    EXPECT_EQ(units.currentNetwork, "");
+    EXPECT_EQ(networkAtJob, "");
     wpa_supplicant_select_network("/network");
     wpa_supplicant_start();
-    EXPECT_EQ(units.currentNetwork, "");
+    EXPECT_EQ(networkAtJob, "");
     wpa_supplicant_select_network("/network");
     wpa_supplicant_restart_service();
-    EXPECT_EQ(units.currentNetwork, "/network") << "a mere restart of the unit keeps it";
+    EXPECT_EQ(networkAtJob, "/network") << "a mere restart of the unit keeps it";
 }
 
 TEST_F(WpaSupplicant, ScanFailsOnlyWithTheResult0)
