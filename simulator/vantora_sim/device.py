@@ -74,7 +74,8 @@ class SimulatedDevice(Lasting):
 
     def __enter__(self) -> Self:
         self.world.__enter__()  # which ends itself where it cannot begin
-        return super().__enter__()
+        super().__enter__()
+        return self
 
     def _begin(self) -> None:
         self.world.try_ip("link", "set", "cable0", "down")
