@@ -538,6 +538,11 @@ Everything here can be had by sub-commands, too: vantora-wifi --help|
 + +|
 [ any key back                                                           ]|
 )");
+    EXPECT_EQ(drawn(model, 4, 20), R"([* vantora-wifi       *]|
+*Keys*|
++ +|
+[ any key back       ]|
+)");
 }
 
 TEST_F(ClientScreen, APassphraseIsAskedForLikeThis)
