@@ -40,12 +40,24 @@ def seen(client: Running, rows: int = 24, columns: int = 80) -> list[str]:
 
 def lines_of(text: str, rows: int, columns: int) -> list[str]:
     """What is on a terminal of this size after it has been sent this text."""
+    return [line.rstrip() for line in screen_of(text, rows, columns).display]
+
+
+def colour_of(client: Running, word: str) -> str:
+    """The colour in which a person sees a word."""
+    screen = screen_of(client.text, 24, 80)
+    row = next(number for number, line in enumerate(screen.display) if word in line)
+    return str(screen.buffer[row][screen.display[row].index(word)].fg)
+
+
+def screen_of(text: str, rows: int, columns: int) -> pyte.Screen:
+    """A terminal of this size that has been sent this text."""
     screen = pyte.Screen(columns, rows)
     # The emulator scrolls by lines only; the cursor stands at the margin whenever a terminal is asked for several.
     for letter, single in (("T", "\x1bM"), ("S", "\x1bD")):
         text = re.sub(rf"\x1b\[(\d*){letter}", lambda found, one=single: one * int(found[1] or 1), text)
     pyte.Stream(screen).feed(text)
-    return [line.rstrip() for line in screen.display]
+    return screen
 
 
 def wait_seen(client: Running, pattern: str, rows: int = 24, columns: int = 80) -> None:
@@ -86,6 +98,12 @@ def test_the_state_is_on_top_and_the_networks_below(world: World, daemon: Played
         assert [line.split()[-1] for line in below] == ["secured", "(joined)", "office"]
         assert below[0].startswith("> ▂▄▆█    -50  🔒") and below[1].startswith("  ▂▄▆·    -60     free")
         assert "✗" in below[2]
+        assert [colour_of(client, word) for word in ("on", "▂▄▆·", "office", "Mode")] == [
+            "green",
+            "green",
+            "default",
+            "default",
+        ]
         assert lines[23] == " Enter join  d disconnect  m mode  r scan  ? help  q quit"
         client.type("q")
         assert client.end() == DONE
