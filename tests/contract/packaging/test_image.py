@@ -234,6 +234,23 @@ def test_emulated_programs_of_32_bits_find_the_drivers_in_memory(tree: Tree, mac
     assert ("mount -t tmpfs modules" in installing) == ((machine, of) == ("amd64", "armhf"))
 
 
+def test_the_initrd_is_made_once_and_of_everything_that_is_installed(tree: Tree) -> None:
+    """Emulated, it takes minutes each time."""
+    assert tree.image().returncode == 0
+    called = "\n".join(tree.called())
+    steps = [
+        "mmdebstrap ",
+        '--essential-hook=chroot "$1" sh -ec \'dpkg-divert --quiet --local --rename --add /usr/sbin/update-initramfs;',
+        "apt-get -q -y install /packages/*.deb;",
+        "dpkg-divert --quiet --local --rename --remove /usr/sbin/update-initramfs",
+        "update-initramfs -c -k ",
+        "lsinitramfs /initrd.img",
+    ]
+    places = [called.find(step) for step in steps]
+    assert -1 not in places and places == sorted(places), called
+    assert called.count("update-initramfs -") == 1
+
+
 def test_an_initrd_without_drivers_of_disks_is_no_image(tree: Tree) -> None:
     (tree.root / "incomplete").touch()
     ran = tree.image()
