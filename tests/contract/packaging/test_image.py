@@ -244,7 +244,7 @@ def test_the_initrd_is_made_once_and_of_everything_that_is_installed(tree: Tree)
         "apt-get -q -y install /packages/*.deb;",
         "dpkg-divert --quiet --local --rename --remove /usr/sbin/update-initramfs",
         "update-initramfs -c -k ",
-        "lsinitramfs /initrd.img",
+        'lsinitramfs "$(readlink -f /initrd.img)"',  # what reads it takes no link for a file
     ]
     places = [called.find(step) for step in steps]
     assert -1 not in places and places == sorted(places), called
