@@ -37,6 +37,11 @@ _FLAGS = (
 )
 
 
+def _interruptible() -> None:
+    """A shell that runs the tests in the background has its children ignore SIGINT; a person's terminal does not."""
+    signal.signal(signal.SIGINT, signal.SIG_DFL)
+
+
 class Running:
     """A `vantora-sim` with a page: its address, and a fresh key whenever one is wanted."""
 
@@ -52,6 +57,7 @@ class Running:
             text=True,
             env={**environment, **(desktop or {})},
             process_group=0,
+            preexec_fn=_interruptible,
         )
         self._links: queue.Queue[tuple[str, str]] = queue.Queue()
         self.output: list[str] = []
