@@ -7,6 +7,7 @@ cost. Here a question is a constant, and of an answer only the length is read.
 from __future__ import annotations
 
 import asyncio
+import contextlib
 import os
 import socket
 import struct
@@ -57,8 +58,13 @@ class BusProbe:
             raise
         return probe
 
-    def close(self) -> None:
-        """Disconnect."""
+    async def close(self) -> None:
+        """Disconnect; whoever waits for an answer gets an EOFError."""
+        with contextlib.suppress(OSError):
+            self._connection.shutdown(socket.SHUT_RDWR)
+        # The loop, which serves everybody, has to see the end before the number of the descriptor can be another's.
+        for _ in range(3):
+            await asyncio.sleep(0)
         self._connection.close()
 
     async def ping(self) -> None:

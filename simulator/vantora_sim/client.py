@@ -91,15 +91,24 @@ class Watcher(Client):
     @classmethod
     async def start(cls, address: str, journal: Journal) -> "Watcher":
         """Connect and begin to watch."""
-        bus = await connect(address)
-        watcher = cls(bus, await BusProbe.open(address), journal)
+        probe = await BusProbe.open(address)
+        try:
+            bus = await connect(address)
+        except BaseException:
+            await probe.close()
+            raise
+        watcher = cls(bus, probe, journal)
         bus.add_message_handler(watcher._receive)
-        await watcher.ask_bus("AddMatch", "s", [f"type='signal',path='{PATH}'"])
+        try:
+            await watcher.ask_bus("AddMatch", "s", [f"type='signal',path='{PATH}'"])
+        except BaseException:
+            await watcher.close()
+            raise
         return watcher
 
     async def close(self) -> None:
         """Disconnect."""
-        self._probe.close()
+        await self._probe.close()
         await super().close()
 
     async def catch_up(self) -> None:

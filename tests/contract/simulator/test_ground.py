@@ -18,6 +18,7 @@ import pytest
 from dbus_next import Message
 from ground import MANAGER, NETWORK, wait_for_text
 from vantora_sim import DEADLINE, World, call, changed, command, exited, log, notify, signal
+from vantora_sim.bus_probe import BusProbe
 from vantora_sim.client import INTERFACE, PATH, Client
 from vantora_sim.dbus_fake import connect, disconnect
 
@@ -204,6 +205,21 @@ def test_flood_of_announcements_is_kept_and_ordered_before_the_next_command(worl
         reading.set()
     before = world.journal.since()[: world.journal.wait_for(command("rfkill list wlan")).index]
     assert [entry.body[:2] for entry in before if entry.kind == "signal"] == [[attempt, i] for i in range(2000)]
+
+
+def test_whoever_asks_a_bus_that_hangs_is_let_go_when_the_connection_is_closed(world: World) -> None:
+    probe = world.loop.run(BusProbe.open(world.user_bus.address))
+    world.user_bus.freeze()
+    try:
+        asked = world.loop.submit(probe.ping())
+        world.loop.run(probe.close())
+        with pytest.raises(EOFError):
+            asked.result(DEADLINE)
+    finally:
+        world.user_bus.thaw()
+    another = world.loop.run(BusProbe.open(world.user_bus.address))  # most likely with the same number of a descriptor
+    world.loop.run(another.ping())
+    world.loop.run(another.close())
 
 
 def test_signals_of_the_daemon_are_recorded_one_entry_per_property(world: World) -> None:
