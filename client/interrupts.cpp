@@ -3,12 +3,13 @@
 #include <sys/signalfd.h>
 #include <unistd.h>
 
+#include "support/signal_set.hpp"
+
 namespace client {
 
 Interrupts::Interrupts()
 {
-    sigset_t held;
-    sigemptyset(&held);
+    sigset_t held = signal_set({});
     for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
         struct sigaction before = {};
         ::sigaction(number, nullptr, &before);
@@ -18,7 +19,7 @@ Interrupts::Interrupts()
     }
     fd_ = UniqueFd(::signalfd(-1, &held, SFD_CLOEXEC | SFD_NONBLOCK));
     if (!fd_) {
-        sigemptyset(&held); // better ended without a word than not at all
+        held = signal_set({}); // better ended without a word than not at all
     }
     ::sigprocmask(SIG_BLOCK, &held, &maskBefore_);
 }

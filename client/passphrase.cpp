@@ -11,6 +11,7 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include "support/signal_set.hpp"
 #include "support/unique_fd.hpp"
 #include "text.hpp"
 
@@ -44,12 +45,7 @@ public:
         caughtSignal = 0;
         struct sigaction action = {};
         action.sa_handler = note_signal;
-        sigemptyset(&action.sa_mask);
-        sigset_t held;
-        sigemptyset(&held);
-        for (const int number : kSignals) {
-            sigaddset(&held, number);
-        }
+        const sigset_t held = signal_set(kSignals);
         ::sigprocmask(SIG_BLOCK, &held, &maskBefore_);
         for (std::size_t index = 0; index < kSignals.size(); ++index) {
             ::sigaction(kSignals[index], nullptr, &before_[index]);

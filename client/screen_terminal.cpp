@@ -18,6 +18,7 @@
 #define NCURSES_NOMACROS
 #include <curses.h>
 
+#include "support/signal_set.hpp"
 #include "terminal.hpp"
 
 namespace client {
@@ -68,7 +69,6 @@ void catch_crashes()
     struct sigaction action = {};
     action.sa_handler = give_back_and_crash;
     action.sa_flags = static_cast<int>(SA_RESETHAND | SA_NODEFER);
-    sigemptyset(&action.sa_mask);
     for (const int number : kCrashes) {
         struct sigaction before = {};
         ::sigaction(number, nullptr, &before);
@@ -76,16 +76,6 @@ void catch_crashes()
             ::sigaction(number, &action, nullptr);
         }
     }
-}
-
-sigset_t held_signals()
-{
-    sigset_t held;
-    sigemptyset(&held);
-    for (const int number : kHeld) {
-        sigaddset(&held, number);
-    }
-    return held;
 }
 
 std::string utf8_of(wint_t character)
@@ -169,7 +159,7 @@ ScreenTerminal::ScreenTerminal()
     if (!Terminal::can_move(STDOUT_FILENO) || ::tcgetattr(STDIN_FILENO, &termiosBefore) != 0) {
         return;
     }
-    const sigset_t held = held_signals();
+    const sigset_t held = signal_set(kHeld);
     signals_ = UniqueFd(::signalfd(-1, &held, SFD_CLOEXEC | SFD_NONBLOCK));
     if (!signals_) {
         return;
@@ -213,7 +203,7 @@ ScreenTerminal::~ScreenTerminal()
     for (const int number : {SIGINT, SIGTERM, SIGTSTP, SIGWINCH}) {
         std::signal(number, SIG_DFL);
     }
-    const sigset_t held = held_signals();
+    const sigset_t held = signal_set(kHeld);
     ::sigprocmask(SIG_UNBLOCK, &held, nullptr);
 }
 
@@ -284,11 +274,8 @@ void ScreenTerminal::stop()
     struct sigaction usual = {};
     struct sigaction librarys = {};
     usual.sa_handler = SIG_DFL;
-    sigemptyset(&usual.sa_mask);
     ::sigaction(SIGTSTP, &usual, &librarys);
-    sigset_t one;
-    sigemptyset(&one);
-    sigaddset(&one, SIGTSTP);
+    const sigset_t one = signal_set({SIGTSTP});
     ::raise(SIGTSTP);
     ::sigprocmask(SIG_UNBLOCK, &one, nullptr); // stopped in here
     ::sigprocmask(SIG_BLOCK, &one, nullptr);

@@ -11,6 +11,7 @@
 #include <sys/signalfd.h>
 #include <unistd.h>
 
+#include "support/signal_set.hpp"
 #include "utils/thread_start.hpp"
 
 namespace {
@@ -19,20 +20,11 @@ using namespace std::chrono_literals;
 
 constexpr auto kTimeToEnd = 800ms;
 
-sigset_t stop_signals()
-{
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGTERM);
-    sigaddset(&signals, SIGINT);
-    return signals;
-}
-
 } // namespace
 
 StopSignals::StopSignals()
 {
-    const sigset_t signals = stop_signals();
+    const sigset_t signals = signal_set({SIGTERM, SIGINT});
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     arrived_.reset(signalfd(-1, &signals, SFD_CLOEXEC));
     if (!arrived_) {

@@ -8,6 +8,8 @@
 #include <spawn.h>
 #include <sys/wait.h>
 
+#include "support/signal_set.hpp"
+
 namespace {
 
 constexpr const char* kShell = "/bin/sh";
@@ -22,8 +24,7 @@ public:
         posix_spawnattr_init(&attributes_);
         posix_spawn_file_actions_init(&actions_);
 
-        sigset_t none;
-        sigemptyset(&none);
+        const sigset_t none = signal_set({});
         posix_spawnattr_setsigmask(&attributes_, &none);
         sigset_t all;
         sigfillset(&all);

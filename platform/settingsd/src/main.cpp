@@ -17,6 +17,7 @@
 #include "store.hpp"
 #include "support/bus_connection.hpp"
 #include "support/sd_bus_owners.hpp"
+#include "support/signal_set.hpp"
 
 namespace {
 
@@ -34,10 +35,7 @@ bool succeeded(int r, const char* step)
 /** SIGTERM and SIGINT end the loop with status 0. Returns a negative errno on failure. */
 int end_loop_on_signals(sd_event* event)
 {
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGTERM);
-    sigaddset(&signals, SIGINT);
+    const sigset_t signals = signal_set({SIGTERM, SIGINT});
     if (sigprocmask(SIG_BLOCK, &signals, nullptr) != 0) {
         return -errno;
     }
