@@ -1,9 +1,10 @@
-"""`scripts/mutation --random`: which tests it asks first, what it writes down, and how it counts."""
+"""`scripts/mutation --random`: which tests it asks first, what fails, what it writes down, and how it counts."""
 
 from __future__ import annotations
 
 import re
 import sys
+import time
 from dataclasses import replace
 from pathlib import Path
 
@@ -13,6 +14,7 @@ from conftest import ROOT
 sys.path.insert(0, str(ROOT / "tests/mutation"))
 
 import rounds  # noqa: E402
+from failing import first_failure  # noqa: E402
 from mutant import Mutant  # noqa: E402
 from nearest import contract_files  # noqa: E402
 from run import Failure, Tree  # noqa: E402
@@ -78,6 +80,55 @@ def test_the_contract_tests_with_most_words_in_common_come_first_and_none_is_lef
     files = contract_files(Tree(ROOT, "release"), file)
     assert nearest in [str(path.relative_to(ROOT / "tests/contract")) for path in files[:2]]
     assert sorted(files) == sorted((ROOT / "tests/contract").glob("*/test_*.py"))
+
+
+# What fails first
+
+
+TESTS = """
+import time
+import pytest
+
+@pytest.fixture
+def build_dir(request):
+    return request.config.getoption("--build-dir")
+
+@pytest.mark.parametrize("number", range(4))
+def test_fine(number): pass
+
+def test_broken(build_dir): assert build_dir == "sound"
+
+def test_waits(): time.sleep(WAIT)
+"""
+
+
+def first_failure_of(tmp_path: Path, build: str, tests: list[str], waits: float = 0.0, limit: float = 60.0) -> str | None:
+    (tmp_path / "conftest.py").write_text("def pytest_addoption(parser): parser.addoption('--build-dir')")
+    (tmp_path / "test_some.py").write_text(TESTS.replace("WAIT", str(waits)))
+    tree = Tree(tmp_path)
+    tree.build = Path(build)
+    return first_failure(tree, tests, limit)
+
+
+def test_the_first_test_that_fails_is_named_and_the_others_are_not_waited_for(tmp_path: Path) -> None:
+    began = time.monotonic()
+    assert first_failure_of(tmp_path, "broken", ["test_some.py"], waits=600) == "test_some.py::test_broken"
+    assert time.monotonic() - began < 60
+
+
+def test_where_all_pass_or_none_has_failed_in_time_none_is_named(tmp_path: Path) -> None:
+    assert first_failure_of(tmp_path, "sound", ["test_some.py"]) is None
+    assert first_failure_of(tmp_path, "sound", ["test_some.py"], waits=600, limit=2) is None
+
+
+def test_a_case_whose_name_is_not_found_is_looked_for_among_all_of_its_test(tmp_path: Path) -> None:
+    assert first_failure_of(tmp_path, "broken", ["test_some.py::test_fine[9]"]) is None
+    assert first_failure_of(tmp_path, "broken", ["test_some.py::test_broken[odd]"]) == "test_some.py::test_broken"
+
+
+def test_tests_that_cannot_be_run_are_no_verdict(tmp_path: Path) -> None:
+    with pytest.raises(Failure, match="^pytest ended with"):
+        first_failure_of(tmp_path, "sound", ["test_other.py"])
 
 
 # What is written down
