@@ -36,6 +36,7 @@ struct Ground
     int scanned = 1;
     int added = 1;
     bool selected = true;
+    bool left = true;
     int listed = 1;
     AccessPoints accessPoints;
     std::string currentNetwork;
@@ -103,7 +104,7 @@ bool wpa_supplicant_remove_network(const std::string& path)
 }
 bool wpa_supplicant_disconnect_network()
 {
-    return true;
+    return ground.left;
 }
 bool wpa_supplicant_get_current_network(std::string& path)
 {
@@ -171,7 +172,8 @@ protected:
                 if (sd_bus_message_is_method_call(message, "com.example.Test", "Call") == 0) {
                     return 0;
                 }
-                (*static_cast<std::function<int(sd_bus_message*)>*>(userdata))(message);
+                const int handled = (*static_cast<std::function<int(sd_bus_message*)>*>(userdata))(message);
+                EXPECT_EQ(handled, 1) << "sd-bus would answer once more, that there is no such method";
                 return 1;
             },
             &handler);
@@ -326,6 +328,19 @@ TEST_F(ClientOperations, TheGetterReturnsWhatClosingTheArrayReturned)
     EXPECT_GE(get_wifi_access_points(empty_message().get()), 0);
     failingClose = 2; // the first closes the struct
     EXPECT_EQ(get_wifi_access_points(empty_message().get()), -ENOMEM);
+}
+
+TEST_F(ClientOperations, ADisconnectIsRefusedOrLeavesAndAnnounces)
+{
+    ground.radio = RadioState::Host;
+    expect_failure(ask(disconnect_from_ap), "WiFi is not in client mode");
+    ground.radio = RadioState::Client;
+    ground.left = false;
+    expect_failure(ask(disconnect_from_ap), "Failed to connect to AP");
+    EXPECT_THAT(ground.calls, IsEmpty());
+    ground.left = true;
+    EXPECT_EQ(ask(disconnect_from_ap).name, "");
+    EXPECT_THAT(ground.calls, ElementsAre("flush", "emit SSID", "emit IPAddress"));
 }
 
 // The signal AccessPointsChanged

@@ -3,12 +3,16 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
+#include <iterator>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <syslog.h>
 
+#include "core/network_properties.hpp"
 #include "core/service.hpp"
 #include "core/wifi_control.hpp"
 #include "korrin-info/korrin_info.hpp"
@@ -82,6 +86,15 @@ int connect_to_ap(sd_bus_message* message);
 
 namespace {
 
+/** The method of the object that a call of "Method" is handed to, without arguments. */
+sd_bus_message_handler_t method = nullptr;
+
+int hand_to_chosen_method(sd_bus_message* message, void* userdata, sd_bus_error* error)
+{
+    oddResult = method(message, userdata, error);
+    return oddResult;
+}
+
 const sd_bus_vtable kOddTable[] = {
     SD_BUS_VTABLE_START(0),
     SD_BUS_METHOD("WiFiState", "d", "", hand_to_setter<set_wifi_state_dbus>, 0),
@@ -89,6 +102,7 @@ const sd_bus_vtable kOddTable[] = {
     SD_BUS_METHOD("WiFiFrequency", "d", "", hand_to_setter<set_wifi_frequency_dbus>, 0),
     SD_BUS_METHOD("SSID", "d", "", hand_to_setter<set_wifi_ssid_dbus>, 0),
     SD_BUS_METHOD("Connect", "d", "", hand_to_method<connect_to_ap>, 0),
+    SD_BUS_METHOD("Method", "", "", hand_to_chosen_method, 0),
     SD_BUS_VTABLE_END,
 };
 
@@ -250,8 +264,9 @@ int wpa_supplicant_get_access_points(AccessPoints& accessPoints)
     return around.accessPoints;
 }
 
-int utils_get_mac_address(const char*, char*)
+int utils_get_mac_address(const char*, char* buffer)
 {
+    std::strcpy(buffer, "half an add");
     return 0;
 }
 
@@ -291,7 +306,7 @@ int KorrinInfo::ThisKorrin::RadioType()
 TEST_F(NetworkInterface, AnUnreadableStateIsAnsweredByTheSetterItself)
 {
     expect_refused(call_oddly("WiFiState"), kFailed, "Failed to parse msg");
-    EXPECT_GE(oddResult, 0); // what sending the reply returned
+    EXPECT_EQ(oddResult, 1); // what sending the reply returned
     EXPECT_THAT(captured_log().lines(),
                 ElementsAre(LogLine{LOG_ERR, "set_wifi_state_dbus: Failed to parse msg."}));
     EXPECT_THAT(around.done, IsEmpty());
@@ -437,6 +452,52 @@ TEST_F(NetworkInterface, BandsOfARadioOfAnotherTypeAreAnError)
         expect_refused(get("WiFiAvailableFrequencies"), kDenied, "Operation not permitted");
     }
     EXPECT_THAT(captured_log().lines(), IsEmpty());
+}
+
+/** The members of one kind. */
+std::vector<const sd_bus_vtable*> members(uint8_t type)
+{
+    std::vector<const sd_bus_vtable*> found;
+    for (const sd_bus_vtable* entry = network_interface_vtable() + 1; entry->type != _SD_BUS_VTABLE_END;
+         ++entry) {
+        if (entry->type == type) {
+            found.push_back(entry);
+        }
+    }
+    return found;
+}
+
+TEST_F(NetworkInterface, EveryMethodTellsTheLibraryThatTheCallIsAnswered)
+{
+    for (const sd_bus_vtable* entry : members(_SD_BUS_VTABLE_METHOD)) {
+        oddResult = 0;
+        method = entry->x.method.handler;
+        pair.call(kOddPath, kOddInterface, "Method", "");
+        EXPECT_EQ(oddResult, 1) << entry->x.method.member;
+    }
+}
+
+TEST_F(NetworkInterface, EveryGetterTellsThatTheReplyDoesNotTakeItsValue)
+{
+    sd_bus_message* created = nullptr;
+    ASSERT_GE(sd_bus_message_new_signal(pair.service(), &created, kOddPath, kOddInterface, "Full"), 0);
+    const MessagePtr full(created);
+    ASSERT_GE(sd_bus_message_seal(full.get(), 1, 0), 0);
+
+    auto getters = members(_SD_BUS_VTABLE_PROPERTY);
+    std::ranges::copy(members(_SD_BUS_VTABLE_WRITABLE_PROPERTY), std::back_inserter(getters));
+    EXPECT_EQ(getters.size(), 13U);
+    for (const sd_bus_vtable* entry : getters) {
+        EXPECT_LT(entry->x.property.get(pair.service(), kNetworkPath, kNetworkInterface,
+                                        entry->x.property.member, full.get(), nullptr, nullptr),
+                  0)
+            << entry->x.property.member;
+    }
+    for (const auto& [readable, mode] : {std::pair(1, WifiMode::Client), std::pair(0, WifiMode::Host)}) {
+        around.modeReadable = readable;
+        around.mode = mode;
+        EXPECT_LT(get_wifi_mode(nullptr, nullptr, nullptr, nullptr, full.get(), nullptr, nullptr), 0);
+    }
 }
 
 TEST_F(NetworkInterface, EveryMemberHasTheFlagsOfItsKindAndNoOther)
