@@ -3,8 +3,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <thread>
 #include <vector>
+
+#include <sys/resource.h>
 
 #include "support/event_loop.hpp"
 
@@ -120,4 +123,17 @@ TEST_F(MainLoop, DropsWhatIsLeftWhenItIsDetached)
     queue.detach();
     EXPECT_EQ(sd_event_run(loop.get(), 0), 0);
     EXPECT_THAT(done, IsEmpty());
+}
+
+TEST_F(MainLoop, SaysWhyItCanNotBeServed)
+{
+    EXPECT_EQ(queue.attach(nullptr), -EINVAL);
+
+    rlimit before{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+    const rlimit none{.rlim_cur = 0, .rlim_max = before.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    MainLoopQueue withoutDescriptor;
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+    EXPECT_EQ(withoutDescriptor.attach(loop.get()), -EMFILE);
 }
