@@ -37,7 +37,4 @@ void emit_properties_later(std::vector<const char*> properties, int32_t delaySec
     const uint64_t when = utils_event_time_after(service_event(), delaySec);
     sd_event_add_time(service_event(), &source, CLOCK_MONOTONIC, when, 0, emit_pending, nullptr);
     pending.timer.reset(source);
-    if (source != nullptr) {
-        sd_event_source_set_enabled(source, SD_EVENT_ONESHOT);
-    }
 }
