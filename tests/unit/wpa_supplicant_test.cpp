@@ -142,10 +142,14 @@ TEST_F(WpaSupplicant, ScanFailsOnlyWithTheResult0)
     EXPECT_NE(wpa_supplicant_scan(), 0);
     callResult = -ENXIO;
     EXPECT_NE(wpa_supplicant_scan(), 0);
+    captured_log().clear();
     callResult = 0;
     EXPECT_EQ(wpa_supplicant_scan(), 0);
+    EXPECT_THAT(captured_log().lines(), ElementsAre(LogLine{LOG_INFO, "[WPA] Scan APs"}));
     bus.stop();
     EXPECT_NE(wpa_supplicant_scan(), 0);
+    EXPECT_EQ(captured_log().lines().back(),
+              (LogLine{LOG_ERR, "[WPA] wpa_supplicant_scan: Failed to open system bus"}));
 }
 
 TEST_F(WpaSupplicant, TheSelectedNetworkIsCurrentEvenWhenSelectingItFails)
@@ -183,13 +187,17 @@ TEST_F(WpaSupplicant, RemovingAndLeavingForgetTheNetworkUnlessThereIsNoBus)
 
 TEST_F(WpaSupplicant, ANetworkThatCanNotBeDescribedYieldsNoPathAndNoZero)
 {
-    std::string path = "untouched";
-    EXPECT_NE(wpa_supplicant_add_network("\xff", "secret12", path), 0);
-    EXPECT_EQ(path, "untouched");
-    EXPECT_THAT(
-        captured_log().lines(),
-        ElementsAre(LogLine{LOG_INFO, "[WPA] Add network '\xff', passphrase 'secret12'"},
-                    LogLine{LOG_ERR, "[WPA] wpa_supplicant_add_network: Failed to build request message"}));
+    for (const std::string passphrase : {"secret12", ""}) {
+        captured_log().clear();
+        std::string path = "untouched";
+        EXPECT_NE(wpa_supplicant_add_network("\xff", passphrase, path), 0);
+        EXPECT_EQ(path, "untouched");
+        EXPECT_THAT(
+            captured_log().lines(),
+            ElementsAre(
+                LogLine{LOG_INFO, "[WPA] Add network '\xff', passphrase '" + passphrase + "'"},
+                LogLine{LOG_ERR, "[WPA] wpa_supplicant_add_network: Failed to build request message"}));
+    }
 }
 
 TEST_F(WpaSupplicant, ACallThatCanNotBeMadeYieldsNoPathAndNoZero)
