@@ -103,15 +103,13 @@ int GetAllProperties(sd_bus*, const std::string&, const std::string& path, const
                      TypedPropertyMap& properties)
 {
     ++air.asked;
-    if (std::find(air.hanging.begin(), air.hanging.end(), path) != air.hanging.end()) {
-        return -ETIMEDOUT;
-    }
     const auto found = air.properties.find(path);
     if (found == air.properties.end()) {
         return -ENOENT;
     }
+    // What had come of one that is given up is there, too.
     properties = found->second;
-    return 0;
+    return std::find(air.hanging.begin(), air.hanging.end(), path) == air.hanging.end() ? 0 : -ETIMEDOUT;
 }
 
 } // namespace sdbus_utils
