@@ -137,6 +137,25 @@ TEST_F(ClientDaemon, WhoeverAskedWithoutWaitingWatchesTheTimeAndNotTheBus)
     EXPECT_EQ(told->status, ExitStatus::Unreachable) << "it has died";
 }
 
+TEST_F(ClientDaemon, ADaemonIsFollowedBeforeItIsThere)
+{
+    owner.reset();
+    EXPECT_FALSE(daemon->follow({}, Clock::now() + 20s));
+}
+
+TEST(ClientFollows, ABusThatDoesNotSayWhoHasTheNameIsAFailure)
+{
+    const PrivateBus bus(
+        testing_support::BusRole::User,
+        "<deny send_destination=\"org.freedesktop.DBus\" send_interface=\"org.freedesktop.DBus\" "
+        "send_member=\"GetNameOwner\"/>");
+    const auto daemon = Daemon::connect(Clock::now() + 20s);
+    ASSERT_TRUE(daemon);
+    const auto failure = daemon.value()->follow({}, Clock::now() + 20s);
+    ASSERT_TRUE(failure);
+    EXPECT_EQ(failure->errorName, "org.freedesktop.DBus.Error.AccessDenied");
+}
+
 TEST_F(ClientDaemon, ABusThatIsLostIsTold)
 {
     bus.stop();
