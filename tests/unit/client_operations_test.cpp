@@ -241,8 +241,9 @@ protected:
     std::function<int(sd_bus_message*)> handler;
 };
 
-TEST_F(ClientOperations, AScanWithTheResult0Fails)
+TEST_F(ClientOperations, AScanFailsWithTheResult0Only)
 {
+    EXPECT_EQ(ask(scan_access_points).name, "");
     ground.scanned = 0;
     expect_failure(ask(scan_access_points), "Failed to start AP scan");
     EXPECT_THAT(captured_log().lines(),
@@ -330,15 +331,31 @@ TEST_F(ClientOperations, TheGetterReturnsWhatClosingTheArrayReturned)
     EXPECT_EQ(get_wifi_access_points(empty_message().get()), -ENOMEM);
 }
 
-TEST_F(ClientOperations, ADisconnectIsRefusedOrLeavesAndAnnounces)
+TEST_F(ClientOperations, DisconnectIsForAStationThatWpaSupplicantLetsGo)
 {
+    ground.radio = RadioState::Off;
+    expect_failure(ask(disconnect_from_ap), "Wifi is off");
+    ground.radio = RadioState::Unknown;
+    expect_failure(ask(disconnect_from_ap), "WiFi is in unknown mode");
     ground.radio = RadioState::Host;
     expect_failure(ask(disconnect_from_ap), "WiFi is not in client mode");
     ground.radio = RadioState::Client;
     ground.left = false;
     expect_failure(ask(disconnect_from_ap), "Failed to connect to AP");
     EXPECT_THAT(ground.calls, IsEmpty());
-    ground.left = true;
+
+    const LogLine called{LOG_INFO, "[Main] Disconnect from AP called"};
+    const auto refused = [](const std::string& why) {
+        return LogLine{LOG_ERR, "[Main] disconnect_from_ap: " + why};
+    };
+    EXPECT_THAT(captured_log().lines(),
+                ElementsAre(called, refused("Wifi is off"), called, refused("Failed to read wifi mode"),
+                            called, refused("Wifi must be in client mode"), called,
+                            refused("Failed to connect to AP")));
+}
+
+TEST_F(ClientOperations, ADisconnectFlushesAndAnnounces)
+{
     EXPECT_EQ(ask(disconnect_from_ap).name, "");
     EXPECT_THAT(ground.calls, ElementsAre("flush", "emit SSID", "emit IPAddress"));
 }

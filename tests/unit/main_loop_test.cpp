@@ -122,6 +122,8 @@ TEST_F(MainLoop, DropsWhatIsLeftWhenItIsDetached)
     post_from_another_thread(1, 1);
     queue.detach();
     EXPECT_EQ(sd_event_run(loop.get(), 0), 0);
+    ASSERT_GE(queue.attach(loop.get()), 0);
+    EXPECT_GT(sd_event_run(loop.get(), 0), 0) << "it was woken for what there is no more";
     EXPECT_THAT(done, IsEmpty());
 }
 

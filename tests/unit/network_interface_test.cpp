@@ -493,6 +493,9 @@ TEST_F(NetworkInterface, EveryGetterTellsThatTheReplyDoesNotTakeItsValue)
                   0)
             << entry->x.property.member;
     }
+    around.radioType = 0;
+    EXPECT_LT(
+        get_wifi_available_frequencies(nullptr, nullptr, nullptr, nullptr, full.get(), nullptr, nullptr), 0);
     for (const auto& [readable, mode] : {std::pair(1, WifiMode::Client), std::pair(0, WifiMode::Host)}) {
         around.modeReadable = readable;
         around.mode = mode;
