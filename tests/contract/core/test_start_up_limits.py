@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import errno
 import re
 from pathlib import Path
 
@@ -12,7 +13,8 @@ from vantora_sim import Process, World, exited, log, notify
 LOADER_NEEDS = 4
 """With fewer descriptors no program can even be loaded: the loader says so, and nothing of the daemon has run."""
 ENOUGH = 25
-ENDS = re.compile(r"\[Main\] Failed to .*: -\d+, exiting \.\.\.")
+ENDS = re.compile(rf"\[Main\] Failed to .*: -{errno.EMFILE}, exiting \.\.\.")
+"""Whichever step lacks a descriptor, the line has its error, and not one that follows from it."""
 READY = notify("READY=1")
 
 
