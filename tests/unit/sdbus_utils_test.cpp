@@ -26,6 +26,7 @@ using namespace sdbus_utils;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::Lt;
 using testing_support::PrivateBus;
 
 constexpr const char* kService = "com.example.Properties";
@@ -251,6 +252,18 @@ TEST_F(ParserTest, FailsAndLeavesNothingWhereThereIsNoDictionary)
     }
 }
 
+TEST_F(ParserTest, FailsBehindTheLastDictionaryOfAnArray)
+{
+    const MessagePtr message =
+        make([](sd_bus_message* m) { return sd_bus_message_append(m, "aa{sv}", 1, 0); });
+    ASSERT_GE(sd_bus_message_enter_container(message.get(), 'a', "a{sv}"), 0);
+    PropertyMap properties;
+    EXPECT_EQ(ParseProperties(message.get(), properties), 0);
+    properties = {{"stale", std::any(1)}};
+    EXPECT_EQ(ParseProperties(message.get(), properties), -EBADMSG);
+    EXPECT_THAT(properties, IsEmpty());
+}
+
 TEST_F(ParserTest, ReadsVariantsNestedAsDeepAsAMessageCanHoldThem)
 {
     // Array, entry and outer variant are three levels of the 64 that D-Bus allows for values.
@@ -287,36 +300,49 @@ TEST_F(ParserTest, ReadsHugeArrays)
     }));
 }
 
-/** Puts numbers and texts into a D-Bus message of the other byte order, by hand. */
-class BigEndian
+/** The two byte orders, as a message names them. */
+constexpr char kLittleEndian = 'l';
+constexpr char kBigEndian = 'B';
+
+/** Puts numbers and texts into a D-Bus message by hand. */
+class Wire
 {
 public:
-    BigEndian& byte(unsigned value)
+    explicit Wire(char order) : order_(order) {}
+
+    Wire& byte(unsigned value)
     {
         bytes_.push_back(static_cast<char>(value));
         return *this;
     }
-    BigEndian& number(std::uint32_t value, unsigned size)
+    Wire& number(std::uint32_t value, unsigned size)
     {
         align(size);
-        for (unsigned i = size; i-- > 0;) {
-            byte((value >> (8 * i)) & 0xFFU);
+        for (unsigned i = 0; i < size; ++i) {
+            byte((value >> (8 * (order_ == kBigEndian ? size - 1 - i : i))) & 0xFFU);
         }
         return *this;
     }
-    BigEndian& text(const std::string& value)
+    Wire& text(const std::string& value)
     {
         number(static_cast<std::uint32_t>(value.size()), 4);
         bytes_ += value;
         return byte(0);
     }
-    BigEndian& signature(const std::string& value)
+    Wire& signature(const std::string& value)
     {
         byte(static_cast<unsigned>(value.size()));
         bytes_ += value;
         return byte(0);
     }
-    BigEndian& align(std::size_t boundary)
+    /** An array of what begins at multiples of eight, like the entries of a dictionary. */
+    Wire& array(const std::string& elements)
+    {
+        number(static_cast<std::uint32_t>(elements.size()), 4).align(8);
+        bytes_ += elements;
+        return *this;
+    }
+    Wire& align(std::size_t boundary)
     {
         bytes_.resize((bytes_.size() + boundary - 1) / boundary * boundary);
         return *this;
@@ -324,61 +350,216 @@ public:
     const std::string& bytes() const { return bytes_; }
 
 private:
+    char order_;
     std::string bytes_;
 };
 
-/** A whole signal with the body {"Level": <n -45>, "SSID": <ay "lab">, "Rates": <au 6000000, 1>}. */
-std::string big_endian_signal()
+/** A whole signal, or the whole answer to the first call of a connection. */
+enum class MessageKind : std::uint8_t { Answer = 2, Signal = 4 };
+
+std::string whole_message(char order, MessageKind kind, const std::string& signature, const std::string& body)
 {
-    BigEndian entries;
-    entries.text("Level").signature("n").number(static_cast<std::uint16_t>(-45), 2);
-    entries.align(8).text("SSID").signature("ay").number(3, 4).byte('l').byte('a').byte('b');
-    entries.align(8).text("Rates").signature("au").number(8, 4).number(6'000'000, 4).number(1, 4);
-    BigEndian fields;
-    fields.byte(1).signature("o").text(kPath);
-    fields.align(8).byte(2).signature("s").text(kInterface);
-    fields.align(8).byte(3).signature("s").text("Signal");
-    fields.align(8).byte(8).signature("g").signature("a{sv}");
-    BigEndian message;
-    message.byte('B').byte(4).byte(1).byte(1);
-    message.number(static_cast<std::uint32_t>(8 + entries.bytes().size()), 4).number(1, 4);
-    message.number(static_cast<std::uint32_t>(fields.bytes().size()), 4);
-    BigEndian array;
-    array.number(static_cast<std::uint32_t>(entries.bytes().size()), 4).align(8);
-    std::string whole = message.bytes() + fields.bytes();
-    whole.resize((whole.size() + 7) / 8 * 8);
-    return whole + array.bytes() + entries.bytes();
+    Wire fields(order);
+    if (kind == MessageKind::Signal) {
+        fields.byte(1).signature("o").text(kPath);
+        fields.align(8).byte(2).signature("s").text(kInterface);
+        fields.align(8).byte(3).signature("s").text("Signal");
+    } else {
+        fields.byte(5).signature("u").number(1, 4);
+    }
+    fields.align(8).byte(8).signature("g").signature(signature);
+    Wire message(order);
+    message.byte(static_cast<unsigned char>(order)).byte(static_cast<unsigned>(kind)).byte(1).byte(1);
+    message.number(static_cast<std::uint32_t>(body.size()), 4).number(1, 4).array(fields.bytes());
+    return message.align(8).bytes() + body;
 }
 
-TEST(ForeignByteOrder, IsReadLikeTheOwn)
+/** A connection to a far end that no bus daemon watches, and that has said all it will say. */
+class SpokenTo
 {
-    int ends[2] = {-1, -1};
-    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
-    const UniqueFd farEnd(ends[1]);
-    sd_bus* bus = nullptr;
-    ASSERT_GE(sd_bus_new(&bus), 0);
-    const BusPtr connection(bus);
-    ASSERT_GE(sd_bus_set_fd(bus, ends[0], ends[0]), 0);
-    const std::string farSide =
-        "DATA\r\nOK 0123456789abcdef0123456789abcdef\r\nAGREE_UNIX_FD\r\n" + big_endian_signal();
-    ASSERT_EQ(::write(farEnd.get(), farSide.data(), farSide.size()), static_cast<ssize_t>(farSide.size()));
-
-    TypedPropertyMap properties;
-    ASSERT_GE(sd_bus_add_filter(
-                  bus, nullptr,
-                  [](sd_bus_message* message, void* userdata, sd_bus_error*) {
-                      return ParsePropertiesWithType(message, *static_cast<TypedPropertyMap*>(userdata));
-                  },
-                  &properties),
-              0);
-    ASSERT_GE(sd_bus_start(bus), 0);
-    for (int step = 0; step < 100 && properties.empty(); ++step) {
-        ASSERT_GE(sd_bus_process(bus, nullptr), 0);
+public:
+    explicit SpokenTo(const std::string& messages)
+    {
+        int ends[2] = {-1, -1};
+        EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+        farEnd_.reset(ends[1]);
+        sd_bus* bus = nullptr;
+        EXPECT_GE(sd_bus_new(&bus), 0);
+        connection_.reset(bus);
+        EXPECT_GE(sd_bus_set_fd(bus, ends[0], ends[0]), 0);
+        const std::string said =
+            "DATA\r\nOK 0123456789abcdef0123456789abcdef\r\nAGREE_UNIX_FD\r\n" + messages;
+        EXPECT_EQ(::write(ends[1], said.data(), said.size()), static_cast<ssize_t>(said.size()));
+        EXPECT_GE(sd_bus_start(bus), 0);
     }
-    ASSERT_EQ(properties.size(), 3U);
-    EXPECT_EQ(held<std::int16_t>(properties["Level"].second), -45);
-    EXPECT_THAT(held<std::vector<std::uint8_t>>(properties["SSID"].second), ElementsAre('l', 'a', 'b'));
-    EXPECT_THAT(held<std::vector<std::uint32_t>>(properties["Rates"].second), ElementsAre(6'000'000, 1));
+
+    sd_bus* bus() const { return connection_.get(); }
+
+private:
+    UniqueFd farEnd_;
+    BusPtr connection_;
+};
+
+/** What the parsers made of the body of one signal. */
+struct Parsed
+{
+    int plainResult = 0;
+    int typedResult = 0;
+    PropertyMap plain = {{"stale", std::any(1)}};
+    TypedPropertyMap typed = {{"stale", {"i", std::any(1)}}};
+};
+
+std::vector<Parsed> parse_received(char order, const std::vector<std::string>& bodies)
+{
+    std::string messages;
+    for (const std::string& body : bodies) {
+        messages += whole_message(order, MessageKind::Signal, "a{sv}", body);
+    }
+    const SpokenTo connection(messages);
+    std::vector<Parsed> parsed;
+    EXPECT_GE(sd_bus_add_filter(
+                  connection.bus(), nullptr,
+                  [](sd_bus_message* message, void* userdata, sd_bus_error*) {
+                      Parsed& last = static_cast<std::vector<Parsed>*>(userdata)->emplace_back();
+                      last.plainResult = ParseProperties(message, last.plain);
+                      EXPECT_GE(sd_bus_message_rewind(message, 1), 0);
+                      last.typedResult = ParsePropertiesWithType(message, last.typed);
+                      return 0;
+                  },
+                  &parsed),
+              0);
+    for (std::size_t step = 0; step < 100 + 2 * bodies.size() && parsed.size() < bodies.size(); ++step) {
+        EXPECT_GE(sd_bus_process(connection.bus(), nullptr), 0);
+    }
+    EXPECT_EQ(parsed.size(), bodies.size());
+    return parsed;
+}
+
+void expect_refused(char order, const std::vector<std::string>& bodies,
+                    const testing::Matcher<int>& result = -EBADMSG)
+{
+    std::size_t which = 0;
+    for (const Parsed& parsed : parse_received(order, bodies)) {
+        SCOPED_TRACE(testing::Message() << "order " << order << ", body " << which++);
+        EXPECT_THAT(parsed.plainResult, result);
+        EXPECT_THAT(parsed.typedResult, result);
+        EXPECT_THAT(parsed.plain, IsEmpty());
+        EXPECT_THAT(parsed.typed, IsEmpty());
+    }
+}
+
+TEST(ReceivedMessages, AreReadInBothByteOrders)
+{
+    for (const char order : {kLittleEndian, kBigEndian}) {
+        Wire entries(order);
+        entries.text("Level").signature("n").number(static_cast<std::uint16_t>(-45), 2);
+        entries.align(8).text("SSID").signature("ay").number(3, 4).byte('l').byte('a').byte('b');
+        entries.align(8).text("Rates").signature("au").number(8, 4).number(6'000'000, 4).number(1, 4);
+        auto parsed = parse_received(order, {Wire(order).array(entries.bytes()).bytes()});
+        ASSERT_EQ(parsed.size(), 1U);
+        EXPECT_EQ(parsed[0].typedResult, 0);
+        EXPECT_EQ(parsed[0].plain.size(), 3U);
+        auto& properties = parsed[0].typed;
+        ASSERT_EQ(properties.size(), 3U);
+        EXPECT_EQ(held<std::int16_t>(properties["Level"].second), -45);
+        EXPECT_THAT(held<std::vector<std::uint8_t>>(properties["SSID"].second), ElementsAre('l', 'a', 'b'));
+        EXPECT_THAT(held<std::vector<std::uint32_t>>(properties["Rates"].second), ElementsAre(6'000'000, 1));
+    }
+}
+
+TEST(ReceivedMessages, AreRefusedWhereverTheirOnlyEntryBreaksOff)
+{
+    for (const char order : {kLittleEndian, kBigEndian}) {
+        const auto entry = [order](const std::string& type) {
+            return Wire(order).text("Key").signature(type);
+        };
+        const std::string text = Wire(order).text("Key").signature("s").text("text").bytes();
+        const std::string entries[] = {
+            entry("y").byte(1).bytes(),
+            entry("b").number(1, 4).bytes(),
+            entry("u").number(1, 4).bytes(),
+            text,
+            entry("g").signature("ay").bytes(),
+            entry("ay").number(2, 4).byte(1).byte(2).bytes(),
+            entry("ab").number(4, 4).number(1, 4).bytes(),
+            entry("au").number(8, 4).number(1, 4).number(2, 4).bytes(),
+            entry("as").number(9, 4).text("text").bytes(),
+            entry("a{sv}").array(text).bytes(),
+            entry("v").signature("v").signature("s").text("text").bytes(),
+            entry("(uu)").align(8).number(1, 4).number(2, 4).bytes(),
+        };
+        for (const std::string& whole : entries) {
+            std::vector<std::string> bodies;
+            for (std::size_t size = 1; size < whole.size(); ++size) {
+                bodies.push_back(Wire(order).array(whole.substr(0, size)).bytes());
+            }
+            expect_refused(order, bodies);
+            EXPECT_EQ(parse_received(order, {Wire(order).array(whole).bytes()})[0].plainResult, 0);
+        }
+    }
+}
+
+TEST(ReceivedMessages, AreRefusedWhenTheyHoldNoTextsOrHalfNumbersOrAreTooDeep)
+{
+    for (const char order : {kLittleEndian, kBigEndian}) {
+        const auto body = [order](Wire& entry) { return Wire(order).array(entry.bytes()).bytes(); };
+        const auto entry = [order](const std::string& type) {
+            return Wire(order).text("Key").signature(type);
+        };
+        std::string dictionaries = Wire(order).text("Key").signature("y").byte(1).bytes();
+        for (int level = 0; level < 43; ++level) {
+            dictionaries = entry("a{sv}").array(dictionaries).bytes();
+        }
+        Wire variants = entry("v");
+        for (int level = 0; level < 130; ++level) {
+            variants.signature("v");
+        }
+        variants.signature("y").byte(1);
+        expect_refused(order,
+                       {body(Wire(order).text("\xFF").signature("y").byte(1)), body(entry("s").text("\xFF")),
+                        body(entry("o").text("no/slash/first")), body(entry("as").number(6, 4).text("\xFF")),
+                        Wire(order).array(dictionaries).bytes(), body(variants)});
+        expect_refused(order,
+                       {body(entry("ab").number(3, 4).number(1, 4)),
+                        body(entry("au").number(3, 4).number(1, 4)), body(entry("yy").byte(1).byte(1)),
+                        body(entry("v").signature("yy").byte(1).byte(1))},
+                       Lt(0));
+    }
+}
+
+TEST(ReceivedAnswers, ThatCannotBeReadAreNamedAndLeaveTheValue)
+{
+    const auto variant = [](const std::string& type) { return Wire(kLittleEndian).signature(type); };
+    const auto text = [](const std::string& body) {
+        const SpokenTo connection(whole_message(kLittleEndian, MessageKind::Answer, "v", body));
+        std::string value = "kept";
+        std::string error;
+        EXPECT_EQ(GetProperty(connection.bus(), kService, kPath, kInterface, "mode", value, error), -EBADMSG);
+        EXPECT_EQ(value, "kept");
+        return error;
+    };
+    EXPECT_EQ(text(""), "Cannot read property mode: Bad message");
+    EXPECT_EQ(text(variant("s").bytes()), "Cannot read property mode: Bad message");
+    EXPECT_EQ(text(variant("s").text("\xFF").bytes()), "Cannot read property mode: Bad message");
+
+    const auto paths = [](const std::string& body) {
+        const SpokenTo connection(whole_message(kLittleEndian, MessageKind::Answer, "v", body));
+        std::vector<std::string> value = {"kept"};
+        std::string error;
+        EXPECT_EQ(GetProperty(connection.bus(), kService, kPath, kInterface, "BSSs", value, error), -EBADMSG);
+        EXPECT_THAT(value, ElementsAre("kept"));
+        return error;
+    };
+    EXPECT_EQ(paths(variant("ao").bytes()), "Cannot read property BSSs: Bad message");
+    EXPECT_EQ(paths(variant("ao").number(21, 4).text("/path").text("none").bytes()),
+              "Cannot read property BSSs: Bad message");
+
+    const SpokenTo connection(whole_message(kLittleEndian, MessageKind::Answer, "v", variant("b").bytes()));
+    bool flag = true;
+    std::string error;
+    EXPECT_EQ(GetProperty(connection.bus(), kService, kPath, kInterface, "enabled", flag, error), -EBADMSG);
+    EXPECT_TRUE(flag);
+    EXPECT_EQ(error, "Cannot read property enabled: Bad message");
 }
 
 /** A service that answers Get, GetAll and Set as the test says, on a thread and a connection of its own. */
@@ -529,9 +710,9 @@ TEST_F(CallsTest, RefusesAnEmptyReply)
 {
     answer_with(static_cast<const char*>(nullptr));
     std::string text = "kept";
-    EXPECT_LT(GetProperty(nullptr, kService, kPath, kInterface, "mode", text, error), 0);
+    EXPECT_EQ(GetProperty(nullptr, kService, kPath, kInterface, "mode", text, error), -ENXIO);
     EXPECT_EQ(text, "kept");
-    EXPECT_THAT(error, HasSubstr("mode"));
+    EXPECT_EQ(error, "The reply for property mode holds '' in place of a variant");
 }
 
 TEST_F(CallsTest, PassesTheErrorTextOfTheService)
