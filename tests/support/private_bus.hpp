@@ -27,11 +27,7 @@ public:
      */
     explicit PrivateBus(BusRole role = BusRole::Both, const std::string& rules = "")
     {
-        folder_.write("bus.conf", "<busconfig><type>session</type><listen>" + address() +
-                                      "</listen><auth>EXTERNAL</auth><policy context=\"default\">"
-                                      "<allow send_destination=\"*\" eavesdrop=\"true\"/>"
-                                      "<allow eavesdrop=\"true\"/><allow own=\"*\"/>" +
-                                      rules + "</policy></busconfig>");
+        rule(rules);
         if (role != BusRole::System) {
             ::setenv("DBUS_SESSION_BUS_ADDRESS", address().c_str(), 1);
         }
@@ -42,6 +38,16 @@ public:
     }
 
     std::string address() const { return "unix:path=" + folder_.file("bus"); }
+
+    /** The rules beside those that allow everything, from the next start on. */
+    void rule(const std::string& rules) const
+    {
+        folder_.write("bus.conf", "<busconfig><type>session</type><listen>" + address() +
+                                      "</listen><auth>EXTERNAL</auth><policy context=\"default\">"
+                                      "<allow send_destination=\"*\" eavesdrop=\"true\"/>"
+                                      "<allow eavesdrop=\"true\"/><allow own=\"*\"/>" +
+                                      rules + "</policy></busconfig>");
+    }
 
     /** Starts the bus daemon and waits until it takes connections. */
     void start()

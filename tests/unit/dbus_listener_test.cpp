@@ -62,6 +62,21 @@ void emit_to(sd_bus* bus, const std::string& destination, const std::string& tex
     settle(bus);
 }
 
+/** Tells one connection, in the bus daemon's words, that the sender's name is the teller's now. */
+void claim_to(sd_bus* bus, const std::string& destination)
+{
+    const char* ownName = nullptr;
+    ASSERT_GE(sd_bus_get_unique_name(bus, &ownName), 0);
+    sd_bus_message* message = nullptr;
+    ASSERT_GE(sd_bus_message_new_signal(bus, &message, "/org/freedesktop/DBus", "org.freedesktop.DBus",
+                                        "NameOwnerChanged"),
+              0);
+    const MessagePtr owner(message);
+    ASSERT_GE(sd_bus_message_append(message, "sss", kSender, "", ownName), 0);
+    ASSERT_GE(sd_bus_send_to(bus, message, destination.c_str(), nullptr), 0);
+    settle(bus);
+}
+
 /** The unique names of all connections but those of the bus daemon and of the one that asks. */
 Texts other_connections(sd_bus* bus)
 {
@@ -192,6 +207,8 @@ TEST_F(DbusListenerTest, BelievesNobodyElse)
     emit(liar.get(), "broadcast lie");
     for (const std::string& destination : other_connections(liar.get())) {
         emit_to(liar.get(), destination, "whispered lie");
+        claim_to(liar.get(), destination);
+        emit_to(liar.get(), destination, "lie of a claimed owner");
     }
     emit(source.get(), "truth");
     ASSERT_TRUE(hears(1));
@@ -256,12 +273,15 @@ TEST_F(DbusListenerTest, FollowsASenderThatIsRestarted)
     BusPtr source = connect_as_sender();
     DbusListener listener(loop.get());
     listen(listener);
+    Texts heardBySecondRule;
+    ASSERT_EQ(listener.ListenSignal(kSender, "", kInterface, kMember, note, &heardBySecondRule), 0);
     emit(source.get(), "before");
     source.reset();
     source = connect_as_sender();
     emit(source.get(), "after");
     ASSERT_TRUE(hears(2));
     EXPECT_THAT(heard, ElementsAre("before", "after"));
+    EXPECT_TRUE(loop.run_until([&] { return heardBySecondRule.size() >= 2; }));
 }
 
 TEST_F(DbusListenerTest, NoLongerBelievesOneThatGaveTheNameAway)
@@ -372,16 +392,31 @@ TEST_F(DbusListenerTest, RefusesToListenBeforeItIsConnected)
     EXPECT_EQ(listener.ListenSignal(kSender, "", kInterface, kMember, note, &heard), -ENOTCONN);
 }
 
-TEST_F(DbusListenerTest, RefusesNamesThatCouldNotStandInAMatchRule)
+TEST_F(DbusListenerTest, RefusesNamesThatCouldNotStandInAMatchRuleAlsoWhileTheBusIsAway)
 {
     DbusListener listener(loop.get());
     ASSERT_EQ(listener.Connect(), 0);
-    EXPECT_EQ(listener.ListenSignal("", "", kInterface, kMember, note, &heard), -EINVAL);
-    EXPECT_EQ(listener.ListenSignal("a.b',member='C", "", kInterface, kMember, note, &heard), -EINVAL);
-    EXPECT_EQ(listener.ListenSignal(kSender, "no/slash/first", kInterface, kMember, note, &heard), -EINVAL);
-    EXPECT_EQ(listener.ListenSignal(kSender, "", "undotted", kMember, note, &heard), -EINVAL);
-    EXPECT_EQ(listener.ListenSignal(kSender, "", kInterface, "", note, &heard), -EINVAL);
-    EXPECT_EQ(listener.ListenSignal(kSender, "", kInterface, kMember, nullptr, &heard), -EINVAL);
+    const auto refuse = [&] {
+        EXPECT_EQ(listener.ListenSignal("", "", kInterface, kMember, note, &heard), -EINVAL);
+        EXPECT_EQ(listener.ListenSignal("a.b',member='C", "", kInterface, kMember, note, &heard), -EINVAL);
+        EXPECT_EQ(listener.ListenSignal(kSender, "no/slash", kInterface, kMember, note, &heard), -EINVAL);
+        EXPECT_EQ(listener.ListenSignal(kSender, "", "undotted", kMember, note, &heard), -EINVAL);
+        EXPECT_EQ(listener.ListenSignal(kSender, "", kInterface, "", note, &heard), -EINVAL);
+        EXPECT_EQ(listener.ListenSignal(kSender, "", kInterface, kMember, nullptr, &heard), -EINVAL);
+    };
+    refuse();
+    lose_bus(listener);
+    refuse();
+}
+
+TEST_F(DbusListenerTest, IsNotTakenForConnectedWhenACallHasFoundTheBusGone)
+{
+    DbusListener listener(loop.get());
+    ASSERT_EQ(listener.Connect(), 0);
+    bus.stop();
+    EXPECT_LT(listener.ListenSignal(kSender, "", kInterface, kMember, note, &heard), 0);
+    EXPECT_EQ(listener.ListenSignal(kSender, "", kInterface, kMember, note, &heard), -ENOTCONN);
+    EXPECT_EQ(listener.Connect(), -ENOENT);
 }
 
 TEST_F(DbusListenerTest, ReportsAFirstConnectionThatFailsAndArmsNothing)
@@ -508,6 +543,13 @@ TEST_F(DbusListenerTest, MayOutliveTheLoopOwner)
     ASSERT_EQ(listener.Connect(), 0);
     otherLoop.reset();
     listener.Disconnect();
+}
+
+TEST(DbusListenerRefused, ConnectsNothingWithoutALoop)
+{
+    const PrivateBus bus;
+    DbusListener listener(nullptr);
+    EXPECT_EQ(listener.Connect(), -EINVAL);
 }
 
 TEST(DbusListenerRefused, SaysThatNobodyTellsWhoItsSenderIs)

@@ -162,7 +162,9 @@ int DbusConnector::State::on_bus_answered(sd_bus_message* message, void* userdat
     auto& state = *static_cast<State*>(userdata);
     if (sd_bus_message_is_method_error(message, nullptr) > 0) {
         state.give_up_connection();
-        return 0;
+    }
+    if (state.retry_ != nullptr) {
+        return 0; // given up: this is not the answer to everything before
     }
     state.lost_ = false;
     state.retryDelay_ = kFirstRetryDelay;
