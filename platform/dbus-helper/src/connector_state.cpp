@@ -52,7 +52,6 @@ void DbusConnector::State::close()
 {
     lost_ = false;
     retry_.reset();
-    retryDelay_ = kFirstRetryDelay;
     rules_.clear();
     drop_connection();
 }

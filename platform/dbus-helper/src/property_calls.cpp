@@ -7,6 +7,7 @@
 #include "dbus-helper/sdbus_utils.hpp"
 #include "support/bus_connection.hpp"
 #include "support/sd_bus_owners.hpp"
+#include "value_decoder.hpp"
 
 namespace sdbus_utils {
 
@@ -112,11 +113,10 @@ int fetch(sd_bus* bus, const Property& property, const char* type, MessagePtr& r
 /** Ends a successful fetch(): the value was read with result r. */
 int finish_reading(int r, const Property& property, std::string& error)
 {
-    if (r > 0) {
-        return 0;
+    r = detail::required(r);
+    if (r < 0) {
+        error = std::string("Cannot read property ") + property.name + ": " + errno_text(r);
     }
-    r = r < 0 ? r : -EBADMSG;
-    error = std::string("Cannot read property ") + property.name + ": " + errno_text(r);
     return r;
 }
 

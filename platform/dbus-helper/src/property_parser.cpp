@@ -1,4 +1,4 @@
-#include <cerrno>
+#include <string>
 #include <utility>
 
 #include "dbus-helper/sdbus_utils.hpp"
@@ -12,50 +12,47 @@ namespace {
 template <typename Keep>
 int parse_value(sd_bus_message* message, Keep keep)
 {
-    char type = 0;
-    const char* contents = nullptr;
-    int r = sd_bus_message_peek_type(message, &type, &contents);
-    if (r <= 0 || type != SD_BUS_TYPE_VARIANT) {
-        return r < 0 ? r : -EBADMSG;
-    }
-    std::string signature(contents);
-    r = sd_bus_message_enter_container(message, SD_BUS_TYPE_VARIANT, signature.c_str());
+    const char* signature = nullptr;
+    int r = detail::enter_variant(message, signature);
     if (r < 0) {
         return r;
     }
     std::any value;
     auto decoded = detail::Decoded::Skipped;
-    r = detail::decode_value(message, signature.c_str(), value, decoded);
+    r = detail::decode_value(message, signature, value, decoded);
     if (r < 0) {
         return r;
     }
     if (decoded == detail::Decoded::Value) {
-        keep(std::move(signature), std::move(value));
+        keep(signature, std::move(value));
     }
     return sd_bus_message_exit_container(message);
+}
+
+/** Reads one dictionary entry and calls keep(key, signature, value) if its type is listed. */
+template <typename Keep>
+int parse_entry(sd_bus_message* message, Keep keep)
+{
+    const char* key = nullptr;
+    int r = detail::required(sd_bus_message_read_basic(message, SD_BUS_TYPE_STRING, &key));
+    if (r < 0) {
+        return r;
+    }
+    r = parse_value(message,
+                    [&](const char* signature, std::any&& value) { keep(key, signature, std::move(value)); });
+    return r < 0 ? r : sd_bus_message_exit_container(message);
 }
 
 /** Reads an "a{sv}" and calls keep(key, signature, value) for each entry whose type is listed. */
 template <typename Keep>
 int parse_dictionary(sd_bus_message* message, Keep keep)
 {
-    int r = sd_bus_message_enter_container(message, SD_BUS_TYPE_ARRAY, "{sv}");
-    if (r <= 0) {
-        return r < 0 ? r : -EBADMSG;
+    int r = detail::required(sd_bus_message_enter_container(message, SD_BUS_TYPE_ARRAY, "{sv}"));
+    if (r < 0) {
+        return r;
     }
     while ((r = sd_bus_message_enter_container(message, SD_BUS_TYPE_DICT_ENTRY, "sv")) > 0) {
-        const char* key = nullptr;
-        r = sd_bus_message_read_basic(message, SD_BUS_TYPE_STRING, &key);
-        if (r <= 0) {
-            return r < 0 ? r : -EBADMSG;
-        }
-        r = parse_value(message, [&](std::string&& signature, std::any&& value) {
-            keep(key, std::move(signature), std::move(value));
-        });
-        if (r < 0) {
-            return r;
-        }
-        r = sd_bus_message_exit_container(message);
+        r = parse_entry(message, keep);
         if (r < 0) {
             return r;
         }
@@ -69,7 +66,7 @@ int ParseProperties(sd_bus_message* message, PropertyMap& properties)
 {
     properties.clear();
     PropertyMap parsed;
-    const int r = parse_dictionary(message, [&parsed](const char* key, std::string&&, std::any&& value) {
+    const int r = parse_dictionary(message, [&parsed](const char* key, const char*, std::any&& value) {
         parsed.insert_or_assign(key, std::move(value));
     });
     if (r < 0) {
@@ -84,8 +81,8 @@ int ParsePropertiesWithType(sd_bus_message* message, TypedPropertyMap& propertie
     properties.clear();
     TypedPropertyMap parsed;
     const int r =
-        parse_dictionary(message, [&parsed](const char* key, std::string&& signature, std::any&& value) {
-            parsed.insert_or_assign(key, std::pair(std::move(signature), std::move(value)));
+        parse_dictionary(message, [&parsed](const char* key, const char* signature, std::any&& value) {
+            parsed.insert_or_assign(key, std::pair(std::string(signature), std::move(value)));
         });
     if (r < 0) {
         return r;

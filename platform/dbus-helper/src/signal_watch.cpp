@@ -87,7 +87,7 @@ int SignalWatch::ask_owner(sd_bus* bus)
     if (r > 0) {
         owner_ = owner;
     }
-    return r < 0 ? r : 0;
+    return r;
 }
 
 int SignalWatch::ask_owner_in_background(sd_bus* bus)
@@ -96,7 +96,7 @@ int SignalWatch::ask_owner_in_background(sd_bus* bus)
     const int r = sd_bus_call_method_async(bus, &asked, kBusName, kBusPath, kBusName, "GetNameOwner",
                                            on_owner_told, this, "s", rule_.sender.c_str());
     ownerAsked_.reset(asked);
-    return r < 0 ? r : 0;
+    return r;
 }
 
 int SignalWatch::on_owner_changed(sd_bus_message* message, void* userdata, sd_bus_error*)

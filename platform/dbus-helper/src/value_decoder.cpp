@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstring>
 #include <map>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -36,32 +37,26 @@ template <typename T, typename Wire>
 int decode_basic(sd_bus_message* message, char type, std::any& value)
 {
     T single = {};
-    const int r = read_basic<T, Wire>(message, type, single);
-    if (r <= 0) {
-        return r < 0 ? r : -EBADMSG;
-    }
+    const int r = required(read_basic<T, Wire>(message, type, single));
     value = std::move(single);
-    return 0;
+    return r;
 }
 
 template <typename T, typename Wire>
 int decode_array(sd_bus_message* message, char type, std::any& value)
 {
     const std::string contents(1, type);
-    int r = sd_bus_message_enter_container(message, SD_BUS_TYPE_ARRAY, contents.c_str());
-    if (r <= 0) {
-        return r < 0 ? r : -EBADMSG;
+    int r = required(sd_bus_message_enter_container(message, SD_BUS_TYPE_ARRAY, contents.c_str()));
+    if (r < 0) {
+        return r;
     }
     std::vector<T> values;
     T element = {};
     while ((r = read_basic<T, Wire>(message, type, element)) > 0) {
         values.push_back(element);
     }
-    if (r < 0) {
-        return r;
-    }
     value = std::move(values);
-    return sd_bus_message_exit_container(message);
+    return r < 0 ? r : sd_bus_message_exit_container(message);
 }
 
 /**
@@ -73,19 +68,19 @@ int decode_numbers(sd_bus_message* message, char type, std::any& value)
 {
     const void* data = nullptr;
     std::size_t size = 0;
-    const int r = sd_bus_message_read_array(message, type, &data, &size);
+    const int r = required(sd_bus_message_read_array(message, type, &data, &size));
     if (r == -EOPNOTSUPP) {
         return decode_array<T, T>(message, type, value);
     }
-    if (r <= 0) {
-        return r < 0 ? r : -EBADMSG;
+    if (r < 0) {
+        return r;
     }
     std::vector<T> values(size / sizeof(T));
     if (!values.empty()) {
         std::memcpy(values.data(), data, size);
     }
     value = std::move(values);
-    return 0;
+    return r;
 }
 
 template <bool Array, typename T, typename Wire = T>
@@ -100,11 +95,10 @@ int decode_as(sd_bus_message* message, char type, std::any& value)
     }
 }
 
-/** One value, or an array of values, of a basic type; a type that is not listed leaves `known` false. */
+/** One value, or an array of values, of a basic type. Returns nothing for a type that is not listed. */
 template <bool Array>
-int decode_by_type(sd_bus_message* message, char type, std::any& value, bool& known)
+std::optional<int> decode_by_type(sd_bus_message* message, char type, std::any& value)
 {
-    known = true;
     switch (type) {
     case SD_BUS_TYPE_BYTE:
         return decode_as<Array, std::uint8_t>(message, type, value);
@@ -129,21 +123,15 @@ int decode_by_type(sd_bus_message* message, char type, std::any& value, bool& kn
     case SD_BUS_TYPE_SIGNATURE:
         return decode_as<Array, std::string, const char*>(message, type, value);
     default:
-        known = false;
-        return 0;
+        return std::nullopt;
     }
 }
 
 /** sd-bus limits how deep containers may stand in each other, and with that how deep this can recurse. */
 int decode_variant(sd_bus_message* message, std::any& value, Decoded& decoded)
 {
-    char type = 0;
     const char* contents = nullptr;
-    int r = sd_bus_message_peek_type(message, &type, &contents);
-    if (r <= 0 || type != SD_BUS_TYPE_VARIANT) {
-        return r < 0 ? r : -EBADMSG;
-    }
-    r = sd_bus_message_enter_container(message, SD_BUS_TYPE_VARIANT, contents);
+    int r = enter_variant(message, contents);
     if (r < 0) {
         return r;
     }
@@ -153,35 +141,33 @@ int decode_variant(sd_bus_message* message, std::any& value, Decoded& decoded)
 
 } // namespace
 
+int enter_variant(sd_bus_message* message, const char*& contents)
+{
+    const int r = required(sd_bus_message_peek_type(message, nullptr, &contents));
+    return r < 0 ? r : required(sd_bus_message_enter_container(message, SD_BUS_TYPE_VARIANT, contents));
+}
+
 int decode_value(sd_bus_message* message, const char* signature, std::any& value, Decoded& decoded)
 {
     decoded = Decoded::Value;
     const std::string_view type(signature);
-    int r = 0;
-    bool known = false;
     if (type == "v") {
-        r = decode_variant(message, value, decoded);
-        return r < 0 ? r : 0;
+        return decode_variant(message, value, decoded);
     }
     if (type == "a{sv}") {
         PropertyMap dictionary;
-        r = ParseProperties(message, dictionary);
-        if (r >= 0) {
-            value = std::move(dictionary);
-        }
+        const int r = ParseProperties(message, dictionary);
+        value = std::move(dictionary);
         return r;
     }
-    if (type.size() == 1) {
-        r = decode_by_type<false>(message, type[0], value, known);
-    } else if (type.size() == 2 && type[0] == SD_BUS_TYPE_ARRAY) {
-        r = decode_by_type<true>(message, type[1], value, known);
-    }
-    if (known) {
-        return r < 0 ? r : 0;
+    // What is no basic type by its first character, or by the one behind that of the array, is not listed.
+    const auto r = type[0] == SD_BUS_TYPE_ARRAY ? decode_by_type<true>(message, type[1], value)
+                                                : decode_by_type<false>(message, type[0], value);
+    if (r) {
+        return *r;
     }
     decoded = Decoded::Skipped;
-    r = sd_bus_message_skip(message, signature);
-    return r < 0 ? r : 0;
+    return sd_bus_message_skip(message, signature);
 }
 
 } // namespace sdbus_utils::detail
