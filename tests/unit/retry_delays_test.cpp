@@ -155,6 +155,7 @@ TEST(RetryDelays, GrowWhileTheBusRefusesToAnswer)
         ASSERT_EQ(listener.Connect(), 0);
         int heard = 0;
         ASSERT_EQ(listen(listener, "/object", heard), 0);
+        ASSERT_EQ(listen(listener, "/other", heard), 0);
         pauses.clear();
         bus.stop();
         bus.rule(R"(<deny send_interface="org.freedesktop.DBus" send_member=")" + member + R"("/>)");

@@ -828,6 +828,7 @@ TEST(CallsWithoutABus, FailAndSaySo)
     error.clear();
     EXPECT_LT(SetProperty(nullptr, kService, kPath, kInterface, "enabled", true, error), 0);
     EXPECT_THAT(error, HasSubstr("Cannot open the user bus: "));
+    EXPECT_LT(SetProperty(nullptr, kService, kPath, kInterface, "mode", std::string("Host"), error), 0);
     TypedPropertyMap properties = {{"stale", {"i", std::any(1)}}};
     EXPECT_LT(GetAllProperties(nullptr, kService, kPath, kInterface, properties), 0);
     EXPECT_THAT(properties, IsEmpty());
