@@ -50,6 +50,7 @@ public:
         pendingErrors = false;
         failingReceives = 0;
         interruptedSelects = 0;
+        emptySelects = 0;
         descriptor = pair[0];
         sleeps.clear();
         onSleep = nullptr;
@@ -100,6 +101,7 @@ public:
     inline static std::atomic<bool> pendingErrors = false; ///< whether asking for pending events fails
     inline static std::atomic<int> failingReceives = 0;    ///< so many receives fail before one succeeds
     inline static std::atomic<int> interruptedSelects = 0; ///< so many waits are interrupted by a signal
+    inline static std::atomic<int> emptySelects = 0;       ///< so many waits end with their time-out
     inline static std::atomic<int> descriptor = -1;        ///< what the library says its descriptor is
     inline static std::vector<timespec> sleeps;            ///< pauses of the main thread, which take no time
     inline static std::function<void()> onSleep;           ///< called at the end of each pause
@@ -201,6 +203,11 @@ int select(int count, fd_set* readable, fd_set* writable, fd_set* exceptional, t
         --ScriptedWpaCtrl::interruptedSelects;
         errno = EINTR;
         return -1;
+    }
+    if (ScriptedWpaCtrl::emptySelects > 0) {
+        --ScriptedWpaCtrl::emptySelects;
+        errno = 0;
+        return 0;
     }
     const timespec aMinute = {.tv_sec = 60, .tv_nsec = 0};
     return pselect(count, readable, writable, exceptional, &aMinute, nullptr);

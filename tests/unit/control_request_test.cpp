@@ -5,8 +5,10 @@
 
 #include <array>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <cstdlib>
+#include <deque>
 #include <functional>
 #include <future>
 #include <string>
@@ -35,6 +37,27 @@ using testing_support::TempFolder;
 
 constexpr int32_t kFailed = -1;
 constexpr int32_t kNotAnswered = -2;
+
+/** Why the library's next receptions fail, in turn; 0 for one that does not say why. */
+std::deque<int> receptionErrors;
+
+} // namespace
+
+// Stands before the C library's; under a name of its own because that of the header may be inline.
+extern "C" ssize_t receive_or_fail(int socket, void* buffer, size_t size, int flags) __asm__("recv");
+
+extern "C" ssize_t receive_or_fail(int socket, void* buffer, size_t size, int flags)
+{
+    if (receptionErrors.empty()) {
+        return recvfrom(socket, buffer, size, flags, nullptr, nullptr);
+    }
+    const int error = receptionErrors.front();
+    receptionErrors.pop_front();
+    errno = error != 0 ? error : errno;
+    return -1;
+}
+
+namespace {
 
 /** A daemon with a control socket. What it does with a command is the test's. */
 class Daemon
@@ -206,6 +229,20 @@ TEST_F(ControlRequest, ADaemonThatHasGoneIsNotWaitedFor)
     }
     EXPECT_EQ(ask("PING"), kFailed);
     EXPECT_LT(took, 5s);
+}
+
+TEST_F(ControlRequest, AReceptionThatIsInterruptedIsMadeAgainAndOneThatFailsIsTheEnd)
+{
+    for (const auto& [errors, result] :
+         {std::pair(std::deque{EAGAIN, EINTR}, 0), {{ECONNRESET}, kFailed}, {{EAGAIN, 0}, kFailed}}) {
+        receptionErrors = errors;
+        daemon.end();
+        daemon.on_command([&](const std::string&) { daemon.say("PONG\n"); });
+        EXPECT_EQ(ask("PING"), result) << errors.front();
+        EXPECT_THAT(receptionErrors, IsEmpty());
+        EXPECT_LT(took, 5s);
+        SetUp(); // without what came too late
+    }
 }
 
 TEST_F(ControlRequest, ADaemonThatReadsNothingIsGivenUpInTime)

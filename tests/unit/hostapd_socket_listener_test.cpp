@@ -3,11 +3,16 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
+#include <fcntl.h>
 #include <sigc++/sigc++.h>
+#include <sys/stat.h>
+#include <syslog.h>
 
 #include "support/captured_log.hpp"
 #include "support/scripted_wpa_ctrl.hpp"
@@ -20,6 +25,26 @@ using testing_support::ScriptedWpaCtrl;
 namespace {
 
 const std::string kStation = "11:22:33:44:55:66";
+const std::string kOpened = "open /var/run/hostapd/wlan0";
+
+/** The inode of hostapd's socket; 0 when it has none. */
+std::atomic<ino_t> hostapdSocket = 0;
+
+} // namespace
+
+/** Stands before the C library's. */
+extern "C" int stat(const char* path, struct stat* file) noexcept
+{
+    if (hostapdSocket == 0 || std::string_view(path) != "/var/run/hostapd/wlan0") {
+        return fstatat(AT_FDCWD, path, file, 0);
+    }
+    *file = {};
+    file->st_mode = S_IFSOCK;
+    file->st_ino = hostapdSocket;
+    return 0;
+}
+
+namespace {
 
 class HostapdListener : public testing::Test
 {
@@ -27,6 +52,7 @@ protected:
     void SetUp() override
     {
         ScriptedWpaCtrl::reset();
+        hostapdSocket = 0;
         captured_log().clear();
         const auto note = [this](const std::string& text) { emitted.push_back(text); };
         listener.StationConnectedSignal.connect([note](const std::string& text) { note("+" + text); });
@@ -226,7 +252,7 @@ TEST_F(HostapdListener, StartOpensTheSocketOfHostapd)
 {
     listener.Start();
     listener.Stop();
-    EXPECT_EQ(ScriptedWpaCtrl::noted().front(), "open /var/run/hostapd/wlan0");
+    EXPECT_EQ(ScriptedWpaCtrl::noted().front(), kOpened);
 }
 
 TEST_F(HostapdListener, AConnectionOfItsOwnIsOpenedForTheInterfaceAskedFor)
@@ -248,6 +274,53 @@ TEST_F(HostapdListener, RestartKeepsAndResetForgetsTheDisconnectedStationsAndBot
     EXPECT_EQ(listener.IsStationDisconnected(kStation.c_str()), 0);
     EXPECT_TRUE(listener.IsApEnabled());
     EXPECT_EQ(ScriptedWpaCtrl::noted().back(), "close");
+}
+
+TEST_F(HostapdListener, AfterAFarewellTheOldOneIsListenedToUntilItsSocketIsReplacedAndItsStationsAreForgotten)
+{
+    hostapdSocket = 1;
+    listener.Start();
+    listener.SignalEvent("<3>AP-STA-DISCONNECTED 11:22:33:44:55:66");
+    listener.SignalEvent("<3>CTRL-EVENT-TERMINATING ");
+    ScriptedWpaCtrl::onSleep = [] {
+        ScriptedWpaCtrl::send("<3>AP-DISABLED ");
+        EXPECT_TRUE(captured_log().wait_for({LOG_INFO, "ListenTask: Recv <3>AP-DISABLED "}));
+        hostapdSocket = 2;
+    };
+    listener.follow_successor_of_terminated();
+    listener.Stop();
+    EXPECT_EQ(ScriptedWpaCtrl::sleeps.size(), 1U);
+    EXPECT_THAT(ScriptedWpaCtrl::noted(),
+                ElementsAre(kOpened, "ATTACH", "close", kOpened, "ATTACH", "close"));
+    EXPECT_EQ(listener.IsStationDisconnected(kStation.c_str()), 0);
+}
+
+TEST_F(HostapdListener, ASuccessorThatIsFollowedAlreadyKeepsItsConnectionWhenTheFarewellIsHandled)
+{
+    hostapdSocket = 1;
+    listener.Start();
+    ASSERT_TRUE(ScriptedWpaCtrl::wait_for_selects(1));
+    listener.SignalEvent("<3>AP-STA-DISCONNECTED 11:22:33:44:55:66");
+    listener.SignalEvent("<3>CTRL-EVENT-TERMINATING ");
+    hostapdSocket = 2;
+    listener.Restart();
+    listener.follow_successor_of_terminated();
+    listener.Stop();
+    EXPECT_THAT(ScriptedWpaCtrl::noted(),
+                ElementsAre(kOpened, "ATTACH", "close", kOpened, "ATTACH", "close"));
+    EXPECT_EQ(listener.IsStationDisconnected(kStation.c_str()), 0);
+}
+
+TEST_F(HostapdListener, TheFirstStartAfterAFarewellGivesTheSocketASecondToGoAway)
+{
+    hostapdSocket = 1;
+    listener.Start();
+    listener.SignalEvent("<3>CTRL-EVENT-TERMINATING ");
+    for (int round = 0; round < 2; ++round) {
+        listener.Stop();
+        listener.Start();
+        EXPECT_EQ(ScriptedWpaCtrl::sleeps.size(), 100U);
+    }
 }
 
 TEST_F(HostapdListener, StationsMayBeAskedForWhileEventsComeIn)

@@ -2,11 +2,14 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <list>
 #include <memory>
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <arpa/inet.h>
@@ -15,8 +18,10 @@
 #include <ifaddrs.h>
 #include <netpacket/packet.h>
 #include <syslog.h>
+#include <time.h>
 
 #include "support/captured_log.hpp"
+#include "support/temp_folder.hpp"
 
 // The interface list is the test's: links without a hardware address of six bytes are not to be had
 // everywhere.
@@ -90,6 +95,8 @@ private:
 
 std::unique_ptr<Interfaces> interfaces;
 
+std::vector<timespec> sleeps;
+
 } // namespace
 
 extern "C" {
@@ -110,6 +117,13 @@ void freeifaddrs(ifaddrs* list) noexcept
     EXPECT_EQ(list, interfaces->first());
     --interfaces->lists;
 }
+
+/** Takes no time. */
+int nanosleep(const timespec* time, timespec*)
+{
+    sleeps.push_back(*time);
+    return 0;
+}
 }
 
 namespace {
@@ -120,6 +134,7 @@ protected:
     InterfaceQueries()
     {
         interfaces = std::make_unique<Interfaces>();
+        sleeps.clear();
         captured_log().clear();
     }
     ~InterfaceQueries() override { EXPECT_EQ(interfaces->lists, 0) << "an interface list was not freed"; }
@@ -128,6 +143,7 @@ protected:
     static std::string mac()
     {
         std::array<char, kMacAddressBufferSize> buffer{};
+        buffer.fill('#');
         return utils_get_mac_address("wlan0", buffer.data()) != 0 ? buffer.data() : "none";
     }
 
@@ -135,6 +151,7 @@ protected:
     static std::string ip()
     {
         std::array<char, kIpAddressBufferSize> buffer{};
+        buffer.fill('#');
         return utils_get_ip_address("wlan0", buffer.data()) != 0 ? buffer.data() : "none";
     }
 
@@ -212,6 +229,26 @@ TEST_F(InterfaceQueries, SaysThatThereIsNoIpv4Address)
     EXPECT_EQ(ip(), "none");
     EXPECT_THAT(log(), ElementsAre(LogLine{LOG_INFO, "utils_get_ip_address: addr_found: 0"},
                                    LogLine{LOG_INFO, "utils_get_ip_address: addr_found: 0"}));
+}
+
+TEST_F(InterfaceQueries, WithoutTransmitPowerWaitsHalfASecondAndFails)
+{
+    const testing_support::TempFolder folder;
+    const std::string path = std::getenv("PATH");
+    setenv("PATH", (folder.path().string() + ":" + path).c_str(), 1);
+    for (const auto& [printed, found, read] : {std::tuple("txpower 20.00 dBm", true, "txpower 20.00 dB"),
+                                               {"txpower: none", true, ""},
+                                               {"type AP", false, ""}}) {
+        folder.write("iw", std::string("#!/bin/sh\necho ") + printed + "\n");
+        std::filesystem::permissions(folder.file("iw"), std::filesystem::perms::owner_all);
+        std::array<char, 256> power{};
+        EXPECT_EQ(utils_get_signal_strength(power.data()), found);
+        EXPECT_STREQ(power.data(), read);
+        EXPECT_EQ(sleeps.size(), found ? 0U : 1U);
+    }
+    setenv("PATH", path.c_str(), 1);
+    EXPECT_EQ(sleeps.at(0).tv_sec, 0);
+    EXPECT_EQ(sleeps.at(0).tv_nsec, 500'000'000);
 }
 
 TEST_F(InterfaceQueries, LooksForAnNfsRootInTheFirst499BytesOfTheCommandLine)

@@ -71,6 +71,8 @@ public:
         EXPECT_EQ(header->msg_iovlen, 1U);
         EXPECT_EQ(header->msg_iov->iov_len, 8192U);
         EXPECT_EQ(header->msg_control, nullptr);
+        EXPECT_NE(header->msg_name, nullptr);
+        EXPECT_TRUE(received_.size() > 1 || header->msg_namelen == sizeof(sockaddr_nl));
         if (waiting_.empty()) {
             errno = EAGAIN;
             return -1;
@@ -232,10 +234,12 @@ TEST_F(KernelListener, ClosesItsSocketAndEndsWithTwoLinesWhenItCanNotBind)
 
 TEST_F(KernelListener, TellsOfAddressesAddedAndRemovedAtMostOnceASecond)
 {
+    kernel->deliver({.datagram = ""});
     kernel->deliver({.datagram = address_message()});
     kernel->deliver({.datagram = address_message(RTM_DELADDR)});
     listener.Start();
     const auto times = kernel->wait_for_receptions(3);
+    ASSERT_TRUE(captured_log().wait_for_lines(4));
     listener.Stop();
     EXPECT_THAT(log(), ElementsAre(kStarting, kTask, kAdded, kRemoved));
     EXPECT_THAT(events,

@@ -241,9 +241,19 @@ TEST(NetlinkAttributeTable, StepsByLengthsRoundedUpToFour)
     EXPECT_EQ(table.filled(), 4U);
 }
 
-TEST(NetlinkAttributeTable, EndsWhenTheRoundedStepLeavesNothing)
+TEST(NetlinkAttributeTable, EndsWhereWhatIsCountedEnds)
 {
-    // Five bytes counted, a step of eight: nothing may be looked at behind it.
+    // Behind a step of eight bytes nothing is left of five, and no whole attribute of twelve.
+    const std::string bytes = attribute(1, "x") + attribute(2, "data");
+    for (const size_t count : {5U, 12U}) {
+        Table table;
+        table.fill(bytes, count);
+        EXPECT_EQ(table.filled(), 1U) << count;
+    }
+}
+
+TEST(NetlinkAttributeTable, ReadsNothingBehindARoundedStepThatLeavesNothing)
+{
     const auto bytes = std::make_unique<char[]>(8);
     std::memcpy(bytes.get(), attribute(1, "x").data(), 8);
     Table table;

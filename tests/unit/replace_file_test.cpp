@@ -26,12 +26,12 @@ using testing_support::TempFolder;
 
 struct
 {
-    std::string step; // "write", "close", "rename", "fchmod", or none
-    int error = 0;
+    std::string step;          // "write", "close", "rename", "fchmod", or none
+    int error = 0;             // 0: "write" writes nothing and says so
     size_t room = 0;           // bytes that are written before "write" fails
     size_t most = SIZE_MAX;    // bytes that one call takes at most
     int interruptions = 0;     // calls of write that a signal ends first
-    std::vector<mode_t> modes; // of the new file, each time that something is written to it
+    std::vector<mode_t> modes; // of the new file before each change of it
 } disk;
 
 bool refuses(const std::string& step)
@@ -47,6 +47,13 @@ bool is_file(int fd)
 {
     struct stat status = {};
     return fstat(fd, &status) == 0 && S_ISREG(status.st_mode);
+}
+
+void note_mode(int fd)
+{
+    struct stat status = {};
+    fstat(fd, &status);
+    disk.modes.push_back(status.st_mode & 07777);
 }
 
 class ReplaceFile : public testing::Test
@@ -99,12 +106,10 @@ ssize_t write(int fd, const void* data, size_t size)
         taken = std::min(taken, disk.room);
         disk.room -= taken;
         if (taken == 0 && refuses("write")) {
-            return -1;
+            return disk.error != 0 ? -1 : 0;
         }
     }
-    struct stat status = {};
-    fstat(fd, &status);
-    disk.modes.push_back(status.st_mode & 07777);
+    note_mode(fd);
     return syscall(SYS_write, fd, data, taken);
 }
 
@@ -121,6 +126,7 @@ int close(int fd)
 
 int fchmod(int fd, mode_t mode) noexcept
 {
+    note_mode(fd);
     return refuses("fchmod") ? -1 : static_cast<int>(syscall(SYS_fchmod, fd, mode));
 }
 
@@ -155,7 +161,7 @@ TEST_F(ReplaceFile, HasTheModeAskedForWhateverTheUmaskAndBeforeAnythingIsInIt)
             disk.modes = {0};
             EXPECT_EQ(utils_replace_file(path, "new", wanted), 0);
             EXPECT_EQ(mode(), wanted);
-            EXPECT_THAT(disk.modes, ElementsAre(0U, wanted));
+            EXPECT_THAT(disk.modes, ElementsAre(0U, 0600U & ~mask, wanted));
         }
         umask(before);
     }
@@ -177,6 +183,10 @@ TEST_F(ReplaceFile, KeepsTheOldContentsWhenThereIsRoomForNoneOrAPartOfTheNew)
         disk.error = ENOSPC;
         disk.room = room;
         EXPECT_EQ(utils_replace_file(path, "brand new", 0600), -ENOSPC) << room;
+        expect_old();
+        disk.step = "write";
+        disk.room = room;
+        EXPECT_EQ(utils_replace_file(path, "brand new", 0600), -EIO) << room;
         expect_old();
     }
 }
@@ -202,6 +212,7 @@ TEST_F(ReplaceFile, TakesThePlaceOfWhatAnEarlierProcessLeftBehind)
         } else {
             folder.write("a.conf.tmp", std::string(1000, 'x'));
         }
+        errno = EBADF; // of some call before
         EXPECT_EQ(utils_replace_file(path, "new", 0600), 0);
         EXPECT_EQ(folder.read("a.conf"), "new");
         EXPECT_FALSE(folder.has("a.conf.tmp"));

@@ -8,10 +8,12 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <malloc.h>
 #include <spawn.h>
 #include <sys/wait.h>
 
 #include "support/interrupting_signals.hpp"
+#include "support/signal_set.hpp"
 #include "support/unique_fd.hpp"
 
 namespace {
@@ -66,11 +68,43 @@ TEST(ShellRun, WaitsOnAfterASignal)
     EXPECT_EQ(shell_run("sleep 0.3; exit 1"), kExitStatusOne);
 }
 
-TEST(ShellRun, GivesTheCommandNoDescriptorsBesideTheStandardOnes)
+TEST(ShellRun, GivesTheCommandTheStandardDescriptorsAndNoOthers)
 {
     const UniqueFd inheritable(open("/dev/null", O_RDONLY));
     ASSERT_TRUE(inheritable);
     EXPECT_EQ(shell_run("test ! -e /proc/self/fd/" + std::to_string(inheritable.get())), 0);
+    EXPECT_EQ(shell_run("test -e /proc/self/fd/0 -a -e /proc/self/fd/1 -a -e /proc/self/fd/2"), 0);
+}
+
+TEST(ShellRun, GivesTheCommandEverySignalAsItWasAtFirst)
+{
+    const sigset_t blocked = signal_set({SIGUSR1});
+    sigset_t before;
+    pthread_sigmask(SIG_BLOCK, &blocked, &before);
+    const auto handler = std::signal(SIGUSR2, SIG_IGN);
+    EXPECT_EQ(shell_run("kill -USR1 $$; exit 1"), SIGUSR1);
+    EXPECT_EQ(shell_run("kill -USR2 $$; exit 1"), SIGUSR2);
+    std::signal(SIGUSR2, handler);
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}
+
+TEST(ShellRun, ACommandThatSomebodyElseWaitedForHasNoStatus)
+{
+    const auto handler = std::signal(SIGCHLD, SIG_IGN);
+    EXPECT_EQ(shell_run("true"), -1);
+    std::signal(SIGCHLD, handler);
+}
+
+TEST(ShellRun, KeepsNoMemory)
+{
+    spawnError = EAGAIN;
+    shell_run("true");
+    const size_t before = mallinfo2().uordblks;
+    for (int round = 0; round < 100; ++round) {
+        shell_run("true");
+    }
+    EXPECT_EQ(mallinfo2().uordblks, before);
+    spawnError = 0;
 }
 
 TEST(ShellPipe, ReadsLineByLine)
@@ -100,8 +134,9 @@ TEST(ShellPipe, ReadsNoMoreOfALineThanTheLimit)
 
 TEST(ShellPipe, ReadsToTheEndAcrossPausesOfTheCommand)
 {
-    ShellPipe pipe("printf one; sleep 0.1; printf two");
-    EXPECT_EQ(pipe.read(256), "onetwo");
+    ShellPipe pipe("printf one; sleep 0.1; printf twothree; sleep 0.1; printf four");
+    EXPECT_EQ(pipe.read(6), "onetwo");
+    EXPECT_EQ(pipe.read(256), "threefour");
     EXPECT_EQ(pipe.read(256), "");
 }
 

@@ -301,6 +301,16 @@ TEST_F(SystemdUnits, EnableGoesOnAfterAnyFailureToBuildTheListAndTheFirstFlag)
                             LogLine{LOG_INFO, "[Utils] a.service should've been successfully enabled"}));
 }
 
+TEST_F(SystemdUnits, EnableTakesAnythingAppendedWithZeroForAppended)
+{
+    library->results["append s"] = {0};
+    library->results["append b"] = {0, 0};
+    EXPECT_TRUE(utils_enable_service("a.service"));
+    EXPECT_THAT(log(),
+                ElementsAre(LogLine{LOG_INFO, "[Utils] Trying to enable a.service"},
+                            LogLine{LOG_INFO, "[Utils] a.service should've been successfully enabled"}));
+}
+
 TEST_F(SystemdUnits, EnableGivesUpWhenTheLastFlagCanNotBeAppended)
 {
     library->results["append b"] = {1, -ENOMEM};
@@ -490,9 +500,11 @@ TEST_P(UnitLookUp, ReportsAReplyThatItCanNotReadAndIsNonzero)
 TEST_P(UnitLookUp, IsZeroOnlyWhenTheLastResultIs)
 {
     library->results["read"] = {0};
-    std::string path;
+    std::string path = "before";
     EXPECT_EQ(GetParam().function("a.service", path), 0);
     EXPECT_EQ(path, "");
+    EXPECT_THAT(log(),
+                ElementsAre(LogLine{LOG_INFO, "[Utils] Got unit name '' for the service 'a.service'"}));
 
     library->results["open_system"] = {0};
     library->results["call_method"] = {0};
@@ -556,8 +568,19 @@ TEST_P(UnitJobs, IsZeroOnlyWhenTheLastResultIs)
 {
     library->results["read"] = {0};
     EXPECT_EQ(GetParam().function("/unit/a"), 0);
+    EXPECT_THAT(log(), ElementsAre(LogLine{LOG_INFO, std::string("[Utils] ") + GetParam().succeeded +
+                                                         " '/unit/a' unit with job id:"}));
     library->results["call_method"] = {0};
     EXPECT_EQ(GetParam().function("/unit/a"), 1);
+}
+
+TEST_P(UnitJobs, WaitForTheBusToLetInUnlessThereIsNoUnit)
+{
+    for (const auto& [path, leftToWait] : {std::pair("/unit/a", 0U), {"", 1U}}) {
+        library->waitsToLetIn = {std::chrono::milliseconds(1)};
+        GetParam().function(path);
+        EXPECT_EQ(library->waitsToLetIn.size(), leftToWait) << path;
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(All, UnitJobs,

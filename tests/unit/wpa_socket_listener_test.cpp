@@ -62,6 +62,9 @@ public:
 
     void Start() override { start_listening(directory.c_str()); }
 
+    using WpaSocketListener::expect_successor;
+    using WpaSocketListener::follows_successor;
+
     /** Waits until there are so many events and returns them all. */
     std::vector<std::string> events(size_t count)
     {
@@ -228,14 +231,37 @@ TEST_F(WpaSocketListenerTest, NorDoesItsOwnDescriptorWhereTheProcessHasSoMany)
     setrlimit(RLIMIT_NOFILE, &before);
 }
 
-TEST_F(WpaSocketListenerTest, AnInterruptedWaitIsNoFailure)
+TEST_F(WpaSocketListenerTest, AWaitThatIsInterruptedOrEndsWithItsTimeIsNoFailure)
 {
     ScriptedWpaCtrl::interruptedSelects = 3;
+    ScriptedWpaCtrl::emptySelects = 3;
     listener.Start();
+    ASSERT_TRUE(ScriptedWpaCtrl::wait_for_selects(7));
     ScriptedWpaCtrl::send("event");
     EXPECT_THAT(listener.events(1), ElementsAre("event"));
     listener.Stop();
     EXPECT_THAT(captured_log().lines(), ElementsAre(received("event")));
+}
+
+TEST_F(WpaSocketListenerTest, TheFirstDescriptorOfAllIsOneLikeAnyOther)
+{
+    const UniqueFd input(dup(STDIN_FILENO));
+    close(STDIN_FILENO);
+    {
+        RecordingListener late; // is given it for what wakes its thread up
+        late.Start();
+        ASSERT_TRUE(ScriptedWpaCtrl::wait_for_selects(1));
+        const auto before = std::chrono::steady_clock::now();
+        late.Stop();
+        EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(30)); // the wait lasts 60
+    }
+    dup2(ScriptedWpaCtrl::connection.fd, STDIN_FILENO);
+    ScriptedWpaCtrl::descriptor = STDIN_FILENO;
+    listener.Start();
+    ScriptedWpaCtrl::send("event");
+    EXPECT_THAT(listener.events(1), ElementsAre("event"));
+    listener.Stop();
+    dup2(input.get(), STDIN_FILENO);
 }
 
 // Receiving
@@ -470,18 +496,21 @@ TEST_F(ReplacedDaemon, RestartHandsOverWhatHasArrivedWhenTheThreadComesBackFromA
     listener.Start();
     ScriptedWpaCtrl::send("<3>one");
     listener.events(1);
-    for (const char* event :
-         {"<3>AP-STA-DISCONNECTED 02:00:00:00:00:01", "<3>AP-DISABLED ", "<3>CTRL-EVENT-T"}) {
+    for (const std::string& event :
+         {std::string(5000, 'e'), std::string("<3>AP-STA-DISCONNECTED 02:00:00:00:00:01"),
+          std::string("<3>AP-DISABLED "), std::string("<3>CTRL-EVENT-T")}) {
         ScriptedWpaCtrl::send(event);
     }
     replace();
+    ScriptedWpaCtrl::opens = false; // from the old connection it must be
     auto restarted = std::async(std::launch::async, [this] { listener.Restart(); });
     // The thread finds itself stopped when its slot returns.
     EXPECT_EQ(restarted.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
     replaced.set_value();
     restarted.get();
-    EXPECT_THAT(listener.events(4), ElementsAre("<3>one", "<3>AP-STA-DISCONNECTED 02:00:00:00:00:01",
-                                                "<3>AP-DISABLED ", "<3>CTRL-EVENT-T"));
+    EXPECT_THAT(listener.events(5),
+                ElementsAre("<3>one", std::string(4095, 'e'), "<3>AP-STA-DISCONNECTED 02:00:00:00:00:01",
+                            "<3>AP-DISABLED ", "<3>CTRL-EVENT-T"));
 }
 
 TEST_F(ReplacedDaemon, RestartReturnsAlthoughTheOldOneGoesOnTalking)
@@ -576,12 +605,13 @@ TEST_F(ReplacedDaemon, AnAttachmentToOneThatIsReplacedAlreadyIsMadeToTheNewOne)
             ScriptedWpaCtrl::send("the old one's last word");
         }
     };
+    listener.onEvent = [] { ScriptedWpaCtrl::note("heard"); };
     listener.Start();
     EXPECT_THAT(listener.events(1), ElementsAre("the old one's last word"));
     ASSERT_TRUE(ScriptedWpaCtrl::wait_for_selects(1));
     listener.Stop();
     EXPECT_THAT(ScriptedWpaCtrl::noted(),
-                ElementsAre(opened(), "ATTACH", "close", opened(), "ATTACH", "close"));
+                ElementsAre(opened(), "ATTACH", "heard", "close", opened(), "ATTACH", "close"));
 }
 
 TEST_F(ReplacedDaemon, WaitingForTheAnswerIsGivenUpForANewOneAndForAStopAndForNothingElse)
@@ -654,6 +684,27 @@ TEST_F(ReplacedDaemon, OneThatWasReplacedBeforeItCouldBeConnectedToIsNotTheEnd)
     listener.Stop();
     EXPECT_THAT(ScriptedWpaCtrl::noted(), ElementsAre(opened(), opened(), "ATTACH", "close"));
     EXPECT_THAT(captured_log().lines(), IsEmpty());
+}
+
+TEST_F(ReplacedDaemon, OneThatIsReplacedWhileItIsConnectedToIsTakenForTheOldOne)
+{
+    const auto before = socket_file(folder.file("wlan0"));
+    ScriptedWpaCtrl::onOpen = [this] { replace(); };
+    EXPECT_EQ(connect_control_socket(folder.file("wlan0")).file, before);
+}
+
+TEST_F(ReplacedDaemon, ASuccessorIsFollowedFromItsConnectionToTheEndOfTheThread)
+{
+    listener.Start();
+    ASSERT_TRUE(ScriptedWpaCtrl::wait_for_selects(1));
+    EXPECT_FALSE(listener.follows_successor()); // of nobody
+    listener.expect_successor();
+    EXPECT_FALSE(listener.follows_successor());
+    replace();
+    listener.Restart();
+    EXPECT_TRUE(listener.follows_successor());
+    listener.Stop();
+    EXPECT_FALSE(listener.follows_successor());
 }
 
 TEST_F(WpaSocketListenerTest, ManyStartsAndStopsLeaveNoDescriptorBehind)

@@ -10,6 +10,7 @@
 
 #include <dlfcn.h>
 #include <syslog.h>
+#include <unistd.h>
 
 #include "support/captured_log.hpp"
 #include "support/event_loop.hpp"
@@ -141,6 +142,9 @@ TEST_F(StationListener, ARefusedPassphraseIsToldBeforeTheState)
     notify(1, "State", "s", "disconnected");
     EXPECT_THAT(heard, ElementsAre("connectFailed", "failed/"));
     EXPECT_EQ(listener.GetState(), "failed");
+    EXPECT_EQ(captured_log().lines().at(4),
+              (LogLine{LOG_WARNING,
+                       "[WPE supplicant] PropertyChangedCallback: Failed to connect to the accesspoint"}));
 }
 
 TEST_F(StationListener, TheStateIsStillTheOldOneWhileARefusedPassphraseIsTold)
@@ -207,11 +211,20 @@ TEST_F(StationListener, ASignalThatCanNotBeListenedToIsAnError)
     EXPECT_EQ(lines[3], (LogLine{LOG_INFO, "[WPA Listener] Start completed"}));
 }
 
-TEST_F(StationListener, StoppingSaysSoAndSucceeds)
+TEST_F(StationListener, StoppingSaysSoAndClosesTheConnection)
 {
+    const auto nextDescriptor = [] {
+        const UniqueFd next(dup(STDIN_FILENO));
+        return next.get();
+    };
+    const int before = nextDescriptor();
     EXPECT_EQ(listener.Start(), 0);
+    EXPECT_EQ(captured_log().lines().size(), 3U);
+    EXPECT_EQ(captured_log().lines().back(), (LogLine{LOG_INFO, "[WPA Listener] Start completed"}));
     captured_log().clear();
+    EXPECT_NE(nextDescriptor(), before);
     EXPECT_EQ(listener.Stop(), 0);
+    EXPECT_EQ(nextDescriptor(), before);
     EXPECT_EQ(listener.Stop(), 0);
     EXPECT_THAT(captured_log().lines(), ElementsAre(LogLine{LOG_INFO, "[WPA Listener] Stop"},
                                                     LogLine{LOG_INFO, "[WPA Listener] Stop"}));
