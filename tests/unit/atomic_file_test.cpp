@@ -41,6 +41,21 @@ int take(const std::string& step)
 }
 
 bool failingAfterSync = false; // a rename fails too, once the folder could not be synced
+bool fileSystemKnowsNoLinks = false;
+
+/** Somebody who is not root, for as long as it lives. */
+class Nobody
+{
+public:
+    Nobody() { EXPECT_EQ(::seteuid(isRoot_ ? kNobody : ::geteuid()), 0); }
+    ~Nobody() { EXPECT_EQ(::seteuid(isRoot_ ? 0 : ::geteuid()), 0); }
+    Nobody(const Nobody&) = delete;
+    Nobody& operator=(const Nobody&) = delete;
+
+private:
+    static constexpr uid_t kNobody = 65534;
+    bool isRoot_ = ::geteuid() == 0;
+};
 
 class ReplaceFile : public testing::Test
 {
@@ -48,6 +63,7 @@ protected:
     void SetUp() override
     {
         failing.clear();
+        fileSystemKnowsNoLinks = false;
         ASSERT_EQ(settingsd::replace_file(path, "old", settled), 0);
         steps.clear();
     }
@@ -66,6 +82,21 @@ extern "C" int fsync(int fd)
     const int result =
         take(S_ISDIR(status.st_mode) ? "sync folder" : "sync file of " + std::to_string(status.st_size));
     return result != 0 ? result : static_cast<int>(syscall(SYS_fsync, fd));
+}
+
+extern "C" int close(int fd)
+{
+    const int result = static_cast<int>(syscall(SYS_close, fd));
+    return !failing.empty() && failing.front() == "close" ? take("close") : result;
+}
+
+extern "C" int link(const char* from, const char* to)
+{
+    if (fileSystemKnowsNoLinks) {
+        errno = EPERM;
+        return -1;
+    }
+    return static_cast<int>(syscall(SYS_linkat, AT_FDCWD, from, AT_FDCWD, to, 0));
 }
 
 extern "C" int rename(const char* from, const char* to)
@@ -108,6 +139,15 @@ TEST_F(ReplaceFile, KeepsTheOldContentsWhenTheNewCanNotBeSynced)
     EXPECT_EQ(settingsd::replace_file(path, "brand new", settled), -EIO);
     EXPECT_THAT(steps, ElementsAre("sync file of 9"));
     EXPECT_EQ(folder.read("settings.json"), "old");
+    EXPECT_FALSE(folder.has("settings.json.tmp"));
+}
+
+TEST_F(ReplaceFile, KeepsTheOldContentsWhenTheNewAreLostAsTheirFileIsClosed)
+{
+    failing = {"close"};
+    EXPECT_EQ(settingsd::replace_file(path, "brand new", settled), -EIO);
+    EXPECT_EQ(folder.read("settings.json"), "old");
+    EXPECT_FALSE(folder.has("settings.json.tmp"));
 }
 
 TEST_F(ReplaceFile, KeepsTheOldContentsWhenTheyCanNotBeReplaced)
@@ -117,26 +157,27 @@ TEST_F(ReplaceFile, KeepsTheOldContentsWhenTheyCanNotBeReplaced)
     EXPECT_EQ(folder.read("settings.json"), "old");
 }
 
-TEST_F(ReplaceFile, TouchesNothingInAFolderThatCanNotBeSynced)
+TEST_F(ReplaceFile, TouchesNothingInAFolderThatCanNotBeSyncedOrWrittenTo)
 {
-    // One that may be written to and not be read, by anybody but root.
+    // Folders that may be written to and not be read, or read and not be written to, by anybody but root.
     std::filesystem::create_directory(folder.path() / "unread");
+    std::filesystem::create_directory(folder.path() / "unwritten");
     const std::string other = folder.file("unread/settings.json");
     ASSERT_EQ(settingsd::replace_file(other, "old", settled), 0);
     ::chmod(folder.path().c_str(), 0711);
     ::chmod((folder.path() / "unread").c_str(), 0333);
-    const bool isRoot = ::geteuid() == 0;
-    if (isRoot) {
-        constexpr uid_t kNobody = 65534;
-        ASSERT_EQ(::seteuid(kNobody), 0);
-    }
-    EXPECT_EQ(settingsd::replace_file(other, "brand new", settled), -EACCES);
-    if (isRoot) {
-        ASSERT_EQ(::seteuid(0), 0);
+    ::chmod((folder.path() / "unwritten").c_str(), 0555);
+    std::string kept;
+    {
+        const Nobody nobody;
+        EXPECT_EQ(settingsd::replace_file(other, "brand new", settled), -EACCES);
+        EXPECT_EQ(settingsd::keep_aside(other, kept), -EACCES);
+        EXPECT_EQ(settingsd::replace_file(folder.file("unwritten/settings.json"), "new", settled), -EACCES);
     }
     ::chmod((folder.path() / "unread").c_str(), 0700);
     EXPECT_EQ(folder.read("unread/settings.json"), "old");
     EXPECT_FALSE(folder.has("unread/settings.json.tmp"));
+    EXPECT_EQ(kept, "");
 }
 
 TEST_F(ReplaceFile, GivesTheOldContentsTheirNameBackWhenTheFolderCanNotBeSynced)
@@ -147,6 +188,18 @@ TEST_F(ReplaceFile, GivesTheOldContentsTheirNameBackWhenTheFolderCanNotBeSynced)
     EXPECT_EQ(folder.read("settings.json"), "old");
     EXPECT_TRUE(settled);
     EXPECT_FALSE(folder.has("settings.json.old"));
+}
+
+TEST_F(ReplaceFile, CopiesTheOldContentsWhereTheFileSystemKnowsNoLinks)
+{
+    fileSystemKnowsNoLinks = true;
+    failing = {"sync folder"};
+    EXPECT_EQ(settingsd::replace_file(path, "brand new", settled), -EIO);
+    EXPECT_EQ(folder.read("settings.json"), "old");
+
+    const DiskInPieces unreadable(SIZE_MAX - 1, 1, EIO);
+    std::string kept;
+    EXPECT_EQ(settingsd::keep_aside(path, kept), -EIO);
 }
 
 TEST_F(ReplaceFile, LeavesNoFileBehindWhereThereWasNoneWhenTheFolderCanNotBeSynced)
@@ -179,4 +232,37 @@ TEST_F(ReplaceFile, TellsWhenTheOldContentsCanNotGetTheirNameBack)
     EXPECT_EQ(settingsd::replace_file(path, "brand new", settled), -EIO);
     EXPECT_FALSE(settled);
     failingAfterSync = false;
+}
+
+TEST_F(ReplaceFile, CallsAFileKeptAsideOnceItsSecondNameIsOnTheDisk)
+{
+    std::string kept;
+    failing = {"sync folder"};
+    EXPECT_EQ(settingsd::keep_aside(path, kept), -EIO);
+    EXPECT_EQ(kept, "");
+    EXPECT_FALSE(folder.has("settings.json.damaged-1"));
+
+    steps.clear();
+    EXPECT_EQ(settingsd::keep_aside(path, kept), 0);
+    EXPECT_THAT(steps, ElementsAre("sync folder"));
+    EXPECT_EQ(kept, path + ".damaged-1");
+}
+
+TEST(FollowLinks, GoesAsFarAsTheKernelDoes)
+{
+    constexpr int kLinks = 41;
+    const TempFolder folder;
+    folder.write("0", "");
+    for (int link = 1; link <= kLinks; ++link) {
+        std::filesystem::create_symlink(std::to_string(link - 1), folder.path() / std::to_string(link));
+    }
+    std::string target;
+    for (const int link : {0, kLinks - 1}) {
+        EXPECT_EQ(::access(folder.file(std::to_string(link)).c_str(), F_OK), 0);
+        EXPECT_EQ(settingsd::follow_links(folder.file(std::to_string(link)), target), 0);
+        EXPECT_EQ(target, folder.file("0"));
+    }
+    EXPECT_EQ(::access(folder.file(std::to_string(kLinks)).c_str(), F_OK), -1);
+    EXPECT_EQ(settingsd::follow_links(folder.file(std::to_string(kLinks)), target), -ELOOP);
+    EXPECT_EQ(settingsd::follow_links(folder.file("0/inside"), target), -ENOTDIR);
 }

@@ -37,6 +37,8 @@ TEST(SettingsDocument, SurvivesBeingWrittenAndRead)
 {
     const json root = {{"network", {{"mode", "Zürich \"1\" \\ \n"}}}};
     EXPECT_EQ(parse_document(to_text(root), kSchema).root, root);
+    EXPECT_EQ(to_text({{"display", {{"brightness", 5}}}}),
+              "{\n  \"display\": {\n    \"brightness\": 5\n  }\n}\n");
 }
 
 TEST(SettingsDocument, KeepsAndReportsUnknownKeysWithoutCallingThemDamage)
@@ -59,10 +61,11 @@ TEST(SettingsDocument, DropsValuesOfAWrongTypeAndKeepsTheirNeighbours)
 
 TEST(SettingsDocument, DropsASectionThatIsNoObject)
 {
-    const Document document = parse_document(R"({"network": [true], "display": {"brightness": 5}})", kSchema);
+    const Document document = parse_document(R"({"display": true, "network": {"enabled": "yes"}})", kSchema);
     EXPECT_TRUE(document.damaged);
-    EXPECT_EQ(document.root, json({{"display", {{"brightness", 5}}}}));
-    EXPECT_THAT(document.findings, Contains("section network is not an object"));
+    EXPECT_EQ(document.root, json({{"network", json::object()}}));
+    EXPECT_THAT(document.findings, ElementsAre("section display is not an object",
+                                               "setting network.enabled is not of type 'b'"));
 }
 
 TEST(SettingsDocument, CallsEverythingThatIsNoObjectDamaged)
@@ -115,14 +118,21 @@ TEST(SettingsDocument, IsReadInATimeThatGrowsWithItsLength)
     const std::clock_t before = std::clock();
     const Document document = parse_document(large.dump(), kSchema);
     const double seconds = static_cast<double>(std::clock() - before) / CLOCKS_PER_SEC;
+    EXPECT_FALSE(document.damaged);
     EXPECT_EQ(document.root.size(), large.size());
     EXPECT_LT(seconds, 5) << "of the processor's time; each section looked at the others once: 17";
 }
 
 TEST(SettingsDocument, NamesAFewUnknownThingsAndCountsTheRest)
 {
-    json root = {{std::string(100, 'x'), {{"a", 1}}}};
-    for (int i = 0; i < 50; ++i) {
+    json root = {{std::string(64, 'x'), {{"a", 1}}}};
+    for (int i = 0; i < 9; ++i) {
+        root["network"]["key" + std::to_string(i)] = i;
+    }
+    const Document few = parse_document(root.dump(), kSchema);
+    EXPECT_EQ(few.findings.size(), 10U);
+    EXPECT_EQ(few.findings.back(), "unknown section " + std::string(64, 'x') + " is kept");
+    for (int i = 9; i < 50; ++i) {
         root["network"]["key" + std::to_string(i)] = i;
     }
     const Document document = parse_document(root.dump(), kSchema);
@@ -140,6 +150,15 @@ TEST(SettingsDocument, DoesNotTakeInADepthThatWouldOverflowTheStack)
     EXPECT_TRUE(document.damaged);
     EXPECT_EQ(document.root, json({{"network", {{"mode", "Client"}}}}));
     EXPECT_THAT(to_text(document.root), HasSubstr("Client"));
+
+    for (const std::string innermost : {"{}", "[]"}) {
+        const auto isDamaged = [&](std::size_t depth) {
+            const std::string text = std::string(depth - 2, '[') + innermost + std::string(depth - 2, ']');
+            return parse_document("{\"future\": " + text + "}", kSchema).damaged;
+        };
+        EXPECT_FALSE(isDamaged(32)) << innermost;
+        EXPECT_TRUE(isDamaged(33)) << innermost;
+    }
 }
 
 TEST(SettingsDocument, TakesNoTextThatDBusCannotCarry)
@@ -164,6 +183,8 @@ TEST(Salvage, TakesNothingFromOtherPlacesThanSettings)
     EXPECT_EQ(salvage(R"({"a": 1, "b": {"list": [1, {"x": true}], "deep": {"y": true}, "ok": "z"}, "c)"),
               json({{"b", {{"ok", "z"}}}}));
     EXPECT_EQ(salvage(R"([{"network": {"enabled": true}}, )"), json::object());
+    EXPECT_EQ(salvage(R"({"": {"a": true}, "c": {"": true}, "d": {"e": true}, "f": [true], )"),
+              json({{"d", {{"e", true}}}}));
 }
 
 TEST(SettingsDocument, KeepsWhateverAnotherVersionStores)

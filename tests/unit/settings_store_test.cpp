@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include <sys/inotify.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -19,6 +20,7 @@
 #include "store.hpp"
 #include "support/disk_in_pieces.hpp"
 #include "support/temp_folder.hpp"
+#include "support/unique_fd.hpp"
 
 namespace {
 
@@ -240,6 +242,24 @@ TEST_F(SettingsStoreTest, RefusesAValueThatIsNotAllowed)
     EXPECT_THAT(files(), IsEmpty());
 }
 
+TEST_F(SettingsStoreTest, WritesAndReadsAFileOfTheLargestSizeLaidOutForReaders)
+{
+    constexpr std::size_t kLargest = std::size_t{1} << 20U;
+    const auto laidOut = [](std::size_t fill) {
+        return json({{"future", std::string(fill, 'x')}, {"network", {{"mode", "Client"}}}}).dump(2) + "\n";
+    };
+    const std::size_t fill = kLargest - laidOut(0).size();
+    folder.write("settings.json", json({{"future", std::string(fill, 'x')}}).dump());
+    {
+        SettingsStore store = make_store();
+        findings_of(store);
+        EXPECT_EQ(set(store, mode, "Client"), 0);
+    }
+    EXPECT_TRUE(folder.read("settings.json") == laidOut(fill)) << "too long to be shown";
+    SettingsStore again = make_store();
+    EXPECT_THAT(findings_of(again), ElementsAre("unknown section future is kept"));
+}
+
 TEST_F(SettingsStoreTest, RefusesAWriteThatWouldMakeTheFileLargerThanItReads)
 {
     const json foreign = {{"future", {{"text", std::string((std::size_t{1} << 20U) - 200, 'x')}}}};
@@ -277,11 +297,14 @@ TEST_F(SettingsStoreTest, TakesWhatItKnowsFromAFileThatIsLargerThanItWrites)
 {
     const std::string large = json({{"device", {{"deviceName", "Kitchen"}}},
                                     {"future", {{"text", std::string(std::size_t{2} << 20U, 'x')}}},
-                                    {"network", {{"mode", "Client"}, {"channel", 6}}}})
+                                    {"network", {{"enabled", "no"}, {"mode", "Client"}, {"channel", 6}}}})
                                   .dump();
     folder.write("settings.json", large);
     SettingsStore store = make_store();
-    EXPECT_THAT(findings_of(store), Contains("is larger than 1 MiB, only the known settings in it are kept"));
+    EXPECT_THAT(findings_of(store),
+                ElementsAre("is larger than 1 MiB, only the known settings in it are kept",
+                            "setting network.enabled is not of type 'b'",
+                            "the damaged file is kept as " + folder.file("settings.json.damaged-1")));
     EXPECT_EQ(folder.read("settings.json.damaged-1"), large);
     EXPECT_EQ(stored(), json({{"device", {{"deviceName", "Kitchen"}}}, {"network", {{"mode", "Client"}}}}));
     EXPECT_EQ(set(store, enabled, false), 0);
@@ -308,6 +331,18 @@ TEST_F(SettingsStoreTest, ItsFileIsReadByItsGroupAndNobodyElseAndTheLockByNobody
         ASSERT_EQ(::stat(folder.file(name).c_str(), &status), 0);
         EXPECT_EQ(status.st_mode & 07777U, permissions) << name;
     }
+}
+
+TEST_F(SettingsStoreTest, ReadsAFileOnceThatCanBeRead)
+{
+    folder.write("settings.json", R"({"network": {"mode": "Client"}})");
+    const UniqueFd watch(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+    ASSERT_GE(
+        ::inotify_add_watch(watch.get(), folder.file("settings.json").c_str(), IN_OPEN | IN_CLOSE_NOWRITE),
+        0);
+    load_store();
+    std::array<inotify_event, 8> events = {};
+    EXPECT_EQ(::read(watch.get(), events.data(), sizeof events), 2 * sizeof(inotify_event));
 }
 
 TEST_F(SettingsStoreTest, AFailureToReadCountsWhenItLastsForThreeAttempts)
@@ -364,6 +399,7 @@ TEST_F(SettingsStoreTest, KeepsADamagedFileAsideOnceOnlyWhenItCannotBeReplaced)
     EXPECT_EQ(store.settle(), 0);
     EXPECT_TRUE(store.is_settled());
     EXPECT_EQ(stored(), json::object());
+    EXPECT_EQ(store.settle(), 0) << "nothing is left to do";
 }
 
 TEST_F(SettingsStoreTest, LeavesADamagedFileAloneThatCannotBeKeptAside)
@@ -382,8 +418,8 @@ TEST_F(SettingsStoreTest, LeavesADamagedFileAloneThatCannotBeKeptAside)
     EXPECT_EQ(set(store, mode, "Client"), -EEXIST);
     EXPECT_EQ(folder.read("settings.json"), R"({"network": {"enabled": false, "mode": "Cli)");
 
-    std::filesystem::remove(folder.file("settings.json.damaged-7"));
-    EXPECT_THAT(findings_of(store), Contains(HasSubstr("settings.json.damaged-7")));
+    std::filesystem::remove(folder.file("settings.json.damaged-1000"));
+    EXPECT_THAT(findings_of(store), Contains(HasSubstr("settings.json.damaged-1000")));
     EXPECT_EQ(set(store, mode, "Client"), 0);
 }
 
@@ -466,8 +502,9 @@ TEST_F(SettingsStoreTest, RefusesChangesWhereLinksLeadInARing)
     ASSERT_EQ(::symlink("other", folder.file("settings.json").c_str()), 0);
     ASSERT_EQ(::symlink("settings.json", folder.file("other").c_str()), 0);
     SettingsStore store = make_store();
-    std::vector<std::string> findings;
-    EXPECT_EQ(store.load(findings), -ELOOP);
+    EXPECT_THAT(findings_of(store, -ELOOP),
+                ElementsAre("cannot be read and is left alone, settings cannot be changed until it can: Too "
+                            "many levels of symbolic links"));
     EXPECT_EQ(set(store, mode, "Client"), -ELOOP);
 }
 
