@@ -43,6 +43,9 @@ public:
     ChildProcess& operator=(const ChildProcess&) = delete;
     ~ChildProcess() { kill_and_wait(); }
 
+    /** Its number; -1 once it has been waited for. */
+    pid_t pid() const { return pid_; }
+
     /** Sends a signal. Nothing happens once the program has been waited for. */
     void send(int signalNumber) const
     {

@@ -8,6 +8,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <memory>
 #include <string>
 #include <utility>
@@ -30,6 +32,7 @@ using nlohmann::json;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::Not;
 using testing_support::ChildProcess;
 using testing_support::PrivateBus;
 using testing_support::TempFolder;
@@ -318,6 +321,22 @@ TEST_F(SettingsdTest, ResetsASectionAndASetting)
     EXPECT_THAT(announced(), ElementsAre("network mode=Host", "network frequency=2.4"));
 }
 
+TEST_F(SettingsdTest, ResetsForOneWhoWantsNoAnswer)
+{
+    start();
+    ASSERT_EQ(set("network", "mode", "s", "Client"), kSuccess);
+    sd_bus_message* call = nullptr;
+    ASSERT_GE(
+        sd_bus_message_new_method_call(client.get(), &call, kService, kBasePath, kService, "ResetSection"),
+        0);
+    const MessagePtr owner(call);
+    ASSERT_GE(sd_bus_message_append(call, "s", "network"), 0);
+    ASSERT_GE(sd_bus_message_set_expect_reply(call, 0), 0);
+    ASSERT_GE(sd_bus_send(client.get(), call, nullptr), 0);
+    EXPECT_EQ(get_string("network", "mode"), "Host");
+    EXPECT_EQ(get_string("network", "mode"), "Host") << "it is still there";
+}
+
 TEST_F(SettingsdTest, RefusesWhatItDoesNotKnow)
 {
     start();
@@ -363,6 +382,7 @@ TEST_F(SettingsdTest, RefusesAValueThatIsNotAllowedWithTheReason)
 TEST_F(SettingsdTest, RefusesChangesUntilItsFileCanBeReadAndThenAnnouncesWhatIsInIt)
 {
     folder.write("state/settings.json/inside", "a folder where the file should be");
+    const auto before = std::chrono::steady_clock::now();
     Terminal terminal;
     start([&] { terminal.take_errors(); });
     listen();
@@ -371,7 +391,8 @@ TEST_F(SettingsdTest, RefusesChangesUntilItsFileCanBeReadAndThenAnnouncesWhatIsI
     EXPECT_EQ(get_string("network", "mode"), "Host");
     EXPECT_TRUE(folder.has("state/settings.json/inside"));
 
-    folder.write("state/readable", R"({"device": {"deviceName": "Kitchen"}, "network": {"mode": "Client"}})");
+    folder.write("state/readable",
+                 R"({"development": {"killWifiOnBoot": true}, "network": {"mode": "Client"}})");
     // At once: where there is no file at all, the defaults hold.
     ASSERT_EQ(::renameat2(AT_FDCWD, folder.file("state/readable").c_str(), AT_FDCWD,
                           folder.file("state/settings.json").c_str(), RENAME_EXCHANGE),
@@ -382,9 +403,10 @@ TEST_F(SettingsdTest, RefusesChangesUntilItsFileCanBeReadAndThenAnnouncesWhatIsI
             sd_bus_wait(client.get(), std::chrono::microseconds(testing_support::kPatience).count());
         }
     }
-    EXPECT_THAT(changes, ElementsAre("device deviceName=Kitchen", "network mode=Client"));
+    EXPECT_THAT(changes, ElementsAre("development killWifiOnBoot=1", "network mode=Client"));
+    EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::seconds(1)) << "it tries too often";
     EXPECT_EQ(set("network", "enabled", "b", 0), kSuccess);
-    EXPECT_EQ(stored(), json::parse(R"({"device": {"deviceName": "Kitchen"},
+    EXPECT_EQ(stored(), json::parse(R"({"development": {"killWifiOnBoot": true},
                                         "network": {"enabled": false, "mode": "Client"}})"));
     const std::string file = folder.file("state/settings.json");
     EXPECT_EQ(terminal.text(),
@@ -483,11 +505,18 @@ TEST_F(SettingsdTest, FailsWhenTheBusIsLostAndSaysSo)
     EXPECT_EQ(terminal.text(), "vantora-settingsd: The user bus is gone\r\n");
 }
 
-TEST_F(SettingsdTest, SaysNothingWhileAllIsWell)
+TEST_F(SettingsdTest, SaysNothingAndSleepsWhileAllIsWell)
 {
     Terminal terminal;
     start([&] { terminal.take_errors(); });
     EXPECT_EQ(set("network", "mode", "s", "Client"), kSuccess);
+    const auto process = std::filesystem::path("/proc") / std::to_string(daemon->pid());
+    for (const auto& descriptor : std::filesystem::directory_iterator(process / "fdinfo")) {
+        std::ifstream file(descriptor.path());
+        const std::string about((std::istreambuf_iterator<char>(file)), {});
+        EXPECT_THAT(about, testing::AnyOf(HasSubstr("it_value: (0, 0)"), Not(HasSubstr("it_value: "))))
+            << "a timer is armed";
+    }
     EXPECT_EQ(stop(SIGTERM), 0);
     EXPECT_EQ(terminal.text(), "");
 }
@@ -497,6 +526,23 @@ TEST_F(SettingsdTest, FailsWithoutABus)
     bus.stop();
     EXPECT_EQ(failure_with("other.json"),
               "vantora-settingsd: Cannot open the user bus: No such file or directory\r\n");
+}
+
+TEST_F(SettingsdTest, FailsAtTheStepForWhichItHasNoDescriptor)
+{
+    // The loop's own is the first, after the three that every process has.
+    for (const auto& [most, step] : {std::pair(4U, "handle signals"), std::pair(5U, "open the user bus"),
+                                     std::pair(6U, "attach the user bus")}) {
+        const Terminal terminal;
+        ChildProcess failing({daemon_program(), "--state", folder.file("other.json")}, [&, limit = most] {
+            terminal.take_errors();
+            const rlimit descriptors = {limit, limit};
+            ::setrlimit(RLIMIT_NOFILE, &descriptors);
+        });
+        EXPECT_EQ(failing.wait(), 1) << step;
+        EXPECT_EQ(terminal.text(),
+                  std::string("vantora-settingsd: Cannot ") + step + ": Too many open files\r\n");
+    }
 }
 
 TEST_F(SettingsdTest, FailsWithinACallsTimeOutWhereTheBusLetsNobodyIn)
@@ -518,9 +564,9 @@ TEST_F(SettingsdTest, FailsWithinACallsTimeOutWhereTheBusLetsNobodyIn)
         << "the library waits for 90";
 }
 
-TEST_F(SettingsdTest, FailsWhenTheNameIsTaken)
+TEST_F(SettingsdTest, FailsWhenTheNameIsTakenByOneThatWouldGiveItAway)
 {
-    start();
+    ASSERT_GE(sd_bus_request_name(client.get(), kService, SD_BUS_NAME_ALLOW_REPLACEMENT), 0);
     EXPECT_EQ(failure_with("other.json"),
               "vantora-settingsd: Cannot own the name com.vantora.common.Settings1: File exists\r\n");
 }
@@ -543,10 +589,14 @@ TEST_F(SettingsdTest, TellsItsVersionAndItsOptions)
 
 TEST_F(SettingsdTest, RefusesACommandLineThatItDoesNotUnderstand)
 {
-    for (const char* word : {"--nosuch", "argument", "--state"}) {
-        ChildProcess program({daemon_program(), word},
-                             [] { ::dup2(::open("/dev/null", O_WRONLY | O_CLOEXEC), STDERR_FILENO); });
+    for (const auto& [word, text] : {std::pair("--nosuch", ": unrecognized option '--nosuch'\r\n"),
+                                     std::pair("--state", ": option '--state' requires an argument\r\n"),
+                                     std::pair("--state=", ": the state file needs a name\r\n"),
+                                     std::pair("argument", ": takes options only, no arguments\r\n")}) {
+        const Terminal terminal;
+        ChildProcess program({daemon_program(), word}, [&] { terminal.take_errors(); });
         EXPECT_EQ(program.wait(), 2) << word;
+        EXPECT_EQ(terminal.text(), daemon_program() + text);
     }
 }
 

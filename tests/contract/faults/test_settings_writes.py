@@ -165,21 +165,21 @@ def test_a_write_happens_or_does_not_whichever_system_call_fails(
 
 
 def test_a_refused_write_is_taken_back_where_its_old_file_could_not_be_at_once(folder: Path, build_dir: Path) -> None:
-    """The folder cannot be synced, and the old file not be given its name back: two faults of one write."""
+    """The folder cannot be synced, and the old file not be given its name back, not even a second later."""
 
     async def run() -> None:
         request = REQUESTS[1]
         async with TracedSettings(folder, build_dir) as settings:
             rename = next(step.name for step in await _steps_of(settings, request) if step.name.startswith("rename"))
             await _prepare(settings, request)
-            with settings.trace("inject=fsync:error=EIO:when=2", f"inject={rename}:error=EIO:when=2") as tracer:
+            with settings.trace("inject=fsync:error=EIO:when=2", f"inject={rename}:error=EIO:when=2..3") as tracer:
                 assert (await request.make(settings)).refused
                 assert settings.stored("network", "mode", DEFAULT) == request.after
+                assert await settings.read("network", "mode") == request.before
+                async with asyncio.timeout(DEADLINE):
+                    while settings.stored("network", "mode", DEFAULT) != request.before:
+                        await asyncio.sleep(0.02)
             assert tracer.hit
-            assert await settings.read("network", "mode") == request.before
-            async with asyncio.timeout(DEADLINE):
-                while settings.stored("network", "mode", DEFAULT) != request.before:
-                    await asyncio.sleep(0.02)
             settings.stop()
             settings.start()
             assert await settings.read("network", "mode") == request.before
@@ -203,13 +203,13 @@ def test_a_passing_error_at_the_start_loses_no_setting(call: str, error: str, fo
 
 
 def test_a_lasting_error_at_the_start_refuses_changes_until_it_has_passed(folder: Path, build_dir: Path) -> None:
-    """The fifth attempt succeeds: the first three are made at once, the others a second apart."""
+    """The seventh attempt succeeds: three are made at once, and three more after each second."""
 
     async def run() -> None:
         async with TracedSettings(folder, build_dir) as settings:
             settings.file.parent.mkdir()
             settings.file.write_text('{"network": {"mode": "Client"}}')
-            settings.start_traced("inject=openat:error=EIO:when=1..4")
+            settings.start_traced("inject=openat:error=EIO:when=1..6")
             assert await settings.read("network", "mode") == DEFAULT
             answer = await settings.write("network", "enabled", Variant("b", False))
             assert answer.error == "org.freedesktop.DBus.Error.IOError"
