@@ -67,15 +67,15 @@ std::string machine_id_digest(const std::string& path)
     return text.data();
 }
 
-/** As many whole words of a text as fit into a number of bytes; where the first does not, as many of its
- * bytes. */
+/** As many whole words of a text, which begins with one, as fit into a number of bytes; where the first does
+ * not, as many of its bytes. */
 std::string first_words(const std::string& text, std::size_t longest)
 {
     if (text.size() <= longest) {
         return text;
     }
     const auto lastBlank = text.rfind(' ', longest);
-    if (lastBlank != std::string::npos && lastBlank > 0) {
+    if (lastBlank != std::string::npos) {
         return std::string(trim(std::string_view(text).substr(0, lastBlank)));
     }
     constexpr unsigned kContinuationMask = 0xC0U;

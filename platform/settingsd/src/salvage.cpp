@@ -88,7 +88,6 @@ private:
     {
         keep_number();
         --depth_;
-        setting_.clear();
         return true;
     }
 

@@ -122,7 +122,7 @@ int SettingsService::publish_base()
     slot = nullptr;
     r = sd_bus_add_object_manager(bus_, &slot, kBasePath);
     objectManager_.reset(slot);
-    return r < 0 ? r : 0;
+    return r;
 }
 
 int SettingsService::publish_section(const std::string& name)
@@ -144,7 +144,7 @@ int SettingsService::publish_section(const std::string& name)
     const int r = sd_bus_add_object_vtable(bus_, &slot, path_of(name).c_str(), kServiceName,
                                            section.vtable.data(), &section);
     section.slot.reset(slot);
-    return r < 0 ? r : 0;
+    return r;
 }
 
 int SettingsService::reset(sd_bus_message* call, const std::vector<const Setting*>& settings,

@@ -41,7 +41,7 @@ public:
     SettingsService& operator=(const SettingsService&) = delete;
     ~SettingsService() = default;
 
-    /** Registers all objects. Returns 0, or a negative errno. */
+    /** Registers all objects. Returns a number that is not negative, or a negative errno. */
     int publish();
 
     /**
