@@ -135,6 +135,10 @@ TEST_F(Machine, ShortensWhatTheMachineSaysToWhatFitsIntoTheNameOfANetwork)
     // The nineteenth byte is the first of two.
     files.write("proc/device-tree/model", "Eighteen-Bytes--18\u00FC-and-more");
     EXPECT_EQ(display_name(root()), "Eighteen-Bytes--18");
+    files.write("proc/device-tree/model", "A Model-Name-Of-Many-Bytes");
+    EXPECT_EQ(display_name(root()), "A");
+    files.write("proc/device-tree/model", std::string(20, '\x80'));
+    EXPECT_EQ(display_name(root()), "") << "no byte of it begins a character";
 }
 
 TEST_F(Machine, AsksTheDeviceTreeForWhatIsNotConfigured)
@@ -191,8 +195,10 @@ TEST_F(Machine, MakesASerialNumberFromTheMachineIdWithoutShowingIt)
 
 TEST_F(Machine, DoesNotTakeAnUninitialisedMachineIdForAnId)
 {
-    files.write("etc/machine-id", "uninitialized\n");
-    EXPECT_EQ(serial_number(root()), "");
+    for (const char* text : {"uninitialized\n", "0123456789abcdef0123456789abcdeg\n"}) {
+        files.write("etc/machine-id", text);
+        EXPECT_EQ(serial_number(root()), "") << text;
+    }
 }
 
 TEST_F(Machine, HasTheProductsNameAndNoNumberWhenThereIsNothing)
@@ -244,8 +250,10 @@ TEST_F(Machine, PassesOverAConfigurationThatIsAFolderOrFarTooLarge)
 
     std::filesystem::remove_all(files.file("etc/korrin/device.conf"));
     std::string large = "model=K1\n";
-    large.resize(std::size_t{1} << 20U, '#');
+    large.resize(std::size_t{64} * 1024, '#');
     configure(large);
+    EXPECT_EQ(display_name(root()), "K1");
+    configure(large + "#");
     EXPECT_EQ(display_name(root()), "Board");
 }
 
@@ -282,6 +290,7 @@ TEST(RadioBands, AreFoundAmongOtherAttributes)
     EXPECT_TRUE(attributes_offer_5ghz(join({name, bands(join({band2ghz, band5ghz}))})));
     EXPECT_FALSE(attributes_offer_5ghz(join({name, bands(band2ghz)})));
     EXPECT_FALSE(attributes_offer_5ghz(join({name, bands({})})));
+    EXPECT_TRUE(attributes_offer_5ghz(bands(attribute(NL80211_BAND_5GHZ, {}))));
     EXPECT_FALSE(attributes_offer_5ghz(name));
     EXPECT_FALSE(attributes_offer_5ghz({}));
 }
@@ -309,6 +318,11 @@ TEST(KorrinInfo, AnswersOnAnyMachine)
     EXPECT_EQ(KorrinInfo::ThisModel::DisplayName(), display_name(""));
     EXPECT_EQ(KorrinInfo::ThisKorrin::SerialNumber(), serial_number(""));
     EXPECT_EQ(KorrinInfo::ThisKorrin::RadioType(), radio_type("", radio_offers_5ghz));
+}
+
+TEST(KorrinInfo, FindsNoBandWhereTheKernelHasNoRadio)
+{
+    EXPECT_TRUE(std::filesystem::exists("/sys/class/ieee80211") || !radio_offers_5ghz());
 }
 
 TEST(SmallFile, IsReadToItsEndInPiecesAndAfterSignals)

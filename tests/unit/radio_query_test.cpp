@@ -195,6 +195,8 @@ struct Parsed
         std::memcpy(&header, request.data(), sizeof header);
         std::memcpy(&generic, request.data() + sizeof header, sizeof generic);
         EXPECT_EQ(header.nlmsg_len, request.size());
+        EXPECT_EQ(header.nlmsg_seq, 1U);
+        EXPECT_EQ(generic.version, 1U);
         attributes = request.substr(sizeof header + sizeof generic);
     }
 };
@@ -288,6 +290,11 @@ TEST(RadioQuery, EndsAtAMessageThatDoesNotFit)
     header.nlmsg_len = sizeof header;
     EXPECT_FALSE(PlayedKernel({{kFamilyFound}, {bytes_of(header), done()}}).asked())
         << "without a generic header";
+    EXPECT_TRUE(
+        PlayedKernel({{kFamilyFound}, {bytes_of(header) + radio_with({NL80211_BAND_5GHZ}), done()}}).asked())
+        << "which is not the end yet";
+    EXPECT_FALSE(PlayedKernel({{kFamilyFound}, {"", radio_with({NL80211_BAND_5GHZ}), done()}}).asked())
+        << "with nothing at all";
 }
 
 TEST(RadioQuery, DoesNotListenToAnybodyButTheKernel)
