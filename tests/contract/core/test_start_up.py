@@ -10,6 +10,7 @@ from pathlib import Path
 import pytest
 from odd_bus import HANGS_UP, OddBus
 from vantora_sim import DEADLINE, Process, World, call, command, log, notify
+from vantora_sim.client import SERVICE, Client
 
 BASE = "com.vantora.common.Settings1"
 STARTING = ("info", "[Main] Starting Vantora Network service")
@@ -154,6 +155,15 @@ def test_a_name_that_another_process_owns_ends_it_likewise(world: World) -> None
     assert first is not None and first.running
     assert world.get("Mode") == "Host"
     world.daemon = first
+
+
+def test_a_name_that_its_owner_would_give_away_is_not_taken_either(world: World) -> None:
+    allow_replacement = 1
+    owner = world.loop.run(Client.open(world.user_bus.address))
+    assert world.loop.run(owner.ask_bus("RequestName", "su", [SERVICE, allow_replacement])) == [1]
+    assert world.start_daemon().wait() == 1
+    assert_failed_start(world, -17)
+    world.loop.run(owner.close())
 
 
 def assert_failed_start_by_one_of(world: World, errors: set[int], since: int = 0) -> None:
