@@ -142,15 +142,13 @@ std::optional<Failure> JoinAttempt::step(Deadline until)
 /** Asks for what is not announced, one question at a time. */
 void JoinAttempt::poll()
 {
-    if (asking_ || Clock::now() < nextPoll_) {
+    if (Clock::now() < nextPoll_) {
         return;
     }
-    asking_ = true;
     const bool joined = progress_.phase() == Phase::Joined;
     daemon_.get_later(
         joined ? "IPAddress" : "WiFiClientState",
         [this, joined](Result<Json> answer) {
-            asking_ = false;
             nextPoll_ = Clock::now() + kPollInterval;
             if (!answer) {
                 failure_ = failure_ ? failure_ : std::optional(answer.failure());

@@ -53,9 +53,8 @@ private:
     ConnectProgress progress_;
     Deadline deadline_;
     Deadline patience_;
-    Deadline nextPoll_{};
+    Deadline nextPoll_{}; // the deadline while a question waits for its answer
     bool accepted_ = false;
-    bool asking_ = false;
     int signal_ = 0;
     std::string address_;
     std::optional<Failure> failure_;
