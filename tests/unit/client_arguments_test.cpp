@@ -133,6 +133,10 @@ TEST(ClientArguments, WrongOnesEndWithStatusTwo)
         EXPECT_EQ(end.status, 2) << testing::PrintToString(words);
         EXPECT_TRUE(end.text.starts_with("vantora-wifi: ")) << end.text;
         EXPECT_TRUE(end.text.ends_with("\nTry 'vantora-wifi --help'.\n")) << end.text;
+        const auto tells = [&end](const char* part) { return end.text.find(part) != std::string::npos; };
+        EXPECT_EQ(tells("there is no sub-command"), words[0] == std::string("nonsense")) << end.text;
+        EXPECT_EQ(tells("wants seconds, more than 0 and at most 86400"), words[0] == std::string("--timeout"))
+            << end.text;
     }
 }
 

@@ -6,11 +6,16 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <cerrno>
 #include <chrono>
+#include <cstdint>
+#include <cstdlib>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
 
+#include <dlfcn.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -32,6 +37,55 @@ using client::kNever;
 using client::Result;
 using testing_support::InterruptingSignals;
 using testing_support::PrivateBus;
+
+template <typename Function>
+Function* next(const char* name)
+{
+    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
+/** What the bus library is asked for in between; each is passed on where nobody wants it. */
+struct
+{
+    std::function<int(std::uint64_t*)> timeout;
+    std::function<void(std::uint64_t)> called;
+    std::function<std::string(const std::string&)> address;
+} hooks;
+
+/** Wants something only as long as it lives. */
+struct Unhooked
+{
+    ~Unhooked() { hooks = {}; }
+};
+
+} // namespace
+
+extern "C" {
+
+int sd_bus_get_timeout(sd_bus* bus, std::uint64_t* moment)
+{
+    return hooks.timeout ? hooks.timeout(moment)
+                         : next<decltype(sd_bus_get_timeout)>("sd_bus_get_timeout")(bus, moment);
+}
+
+int sd_bus_call_async(sd_bus* bus, sd_bus_slot** slot, sd_bus_message* message,
+                      sd_bus_message_handler_t handler, void* userdata, std::uint64_t patience)
+{
+    if (hooks.called) {
+        hooks.called(patience);
+    }
+    return next<decltype(sd_bus_call_async)>("sd_bus_call_async")(bus, slot, message, handler, userdata,
+                                                                  patience);
+}
+
+int sd_bus_set_address(sd_bus* bus, const char* address)
+{
+    const std::string taken = hooks.address ? hooks.address(address) : address;
+    return next<decltype(sd_bus_set_address)>("sd_bus_set_address")(bus, taken.c_str());
+}
+}
+
+namespace {
 
 /** A bus on which the daemon's name has an owner who says nothing. */
 class ClientDaemon : public testing::Test
@@ -107,6 +161,56 @@ TEST_F(ClientDaemon, AnotherDescriptorEndsAStepAndIsTold)
     EXPECT_EQ(others[0].revents, POLLIN);
 }
 
+TEST_F(ClientDaemon, WhatComesWhileAStepWaitsEndsItAndIsTold)
+{
+    EXPECT_TRUE(lasts(1ms));
+    const Unhooked unhooked;
+    std::array<pollfd, 1> others = {{{ours.get(), POLLIN, 0}}};
+    hooks.timeout = [&](std::uint64_t*) {
+        EXPECT_EQ(::write(theirs.get(), "x", 1), 1);
+        hooks.timeout = {};
+        return 0;
+    };
+    EXPECT_FALSE(daemon->step(Clock::now() + 20s, others));
+    EXPECT_EQ(others[0].revents, POLLIN);
+
+    others = {{{theirs.get(), POLLIN, 0}}};
+    bool answered = false;
+    daemon->get_later(
+        "Mode", [&](const Result<Json>& mode) { answered = !mode; }, kNever);
+    hooks.timeout = [&](std::uint64_t*) {
+        owner.reset();
+        hooks.timeout = {};
+        return 0;
+    };
+    EXPECT_FALSE(daemon->step(Clock::now() + 20s, others));
+    EXPECT_TRUE(answered) << "what comes from the bus is handled by the same step";
+}
+
+TEST_F(ClientDaemon, AStepGoesOnAfterATimeOfTheBusLibrarysOwn)
+{
+    EXPECT_TRUE(lasts(1ms));
+    const Unhooked unhooked;
+    const auto began = Clock::now();
+    const auto wanted = began + 30ms;
+    int asked = 0;
+    hooks.timeout = [&](std::uint64_t* moment) {
+        ++asked;
+        *moment = static_cast<std::uint64_t>(
+            std::chrono::ceil<std::chrono::microseconds>(wanted.time_since_epoch()).count());
+        if (Clock::now() >= wanted) {
+            hooks.timeout = [&](std::uint64_t*) { return -EIO; };
+        }
+        return 0;
+    };
+    const auto failure = daemon->step(began + 20s);
+    EXPECT_GE(Clock::now(), wanted);
+    EXPECT_LT(Clock::now(), began + 10s);
+    EXPECT_LT(asked, 10) << "it waits, and does not look again and again";
+    ASSERT_TRUE(failure);
+    EXPECT_EQ(failure->text, "the user bus cannot be reached: Input/output error");
+}
+
 TEST_F(ClientDaemon, AQuestionThatNobodyAnswersEndsWithItsTime)
 {
     const auto late = daemon->get("Mode", Clock::now() + 30ms);
@@ -135,6 +239,51 @@ TEST_F(ClientDaemon, WhoeverAskedWithoutWaitingWatchesTheTimeAndNotTheBus)
     }
     ASSERT_TRUE(told);
     EXPECT_EQ(told->status, ExitStatus::Unreachable) << "it has died";
+}
+
+TEST_F(ClientDaemon, TheBusLibrarysOwnPatienceIsLonger)
+{
+    const Unhooked unhooked;
+    std::uint64_t patience = 0;
+    hooks.called = [&](std::uint64_t microseconds) { patience = microseconds; };
+    const auto ignored = [](const std::optional<Failure>&) {};
+    daemon->call_later("Scan", {}, ignored, Clock::now() + 1h);
+    EXPECT_GT(patience, 3'600'000'000);
+    EXPECT_LE(patience, 3'605'000'000);
+    daemon->call_later("Scan", {}, ignored, kNever);
+    EXPECT_EQ(patience, client::kForEver);
+}
+
+TEST_F(ClientDaemon, WithoutAnyWordTheUsersOwnPlaceIsTried)
+{
+    const Unhooked unhooked;
+    std::string tried;
+    std::string taken = bus.address();
+    hooks.address = [&](const std::string& address) {
+        tried = address;
+        return taken;
+    };
+    const std::string told = std::getenv("DBUS_SESSION_BUS_ADDRESS");
+    ::unsetenv("DBUS_SESSION_BUS_ADDRESS");
+    ::unsetenv("XDG_RUNTIME_DIR");
+    const auto there = Daemon::connect(Clock::now() + 20s);
+    const std::string own = "unix:path=/run/user/" + std::to_string(::getuid()) + "/bus";
+    EXPECT_EQ(tried, own);
+    taken = "unix:path=/nonexistent";
+    const auto absent = Daemon::connect(Clock::now() + 20s);
+    tried.clear();
+    ::setenv("XDG_RUNTIME_DIR", "/nonexistent", 1);
+    const auto elsewhere = Daemon::connect(Clock::now() + 20s);
+    ::unsetenv("XDG_RUNTIME_DIR");
+    ::setenv("DBUS_SESSION_BUS_ADDRESS", told.c_str(), 1);
+
+    ASSERT_TRUE(there);
+    EXPECT_FALSE(there.value()->follow({}, Clock::now() + 20s));
+    for (const auto* const failed : {&absent, &elsewhere}) {
+        ASSERT_FALSE(*failed);
+        EXPECT_EQ(failed->failure().text, "the user bus cannot be reached: No such file or directory");
+    }
+    EXPECT_NE(tried, own);
 }
 
 TEST_F(ClientDaemon, ADaemonIsFollowedBeforeItIsThere)

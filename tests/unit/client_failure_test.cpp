@@ -54,21 +54,25 @@ TEST(ClientFailure, AnAbsentDaemonIsUnreachable)
 
 TEST(ClientFailure, ADaemonThatDiedIsUnreachableAlthoughTheLibraryCallsItATimeOut)
 {
-    EXPECT_EQ(failure("org.freedesktop.DBus.Error.NoReply", "x", -ETIMEDOUT).status, ExitStatus::Unreachable);
+    const Failure gone = failure("org.freedesktop.DBus.Error.NoReply", "x", -ETIMEDOUT);
+    EXPECT_EQ(gone.status, ExitStatus::Unreachable);
+    EXPECT_EQ(gone.errorName, "org.freedesktop.DBus.Error.NoReply");
     EXPECT_EQ(failure("org.freedesktop.DBus.Error.Disconnected", "x", -ECONNRESET).status,
               ExitStatus::Unreachable);
 }
 
 TEST(ClientFailure, NoAnswerInTimeIsATimeOut)
 {
-    EXPECT_EQ(failure("org.freedesktop.DBus.Error.Timeout", "x", -ETIMEDOUT).status, ExitStatus::TimedOut);
+    EXPECT_EQ(failure("org.freedesktop.DBus.Error.Timeout", "x", -EIO).status, ExitStatus::TimedOut);
+    EXPECT_EQ(failure("com.example.Odd", "x", -ETIMEDOUT).status, ExitStatus::TimedOut);
     EXPECT_EQ(failure(nullptr, nullptr, -ETIMEDOUT).status, ExitStatus::TimedOut);
     EXPECT_EQ(client::failure_of_time().status, ExitStatus::TimedOut);
 }
 
 TEST(ClientFailure, ABrokenConnectionIsUnreachable)
 {
-    EXPECT_EQ(failure(nullptr, nullptr, -ECONNRESET).status, ExitStatus::Unreachable);
+    EXPECT_EQ(failure(nullptr, nullptr, -EIO).status, ExitStatus::Unreachable);
+    EXPECT_EQ(failure("com.example.Odd", "x", -ECONNRESET).status, ExitStatus::Unreachable);
     EXPECT_EQ(failure("System.Error.ENOTCONN", "x", -ENOTCONN).status, ExitStatus::Unreachable);
     EXPECT_EQ(client::failure_of_bus(-ENOENT).text,
               "the user bus cannot be reached: No such file or directory");

@@ -365,6 +365,8 @@ TEST_F(ClientJoining, WhatEndsTheAttemptIsTold)
               "the radio is off; switch it on with 'vantora-wifi on'"},
              {"Get WiFiClientState", 1, [](PlayedWifi& wifi) { wifi.refuse("No"); }, ExitStatus::Refused,
               "the daemon refused"},
+             {"Get Mode", 1, [](PlayedWifi& wifi) { wifi.properties["Mode"] = 1U; }, ExitStatus::Refused,
+              "the daemon's answer cannot be read"},
          }) {
         const auto failure = join([&](PlayedWifi& wifi, const std::string& request, int count) {
                                  if (request == ending.request && count == ending.count) {
@@ -380,17 +382,29 @@ TEST_F(ClientJoining, WhatEndsTheAttemptIsTold)
 TEST_F(ClientJoining, AStationThatDoesNotTakeANetworkYetIsAskedAgain)
 {
     const auto [failure, text, requests] = join([](PlayedWifi& wifi, const std::string& request, int count) {
-        if (request == "Connect free ") {
-            wifi.refuse(count == 1   ? "Failed to connect to AP"
-                        : count == 2 ? "Failed to add network"
-                                     : "WiFi is not in client mode");
+        if (request != "Connect free ") {
+            return;
+        }
+        if (count == 1) {
+            wifi.refuse("Failed to connect to AP");
+        } else if (count == 2) {
+            wifi.emit(client::kInterface, "AccessPointsChanged", [](sd_bus_message*) {});
+            wifi.emit(client::kProperties, "PropertiesChanged", [](sd_bus_message*) {});
+            wifi.refuse("Failed to add network");
+        } else {
+            wifi.answer();
+            wifi.announce("WiFiClientState", "off");
         }
     });
-    EXPECT_EQ(text, "Connecting to \"free\"\n"
-                    "  waiting           the station does not take the network yet\n");
+    EXPECT_EQ(text,
+              "Connecting to \"free\"\n"
+              "  waiting           the station does not take the network yet\n"
+              "vantora-wifi: a signal of the daemon cannot be read and is passed over: PropertiesChanged\n"
+              "  off               not a station, or the radio is off\n");
     EXPECT_EQ(std::ranges::count(requests, "Connect free "), 3);
     EXPECT_EQ(failure->text,
-              "the device is an access point; make it a station with 'vantora-wifi mode client'");
+              "the device stopped being a station in the middle of this: the radio or the mode "
+              "was switched");
 }
 
 volatile std::sig_atomic_t raised = 0;
@@ -416,6 +430,41 @@ TEST_F(ClientJoining, ASignalEndsTheWaitingAndTheProgramAsItWouldHave)
         EXPECT_EQ(requests.back(), when.first);
     }
     std::signal(SIGTERM, before);
+}
+
+// Without a command
+
+TEST_F(ClientJoining, RequestsOfEveryKindReachTheDaemonAndTheirRefusalsComeBack)
+{
+    PlayedWifi wifi(bus, properties, [](PlayedWifi& played, const std::string& request, int count) {
+        if (count == 2) {
+            played.refuse("No " + request);
+        }
+    });
+    const auto daemon = client::Daemon::connect(client::Clock::now() + 20s);
+    const auto deadline = client::Clock::now() + 20s;
+    std::vector<std::string> refusals;
+    int answered = 0;
+    const auto done = [&](const std::optional<Failure>& failure) {
+        ++answered;
+        refusals.push_back(failure ? failure->daemonText : "");
+    };
+    for (int count = 0; count < 2; ++count) {
+        done(daemon.value()->set("Mode", 's', "Host", deadline));
+        done(daemon.value()->set("WiFiState", 'u', 0U, deadline));
+        daemon.value()->set_later("SSID", 's', "Hallway", done, deadline);
+        daemon.value()->call_later("Connect", {"cafe", "secret12"}, done, deadline);
+        while (answered < 4 * (count + 1) && client::Clock::now() < deadline) {
+            EXPECT_FALSE(daemon.value()->step(deadline));
+        }
+    }
+    const Requests expected = {"Set Mode Host", "Set WiFiState 0", "Set SSID Hallway",
+                               "Connect cafe secret12"};
+    EXPECT_THAT(refusals, ElementsAre("", "", "", "", "No " + expected[0], "No " + expected[1],
+                                      "No " + expected[2], "No " + expected[3]));
+    Requests twice = expected;
+    twice.insert(twice.end(), expected.begin(), expected.end());
+    EXPECT_THAT(wifi.end(), ElementsAreArray(twice));
 }
 
 // Leaving

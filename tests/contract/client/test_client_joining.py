@@ -10,7 +10,21 @@ from pathlib import Path
 import pytest
 from station import bring_up_station
 from vantora_sim import Variant, World, call, changed
-from wifi_client import DONE, REFUSED, TIMED_OUT, UNREACHABLE, USAGE, Running, Way, objects_in, on_terminal, run, start
+from wifi_client import (
+    DONE,
+    REFUSED,
+    TIMED_OUT,
+    UNREACHABLE,
+    USAGE,
+    Running,
+    Way,
+    environment,
+    objects_in,
+    on_terminal,
+    program,
+    run,
+    start,
+)
 
 SECRET = "Tr0ub4dor-3 ö"
 WAITING = "  waiting           the station does not take the network yet\n"
@@ -376,6 +390,7 @@ def test_a_signal_at_the_prompt_ends_it_with_the_echo_back(world: World, number:
         client.send_signal(number)
         assert client.end() == -number
         assert client.echoes()
+        assert client.plain == 'Passphrase for "cafe": \n'
     assert world.wpa.networks == {}
 
 
@@ -387,6 +402,22 @@ def test_control_c_at_the_prompt_ends_it_with_the_echo_back(world: World) -> Non
         assert client.end() == -signal.SIGINT
         assert client.echoes()
         assert "half" not in client.text
+
+
+def test_control_z_at_the_prompt_gives_the_echo_back_for_a_while(world: World) -> None:
+    bring_up_station(world)
+    script = f'set -m; {program(world)} connect cafe --force; echo "STOPPED[$?]"; read -r line; fg; echo "ENDED[$?]"'
+    with Running(["/bin/bash", "--norc", "-c", script], environment(world), terminal=True) as client:
+        client.wait_for("Passphrase for")
+        client.type("\x1a")
+        client.wait_for(r"STOPPED\[148\]")
+        assert client.echoes()
+        client.type("\n")
+        client.wait_for("Passphrase for", 2)
+        assert not client.echoes()
+        client.type("short\n")
+        client.wait_for(r"ENDED\[2\]")
+        assert "a passphrase has 8 to 63 characters, this one has 5" in client.text and client.echoes()
 
 
 def test_no_daemon_no_prompt(world: World) -> None:
