@@ -146,7 +146,7 @@ std::string WpaSupplicantDbusListener::GetBssSsid(const std::string& path)
     }
     const void* bytes = nullptr;
     size_t size = 0;
-    if (sd_bus_message_read_array(reply.get(), 'y', &bytes, &size) < 0 || size == 0) {
+    if (sd_bus_message_read_array(reply.get(), 'y', &bytes, &size) < 0) {
         return {};
     }
     return {static_cast<const char*>(bytes), size};

@@ -57,13 +57,12 @@ int utils_get_mac_address(const char* interface, char* buffer)
     sockaddr_ll address{};
     std::memcpy(&address, entry->ifa_addr, sizeof(address));
 
-    // An InfiniBand address is longer than sll_addr; no more than what is there is read.
+    // A longer one, as of InfiniBand, is given up before the end of sll_addr.
     const std::span<const unsigned char> bytes(address.sll_addr, sizeof(address.sll_addr));
     std::string text;
     for (size_t i = 0; i < address.sll_halen && text.size() <= kMacAddressLength; ++i) {
         std::array<char, sizeof("ff:")> piece{};
-        std::snprintf(piece.data(), piece.size(), i + 1 < address.sll_halen ? "%02x:" : "%02x",
-                      i < bytes.size() ? bytes[i] : 0U);
+        std::snprintf(piece.data(), piece.size(), i + 1 < address.sll_halen ? "%02x:" : "%02x", bytes[i]);
         text += piece.data();
     }
     if (text.size() != kMacAddressLength) {
@@ -87,8 +86,8 @@ int utils_get_ip_address(const char* interface, char* buffer)
             found = 1;
         }
     }
-    if (found != 0 && inet_ntop(AF_INET, &ip, buffer, kIpAddressBufferSize) == nullptr) {
-        found = 0;
+    if (found != 0) {
+        inet_ntop(AF_INET, &ip, buffer, kIpAddressBufferSize); // into which every address fits
     }
     syslog(LOG_INFO, "utils_get_ip_address: addr_found: %d", found);
     return found;
