@@ -229,9 +229,8 @@ void ScreenTerminal::take_signals(Input& input)
         switch (info.ssi_signo) {
         case SIGTSTP:
             stop();
-            input.redraw = true;
-            break;
-        case SIGCONT: // after a stop that nobody can see coming
+            [[fallthrough]];
+        case SIGCONT: // also after a stop that nobody can see coming
             ::reset_prog_mode();
             ::clearok(curscr, TRUE);
             input.redraw = true;
@@ -266,31 +265,24 @@ void ScreenTerminal::take_keys(Input& input)
     }
 }
 
-/** Gives the terminal back and stops, as the shell expects; comes back when the program goes on. */
+/** Gives the terminal back and stops, as the shell expects; returns when the program goes on. */
 void ScreenTerminal::stop()
 {
     ::endwin();
     terminalTaken = 0;
-    struct sigaction usual = {};
-    struct sigaction librarys = {};
-    usual.sa_handler = SIG_DFL;
-    ::sigaction(SIGTSTP, &usual, &librarys);
+    std::signal(SIGTSTP, SIG_DFL); // the library's handler would give back and take, too
     const sigset_t one = signal_set({SIGTSTP});
     ::raise(SIGTSTP);
     ::sigprocmask(SIG_UNBLOCK, &one, nullptr); // stopped in here
     ::sigprocmask(SIG_BLOCK, &one, nullptr);
-    ::sigaction(SIGTSTP, &librarys, nullptr);
     terminalTaken = 1;
-    ::reset_prog_mode();
-    ::clearok(curscr, TRUE);
-    ::wrefresh(curscr);
 }
 
 void ScreenTerminal::fit_window()
 {
     winsize size = {};
-    if (::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_row > 0 && size.ws_col > 0) {
-        ::resizeterm(size.ws_row, size.ws_col);
+    if (::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0) {
+        ::resizeterm(size.ws_row, size.ws_col); // a window without a size is refused there
     }
 }
 
@@ -308,7 +300,6 @@ void ScreenTerminal::draw(const ScreenModel& model) const
             ::waddnstr(stdscr, span.text.c_str(), -1);
         }
     }
-    ::wattrset(stdscr, A_NORMAL);
     ::wrefresh(stdscr);
 }
 
