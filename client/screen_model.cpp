@@ -196,7 +196,6 @@ ScreenAction ScreenModel::choose()
     if (network["encrypted"] == false) {
         return begin({.kind = Action::Connect, .ssid = ssid_}, "Joining " + in_quotes(ssid_) + "...");
     }
-    passphrase_.clear();
     page_ = Page::Passphrase;
     tell("", false);
     return {};
