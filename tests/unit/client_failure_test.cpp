@@ -154,6 +154,24 @@ TEST(ClientWords, AnAttemptIsEndedByWhatEndsIt)
     }
 }
 
+TEST(ClientWords, WhatAnAttemptWaitedForInVainFollowsFromTheLastState)
+{
+    using client::waiting_reason;
+    for (const char* state : {"", "scanning", "disconnected"}) {
+        EXPECT_EQ(waiting_reason(state, "x"),
+                  "no access point of \"x\" that can be joined was found in time");
+    }
+    for (const char* state : {"authenticating", "associating", "associated"}) {
+        EXPECT_EQ(waiting_reason(state, "x"),
+                  "an access point of \"x\" was found, but did not let the device in in time");
+    }
+    for (const char* state : {"4way_handshake", "group_handshake"}) {
+        EXPECT_EQ(waiting_reason(state, "x"), "the exchange of keys with \"x\" did not end in time");
+    }
+    EXPECT_EQ(waiting_reason("completed", "x"),
+              "connected to \"x\", but the network gave no address in time");
+}
+
 TEST(ClientWords, StatesOnTheWayIntoANetworkAreKnown)
 {
     for (const char* state :

@@ -116,6 +116,10 @@ TEST_F(ClientScreen, TheNetworkChosenStaysChosenWhereverItIs)
     EXPECT_EQ(model.chosen(), 2U);
     model.update(station(Json::array({network_value("home", true, -48, true)})));
     EXPECT_EQ(model.chosen(), 0U) << "it is gone";
+    model.update(station(street()));
+    model.update(station(
+        Json::array({network_value("new", true, -40, true), network_value("home", true, -48, true)})));
+    EXPECT_EQ(model.chosen(), 1U) << "what was chosen in its place stays chosen, too";
     model.update(station(Json::array()));
     EXPECT_EQ(model.chosen(), 0U);
     EXPECT_EQ(press(Kind::Enter).kind, Action::None);
@@ -179,6 +183,7 @@ TEST_F(ClientScreen, EscapeLeadsBackFromThePassphrase)
     type("12345678");
     press(Kind::Escape);
     EXPECT_EQ(model.page(), Page::Networks);
+    EXPECT_FALSE(model.is_bad());
     press(Kind::Enter);
     EXPECT_EQ(model.typed(), 0U) << "what was typed before is forgotten";
 }
@@ -210,17 +215,20 @@ TEST_F(ClientScreen, LettersDoWhatTheHelpSays)
     EXPECT_EQ(model.message(), "Looking for networks...");
     model.answered(scan, std::nullopt);
     EXPECT_EQ(model.message(), "Asked for a scan; what it finds appears above.");
+    EXPECT_FALSE(model.is_bad());
     const ScreenAction leave = press("d");
     EXPECT_EQ(leave.kind, Action::Disconnect);
     EXPECT_EQ(model.message(), "Leaving the network...");
     model.answered(leave, std::nullopt);
     EXPECT_EQ(model.message(), "Disconnected.");
+    EXPECT_FALSE(model.is_bad());
     const ScreenAction mode = press("m");
     EXPECT_EQ(mode.kind, Action::Mode);
     EXPECT_EQ(mode.value, "Host");
     EXPECT_EQ(model.message(), "Becoming an access point...");
     model.answered(mode, std::nullopt);
     EXPECT_EQ(model.message(), "") << "the state says it";
+    EXPECT_FALSE(model.is_bad());
     const ScreenAction radio = press("o");
     EXPECT_EQ(radio.kind, Action::Radio);
     EXPECT_EQ(radio.value, 0U);
@@ -410,6 +418,15 @@ TEST_F(ClientScreen, LooksLikeThisAtFirstAndWithoutADaemon)
 + +|
 [ Enter join  d disco]|
 )");
+    model.update({.running = true});
+    EXPECT_EQ(drawn(model, 7, 20), R"([* vantora-wifi       *]|
+~Asking the daemon...~|
+|
+~~|
+|
++ +|
+[ Enter join  d disco]|
+)");
     model.update({.running = false});
     EXPECT_EQ(drawn(model, 6, 20), R"([* vantora-wifi       *]|
 |
@@ -424,10 +441,11 @@ TEST_F(ClientScreen, LooksLikeThisAsAStation)
 {
     Json networks = street();
     networks[1]["joined"] = true;
-    networks.push_back(network_value("far", true, -86, true));
+    networks.push_back(network_value("yard", true, -85, true));
+    networks.push_back(network_value("far", true, -123456, true));
     model.update(station(networks));
     press(Kind::Down);
-    EXPECT_EQ(drawn(model, 16, 60), R"([* vantora-wifi                                               *]|
+    EXPECT_EQ(drawn(model, 17, 60), R"([* vantora-wifi                                               *]|
 *Radio           *+on+|
 *Mode            *Client (station)|
 *Bands           *?|
@@ -440,7 +458,8 @@ TEST_F(ClientScreen, LooksLikeThisAsAStation)
 +  ▂▄▆█+    -48  🔒 home|
 [+> ▂▄▆·+][    -60     free  (joined)                            ]|
   ▂▄··~    -70  ✗  office~|
-!  ····!    -86  🔒 far|
+  ▂···    -85  🔒 yard|
+!  ····!  -123456  🔒 far|
 + +|
 [ Enter join  d disconnect  m mode  r scan  ? help  q quit   ]|
 )");
@@ -459,6 +478,10 @@ TEST_F(ClientScreen, LooksLikeThisAsAStation)
 + +|
 [ Enter jo]|
 )");
+    EXPECT_EQ(drawn(model, 3, 20), R"([* vantora-wifi       *]|
++ +|
+[ Enter join  d disco]|
+)");
     EXPECT_EQ(drawn(model, 2, 20), R"(+ +|
 [ Enter join  d disco]|
 )");
@@ -469,6 +492,17 @@ TEST_F(ClientScreen, LooksLikeThisAsAStation)
 |
 + +|
 [ Enter join  d disconnect  m mode  r scan  ? help  q quit   ]|
+)");
+}
+
+TEST_F(ClientScreen, TheNetworkChosenIsMarkedToTheEdgeAlsoWhereAWideCharacterIsCut)
+{
+    model.update(station(Json::array({network_value("喫茶店", true, -48, true)})));
+    EXPECT_EQ(drawn(model, 5, 23), R"([* vantora-wifi          *]|
+|
+[+> ▂▄▆█+][    -48  🔒 喫茶 ]|
++ +|
+[ Enter join  d disconne]|
 )");
 }
 
@@ -612,6 +646,7 @@ TEST(ClientFitted, NoCharacterIsCut)
     EXPECT_EQ(client::fitted("a\u0301b", 1), "a\u0301");
     EXPECT_EQ(client::fitted("abc", 0), "");
     EXPECT_EQ(client::fitted("abc", 9), "abc");
+    EXPECT_EQ(client::fitted("\xff\xffx", 2), "\xff\xff") << "a byte that is no text has a column";
     std::setlocale(LC_CTYPE, "C");
 }
 

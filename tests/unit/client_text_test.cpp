@@ -66,6 +66,7 @@ TEST_F(ClientText, AMarkWithNothingToStandOnBecomesVisible)
 {
     EXPECT_EQ(escaped("\u0301a"), "\\u{301}a");
     EXPECT_EQ(escaped("a\u0301"), "a\u0301");
+    EXPECT_EQ(escaped("\xff\u0301"), "\\xff\u0301");
 }
 
 TEST_F(ClientText, WhatTheLocaleCannotShowBecomesVisible)
@@ -82,6 +83,7 @@ TEST_F(ClientText, WidthCountsColumnsNotBytes)
     EXPECT_EQ(display_width("喫茶店"), 6U);
     EXPECT_EQ(display_width("a\u0301"), 1U);
     EXPECT_EQ(display_width("👍"), 2U);
+    EXPECT_EQ(display_width("\xff\n"), 1U) << "a byte that is no text is drawn as one sign";
 }
 
 TEST_F(ClientText, PaddingFillsUpToTheColumn)
@@ -94,6 +96,8 @@ TEST_F(ClientText, Utf8IsTold)
 {
     EXPECT_TRUE(is_utf8(""));
     EXPECT_TRUE(is_utf8("Café 👍"));
+    EXPECT_TRUE(is_utf8("\u0080\u07ff\u0800\ud7ff\ue000\uffff\U00010000\U0010ffff"));
+    EXPECT_FALSE(is_utf8("\xed\xbf\xbf")) << "the last surrogate";
     EXPECT_FALSE(is_utf8("caf\xe9"));
     EXPECT_FALSE(is_utf8(std::string("a\0b", 3)));
     EXPECT_FALSE(is_utf8("\xe2\x82"));

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <cerrno>
 #include <memory>
 #include <string>
 
@@ -87,24 +88,28 @@ TEST_F(ClientValues, ListsOfNetworksAreReadToTheirEndAndNoFurther)
     EXPECT_EQ(read(message), "behind");
 }
 
-TEST_F(ClientValues, VariantsAreReadToTheirEnd)
+TEST_F(ClientValues, VariantsAndNumbersAreReadToTheirEnd)
 {
-    sd_bus_message_append(outgoing.get(), "vvvs", "u", 7U, "as", 1, "x", "b", 1, "behind");
+    sd_bus_message_append(outgoing.get(), "vvvvbs", "u", 7U, "i", -7, "as", 1, "x", "b", 1, 0, "behind");
     sd_bus_message* const message = sealed();
     EXPECT_EQ(read(message), 7U);
+    EXPECT_EQ(read(message), -7);
     EXPECT_EQ(read(message), Json({"x"}));
     EXPECT_EQ(read(message), true);
+    EXPECT_EQ(read(message), false);
     EXPECT_EQ(read(message), "behind");
 }
 
 TEST_F(ClientValues, OtherTypesAndNothingAtAllAreErrors)
 {
-    sd_bus_message_append(outgoing.get(), "d", 1.5);
+    sd_bus_message_append(outgoing.get(), "aid", 1, 7, 1.5);
     sd_bus_message* const message = sealed();
     Json value;
-    EXPECT_LT(read_value(message, value), 0);
-    sd_bus_message_skip(message, "d");
-    EXPECT_LT(read_value(message, value), 0);
+    for (const char* type : {"ai", "d"}) {
+        EXPECT_LT(read_value(message, value), 0) << type;
+        sd_bus_message_skip(message, type);
+    }
+    EXPECT_EQ(read_value(message, value), -ENXIO);
 }
 
 TEST_F(ClientValues, DictionariesKeepEveryEntry)

@@ -3,8 +3,13 @@
 from __future__ import annotations
 
 import itertools
+import os
+import pty
 import re
+import select
 import signal
+import subprocess
+import termios
 from collections.abc import Callable, Iterator
 from time import monotonic
 
@@ -13,7 +18,7 @@ import pytest
 from dbus_next import Variant
 from played_daemon import ACCESS_POINT, OPEN, OTHER, SECURED, PlayedDaemon, played_daemon
 from simulated import KEY, small_plan
-from vantora_sim import World, call
+from vantora_sim import DEADLINE, World, call
 from vantora_sim.client import INTERFACE
 from vantora_sim.device import SimulatedDevice
 from wifi_client import DONE, TERMINAL, UNREACHABLE, USAGE, Running, environment, program
@@ -23,6 +28,10 @@ BACK = "\x1b[?1049l"
 TERM = "screen-256color"
 """A terminal of which the emulator knows nearly every sequence."""
 UP, DOWN = "\x1bOA", "\x1bOB"
+NO_SANITIZERS_HANDLERS = dict.fromkeys(
+    ("ASAN_OPTIONS", "TSAN_OPTIONS"), "handle_segv=0:handle_abort=0:handle_sigbus=0:handle_sigfpe=0:handle_sigill=0"
+)
+"""Leaves a crash to the client."""
 
 
 @pytest.fixture
@@ -43,11 +52,15 @@ def lines_of(text: str, rows: int, columns: int) -> list[str]:
     return [line.rstrip() for line in screen_of(text, rows, columns).display]
 
 
-def colour_of(client: Running, word: str) -> str:
-    """The colour in which a person sees a word."""
-    screen = screen_of(client.text, 24, 80)
+def look_of(client: Running, word: str) -> str:
+    """How a person sees a word: "bold", "faint", "reverse", its colour, or several of these."""
+    # The emulator knows no faint letters; italics are not used otherwise.
+    text = re.sub(r"(?<=[\[;])2(?=[;m])", "3", client.text)
+    screen = screen_of(text, 24, 80)
     row = next(number for number, line in enumerate(screen.display) if word in line)
-    return str(screen.buffer[row][screen.display[row].index(word)].fg)
+    letter = screen.buffer[row][screen.display[row].index(word)]
+    looks = {"bold": letter.bold, "faint": letter.italics, "reverse": letter.reverse, letter.fg: letter.fg != "default"}
+    return " ".join(look for look, there in looks.items() if there) + f" on {letter.bg}".removesuffix(" on default")
 
 
 def screen_of(text: str, rows: int, columns: int) -> pyte.Screen:
@@ -98,12 +111,19 @@ def test_the_state_is_on_top_and_the_networks_below(world: World, daemon: Played
         assert [line.split()[-1] for line in below] == ["secured", "(joined)", "office"]
         assert below[0].startswith("> ▂▄▆█    -50  🔒") and below[1].startswith("  ▂▄▆·    -60     free")
         assert "✗" in below[2]
-        assert [colour_of(client, word) for word in ("on", "▂▄▆·", "office", "Mode")] == [
-            "green",
-            "green",
-            "default",
-            "default",
-        ]
+        assert {
+            word: look_of(client, word) for word in (" vantora", "Mode", "on", "> ", "secured", "▂▄▆·", "office", "Enter")
+        } == {
+            " vantora": "bold reverse",
+            "Mode": "bold",
+            "on": "green",
+            "> ": "reverse green",
+            "secured": "reverse",
+            "▂▄▆·": "green",
+            "office": "faint",
+            "Enter": "reverse",
+        }
+        assert screen_of(client.text, 24, 80).cursor.hidden
         assert lines[23] == " Enter join  d disconnect  m mode  r scan  ? help  q quit"
         client.type("q")
         assert client.end() == DONE
@@ -124,6 +144,7 @@ def test_arrows_choose_and_enter_joins_an_open_network(world: World, daemon: Pla
         assert max(between) > 0.25 and min(between) < 1.5, between
         daemon.announce("WiFiClientState", Variant("s", "completed"))
         wait_seen(client, 'Connected to "free".')
+        assert daemon.called == [("Connect", ["free", ""])]
 
 
 def test_escape_takes_effect_at_once(world: World, daemon: PlayedDaemon) -> None:
@@ -181,12 +202,11 @@ def test_letters_do_what_the_help_says(world: World, daemon: PlayedDaemon) -> No
         wait_seen(client, "office")
         client.type("r")
         wait_seen(client, "Asked for a scan; what it finds appears above.")
-        assert ("Scan", []) in daemon.called
         daemon.properties["IPAddress"] = Variant("s", "10.0.0.7")  # not announced: everything is asked for after a request
         client.type("d")
         wait_seen(client, "Disconnected.")
         wait_seen(client, "^Address +10.0.0.7$")
-        assert ("Disconnect", []) in daemon.called
+        assert daemon.called == [("Scan", []), ("Disconnect", [])]
         client.type("m")
         world.journal.wait_until(lambda: ("Mode", "Host") in daemon.written, "mode")
         daemon.properties = dict(ACCESS_POINT)
@@ -197,6 +217,10 @@ def test_letters_do_what_the_help_says(world: World, daemon: PlayedDaemon) -> No
         wait_seen(client, "An access point does not look for networks")
         client.type("m")
         world.journal.wait_until(lambda: ("Mode", "Client") in daemon.written, "mode")
+        wait_seen(client, "^Mode +Client")
+        client.type("o")
+        wait_seen(client, "^Radio +off$")
+        assert daemon.written == [("Mode", "Host"), ("Mode", "Client"), ("WiFiState", 0)]
 
 
 def test_a_refusal_is_told_in_words(world: World, daemon: PlayedDaemon) -> None:
@@ -248,11 +272,7 @@ def wait_until_quiet_and_right(client: Running, mark: int, rows: int, columns: i
 )
 @pytest.mark.usefixtures("daemon")
 def test_the_terminal_is_given_back_at_every_end(world: World, number: int) -> None:
-    with started(
-        world,
-        ASAN_OPTIONS="handle_segv=0:handle_abort=0:handle_sigbus=0:handle_sigfpe=0:handle_sigill=0",
-        TSAN_OPTIONS="handle_segv=0:handle_abort=0:handle_sigbus=0:handle_sigfpe=0:handle_sigill=0",
-    ) as client:
+    with started(world, **NO_SANITIZERS_HANDLERS) as client:
         assert not client.echoes()
         client.send_signal(number)
         assert client.end() == -number
@@ -299,9 +319,65 @@ def test_control_z_gives_the_terminal_back_for_a_while(world: World, daemon: Pla
         assert given_back(client)
 
 
+def wait_whole(client: Running, mark: int) -> None:
+    """Wait until everything has been drawn anew since the mark, and see that the terminal is taken."""
+    wait_for_title(client, mark, 24, 80)
+    wait_until_quiet_and_right(client, mark, 24, 80)
+    assert not client.echoes()
+
+
+@pytest.mark.usefixtures("daemon")
+def test_after_a_stop_that_nobody_could_see_coming_the_terminal_is_taken_again(world: World) -> None:
+    with started(world) as client:
+        client.send_signal(signal.SIGSTOP)
+        os.waitid(os.P_PID, client.pid, os.WSTOPPED)
+        terminal = os.open(f"/proc/{client.pid}/fd/0", os.O_RDWR | os.O_NOCTTY)
+        modes = termios.tcgetattr(terminal)
+        modes[3] |= termios.ECHO | termios.ICANON
+        termios.tcsetattr(terminal, termios.TCSANOW, modes)
+        os.close(terminal)
+        mark = len(client.text)
+        client.send_signal(signal.SIGCONT)
+        wait_whole(client, mark)
+
+
+@pytest.mark.usefixtures("daemon")
+def test_control_z_where_no_shell_could_go_on_leaves_the_screen_as_it_is(world: World) -> None:
+    with started(world, **NO_SANITIZERS_HANDLERS) as client:
+        for _ in range(2):
+            mark = len(client.text)
+            client.type("\x1a")
+            wait_whole(client, mark)
+        client.send_signal(signal.SIGSEGV)
+        assert client.end() == -signal.SIGSEGV
+        assert given_back(client)
+
+
+@pytest.mark.usefixtures("daemon")
+def test_a_terminal_that_goes_without_a_signal_ends_it(world: World) -> None:
+    outer, inner = pty.openpty()
+    # In a session of its own without taking the terminal as its own: nobody tells it of the end.
+    client = subprocess.Popen(
+        [program(world)], env=environment(world, TERM=TERM), stdin=inner, stdout=inner, stderr=inner, start_new_session=True
+    )
+    try:
+        os.close(inner)
+        shown = b""
+        while b"office" not in shown:
+            assert select.select([outer], [], [], DEADLINE)[0], shown
+            shown += os.read(outer, 65536)
+        os.close(outer)
+        assert client.wait(DEADLINE) == -signal.SIGHUP
+    finally:
+        client.kill()
+        client.wait()
+
+
 def test_a_daemon_that_hangs_does_not_hold_up_the_screen(world: World, daemon: PlayedDaemon) -> None:
     with started(world) as client:
         daemon.hang("Get")
+        client.type("r")
+        client.wait_for("it finds appears above")  # which is all that comes before the next line
         daemon.announce("Mode", Variant("s", "Client"))
         wait_seen(client, "The daemon does not answer; waiting for it.")
         client.type("?")
@@ -353,6 +429,7 @@ def test_a_wrongly_typed_signal_is_told_once_and_passed_over(world: World, daemo
         daemon.announce("IPAddress", Variant("u", 7))
         daemon.properties["IPAddress"] = Variant("s", "")
         wait_seen(client, "a signal of the daemon cannot be read and is passed over: PropertiesChanged")
+        assert look_of(client, "a signal of the daemon") == "red"
         assert client.running
 
 

@@ -8,6 +8,7 @@ from __future__ import annotations
 import itertools
 import os
 import signal
+import socket
 from collections.abc import Iterator
 
 import pytest
@@ -161,6 +162,19 @@ def test_status_shows_how_the_access_point_does(world: World, daemon: PlayedDaem
     assert "On the air      not heard of\n" in way.run(world, "status").stdout
 
 
+def test_a_band_that_an_access_point_refuses_is_told(world: World, daemon: PlayedDaemon, way: Way) -> None:
+    access_point(daemon)
+    daemon.refuse("Set", text="no")
+    told = way.ended(
+        REFUSED,
+        stderr="vantora-wifi: the access point could not be restarted with this band, which is stored all the same "
+        '(the daemon: "no")\n',
+    )
+    assert way.run(world, "band", "5") == told
+    daemon.refuse("Get", on="WiFiAvailableFrequencies")
+    assert way.run(world, "band", "5") == told
+
+
 # Scanning
 
 
@@ -186,6 +200,16 @@ def test_a_station_that_says_how_it_does_is_there(world: World, daemon: PlayedDa
         world.journal.wait_until(lambda: ("Scan", []) in daemon.called, "scan")
         daemon.announce("WiFiClientState", Variant("s", "disconnected"))
         assert (client.end(), client.plain) == (DONE, "No networks in range.\n")
+
+
+def test_a_daemon_that_goes_while_it_scans_is_told(world: World, daemon: PlayedDaemon, way: Way) -> None:
+    with way.start(world, "scan") as client:
+        world.journal.wait_until(lambda: ("Scan", []) in daemon.called, "scan")
+        daemon.go()
+        assert (client.end(), client.plain) == (
+            UNREACHABLE,
+            "vantora-wifi: the daemon has left the bus in the middle of this\n",
+        )
 
 
 def test_a_station_that_does_not_answer_is_told(world: World, daemon: PlayedDaemon, way: Way) -> None:
@@ -488,20 +512,49 @@ def test_without_a_sub_command_a_pipe_gets_the_usage(world: World) -> None:
     assert ended.stderr.startswith("vantora-wifi: a sub-command is required\n\n") and "Usage: vantora-wifi" in ended.stderr
 
 
+OTHERS_BUS = "/run/user/65534/bus"
+
+
+def as_other(world: World, *arguments: str) -> list[str]:
+    """The client's command line for an ordinary user."""
+    return ["/usr/bin/setpriv", "--reuid", "65534", "--regid", "65534", "--clear-groups", program(world), *arguments]
+
+
 @pytest.mark.skipif(os.geteuid() != 0, reason="needs root: an ordinary user has no second user id to try")
 @pytest.mark.parametrize("arguments", [["status"], ["scan"], ["connect", "x"], ["monitor"], ["on"]], ids=str)
 @pytest.mark.usefixtures("daemon")
 def test_an_ordinary_user_of_a_device_is_told_of_roots_bus(world: World, arguments: list[str]) -> None:
-    as_other = ["/usr/bin/setpriv", "--reuid", "65534", "--regid", "65534", "--clear-groups", program(world), *arguments]
     told = "vantora-wifi: the daemon's object is on root's bus, which only root reaches: use 'sudo vantora-wifi'\n"
-    for address in (None, "unix:path=/run/user/65534/bus"):
-        ended = world.sandbox.run(as_other, {"DBUS_SESSION_BUS_ADDRESS": address, "XDG_RUNTIME_DIR": None})
+    for address in (None, f"unix:path={OTHERS_BUS}"):
+        ended = world.sandbox.run(as_other(world, *arguments), {"DBUS_SESSION_BUS_ADDRESS": address, "XDG_RUNTIME_DIR": None})
         assert (ended.status, ended.stderr) == (UNREACHABLE, told)
-    elsewhere = world.sandbox.run(as_other, {"DBUS_SESSION_BUS_ADDRESS": "unix:path=/nonexistent", "XDG_RUNTIME_DIR": None})
+    elsewhere = world.sandbox.run(
+        as_other(world, *arguments), {"DBUS_SESSION_BUS_ADDRESS": "unix:path=/nonexistent", "XDG_RUNTIME_DIR": None}
+    )
     assert (elsewhere.status, elsewhere.stderr) == (
         UNREACHABLE,
         "vantora-wifi: the user bus cannot be reached: No such file or directory\n",
     )
+
+
+@pytest.mark.skipif(os.geteuid() != 0, reason="needs root: an ordinary user has no second user id to try")
+def test_only_an_ordinary_user_who_finds_no_daemon_is_told_of_roots_bus(world: World) -> None:
+    world.user_bus.stop()
+    ended = world.sandbox.run([program(world), "status"])
+    assert (ended.status, ended.stderr) == (
+        UNREACHABLE,
+        "vantora-wifi: the user bus cannot be reached: No such file or directory\n",
+    )
+    with socket.socket(socket.AF_UNIX) as silent:
+        path = world.sandbox.path(OTHERS_BUS)
+        path.parent.mkdir()
+        silent.bind(str(path))
+        path.chmod(0o777)
+        silent.listen()
+        ended = world.sandbox.run(
+            as_other(world, "status", "--timeout", "0.1"), {"DBUS_SESSION_BUS_ADDRESS": f"unix:path={OTHERS_BUS}"}
+        )
+        assert (ended.status, ended.stderr) == (TIMED_OUT, "vantora-wifi: the user bus did not answer in time\n")
 
 
 # How often the daemon is asked: each question costs it a command or two
