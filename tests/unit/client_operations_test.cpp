@@ -50,6 +50,9 @@ Ground ground;
 int failingOpen = 0;
 int failingClose = 0;
 
+/** How many messages were handed to sd-bus. */
+int sent = 0;
+
 int fails_now(int& countdown)
 {
     return countdown > 0 && --countdown == 0 ? -ENOMEM : 0;
@@ -143,6 +146,12 @@ int sd_bus_message_close_container(sd_bus_message* message)
     return failed != 0
                ? failed
                : next<decltype(sd_bus_message_close_container)>("sd_bus_message_close_container")(message);
+}
+
+int sd_bus_send(sd_bus* bus, sd_bus_message* message, uint64_t* cookie)
+{
+    ++sent;
+    return next<decltype(sd_bus_send)>("sd_bus_send")(bus, message, cookie);
 }
 }
 
@@ -369,6 +378,7 @@ protected:
     std::vector<LogLine> lines_of_sending()
     {
         captured_log().clear();
+        sent = 0;
         access_points_changed({{"/bss", "cafe", 1, -40, true}});
         std::vector<LogLine> lines = captured_log().lines();
         EXPECT_EQ(lines.front(), (LogLine{LOG_INFO, "[Main] Access points changed"}));
@@ -380,6 +390,7 @@ protected:
 TEST_F(AccessPointsSignal, IsSentWithoutAFurtherWord)
 {
     EXPECT_THAT(lines_of_sending(), IsEmpty());
+    EXPECT_EQ(sent, 1);
 }
 
 TEST_F(AccessPointsSignal, IsGivenUpWithoutABus)
@@ -397,6 +408,7 @@ TEST_F(AccessPointsSignal, IsGivenUpAtTheStepThatFails)
     };
     failingOpen = 1;
     EXPECT_THAT(lines_of_sending(), line("sd_bus_open_container array failed"));
+    EXPECT_EQ(sent, 0);
     failingOpen = 2;
     EXPECT_THAT(lines_of_sending(), line("sd_bus_open_container struct failed"));
     failingClose = 1;
