@@ -420,6 +420,17 @@ def test_control_z_at_the_prompt_gives_the_echo_back_for_a_while(world: World) -
         assert "a passphrase has 8 to 63 characters, this one has 5" in client.text and client.echoes()
 
 
+def test_what_is_ignored_as_under_nohup_stays_ignored_at_the_prompt(world: World) -> None:
+    bring_up_station(world)
+    script = f"trap '' HUP; exec {program(world)} connect cafe --force"
+    with Running(["/bin/sh", "-c", script], environment(world), terminal=True) as client:
+        client.wait_for("Passphrase for")
+        client.send_signal(signal.SIGHUP)
+        client.type("short\n")
+        assert client.end() == USAGE
+        assert client.plain.count("Passphrase for") == 1
+
+
 def test_no_daemon_no_prompt(world: World) -> None:
     with on_terminal(world, "connect", "cafe", "--force") as client:
         assert client.end() == UNREACHABLE

@@ -17,7 +17,7 @@ from played_daemon import ACCESS_POINT, OPEN, OTHER, SECURED, PlayedDaemon, play
 from vantora_sim import World, call
 from vantora_sim.client import INTERFACE
 from vantora_sim.journal import Pattern
-from wifi_client import DONE, REFUSED, TIMED_OUT, UNREACHABLE, USAGE, Way, objects_in, program, run, start
+from wifi_client import DONE, REFUSED, TIMED_OUT, UNREACHABLE, USAGE, Running, Way, environment, objects_in, program, run, start
 
 SILENT = 5
 
@@ -510,6 +510,13 @@ def test_without_a_sub_command_a_pipe_gets_the_usage(world: World) -> None:
     ended = run(world)
     assert (ended.status, ended.stdout) == (USAGE, "")
     assert ended.stderr.startswith("vantora-wifi: a sub-command is required\n\n") and "Usage: vantora-wifi" in ended.stderr
+
+
+def test_half_a_terminal_is_none(world: World) -> None:
+    script = f"{program(world)} | cat; {program(world)} </dev/null"
+    with Running(["/bin/sh", "-c", script], environment(world), terminal=True) as client:
+        assert client.end() == USAGE
+        assert client.plain.count("vantora-wifi: a sub-command is required\n") == 2
 
 
 OTHERS_BUS = "/run/user/65534/bus"
