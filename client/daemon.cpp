@@ -170,18 +170,11 @@ std::optional<Failure> Daemon::set(const std::string& property, char type, const
     return reply ? std::nullopt : std::optional(reply.failure());
 }
 
-std::optional<Failure> Daemon::call(const char* method, const std::vector<std::string>& arguments,
-                                    Deadline deadline)
+std::optional<Failure> Daemon::call(const char* method, Deadline deadline)
 {
     auto request = make_call(kInterface, method);
     if (!request) {
         return request.failure();
-    }
-    for (const std::string& argument : arguments) {
-        if (const int result = sd_bus_message_append_basic(request.value().get(), 's', argument.c_str());
-            result < 0) {
-            return failure_of_bus(result);
-        }
     }
     const auto reply = send(std::move(request.value()), deadline);
     return reply ? std::nullopt : std::optional(reply.failure());

@@ -57,11 +57,11 @@ public:
     /** Writes a property of type 's' or 'u'; the failure, or nothing. */
     std::optional<Failure> set(const std::string& property, char type, const Json& value, Deadline deadline);
 
-    /** Calls a method with text arguments; the failure, or nothing. */
-    std::optional<Failure> call(const char* method, const std::vector<std::string>& arguments,
-                                Deadline deadline);
+    /** Calls a method without arguments; the failure, or nothing. */
+    std::optional<Failure> call(const char* method, Deadline deadline);
 
-    /** The same without waiting: `done` is called from step(). The arguments are treated as secret. */
+    /** Calls a method with text arguments without waiting: `done` is called from step(). The arguments are
+     * treated as secret. */
     void call_later(const char* method, const std::vector<std::string>& arguments, Done done,
                     Deadline deadline);
 

@@ -8,7 +8,7 @@ namespace client {
 std::optional<Failure> run_disconnect(Daemon& daemon, const Arguments& arguments, Output& output)
 {
     const Deadline deadline = Clock::now() + arguments.timeout;
-    if (auto failure = daemon.call("Disconnect", {}, deadline)) {
+    if (auto failure = daemon.call("Disconnect", deadline)) {
         if (failure->daemonText == "Failed to connect to AP") {
             auto state = daemon.get("WiFiClientState", deadline);
             failure->text = disconnect_meaning(state ? state.value().get<std::string>() : "");

@@ -87,7 +87,7 @@ Result<Json> look_around(Daemon& daemon, Output& output, Deadline deadline)
     if (auto failure = daemon.follow(std::move(events), deadline)) {
         return *failure;
     }
-    if (auto failure = daemon.call("Scan", {}, deadline)) {
+    if (auto failure = daemon.call("Scan", deadline)) {
         return with_advice(*failure);
     }
     if (Clock::now() - asked >= kNoAnswer) {

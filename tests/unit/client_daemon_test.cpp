@@ -221,7 +221,7 @@ TEST_F(ClientDaemon, AQuestionThatNobodyAnswersEndsWithItsTime)
     EXPECT_EQ(never.failure().status, ExitStatus::TimedOut);
     EXPECT_EQ(never.failure().text, "the daemon did not answer in time");
     EXPECT_EQ(daemon->set("Mode", 's', "Host", Clock::now())->status, ExitStatus::TimedOut);
-    EXPECT_EQ(daemon->call("Scan", {}, Clock::now())->status, ExitStatus::TimedOut);
+    EXPECT_EQ(daemon->call("Scan", Clock::now())->status, ExitStatus::TimedOut);
     EXPECT_EQ(daemon->follow({}, Clock::now())->status, ExitStatus::TimedOut);
 }
 
