@@ -3,9 +3,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <cstdlib>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <dlfcn.h>
@@ -99,6 +101,7 @@ TEST(RetryDelays, DoubleUpToHalfAMinuteAndBeginAnewWithTheNextLoss)
     DbusListener listener(loop.get());
     ASSERT_EQ(listener.Connect(), 0);
     int heard = 0;
+    ASSERT_EQ(listener.ListenSignal("com.example.Absent", "", kSender, "Happened", count, &heard), 0);
     ASSERT_EQ(listen(listener, "/first", heard), 0);
     lose_bus(bus, loop, 9);
     EXPECT_THAT(pauses, ElementsAre(1, 2, 4, 8, 16, 30, 30, 30, 30));
@@ -147,7 +150,8 @@ TEST(RetryDelays, EndWhenTheConnectionIsAskedForAndStands)
 TEST(RetryDelays, GrowWhileTheBusRefusesToAnswer)
 {
     madePause = 20'000; // the bus has time for its other answers
-    for (const std::string member : {"GetNameOwner", "GetId"}) {
+    const std::pair<std::string, int> refusals[] = {{"GetNameOwner", -EACCES}, {"GetId", 0}};
+    for (const auto& [member, whenAsked] : refusals) {
         SCOPED_TRACE(member);
         PrivateBus bus;
         EventLoop loop;
@@ -162,6 +166,7 @@ TEST(RetryDelays, GrowWhileTheBusRefusesToAnswer)
         bus.start();
         ASSERT_TRUE(loop.run_until([] { return pauses.size() >= 4; }));
         EXPECT_THAT(pauses, ElementsAre(1, 2, 4, 8));
+        EXPECT_EQ(listener.Connect(), whenAsked);
     }
     madePause = 0;
 }
