@@ -20,11 +20,6 @@ DbusConnector::State::State(sd_event* event, BusType type)
 {
 }
 
-DbusConnector::State::~State()
-{
-    close();
-}
-
 bool DbusConnector::State::is_open() const
 {
     return !lost_ && bus_ != nullptr && sd_bus_is_open(bus_.get()) > 0;

@@ -24,7 +24,7 @@ struct DbusConnector::State
     State(sd_event* event, BusType type);
     State(const State&) = delete;
     State& operator=(const State&) = delete;
-    ~State();
+    ~State() = default;
 
     /** Opens the connection and installs the rules known so far. Returns 0, or a negative errno. */
     int open(Install mode);
@@ -56,6 +56,7 @@ private:
     static int on_bus_answered(sd_bus_message* message, void* userdata, sd_bus_error* error);
     static int on_retry(sd_event_source* source, std::uint64_t now, void* userdata);
 
+    // What stands on the loop or on the connection comes behind it, and so goes before it.
     EventPtr event_;
     BusType type_;
     bool lost_ = false;
