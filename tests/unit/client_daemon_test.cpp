@@ -93,10 +93,15 @@ class ClientDaemon : public testing::Test
 protected:
     ClientDaemon()
     {
-        EXPECT_GE(sd_bus_request_name(owner.get(), client::kName, 0), 0);
         auto connected = Daemon::connect(Clock::now() + 20s);
         EXPECT_TRUE(connected);
         daemon = std::move(connected.value());
+        // The bus's word of the new connection has come before its answer.
+        EXPECT_EQ(daemon->get("Mode", Clock::now() + 20s).failure().status, ExitStatus::Unreachable);
+        for (int step = 0; step < 5; ++step) {
+            EXPECT_FALSE(daemon->step(Clock::now()));
+        }
+        EXPECT_GE(sd_bus_request_name(owner.get(), client::kName, 0), 0);
         std::array<int, 2> both{};
         EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, both.data()), 0);
         ours = UniqueFd(both[0]);
@@ -115,6 +120,20 @@ protected:
             }
         }
         return false;
+    }
+
+    /** Waits for the question, and until the bus has passed on that nobody answers it. */
+    void refuse_question() const
+    {
+        for (bool refused = false; !refused;) {
+            sd_bus_message* taken = nullptr;
+            if (sd_bus_process(owner.get(), &taken) == 0) {
+                sd_bus_wait(owner.get(), 1'000'000);
+            }
+            const MessagePtr question(taken);
+            refused = taken != nullptr && sd_bus_reply_method_errorf(taken, SD_BUS_ERROR_FAILED, "No") >= 0;
+        }
+        testing_support::settle(owner.get());
     }
 
     PrivateBus bus{testing_support::BusRole::User};
@@ -154,11 +173,18 @@ TEST_F(ClientDaemon, AnotherDescriptorEndsAStepAndIsTold)
         EXPECT_EQ(others[0].revents, POLLIN);
         EXPECT_EQ(others[1].revents, 0);
     }
-    // While a question is under way, too.
+    // While a question is under way, too, and before its answer, so that a busy bus does not keep anybody
+    // waiting.
+    bool answered = false;
     daemon->get_later(
-        "Mode", [](const Result<Json>&) {}, Clock::now() + 20s);
+        "Mode", [&](const Result<Json>&) { answered = true; }, Clock::now() + 20s);
     EXPECT_FALSE(daemon->step(kNever, others));
     EXPECT_EQ(others[0].revents, POLLIN);
+    refuse_question();
+    EXPECT_FALSE(daemon->step(kNever, others));
+    EXPECT_FALSE(answered);
+    EXPECT_FALSE(daemon->step(Clock::now() + 20s));
+    EXPECT_TRUE(answered);
 }
 
 TEST_F(ClientDaemon, WhatComesWhileAStepWaitsEndsItAndIsTold)

@@ -123,7 +123,7 @@ void go_through_everything(PlayedWifi& wifi, const std::string& request, int cou
 /** The present second. */
 std::string time_text(bool json)
 {
-    const std::time_t now = std::time(nullptr);
+    const std::time_t now = std::chrono::system_clock::to_time_t(std::chrono::system_clock::now());
     std::array<char, 32> text{};
     std::tm parts{};
     std::strftime(text.data(), text.size(), json ? "%Y-%m-%dT%H:%M:%S" : "%H:%M:%S",
