@@ -52,6 +52,7 @@ WORDS = {
 """What the client's contract tests call what is in a source, by the beginning of its path: they go by command, and it does not."""
 ELSEWHERE = {
     "src/core/client_operations.cpp": ("core/test_station_connect.py", "core/test_station_scan_disconnect.py"),
+    "src/main.cpp": ("core/test_deferred_startup.py", "security/test_security_files.py"),
     "src/radio/wpa_supplicant.cpp": ("core/test_station_connect.py", "core/test_station_scan_disconnect.py"),
     "src/utils/interface_queries.cpp": ("core/test_wired_dhcp_server.py", "utils/test_interface_queries.py"),
     "client/passphrase.cpp": ("client/test_client_joining.py", "client/test_client_truth.py"),

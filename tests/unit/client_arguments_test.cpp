@@ -155,6 +155,7 @@ TEST(ClientArguments, AMistypedWordIsToldFromWhatWasMeant)
                     .starts_with("vantora-wifi: there is no sub-command \"statsu\"; did you mean status?\n"))
         << text({"statsu"});
     EXPECT_TRUE(text({"wibble"}).starts_with("vantora-wifi: there is no sub-command \"wibble\"\n"));
+    EXPECT_TRUE(text({"sxxxus"}).starts_with("vantora-wifi: there is no sub-command \"sxxxus\"\n"));
     EXPECT_NE(text({"mode", "hosst"}).find("\"hosst\" is neither host nor client; did you mean host?"),
               std::string::npos)
         << text({"mode", "hosst"});
