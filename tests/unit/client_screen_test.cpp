@@ -289,6 +289,7 @@ TEST_F(ClientScreen, AnAttemptIsFollowedToItsEnd)
     EXPECT_EQ(model.message(), "Joining \"free\"...");
     model.update(station(street(), "scanning"));
     EXPECT_EQ(model.message(), "Joining \"free\": looking for the network");
+    EXPECT_FALSE(model.is_bad());
     model.update(station(street(), "completed"));
     EXPECT_EQ(model.message(), "Connected to \"free\".");
     EXPECT_FALSE(model.is_bad());

@@ -107,6 +107,19 @@ def test_a_wrongly_typed_signal_is_passed_over_with_one_warning(
         assert people.running and programs.running
 
 
+@pytest.mark.parametrize("words", [["scan"], ["scan", "--watch"], ["status", "--watch"]], ids=" ".join)
+def test_a_wrongly_typed_signal_while_something_is_waited_for_is_told(
+    world: World, daemon: PlayedDaemon, words: list[str]
+) -> None:
+    with start(world, *words) as client:
+        if words[0] == "scan":
+            world.journal.wait_until(lambda: ("Scan", []) in daemon.called, "scan")
+        else:
+            client.wait_for("Transmit power")
+        daemon.emit(PATH, INTERFACE, "AccessPointsChanged", "s", ["home"])
+        client.wait_for(f"{WARNING}AccessPointsChanged\n")
+
+
 def test_a_signal_about_another_interface_of_the_object_is_no_business_of_the_client(
     world: World, daemon: PlayedDaemon
 ) -> None:

@@ -409,6 +409,7 @@ def test_status_is_watched_in_place_and_on_a_pipe_line_by_line(world: World, dae
         assert client.text.count(f"\x1b[{rows}A\r\x1b[J") == (1 if way.terminal else 0)
         assert client.plain.count("\n\n") == (0 if way.terminal else 1)
         assert client.running
+    assert daemon.called == [], "nothing is looked for"
 
 
 def test_status_is_watched_by_programs(world: World, daemon: PlayedDaemon, way: Way) -> None:
