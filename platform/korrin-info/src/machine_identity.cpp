@@ -109,7 +109,8 @@ std::string machine_model(const std::string& root)
     if (model.empty()) {
         model = read_dmi_field(root + "/sys/class/dmi/id/product_name");
     }
-    return model.empty() ? kUnknownModel : first_words(model, kLongestModel);
+    const std::string shortened = first_words(model, kLongestModel);
+    return shortened.empty() ? kUnknownModel : shortened;
 }
 
 std::string machine_serial(const std::string& root)

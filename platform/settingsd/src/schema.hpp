@@ -47,7 +47,8 @@ bool has_section(Schema schema, std::string_view section);
 
 /**
  * The name of a device that nobody has named: model and serial number joined by a hyphen, of the serial
- * number only what follows its first hyphen when there is one.
+ * number only what follows its first hyphen when there is one, and of both only what is UTF-8: firmware and
+ * configuration may hold any bytes, the bus carries text.
  */
 std::string default_device_name(const std::string& model, const std::string& serial);
 
