@@ -526,7 +526,7 @@ TEST_F(SettingsStoreTest, KeepsTheOldValueWhenTheFolderVanished)
     std::filesystem::remove_all(folder.path());
     EXPECT_EQ(set(store, mode, "Host"), -ENOENT);
     EXPECT_EQ(store.get(mode), Value("Client"));
-    std::vector<const Setting*> changed;
+    std::vector<const Setting*> changed = {&enabled};
     EXPECT_EQ(store.reset(std::array{&mode}, changed), -ENOENT);
     EXPECT_THAT(changed, IsEmpty());
     EXPECT_EQ(store.get(mode), Value("Client"));
