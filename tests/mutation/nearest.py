@@ -53,8 +53,10 @@ WORDS = {
 ELSEWHERE = {
     "src/core/client_operations.cpp": ("core/test_station_connect.py", "core/test_station_scan_disconnect.py"),
     "src/main.cpp": ("core/test_deferred_startup.py", "security/test_security_files.py"),
+    "client/scan.cpp": ("client/test_client_scan.py", "client/test_client_truth.py"),
     "src/radio/wpa_supplicant.cpp": ("core/test_station_connect.py", "core/test_station_scan_disconnect.py"),
     "src/utils/interface_queries.cpp": ("core/test_wired_dhcp_server.py", "utils/test_interface_queries.py"),
+    "client/main.cpp": ("client/test_client_status.py", "client/test_client_truth.py"),
     "client/passphrase.cpp": ("client/test_client_joining.py", "client/test_client_truth.py"),
 }
 """The nearest contract tests of those sources that neither room nor words lead to."""
