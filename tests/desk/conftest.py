@@ -11,7 +11,7 @@ from typing import Any
 import pytest
 
 ROOT = Path(__file__).resolve().parents[2]
-sys.path[:0] = [str(ROOT / "simulator")]
+sys.path[:0] = [str(ROOT / "tests/support"), str(ROOT / "simulator")]
 
 from page import Page  # noqa: E402  (finds what it needs through the line above)
 from running import Running, browser, running  # noqa: E402

@@ -10,7 +10,7 @@ import tempfile
 from pathlib import Path
 
 ROOT = Path(__file__).resolve().parents[2]
-sys.path[:0] = [str(ROOT / "simulator")]
+sys.path[:0] = [str(ROOT / "tests/support"), str(ROOT / "simulator")]
 
 from PIL import Image  # noqa: E402
 from page import Page  # noqa: E402  (finds what it needs through the line above)

@@ -14,6 +14,7 @@ import time
 from collections.abc import Iterator
 from pathlib import Path
 
+from ignored_signals import forget_ignored_signals
 from selenium import webdriver
 from selenium.webdriver.chrome.service import Service
 
@@ -37,11 +38,6 @@ _FLAGS = (
 )
 
 
-def _interruptible() -> None:
-    """A shell that runs the tests in the background has its children ignore SIGINT; a person's terminal does not."""
-    signal.signal(signal.SIGINT, signal.SIG_DFL)
-
-
 class Running:
     """A `vantora-sim` with a page: its address, and a fresh key whenever one is wanted."""
 
@@ -57,7 +53,7 @@ class Running:
             text=True,
             env={**environment, **(desktop or {})},
             process_group=0,
-            preexec_fn=_interruptible,
+            preexec_fn=forget_ignored_signals,
         )
         self._links: queue.Queue[tuple[str, str]] = queue.Queue()
         self.output: list[str] = []

@@ -16,6 +16,7 @@ from time import monotonic
 import pyte
 import pytest
 from dbus_next import Variant
+from ignored_signals import forget_ignored_signals
 from played_daemon import ACCESS_POINT, OPEN, OTHER, SECURED, PlayedDaemon, played_daemon
 from simulated import KEY, small_plan
 from vantora_sim import DEADLINE, World, call
@@ -361,7 +362,13 @@ def test_a_terminal_that_goes_without_a_signal_ends_it(world: World) -> None:
     outer, inner = pty.openpty()
     # In a session of its own without taking the terminal as its own: nobody tells it of the end.
     client = subprocess.Popen(
-        [program(world)], env=environment(world, TERM=TERM), stdin=inner, stdout=inner, stderr=inner, start_new_session=True
+        [program(world)],
+        env=environment(world, TERM=TERM),
+        stdin=inner,
+        stdout=inner,
+        stderr=inner,
+        start_new_session=True,
+        preexec_fn=forget_ignored_signals,
     )
     try:
         os.close(inner)

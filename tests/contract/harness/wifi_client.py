@@ -18,6 +18,7 @@ from collections.abc import Callable, Mapping, Sequence
 from dataclasses import dataclass
 from typing import Any
 
+from ignored_signals import forget_ignored_signals
 from vantora_sim import DEADLINE, World
 
 DONE, REFUSED, USAGE, UNREACHABLE, TIMED_OUT = range(5)
@@ -84,15 +85,9 @@ def run(world: World, *arguments: str | bytes, stdin: str = "", **changes: str |
     return Ended(completed.returncode, completed.stdout.decode("utf-8"), completed.stderr.decode("utf-8"))
 
 
-def _forget_ignored_signals() -> None:
-    """Whoever started the tests in the background may ignore what a terminal sends; the client is not to inherit that."""
-    for number in (signal.SIGINT, signal.SIGQUIT, signal.SIGHUP, signal.SIGTSTP):
-        signal.signal(number, signal.SIG_DFL)
-
-
 def _begin_on_terminal() -> None:
     """The new session's terminal is standard input."""
-    _forget_ignored_signals()
+    forget_ignored_signals()
     fcntl.ioctl(0, termios.TIOCSCTTY, 0)
 
 
@@ -130,7 +125,7 @@ class Running:
                 stdout=subprocess.PIPE,
                 stderr=subprocess.STDOUT,
                 process_group=0,
-                preexec_fn=_forget_ignored_signals,
+                preexec_fn=forget_ignored_signals,
             )
             if stdin is not None:
                 assert self._process.stdin

@@ -15,6 +15,7 @@ from pathlib import Path
 
 import pytest
 from conftest import ROOT
+from ignored_signals import forget_ignored_signals
 from simulated import PYTHON, SIMULATOR
 from vantora_sim import cli, places, simctl
 
@@ -106,11 +107,6 @@ def short_folder() -> Iterator[Path]:
         yield Path(folder)
 
 
-def interruptible() -> None:
-    """A shell that runs the tests in the background has its children ignore SIGINT; a person's terminal does not."""
-    signal.signal(signal.SIGINT, signal.SIG_DFL)
-
-
 @pytest.fixture
 def staying(build_dir: Path, short_folder: Path) -> Iterator[Callable[..., "subprocess.Popen[str]"]]:
     """Starts a device that stays, in a process group of its own; returns when it says that it is up."""
@@ -126,7 +122,7 @@ def staying(build_dir: Path, short_folder: Path) -> Iterator[Callable[..., "subp
             stdin=subprocess.DEVNULL,
             stdout=subprocess.PIPE,
             stderr=subprocess.STDOUT,
-            preexec_fn=interruptible,
+            preexec_fn=forget_ignored_signals,
         )
         started.append(process)
         assert process.stdout is not None

@@ -18,16 +18,12 @@ from collections.abc import Iterator
 from pathlib import Path
 
 import pytest
+from ignored_signals import forget_ignored_signals
 from simulated import PYTHON, SIMULATOR
 from vantora_sim import places
 
 TARGET = "com.vantora.Network1 /com/vantora/Network1 com.vantora.Network1.WiFi"
 SETPRIV = "/usr/bin/setpriv"
-
-
-def _interruptible() -> None:
-    """Whoever runs the tests in the background has their children ignore SIGINT; a person's terminal does not."""
-    signal.signal(signal.SIGINT, signal.SIG_DFL)
 
 
 class OrdinaryUser:
@@ -94,7 +90,7 @@ class OrdinaryUser:
             stdin=subprocess.DEVNULL,
             stdout=subprocess.PIPE,
             stderr=subprocess.STDOUT,
-            preexec_fn=_interruptible,
+            preexec_fn=forget_ignored_signals,
         )
 
     def left_behind(self) -> list[str]:
