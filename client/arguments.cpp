@@ -12,6 +12,7 @@
 
 #include "failure.hpp"
 #include "nearest_word.hpp"
+#include "support/utf8.hpp"
 #include "text.hpp"
 
 namespace client {
@@ -34,7 +35,7 @@ std::string check_ssid(const std::string& ssid)
     if (ssid.size() > kLongestSsid) {
         return "the name of a network has at most 32 bytes, this one has " + std::to_string(ssid.size());
     }
-    return is_utf8(ssid) ? "" : "the name has to be valid UTF-8";
+    return is_bus_text(ssid) ? "" : "the name has to be valid UTF-8, without non-characters";
 }
 
 std::string check_timeout(const std::string& text)

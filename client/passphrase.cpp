@@ -13,6 +13,7 @@
 
 #include "support/signal_set.hpp"
 #include "support/unique_fd.hpp"
+#include "support/utf8.hpp"
 #include "text.hpp"
 
 namespace client {
@@ -189,7 +190,7 @@ std::string passphrase_fault(const std::string& passphrase)
     if (passphrase.size() < 8 || passphrase.size() > 63) {
         return "a passphrase has 8 to 63 characters, this one has " + std::to_string(passphrase.size());
     }
-    return is_utf8(passphrase) ? "" : "the passphrase is not text";
+    return is_bus_text(passphrase) ? "" : "the passphrase is not text";
 }
 
 Result<std::string> read_passphrase(const Arguments& arguments)

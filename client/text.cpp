@@ -101,18 +101,6 @@ std::string formatted(const char* format, unsigned int number)
 
 } // namespace
 
-bool is_utf8(std::string_view bytes)
-{
-    while (!bytes.empty()) {
-        const Unit unit = first_unit(bytes);
-        if (!unit.character || *unit.character == 0) {
-            return false;
-        }
-        bytes.remove_prefix(unit.size);
-    }
-    return true;
-}
-
 std::string escaped(std::string_view bytes)
 {
     std::string text;

@@ -6,9 +6,6 @@
 
 namespace client {
 
-/** Whether the bytes are valid UTF-8 without NUL. */
-bool is_utf8(std::string_view bytes);
-
 /**
  * Makes any text harmless to a terminal, and unambiguous.
  *

@@ -8,8 +8,8 @@
 #include "core/service.hpp"
 #include "radio/wpa_supplicant.hpp"
 #include "support/sd_bus_owners.hpp"
+#include "support/utf8.hpp"
 #include "utils/shell_commands.hpp"
-#include "utils/utf8.hpp"
 
 namespace {
 

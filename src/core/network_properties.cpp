@@ -11,8 +11,8 @@
 #include "radio/hostapd.hpp"
 #include "radio/wifi_controller.hpp"
 #include "radio/wpa_supplicant.hpp"
+#include "support/utf8.hpp"
 #include "utils/interface_queries.hpp"
-#include "utils/utf8.hpp"
 
 namespace {
 

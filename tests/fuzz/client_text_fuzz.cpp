@@ -98,9 +98,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         const auto code = static_cast<unsigned char>(character);
         fuzz::require(code >= 0x20 && code != 0x7F, "no control character is left");
     }
-    fuzz::require(client::is_utf8(text), "it is UTF-8");
+    fuzz::require(fuzz::is_valid_text(text), "it is a text");
     fuzz::require(unescaped(text) == bytes, "the bytes can be had back");
-    fuzz::require(!fuzz::is_valid_text(bytes) || client::is_utf8(bytes), "what D-Bus carries is UTF-8");
 
     const size_t width = client::display_width(text);
     fuzz::require(width <= text.size(), "no character is wider than its bytes are many");

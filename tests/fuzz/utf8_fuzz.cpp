@@ -1,4 +1,4 @@
-#include "utils/utf8.hpp"
+#include "support/utf8.hpp"
 
 #include <cstdlib>
 
@@ -16,6 +16,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     fuzz::require(text.find('\0') == std::string::npos, "there is no NUL");
     fuzz::require(utf8_text(text) == text, "what it made it leaves alone");
     fuzz::require(fuzz::sd_bus_takes(text), "sd-bus takes the text");
+    fuzz::require(is_bus_text(bytes) == (text == bytes), "what is no text is told");
     if (bytes.find('\0') == std::string_view::npos && fuzz::sd_bus_takes(std::string(bytes))) {
         fuzz::require(text == bytes, "a text that sd-bus takes comes back unchanged");
     }

@@ -115,6 +115,7 @@ TEST(ClientArguments, WrongOnesEndWithStatusTwo)
              {"ssid", ""},
              {"ssid", longName.c_str()},
              {"ssid", "\xff"},
+             {"ssid", "caf\uFFFE"},
              {"connect"},
              {"connect", "a", "b"},
              {"scan", "--open"},

@@ -13,7 +13,6 @@ namespace {
 using client::display_width;
 using client::drawn_bars;
 using client::escaped;
-using client::is_utf8;
 using client::padded;
 using client::signal_bars;
 using client::Table;
@@ -90,17 +89,6 @@ TEST_F(ClientText, PaddingFillsUpToTheColumn)
 {
     EXPECT_EQ(padded("喫茶", 6), "喫茶  ");
     EXPECT_EQ(padded("too wide", 3), "too wide");
-}
-
-TEST_F(ClientText, Utf8IsTold)
-{
-    EXPECT_TRUE(is_utf8(""));
-    EXPECT_TRUE(is_utf8("Café 👍"));
-    EXPECT_TRUE(is_utf8("\u0080\u07ff\u0800\ud7ff\ue000\uffff\U00010000\U0010ffff"));
-    EXPECT_FALSE(is_utf8("\xed\xbf\xbf")) << "the last surrogate";
-    EXPECT_FALSE(is_utf8("caf\xe9"));
-    EXPECT_FALSE(is_utf8(std::string("a\0b", 3)));
-    EXPECT_FALSE(is_utf8("\xe2\x82"));
 }
 
 TEST_F(ClientText, TableColumnsAreAlignedByWidth)

@@ -165,6 +165,7 @@ TEST(SettingsDocument, TakesNoTextThatDBusCannotCarry)
 {
     EXPECT_TRUE(parse_document(R"({"network": {"mode": "a\u0000b"}})", kSchema).damaged);
     EXPECT_TRUE(parse_document("{\"network\": {\"mode\": \"\xFF\"}}", kSchema).damaged);
+    EXPECT_TRUE(parse_document(R"({"network": {"mode": "a\uFFFE"}})", kSchema).damaged) << "no character";
 }
 
 TEST(SettingsDocument, TakesWholeNumbersWithinTheirRangeOnly)

@@ -626,7 +626,7 @@ TEST(DeviceSchema, NamesADeviceByModelAndSerialNumber)
     EXPECT_EQ(default_device_name("Model", ""), "Model-");
     EXPECT_EQ(default_device_name("", "1"), "-1");
     EXPECT_EQ(default_device_name("B\xFCro", "12-34\xC3"), "Bro-34") << "the bus carries nothing else";
-    EXPECT_EQ(default_device_name("B\u00FCro", "12-\"\\"), "B\u00FCro-\"\\");
+    EXPECT_EQ(default_device_name("B\u00FCro\uFFFE", "12-\"\\"), "B\u00FCro-\"\\") << "nor a non-character";
 }
 
 TEST(DeviceSchema, KeepsTheRowsOfASectionTogether)

@@ -1,4 +1,4 @@
-#include "utils/utf8.hpp"
+#include "support/utf8.hpp"
 
 #include <gtest/gtest.h>
 
@@ -76,6 +76,24 @@ TEST(Utf8Text, ReplacesEachNul)
     EXPECT_EQ(utf8_text("a\0b\0"s), "a" + kLost + "b" + kLost);
 }
 
+TEST(Utf8Text, LeavesOutWhatIsToBeReplacedByNothing)
+{
+    EXPECT_EQ(utf8_text("B\xFCro\0 \xEF\xBF\xBE\xC3"s, ""), "Bro ");
+    EXPECT_EQ(utf8_text("B\u00FCro", ""), "B\u00FCro");
+}
+
+TEST(Utf8Text, IsToldFromBytesThatAreNone)
+{
+    EXPECT_TRUE(is_bus_text(""));
+    EXPECT_TRUE(is_bus_text("Caf\u00E9 \U0001F44D"));
+    EXPECT_TRUE(is_bus_text("\u0080\u07ff\u0800\ud7ff\ue000\ufffd\U00010000\U0010fffd"));
+    EXPECT_FALSE(is_bus_text("a\0b"s));
+    EXPECT_FALSE(is_bus_text("caf\xE9"));
+    EXPECT_FALSE(is_bus_text("\xE2\x82"));
+    EXPECT_FALSE(is_bus_text("\xED\xBF\xBF")) << "the last surrogate";
+    EXPECT_FALSE(is_bus_text("a\uFFFF"));
+}
+
 TEST(Utf8Text, IsAlwaysATextThatTheBusLibrarySends)
 {
     const testing_support::BusPair pair;
@@ -99,5 +117,6 @@ TEST(Utf8Text, IsAlwaysATextThatTheBusLibrarySends)
         ASSERT_GE(sd_bus_message_append(message.get(), "s", text.c_str()), 0)
             << testing::PrintToString(bytes);
         ASSERT_EQ(utf8_text(text), text);
+        ASSERT_EQ(is_bus_text(bytes), text == bytes) << testing::PrintToString(bytes);
     }
 }

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "salvage.hpp"
+#include "support/utf8.hpp"
 
 namespace settingsd {
 
@@ -216,8 +217,7 @@ std::optional<Value> to_value(const json& value, const Value& example)
     }
     if (std::holds_alternative<std::string>(example) && value.is_string()) {
         auto text = value.get<std::string>();
-        // D-Bus texts cannot hold a NUL.
-        return text.find('\0') == std::string::npos ? std::optional<Value>(std::move(text)) : std::nullopt;
+        return is_bus_text(text) ? std::optional<Value>(std::move(text)) : std::nullopt;
     }
     return std::nullopt;
 }

@@ -3,10 +3,9 @@
 #include <algorithm>
 #include <array>
 
-#include <nlohmann/json.hpp>
-
 #include "korrin-info/korrin_info.hpp"
 #include "rules.hpp"
+#include "support/utf8.hpp"
 
 namespace settingsd {
 
@@ -57,11 +56,8 @@ bool has_section(Schema schema, std::string_view section)
 
 std::string default_device_name(const std::string& model, const std::string& serial)
 {
-    using nlohmann::json;
     const auto hyphen = serial.find('-');
-    const json name = model + "-" + (hyphen == std::string::npos ? serial : serial.substr(hyphen + 1));
-    // Written and read again, the bytes that are no text are left out.
-    return json::parse(name.dump(-1, ' ', false, json::error_handler_t::ignore)).get<std::string>();
+    return utf8_text(model + "-" + (hyphen == std::string::npos ? serial : serial.substr(hyphen + 1)), "");
 }
 
 } // namespace settingsd

@@ -330,6 +330,7 @@ def test_an_open_network_gets_no_passphrase(world: World) -> None:
         ("short", "a passphrase has 8 to 63 characters, this one has 5"),
         ("x" * 64, "a passphrase has 8 to 63 characters, this one has 64"),
         ("with\0nul in it", "the passphrase is not text"),
+        ("with \ufffe in it", "the passphrase is not text"),
     ],
     ids=repr,
 )

@@ -181,6 +181,7 @@ def test_a_hanging_bus_ends_with_4(world: World) -> None:
         ["connect", "a", "--passphrase-file", "f", "--open"],
         ["status", "on"],
         [b"ssid", b"caf\xe9"],
+        ["connect", "cafe\ufffe", "--open"],
     ],
     ids=repr,
 )

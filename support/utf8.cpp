@@ -1,10 +1,8 @@
-#include "utils/utf8.hpp"
+#include "support/utf8.hpp"
 
 #include <cstdint>
 
 namespace {
-
-constexpr std::string_view kReplacement = "\xEF\xBF\xBD";
 
 bool is_continuation(unsigned char byte)
 {
@@ -57,14 +55,26 @@ size_t sequence_length(std::string_view bytes)
 
 } // namespace
 
-std::string utf8_text(std::string_view bytes)
+bool is_bus_text(std::string_view bytes)
+{
+    while (!bytes.empty()) {
+        const size_t length = sequence_length(bytes);
+        if (length == 0) {
+            return false;
+        }
+        bytes.remove_prefix(length);
+    }
+    return true;
+}
+
+std::string utf8_text(std::string_view bytes, std::string_view replacement)
 {
     std::string text;
     text.reserve(bytes.size());
     while (!bytes.empty()) {
         const size_t length = sequence_length(bytes);
         if (length == 0) {
-            text += kReplacement;
+            text += replacement;
             bytes.remove_prefix(1);
         } else {
             text += bytes.substr(0, length);
