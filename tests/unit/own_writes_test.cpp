@@ -2,20 +2,12 @@
 
 #include <gtest/gtest.h>
 
-#include <initializer_list>
+#include <ostream>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace {
-
-/** What has stored these values, in this order. */
-OwnWrites after(std::initializer_list<const char*> values)
-{
-    OwnWrites writes;
-    for (const char* value : values) {
-        writes.remember(value);
-    }
-    return writes;
-}
 
 TEST(OwnWrites, AValueThatWasNeverWrittenIsSomebodyElses)
 {
@@ -25,48 +17,51 @@ TEST(OwnWrites, AValueThatWasNeverWrittenIsSomebodyElses)
     EXPECT_FALSE(writes.heard("Client"));
 }
 
-TEST(OwnWrites, TheLastWriteIsNotOutdated)
+/** Values that were stored in this order, and which of those then heard of is outdated. */
+struct Course
 {
-    OwnWrites writes = after({"Client"});
-    EXPECT_FALSE(writes.heard("Client"));
+    const char* name;
+    std::vector<const char*> stored;
+    std::vector<std::pair<const char*, bool>> heard;
+};
+
+void PrintTo(const Course& course, std::ostream* out)
+{
+    *out << course.name;
 }
 
-TEST(OwnWrites, AWriteThatAnotherOneHasFollowedIsOutdated)
+class OwnWritesHeardOf : public testing::TestWithParam<Course>
 {
-    OwnWrites writes = after({"Client", "Host"});
-    EXPECT_TRUE(writes.heard("Client"));
-    EXPECT_FALSE(writes.heard("Host"));
+};
+
+TEST_P(OwnWritesHeardOf, AreOutdatedOrNot)
+{
+    OwnWrites writes;
+    for (const char* value : GetParam().stored) {
+        writes.remember(value);
+    }
+    for (const auto& [value, outdated] : GetParam().heard) {
+        EXPECT_EQ(writes.heard(value), outdated) << value;
+    }
 }
 
-TEST(OwnWrites, EachIsHeardOfOnce)
-{
-    OwnWrites writes = after({"Client", "Host"});
-    EXPECT_TRUE(writes.heard("Client"));
-    EXPECT_FALSE(writes.heard("Client"));
-}
-
-TEST(OwnWrites, HearingOfALaterOneForgetsTheEarlierOnes)
-{
-    OwnWrites writes = after({"Attic", "Cellar", "Kitchen"});
-    EXPECT_TRUE(writes.heard("Cellar"));
-    EXPECT_FALSE(writes.heard("Attic"));
-    EXPECT_FALSE(writes.heard("Kitchen"));
-}
-
-TEST(OwnWrites, SomebodyElsesValueInBetweenForgetsNone)
-{
-    OwnWrites writes = after({"Attic", "Cellar"});
-    EXPECT_FALSE(writes.heard("Garage"));
-    EXPECT_TRUE(writes.heard("Attic"));
-}
-
-TEST(OwnWrites, AValueWrittenAgainLaterIsOutdatedUntilItsLastWriteIsHeardOf)
-{
-    OwnWrites writes = after({"Client", "Host", "Client"});
-    EXPECT_TRUE(writes.heard("Client"));
-    EXPECT_TRUE(writes.heard("Host"));
-    EXPECT_FALSE(writes.heard("Client"));
-}
+INSTANTIATE_TEST_SUITE_P(
+    All, OwnWritesHeardOf,
+    testing::Values(Course{"TheLastWriteIsNotOutdated", {"Client"}, {{"Client", false}}},
+                    Course{"AWriteThatAnotherOneHasFollowedIsOutdated",
+                           {"Client", "Host"},
+                           {{"Client", true}, {"Host", false}}},
+                    Course{"EachIsHeardOfOnce", {"Client", "Host"}, {{"Client", true}, {"Client", false}}},
+                    Course{"HearingOfALaterOneForgetsTheEarlierOnes",
+                           {"Attic", "Cellar", "Kitchen"},
+                           {{"Cellar", true}, {"Attic", false}, {"Kitchen", false}}},
+                    Course{"SomebodyElsesValueInBetweenForgetsNone",
+                           {"Attic", "Cellar"},
+                           {{"Garage", false}, {"Attic", true}}},
+                    Course{"AValueWrittenAgainLaterIsOutdatedUntilItsLastWriteIsHeardOf",
+                           {"Client", "Host", "Client"},
+                           {{"Client", true}, {"Host", true}, {"Client", false}}}),
+    [](const auto& tested) { return tested.param.name; });
 
 TEST(OwnWrites, ThirtyTwoAreRemembered)
 {
