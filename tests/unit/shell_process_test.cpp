@@ -4,9 +4,11 @@
 #include <csignal>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <malloc.h>
 #include <spawn.h>
@@ -18,6 +20,7 @@
 
 namespace {
 
+using testing::ElementsAre;
 using testing_support::InterruptingSignals;
 
 constexpr int kExitStatusOne = 256;
@@ -107,29 +110,28 @@ TEST(ShellRun, KeepsNoMemory)
     spawnError = 0;
 }
 
+/** All lines of a command, each in pieces of at most so many bytes. Should they never end, the first ten. */
+std::vector<std::string> lines_of(const char* command, size_t limit)
+{
+    ShellPipe pipe(command);
+    EXPECT_TRUE(pipe);
+    std::vector<std::string> lines;
+    std::string line;
+    while (lines.size() < 10 && pipe.read_line(line, limit)) {
+        lines.push_back(line);
+    }
+    EXPECT_EQ(line, "");
+    return lines;
+}
+
 TEST(ShellPipe, ReadsLineByLine)
 {
-    ShellPipe pipe("printf 'one\\n\\ntwo'");
-    ASSERT_TRUE(pipe);
-    std::string line;
-    EXPECT_TRUE(pipe.read_line(line, 255));
-    EXPECT_EQ(line, "one\n");
-    EXPECT_TRUE(pipe.read_line(line, 255));
-    EXPECT_EQ(line, "\n");
-    EXPECT_TRUE(pipe.read_line(line, 255));
-    EXPECT_EQ(line, "two");
-    EXPECT_FALSE(pipe.read_line(line, 255));
-    EXPECT_EQ(line, "");
+    EXPECT_THAT(lines_of("printf 'one\\n\\ntwo'", 255), ElementsAre("one\n", "\n", "two"));
 }
 
 TEST(ShellPipe, ReadsNoMoreOfALineThanTheLimit)
 {
-    ShellPipe pipe("printf 'abcde\\n'");
-    std::string line;
-    EXPECT_TRUE(pipe.read_line(line, 3));
-    EXPECT_EQ(line, "abc");
-    EXPECT_TRUE(pipe.read_line(line, 3));
-    EXPECT_EQ(line, "de\n");
+    EXPECT_THAT(lines_of("printf 'abcde\\n'", 3), ElementsAre("abc", "de\n"));
 }
 
 TEST(ShellPipe, ReadsToTheEndAcrossPausesOfTheCommand)
