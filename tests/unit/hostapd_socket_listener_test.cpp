@@ -62,6 +62,17 @@ protected:
     }
     void TearDown() override { listener.Stop(); }
 
+    /** Follows hostapd's successor to the end, which must have taken no more than one connection to each of
+     * them, and no station with it. */
+    void expect_successor_followed()
+    {
+        listener.follow_successor_of_terminated();
+        listener.Stop();
+        EXPECT_THAT(ScriptedWpaCtrl::noted(),
+                    ElementsAre(kOpened, "ATTACH", "close", kOpened, "ATTACH", "close"));
+        EXPECT_EQ(listener.IsStationDisconnected(kStation.c_str()), 0);
+    }
+
     HostapdSocketListner listener;
     std::vector<std::string> emitted;
 };
@@ -287,12 +298,8 @@ TEST_F(HostapdListener, AfterAFarewellTheOldOneIsListenedToUntilItsSocketIsRepla
         EXPECT_TRUE(captured_log().wait_for({LOG_INFO, "ListenTask: Recv <3>AP-DISABLED "}));
         hostapdSocket = 2;
     };
-    listener.follow_successor_of_terminated();
-    listener.Stop();
+    expect_successor_followed();
     EXPECT_EQ(ScriptedWpaCtrl::sleeps.size(), 1U);
-    EXPECT_THAT(ScriptedWpaCtrl::noted(),
-                ElementsAre(kOpened, "ATTACH", "close", kOpened, "ATTACH", "close"));
-    EXPECT_EQ(listener.IsStationDisconnected(kStation.c_str()), 0);
 }
 
 TEST_F(HostapdListener, ASuccessorThatIsFollowedAlreadyKeepsItsConnectionWhenTheFarewellIsHandled)
@@ -304,11 +311,7 @@ TEST_F(HostapdListener, ASuccessorThatIsFollowedAlreadyKeepsItsConnectionWhenThe
     listener.SignalEvent("<3>CTRL-EVENT-TERMINATING ");
     hostapdSocket = 2;
     listener.Restart();
-    listener.follow_successor_of_terminated();
-    listener.Stop();
-    EXPECT_THAT(ScriptedWpaCtrl::noted(),
-                ElementsAre(kOpened, "ATTACH", "close", kOpened, "ATTACH", "close"));
-    EXPECT_EQ(listener.IsStationDisconnected(kStation.c_str()), 0);
+    expect_successor_followed();
 }
 
 TEST_F(HostapdListener, TheFirstStartAfterAFarewellGivesTheSocketASecondToGoAway)
