@@ -11,6 +11,8 @@
 #include <utility>
 #include <vector>
 
+#include <syslog.h>
+
 /**
  * Catches what the code under test writes to syslog(3), in place of the C library's functions: include it in
  * one source file of a test program. It may be written by several threads.
@@ -28,6 +30,26 @@ struct LogLine
 inline std::ostream& operator<<(std::ostream& stream, const LogLine& line)
 {
     return stream << '(' << line.priority << ", \"" << line.text << "\")";
+}
+
+inline LogLine line(int priority, const std::string& text)
+{
+    return {priority, text};
+}
+
+inline LogLine error(const std::string& text)
+{
+    return {LOG_ERR, text};
+}
+
+inline LogLine warning(const std::string& text)
+{
+    return {LOG_WARNING, text};
+}
+
+inline LogLine info(const std::string& text)
+{
+    return {LOG_INFO, text};
 }
 
 class CapturedLog

@@ -7,8 +7,6 @@
 #include <string>
 #include <vector>
 
-#include <syslog.h>
-
 #include "config/wifi_config.hpp"
 #include "core/service.hpp"
 #include "core/wifi_control.hpp"
@@ -57,16 +55,6 @@ inline std::string name_of(WifiMode mode)
 inline LogLine does(const std::string& what)
 {
     return {kStep, what};
-}
-
-inline LogLine error(const std::string& text)
-{
-    return {LOG_ERR, text};
-}
-
-inline LogLine info(const std::string& text)
-{
-    return {LOG_INFO, text};
 }
 
 class WifiControl : public testing::Test

@@ -20,7 +20,7 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Pair;
 using testing_support::captured_log;
-using testing_support::LogLine;
+using testing_support::line;
 
 namespace {
 
@@ -35,11 +35,6 @@ struct
     std::string frequency = "2.4";
     bool fiveGhz = true;
 } settings;
-
-LogLine line(int priority, const std::string& text)
-{
-    return {priority, text};
-}
 
 class HostapdConfigFile : public testing::Test
 {

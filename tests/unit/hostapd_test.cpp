@@ -29,6 +29,7 @@
 using testing::ElementsAre;
 using testing::Pair;
 using testing_support::captured_log;
+using testing_support::line;
 using testing_support::LogLine;
 
 namespace {
@@ -62,11 +63,6 @@ int called(const std::string& name)
     captured_log().note(kCall, name);
     const auto found = results.find(name);
     return found != results.end() ? found->second : 1;
-}
-
-LogLine line(int priority, const std::string& text)
-{
-    return {priority, text};
 }
 
 LogLine call(const std::string& name)

@@ -29,8 +29,10 @@ using testing::IsEmpty;
 using testing::StartsWith;
 using testing_support::BusRole;
 using testing_support::captured_log;
+using testing_support::error;
 using testing_support::EventLoop;
 using testing_support::FakeSettingsDaemon;
+using testing_support::info;
 using testing_support::LogLine;
 using testing_support::PrivateBus;
 
@@ -54,16 +56,6 @@ const std::string kResetSetting =
 const std::string kListen = "int32_t Settingsd::SettingsDaemonDbusHandler::Listen()";
 const std::string kPropertiesChanged =
     "static int32_t Settingsd::SettingsDaemonDbusHandler::PropertiesChanged(sd_bus_message*, void*, sd_bus_error*)";
-
-LogLine info(const std::string& text)
-{
-    return {LOG_INFO, text};
-}
-
-LogLine error(const std::string& text)
-{
-    return {LOG_ERR, text};
-}
 
 class SettingsClient : public testing::Test
 {

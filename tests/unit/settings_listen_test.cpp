@@ -9,14 +9,13 @@
 #include <string>
 #include <vector>
 
-#include <syslog.h>
-
 #include "support/captured_log.hpp"
 
 using Settingsd::SettingsDaemonDbusHandler;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing_support::captured_log;
+using testing_support::error;
 using testing_support::LogLine;
 
 namespace {
@@ -26,11 +25,6 @@ int listenResult = 0;
 std::vector<std::string> calls;
 
 const char* const kListenName = "int32_t Settingsd::SettingsDaemonDbusHandler::Listen()";
-
-LogLine error(const std::string& text)
-{
-    return {LOG_ERR, text};
-}
 
 const LogLine kNotConnected = error(std::string(kListenName) + ": Failed to connect to dbus");
 const LogLine kNotRegistered =
@@ -72,10 +66,7 @@ void DbusConnector::Disconnect()
     calls.emplace_back("Disconnect");
 }
 
-DbusListener::DbusListener(sd_event* event) : DbusListener(event, BusType::User)
-{
-}
-DbusListener::DbusListener(sd_event* event, BusType busType) : DbusConnector(event, busType)
+DbusListener::DbusListener(sd_event* event) : DbusConnector(event, BusType::User)
 {
 }
 DbusListener::~DbusListener() = default;

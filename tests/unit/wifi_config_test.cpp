@@ -8,8 +8,6 @@
 #include <string>
 #include <vector>
 
-#include <syslog.h>
-
 #include "config/settings_client.hpp"
 #include "korrin-info/korrin_info.hpp"
 #include "support/captured_log.hpp"
@@ -17,7 +15,8 @@
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing_support::captured_log;
-using testing_support::LogLine;
+using testing_support::info;
+using testing_support::warning;
 
 namespace {
 
@@ -31,16 +30,6 @@ std::vector<std::string> asked;
 std::string model;
 std::string serial;
 int radioType = 1;
-
-LogLine info(const std::string& text)
-{
-    return {LOG_INFO, text};
-}
-
-LogLine warning(const std::string& text)
-{
-    return {LOG_WARNING, text};
-}
 
 class WifiConfigTest : public testing::Test
 {

@@ -24,6 +24,7 @@ namespace {
 
 using testing::ElementsAreArray;
 using testing_support::captured_log;
+using testing_support::line;
 using testing_support::LogLine;
 
 /** Priority under which calls stand in the log. */
@@ -61,11 +62,6 @@ std::vector<LogLine> operator+(std::vector<LogLine> lines, const std::vector<Log
 {
     lines.insert(lines.end(), more.begin(), more.end());
     return lines;
-}
-
-LogLine line(int priority, const std::string& text)
-{
-    return {priority, text};
 }
 
 LogLine call(const std::string& name)

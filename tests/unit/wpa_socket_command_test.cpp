@@ -16,14 +16,10 @@
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing_support::captured_log;
+using testing_support::line;
 using testing_support::LogLine;
 
 namespace {
-
-LogLine line(int priority, const std::string& text)
-{
-    return {priority, text};
-}
 
 /** What the other side answers, and what it was asked. */
 struct

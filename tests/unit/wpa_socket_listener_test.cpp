@@ -27,16 +27,12 @@
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing_support::captured_log;
+using testing_support::line;
 using testing_support::LogLine;
 using testing_support::ScriptedWpaCtrl;
 using testing_support::TempFolder;
 
 namespace {
-
-LogLine line(int priority, const std::string& text)
-{
-    return {priority, text};
-}
 
 /** A folder that exists nowhere, so that each attempt to connect sleeps twice, here without taking time. */
 constexpr const char* kDirectory = "/nonexistent/control";
