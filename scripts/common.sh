@@ -19,6 +19,10 @@ export PYTHON
 unset PYTHONDONTWRITEBYTECODE
 export PYTHONPYCACHEPREFIX="$ROOT/build/pycache"
 
+# What is packed, and who reaches the buses of a simulated device, is not to depend on the habits of who runs this: systemd
+# starts services with this mask, too.
+umask 022
+
 # How many processes to run at once.
 JOBS="${VANTORA_JOBS:-$(nproc)}"
 export JOBS

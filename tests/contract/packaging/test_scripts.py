@@ -59,6 +59,17 @@ def test_run_builds_what_the_device_needs_and_keeps_that_off_standard_output(tre
     assert "build release" not in ran.stdout
 
 
+def test_what_is_built_is_for_everybody_and_what_the_command_makes_for_whom_the_caller_wants(
+    tree: Path, tmp_path: Path
+) -> None:
+    for program in ("scripts/build", "simulator/vantora-sim"):
+        (tree / program).write_text(f"#!/bin/sh\necho {program} $(umask) >&2\n")
+    ran = subprocess.run(
+        [tree / "scripts/run"], cwd=tmp_path, capture_output=True, text=True, timeout=60, umask=0o077, check=True
+    )
+    assert ran.stderr == "scripts/build 0022\nsimulator/vantora-sim 0077\n"
+
+
 def test_run_starts_nothing_that_could_not_be_built(tree: Path, tmp_path: Path) -> None:
     ran = run(tree, tmp_path, BUILD_STATUS="3")
     assert (ran.returncode, ran.stdout) == (3, "")
