@@ -5,6 +5,7 @@ from __future__ import annotations
 import inspect
 import os
 import shutil
+import sys
 import tempfile
 from collections.abc import Callable, Generator, Iterator
 from pathlib import Path
@@ -12,10 +13,14 @@ from typing import Any
 
 import pytest
 
-from bench import Device, Evidence, Machine, Mark, Snapshot, World
-from bench.deadline import BOOT, SCALE
-from bench.evidence import Result
-from bench.snapshots import saved_host_machine
+sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "support"))
+
+from time_outs import give_time_out  # noqa: E402  (found through the line above)
+
+from bench import Device, Evidence, Machine, Mark, Snapshot, World  # noqa: E402
+from bench.deadline import BOOT, SCALE  # noqa: E402
+from bench.evidence import Result  # noqa: E402
+from bench.snapshots import saved_host_machine  # noqa: E402
 
 TIME_OUT = 900 * SCALE
 """Seconds after which a single test is given up: only a fault gets there, every wait has its own, shorter deadline."""
@@ -40,9 +45,7 @@ def pytest_collection_modifyitems(config: pytest.Config, items: list[pytest.Item
     if not config.getoption("--stock"):
         # Not skipped: they are another run's.
         items[:] = [item for item in items if "stock_boot" not in getattr(item, "fixturenames", ())]
-    for item in items:
-        if item.get_closest_marker("timeout") is None:
-            item.add_marker(pytest.mark.timeout(TIME_OUT))
+    give_time_out(items, TIME_OUT)
 
 
 @pytest.hookimpl(hookwrapper=True)

@@ -14,6 +14,7 @@ from pathlib import Path
 from typing import Any
 
 import pytest
+from time_outs import give_time_out
 from vantora_sim import World
 
 ROOT = Path(__file__).resolve().parents[2]
@@ -34,9 +35,7 @@ def pytest_addoption(parser: pytest.Parser) -> None:
 
 
 def pytest_collection_modifyitems(items: list[pytest.Item]) -> None:
-    for item in items:
-        if item.get_closest_marker("timeout") is None:
-            item.add_marker(pytest.mark.timeout(TIME_OUT))
+    give_time_out(items, TIME_OUT)
 
 
 @pytest.hookimpl(hookwrapper=True)

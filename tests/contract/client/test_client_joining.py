@@ -5,12 +5,15 @@ from __future__ import annotations
 import os
 import re
 import signal
+from collections.abc import Iterator
+from contextlib import contextmanager
 from pathlib import Path
 
 import pytest
 from station import bring_up_station
 from vantora_sim import Variant, World, call, changed
 from wifi_client import (
+    DAEMON_LEFT,
     DONE,
     REFUSED,
     TIMED_OUT,
@@ -18,6 +21,7 @@ from wifi_client import (
     USAGE,
     Running,
     Way,
+    ends_with_the_daemon,
     environment,
     objects_in,
     on_terminal,
@@ -195,11 +199,18 @@ def test_a_timeout_ends_with_4_and_says_how_far_it_came(world: World, state: str
         assert client.plain.endswith(f"\nvantora-wifi: {reason}; {end_of(state)}\n")
 
 
-def test_the_mode_switched_in_the_middle_is_a_failure(world: World, way: Way) -> None:
+@contextmanager
+def scanning(world: World, way: Way, *options: str) -> Iterator[Running]:
+    """A client whose station is looking for the network that it shall join."""
     bring_up_station(world)
-    with way.start(world, "connect", "cafe", "--force", "--open") as client:
+    with way.start(world, "connect", "cafe", "--force", "--open", *options) as client:
         wait_selected(world)
         walk(world, client, ["scanning"])
+        yield client
+
+
+def test_the_mode_switched_in_the_middle_is_a_failure(world: World, way: Way) -> None:
+    with scanning(world, way) as client:
         world.set("Mode", "Host")
         assert client.end() == REFUSED
         assert client.plain.endswith(
@@ -208,35 +219,21 @@ def test_the_mode_switched_in_the_middle_is_a_failure(world: World, way: Way) ->
 
 
 def test_the_daemon_dying_in_the_middle_ends_with_3(world: World, way: Way) -> None:
-    bring_up_station(world)
-    assert world.daemon
-    with way.start(world, "connect", "cafe", "--force", "--open") as client:
-        wait_selected(world)
-        walk(world, client, ["scanning"])
-        world.daemon.send_signal(signal.SIGKILL)
-        world.daemon.wait()
-        assert client.end() == UNREACHABLE
-        assert client.plain.endswith("vantora-wifi: the daemon has left the bus in the middle of this\n")
+    with scanning(world, way) as client:
+        assert ends_with_the_daemon(world, client).endswith(DAEMON_LEFT)
 
 
 def test_the_daemon_dying_during_the_call_ends_with_3(world: World, way: Way) -> None:
     bring_up_station(world)
-    assert world.daemon
     world.wpa.hang("AddNetwork")
     with way.start(world, "--json", "connect", "cafe", "--force", "--open") as client:
         world.journal.wait_for(call("AddNetwork"))
-        world.daemon.send_signal(signal.SIGKILL)
-        world.daemon.wait()
-        assert client.end() == UNREACHABLE
-        assert objects_in(client.plain)[-1]["status"] == 3
+        assert objects_in(ends_with_the_daemon(world, client))[-1]["status"] == 3
 
 
 def test_the_daemon_hanging_in_the_middle_ends_with_4(world: World, way: Way) -> None:
-    bring_up_station(world)
-    assert world.daemon
-    with way.start(world, "connect", "cafe", "--force", "--open", "--timeout", "8") as client:
-        wait_selected(world)
-        walk(world, client, ["scanning"])
+    with scanning(world, way, "--timeout", "8") as client:
+        assert world.daemon
         world.daemon.send_signal(signal.SIGSTOP)
         try:
             assert client.end() == TIMED_OUT
@@ -245,13 +242,10 @@ def test_the_daemon_hanging_in_the_middle_ends_with_4(world: World, way: Way) ->
 
 
 def test_the_bus_going_away_in_the_middle_ends_with_3(world: World, way: Way) -> None:
-    bring_up_station(world)
-    assert world.daemon
-    with way.start(world, "connect", "cafe", "--force", "--open") as client:
-        wait_selected(world)
-        walk(world, client, ["scanning"])
+    with scanning(world, way) as client:
         world.user_bus.stop()
         assert client.end() == UNREACHABLE
+    assert world.daemon
     world.daemon.wait()
 
 

@@ -9,7 +9,7 @@ from time import monotonic, sleep
 
 from station import bring_up_station
 from vantora_sim import DEADLINE, Process, World
-from wifi_client import UNREACHABLE, Running, objects_in, on_terminal, start
+from wifi_client import UNREACHABLE, Running, kill_daemon, objects_in, on_terminal, start
 
 TIME = r"^\d\d:\d\d:\d\d  "
 
@@ -104,11 +104,9 @@ def test_monitor_shows_networks(world: World) -> None:
 
 def test_monitor_waits_for_a_daemon_that_died_and_shows_its_state_again(world: World) -> None:
     world.up()
-    assert world.daemon
     with monitor_up(world) as client, start(world, "monitor") as people:
         people.wait_for("Transmit power .*\n")
-        world.daemon.send_signal(signal.SIGKILL)
-        world.daemon.wait()
+        kill_daemon(world)
         wait_object(client, type="daemon", running=False)
         people.wait_for("Daemon +has left the bus; waiting for it to come back\n")
         world.up()

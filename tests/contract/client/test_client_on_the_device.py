@@ -9,11 +9,12 @@ from __future__ import annotations
 
 import re
 import signal
-from collections.abc import Callable
+from collections.abc import Callable, Iterator
+from contextlib import contextmanager
 
 import pytest
 from simulated import KEY, SharedDevice
-from vantora_sim import changed
+from vantora_sim import World, changed
 from wifi_client import COMMANDS, DONE, REFUSED, TIMED_OUT, UNREACHABLE, USAGE, Running, Way, objects_in, program
 
 Simctl = Callable[..., tuple[int, str]]
@@ -283,17 +284,18 @@ def test_mode_is_refused_where_the_interface_does_not_obey(station: SharedDevice
 # Monitor
 
 
-def wait_monitoring(client: Running) -> None:
-    """Wait until `monitor` has shown the state."""
-    client.wait_for("Transmit power.*\r?\n")
+@contextmanager
+def monitoring(way: Way, world: World) -> Iterator[Running]:
+    """A `monitor` that has shown the state, without colours."""
+    with way.start(world, "monitor", NO_COLOR="1") as client:
+        client.wait_for("Transmit power.*\r?\n")
+        yield client
 
 
 def test_monitor_follows_a_person_and_ends_at_an_interrupt(
     access_point: SharedDevice, way: Way, simctl: Simctl
 ) -> None:  # noqa: F811
-    world = access_point.device.world
-    with way.start(world, "monitor", NO_COLOR="1") as client:
-        wait_monitoring(client)
+    with monitoring(way, access_point.device.world) as client:
         assert simctl("join", "phone")[0] == 0
         client.wait_for(r"(?m)^\d\d:\d\d:\d\d  Stations        1\r?$")
         assert simctl("leave", "phone")[0] == 0
@@ -386,8 +388,7 @@ def test_monitor_outlives_the_daemon_and_shows_the_state_of_the_next(
     access_point: SharedDevice, way: Way, simctl: Simctl
 ) -> None:  # noqa: F811
     world = access_point.device.world
-    with way.start(world, "monitor", NO_COLOR="1") as client:
-        wait_monitoring(client)
+    with monitoring(way, world) as client:
         assert simctl("kill", "vantora-network")[0] == 0
         client.wait_for("  Daemon          has left the bus; waiting for it to come back\r?\n")
         client.wait_for("  Daemon          is back\r?\n")

@@ -3,11 +3,10 @@
 from __future__ import annotations
 
 import re
-import signal
 
 from station import bring_up_station
 from vantora_sim import World, call
-from wifi_client import DONE, REFUSED, TIMED_OUT, UNREACHABLE, Way, on_terminal, run
+from wifi_client import DAEMON_LEFT, DONE, REFUSED, TIMED_OUT, Way, ends_with_the_daemon, on_terminal, run
 
 NETWORK_FIELDS = {"type", "ssid", "signal", "bars", "encrypted", "wpa_psk", "joinable", "joined"}
 
@@ -182,12 +181,7 @@ def test_a_station_that_was_still_starting_up_is_asked_again(world: World) -> No
 
 def test_the_daemon_dying_during_a_scan_ends_with_3(world: World, way: Way) -> None:
     bring_up_station(world)
-    daemon = world.daemon
-    assert daemon
     mark = world.journal.mark()
     with way.start(world, "scan") as client:
         world.journal.wait_for(call("Scan"), mark)
-        daemon.send_signal(signal.SIGKILL)
-        daemon.wait()
-        assert client.end() == UNREACHABLE
-        assert client.plain == "vantora-wifi: the daemon has left the bus in the middle of this\n"
+        assert ends_with_the_daemon(world, client) == DAEMON_LEFT

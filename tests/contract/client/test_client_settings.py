@@ -5,13 +5,12 @@ Everything on pipes and on a terminal.
 
 from __future__ import annotations
 
-import signal
 from collections.abc import Callable
 
 import pytest
 from station import bring_up_station
 from vantora_sim import World, call, changed, command, log
-from wifi_client import DONE, REFUSED, TIMED_OUT, UNREACHABLE, Ended, Way
+from wifi_client import DAEMON_LEFT, DONE, REFUSED, TIMED_OUT, Ended, Way, ends_with_the_daemon
 
 Run = Callable[..., Ended]
 
@@ -249,12 +248,9 @@ def test_a_switch_that_takes_too_long_ends_with_4(world: World, way: Way) -> Non
 
 
 def test_the_daemon_dying_during_a_switch_ends_with_3(world: World, way: Way) -> None:
-    daemon = world.up()
+    world.up()
     world.tools.rfkill.hang()
     mark = world.journal.mark()
     with way.start(world, "off") as client:
         world.journal.wait_for(command("rfkill list wlan"), mark)
-        daemon.send_signal(signal.SIGKILL)
-        daemon.wait()
-        assert client.end() == UNREACHABLE
-        assert client.plain == "vantora-wifi: the daemon has left the bus in the middle of this\n"
+        assert ends_with_the_daemon(world, client) == DAEMON_LEFT

@@ -23,6 +23,8 @@ from vantora_sim import DEADLINE, World
 
 DONE, REFUSED, USAGE, UNREACHABLE, TIMED_OUT = range(5)
 """The exit statuses."""
+DAEMON_LEFT = "vantora-wifi: the daemon has left the bus in the middle of this\n"
+"""What a client says whose daemon dies while it is at work."""
 
 COMMANDS = [
     ["status"],
@@ -233,6 +235,20 @@ def start(world: World, *arguments: str, **changes: str | None) -> Running:
 def on_terminal(world: World, *arguments: str, **changes: str | None) -> Running:
     """Start the client on a terminal of its own."""
     return Running([program(world), *arguments], environment(world, **changes), terminal=True)
+
+
+def kill_daemon(world: World) -> None:
+    """The daemon dies, whatever it is doing."""
+    assert world.daemon
+    world.daemon.send_signal(signal.SIGKILL)
+    world.daemon.wait()
+
+
+def ends_with_the_daemon(world: World, client: Running) -> str:
+    """Kill the daemon in the middle of what a client does: it ends with 3. Returns what it had to say."""
+    kill_daemon(world)
+    assert client.end() == UNREACHABLE
+    return client.plain
 
 
 def objects_in(text: str) -> list[dict[str, Any]]:
