@@ -61,11 +61,13 @@ TEST(DoctorChecks, TellHowLongTheDaemonHasRunInTheLargestUnitThatItFills)
     }
 }
 
+using Act = std::function<void(HealthyDevice&)>;
+
 /** One thing that is broken, and what is said of it. */
 struct Broken
 {
     const char* name;
-    std::function<void(HealthyDevice&)> act;
+    Act act;
     const char* complaint;
     int status;
     const char* mend;
@@ -95,6 +97,43 @@ TEST_P(DoctorFindsBroken, AndNothingElse)
     }
 }
 
+// What changes one thing of a device
+
+Act without_file(const std::string& file)
+{
+    return [=](HealthyDevice& device) { device.remove(file); };
+}
+
+Act file_has(const std::string& file, const std::string& text)
+{
+    return [=](HealthyDevice& device) { device.root.write(file, text); };
+}
+
+Act without_command(const std::string& name)
+{
+    return [=](HealthyDevice& device) { device.commands.installed.erase(name); };
+}
+
+Act command_says(const std::string& line, const std::string& output, int status = 0)
+{
+    return [=](HealthyDevice& device) { device.commands.says(line, output, status); };
+}
+
+Act command_hangs(const std::string& line)
+{
+    return [=](HealthyDevice& device) { device.commands.hangs(line); };
+}
+
+Act unit_has(const std::string& unit, const char* property, const Json& value)
+{
+    return [=](HealthyDevice& device) { device.system.unit(unit)[property] = value; };
+}
+
+Act user_bus_answers(const std::string& call, const doctor::Reply& reply)
+{
+    return [=](HealthyDevice& device) { device.user.answers[call] = reply; };
+}
+
 /** A template that hostapd has this to say of. */
 void refuse_template(HealthyDevice& device, const std::string& line, const std::string& said)
 {
@@ -107,38 +146,31 @@ void refuse_template(HealthyDevice& device, const std::string& line, const std::
 
 INSTANTIATE_TEST_SUITE_P(
     Programs, DoctorFindsBroken,
-    testing::Values(
-        Broken{"iproute", [](HealthyDevice& device) { device.commands.installed.erase("ip"); },
-               "bad programs.ip: ip is not installed", 2, "apt install iproute2"},
-        Broken{"egrep", [](HealthyDevice& device) { device.commands.installed.erase("egrep"); },
-               "bad programs.egrep: egrep is not installed", 2, "grep"},
-        Broken{"wpa_cli", [](HealthyDevice& device) { device.commands.installed.erase("wpa_cli"); },
-               "bad programs.wpa_cli: wpa_cli is not installed", 2, "apt install wpasupplicant"},
-        Broken{"busybox", [](HealthyDevice& device) { device.commands.installed.erase("busybox"); },
-               "warning programs.busybox: busybox is not installed", 1, "apt install busybox"},
-        Broken{"applet",
-               [](HealthyDevice& device) { device.commands.says("busybox --list", "sh\nudhcpc\n"); },
-               "warning programs.udhcpd: busybox has no udhcpd", 1, "busybox"}));
+    testing::Values(Broken{"iproute", without_command("ip"), "bad programs.ip: ip is not installed", 2,
+                           "apt install iproute2"},
+                    Broken{"egrep", without_command("egrep"), "bad programs.egrep: egrep is not installed", 2,
+                           "grep"},
+                    Broken{"wpa_cli", without_command("wpa_cli"),
+                           "bad programs.wpa_cli: wpa_cli is not installed", 2, "apt install wpasupplicant"},
+                    Broken{"busybox", without_command("busybox"),
+                           "warning programs.busybox: busybox is not installed", 1, "apt install busybox"},
+                    Broken{"applet", command_says("busybox --list", "sh\nudhcpc\n"),
+                           "warning programs.udhcpd: busybox has no udhcpd", 1, "busybox"}));
 
 INSTANTIATE_TEST_SUITE_P(
     Radio, DoctorFindsBroken,
     testing::Values(
-        Broken{"no radio", [](HealthyDevice& device) { device.commands.says("iw list", ""); },
-               "bad radio.present: the kernel knows no radio", 2, "dmesg"},
-        Broken{"hanging driver", [](HealthyDevice& device) { device.commands.hangs("iw list"); },
-               "bad radio.present: \"iw list\" does not end", 2, "dmesg"},
+        Broken{"no radio", command_says("iw list", ""), "bad radio.present: the kernel knows no radio", 2,
+               "dmesg"},
+        Broken{"hanging driver", command_hangs("iw list"), "bad radio.present: \"iw list\" does not end", 2,
+               "dmesg"},
         Broken{"station only",
-               [](HealthyDevice& device) {
-                   device.commands.says("iw list",
-                                        "Wiphy phy0\n\tSupported interface modes:\n\t\t * managed\n");
-               },
+               command_says("iw list", "Wiphy phy0\n\tSupported interface modes:\n\t\t * managed\n"),
                "bad radio.access-point: the radio phy0 cannot be an access point", 2, "iw list"},
         Broken{"no channel",
-               [](HealthyDevice& device) {
-                   device.commands.says(
-                       "iw list", "Wiphy phy0\n\tSupported interface modes:\n\t\t * AP\n\t\t\t* 2412 MHz [1] "
-                                  "(disabled)\n\t\t\t* 5180 MHz [36] (20.0 dBm) (no IR)\n");
-               },
+               command_says("iw list",
+                            "Wiphy phy0\n\tSupported interface modes:\n\t\t * AP\n\t\t\t* 2412 MHz [1] "
+                            "(disabled)\n\t\t\t* 5180 MHz [36] (20.0 dBm) (no IR)\n"),
                "bad radio.access-point: the radio phy0 may be an access point on no channel", 2,
                "country_code="},
         Broken{"no country",
@@ -147,21 +179,18 @@ INSTANTIATE_TEST_SUITE_P(
                    device.commands.says("iw reg get", "global\ncountry 00: DFS-UNSET\n");
                },
                "warning radio.country: the regulatory domain is 00, that of no country", 1, "country_code="},
-        Broken{"no rfkill", [](HealthyDevice& device) { device.remove("dev/rfkill"); },
-               "bad radio.rfkill: there is no device /dev/rfkill", 2, "modprobe rfkill"},
+        Broken{"no rfkill", without_file("dev/rfkill"), "bad radio.rfkill: there is no device /dev/rfkill", 2,
+               "modprobe rfkill"},
         Broken{"rfkill is a file",
                [](HealthyDevice& device) {
                    device.remove("dev/rfkill");
                    device.root.write("dev/rfkill", "");
                },
                "bad radio.rfkill: there is no device /dev/rfkill", 2, "modprobe rfkill"},
-        Broken{"rfkill hangs", [](HealthyDevice& device) { device.commands.hangs("rfkill list wlan"); },
+        Broken{"rfkill hangs", command_hangs("rfkill list wlan"),
                "bad radio.rfkill: \"rfkill list wlan\" does not end", 2, "fuser"},
         Broken{"switch",
-               [](HealthyDevice& device) {
-                   device.commands.says("rfkill list wlan",
-                                        "0: phy0\n\tSoft blocked: no\n\tHard blocked: yes\n");
-               },
+               command_says("rfkill list wlan", "0: phy0\n\tSoft blocked: no\n\tHard blocked: yes\n"),
                "warning radio.rfkill: a switch of the device keeps the radio off", 1, "switch"},
         Broken{"no wlan0",
                [](HealthyDevice& device) {
@@ -170,10 +199,7 @@ INSTANTIATE_TEST_SUITE_P(
                },
                "bad interfaces.wlan0: there is no interface wlan0; the radio's is called wlp1s0", 2,
                "net.ifnames=0"},
-        Broken{"wlan0 of another kind",
-               [](HealthyDevice& device) {
-                   device.commands.says("iw dev wlan0 info", "command failed: -19\n", 237);
-               },
+        Broken{"wlan0 of another kind", command_says("iw dev wlan0 info", "command failed: -19\n", 237),
                "bad interfaces.wlan0: wlan0 is no wireless interface", 2, "rename"},
         Broken{"no eth0",
                [](HealthyDevice& device) {
@@ -194,7 +220,7 @@ void keep_ifupdown_off(HealthyDevice& device)
 struct KeptOff
 {
     const char* name;
-    std::function<void(HealthyDevice&)> act;
+    Act act;
 };
 
 void PrintTo(const KeptOff& manager, std::ostream* out)
@@ -314,13 +340,8 @@ INSTANTIATE_TEST_SUITE_P(
                     keep_ifupdown_off(device);
                 }},
         KeptOff{"ifupdown that does nothing",
-                [](HealthyDevice& device) {
-                    device.root.write("etc/network/interfaces", "iface wlan0 inet\tmanual \n");
-                }},
-        KeptOff{"ifupdown of a longer name",
-                [](HealthyDevice& device) {
-                    device.root.write("etc/network/interfaces", "iface wlan00 inet dhcp\n");
-                }},
+                file_has("etc/network/interfaces", "iface wlan0 inet\tmanual \n")},
+        KeptOff{"ifupdown of a longer name", file_has("etc/network/interfaces", "iface wlan00 inet dhcp\n")},
         KeptOff{"ifupdown by a file", [](HealthyDevice& device) {
                     device.root.write("etc/network/interfaces", "auto wlan0\niface wlan0 inet dhcp\n");
                     device.system.unit("ifup@wlan0.service")["LoadState"] = "masked";
@@ -386,8 +407,7 @@ INSTANTIATE_TEST_SUITE_P(
                },
                "bad managers.connman: connman runs and is not told to leave wlan0 alone", 2,
                "in /etc/other.conf, then systemctl restart connman.service"},
-        Broken{"dhcpcd",
-               [](HealthyDevice& device) { device.system.unit("dhcpcd.service")["ActiveState"] = "active"; },
+        Broken{"dhcpcd", unit_has("dhcpcd.service", "ActiveState", "active"),
                "bad managers.dhcpcd: dhcpcd runs and is not told to leave wlan0 alone", 2,
                "denyinterfaces wlan0"},
         Broken{"dhcpcd that is kept off another interface",
@@ -416,9 +436,7 @@ INSTANTIATE_TEST_SUITE_P(
                "bad managers.ifupdown: ifupdown configures wlan0: line 2 of /etc/network/interfaces.d/radio",
                2, "/etc/network/interfaces.d/radio"},
         Broken{"ifupdown with tabs",
-               [](HealthyDevice& device) {
-                   device.root.write("etc/network/interfaces", "auto lo\n\tiface\twlan0  inet\tdhcp\n");
-               },
+               file_has("etc/network/interfaces", "auto lo\n\tiface\twlan0  inet\tdhcp\n"),
                "bad managers.ifupdown: ifupdown configures wlan0: line 2 of /etc/network/interfaces", 2,
                "/etc/network/interfaces"},
         Broken{"ifupdown that leaves wlan0 alone at boot only",
@@ -439,39 +457,26 @@ INSTANTIATE_TEST_SUITE_P(
                },
                "bad managers.ifupdown: ifupdown configures wlan0: line 2 of /etc/network/interfaces", 2,
                "/etc/network/interfaces"},
-        Broken{"Debian's station",
-               [](HealthyDevice& device) {
-                   device.system.unit("wpa_supplicant.service")["UnitFileState"] = "enabled";
-               },
+        Broken{"Debian's station", unit_has("wpa_supplicant.service", "UnitFileState", "enabled"),
                "bad managers.wpa_supplicant: Debian's wpa_supplicant.service is enabled", 2, "mask --now"}));
 
 INSTANTIATE_TEST_SUITE_P(
     Units, DoctorFindsBroken,
     testing::Values(
-        Broken{"masked",
-               [](HealthyDevice& device) { device.system.unit("udhcpd.service")["LoadState"] = "masked"; },
+        Broken{"masked", unit_has("udhcpd.service", "LoadState", "masked"),
                "bad units.udhcpd.service: udhcpd.service is masked", 2, "systemctl unmask udhcpd.service"},
-        Broken{"missing",
-               [](HealthyDevice& device) {
-                   device.system.unit("udhcpc@wlan0.service")["LoadState"] = "not-found";
-               },
+        Broken{"missing", unit_has("udhcpc@wlan0.service", "LoadState", "not-found"),
                "bad units.udhcpc@wlan0.service: there is no unit udhcpc@wlan0.service", 2, "vantora-device"},
-        Broken{
-            "nonsense",
-            [](HealthyDevice& device) { device.system.unit("udhcpd.service")["LoadState"] = "bad-setting"; },
-            "bad units.udhcpd.service: udhcpd.service cannot be loaded: bad-setting", 2,
-            "systemd-analyze verify"},
-        Broken{
-            "enabled",
-            [](HealthyDevice& device) { device.system.unit("hostapd.service")["UnitFileState"] = "enabled"; },
-            "warning units.hostapd.service: hostapd.service is enabled", 1,
-            "systemctl disable hostapd.service"},
-        Broken{"failed",
-               [](HealthyDevice& device) { device.system.unit("udhcpd.service")["ActiveState"] = "failed"; },
+        Broken{"nonsense", unit_has("udhcpd.service", "LoadState", "bad-setting"),
+               "bad units.udhcpd.service: udhcpd.service cannot be loaded: bad-setting", 2,
+               "systemd-analyze verify"},
+        Broken{"enabled", unit_has("hostapd.service", "UnitFileState", "enabled"),
+               "warning units.hostapd.service: hostapd.service is enabled", 1,
+               "systemctl disable hostapd.service"},
+        Broken{"failed", unit_has("udhcpd.service", "ActiveState", "failed"),
                "warning units.udhcpd.service: udhcpd.service has failed when it was last started", 1,
                "journalctl"},
-        Broken{"old",
-               [](HealthyDevice& device) { device.system.unit("udhcpd.service")["NeedDaemonReload"] = true; },
+        Broken{"old", unit_has("udhcpd.service", "NeedDaemonReload", true),
                "warning units.udhcpd.service: the file of udhcpd.service has changed since systemd read it",
                1, "daemon-reload"},
         Broken{
@@ -492,21 +497,18 @@ INSTANTIATE_TEST_SUITE_P(
                "bad units.wpa_supplicant-nl80211@wlan0.service: wpa_supplicant-nl80211@wlan0.service runs "
                "wpa_supplicant without its D-Bus interface (-u)",
                2, "systemctl edit"},
-        Broken{"no wired server",
-               [](HealthyDevice& device) { device.remove("etc/korrin/udhcpd_eth0.service"); },
+        Broken{"no wired server", without_file("etc/korrin/udhcpd_eth0.service"),
                "warning units.udhcpd_eth0.service: there is no file /etc/korrin/udhcpd_eth0.service", 1,
                "vantora-device"},
         Broken{"wired server without Install",
-               [](HealthyDevice& device) {
-                   device.root.write("etc/korrin/udhcpd_eth0.service", "[Service]\n#[Install]\n");
-               },
+               file_has("etc/korrin/udhcpd_eth0.service", "[Service]\n#[Install]\n"),
                "warning units.udhcpd_eth0.service: /etc/korrin/udhcpd_eth0.service has no section [Install]",
                1, "[Install]"}));
 
 INSTANTIATE_TEST_SUITE_P(
     Hostapd, DoctorFindsBroken,
     testing::Values(
-        Broken{"no template", [](HealthyDevice& device) { device.remove("etc/hostapd.conf"); },
+        Broken{"no template", without_file("etc/hostapd.conf"),
                "bad hostapd.template: /etc/hostapd.conf cannot be read: No such file or directory", 2,
                "vantora-device"},
         Broken{"a pipe in its place",
@@ -554,18 +556,12 @@ INSTANTIATE_TEST_SUITE_P(
             },
             "bad hostapd.accepted: hostapd refuses the template: WPA-PSK enabled, but PSK or passphrase is not configured.",
             2, "/etc/hostapd.conf"},
-        Broken{"a key twice",
-               [](HealthyDevice& device) {
-                   device.root.write("etc/hostapd.conf", std::string(HealthyDevice::kTemplate) + "wpa=2\n");
-               },
+        Broken{"a key twice", file_has("etc/hostapd.conf", std::string(HealthyDevice::kTemplate) + "wpa=2\n"),
                "warning hostapd.template: line 11 of /etc/hostapd.conf sets wpa again: line 7 does not count",
                1, "line 11"},
         Broken{
             "carriage return",
-            [](HealthyDevice& device) {
-                device.root.write("etc/hostapd.conf",
-                                  std::string(HealthyDevice::kTemplate) + "wmm_enabled=1\r\n");
-            },
+            file_has("etc/hostapd.conf", std::string(HealthyDevice::kTemplate) + "wmm_enabled=1\r\n"),
             "bad hostapd.template: line 11 of /etc/hostapd.conf ends with a carriage return, as files from another "
             "system do",
             2, "line 11"},
@@ -577,13 +573,11 @@ INSTANTIATE_TEST_SUITE_P(
                },
                "warning hostapd.passphrase: the passphrase is the one of the documentation's sample", 1,
                "line 10"},
-        Broken{"open",
-               [](HealthyDevice& device) {
-                   device.root.write("etc/hostapd.conf",
-                                     "interface=wlan0\nctrl_interface=/run/hostapd\ncountry_code=NL\n");
-               },
-               "warning hostapd.wpa: the access point has no passphrase (no wpa= in /etc/hostapd.conf)", 1,
-               "wpa=2"},
+        Broken{
+            "open",
+            file_has("etc/hostapd.conf", "interface=wlan0\nctrl_interface=/run/hostapd\ncountry_code=NL\n"),
+            "warning hostapd.wpa: the access point has no passphrase (no wpa= in /etc/hostapd.conf)", 1,
+            "wpa=2"},
         Broken{"no country",
                [](HealthyDevice& device) {
                    std::string text = HealthyDevice::kTemplate;
@@ -603,35 +597,24 @@ INSTANTIATE_TEST_SUITE_P(
                },
                "bad hostapd.dialect: hostapd does not know acs_blacklist, which the daemon always writes", 2,
                "vantora-device"},
-        Broken{"hostapd hangs", [](HealthyDevice& device) { device.commands.hangs(HealthyDevice::kJudge); },
+        Broken{"hostapd hangs", command_hangs(HealthyDevice::kJudge),
                "unseen hostapd.accepted: hostapd gives no judgement on the template", 1, "hostapd -v"}));
 
 INSTANTIATE_TEST_SUITE_P(
     Supplicant, DoctorFindsBroken,
     testing::Values(
-        Broken{"no file",
-               [](HealthyDevice& device) {
-                   device.remove("etc/wpa_supplicant/wpa_supplicant-nl80211-wlan0.conf");
-               },
+        Broken{"no file", without_file("etc/wpa_supplicant/wpa_supplicant-nl80211-wlan0.conf"),
                "bad supplicant.file: there is no /etc/wpa_supplicant/wpa_supplicant-nl80211-wlan0.conf", 2,
                "ctrl_interface="},
         Broken{
-            "no control socket",
-            [](HealthyDevice& device) {
-                device.root.write("etc/wpa_supplicant/wpa_supplicant-nl80211-wlan0.conf", "\n");
-            },
+            "no control socket", file_has("etc/wpa_supplicant/wpa_supplicant-nl80211-wlan0.conf", "\n"),
             "warning supplicant.file: /etc/wpa_supplicant/wpa_supplicant-nl80211-wlan0.conf has no ctrl_interface",
             1, "ctrl_interface=/var/run/wpa_supplicant"},
-        Broken{"nobody stands in",
-               [](HealthyDevice& device) {
-                   device.system.unit("vantora-supplicant-names.service")["LoadState"] = "not-found";
-               },
+        Broken{"nobody stands in", unit_has("vantora-supplicant-names.service", "LoadState", "not-found"),
                "warning supplicant.stand-in: vantora-supplicant-names is not installed", 1,
                "apt install vantora-supplicant-names"},
         Broken{"the stand-in does not run",
-               [](HealthyDevice& device) {
-                   device.system.unit("vantora-supplicant-names.service")["ActiveState"] = "inactive";
-               },
+               unit_has("vantora-supplicant-names.service", "ActiveState", "inactive"),
                "bad supplicant.stand-in: vantora-supplicant-names does not run", 2,
                "systemctl start vantora-supplicant-names.service"},
         Broken{
@@ -643,10 +626,7 @@ INSTANTIATE_TEST_SUITE_P(
             "bad supplicant.newer-name: fi.w1.wpa_supplicant1 is owned by another wpa_supplicant than that of "
             "wpa_supplicant-nl80211@wlan0.service",
             2, "systemctl mask --now wpa_supplicant.service"},
-        Broken{"no newer name",
-               [](HealthyDevice& device) {
-                   device.system.unit("wpa_supplicant-nl80211@wlan0.service")["ActiveState"] = "active";
-               },
+        Broken{"no newer name", unit_has("wpa_supplicant-nl80211@wlan0.service", "ActiveState", "active"),
                "bad supplicant.newer-name: nobody owns fi.w1.wpa_supplicant1, though its unit runs", 2, "-u"},
         Broken{"no older name",
                [](HealthyDevice& device) {
@@ -678,100 +658,64 @@ INSTANTIATE_TEST_SUITE_P(
 INSTANTIATE_TEST_SUITE_P(
     Ours, DoctorFindsBroken,
     testing::Values(
-        Broken{"no activation",
-               [](HealthyDevice& device) {
-                   device.remove("usr/share/dbus-1/services/com.vantora.Network1.service");
-               },
+        Broken{"no activation", without_file("usr/share/dbus-1/services/com.vantora.Network1.service"),
                "warning files.com.vantora.Network1: there is no activation file of com.vantora.Network1", 1,
                "--reinstall vantora-network"},
         Broken{
             "another activation",
-            [](HealthyDevice& device) {
-                device.root.write("usr/share/dbus-1/services/com.vantora.common.Settings1.service",
-                                  "Name=com.vantora.common.Settings1\nExec=/bin/false\n");
-            },
+            file_has("usr/share/dbus-1/services/com.vantora.common.Settings1.service",
+                     "Name=com.vantora.common.Settings1\nExec=/bin/false\n"),
             "warning files.com.vantora.common.Settings1: the activation file of com.vantora.common.Settings1 does not "
             "start vantora-settingsd.service",
             1, "--reinstall vantora-settingsd"},
-        Broken{"no policy",
-               [](HealthyDevice& device) {
-                   device.remove("usr/share/dbus-1/system.d/vantora-supplicant-names.conf");
-               },
+        Broken{"no policy", without_file("usr/share/dbus-1/system.d/vantora-supplicant-names.conf"),
                "bad files.policy: the bus policy of vantora-supplicant-names is missing", 2,
                "systemctl reload dbus"},
         Broken{"no settings daemon",
                [](HealthyDevice& device) { device.user.leaves("com.vantora.common.Settings1"); },
                "warning settings.daemon: no settings daemon runs", 1, "systemctl start vantora-settingsd"},
-        Broken{
-            "a mode that is none",
-            [](HealthyDevice& device) {
-                device.user
-                    .answers["Get /com/vantora/common/Settings1/network com.vantora.common.Settings1 mode"] =
-                    PlayedBus::answered("Hots");
-            },
-            "warning settings.network.mode: the setting network.mode is Hots, not Host or Client", 1,
-            "busctl --user set-property"},
+        Broken{"a mode that is none",
+               user_bus_answers("Get /com/vantora/common/Settings1/network com.vantora.common.Settings1 mode",
+                                PlayedBus::answered("Hots")),
+               "warning settings.network.mode: the setting network.mode is Hots, not Host or Client", 1,
+               "busctl --user set-property"},
         Broken{
             "a name that is too long",
-            [](HealthyDevice& device) {
-                device.user.answers
-                    ["Get /com/vantora/common/Settings1/device com.vantora.common.Settings1 deviceName"] =
-                    PlayedBus::answered("123456789012345678901234567890123");
-            },
+            user_bus_answers(
+                "Get /com/vantora/common/Settings1/device com.vantora.common.Settings1 deviceName",
+                PlayedBus::answered("123456789012345678901234567890123")),
             "warning settings.device.deviceName: the setting device.deviceName is 123456789012345678901234567890123, not "
             "a text of 1 to 32 bytes",
             1, "busctl"},
         Broken{"a band of another type",
-               [](HealthyDevice& device) {
-                   device.user.answers
-                       ["Get /com/vantora/common/Settings1/network com.vantora.common.Settings1 frequency"] =
-                       PlayedBus::answered(5);
-               },
+               user_bus_answers(
+                   "Get /com/vantora/common/Settings1/network com.vantora.common.Settings1 frequency",
+                   PlayedBus::answered(5)),
                "warning settings.network.frequency: the setting network.frequency is 5, not 2.4 or 5", 1,
                "busctl"},
         Broken{
             "a setting without an answer",
-            [](HealthyDevice& device) {
-                device.user.answers
-                    ["Get /com/vantora/common/Settings1/network com.vantora.common.Settings1 enabled"] =
-                    PlayedBus::silent();
-            },
+            user_bus_answers("Get /com/vantora/common/Settings1/network com.vantora.common.Settings1 enabled",
+                             PlayedBus::silent()),
             "warning settings.network.enabled: the setting network.enabled cannot be read: Connection timed out",
             1, "journalctl"},
-        Broken{"a damaged file",
-               [](HealthyDevice& device) {
-                   device.root.write("var/lib/vantora-settingsd/settings.json.damaged-1", "");
-               },
+        Broken{"a damaged file", file_has("var/lib/vantora-settingsd/settings.json.damaged-1", ""),
                "warning settings.damaged: a damaged settings file was kept: "
                "/var/lib/vantora-settingsd/settings.json.damaged-1",
                1, "remove that file"},
-        Broken{"the daemon hangs",
-               [](HealthyDevice& device) {
-                   device.user.answers["Get /com/vantora/Network1 com.vantora.Network1.WiFi Mode"] =
-                       PlayedBus::silent();
-               },
-               "bad daemon.answers: the daemon does not answer: Connection timed out", 2, "journalctl"},
-        Broken{"the daemon is masked",
-               [](HealthyDevice& device) {
-                   device.system.unit("vantora-network.service")["LoadState"] = "masked";
-               },
+        Broken{
+            "the daemon hangs",
+            user_bus_answers("Get /com/vantora/Network1 com.vantora.Network1.WiFi Mode", PlayedBus::silent()),
+            "bad daemon.answers: the daemon does not answer: Connection timed out", 2, "journalctl"},
+        Broken{"the daemon is masked", unit_has("vantora-network.service", "LoadState", "masked"),
                "bad daemon.unit: vantora-network.service is masked", 2,
                "systemctl unmask vantora-network.service"},
-        Broken{"the daemon is not installed",
-               [](HealthyDevice& device) {
-                   device.system.unit("vantora-network.service")["LoadState"] = "not-found";
-               },
+        Broken{"the daemon is not installed", unit_has("vantora-network.service", "LoadState", "not-found"),
                "bad daemon.unit: vantora-network.service is not installed", 2, "apt install vantora-network"},
-        Broken{"the daemon is disabled",
-               [](HealthyDevice& device) {
-                   device.system.unit("vantora-network.service")["UnitFileState"] = "disabled";
-               },
+        Broken{"the daemon is disabled", unit_has("vantora-network.service", "UnitFileState", "disabled"),
                "warning daemon.unit: vantora-network.service is disabled", 1,
                "systemctl enable vantora-network.service"},
-        Broken{"the daemon has failed",
-               [](HealthyDevice& device) {
-                   device.system.unit("vantora-network.service")["ActiveState"] = "failed";
-               },
+        Broken{"the daemon has failed", unit_has("vantora-network.service", "ActiveState", "failed"),
                "bad daemon.running: the daemon does not run: its unit is failed", 2, "journalctl -b -u"},
         Broken{"the daemon was never started",
                [](HealthyDevice& device) {
