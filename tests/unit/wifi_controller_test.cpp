@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <map>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -24,8 +25,10 @@ namespace {
 
 using testing::ElementsAreArray;
 using testing_support::captured_log;
+using testing_support::error;
 using testing_support::line;
 using testing_support::LogLine;
+using testing_support::warning;
 
 /** Priority under which calls stand in the log. */
 constexpr int kCall = -1;
@@ -58,9 +61,9 @@ std::vector<LogLine> heading(const std::string& text)
     return {kSeparator, {LOG_INFO, text}, kSeparator};
 }
 
-std::vector<LogLine> operator+(std::vector<LogLine> lines, const std::vector<LogLine>& more)
+std::vector<LogLine> operator+(std::vector<LogLine> lines, const LogLine& next)
 {
-    lines.insert(lines.end(), more.begin(), more.end());
+    lines.push_back(next);
     return lines;
 }
 
@@ -257,143 +260,89 @@ TEST_F(WifiController, ModeIsUnknownWithoutAMessageWhenNoPipeCanBeOpened)
     expect_log({});
 }
 
-// Client mode
+// Client mode and Host mode
 
 const std::string kClientStart = "[WiFi] Start Client mode";
 const std::string kClientStop = "[WiFi] Stop Client mode";
-
-TEST_F(WifiController, ClientStartStartsTheStationAndThenRemovesAddresses)
-{
-    EXPECT_EQ(wifi_client_start(), 1);
-    expect_log(heading(kClientStart) +
-               std::vector<LogLine>{call("wpa_supplicant_start"), call("utils_flush_ip"), kSeparator});
-}
-
-TEST_F(WifiController, ClientStartGivesUpWhenTheStationDoesNotStart)
-{
-    results["wpa_supplicant_start"] = 0;
-    EXPECT_EQ(wifi_client_start(), 0);
-    expect_log(heading(kClientStart) +
-               std::vector<LogLine>{call("wpa_supplicant_start"),
-                                    {LOG_ERR, "[WiFi] wifi_client_start: Failed to start WPA supplicant"}});
-}
-
-TEST_F(WifiController, ClientStartGoesOnWhenAddressesCanNotBeRemoved)
-{
-    results["utils_flush_ip"] = 0;
-    EXPECT_EQ(wifi_client_start(), 1);
-    expect_log(heading(kClientStart) + std::vector<LogLine>{call("wpa_supplicant_start"),
-                                                            call("utils_flush_ip"), kFlushFailed,
-                                                            kSeparator});
-}
-
-TEST_F(WifiController, ClientStopStopsTheDhcpClientAndThenTheStation)
-{
-    EXPECT_EQ(wifi_client_stop(), 1);
-    expect_log(heading(kClientStop) +
-               std::vector<LogLine>{call("dhcp_client_stop"), call("wpa_supplicant_stop"), kSeparator});
-}
-
-TEST_F(WifiController, ClientStopLeavesTheStationAloneWhenTheDhcpClientDoesNotStop)
-{
-    results["dhcp_client_stop"] = 0;
-    EXPECT_EQ(wifi_client_stop(), 0);
-    expect_log(
-        heading(kClientStop) +
-        std::vector<LogLine>{call("dhcp_client_stop"), {LOG_ERR, "wifi_client_stop: Unable to stop udhcpc"}});
-}
-
-TEST_F(WifiController, ClientStopFailsWhenTheStationDoesNotStop)
-{
-    results["wpa_supplicant_stop"] = 0;
-    EXPECT_EQ(wifi_client_stop(), 0);
-    expect_log(heading(kClientStop) +
-               std::vector<LogLine>{call("dhcp_client_stop"),
-                                    call("wpa_supplicant_stop"),
-                                    {LOG_ERR, "Failed to stop WPE Supplicant service"}});
-}
-
-// Host mode
-
 const std::string kHostStart = "[WiFi] Start Host mode";
 const std::string kHostStop = "[WiFi] Stop Host mode";
 const std::string kAddAddress = "utils_add_ip 192.168.8.1/24";
 
-TEST_F(WifiController, HostStartSetsTheAddressAndStartsAccessPointAndDhcpServer)
+/** A sequence: which call fails, what it yields then, and its calls and lines. */
+struct Sequence
 {
-    EXPECT_EQ(wifi_host_start(), 1);
-    expect_log(heading(kHostStart) + std::vector<LogLine>{call("utils_flush_ip"), call(kAddAddress),
-                                                          call("hostapd_start"), call("dhcp_server_start"),
-                                                          kSeparator});
+    const char* name;
+    int (*run)();
+    std::string failing;
+    int result;
+    std::vector<LogLine> steps;
+};
+
+void PrintTo(const Sequence& sequence, std::ostream* out)
+{
+    *out << sequence.name;
 }
 
-TEST_F(WifiController, HostStartGoesOnWhenAddressesCanNotBeRemoved)
+class WifiSequence : public WifiController, public testing::WithParamInterface<Sequence>
 {
-    results["utils_flush_ip"] = 0;
-    EXPECT_EQ(wifi_host_start(), 1);
-    expect_log(heading(kHostStart) + std::vector<LogLine>{call("utils_flush_ip"), kFlushFailed,
-                                                          call(kAddAddress), call("hostapd_start"),
-                                                          call("dhcp_server_start"), kSeparator});
+};
+
+TEST_P(WifiSequence, EndsWithItsResultAfterTheseSteps)
+{
+    if (!GetParam().failing.empty()) {
+        results[GetParam().failing] = 0;
+    }
+    EXPECT_EQ(GetParam().run(), GetParam().result);
+    expect_log(GetParam().steps);
 }
 
-TEST_F(WifiController, HostStartStartsNothingWithoutTheAddress)
-{
-    results[kAddAddress] = 0;
-    EXPECT_EQ(wifi_host_start(), 0);
-    expect_log(heading(kHostStart) +
-               std::vector<LogLine>{call("utils_flush_ip"),
-                                    call(kAddAddress),
-                                    {LOG_ERR, "[WiFi] wifi_host_start: Failed to add IP address"}});
-}
-
-TEST_F(WifiController, HostStartLeavesTheDhcpServerAloneWhenTheAccessPointDoesNotStart)
-{
-    results["hostapd_start"] = 0;
-    EXPECT_EQ(wifi_host_start(), 0);
-    expect_log(heading(kHostStart) +
-               std::vector<LogLine>{call("utils_flush_ip"),
-                                    call(kAddAddress),
-                                    call("hostapd_start"),
-                                    {LOG_WARNING, "[WiFi] Failed to start hostapd service"}});
-}
-
-TEST_F(WifiController, HostStartLeavesTheAccessPointUpWhenTheDhcpServerDoesNotStart)
-{
-    results["dhcp_server_start"] = 0;
-    EXPECT_EQ(wifi_host_start(), 0);
-    expect_log(heading(kHostStart) +
-               std::vector<LogLine>{call("utils_flush_ip"),
-                                    call(kAddAddress),
-                                    call("hostapd_start"),
-                                    call("dhcp_server_start"),
-                                    {LOG_WARNING, "[WiFi] Failed to start udhcpd service"}});
-}
-
-TEST_F(WifiController, HostStopStopsTheDhcpServerAndThenTheAccessPoint)
-{
-    EXPECT_EQ(wifi_host_stop(), 1);
-    expect_log(heading(kHostStop) +
-               std::vector<LogLine>{call("dhcp_server_stop"), call("hostapd_stop"), kSeparator});
-}
-
-TEST_F(WifiController, HostStopLeavesTheAccessPointAloneWhenTheDhcpServerDoesNotStop)
-{
-    results["dhcp_server_stop"] = 0;
-    EXPECT_EQ(wifi_host_stop(), 0);
-    expect_log(heading(kHostStop) +
-               std::vector<LogLine>{call("dhcp_server_stop"),
-                                    {LOG_WARNING, "[WiFi] Failed to stop udhcpd service"}});
-}
-
-TEST_F(WifiController, HostStopFailsWhenTheAccessPointDoesNotStop)
-{
-    results["hostapd_stop"] = 0;
-    EXPECT_EQ(wifi_host_stop(), 0);
-    expect_log(heading(kHostStop) +
-               std::vector<LogLine>{call("dhcp_server_stop"),
-                                    call("hostapd_stop"),
-                                    {LOG_WARNING, "[WiFi] Failed to stop hostapd service"}});
-}
+INSTANTIATE_TEST_SUITE_P(
+    All, WifiSequence,
+    testing::Values(
+        Sequence{"ClientStartStartsTheStationAndThenRemovesAddresses", wifi_client_start, "", 1,
+                 heading(kClientStart) + call("wpa_supplicant_start") + call("utils_flush_ip") + kSeparator},
+        Sequence{"ClientStartGivesUpWhenTheStationDoesNotStart", wifi_client_start, "wpa_supplicant_start", 0,
+                 heading(kClientStart) + call("wpa_supplicant_start") +
+                     error("[WiFi] wifi_client_start: Failed to start WPA supplicant")},
+        Sequence{"ClientStartGoesOnWhenAddressesCanNotBeRemoved", wifi_client_start, "utils_flush_ip", 1,
+                 heading(kClientStart) + call("wpa_supplicant_start") + call("utils_flush_ip") +
+                     kFlushFailed + kSeparator},
+        Sequence{"ClientStopStopsTheDhcpClientAndThenTheStation", wifi_client_stop, "", 1,
+                 heading(kClientStop) + call("dhcp_client_stop") + call("wpa_supplicant_stop") + kSeparator},
+        Sequence{"ClientStopLeavesTheStationAloneWhenTheDhcpClientDoesNotStop", wifi_client_stop,
+                 "dhcp_client_stop", 0,
+                 heading(kClientStop) + call("dhcp_client_stop") +
+                     error("wifi_client_stop: Unable to stop udhcpc")},
+        Sequence{"ClientStopFailsWhenTheStationDoesNotStop", wifi_client_stop, "wpa_supplicant_stop", 0,
+                 heading(kClientStop) + call("dhcp_client_stop") + call("wpa_supplicant_stop") +
+                     error("Failed to stop WPE Supplicant service")},
+        Sequence{"HostStartSetsTheAddressAndStartsAccessPointAndDhcpServer", wifi_host_start, "", 1,
+                 heading(kHostStart) + call("utils_flush_ip") + call(kAddAddress) + call("hostapd_start") +
+                     call("dhcp_server_start") + kSeparator},
+        Sequence{"HostStartGoesOnWhenAddressesCanNotBeRemoved", wifi_host_start, "utils_flush_ip", 1,
+                 heading(kHostStart) + call("utils_flush_ip") + kFlushFailed + call(kAddAddress) +
+                     call("hostapd_start") + call("dhcp_server_start") + kSeparator},
+        Sequence{"HostStartStartsNothingWithoutTheAddress", wifi_host_start, kAddAddress, 0,
+                 heading(kHostStart) + call("utils_flush_ip") + call(kAddAddress) +
+                     error("[WiFi] wifi_host_start: Failed to add IP address")},
+        Sequence{"HostStartLeavesTheDhcpServerAloneWhenTheAccessPointDoesNotStart", wifi_host_start,
+                 "hostapd_start", 0,
+                 heading(kHostStart) + call("utils_flush_ip") + call(kAddAddress) + call("hostapd_start") +
+                     warning("[WiFi] Failed to start hostapd service")},
+        Sequence{"HostStartLeavesTheAccessPointUpWhenTheDhcpServerDoesNotStart", wifi_host_start,
+                 "dhcp_server_start", 0,
+                 heading(kHostStart) + call("utils_flush_ip") + call(kAddAddress) + call("hostapd_start") +
+                     call("dhcp_server_start") + warning("[WiFi] Failed to start udhcpd service")},
+        Sequence{"HostStopStopsTheDhcpServerAndThenTheAccessPoint", wifi_host_stop, "", 1,
+                 heading(kHostStop) + call("dhcp_server_stop") + call("hostapd_stop") + kSeparator},
+        Sequence{"HostStopLeavesTheAccessPointAloneWhenTheDhcpServerDoesNotStop", wifi_host_stop,
+                 "dhcp_server_stop", 0,
+                 heading(kHostStop) + call("dhcp_server_stop") +
+                     warning("[WiFi] Failed to stop udhcpd service")},
+        Sequence{"HostStopFailsWhenTheAccessPointDoesNotStop", wifi_host_stop, "hostapd_stop", 0,
+                 heading(kHostStop) + call("dhcp_server_stop") + call("hostapd_stop") +
+                     warning("[WiFi] Failed to stop hostapd service")}),
+    [](const auto& tested) { return tested.param.name; });
 
 // Switching
 
