@@ -3,26 +3,12 @@
 from __future__ import annotations
 
 import pytest
-from control import (
-    DHCP_SERVER,
-    READ_MODE,
-    READ_POWER,
-    REFUSED,
-    START_CLIENT,
-    START_HOST,
-    STOP_CLIENT,
-    STOP_HOST,
-    bring_up_quietly,
-    control_logs,
-    logs,
-    steps,
-)
+from control import ANNOUNCE_CLIENT, ANNOUNCE_HOST, DHCP_SERVER, READ_MODE, READ_POWER, REFUSED, START_CLIENT, START_HOST
+from control import STOP_CLIENT, STOP_HOST, bring_up_quietly, control_logs, logs, steps
 from settings_texts import set_failed
 from vantora_sim import CallRefused, Variant, World, call
 
 WRITTEN = ("info", "[Main] 'ChangeMode' d-bus method called")
-ANNOUNCE_CLIENT = [READ_POWER, READ_MODE, "announce Mode=Client"]
-ANNOUNCE_HOST = [READ_POWER, READ_MODE, "announce Mode=Host"]
 
 
 def test_a_write_is_stored_applied_and_announced(world: World) -> None:

@@ -2,24 +2,11 @@
 
 from __future__ import annotations
 
-from collections.abc import Callable
+from collections.abc import Callable, Sequence
 
 import pytest
-from control import (
-    HOSTAPD,
-    READ_CONFIG,
-    READ_MODE,
-    READ_POWER,
-    REFUSED,
-    START_CLIENT,
-    START_HOST,
-    STOP_CLIENT,
-    STOP_HOST,
-    bring_up_quietly,
-    control_logs,
-    logs,
-    steps,
-)
+from control import ANNOUNCE_CLIENT, ANNOUNCE_HOST, HOSTAPD, READ_CONFIG, READ_POWER, REFUSED, START_CLIENT, START_HOST
+from control import STOP_CLIENT, STOP_HOST, bring_up_quietly, control_logs, logs, steps
 from vantora_sim import CallRefused, Variant, World
 
 Switch = Callable[[World, bool], None]
@@ -35,6 +22,16 @@ def by_setting(world: World, on: bool) -> None:
     world.settings.change("network", enabled=on)
 
 
+def switched_off(*stop: str) -> list[str]:
+    """The steps of switching off where this stops the stored mode."""
+    return [READ_POWER, *READ_CONFIG, "rfkill block wlan", *stop, READ_POWER, "announce WiFiState=0"]
+
+
+def switched_on(*switch: str, announced: Sequence[str]) -> list[str]:
+    """The steps of switching on where this brings the stored mode about."""
+    return [READ_POWER, *READ_CONFIG, "rfkill unblock wlan", *switch, *announced, READ_POWER, "announce WiFiState=1"]
+
+
 both_ways = pytest.mark.parametrize("switch", [by_property, by_setting])
 
 
@@ -43,7 +40,7 @@ def test_switching_off_blocks_the_radio_then_stops_the_stored_mode_then_announce
     bring_up_quietly(world)
     mark = world.journal.mark()
     switch(world, False)
-    assert steps(world, mark) == [READ_POWER, *READ_CONFIG, "rfkill block wlan", *STOP_HOST, READ_POWER, "announce WiFiState=0"]
+    assert steps(world, mark) == switched_off(*STOP_HOST)
     assert control_logs(world, mark) == []
     assert logs(world, mark)[:3] == [
         ("info", "Read settings from Settings Daemon"),
@@ -58,18 +55,7 @@ def test_switching_on_starts_the_stored_mode_and_announces_mode_then_state(world
     bring_up_quietly(world)
     mark = world.journal.mark()
     switch(world, True)
-    assert steps(world, mark) == [
-        READ_POWER,
-        *READ_CONFIG,
-        "rfkill unblock wlan",
-        *STOP_CLIENT,
-        *START_HOST,
-        READ_POWER,
-        READ_MODE,
-        "announce Mode=Host",
-        READ_POWER,
-        "announce WiFiState=1",
-    ]
+    assert steps(world, mark) == switched_on(*STOP_CLIENT, *START_HOST, announced=ANNOUNCE_HOST)
     assert control_logs(world, mark) == []
 
 
@@ -88,18 +74,7 @@ def test_switching_on_takes_the_stored_mode_not_the_one_of_the_interface(world: 
     world.settings.set("network", "mode", "Client")
     mark = world.journal.mark()
     world.set("WiFiState", 1)
-    assert steps(world, mark) == [
-        READ_POWER,
-        *READ_CONFIG,
-        "rfkill unblock wlan",
-        *STOP_HOST,
-        *START_CLIENT,
-        READ_POWER,
-        READ_MODE,
-        "announce Mode=Client",
-        READ_POWER,
-        "announce WiFiState=1",
-    ]
+    assert steps(world, mark) == switched_on(*STOP_HOST, *START_CLIENT, announced=ANNOUNCE_CLIENT)
 
 
 def test_switching_off_stops_the_stored_mode_though_the_interface_is_in_the_other(world: World) -> None:
@@ -107,14 +82,7 @@ def test_switching_off_stops_the_stored_mode_though_the_interface_is_in_the_othe
     world.settings.set("network", "mode", "Client")
     mark = world.journal.mark()
     world.set("WiFiState", 0)
-    assert steps(world, mark) == [
-        READ_POWER,
-        *READ_CONFIG,
-        "rfkill block wlan",
-        *STOP_CLIENT,
-        READ_POWER,
-        "announce WiFiState=0",
-    ]
+    assert steps(world, mark) == switched_off(*STOP_CLIENT)
 
 
 @both_ways

@@ -108,6 +108,15 @@ def test_address_of_wlan0_stops_the_server_until_the_next_address_on_the_wire(st
         assert world.systemd.active[WIRED_DHCP_SERVER] == (interface == "eth0")
 
 
+def add_on_the_wire(world: World) -> int:
+    """Bring a still daemon up and give `eth0` an address; returns the mark before it."""
+    world.tools.ip.output("")
+    world.up()
+    mark = world.journal.mark()
+    world.add_address("10.0.0.1/24", "eth0")
+    return mark
+
+
 @pytest.mark.parametrize(
     "line",
     ["console=tty0 root=/dev/nfs rw\n", "root=/dev/nfs", "x" * 486 + "root=/dev/nfs", "noroot=/dev/nfsroot=1\nsecond line\n"],
@@ -115,10 +124,7 @@ def test_address_of_wlan0_stops_the_server_until_the_next_address_on_the_wire(st
 )
 def test_on_a_network_root_an_address_added_on_the_wire_stops_and_disables_the_server(world: World, line: str) -> None:
     world.set_kernel_command_line(line)
-    world.tools.ip.output("")
-    world.up()
-    mark = world.journal.mark()
-    world.add_address("10.0.0.1/24", "eth0")
+    mark = add_on_the_wire(world)
     expect_stopped_and_disabled(world, event("eth0", "10.0.0.1", "Added"), mark)
     assert world.journal.count(call("EnableUnitFiles")) == 0
 
@@ -130,19 +136,13 @@ def test_on_a_network_root_an_address_added_on_the_wire_stops_and_disables_the_s
 )
 def test_on_any_other_root_an_address_added_on_the_wire_starts_the_server(world: World, line: str) -> None:
     world.set_kernel_command_line(line)
-    world.tools.ip.output("")
-    world.up()
-    mark = world.journal.mark()
-    world.add_address("10.0.0.1/24", "eth0")
+    mark = add_on_the_wire(world)
     world.journal.wait_for(log(*STARTED), mark)
 
 
 def test_unreadable_kernel_command_line_is_logged_and_taken_for_no_network_root(world: World) -> None:
     world.hide_kernel_command_line()
-    world.tools.ip.output("")
-    world.up()
-    mark = world.journal.mark()
-    world.add_address("10.0.0.1/24", "eth0")
+    mark = add_on_the_wire(world)
     world.journal.expect_logs_in_order(
         [event("eth0", "10.0.0.1", "Added"), ("err", "Failed to open /proc/cmdline"), TRYING, ENABLED], mark
     )

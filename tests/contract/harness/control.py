@@ -30,6 +30,8 @@ READ_CONFIG = ["get network.enabled", "get network.mode", "get network.frequency
 
 READ_POWER = "rfkill list wlan"
 READ_MODE = "iw dev wlan0 info"
+ANNOUNCE_CLIENT = [READ_POWER, READ_MODE, "announce Mode=Client"]
+ANNOUNCE_HOST = [READ_POWER, READ_MODE, "announce Mode=Host"]
 
 _CONTROL = re.compile(r"\[Main\]|set_wifi_|Set 'SSID' property")
 

@@ -45,13 +45,18 @@ def expect_job(world: World, mark: int, line: str, verb: str, unit: str, number:
     world.journal.expect_logs_in_order([("info", line), loaded_log(unit), queued_log(verb, unit, number)], mark)
 
 
+def expect_stopped(world: World, mode: str, line: str, unit: str) -> None:
+    """The unit goes with the mode that another one takes the place of."""
+    mark = world.journal.mark()
+    world.set("Mode", mode)
+    expect_job(world, mark, line, "Stop", unit, 5)
+    assert not world.systemd.active[unit]
+
+
 def test_dhcp_server_is_stopped_when_the_access_point_ends(world: World) -> None:
     world.tools.ip.output("")
     world.up()
-    mark = world.journal.mark()
-    world.set("Mode", "Client")
-    expect_job(world, mark, "Stoping UDHCP daemon service", "Stop", DHCP_SERVER, 5)
-    assert not world.systemd.active[DHCP_SERVER]
+    expect_stopped(world, "Client", "Stoping UDHCP daemon service", DHCP_SERVER)
 
 
 def test_dhcp_client_is_restarted_by_an_association_and_stopped_when_the_station_ends(world: World) -> None:
@@ -62,10 +67,7 @@ def test_dhcp_client_is_restarted_by_an_association_and_stopped_when_the_station
     expect_job(world, mark, "Re-Starting UDHCP client service", "Restart", DHCP_CLIENT, 4)
     assert world.systemd.active[DHCP_CLIENT]
 
-    mark = world.journal.mark()
-    world.set("Mode", "Host")
-    expect_job(world, mark, "Stoping UDHCP client service", "Stop", DHCP_CLIENT, 5)
-    assert not world.systemd.active[DHCP_CLIENT]
+    expect_stopped(world, "Host", "Stoping UDHCP client service", DHCP_CLIENT)
 
 
 def test_refused_look_up_of_a_dhcp_unit_does_not_keep_the_mode_from_being_switched(world: World) -> None:

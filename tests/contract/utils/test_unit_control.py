@@ -53,15 +53,18 @@ def test_nothing_but_these_calls_is_made_of_systemd(station_world: World) -> Non
     assert station_world.journal.count(call("GetUnit")) == 0
 
 
+def restarts_with(world: World, *lines: tuple[str, str]) -> int:
+    """An association restarts the DHCP client, and these lines tell of it; returns the mark before it."""
+    mark = associate(world)
+    world.journal.expect_logs_in_order([("info", "Re-Starting UDHCP client service"), *lines], mark)
+    return mark
+
+
 def test_failed_look_up_is_logged_and_the_job_is_tried_with_an_empty_path(station_world: World) -> None:
     world = station_world
     for name, text, reason in REFUSALS:
         world.systemd.refuse("LoadUnit", name=name, text=text)
-        mark = associate(world)
-        world.journal.expect_logs_in_order(
-            [("info", "Re-Starting UDHCP client service"), load_failed_log(DHCP_CLIENT, reason), empty_path_log("Restart")],
-            mark,
-        )
+        mark = restarts_with(world, load_failed_log(DHCP_CLIENT, reason), empty_path_log("Restart"))
         assert world.journal.count(call("Restart"), mark) == 0
         assert world.journal.count(log(text=re.compile("Failed to restart UDHCPC")), mark) == 0
         world.systemd.clear()
@@ -71,26 +74,14 @@ def test_look_up_fails_when_systemd_vanishes_and_while_it_is_absent(station_worl
     world = station_world
     world.systemd.vanish("LoadUnit")
     for reason in (VANISHED, ABSENT):
-        mark = associate(world)
-        world.journal.expect_logs_in_order(
-            [("info", "Re-Starting UDHCP client service"), load_failed_log(DHCP_CLIENT, reason), empty_path_log("Restart")],
-            mark,
-        )
+        restarts_with(world, load_failed_log(DHCP_CLIENT, reason), empty_path_log("Restart"))
 
 
 def test_unreadable_look_up_is_logged_and_the_job_is_tried_with_an_empty_path(station_world: World) -> None:
     world = station_world
     for signature, body in UNREADABLE:
         world.systemd.reply("LoadUnit", signature, body)
-        mark = associate(world)
-        world.journal.expect_logs_in_order(
-            [
-                ("info", "Re-Starting UDHCP client service"),
-                ("err", "utils_load_service_unit: Failed to read response"),
-                empty_path_log("Restart"),
-            ],
-            mark,
-        )
+        restarts_with(world, ("err", "utils_load_service_unit: Failed to read response"), empty_path_log("Restart"))
         world.systemd.clear()
 
 
@@ -98,15 +89,7 @@ def test_refused_restart_is_logged_and_taken_for_success(station_world: World) -
     world = station_world
     for name, text, reason in REFUSALS:
         world.systemd.refuse("Restart", name=name, text=text)
-        mark = associate(world)
-        world.journal.expect_logs_in_order(
-            [
-                ("info", "Re-Starting UDHCP client service"),
-                loaded_log(DHCP_CLIENT),
-                job_failed_log("Restart", DHCP_CLIENT, reason),
-            ],
-            mark,
-        )
+        mark = restarts_with(world, loaded_log(DHCP_CLIENT), job_failed_log("Restart", DHCP_CLIENT, reason))
         assert world.journal.count(log(text=re.compile("Failed to restart UDHCPC")), mark) == 0
         world.systemd.clear()
 
