@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import signal as signals
 from collections.abc import Callable, Sequence
+from typing import Any
 
 
 import pytest
@@ -149,6 +150,11 @@ HOLDS = "the request, and all that come after it, are answered when the command 
 def rows(tool: str) -> list[Row | Impossible]:
     garbage, garbled = GARBLED[tool]
     flood, flooding = FLOODING[tool]
+
+    def broken(kind: Kind, how: str, asked: Sequence[Asked], begin: Callable[[World], Any]) -> Row:
+        """A fault that begins in a running daemon and ends when the tool behaves again."""
+        return Row(kind, how, asked, begin, end=behave, name=f"{tool} {kind}")
+
     return [
         Row(
             Kind.ABSENT,
@@ -159,13 +165,8 @@ def rows(tool: str) -> list[Row | Impossible]:
             environment={"PATH": f"/{TOOLBOX}"},
             name=f"{tool} {Kind.ABSENT}",
         ),
-        Row(
-            Kind.REFUSES,
-            "ends with status 1 and prints nothing",
-            FAILURES[tool](256),
-            lambda world: world.tools[tool].fail(1),
-            end=behave,
-            name=f"{tool} {Kind.REFUSES}",
+        broken(
+            Kind.REFUSES, "ends with status 1 and prints nothing", FAILURES[tool](256), lambda world: world.tools[tool].fail(1)
         ),
         Row(
             Kind.HANGS,
@@ -176,31 +177,10 @@ def rows(tool: str) -> list[Row | Impossible]:
             test=f"test_a_command_that_hangs_holds_all_requests_until_it_ends[{tool}]",
         ),
         Impossible((Kind.WRONG_TYPE,), "text has no types; see garbage"),
-        Row(
-            Kind.GARBAGE,
-            "prints bytes that mean nothing",
-            garbled,
-            lambda world: world.tools[tool].output(garbage),
-            end=behave,
-            name=f"{tool} {Kind.GARBAGE}",
-        ),
-        Row(
-            Kind.DIES,
-            "is killed",
-            FAILURES[tool](KILLED),
-            lambda world: world.tools[tool].die(signals.SIGKILL),
-            end=behave,
-            name=f"{tool} {Kind.DIES}",
-        ),
+        broken(Kind.GARBAGE, "prints bytes that mean nothing", garbled, lambda world: world.tools[tool].output(garbage)),
+        broken(Kind.DIES, "is killed", FAILURES[tool](KILLED), lambda world: world.tools[tool].die(signals.SIGKILL)),
         Impossible((Kind.RESTARTS,), "it is run anew for each question"),
-        Row(
-            Kind.FLOODS,
-            "prints a megabyte",
-            flooding,
-            lambda world: world.tools[tool].output(flood),
-            end=behave,
-            name=f"{tool} {Kind.FLOODS}",
-        ),
+        broken(Kind.FLOODS, "prints a megabyte", flooding, lambda world: world.tools[tool].output(flood)),
     ]
 
 

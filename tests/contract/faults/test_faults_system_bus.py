@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import time
+from collections.abc import Callable
 
 import pytest
 from dbus_next import Message
@@ -42,6 +43,18 @@ WITHOUT_A_BUS = [
 def all_fail(reason: str, waits: float = 0.0) -> list[Asked]:
     """The bus can be opened, and no call comes through."""
     return [*answers_nothing(waits), Asked(TO_CLIENT_MODE, logs=not_found(reason), waits=3 * waits)]
+
+
+def odd_row(kind: Kind, how: str, begin: Callable[[OddBus], None]) -> Row:
+    """A fault of the bus at each new connection, until it behaves again."""
+    return Row(
+        kind,
+        how,
+        all_fail(NOT_LET_IN),
+        lambda world: begin(odd_bus(world)),
+        end=lambda world: odd_bus(world).behave(),
+        environment=ODD,
+    )
 
 
 EVERYTHING = [Asked(request) for request in (SCAN, CONNECT, DISCONNECT, ACCESS_POINTS, TO_CLIENT_MODE)]
@@ -95,14 +108,7 @@ NEIGHBOUR = Neighbour(
             after="used as soon as it is there; the signals of " "wpa_supplicant are heard from the daemon's next start on",
             name=Kind.ABSENT,
         ),
-        Row(
-            Kind.REFUSES,
-            "lets nobody in",
-            all_fail(NOT_LET_IN),
-            lambda world: odd_bus(world).reject(),
-            end=lambda world: odd_bus(world).behave(),
-            environment=ODD,
-        ),
+        odd_row(Kind.REFUSES, "lets nobody in", OddBus.reject),
         Row(
             Kind.HANGS,
             "takes connections and messages, and never answers",
@@ -129,22 +135,8 @@ NEIGHBOUR = Neighbour(
             lines=[NOT_SENT],
             test="test_a_bus_that_stops_reading_in_the_middle_of_a_call_is_given_up_in_time",
         ),
-        Row(
-            Kind.WRONG_TYPE,
-            "greets with a value of another type",
-            all_fail(NOT_LET_IN),
-            lambda world: odd_bus(world).retype("Hello"),
-            end=lambda world: odd_bus(world).behave(),
-            environment=ODD,
-        ),
-        Row(
-            Kind.GARBAGE,
-            "greets with bytes that mean nothing",
-            all_fail(NOT_LET_IN),
-            lambda world: odd_bus(world).garble(),
-            end=lambda world: odd_bus(world).behave(),
-            environment=ODD,
-        ),
+        odd_row(Kind.WRONG_TYPE, "greets with a value of another type", lambda bus: bus.retype("Hello")),
+        odd_row(Kind.GARBAGE, "greets with bytes that mean nothing", OddBus.garble),
         Row(
             Kind.GARBAGE,
             "sends such bytes to the connection that stays",
