@@ -9,14 +9,15 @@ from bench import Device, World
 
 SSID = "Korrin One-3456"
 HARBOUR, HARBOUR_KEY, HARBOUR_ADDRESS = "Harbour", "harbour-passphrase", "192.168.20.1"
+MODES = ("Client", "Host")
 SWITCHES = 20
 
 # What was measured, on the machine's own clock, and how much of it a figure may come to: what is dearer has a reason.
 MOST = 1.5
 TO_CLIENT, TO_HOST = 0.69, 1.22
 """Seconds that a switch took at the most."""
-GROWTH = 36
-"""KiB that the resident memory grew by during the switches."""
+GROWTH = 16
+"""KiB that the process's own memory grew by during the switches, of which there have been as many before."""
 READY = 0.34
 """Seconds from the start of the process."""
 EXECUTABLE, RESIDENT, PROPORTIONAL = 210, 3756, 1571
@@ -34,6 +35,7 @@ class Cost:
     threads: int
     resident_kib: int
     proportional_kib: int
+    anonymous_kib: int
 
 
 def cost(device: Device) -> Cost:
@@ -41,7 +43,7 @@ def cost(device: Device) -> Cost:
     process = device.process()
     output = device.see(
         f"ls /proc/{process}/fd | wc -l; ls /proc/{process}/task | wc -l; "
-        f"awk '/^(Rss|Pss):/ {{ print $2 }}' /proc/{process}/smaps_rollup"
+        f"awk '/^(Rss|Pss|Anonymous):/ {{ print $2 }}' /proc/{process}/smaps_rollup"
     )
     return Cost(*(int(word) for word in output.split()))
 
@@ -60,14 +62,14 @@ def switch(device: Device, mode: str) -> float:
 
 def test_twenty_mode_switches_leak_nothing_and_stick_nowhere(device: Device, world: World) -> None:
     """Twenty switches: each announced and real, and the process holds no more afterwards than before."""
-    for mode in ("Client", "Host"):
-        switch(device, mode)
+    # The heap takes pages for some thirty switches, fewer and fewer, and then none: it is the end of that which counts.
+    for number in range(SWITCHES):
+        switch(device, MODES[number % 2])
     device.wait_for_access_point()
     before = cost(device)
     to_host, to_client = [], []
     for number in range(SWITCHES):
-        mode = ("Client", "Host")[number % 2]
-        (to_client, to_host)[number % 2].append(switch(device, mode))
+        (to_client, to_host)[number % 2].append(switch(device, MODES[number % 2]))
     device.wait_for_access_point()
     world.wait_on_air(SSID)
     after = cost(device)
@@ -77,9 +79,9 @@ def test_twenty_mode_switches_leak_nothing_and_stick_nowhere(device: Device, wor
     device.evidence.figure("switch to Client mode", f"{min(to_client):.2f} to {max(to_client):.2f} s")
     device.evidence.figure("switch to Host mode", f"{min(to_host):.2f} to {max(to_host):.2f} s")
     device.evidence.figure(
-        "memory before and after 20 mode switches", f"{before.resident_kib} and {after.resident_kib} KiB resident"
+        "memory before and after 20 mode switches", f"{before.anonymous_kib} and {after.anonymous_kib} KiB of its own"
     )
-    assert after.resident_kib - before.resident_kib <= MOST * GROWTH, f"{before} {after}"
+    assert after.anonymous_kib - before.anonymous_kib <= MOST * GROWTH, f"{before} {after}"
     assert max(to_client) <= MOST * TO_CLIENT
     assert max(to_host) <= MOST * TO_HOST
 
