@@ -61,6 +61,8 @@ class Tree:
         (root / "scripts").mkdir(parents=True)
         for name in ("image", "built-packages.sh", "debian-root.sh"):
             shutil.copy(ROOT / "scripts" / name, root / "scripts")
+            # The tree may be its owner's alone.
+            (root / "scripts" / name).chmod(0o755)
         common = (ROOT / "scripts/common.sh").read_text()
         own = common.replace("export PATH=", f'export PATH="{root}/bin":')
         assert own != common
