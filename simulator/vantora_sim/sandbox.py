@@ -255,4 +255,6 @@ class Sandbox:
 
     def _enter_command(self) -> list[str]:
         user = [] if os.geteuid() == 0 else ["--user", "--preserve-credentials"]
-        return ["/usr/bin/nsenter", f"--target={self.init}", *user, "--mount", "--net", "--pid", "--ipc", "--uts", "--"]
+        # The namespace's own root is the machine's, which is another one where all of this runs in a chroot.
+        mounts = ["--mount", "--root", "--wdns=/"]
+        return ["/usr/bin/nsenter", f"--target={self.init}", *user, *mounts, "--net", "--pid", "--ipc", "--uts", "--"]

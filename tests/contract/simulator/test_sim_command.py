@@ -40,6 +40,24 @@ def in_shell(build_dir: Path, script: str, *options: str | Path) -> subprocess.C
     return vantora_sim(build_dir, *options, "--", "/bin/sh", "-c", script)
 
 
+def test_it_runs_in_a_chroot_whose_programs_the_machine_does_not_have(build_dir: Path, tmp_path: Path) -> None:
+    if os.geteuid() != 0:
+        pytest.skip("only root changes the root")
+    script = (
+        f"mount --rbind / {tmp_path} && mount --bind {build_dir} {tmp_path}/mnt && "
+        f"exec chroot {tmp_path} {SIMULATOR}/vantora-sim --build-dir /mnt -- /mnt/vantora-wifi mode"
+    )
+    ran = subprocess.run(
+        ["unshare", "--mount", "--propagation", "private", "/bin/sh", "-c", script],
+        capture_output=True,
+        text=True,
+        stdin=subprocess.DEVNULL,
+        timeout=100,
+        check=False,
+    )
+    assert (ran.returncode, ran.stdout) == (0, "host\n"), ran.stderr
+
+
 def test_command_reaches_both_buses_and_its_status_is_passed_on(build_dir: Path) -> None:
     ran = in_shell(
         build_dir,
